@@ -1,0 +1,55 @@
+// A POSIX condition variable, used together with a Mutex that the caller holds.
+#include "Cond.h"
+
+#include "Assert.h"
+#include "Log.h"
+
+static const char* const SOURCE_NAME = "Cond.cpp";
+
+Cond::Cond()
+{
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setpshared(&attr, PTHREAD_PROCESS_PRIVATE);
+    ASSERT_AS(0 == pthread_cond_init(&m_Cond, &attr), "0 == pthread_cond_init(&m_Cond, &attr)",
+              "Cond::Cond()");
+    ASSERT_AS(0 == pthread_condattr_destroy(&attr), "0 == pthread_condattr_destroy(&attr)",
+              "Cond::Cond()");
+}
+
+Cond::~Cond()
+{
+    if (0 != pthread_cond_broadcast(&m_Cond)) {
+        LOG(7, "cond Broadcast failed !!!\n");
+        return;
+    }
+    pthread_cond_destroy(&m_Cond);
+}
+
+RET_E Cond::wait(Mutex& mutex)
+{
+    return (0 == pthread_cond_wait(&m_Cond, &mutex.m_mtx)) ? RET_SUCCESS : RET_FAILED;
+}
+
+RET_E Cond::waitTimeOut(Mutex& mutex, const Time& time)
+{
+    (void)mutex;
+    (void)time;
+    assertionFailed("0", SOURCE_NAME, __LINE__, "RET_E Cond::waitTimeOut(Mutex&, const Time&)");
+}
+
+RET_E Cond::signal()
+{
+    return (0 == pthread_cond_signal(&m_Cond)) ? RET_SUCCESS : RET_FAILED;
+}
+
+RET_E Cond::broadcast()
+{
+    return (0 == pthread_cond_broadcast(&m_Cond)) ? RET_SUCCESS : RET_FAILED;
+}
+
+bool Cond::isWaiting()
+{
+    ASSERT_AS(m_nWaitTimes >= 0, "m_nWaitTimes >= 0", "bool Cond::isWaiting()");
+    return m_nWaitTimes > 0;
+}

@@ -1,0 +1,248 @@
+// A thread that calls one member function again and again, behind a start gate.
+#include "Thread.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "Time.h"
+
+static const char* const SOURCE_NAME = "Thread.cpp";
+
+namespace {
+
+enum : uint32_t
+{
+    FLAG_AT_GATE_ONCE = 1, // the thread has reached the start gate for the first time
+    FLAG_PAST_GATE = 2,    // it has left the gate and not entered it again
+    FLAG_ENDED = 4,        // it has left its loop
+    FLAG_STARTED = 8,      // start() was called, and no stop() since
+};
+
+int32_t currentTid()
+{
+    return static_cast<int32_t>(syscall(SYS_gettid));
+}
+
+} // namespace
+
+Thread::~Thread()
+{
+    destory();
+}
+
+int Thread::create()
+{
+    State& state = *m_pState;
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    int nInherit = 0;
+    int nRet = pthread_attr_getinheritsched(&attr, &nInherit);
+    if (0 != nRet) {
+        LOG(2, "pthread_attr_getinheritsched failed! %s\n", strerror(nRet));
+        pthread_attr_destroy(&attr);
+        return nRet;
+    }
+    if (PTHREAD_INHERIT_SCHED == nInherit) {
+        nRet = pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+        if (0 != nRet) {
+            LOG(2, "pthread_attr_setinheritsched failed! %s\n", strerror(nRet));
+            pthread_attr_destroy(&attr);
+            return nRet;
+        }
+    }
+    pthread_attr_setdetachstate(&attr, state.bJoinable ? PTHREAD_CREATE_JOINABLE
+                                                       : PTHREAD_CREATE_DETACHED);
+    nRet = pthread_attr_setschedpolicy(&attr, state.nPolicy);
+    if (0 != nRet) {
+        LOG(2, "pthread_attr_setschedpolicy failed! %s\n", strerror(nRet));
+        pthread_attr_destroy(&attr);
+        return nRet;
+    }
+    sched_param param{};
+    param.sched_priority = state.nPriority;
+    nRet = pthread_attr_setschedparam(&attr, &param);
+    if (0 != nRet) {
+        LOG(2, "pthread_attr_setschedParam failed! %s\n", strerror(nRet)); // sic
+        pthread_attr_destroy(&attr);
+        return nRet;
+    }
+    state.bStop = false;
+    auto pShared = std::make_unique<std::shared_ptr<State>>(m_pState);
+    nRet = pthread_create(&state.handle, &attr, &Thread::theThread, pShared.get());
+    pthread_attr_destroy(&attr);
+    if (0 != nRet) {
+        LOG(2, "pthread_create failed! %s\n", strerror(nRet));
+        state.bStop = true;
+        return nRet;
+    }
+    (void)pShared.release(); // the thread's now
+    while (0 == state.s32Tid) {
+        sleepFor(Time(0, 5000));
+    }
+    LOG(8, "create thread(tid:%d name:%s)\n", state.s32Tid.load(), state.strName.c_str());
+    return 0;
+}
+
+void* Thread::theThread(void* pArg)
+{
+    // Moved to the stack: a cancelled thread unwinds it too.
+    std::unique_ptr<std::shared_ptr<State>> pShared(static_cast<std::shared_ptr<State>*>(pArg));
+    const std::shared_ptr<State> pState = *pShared;
+    pShared.reset();
+
+    // Before the id is stored: whoever reads the id may look for the name.
+    prctl(PR_SET_NAME, pState->strName.substr(0, 15).c_str(), 0, 0, 0); // 15: prctl(2)
+    pState->s32Tid = currentTid();
+    errno = 0;
+    const int nNiceRet = nice(pState->nNice);
+    if (-1 == nNiceRet && (EPERM == errno || EACCES == errno)) {
+        // Deliberate: the text of the returned value, not of errno.
+        Log::getInstance().log(SOURCE_NAME, __LINE__, "theThread", 2, "change nice failed! %s\n",
+                               strerror(nNiceRet));
+        return nullptr;
+    }
+    // A cancelled body is the end of the thread as well: the tear-down waits for the flag.
+    struct EndGuard
+    {
+        State& state;
+        ~EndGuard()
+        {
+            state.markEnded();
+        }
+    } endGuard{*pState};
+    pState->run();
+    return nullptr;
+}
+
+void Thread::State::run()
+{
+    while (!bStop) {
+        passGate();
+        if (bStop) {
+            break;
+        }
+        nResult = pBody->call();
+        if (0 != nResult) {
+            break;
+        }
+    }
+}
+
+void Thread::State::markEnded()
+{
+    (void)mtx.lock();
+    u32Flags |= FLAG_ENDED;
+    (void)mtx.unlock();
+}
+
+static void unlockAfterCancel(void* pMutex) NO_THREAD_SAFETY_ANALYSIS
+{
+    (void)static_cast<Mutex*>(pMutex)->unlockQuietly();
+}
+
+void Thread::State::passGate() NO_THREAD_SAFETY_ANALYSIS
+{
+    (void)mtx.lock();
+    pthread_cleanup_push(unlockAfterCancel, &mtx); // waiting is a cancellation point
+    u32Flags &= ~static_cast<uint32_t>(FLAG_PAST_GATE);
+    u32Flags |= FLAG_AT_GATE_ONCE;
+    while (0 == (u32Flags & FLAG_STARTED)) {
+        (void)cond.wait(mtx);
+    }
+    u32Flags |= FLAG_PAST_GATE;
+    pthread_cleanup_pop(0);
+    (void)mtx.unlock();
+}
+
+bool Thread::State::isRunning() const
+{
+    const uint32_t u32Now = u32Flags;
+    return (FLAG_AT_GATE_ONCE | FLAG_PAST_GATE) ==
+           (u32Now & (FLAG_AT_GATE_ONCE | FLAG_PAST_GATE | FLAG_ENDED));
+}
+
+int Thread::start()
+{
+    State& state = *m_pState;
+    if (state.isRunning()) {
+        return 0;
+    }
+    (void)state.mtx.lock();
+    state.u32Flags |= FLAG_STARTED;
+    (void)state.cond.signal();
+    (void)state.mtx.unlock();
+    LOG(8, "start thread(tid:%d name:%s)\n", state.s32Tid.load(), state.strName.c_str());
+    return 0;
+}
+
+int Thread::stop()
+{
+    // Kept alive here: the body may stop its own thread while the object is being destroyed.
+    const std::shared_ptr<State> pState = m_pState;
+    (void)pState->mtx.lock();
+    const bool bRunning = pState->isRunning();
+    // Also when not yet past the gate: otherwise a quick start and stop would leave it running.
+    pState->u32Flags &= ~static_cast<uint32_t>(FLAG_STARTED);
+    (void)pState->mtx.unlock();
+    if (!bRunning) {
+        return 0;
+    }
+    if (currentTid() == pState->s32Tid) {
+        LOG(8, "stop thread by myself(tid:%d name:%s)\n", pState->s32Tid.load(),
+            pState->strName.c_str());
+        pState->passGate();
+        return 0;
+    }
+    while (pState->isRunning()) {
+        sleepFor(Time(0, 3000));
+    }
+    LOG(8, "stop thread(tid:%d name:%s)\n", pState->s32Tid.load(), pState->strName.c_str());
+    return 0;
+}
+
+int Thread::forceKill()
+{
+    State& state = *m_pState;
+    (void)state.mtx.lock(); // a detached thread can't be gone while its end mark is missing
+    const bool bRunning = state.isRunning();
+    if (bRunning) {
+        state.bStop = true;
+        pthread_cancel(state.handle);
+    }
+    (void)state.mtx.unlock();
+    if (!bRunning) {
+        return 0;
+    }
+    if (state.bJoinable) {
+        pthread_join(state.handle, nullptr);
+    }
+    LOG(8, "force killed thread, tid:%d\n", state.s32Tid.load());
+    state.s32Tid = 0;
+    state.handle = pthread_t{};
+    m_bKilled = true;
+    return 0;
+}
+
+void Thread::destory()
+{
+    State& state = *m_pState;
+    while (0 == (state.u32Flags & FLAG_AT_GATE_ONCE)) {
+        sleepFor(Time(0, 10000));
+    }
+    state.bStop = true;
+    while (0 == (state.u32Flags & FLAG_ENDED)) {
+        if (!m_bKilled) {
+            (void)start();
+        }
+        sleepFor(Time(0, 3000));
+    }
+    if (state.bJoinable && !m_bKilled) {
+        pthread_join(state.handle, nullptr);
+    }
+    LOG(8, "destory thread(tid:%d name:%s)\n", state.s32Tid.load(), state.strName.c_str());
+    state.handle = pthread_t{};
+    state.s32Tid = 0;
+}

@@ -1,0 +1,57 @@
+// The entry point: the steps that bring the service up, keep it running and take it down.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "Assert.h"
+#include "Command.h"
+#include "Log.h"
+#include "ModuleManager.h"
+
+static const char* const SOURCE_NAME = "main.cpp";
+
+int main(int argc, char** argv)
+{
+    static const char* const FUNCTION = "int main(int, char**)";
+    setvbuf(stdout, nullptr, _IOLBF, 0); // what is printed reaches whoever reads a pipe
+
+    if (argc >= 2 && 0 == strcmp(argv[1], "-p")) {
+        char acCommand[80];
+        const int nPid = static_cast<int>(getpid());
+        if (argc >= 3) {
+            snprintf(acCommand, sizeof(acCommand), "strace -f -p %d -s %d &", nPid, atoi(argv[2]));
+        } else {
+            snprintf(acCommand, sizeof(acCommand), "strace -f -p %d &", nPid);
+        }
+        (void)runCommand(acCommand); // without a tracer the service runs all the same
+    }
+
+    signal(SIGPIPE, SIG_IGN);
+
+    Log::getInstance().setLevel(5).setLayout(71).setSinks(LOG_SINK_FILE | LOG_SINK_SERVER);
+    (void)Log::ensureInstance();
+
+    ModuleManager* pModuleManager = &ModuleManager::getInstance();
+    ASSERT_AS(RET_SUCCESS == pModuleManager->initModule(),
+              "RET_SUCCESS == pModuleManager->initModule()", FUNCTION);
+    ASSERT_AS(RET_SUCCESS == pModuleManager->startModule(),
+              "RET_SUCCESS == pModuleManager->startModule()", FUNCTION);
+
+    const RET_E eRet = pModuleManager->moduleInitialize();
+    if (RET_SUCCESS != eRet) {
+        return eRet;
+    }
+
+    ASSERT_AS(RET_SUCCESS == pModuleManager->systemLoop(argv),
+              "RET_SUCCESS == pModuleManager->systemLoop(argv)", FUNCTION);
+
+    (void)pModuleManager->moduleUnInitialize(); // going down in any case
+
+    ASSERT_AS(RET_SUCCESS == pModuleManager->stopModule(),
+              "RET_SUCCESS == pModuleManager->stopModule()", FUNCTION);
+    ASSERT_AS(RET_SUCCESS == pModuleManager->uninitModule(),
+              "RET_SUCCESS == pModuleManager->uninitModule()", FUNCTION);
+    return 0;
+}
