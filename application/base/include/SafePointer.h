@@ -6,6 +6,15 @@
 #include <cstdlib>
 #include <pthread.h>
 
+/** The control block of a shared buffer, whatever the buffer holds. */
+struct SafePointerBlock
+{
+    void* pObject;
+    int32_t s32Count;       // guarded by mtx
+    pthread_mutex_t mtx;    // guards s32Count
+    uint32_t u32DataOffset; // written before the block is shared
+};
+
 /** Common base of all handles. */
 class ISafePointer_C
 {
@@ -93,6 +102,14 @@ public:
         release(m_pBlock);
     }
 
+    /** A handle of another type to the same buffer, e.g. a frame as the bytes to send. */
+    template <class U> SafePointer_C<U> castTo() const
+    {
+        SafePointer_C<U> result;
+        result.share(*this);
+        return result;
+    }
+
     /** @return the buffer, or null when the handle holds none */
     T* get() const
     {
@@ -116,15 +133,10 @@ public:
     }
 
 private:
-    struct Block
-    {
-        T* pObject;
-        int32_t s32Count;       // guarded by mtx
-        pthread_mutex_t mtx;    // guards s32Count
-        uint32_t u32DataOffset; // written before the block is shared
-    };
+    using Block = SafePointerBlock;
+    template <class U> friend class SafePointer_C;
 
-    void share(const SafePointer_C& other)
+    template <class U> void share(const SafePointer_C<U>& other)
     {
         if (other.m_bFromNull) {
             reportNull();
