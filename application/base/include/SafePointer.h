@@ -113,7 +113,7 @@ public:
     /** @return the buffer, or null when the handle holds none */
     T* get() const
     {
-        return (nullptr == m_pBlock) ? nullptr : m_pBlock->pObject;
+        return (nullptr == m_pBlock) ? nullptr : static_cast<T*>(m_pBlock->pObject);
     }
 
     /**
