@@ -1,0 +1,15 @@
+// Where the laser arm shall move: the spot that the vision side found.
+#pragma once
+
+#include "Event.h"
+
+/** Published on EventBus<MoveLaserEvent>; the units are the vision plug-in's. */
+class MoveLaserEvent : public Event
+{
+public:
+    MoveLaserEvent() = default;
+    MoveLaserEvent(float fX, float fY) : m_fX(fX), m_fY(fY) {}
+
+    float m_fX = 0;
+    float m_fY = 0;
+};
