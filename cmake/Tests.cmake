@@ -1,6 +1,11 @@
 # kestrel_test(NAME SOURCES file... LIBRARIES target...): one GoogleTest program, each of its tests
 # known to ctest by class and name.
-find_package(GTest REQUIRED)
+if(CMAKE_CROSSCOMPILING)
+    # Debian has no GoogleTest for the board: its source package is built with the rest.
+    add_subdirectory(/usr/src/googletest ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+else()
+    find_package(GTest REQUIRED)
+endif()
 include(GoogleTest)
 
 function(kestrel_test NAME)

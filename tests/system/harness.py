@@ -1,7 +1,9 @@
 """The built service on the virtual camera, for tests that drive it from outside.
 
 Run the tests inside tests/support/private-host (ctest does): ports and paths are fixed. ctest sets
-KESTREL_BUILD to the build folder; KESTREL_SERVER may name another binary, with an emulator before it.
+KESTREL_BUILD to the build folder of the service. For a service that runs under an emulator,
+KESTREL_EMULATOR is the emulator's command line and KESTREL_TOOLS the build folder of the virtual
+camera's programs, which stay native.
 """
 
 import contextlib
@@ -17,6 +19,8 @@ import tempfile
 import time
 
 BUILD = os.environ.get("KESTREL_BUILD", "")
+TOOLS = os.environ.get("KESTREL_TOOLS", BUILD)
+EMULATOR = shlex.split(os.environ.get("KESTREL_EMULATOR", ""))
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 HTTP_PORT = 8329
 LOG_PORT = 8001
@@ -63,7 +67,7 @@ class Camera:
     def __init__(self, *arguments):
         self.folder = tempfile.mkdtemp(prefix="kestrel-camera.")
         self.process = subprocess.Popen(
-            [f"{BUILD}/simulator/camera/kestrel-camera", "--dir", self.folder, *arguments],
+            [f"{TOOLS}/simulator/camera/kestrel-camera", "--dir", self.folder, *arguments],
             stdin=subprocess.DEVNULL)
         wait_until(lambda: self._answers(), "the virtual camera answers")
 
@@ -73,7 +77,7 @@ class Camera:
         return subprocess.run(self._command("state"), capture_output=True, check=False).returncode == 0
 
     def _command(self, text):
-        return [f"{BUILD}/tools/kestrel-camera-ctl", "--dir", self.folder, *shlex.split(text)]
+        return [f"{TOOLS}/tools/kestrel-camera-ctl", "--dir", self.folder, *shlex.split(text)]
 
     def ctl(self, text):
         """Send a command, e.g. "unplug"; returns the answer."""
@@ -100,21 +104,21 @@ class Server:
 
     def __init__(self, camera=None, program="kestrel-server", arguments=(), stdin=subprocess.DEVNULL,
                  environment=None, wait=True, limit_files=None, cwd=None, preload=()):
-        override = os.environ.get("KESTREL_SERVER") if program == "kestrel-server" else None
         self.binary = f"{BUILD}/application/{program}"
         if not os.path.exists(self.binary):
             self.binary = f"{BUILD}/tests/system/{program}"
-        command = shlex.split(override) if override else [self.binary]
         self.sanitizer, library = sanitizer_of(self.binary)
         env = dict(os.environ, **(environment or {}))
         libraries = list(preload)
         if camera is not None:
             env["KESTREL_CAMERA_DIR"] = camera.folder
-            libraries.append(os.environ.get("KESTREL_CAMERA_LIBRARY",
-                                            f"{BUILD}/simulator/camera/libkestrel-camera.so"))
+            libraries.append(f"{BUILD}/simulator/camera/libkestrel-camera.so")
         if libraries and self.sanitizer == "asan":
             libraries.insert(0, library)
-        if libraries:
+        command = [self.binary]
+        if libraries and EMULATOR:
+            command = EMULATOR + ["-E", "LD_PRELOAD=" + ":".join(libraries), self.binary]
+        elif libraries:
             env["LD_PRELOAD"] = ":".join(libraries)
         if self.sanitizer == "tsan":
             env["TSAN_OPTIONS"] = "exitcode=66:halt_on_error=0:" + env.get("TSAN_OPTIONS", "")
