@@ -11,6 +11,7 @@
 
 #include "EventBus.h"
 #include "LogEvent.h"
+#include "LogFile.h"
 #include "SafePointer.h"
 
 namespace {
@@ -151,10 +152,17 @@ void appendPrefix(LineBuilder& line, uint32_t u32Layout, const char* pFile, int 
 
 Log::Log()
 {
-    (void)EventBus<LogEvent>::getInstance(); // outlives this singleton
+    // Both outlive this singleton; neither logs while it is constructed.
+    (void)EventBus<LogEvent>::getInstance();
+    (void)LogFile::getInstance();
 }
 
-Log::~Log() = default;
+Log::~Log()
+{
+    if (0 != (m_u32Sinks & LOG_SINK_FILE)) {
+        LogFile::getInstance().close();
+    }
+}
 
 Log& Log::getInstance()
 {
@@ -184,6 +192,15 @@ Log& Log::setSinks(uint32_t u32Sinks)
 {
     m_u32Sinks = u32Sinks;
     return *this;
+}
+
+void Log::initLogFile(const char* pPath, uint32_t u32LimitKiB, int32_t s32Files)
+{
+    if (0 == (m_u32Sinks & LOG_SINK_FILE)) {
+        return;
+    }
+    // Without a log file the service goes on.
+    (void)LogFile::getInstance().init((nullptr != pPath) ? pPath : "log", u32LimitKiB, s32Files);
 }
 
 void Log::log(const char* pFile, int nLine, const char* pFunction, uint32_t u32Level,

@@ -47,6 +47,7 @@ public:
     static Log& getInstance();
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
+    /** Closes the log file if the sinks hold it. */
     virtual ~Log();
 
     /** Makes sure that the singleton exists. @return 1 */
@@ -60,6 +61,13 @@ public:
 
     /** LOG_SINK_E mask; 1, the console alone, at first. Lines are published whatever it says. */
     Log& setSinks(uint32_t u32Sinks);
+
+    /**
+     * Start the log file (see LogFile::init); nothing happens unless the sinks hold the file. A
+     * failure is not reported: the service goes on without a log file.
+     * @param pPath  base path, null for "log"
+     */
+    void initLogFile(const char* pPath, uint32_t u32LimitKiB, int32_t s32Files);
 
     /**
      * Write a line.
