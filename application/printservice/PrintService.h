@@ -1,0 +1,162 @@
+// The laser arm: the line to its motion controller, G-code jobs, moves and firmware.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "Mutex.h"
+#include "Thread.h"
+
+class Event;
+class UART;
+
+enum PRINT_STATE_E : int32_t
+{
+    PRINT_STATE_IDLE = 0,       // after construction
+    PRINT_STATE_STOPPED = 1,    // job finished or given up
+    PRINT_STATE_FILE_READY = 3, // a job file has come and waits
+    PRINT_STATE_PRINTING = 5,   // job lines go out
+    PRINT_STATE_PAUSED = 6      // by the operator or by the controller
+};
+
+/**
+ * Talks to the motion controller of the laser arm, one line and one reply at a time.
+ *
+ * A job runs on the thread "printservice", which is started only by startPrint(); moves run on the
+ * thread that publishes MoveLaserEvent or MeasureEvent; the rest on the caller's thread. They share
+ * the port without serialisation: a reply goes to whoever reads first. Results: 0 success, 1
+ * refusal, unless told otherwise. Replies are read through ReplyCodec. Much is told on standard
+ * output.
+ *
+ * Files, in the working directory: "tmp.gcode" is the job; "firmware.bin" is the image that
+ * updateFirmware() was given; "pp.bin" is the image that is sent, put in place by someone else.
+ */
+class PrintService
+{
+public:
+    /** Made on first use; first use it after the module whose port it borrows. */
+    static PrintService& getInstance();
+    PrintService(const PrintService&) = delete;
+    PrintService& operator=(const PrintService&) = delete;
+    virtual ~PrintService();
+
+    /** Borrow the port, from now on until another is set; null for none. Any thread. */
+    void setUart(UART* pUart);
+
+    /**
+     * Send one command in its wire form and read one reply, for 2 seconds at most. A command that
+     * begins with '0' uploads "pp.bin" first, as updateFirmware() does.
+     * @param nLength  not used, the command ends with its zero byte
+     * @return 0 sent completely, whatever the reply; 1 no port or cut short
+     */
+    int printSingleCmd(const char* pCommand, int nLength);
+    int printSingleCmd(const std::string& strCommand);
+
+    /** Read one reply into a buffer, which is cleared first; waits that long at most. */
+    void readUart(char* pBuffer, int nSize, int nSeconds, int nMicroseconds);
+
+    /** Read one reply, 10 seconds at most, and act on its status as a service without a job does.
+     */
+    void pollStatus();
+
+    /** Clear the controller's error lock ("$X") for the codes 2 and 9; others do nothing. */
+    void onErrorCode(int nCode);
+
+    /** Keep a job in "tmp.gcode" and wait for startPrint(). Takes half a second. @return 0 */
+    int saveGcode(const void* pData, int nLength);
+
+    /**
+     * Start the job, or go on with a paused one; does not wait for it.
+     * @return 1 while a job runs, without a port, and without a job file; after the last two the
+     *         state says printing all the same, until stopPrint()
+     */
+    int startPrint();
+
+    /** Stop after the line under way, laser off; startPrint() goes on. Waits for the thread. */
+    int pausePrint();
+
+    /** Give the job up, laser off. Waits for the thread. @return 0 */
+    int stopPrint();
+
+    /**
+     * @param pProgress  gets the share of the job file that is through, 0 to 1; not a number for an
+     *                   empty file
+     * @return 0
+     */
+    int getProgress(float* pProgress);
+
+    /** Keep an image in "firmware.bin", then send "pp.bin" in raw blocks. @return 1 without a port
+     */
+    int updateFirmware(const void* pData, int nLength);
+
+    /** Reset the controller by 500 ms low on its reset line. @return 0 */
+    int resetStm32();
+
+    /** Make the reset line an output, high. */
+    void exportResetGpio();
+
+    /**
+     * The thread's body: sends one job line and takes its reply; without a job, see pollStatus(). A
+     * stop that the thread asks of itself on the way takes effect at the end, unless startPrint()
+     * came after it. @return 0
+     */
+    int printLoop();
+
+    /** Home, then move to the negated position. @return -1 */
+    int onMoveLaserEvent(Event* pEvent);
+
+    /** Move to the negated height. @return -1 */
+    int onMeasureEvent(Event* pEvent);
+
+    /** Any thread. */
+    PRINT_STATE_E getState() const
+    {
+        return m_nState;
+    }
+
+private:
+    PrintService();
+
+    /** A stop that the thread has asked of itself. */
+    enum STOP_WISH_E : int32_t
+    {
+        STOP_WISH_NONE,
+        STOP_WISH_ASKED,  // takes effect when printLoop() returns
+        STOP_WISH_PARKING // printLoop() is about to park, or has parked
+    };
+
+    enum LINE_E
+    {
+        LINE_NONE, // no file, or behind its last line
+        LINE_READ,
+        LINE_END // nothing was left: the job has just been closed and removed
+    };
+
+    void startThread();
+    void stopThread();
+    void parkIfAsked();
+    LINE_E readLine(char* pLine, int nSize);
+    void seekBack();
+    void closeFile() REQUIRES(m_mtxFile);
+    void sendLine(const std::string& strLine);
+    void takeReply();
+    void onPrintingStatus(int nCode);
+    void onIdleStatus(int nCode);
+    void reportStatus(const char* pCode);
+    void askSubscribers();
+    void readMoveReply();
+    void sendFirmware();
+
+    std::atomic<UART*> m_pUart{nullptr};
+    std::unique_ptr<Thread> m_thread;
+    std::atomic<PRINT_STATE_E> m_nState{PRINT_STATE_IDLE};
+    std::atomic<int32_t> m_nFilePos{0};  // of the line under way, in bytes
+    std::atomic<int32_t> m_nFileSize{1}; // bytes; 1 so that progress is 0 before any job
+    std::atomic<STOP_WISH_E> m_nStopWish{STOP_WISH_NONE};
+
+    Mutex m_mtxFile{MUTEX_TYPE_NORMAL}; // guards the stream and the making and removing of its file
+    FILE* m_pFile GUARDED_BY(m_mtxFile) = nullptr; // null when closed
+};
