@@ -1,0 +1,247 @@
+// The host of the vision plug-in: measuring, and correcting lens distortion.
+#include "VideoProcessor.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include <dlfcn.h>
+
+#include "EventBus.h"
+#include "IdlePrintEvent.h"
+#include "Log.h"
+#include "MeasureEvent.h"
+#include "MoveLaserEvent.h"
+#include "SetExposureEvent.h"
+#include "Time.h"
+#include "VideoFrameEvent.h"
+
+static const char* const SOURCE_NAME = "videoprocess/VideoProcessor";
+
+static const char* const LIBRARY = "./libframe_process.so";
+
+// Resolving is part of init, and logs under its name.
+#define LOG_INIT(...) Log::getInstance().log(SOURCE_NAME, __LINE__, "init", 7, __VA_ARGS__)
+
+namespace {
+
+const char* loaderError()
+{
+    const char* pError = dlerror();
+    return (nullptr == pError) ? "" : pError; // a name that resolves to null is no error of its own
+}
+
+template <class F> bool find(void* pHandle, const char* pName, F& pFunc)
+{
+    pFunc = reinterpret_cast<F>(dlsym(pHandle, pName));
+    return nullptr != pFunc;
+}
+
+} // namespace
+
+VideoProcessor::VideoProcessor()
+{
+    // Handlers come and go on these until the destructor has taken the last one back.
+    (void)Log::getInstance();
+    (void)EventBus<VideoFrameEvent>::getInstance();
+    (void)EventBus<IdlePrintEvent>::getInstance();
+    (void)EventBus<SetExposureEvent>::getInstance();
+    (void)EventBus<MoveLaserEvent>::getInstance();
+    (void)EventBus<MeasureEvent>::getInstance();
+}
+
+VideoProcessor::~VideoProcessor()
+{
+    (void)stop(); // succeeds always
+}
+
+VideoProcessor& VideoProcessor::getInstance()
+{
+    static VideoProcessor s_instance;
+    return s_instance;
+}
+
+VideoProcessor::Plugin VideoProcessor::getPlugin()
+{
+    const MutexGuard guard(m_mtxPlugin);
+    return m_plugin;
+}
+
+RET_E VideoProcessor::init()
+{
+    Plugin plugin;
+    dlerror(); // forget what failed before
+    plugin.pHandle = dlopen(LIBRARY, RTLD_LAZY);
+    if (nullptr == plugin.pHandle) {
+        LOG(7, "open %s failed(%s) !\n", LIBRARY, loaderError());
+    } else if (resolve(plugin)) {
+        plugin.pInit();
+    }
+    // Shown to the other threads only now: no entry point runs before the plug-in's init has.
+    const MutexGuard guard(m_mtxPlugin);
+    m_plugin = plugin;
+    return RET_SUCCESS;
+}
+
+/** @return false at the first name that is missing (logged); the later ones stay null */
+bool VideoProcessor::resolve(Plugin& plugin)
+{
+    void* pHandle = plugin.pHandle;
+    if (!find(pHandle, "init", plugin.pInit)) {
+        LOG_INIT("dlsym init failed(%s) !\n", loaderError());
+    } else if (!find(pHandle, "uninit", plugin.pUninit)) {
+        LOG_INIT("dlsym uninit failed(%s) !\n", loaderError());
+    } else if (!find(pHandle, "undistort", plugin.pUndistort)) {
+        LOG_INIT("dlsym undistort failed(%s) !\n", loaderError());
+    } else if (!find(pHandle, "autoFocus", plugin.pAutoFocus)) {
+        LOG_INIT("dlsym autoFocus failed(%s) !\n", loaderError());
+    } else if (!find(pHandle, "findPos", plugin.pFindPos)) {
+        LOG_INIT("dlsym findPos failed(%s) !\n", loaderError());
+    } else if (!find(pHandle, "setExposure", plugin.pSetExposure)) {
+        LOG_INIT("dlsym setExposure failed(%s) !\n", loaderError());
+    } else if (!find(pHandle, "easyFun", plugin.pEasyFun)) {
+        LOG_INIT("dlsym easyFun failed(%s) !\n", loaderError());
+    } else {
+        return true;
+    }
+    return false;
+}
+
+RET_E VideoProcessor::start()
+{
+    EventBus<IdlePrintEvent>::subscribe(this, &VideoProcessor::onIdlePrint);
+    return RET_SUCCESS;
+}
+
+RET_E VideoProcessor::stop()
+{
+    EventBus<IdlePrintEvent>::unsubscribe(this, &VideoProcessor::onIdlePrint);
+    return RET_SUCCESS;
+}
+
+RET_E VideoProcessor::uninit()
+{
+    const Plugin plugin = getPlugin();
+    if (nullptr != plugin.pUninit) {
+        plugin.pUninit();
+    }
+    // Deliberate: a loaded library is never closed, frames and threads may still be inside it.
+    return RET_SUCCESS;
+}
+
+RET_E VideoProcessor::measure(float* pResult)
+{
+    *pResult = 0;
+    const Plugin plugin = getPlugin();
+    if (nullptr == plugin.pHandle || nullptr == plugin.pFindPos || nullptr == plugin.pAutoFocus ||
+        nullptr == plugin.pSetExposure) {
+        return RET_FAILED;
+    }
+
+    PVENC_FRAME_T frame;
+    getFrame(frame);
+    int32_t s32Exposure = 0;
+    plugin.pSetExposure(&s32Exposure);
+    SetExposureEvent exposureEvent(0, s32Exposure);
+    EventBus<SetExposureEvent>::publish(exposureEvent);
+
+    float fX = 0;
+    float fY = 0;
+    const VENC_FRAME_T* pFrame = frame.get();
+    if (plugin.pFindPos(pFrame->u32Size, pFrame->u32Width, pFrame->u32Height, pFrame->au8Data, &fX,
+                        &fY) > 0) {
+        return RET_FAILED;
+    }
+    MoveLaserEvent moveEvent(fX, fY);
+    EventBus<MoveLaserEvent>::publish(moveEvent);
+
+    getFrame(frame); // what the camera sees once the move was announced
+    pFrame = frame.get();
+    if (plugin.pAutoFocus(pFrame->u32Size, pFrame->u32Width, pFrame->u32Height, pFrame->au8Data,
+                          pResult) > 0) {
+        return RET_FAILED;
+    }
+    MeasureEvent measureEvent(*pResult);
+    EventBus<MeasureEvent>::publish(measureEvent);
+    return RET_SUCCESS;
+}
+
+void VideoProcessor::undistort(PVENC_FRAME_T& in, PVENC_FRAME_T& out)
+{
+    const Plugin plugin = getPlugin();
+    const VENC_FRAME_T* pIn = in.get();
+    FRAME_PROCESS_UNDISTORT_T record{};
+    if (nullptr == pIn || nullptr == plugin.pHandle || nullptr == plugin.pUndistort ||
+        0 !=
+            plugin.pUndistort(pIn->u32Size, pIn->u32Width, pIn->u32Height, pIn->au8Data, &record)) {
+        out = in;
+        return;
+    }
+    // Deliberate: an empty picture that counts as a success leaves out as it is.
+    if (record.s32Size <= 0 || record.s32Width <= 0 || record.s32Height <= 0) {
+        return;
+    }
+    const auto u32Size = static_cast<uint32_t>(record.s32Size);
+    auto* pOut = static_cast<VENC_FRAME_T*>(
+        (nullptr == record.pData) ? nullptr : malloc(FRAME_HEADER_SIZE + u32Size));
+    if (nullptr == pOut) {
+        out = in; // better uncorrected than no picture
+        return;
+    }
+    pOut->u32Size = u32Size;
+    pOut->u64TimeStamp = pIn->u64TimeStamp;
+    pOut->u32Format = pIn->u32Format;
+    pOut->u32Width = static_cast<uint32_t>(record.s32Width);
+    pOut->u32Height = static_cast<uint32_t>(record.s32Height);
+    memcpy(pOut->au8Data, record.pData, u32Size);
+    out = PVENC_FRAME_T(pOut);
+    out.setDataOffset(FRAME_HEADER_SIZE);
+}
+
+int VideoProcessor::onIdlePrint(Event* pEvent)
+{
+    const auto& event = dynamic_cast<IdlePrintEvent&>(*pEvent);
+    const Plugin plugin = getPlugin();
+    if (nullptr == plugin.pHandle || nullptr == plugin.pEasyFun) {
+        return RET_FAILED;
+    }
+    PVENC_FRAME_T frame;
+    getFrame(frame);
+    const VENC_FRAME_T* pFrame = frame.get();
+    plugin.pEasyFun(pFrame->u32Size, pFrame->u32Width, pFrame->u32Height, pFrame->au8Data,
+                    event.m_pArg1, event.m_pArg2, event.m_pValues);
+    return 0;
+}
+
+void VideoProcessor::getFrame(PVENC_FRAME_T& frame)
+{
+    const MutexGuard turn(m_mtxWait);
+    {
+        const MutexGuard guard(m_mtxFrame);
+        m_vecFrame.clear();
+        m_nWantStream = 0;
+    }
+    EventBus<VideoFrameEvent>::subscribe(this, &VideoProcessor::onVideoFrame);
+    while (!hasFrame()) {
+        sleepFor(Time(0, 20000));
+    }
+    EventBus<VideoFrameEvent>::unsubscribe(this, &VideoProcessor::onVideoFrame);
+    const MutexGuard guard(m_mtxFrame);
+    frame = m_vecFrame.front();
+    m_vecFrame.clear();
+}
+
+bool VideoProcessor::hasFrame()
+{
+    const MutexGuard guard(m_mtxFrame);
+    return !m_vecFrame.empty();
+}
+
+int VideoProcessor::onVideoFrame(Event* pEvent)
+{
+    const auto& event = dynamic_cast<VideoFrameEvent&>(*pEvent);
+    const MutexGuard guard(m_mtxFrame);
+    if (event.m_nStream == m_nWantStream) {
+        m_vecFrame.push_back(event.m_frame);
+    }
+    return 0;
+}
