@@ -1,0 +1,216 @@
+// A listening TCP socket on its own reactor, and the connections accepted from it.
+#include "TcpServer.h"
+
+#include <cerrno>
+
+#include "Log.h"
+
+static const char* const SOURCE_NAME = "TcpServer";
+
+static const int MAX_EVENTS = 20;
+static const int BACKLOG = 20;
+static const int32_t KEEP_ALIVE[] = {5, 1, 2}; // seconds idle, seconds between probes, probes
+
+TcpServer::TcpServer(const char* pName) : EPoll(MAX_EVENTS, pName)
+{
+    (void)Log::getInstance(); // outlives a server that is a singleton
+}
+
+TcpServer::~TcpServer()
+{
+    endService();
+}
+
+void TcpServer::endService()
+{
+    (void)stop();
+    failAll();
+    m_vecRetired.clear();
+    if (m_socket.isValid()) {
+        (void)uninit();
+    }
+}
+
+bool TcpServer::listenOn(uint16_t u16Port, const char* pIp)
+{
+    const char* pShownIp = (nullptr == pIp) ? "(null)" : pIp;
+    if (0 != m_socket.create()) {
+        LOG(2, "create accept socket error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
+        return false;
+    }
+    if (0 != m_socket.setOptBlock(false)) {
+        LOG(2, "accept socket set unblock error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
+        return false;
+    }
+    if (0 != m_socket.setOptKeepAlive(true, KEEP_ALIVE)) {
+        LOG(2, "accept socket set keepalive error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
+        return false;
+    }
+    if (0 != m_socket.setOptReuseAddr(true)) {
+        LOG(2, "accept socket set reuse addr error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
+        return false;
+    }
+    if (0 != m_socket.bind(pIp, u16Port)) {
+        LOG(2, "accept socket bind error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
+        return false;
+    }
+    if (0 != m_socket.listen(BACKLOG)) {
+        LOG(2, "accept socket listen error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
+        return false;
+    }
+    return true;
+}
+
+int TcpServer::init(uint16_t u16Port, const char* pIp, int nSendBufferSize, int nReceiveBufferSize)
+{
+    if (!listenOn(u16Port, pIp)) {
+        return 1;
+    }
+    (void)setAcceptHandler(this, &TcpServer::onPollAccept);
+    (void)setInHandler(this, &TcpServer::onPollIn);
+    (void)setOutHandler(this, &TcpServer::onPollOut);
+    (void)setErrHandler(this, &TcpServer::onPollError);
+    (void)setHupHandler(this, &TcpServer::onPollError);
+    setAcceptFd(m_socket.getFd());
+    if (0 != addFd(m_socket.getFd(), EPOLLET | EPOLLIN, nullptr)) {
+        LOG(2, "accept socket add fd error !!   accept ip:%s port:%d\n",
+            (nullptr == pIp) ? "(null)" : pIp, u16Port);
+        (void)m_socket.close();
+        return 1;
+    }
+    m_nReceiveBufferSize = nReceiveBufferSize;
+    m_nSendBufferSize = nSendBufferSize;
+    return 0;
+}
+
+int TcpServer::uninit()
+{
+    (void)deleteFd(m_socket.getFd(), nullptr); // logged there; EPoll frees the registration
+    (void)m_socket.close();
+    return 0;
+}
+
+RET_E TcpServer::onPollAccept(Event*)
+{
+    for (;;) {
+        TcpSocket socket;
+        if (0 != m_socket.accept(socket)) {
+            if (EAGAIN != errno && m_socket.isValid()) {
+                acceptAgain(); // e.g. out of descriptors, with connections still pending
+            }
+            return RET_SUCCESS;
+        }
+        std::unique_ptr<TcpClient> pClient(createClient());
+        if (nullptr == pClient) {
+            LOG(2, "create(new) tcp client error !!\n");
+            continue; // Deliberate: the connection stays open
+        }
+        if (!tune(socket)) {
+            (void)socket.close();
+            m_vecRetired.push_back(std::move(pClient)); // Deliberate: not destroyed now
+            continue;
+        }
+        if (!serve(std::move(pClient), socket)) {
+            (void)socket.close();
+        }
+    }
+}
+
+bool TcpServer::tune(TcpSocket& socket)
+{
+    if (0 != socket.setOptBlock(false)) {
+        LOG(2, "tcp client socket set unblock error !!\n");
+        return false;
+    }
+    if (0 != socket.setOptKeepAlive(true, KEEP_ALIVE)) {
+        LOG(2, "tcp client socket set alive error !!\n");
+        return false;
+    }
+    if (0 != socket.setOptRcvBuf(m_nReceiveBufferSize)) {
+        LOG(2, "tcp client socket set recv buffer error !!\n");
+        return false;
+    }
+    if (0 != socket.setOptSndBuf(m_nSendBufferSize)) {
+        LOG(2, "tcp client socket set send buffer error !!\n");
+        return false;
+    }
+    return true;
+}
+
+bool TcpServer::serve(std::unique_ptr<TcpClient> pClient, const TcpSocket& socket)
+{
+    pClient->setSocket(socket);
+    if (0 != pClient->init()) {
+        LOG(2, "tcp client connected, but init failed !!\n");
+        return false;
+    }
+    if (0 != pClient->start()) {
+        LOG(2, "tcp client connected, but start failed !!\n");
+        (void)pClient->uninit();
+        return false;
+    }
+    if (0 !=
+        addFd(socket.getFd(), EPOLLET | EPOLLHUP | EPOLLERR | EPOLLOUT | EPOLLIN, pClient.get())) {
+        LOG(2, "tcp client connected, but add to epoll failed !!\n");
+        (void)pClient->stop();
+        (void)pClient->uninit();
+        return false;
+    }
+    (void)pClient.release(); // its registration's, until onPollError
+    SocketAddress local;
+    SocketAddress remote;
+    TcpSocket view(socket);
+    (void)view.getLocalSockAddr(local);
+    (void)view.getRemoteSockAddr(remote);
+    LOG(8, "tcp client connected, local(%s:%u) remote(%s:%u)\n", local.acIp, local.u16Port,
+        remote.acIp, remote.u16Port);
+    return true;
+}
+
+RET_E TcpServer::onPollIn(Event* pEvent)
+{
+    auto& event = static_cast<EPollEvent&>(*pEvent);
+    const TcpSocket socket(*event.m_pFd);
+    if (!socket.isValid() || nullptr == *event.m_ppClient) {
+        return RET_SUCCESS; // nobody would ever read it empty
+    }
+    do {
+        if (0 != (*event.m_ppClient)->onRead(event)) {
+            (void)onPollError(pEvent);
+            return RET_FAILED;
+        }
+    } while (socket.waitReadable(Time()));
+    return RET_SUCCESS;
+}
+
+RET_E TcpServer::onPollOut(Event* pEvent)
+{
+    auto& event = static_cast<EPollEvent&>(*pEvent);
+    const TcpSocket socket(*event.m_pFd);
+    if (socket.isValid() && nullptr != *event.m_ppClient &&
+        0 != (*event.m_ppClient)->onWrite(event)) {
+        (void)onPollError(pEvent);
+        return RET_FAILED;
+    }
+    return RET_SUCCESS;
+}
+
+RET_E TcpServer::onPollError(Event* pEvent)
+{
+    auto& event = static_cast<EPollEvent&>(*pEvent);
+    TcpClient* pClient = *event.m_ppClient;
+    if (nullptr == pClient) {
+        return RET_FAILED;
+    }
+    (void)pClient->onError(event);
+    if (0 == pClient->stop()) {
+        (void)pClient->uninit();
+    }
+    LOG(8, "tcp client error, delete from epoll and close !!\n");
+    delete pClient;
+    *event.m_ppClient = nullptr;
+    TcpSocket socket(*event.m_pFd);
+    (void)deleteFd(socket.getFd(), event.m_ppClient); // the event's pointers end here
+    (void)socket.close();
+    return RET_FAILED;
+}

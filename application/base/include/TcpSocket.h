@@ -1,0 +1,44 @@
+// A TCP socket: creation, listening, accepting, and buffer sizes within the kernel's limits.
+#pragma once
+
+#include "Socket.h"
+
+/** Adds no state to Socket; ownership, results and threads as told there. */
+class TcpSocket : public Socket
+{
+public:
+    TcpSocket() = default;
+    explicit TcpSocket(int nFd) : Socket(nFd) {}
+
+    /**
+     * Open a stream socket, close-on-exec.
+     * @return -1 with a descriptor already there (which stays), or on failure, logged at level 7
+     * and told on standard error
+     */
+    int create();
+
+    /** A failure is told on standard error, unlogged. */
+    int listen(int nBacklog);
+
+    /**
+     * Accept one pending connection, close-on-exec, into a socket without a descriptor.
+     *
+     * Deliberate: interrupted by a signal it returns 0 with the peer's descriptor -1.
+     * @return -1, unlogged, on failure, nothing pending included; errno says why
+     */
+    int accept(TcpSocket& peer);
+
+    /** @return mask: 1 readable, 2 writable, 4 exception; 4 without a descriptor. Never blocks */
+    int checkState() const;
+
+    /**
+     * Set the buffer's size, brought into the limits of the kernel's tcp_rmem and tcp_wmem; runs a
+     * shell command to read them. A size beyond them is corrected and logged at level 2.
+     */
+    int setOptRcvBuf(int32_t nSize) override;
+    /** Deliberate: when the limits cannot be read, the size goes to the receive buffer. */
+    int setOptSndBuf(int32_t nSize) override;
+
+    /** Log options and addresses at level 7; an option that can't be read is an assertion. */
+    void printCurOpts();
+};
