@@ -1,0 +1,295 @@
+// The virtual controller's language: what its lines mean and how its answers read.
+#include "Grammar.h"
+
+#include <cctype>
+#include <cstdlib>
+
+static const char* const OK = "ok";
+static const char* const DONE = "done";
+static const char* const ERROR = "error:";
+static const char* const ALARM = "alarm:";
+static const char* const STATUS = "status:";
+
+static const size_t MAX_CODE_DIGITS = 6; // so that any code fits an int
+
+namespace {
+
+bool isDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+bool isBlank(char c)
+{
+    return ' ' == c || '\t' == c || '\r' == c;
+}
+
+Command refused(int nError)
+{
+    Command command;
+    command.eKind = COMMAND_REFUSED;
+    command.nError = nError;
+    return command;
+}
+
+/** The line without blanks and comments, in upper case. */
+std::string squeeze(const std::string& strLine)
+{
+    std::string strResult;
+    bool bInComment = false;
+    for (const char c : strLine) {
+        if (bInComment) {
+            bInComment = (')' != c);
+        } else if (';' == c) {
+            break;
+        } else if ('(' == c) {
+            bInComment = true;
+        } else if (!isBlank(c)) {
+            strResult += static_cast<char>(toupper(static_cast<unsigned char>(c)));
+        }
+    }
+    return strResult;
+}
+
+/** Takes a decimal number from nPos on; false when there is none. */
+bool takeNumber(const std::string& strText, size_t& nPos, double& dValue)
+{
+    std::string strNumber;
+    if (nPos < strText.size() && ('-' == strText[nPos] || '+' == strText[nPos])) {
+        strNumber += strText[nPos++];
+    }
+    bool bDigit = false;
+    bool bPoint = false;
+    while (nPos < strText.size() && (isDigit(strText[nPos]) || ('.' == strText[nPos] && !bPoint))) {
+        bPoint = bPoint || '.' == strText[nPos];
+        bDigit = bDigit || isDigit(strText[nPos]);
+        strNumber += strText[nPos++];
+    }
+    dValue = strtod(strNumber.c_str(), nullptr);
+    return bDigit;
+}
+
+/** G and M words. @return false for one that the controller does not know */
+bool applyCode(char cLetter, int nCode, Command& command)
+{
+    if ('G' == cLetter) {
+        switch (nCode) {
+        case 0:
+        case 1:
+        case 2: // arcs run along their chord
+        case 3:
+            command.eKind = COMMAND_MOVE;
+            return true;
+        case 5:
+            command.eKind = COMMAND_POSITION;
+            return true;
+        case 4:
+        case 17:
+        case 21:
+        case 54:
+            return true;
+        case 90:
+            command.bAbsolute = true;
+            return true;
+        case 91:
+            command.bRelative = true;
+            return true;
+        default:
+            return false;
+        }
+    }
+    switch (nCode) {
+    case 0:
+    case 1:
+    case 2:
+        return true;
+    case 3:
+    case 4:
+        command.eKind = COMMAND_LASER_ON;
+        return true;
+    case 5:
+        command.eKind = COMMAND_LASER_OFF;
+        return true;
+    case 18:
+        command.eKind = COMMAND_SPOT;
+        return true;
+    case 21:
+        command.eKind = COMMAND_LOADER;
+        return true;
+    default:
+        return false;
+    }
+}
+
+/** Axis, feed and power words. @return 0 or the error code */
+int applyValue(char cLetter, double dValue, Command& command)
+{
+    const bool bAxis = 'X' == cLetter || 'Y' == cLetter || 'Z' == cLetter;
+    if (bAxis && (dValue > MAX_TRAVEL_MM || dValue < -MAX_TRAVEL_MM)) {
+        return ERROR_OUT_OF_RANGE;
+    }
+    switch (cLetter) {
+    case 'X':
+        command.bHasX = true;
+        command.dX = dValue;
+        return 0;
+    case 'Y':
+        command.bHasY = true;
+        command.dY = dValue;
+        return 0;
+    case 'Z':
+        command.bHasZ = true;
+        command.dZ = dValue;
+        return 0;
+    case 'F':
+        command.bHasF = true;
+        command.dF = dValue;
+        return (dValue > 0 && dValue <= 1e6) ? 0 : ERROR_OUT_OF_RANGE;
+    case 'S':
+        command.bHasS = true;
+        command.dS = dValue;
+        return 0;
+    case 'N': // line number
+    case 'P': // dwell
+    case 'I': // arc centre
+    case 'J':
+    case 'R':
+        return 0;
+    default:
+        return ERROR_NOT_UNDERSTOOD;
+    }
+}
+
+Command parseDollar(const std::string& strText)
+{
+    Command command;
+    if ("$H" == strText) {
+        command.eKind = COMMAND_HOME;
+    } else if ("$X" == strText) {
+        command.eKind = COMMAND_UNLOCK;
+    } else {
+        return refused(ERROR_UNKNOWN_DOLLAR);
+    }
+    return command;
+}
+
+Command parseWords(const std::string& strText)
+{
+    Command command;
+    size_t nPos = 0;
+    while (nPos < strText.size()) {
+        const char cLetter = strText[nPos++];
+        if (cLetter < 'A' || cLetter > 'Z') {
+            return refused(ERROR_NOT_UNDERSTOOD);
+        }
+        double dValue = 0;
+        if (!takeNumber(strText, nPos, dValue)) {
+            return refused(ERROR_BAD_NUMBER);
+        }
+        if ('G' == cLetter || 'M' == cLetter) {
+            if (dValue < 0 || dValue > 999 ||
+                !applyCode(cLetter, static_cast<int>(dValue), command)) {
+                return refused(ERROR_NOT_UNDERSTOOD);
+            }
+        } else {
+            const int nError = applyValue(cLetter, dValue, command);
+            if (0 != nError) {
+                return refused(nError);
+            }
+        }
+    }
+    const bool bAxis = command.bHasX || command.bHasY || command.bHasZ;
+    if (COMMAND_ACCEPTED == command.eKind && bAxis) {
+        command.eKind = COMMAND_MOVE;
+    }
+    return command;
+}
+
+/** The number behind a prefix; 0 unless the line is exactly prefix and digits. */
+int codeBehind(const std::string& strLine, const std::string& strPrefix)
+{
+    if (0 != strLine.compare(0, strPrefix.size(), strPrefix)) {
+        return 0;
+    }
+    const std::string strDigits = strLine.substr(strPrefix.size());
+    if (strDigits.empty() || strDigits.size() > MAX_CODE_DIGITS ||
+        std::string::npos != strDigits.find_first_not_of("0123456789")) {
+        return 0;
+    }
+    return atoi(strDigits.c_str()); // NOLINT(cert-err34-c): only digits, few enough
+}
+
+std::string formatCode(const char* pPrefix, int nCode)
+{
+    return pPrefix + std::to_string(nCode) + "\n";
+}
+
+} // namespace
+
+Command parseLine(const std::string& strLine)
+{
+    if (strLine.size() > MAX_LINE) {
+        return refused(ERROR_TOO_LONG);
+    }
+    const std::string strText = squeeze(strLine);
+    if (!strText.empty() && '$' == strText[0]) {
+        return parseDollar(strText);
+    }
+    Command command;
+    if ("!" == strText) {
+        command.eKind = COMMAND_HOLD;
+        return command;
+    }
+    if ("~" == strText) {
+        command.eKind = COMMAND_RESUME;
+        return command;
+    }
+    return parseWords(strText);
+}
+
+std::string formatOk()
+{
+    return std::string(OK) + "\n";
+}
+
+std::string formatDone()
+{
+    return std::string(DONE) + "\n";
+}
+
+std::string formatError(int nCode)
+{
+    return formatCode(ERROR, nCode);
+}
+
+std::string formatAlarm(int nCode)
+{
+    return formatCode(ALARM, nCode);
+}
+
+std::string formatStatus(int nCode)
+{
+    return formatCode(STATUS, nCode);
+}
+
+Reply parseReply(const std::string& strReply)
+{
+    Reply reply;
+    size_t nStart = 0;
+    for (size_t nEnd = strReply.find('\n'); std::string::npos != nEnd;
+         nEnd = strReply.find('\n', nStart)) {
+        const std::string strLine = strReply.substr(nStart, nEnd - nStart);
+        nStart = nEnd + 1;
+        reply.bAck = reply.bAck || OK == strLine;
+        if (const int nStatus = codeBehind(strLine, STATUS); 0 != nStatus) {
+            reply.nStatus = nStatus;
+        }
+        if (const int nError = codeBehind(strLine, ERROR); 0 != nError) {
+            reply.nError = nError;
+        }
+        if (const int nAlarm = codeBehind(strLine, ALARM); 0 != nAlarm) {
+            reply.nAlarm = nAlarm;
+        }
+    }
+    return reply;
+}

@@ -1,0 +1,81 @@
+// The virtual controller's language: what its lines mean and how its answers read.
+#pragma once
+
+#include <string>
+
+enum COMMAND_E
+{
+    COMMAND_ACCEPTED,  // understood, nothing to do: comments, G4, G17, G21, G54, M0 to M2
+    COMMAND_MOVE,      // G0, G1, G2, G3 or bare axis words: streamed, answered once
+    COMMAND_POSITION,  // G05: answered when accepted and again when the arm is there
+    COMMAND_HOME,      // $H: the same
+    COMMAND_UNLOCK,    // $X
+    COMMAND_HOLD,      // !
+    COMMAND_RESUME,    // ~
+    COMMAND_LASER_ON,  // M3, M4
+    COMMAND_LASER_OFF, // M5
+    COMMAND_SPOT,      // M18: pilot spot, S0 off, else on; waits for the motion before it
+    COMMAND_LOADER,    // M21: a firmware image follows
+    COMMAND_REFUSED    // see nError
+};
+
+// Error codes of the answer "error:N".
+static const int ERROR_NOT_UNDERSTOOD = 1;
+static const int ERROR_BAD_NUMBER = 2; // locks the controller until $X
+static const int ERROR_UNKNOWN_DOLLAR = 3;
+static const int ERROR_OUT_OF_RANGE = 4;
+static const int ERROR_TOO_LONG = 6;
+static const int ERROR_LOCKED = 9;
+
+static const size_t MAX_LINE = 255; // bytes without the line end
+
+static const double MAX_TRAVEL_MM = 2000; // a position in micrometres fits 32 bits
+
+/** A line's meaning. Positions in millimetres, feed in millimetres per minute. */
+struct Command
+{
+    COMMAND_E eKind = COMMAND_ACCEPTED;
+    int nError = 0; // with COMMAND_REFUSED
+
+    bool bAbsolute = false; // G90: positions from the origin, from this line on
+    bool bRelative = false; // G91: positions from where the head is
+    bool bHasX = false;
+    bool bHasY = false;
+    bool bHasZ = false;
+    bool bHasF = false;
+    bool bHasS = false;
+    double dX = 0;
+    double dY = 0;
+    double dZ = 0;
+    double dF = 0;
+    double dS = 0;
+};
+
+/**
+ * Read one line, without its line end. Any bytes are fine.
+ *
+ * Words are a letter and a decimal number ("X-12.50"; no exponent), blanks anywhere between words,
+ * letters in either case; "(...)" and ";..." are comments. A word given twice counts the last time.
+ */
+Command parseLine(const std::string& strLine);
+
+std::string formatOk();
+std::string formatDone();
+std::string formatError(int nCode);
+std::string formatAlarm(int nCode);
+std::string formatStatus(int nCode);
+
+/**
+ * What an answer of one or more lines says. Only lines with their line end count, so half an answer
+ * says nothing; of several codes of a kind the last holds.
+ */
+struct Reply
+{
+    bool bAck = false; // a line "ok"
+    int nStatus = 0;   // "status:N"
+    int nError = 0;    // "error:N"
+    int nAlarm = 0;    // "alarm:N"
+};
+
+/** Any bytes are fine. */
+Reply parseReply(const std::string& strReply);

@@ -1,0 +1,69 @@
+// The virtual arm's motion: where the head is at any moment while moves are carried out.
+#include "Motion.h"
+
+#include <algorithm>
+#include <cmath>
+
+void Motion::queueMove(const Point& target, double dFeed, bool bPositioning)
+{
+    m_deqMove.push_back({target, 0, dFeed, bPositioning, false});
+    timeFront();
+}
+
+unsigned Motion::advance(int64_t s64NowUs)
+{
+    int64_t s64LeftUs = std::max<int64_t>(0, s64NowUs - m_s64LastUs);
+    m_s64LastUs = std::max(m_s64LastUs, s64NowUs);
+    unsigned uEnded = 0;
+    while (!m_bHeld && !m_deqMove.empty()) {
+        Move& move = m_deqMove.front();
+        if (s64LeftUs < move.s64LeftUs) {
+            const double dShare =
+                static_cast<double>(s64LeftUs) / static_cast<double>(move.s64LeftUs);
+            for (size_t i = 0; i < m_position.size(); ++i) {
+                m_position[i] += (move.target[i] - m_position[i]) * dShare;
+            }
+            move.s64LeftUs -= s64LeftUs;
+            break;
+        }
+        s64LeftUs -= move.s64LeftUs;
+        m_position = move.target;
+        uEnded += move.bPositioning ? 1 : 0;
+        m_deqMove.pop_front();
+        timeFront();
+    }
+    return uEnded;
+}
+
+void Motion::clear()
+{
+    m_deqMove.clear();
+}
+
+const Point& Motion::destination() const
+{
+    return m_deqMove.empty() ? m_position : m_deqMove.back().target;
+}
+
+int64_t Motion::remainingUs() const
+{
+    return (m_bHeld || m_deqMove.empty()) ? -1 : m_deqMove.front().s64LeftUs;
+}
+
+void Motion::timeFront()
+{
+    if (m_deqMove.empty() || m_deqMove.front().bTimed) {
+        return;
+    }
+    Move& move = m_deqMove.front();
+    double dSquares = 0;
+    for (size_t i = 0; i < m_position.size(); ++i) {
+        dSquares += (move.target[i] - m_position[i]) * (move.target[i] - m_position[i]);
+    }
+    const double dMinutes = sqrt(dSquares) / move.dFeed / m_dSpeedUp;
+    move.s64LeftUs = static_cast<int64_t>(dMinutes * 60e6);
+    if (move.bPositioning) {
+        move.s64LeftUs = std::max(move.s64LeftUs, m_s64SettleUs);
+    }
+    move.bTimed = true;
+}

@@ -1,0 +1,280 @@
+// The virtual controller board: port, pins, control socket and scene around the controller.
+#include "Simulator.h"
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+static const double MICROMETRES_PER_MM = 1000;
+
+static int64_t monotonicUs()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+Simulator::Simulator(const SimulatorOptions& options)
+    : m_options(options), m_s64StartUs(monotonicUs()), m_controller(options.controller, m_wireLog),
+      m_port(options.strNode)
+{
+    m_controller.setTrigger([this](const std::string& strInstruction) {
+        (void)instruct(strInstruction); // was checked when it came in
+    });
+}
+
+Simulator::~Simulator()
+{
+    if (nullptr != m_pScene) {
+        munmap(m_pScene, sizeof(*m_pScene));
+    }
+}
+
+bool Simulator::init(std::string& strError)
+{
+    const auto fail = [&strError](const std::string& strWhat) {
+        strError = strWhat + ": " + strerror(errno);
+        return false;
+    };
+    if (!m_options.strWireLog.empty() && !m_wireLog.open(m_options.strWireLog)) {
+        return fail(m_options.strWireLog);
+    }
+    if (!m_options.strScene.empty() && !mapScene()) {
+        return fail(m_options.strScene);
+    }
+    if (!m_options.strGpio.empty() && !m_gpio.open(m_options.strGpio)) {
+        return fail(m_options.strGpio);
+    }
+    if (!m_options.strControl.empty() && !m_control.open(m_options.strControl)) {
+        return fail(m_options.strControl);
+    }
+    if (m_options.bPlugged) {
+        if (!m_port.plug()) {
+            return fail(m_options.strNode);
+        }
+        m_wireLog.record(nowUs(), "plugged", m_options.strNode);
+    }
+    return readScript(strError);
+}
+
+bool Simulator::mapScene()
+{
+    const int nFd = open(m_options.strScene.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (nFd < 0) {
+        return false;
+    }
+    void* pMap = MAP_FAILED;
+    if (0 == ftruncate(nFd, sizeof(SceneState))) {
+        pMap = mmap(nullptr, sizeof(SceneState), PROT_READ | PROT_WRITE, MAP_SHARED, nFd, 0);
+    }
+    close(nFd);
+    if (MAP_FAILED == pMap) {
+        return false;
+    }
+    m_pScene = static_cast<SceneState*>(pMap);
+    updateScene();
+    return true;
+}
+
+bool Simulator::readScript(std::string& strError)
+{
+    if (m_options.strScript.empty()) {
+        return true;
+    }
+    std::ifstream file(m_options.strScript);
+    if (!file) {
+        strError = m_options.strScript + ": " + strerror(errno);
+        return false;
+    }
+    for (std::string strLine; std::getline(file, strLine);) {
+        if (strLine.empty() || '#' == strLine[0]) {
+            continue;
+        }
+        if (0 == strLine.compare(0, 5, "line ")) {
+            if ("ok" != instruct(strLine)) {
+                strError = m_options.strScript + ": " + strLine;
+                return false;
+            }
+            continue;
+        }
+        char* pRest = nullptr;
+        const double dSeconds = strtod(strLine.c_str(), &pRest);
+        if (pRest == strLine.c_str() || ' ' != *pRest || !(dSeconds >= 0 && dSeconds < 1e6)) {
+            strError = m_options.strScript + ": " + strLine;
+            return false;
+        }
+        m_mapDue.emplace(static_cast<int64_t>(dSeconds * 1e6), pRest + 1);
+    }
+    return true;
+}
+
+int64_t Simulator::nowUs() const
+{
+    return monotonicUs() - m_s64StartUs;
+}
+
+int Simulator::pollTimeoutMs(int64_t s64NowUs) const
+{
+    int64_t s64DueUs = m_controller.nextDueUs(s64NowUs);
+    if (!m_mapDue.empty() && (s64DueUs < 0 || m_mapDue.begin()->first < s64DueUs)) {
+        s64DueUs = m_mapDue.begin()->first;
+    }
+    if (s64DueUs < 0) {
+        return -1;
+    }
+    const int64_t s64Ms = (s64DueUs - s64NowUs + 999) / 1000;
+    return (s64Ms < 0) ? 0 : (s64Ms > INT_MAX) ? INT_MAX : static_cast<int>(s64Ms);
+}
+
+void Simulator::run(int nStopFd)
+{
+    while (!m_bQuit) {
+        m_wireLog.flush();
+        std::vector<pollfd> vecPoll{{nStopFd, POLLIN, 0}};
+        for (const int nFd : m_gpio.getFds()) {
+            vecPoll.push_back({nFd, POLLIN, 0});
+        }
+        if (!m_bStalled && m_controller.wantsInput()) {
+            vecPoll.push_back({m_port.getFd(), POLLIN, 0});
+        }
+        m_control.addTo(vecPoll);
+        if (poll(vecPoll.data(), vecPoll.size(), pollTimeoutMs(nowUs())) < 0 && EINTR != errno) {
+            return;
+        }
+        if (0 != vecPoll[0].revents) {
+            return;
+        }
+        runDue(nowUs());
+        readPins(nowUs());
+        readPort(nowUs());
+        m_controller.advance(nowUs());
+        writeAnswers(nowUs());
+        m_control.serve([this](const std::string& strInstruction) {
+            // What the client wrote to the wire before it asked comes first.
+            readPort(nowUs());
+            const std::string strResult = instruct(strInstruction);
+            writeAnswers(nowUs());
+            m_wireLog.flush();
+            return strResult;
+        });
+        updateScene();
+    }
+}
+
+void Simulator::readPort(int64_t s64NowUs)
+{
+    while (m_port.isPlugged() && !m_bStalled && m_controller.wantsInput()) {
+        const std::string strBytes = m_port.read();
+        if (strBytes.empty()) {
+            return;
+        }
+        m_controller.receive(strBytes, s64NowUs);
+        writeAnswers(s64NowUs);
+    }
+}
+
+void Simulator::writeAnswers(int64_t s64NowUs)
+{
+    for (std::string strText; m_controller.takeAnswer(s64NowUs, strText);) {
+        const size_t nWritten = m_port.isPlugged() ? m_port.write(strText) : 0;
+        m_wireLog.record(s64NowUs, "tx", strText.substr(0, nWritten));
+        if (nWritten < strText.size()) {
+            m_wireLog.record(s64NowUs, "lost", strText.substr(nWritten));
+        }
+    }
+}
+
+void Simulator::readPins(int64_t s64NowUs)
+{
+    for (const GpioLines::Store& store : m_gpio.read()) {
+        m_wireLog.record(s64NowUs, "gpio", store.strFile + " " + store.strText);
+        if ("gpio106/value" != store.strFile) {
+            continue;
+        }
+        const bool bLow = "0" == store.strText;
+        if (bLow && !m_bResetLow) {
+            setPlugged(false, s64NowUs);
+            m_controller.reset();
+        } else if (!bLow && m_bResetLow) {
+            m_mapDue.emplace(s64NowUs + m_options.s64BootUs, "plug");
+        }
+        m_bResetLow = bLow;
+    }
+}
+
+void Simulator::runDue(int64_t s64NowUs)
+{
+    while (!m_mapDue.empty() && m_mapDue.begin()->first <= s64NowUs) {
+        const std::string strInstruction = m_mapDue.begin()->second;
+        m_mapDue.erase(m_mapDue.begin());
+        (void)instruct(strInstruction); // recorded there
+    }
+}
+
+void Simulator::updateScene()
+{
+    if (nullptr == m_pScene) {
+        return;
+    }
+    const Point& position = m_controller.motion().position();
+    const auto toMicrometres = [](double dMm) {
+        return static_cast<int32_t>(lround(dMm * MICROMETRES_PER_MM));
+    };
+    m_pScene->s32XMicrometre = toMicrometres(position[0]);
+    m_pScene->s32YMicrometre = toMicrometres(position[1]);
+    m_pScene->s32ZMicrometre = toMicrometres(position[2]);
+    m_pScene->u32LaserOn = m_controller.isSpotOn() ? 1 : 0;
+}
+
+void Simulator::setPlugged(bool bPlugged, int64_t s64NowUs)
+{
+    if (bPlugged == m_port.isPlugged()) {
+        return;
+    }
+    if (!bPlugged) {
+        m_port.unplug();
+        m_controller.dropWire();
+        m_wireLog.record(s64NowUs, "unplugged", m_options.strNode);
+    } else if (m_port.plug()) {
+        m_wireLog.record(s64NowUs, "plugged", m_options.strNode);
+    } else {
+        m_wireLog.record(s64NowUs, "unpluggable", strerror(errno));
+    }
+}
+
+std::string Simulator::instruct(const std::string& strInstruction)
+{
+    const int64_t s64NowUs = nowUs();
+    if ("state" == strInstruction) {
+        m_controller.advance(s64NowUs);
+        return m_controller.describe() + (m_port.isPlugged() ? " plugged=1" : " plugged=0");
+    }
+    const std::vector<std::string> vecWord = splitWords(strInstruction);
+    int nLine = 0;
+    if (vecWord.size() >= 3 && "line" == vecWord[0] && parseCount(vecWord[1], nLine)) {
+        const size_t nRest = strInstruction.find(vecWord[2], 5 + vecWord[1].size());
+        m_controller.addTrigger(nLine, strInstruction.substr(nRest));
+        return "ok";
+    }
+    m_wireLog.record(s64NowUs, "instructed", strInstruction);
+    if ("unplug" == strInstruction || "plug" == strInstruction) {
+        setPlugged("plug" == strInstruction, s64NowUs);
+    } else if ("stall" == strInstruction || "unstall" == strInstruction) {
+        m_bStalled = "stall" == strInstruction;
+    } else if ("quit" == strInstruction) {
+        m_bQuit = true;
+    } else if (!m_controller.instruct(strInstruction, s64NowUs)) {
+        m_wireLog.record(s64NowUs, "refused", strInstruction);
+        return "error: not understood: " + strInstruction;
+    }
+    return "ok";
+}

@@ -1,0 +1,73 @@
+// The virtual controller board: port, pins, control socket and scene around the controller.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "ControlSocket.h"
+#include "Controller.h"
+#include "GpioLines.h"
+#include "PtyPort.h"
+#include "SceneState.h"
+#include "WireLog.h"
+
+/** What the board is made of; empty paths leave a part out. */
+struct SimulatorOptions
+{
+    ControllerSettings controller;
+    std::string strNode;    // where the serial port appears; required
+    std::string strGpio;    // folder of the pin files
+    std::string strControl; // control socket
+    std::string strWireLog;
+    std::string strScene;       // file of the shared SceneState
+    std::string strScript;      // instructions with their times
+    int64_t s64BootUs = 300000; // from the end of a reset until the port is there again
+    bool bPlugged = true;       // the port is there from the start
+};
+
+/** Runs on the calling thread alone. */
+class Simulator
+{
+public:
+    explicit Simulator(const SimulatorOptions& options);
+    Simulator(const Simulator&) = delete;
+    Simulator& operator=(const Simulator&) = delete;
+    ~Simulator();
+
+    /** Build the board. @param strError  what failed, without a line end */
+    bool init(std::string& strError);
+
+    /**
+     * Work until "quit" is instructed or nStopFd becomes readable.
+     * @param nStopFd  e.g. a signalfd
+     */
+    void run(int nStopFd);
+
+private:
+    bool mapScene();
+    bool readScript(std::string& strError);
+    int64_t nowUs() const;
+    int pollTimeoutMs(int64_t s64NowUs) const;
+    void readPort(int64_t s64NowUs);
+    void writeAnswers(int64_t s64NowUs);
+    void readPins(int64_t s64NowUs);
+    void runDue(int64_t s64NowUs);
+    void updateScene();
+    void setPlugged(bool bPlugged, int64_t s64NowUs);
+    std::string instruct(const std::string& strInstruction);
+
+    SimulatorOptions m_options;
+    int64_t m_s64StartUs;
+    WireLog m_wireLog;
+    Controller m_controller;
+    PtyPort m_port;
+    GpioLines m_gpio;
+    ControlSocket m_control;
+    SceneState* m_pScene = nullptr;               // mapped; null without a scene
+    std::multimap<int64_t, std::string> m_mapDue; // instructions by their time
+    bool m_bResetLow = false;
+    bool m_bStalled = false;
+    bool m_bQuit = false;
+};

@@ -1,0 +1,114 @@
+// What the virtual controller makes of lines and answers.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Grammar.h"
+
+TEST(Grammar, PositioningMoveHasItsWords)
+{
+    const Command command = parseLine("G05 X-12.50 Y3.00 F2000 ");
+
+    EXPECT_EQ(COMMAND_POSITION, command.eKind);
+    EXPECT_TRUE(command.bHasX && command.bHasY && command.bHasF);
+    EXPECT_FALSE(command.bHasZ);
+    EXPECT_DOUBLE_EQ(-12.5, command.dX);
+    EXPECT_DOUBLE_EQ(3, command.dY);
+    EXPECT_DOUBLE_EQ(2000, command.dF);
+}
+
+TEST(Grammar, NegativeZeroIsANumber)
+{
+    const Command command = parseLine("G05 Z-0.00 F1000 ");
+
+    EXPECT_EQ(COMMAND_POSITION, command.eKind);
+    EXPECT_TRUE(command.bHasZ);
+    EXPECT_DOUBLE_EQ(0, command.dZ);
+}
+
+TEST(Grammar, KindsOfLines)
+{
+    EXPECT_EQ(COMMAND_HOME, parseLine("$H").eKind);
+    EXPECT_EQ(COMMAND_UNLOCK, parseLine("$X").eKind);
+    EXPECT_EQ(COMMAND_HOLD, parseLine("!").eKind);
+    EXPECT_EQ(COMMAND_RESUME, parseLine("~").eKind);
+    EXPECT_EQ(COMMAND_LASER_ON, parseLine("m3 s500").eKind);
+    EXPECT_EQ(COMMAND_LASER_OFF, parseLine("M5").eKind);
+    EXPECT_EQ(COMMAND_SPOT, parseLine("M18 S1").eKind);
+    EXPECT_EQ(COMMAND_LOADER, parseLine("M21").eKind);
+    EXPECT_EQ(COMMAND_MOVE, parseLine("G1X1Y2").eKind);
+    EXPECT_EQ(COMMAND_MOVE, parseLine("X1").eKind);
+    EXPECT_EQ(COMMAND_MOVE, parseLine("G91 G1 X1").eKind);
+    EXPECT_TRUE(parseLine("G1 G91 X1").bRelative);
+    EXPECT_EQ(COMMAND_ACCEPTED, parseLine("").eKind);
+    EXPECT_EQ(COMMAND_ACCEPTED, parseLine("; a comment").eKind);
+    EXPECT_EQ(COMMAND_ACCEPTED, parseLine("(a comment) G21").eKind);
+    EXPECT_EQ(COMMAND_ACCEPTED, parseLine("G90\r").eKind);
+}
+
+TEST(Grammar, RefusedLinesSayWhy)
+{
+    EXPECT_EQ(2, parseLine("hello").nError); // a word without its number
+    EXPECT_EQ(1, parseLine("?").nError);
+    EXPECT_EQ(1, parseLine("G77").nError);
+    EXPECT_EQ(1, parseLine("M999").nError);
+    EXPECT_EQ(1, parseLine("Q1").nError);
+    EXPECT_EQ(2, parseLine("G05 X-nan Y1").nError);
+    EXPECT_EQ(2, parseLine("G1 X").nError);
+    EXPECT_EQ(2, parseLine("G1 X.").nError);
+    EXPECT_EQ(3, parseLine("$$").nError);
+    EXPECT_EQ(4, parseLine("G1 X2000.01").nError);
+    EXPECT_EQ(4, parseLine("G1 X" + std::string(200, '9')).nError);
+    EXPECT_EQ(4, parseLine("G1 X1 F0").nError);
+    EXPECT_EQ(6, parseLine("G1 X1" + std::string(251, ' ')).nError);
+    EXPECT_EQ(0, parseLine("G1 X1" + std::string(250, ' ')).nError);
+}
+
+TEST(Grammar, AnyBytesAreFine)
+{
+    for (int nFirst = 0; nFirst < 256; ++nFirst) {
+        for (int nSecond = 0; nSecond < 256; ++nSecond) {
+            const std::string strLine = {static_cast<char>(nFirst), static_cast<char>(nSecond)};
+            const Command command = parseLine(strLine);
+            EXPECT_EQ(COMMAND_REFUSED == command.eKind, 0 != command.nError) << nFirst << nSecond;
+            (void)parseReply(strLine);
+        }
+    }
+}
+
+TEST(Grammar, AnswersRoundTrip)
+{
+    EXPECT_EQ("ok\n", formatOk());
+    EXPECT_EQ("done\n", formatDone());
+    EXPECT_EQ("error:9\n", formatError(9));
+    EXPECT_EQ("alarm:3\n", formatAlarm(3));
+    EXPECT_EQ("status:4\n", formatStatus(4));
+    EXPECT_TRUE(parseReply(formatOk()).bAck);
+    EXPECT_EQ(9, parseReply(formatError(9)).nError);
+    EXPECT_EQ(3, parseReply(formatAlarm(3)).nAlarm);
+    EXPECT_EQ(4, parseReply(formatStatus(4)).nStatus);
+}
+
+TEST(Grammar, OnlyWholeLinesOfAnAnswerCount)
+{
+    EXPECT_FALSE(parseReply("ok").bAck);
+    EXPECT_FALSE(parseReply("o").bAck);
+    EXPECT_FALSE(parseReply("k\n").bAck);
+    EXPECT_FALSE(parseReply("not ok\n").bAck);
+    EXPECT_FALSE(parseReply("done\n").bAck);
+    EXPECT_EQ(0, parseReply("error:9").nError);
+    EXPECT_EQ(0, parseReply("error:\n").nError);
+    EXPECT_EQ(0, parseReply("error:9x\n").nError);
+    EXPECT_EQ(0, parseReply("error:-9\n").nError);
+    EXPECT_EQ(0, parseReply("error:99999999999999999999\n").nError);
+}
+
+TEST(Grammar, AnswersOfSeveralLines)
+{
+    const Reply reply = parseReply("status:1\nstatus:4\nok\nerror:2\n");
+
+    EXPECT_TRUE(reply.bAck);
+    EXPECT_EQ(4, reply.nStatus);
+    EXPECT_EQ(2, reply.nError);
+    EXPECT_EQ(0, reply.nAlarm);
+}

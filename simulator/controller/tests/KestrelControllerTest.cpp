@@ -1,0 +1,286 @@
+// The virtual controller as a program: its port, pins, sockets and files.
+#include <cerrno>
+#include <fstream>
+#include <string>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "SceneState.h"
+#include "VirtualController.h"
+
+namespace {
+
+/** The client's end of the port. */
+class Port
+{
+public:
+    explicit Port(const std::string& strNode)
+        : m_nFd(open(strNode.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
+    {
+    }
+    Port(const Port&) = delete;
+    Port& operator=(const Port&) = delete;
+    ~Port()
+    {
+        close(m_nFd);
+    }
+
+    ssize_t say(const std::string& strText) const
+    {
+        return write(m_nFd, strText.data(), strText.size());
+    }
+
+    /** Wait for the next bytes; empty when the port hangs up. */
+    std::string hear() const
+    {
+        pollfd entry{m_nFd, POLLIN, 0};
+        poll(&entry, 1, 30000);
+        char acBuffer[256] = {0};
+        const ssize_t nRead = read(m_nFd, acBuffer, sizeof(acBuffer));
+        return std::string(acBuffer, (nRead > 0) ? static_cast<size_t>(nRead) : 0);
+    }
+
+    int getFd() const
+    {
+        return m_nFd;
+    }
+
+private:
+    int m_nFd;
+};
+
+/** A name that no other run of the tests uses. */
+std::string scratchPath(const std::string& strName)
+{
+    return testing::TempDir() + "kestrel-" + std::to_string(getpid()) + strName;
+}
+
+void removePins(const std::string& strPins)
+{
+    unlink((strPins + "/export").c_str());
+    unlink((strPins + "/gpio106/direction").c_str());
+    unlink((strPins + "/gpio106/value").c_str());
+    rmdir((strPins + "/gpio106").c_str());
+    rmdir(strPins.c_str());
+}
+
+bool exists(const std::string& strPath)
+{
+    return 0 == access(strPath.c_str(), F_OK);
+}
+
+} // namespace
+
+TEST(KestrelController, AnswersLinesAndRecordsThem)
+{
+    VirtualController controller;
+    Port port(controller.getNode());
+
+    port.say("$H\n");
+
+    EXPECT_EQ("ok\n", port.hear());
+    EXPECT_EQ("done\n", port.hear());
+    const std::vector<VirtualController::Record> vecRecord = controller.readWire();
+    ASSERT_EQ(4U, vecRecord.size());
+    EXPECT_EQ("plugged", vecRecord[0].strKind);
+    EXPECT_EQ("rx", vecRecord[1].strKind);
+    EXPECT_EQ("$H", vecRecord[1].strText);
+    EXPECT_EQ("tx", vecRecord[2].strKind);
+    EXPECT_EQ("ok\n", vecRecord[2].strText);
+    EXPECT_EQ("done\n", vecRecord[3].strText);
+    EXPECT_LE(vecRecord[2].dSeconds + 0.1, vecRecord[3].dSeconds + 1e-6); // the settling time
+}
+
+TEST(KestrelController, ReceivedBytesAreKeptAsTheyCame)
+{
+    VirtualController controller;
+    Port port(controller.getNode());
+    const std::string strBytes = std::string("a\\\tb\r\n\n\x01\xff", 9) + std::string("\0c\n", 3);
+
+    port.say(strBytes);
+
+    EXPECT_EQ(strBytes, controller.readReceivedBytes());
+}
+
+TEST(KestrelController, PulledCableHangsUpAndTheNodeGoesAndComesBack)
+{
+    VirtualController controller;
+    Port port(controller.getNode());
+
+    EXPECT_EQ("ok", controller.instruct("unplug"));
+
+    EXPECT_FALSE(exists(controller.getNode()));
+    EXPECT_EQ("", port.hear());
+    EXPECT_EQ(-1, port.say("G21\n"));
+    EXPECT_EQ("ok", controller.instruct("plug"));
+    Port next(controller.getNode());
+    next.say("G21\n");
+    EXPECT_EQ("ok\n", next.hear());
+}
+
+TEST(KestrelController, StartsUnpluggedOnRequest)
+{
+    VirtualController controller({"--unplugged"});
+
+    EXPECT_FALSE(exists(controller.getNode()));
+}
+
+TEST(KestrelController, CableIsPulledInMidJob)
+{
+    VirtualController controller;
+    Port port(controller.getNode());
+    EXPECT_EQ("ok", controller.instruct("line 2 unplug"));
+
+    port.say("G21\n");
+    EXPECT_EQ("ok\n", port.hear());
+    port.say("G21\n");
+
+    EXPECT_EQ("", port.hear());
+    EXPECT_FALSE(exists(controller.getNode()));
+}
+
+TEST(KestrelController, StalledControllerLetsThePipeFillUp)
+{
+    VirtualController controller;
+    Port port(controller.getNode());
+    EXPECT_EQ("ok", controller.instruct("stall"));
+
+    const std::string strBlock(4096, 'x');
+    ssize_t nWritten = 0;
+    size_t nTotal = 0;
+    do {
+        nWritten = port.say(strBlock);
+        nTotal += (nWritten > 0) ? static_cast<size_t>(nWritten) : 0;
+        ASSERT_LT(nTotal, 1000000U);
+    } while (nWritten > 0);
+    EXPECT_EQ(EAGAIN, errno);
+
+    EXPECT_EQ("ok", controller.instruct("unstall"));
+    EXPECT_TRUE(VirtualController::waitUntil([&port] { return port.say("\n") > 0; }));
+    EXPECT_TRUE(VirtualController::waitUntil(
+        [&controller] { return !controller.readTexts("rx").empty(); }));
+}
+
+TEST(KestrelController, ResetPinTakesThePortAwayAndBringsItBack)
+{
+    const std::string strPins = scratchPath("gpio");
+    VirtualController controller({"--gpio", strPins, "--boot-ms", "50"});
+
+    std::ofstream(strPins + "/export") << "106";
+    // Each file is a pipe of its own: only a store that was seen is certainly before the next one.
+    EXPECT_TRUE(
+        VirtualController::waitUntil([&] { return 1 == controller.readTexts("gpio").size(); }));
+    std::ofstream(strPins + "/gpio106/value").write("1\0", 2);
+    std::ofstream(strPins + "/gpio106/value").write("0\0", 2);
+    EXPECT_TRUE(VirtualController::waitUntil([&] { return !exists(controller.getNode()); }));
+    std::ofstream(strPins + "/gpio106/value").write("1\0", 2);
+    EXPECT_TRUE(VirtualController::waitUntil([&] { return exists(controller.getNode()); }));
+
+    const std::vector<std::string> vecExpected = {"export 106", "gpio106/value 1",
+                                                  "gpio106/value 0", "gpio106/value 1"};
+    EXPECT_EQ(vecExpected, controller.readTexts("gpio"));
+    removePins(strPins);
+}
+
+TEST(KestrelController, StoresOfOneReadAreToldApart)
+{
+    const std::string strPins = scratchPath("gpio");
+    VirtualController controller({"--gpio", strPins});
+
+    std::ofstream(strPins + "/gpio106/value")
+        .write("1\0"
+               "0\0"
+               "1\0",
+               6);
+    EXPECT_TRUE(
+        VirtualController::waitUntil([&] { return 3 == controller.readTexts("gpio").size(); }));
+
+    const std::vector<std::string> vecExpected = {"gpio106/value 1", "gpio106/value 0",
+                                                  "gpio106/value 1"};
+    EXPECT_EQ(vecExpected, controller.readTexts("gpio"));
+    removePins(strPins);
+}
+
+TEST(KestrelController, MovesTheSceneSpot)
+{
+    VirtualController controller({"--position", "1,2,3", "--speed-up", "100"});
+    const int nFd = open(controller.getScenePath().c_str(), O_RDONLY | O_CLOEXEC);
+    const auto* const pScene = static_cast<const SceneState*>(
+        mmap(nullptr, sizeof(SceneState), PROT_READ, MAP_SHARED, nFd, 0));
+    close(nFd);
+    ASSERT_NE(MAP_FAILED, static_cast<const void*>(pScene));
+    EXPECT_EQ(1000, pScene->s32XMicrometre);
+    EXPECT_EQ(2000, pScene->s32YMicrometre);
+    EXPECT_EQ(3000, pScene->s32ZMicrometre);
+    EXPECT_EQ(1U, pScene->u32LaserOn);
+    Port port(controller.getNode());
+
+    port.say("G05 X-12.5 Y3 Z0.25 F2000\nM18 S0\n");
+
+    EXPECT_EQ("ok\n", port.hear());
+    EXPECT_EQ("done\nok\n", port.hear());
+    EXPECT_TRUE(VirtualController::waitUntil([pScene] { return 0 == pScene->u32LaserOn; }));
+    EXPECT_EQ(-12500, pScene->s32XMicrometre);
+    EXPECT_EQ(3000, pScene->s32YMicrometre);
+    EXPECT_EQ(250, pScene->s32ZMicrometre);
+    munmap(const_cast<SceneState*>(pScene), sizeof(SceneState));
+}
+
+TEST(KestrelController, KeepsAFirmwareImage)
+{
+    VirtualController controller;
+    Port port(controller.getNode());
+    const std::string strImage = std::string("KFW1\x06\0\0\0", 8) + "abc\ndef";
+
+    port.say("M21\n");
+    EXPECT_EQ("ok\n", port.hear());
+    port.say(strImage.substr(0, 5));
+    port.say(strImage.substr(5, 9));
+    port.say("G21\n");
+
+    EXPECT_EQ("ok\n", port.hear());
+    const std::vector<std::string> vecExpected = {"14 bytes complete"};
+    EXPECT_EQ(vecExpected, controller.readTexts("image"));
+    std::ifstream file(controller.getImagePath(), std::ios::binary);
+    const std::string strKept{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_EQ(strImage.substr(0, 14), strKept);
+}
+
+TEST(KestrelController, ScriptIsCarriedOutAtItsTimes)
+{
+    const std::string strScript = scratchPath("script");
+    std::ofstream(strScript) << "# nothing for a while\n0.2 unplug\nline 1 refuse 5\n0.4 plug\n";
+    VirtualController controller({"--script", strScript});
+
+    EXPECT_TRUE(VirtualController::waitUntil(
+        [&controller] { return 2 == controller.readTexts("plugged").size(); }));
+
+    Port port(controller.getNode());
+    port.say("G21\n");
+    EXPECT_EQ("error:5\n", port.hear());
+    const std::vector<std::string> vecExpected = {"unplug", "plug", "refuse 5"};
+    EXPECT_EQ(vecExpected, controller.readTexts("instructed"));
+    unlink(strScript.c_str());
+}
+
+TEST(KestrelController, ScriptWithNonsenseEndsIt)
+{
+    const std::string strScript = scratchPath("script");
+    std::ofstream(strScript) << "soon unplug\n";
+
+    EXPECT_THROW(VirtualController controller({"--script", strScript}), std::runtime_error);
+    unlink(strScript.c_str());
+}
+
+TEST(KestrelController, NonsenseIsAnsweredSo)
+{
+    VirtualController controller;
+
+    EXPECT_EQ("error: not understood: fly", controller.instruct("fly"));
+}

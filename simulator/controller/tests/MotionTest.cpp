@@ -1,0 +1,93 @@
+// The virtual arm: feed rate, queue, pause and what counts as arrived.
+#include <gtest/gtest.h>
+
+#include "Motion.h"
+
+static const int64_t SECOND = 1000000;
+
+TEST(Motion, FeedRateGivesTheTime)
+{
+    Motion motion(1, 0);
+
+    motion.queueMove({10, 0, 0}, 600, false); // 10 mm at 10 mm per second
+    EXPECT_EQ(SECOND, motion.remainingUs());
+    motion.advance(SECOND / 4);
+
+    EXPECT_DOUBLE_EQ(2.5, motion.position()[0]);
+    EXPECT_EQ(SECOND * 3 / 4, motion.remainingUs());
+}
+
+TEST(Motion, LengthIsThatOfTheStraightLine)
+{
+    Motion motion(1, 0);
+
+    motion.queueMove({3, 4, 0}, 300, false); // 5 mm at 5 mm per second
+
+    EXPECT_EQ(SECOND, motion.remainingUs());
+}
+
+TEST(Motion, SpeedUpShortensMovesButNotTheSettling)
+{
+    Motion motion(10, SECOND / 2);
+
+    motion.queueMove({10, 0, 0}, 600, false);
+    motion.queueMove({20, 0, 0}, 600, true);
+
+    EXPECT_EQ(SECOND / 10, motion.remainingUs());
+    EXPECT_EQ(0U, motion.advance(SECOND / 10 + SECOND / 2 - 1));
+    EXPECT_EQ(1U, motion.advance(SECOND / 10 + SECOND / 2));
+}
+
+TEST(Motion, MovesFollowEachOtherWithinOneStep)
+{
+    Motion motion(1, 0);
+    motion.queueMove({10, 0, 0}, 600, true);
+    motion.queueMove({10, 10, 0}, 600, true);
+    motion.queueMove({10, 10, 10}, 600, false);
+
+    const unsigned uEnded = motion.advance(2 * SECOND + SECOND / 2);
+
+    EXPECT_EQ(2U, uEnded);
+    EXPECT_EQ((Point{10, 10, 5}), motion.position());
+    EXPECT_FALSE(motion.isIdle());
+}
+
+TEST(Motion, HeldArmStandsStillAndGoesOn)
+{
+    Motion motion(1, 0);
+    motion.queueMove({10, 0, 0}, 600, false);
+    motion.advance(SECOND / 2);
+
+    motion.setHeld(true);
+    motion.advance(10 * SECOND);
+    EXPECT_DOUBLE_EQ(5, motion.position()[0]);
+    EXPECT_EQ(-1, motion.remainingUs());
+    motion.setHeld(false);
+    motion.advance(10 * SECOND + SECOND / 2);
+
+    EXPECT_DOUBLE_EQ(10, motion.position()[0]);
+    EXPECT_TRUE(motion.isIdle());
+}
+
+TEST(Motion, QueueIsBounded)
+{
+    Motion motion(1, 0);
+    for (size_t i = 0; i <= Motion::MAX_QUEUED; ++i) {
+        EXPECT_FALSE(motion.isFull());
+        motion.queueMove({1, 0, 0}, 600, false);
+    }
+
+    EXPECT_TRUE(motion.isFull());
+}
+
+TEST(Motion, ClearedArmStaysWhereItIs)
+{
+    Motion motion(1, 0);
+    motion.queueMove({10, 0, 0}, 600, true);
+    motion.advance(SECOND / 2);
+
+    motion.clear();
+
+    EXPECT_EQ(0U, motion.advance(10 * SECOND));
+    EXPECT_DOUBLE_EQ(5, motion.position()[0]);
+}
