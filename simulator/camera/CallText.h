@@ -1,0 +1,29 @@
+// Device calls as text: their names, the arguments asked and granted, error and pixel-format names.
+#pragma once
+
+#include "preload/CameraProtocol.h"
+
+#include <string>
+
+using CameraRecord = decltype(CameraPage::record);
+
+/** "S_FMT", "mmap", ...; an ioctl's name without its VIDIOC_. */
+const char* callName(CameraCall eCall);
+
+/** The call of a name, VIDIOC_ in front or not; CAMERA_CALLS for an unknown one. */
+CameraCall callOf(const std::string& strName);
+
+/** "ENODEV" for 19; "errno N" for a number above ERANGE. */
+std::string errorName(int nErrno);
+
+/** 19 for "ENODEV"; 0 for an unknown name. */
+int errorOf(const std::string& strName);
+
+/** "MJPG" for its four-character code. */
+std::string pixelFormatName(uint32_t u32Format);
+
+/** What the caller asked for, as "key=value" words; empty for a call without arguments. */
+std::string askedText(CameraCall eCall, const CameraRecord& record);
+
+/** What a successful call gave back, as "key=value" words; empty when it gives nothing. */
+std::string grantedText(CameraCall eCall, const CameraRecord& record);

@@ -1,0 +1,293 @@
+// The commands that change the virtual camera while it runs.
+#include "Commands.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+namespace {
+
+const char* const OK = "ok";
+const char* const USAGE = "error: wrong arguments";
+
+bool number(const std::string& strWord, uint32_t& u32Value)
+{
+    char* pEnd = nullptr;
+    const unsigned long long nValue = strtoull(strWord.c_str(), &pEnd, 10);
+    u32Value = static_cast<uint32_t>(nValue);
+    return !strWord.empty() && strWord[0] >= '0' && strWord[0] <= '9' && '\0' == *pEnd &&
+           nValue <= UINT32_MAX;
+}
+
+// A count at this place of the line: a number from 1, "always", or 1 when the line ends before.
+bool count(const std::vector<std::string>& vecWord, size_t nAt, uint32_t& u32Count)
+{
+    u32Count = 1;
+    if (nAt >= vecWord.size()) {
+        return true;
+    }
+    if ("always" == vecWord[nAt]) {
+        u32Count = Faults::ALWAYS;
+        return true;
+    }
+    return number(vecWord[nAt], u32Count) && u32Count > 0;
+}
+
+bool micrometres(const std::string& strWord, int32_t& s32Value)
+{
+    char* pEnd = nullptr;
+    const double dMillimetres = strtod(strWord.c_str(), &pEnd);
+    if (strWord.empty() || '\0' != *pEnd || !(std::fabs(dMillimetres) < 2000000)) {
+        return false;
+    }
+    s32Value = static_cast<int32_t>(std::lround(dMillimetres * 1000));
+    return true;
+}
+
+} // namespace
+
+Commands::Commands(UvcCamera& camera, KernelFiles& kernelFiles, SceneFile& scene, Journal& journal)
+    : m_camera(camera), m_kernelFiles(kernelFiles), m_scene(scene), m_journal(journal)
+{
+}
+
+bool Commands::quit() const
+{
+    return m_bQuit;
+}
+
+std::string Commands::run(const std::string& strLine)
+{
+    Words vecWord;
+    std::istringstream stream(strLine);
+    for (std::string strWord; stream >> strWord;) {
+        vecWord.push_back(strWord);
+    }
+    if (vecWord.empty()) {
+        return USAGE;
+    }
+    if ("state" == strLine) {
+        return stateText();
+    }
+    if ("status" == strLine) {
+        return statusText();
+    }
+    if ("unplug" != strLine && "replug" != strLine) { // which are noted where they take effect
+        m_journal.note(strLine);
+    }
+    return change(vecWord);
+}
+
+std::string Commands::change(const Words& vecWord)
+{
+    const std::string& strName = vecWord[0];
+    const size_t nWords = vecWord.size();
+    if ("unplug" == strName) {
+        return unplug(vecWord);
+    }
+    if ("fail" == strName) {
+        return fail(vecWord);
+    }
+    if ("bytes" == strName) {
+        return bytes(vecWord);
+    }
+    if ("grant" == strName || "index" == strName || "coerce" == strName || "fps" == strName) {
+        return counted(vecWord);
+    }
+    if ("list" == strName) {
+        return list(vecWord);
+    }
+    if ("spot" == strName) {
+        return spot(vecWord);
+    }
+    if ("journal" == strName && 2 == nWords && "clear" == vecWord[1]) {
+        m_journal.clear();
+    } else if ("timeperframe" == strName && 2 == nWords) {
+        m_camera.changeFaults(
+            [&](Faults& faults) { faults.bNoTimePerFrame = "off" == vecWord[1]; });
+    } else if ("stat" == strName && 2 == nWords) {
+        m_camera.changeFaults(
+            [&](Faults& faults) { faults.bRegularNode = "regular" == vecWord[1]; });
+    } else if ("mark" == strName) {
+        return OK; // the note in the journal is all
+    } else if (nWords > 1) {
+        return USAGE;
+    } else if ("replug" == strName) {
+        m_camera.replug();
+    } else if ("freeze" == strName || "thaw" == strName) {
+        m_camera.changeFaults([&](Faults& faults) { faults.bFrozen = "freeze" == strName; });
+    } else if ("clear" == strName) {
+        m_camera.changeFaults([](Faults& faults) { faults = Faults(); });
+        m_camera.setRate(0);
+        m_kernelFiles.setMode(KernelFiles::MODE_E::NORMAL, 2);
+    } else if ("quit" == strName) {
+        m_bQuit = true;
+    } else {
+        return "error: unknown command";
+    }
+    return OK;
+}
+
+// unplug | unplug after CALL
+std::string Commands::unplug(const Words& vecWord)
+{
+    if (1 == vecWord.size()) {
+        m_camera.unplug();
+        return OK;
+    }
+    if (3 != vecWord.size() || "after" != vecWord[1]) {
+        return USAGE;
+    }
+    const CameraCall eCall = "dequeue" == vecWord[2] ? CAMERA_DQBUF : callOf(vecWord[2]);
+    if (CAMERA_CALLS == eCall || CAMERA_stat == eCall || CAMERA_open == eCall) {
+        return "error: unknown call";
+    }
+    m_camera.changeFaults([&](Faults& faults) { faults.unplugAfter = eCall; });
+    return OK;
+}
+
+// fail CALL ERRNO [COUNT|always [skip N]]
+std::string Commands::fail(const Words& vecWord)
+{
+    uint32_t u32Count = 1;
+    uint32_t u32Skip = 0;
+    const bool bSkip = 6 == vecWord.size() && "skip" == vecWord[4];
+    if (vecWord.size() < 3 || (vecWord.size() > 4 && !bSkip) || !count(vecWord, 3, u32Count) ||
+        (bSkip && !number(vecWord[5], u32Skip))) {
+        return USAGE;
+    }
+    const CameraCall eCall = callOf(vecWord[1]);
+    const int nErrno = errorOf(vecWord[2]);
+    if (CAMERA_CALLS == eCall || CAMERA_munmap == eCall || CAMERA_close == eCall) {
+        return "error: unknown call";
+    }
+    if (0 == nErrno) {
+        return "error: unknown errno";
+    }
+    m_camera.changeFaults(
+        [&](Faults& faults) { faults.failCall(eCall, nErrno, u32Count, u32Skip); });
+    return OK;
+}
+
+// bytes N|overflow [COUNT|always]
+std::string Commands::bytes(const Words& vecWord)
+{
+    uint32_t u32Bytes = 0;
+    uint32_t u32Count = 1;
+    const bool bOverflow = vecWord.size() > 1 && "overflow" == vecWord[1];
+    if (vecWord.size() < 2 || vecWord.size() > 3 || !count(vecWord, 2, u32Count) ||
+        (!bOverflow && !number(vecWord[1], u32Bytes))) {
+        return USAGE;
+    }
+    m_camera.changeFaults([&](Faults& faults) {
+        if (bOverflow) {
+            faults.setOverflow(u32Count);
+        } else {
+            faults.setBytes(u32Bytes, u32Count);
+        }
+    });
+    return OK;
+}
+
+// grant N [COUNT|always], index N [COUNT|always], coerce FPS|off, fps N|auto
+std::string Commands::counted(const Words& vecWord)
+{
+    uint32_t u32Value = 0;
+    uint32_t u32Count = 1;
+    const std::string& strName = vecWord[0];
+    const bool bOff = vecWord.size() > 1 && ("off" == vecWord[1] || "auto" == vecWord[1]);
+    const bool bRate = "coerce" == strName || "fps" == strName;
+    if (vecWord.size() < 2 || vecWord.size() > (bRate ? 2u : 3u) ||
+        !(bRate && bOff ? true : number(vecWord[1], u32Value)) || !count(vecWord, 2, u32Count)) {
+        return USAGE;
+    }
+    if (bRate && !bOff && (u32Value < 1 || u32Value > 200)) {
+        return "error: 1 to 200 frames per second";
+    }
+    if ("fps" == strName) {
+        m_camera.setRate(u32Value);
+        return OK;
+    }
+    if ("grant" == strName && (u32Value < 1 || u32Value > VIDEO_MAX_FRAME)) {
+        return "error: 1 to 32 buffers";
+    }
+    m_camera.changeFaults([&](Faults& faults) {
+        if ("grant" == strName) {
+            faults.setGrant(u32Value, u32Count);
+        } else if ("index" == strName) {
+            faults.setIndex(u32Value, u32Count);
+        } else {
+            faults.coercedRate = bOff ? std::nullopt : std::optional<uint32_t>(u32Value);
+        }
+    });
+    return OK;
+}
+
+// list normal|missing|nohandlers, list event N
+std::string Commands::list(const Words& vecWord)
+{
+    uint32_t u32Event = 2;
+    if (3 == vecWord.size() && "event" == vecWord[1] && number(vecWord[2], u32Event)) {
+        m_kernelFiles.setMode(KernelFiles::MODE_E::NORMAL, u32Event);
+    } else if (2 == vecWord.size() && "normal" == vecWord[1]) {
+        m_kernelFiles.setMode(KernelFiles::MODE_E::NORMAL, u32Event);
+    } else if (2 == vecWord.size() && "missing" == vecWord[1]) {
+        m_kernelFiles.setMode(KernelFiles::MODE_E::MISSING, u32Event);
+    } else if (2 == vecWord.size() && "nohandlers" == vecWord[1]) {
+        m_kernelFiles.setMode(KernelFiles::MODE_E::NO_HANDLERS, u32Event);
+    } else {
+        return USAGE;
+    }
+    return OK;
+}
+
+// spot X Y Z on|off, in millimetres
+std::string Commands::spot(const Words& vecWord)
+{
+    int32_t as32Position[3] = {};
+    if (5 != vecWord.size() || ("on" != vecWord[4] && "off" != vecWord[4])) {
+        return USAGE;
+    }
+    for (size_t i = 0; i < 3; i++) {
+        if (!micrometres(vecWord[i + 1], as32Position[i])) {
+            return USAGE;
+        }
+    }
+    SceneState& state = m_scene.state();
+    state.s32XMicrometre = as32Position[0];
+    state.s32YMicrometre = as32Position[1];
+    state.s32ZMicrometre = as32Position[2];
+    state.u32LaserOn = "on" == vecWord[4] ? 1 : 0;
+    return OK;
+}
+
+std::string Commands::stateText()
+{
+    const Truth truth = m_camera.truth();
+    if (0 == truth.u32Number) {
+        return "error: no frame yet";
+    }
+    if (!truth.bScene) {
+        return "error: pictures from files";
+    }
+    char acText[256];
+    snprintf(acText, sizeof(acText),
+             "ok frame=%u laser=%d visible=%d x=%.3f y=%.3f sigma=%.3f xmm=%.3f ymm=%.3f zmm=%.3f",
+             truth.u32Number, truth.bLaserOn ? 1 : 0, truth.bInPicture ? 1 : 0, truth.dX, truth.dY,
+             truth.dSigma, truth.dXMillimetre, truth.dYMillimetre, truth.dZMillimetre);
+    return acText;
+}
+
+std::string Commands::statusText()
+{
+    const UvcCamera::Status status = m_camera.status();
+    char acText[256];
+    snprintf(acText, sizeof(acText),
+             "ok plugged=%d streaming=%d frozen=%d opens=%u frame=%u fps=%.2f format=%s size=%ux%u",
+             status.bPlugged ? 1 : 0, status.bStreaming ? 1 : 0, status.bFrozen ? 1 : 0,
+             status.u32Opens, status.u32Number, status.dRate,
+             pixelFormatName(status.choice.u32PixelFormat).c_str(), status.choice.u32Width,
+             status.choice.u32Height);
+    return acText;
+}

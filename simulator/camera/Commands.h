@@ -1,0 +1,47 @@
+// The commands that change the virtual camera while it runs.
+#pragma once
+
+#include "Journal.h"
+#include "KernelFiles.h"
+#include "SceneFile.h"
+#include "UvcCamera.h"
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+/**
+ * Understands one line and does it; README.md lists the commands. Each line is noted in the journal
+ * save those that only ask. Any thread.
+ */
+class Commands
+{
+public:
+    /** All borrowed for the object's life. */
+    Commands(UvcCamera& camera, KernelFiles& kernelFiles, SceneFile& scene, Journal& journal);
+
+    /** @return "ok", "ok" and what was asked for, or "error: " and the reason; no line end */
+    std::string run(const std::string& strLine);
+
+    /** Whether "quit" was given. */
+    bool quit() const;
+
+private:
+    using Words = std::vector<std::string>;
+
+    std::string change(const Words& vecWord);
+    std::string fail(const Words& vecWord);
+    std::string bytes(const Words& vecWord);
+    std::string counted(const Words& vecWord);
+    std::string list(const Words& vecWord);
+    std::string spot(const Words& vecWord);
+    std::string unplug(const Words& vecWord);
+    std::string stateText();
+    std::string statusText();
+
+    UvcCamera& m_camera;
+    KernelFiles& m_kernelFiles;
+    SceneFile& m_scene;
+    Journal& m_journal;
+    std::atomic<bool> m_bQuit{false};
+};

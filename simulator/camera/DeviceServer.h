@@ -1,0 +1,35 @@
+// Accepts programs that use the camera.
+#pragma once
+
+#include "CameraSession.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <poll.h>
+
+/** The socket to which the preloaded library turns for stat and open. The main thread only. */
+class DeviceServer
+{
+public:
+    DeviceServer(UvcCamera& camera, const std::string& strDir);
+    ~DeviceServer();
+    DeviceServer(const DeviceServer&) = delete;
+    DeviceServer& operator=(const DeviceServer&) = delete;
+
+    /** @return false when the socket cannot be made (the reason is in errno) */
+    bool start();
+
+    /** Add what must be watched; then, after a poll, do what there is to do. */
+    void watch(std::vector<pollfd>& vecPoll) const;
+    void handle();
+
+private:
+    void accept();
+
+    UvcCamera& m_camera;
+    const std::string m_strDir;
+    int m_nListener = -1;
+    std::vector<std::unique_ptr<CameraSession>> m_vecSession;
+};

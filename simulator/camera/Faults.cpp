@@ -1,0 +1,73 @@
+// What the camera shall do wrong, as told by commands.
+#include "Faults.h"
+
+void Faults::failCall(CameraCall eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip)
+{
+    m_listCall.push_back({eCall, nErrno, u32Count, u32Skip});
+}
+
+int Faults::failure(CameraCall eCall)
+{
+    for (auto it = m_listCall.begin(); it != m_listCall.end(); ++it) {
+        if (it->eCall != eCall) {
+            continue;
+        }
+        if (it->u32Skip > 0) {
+            it->u32Skip--;
+            return 0;
+        }
+        const int nErrno = it->nErrno;
+        if (ALWAYS != it->u32Count && 0 == --it->u32Count) {
+            m_listCall.erase(it);
+        }
+        return nErrno;
+    }
+    return 0;
+}
+
+std::optional<uint32_t> Faults::use(ValueFault& fault)
+{
+    if (0 == fault.u32Count) {
+        return std::nullopt;
+    }
+    fault.u32Count -= ALWAYS == fault.u32Count ? 0 : 1;
+    return fault.u32Value;
+}
+
+void Faults::setBytes(uint32_t u32Bytes, uint32_t u32Count)
+{
+    m_bytes = {u32Bytes, u32Count};
+    m_bOverflow = false;
+}
+
+void Faults::setOverflow(uint32_t u32Count)
+{
+    m_bytes = {0, u32Count};
+    m_bOverflow = true;
+}
+
+std::optional<uint32_t> Faults::bytes(uint32_t u32BufferLength)
+{
+    const std::optional<uint32_t> bytes = use(m_bytes);
+    return bytes && m_bOverflow ? u32BufferLength + 1 : bytes;
+}
+
+void Faults::setIndex(uint32_t u32Index, uint32_t u32Count)
+{
+    m_index = {u32Index, u32Count};
+}
+
+std::optional<uint32_t> Faults::index()
+{
+    return use(m_index);
+}
+
+void Faults::setGrant(uint32_t u32Buffers, uint32_t u32Count)
+{
+    m_grant = {u32Buffers, u32Count};
+}
+
+std::optional<uint32_t> Faults::grant()
+{
+    return use(m_grant);
+}

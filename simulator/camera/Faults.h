@@ -1,0 +1,64 @@
+// What the camera shall do wrong, as told by commands.
+#pragma once
+
+#include "preload/CameraProtocol.h"
+
+#include <cstdint>
+#include <list>
+#include <optional>
+
+/**
+ * The faults in force. Counted ones wear off with use. No locking: the camera's lock covers it.
+ */
+class Faults
+{
+public:
+    static const uint32_t ALWAYS = UINT32_MAX;
+
+    /** Answer u32Count calls with an error, after u32Skip that go through. */
+    void failCall(CameraCall eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip);
+    /** The error that this call shall get, 0 for none; counts. */
+    int failure(CameraCall eCall);
+
+    /** Give u32Count frames this number of bytes; beyond the buffer's length only in name. */
+    void setBytes(uint32_t u32Bytes, uint32_t u32Count);
+    /** As many bytes as the buffer has, and one. */
+    void setOverflow(uint32_t u32Count);
+    /** The number of bytes the next frame shall have; counts. */
+    std::optional<uint32_t> bytes(uint32_t u32BufferLength);
+
+    /** Have u32Count dequeues name this buffer. */
+    void setIndex(uint32_t u32Index, uint32_t u32Count);
+    std::optional<uint32_t> index();
+
+    /** Grant this many buffers to u32Count requests, whatever they ask. */
+    void setGrant(uint32_t u32Buffers, uint32_t u32Count);
+    std::optional<uint32_t> grant();
+
+    std::optional<uint32_t> coercedRate;   // frames per second that every S_PARM is granted
+    bool bNoTimePerFrame = false;          // the capability is not announced
+    bool bFrozen = false;                  // no frame is filled
+    bool bRegularNode = false;             // stat finds a regular file
+    std::optional<CameraCall> unplugAfter; // unplug when this call has succeeded
+
+private:
+    struct CallFault
+    {
+        CameraCall eCall;
+        int nErrno;
+        uint32_t u32Count;
+        uint32_t u32Skip;
+    };
+    struct ValueFault
+    {
+        uint32_t u32Value = 0;
+        uint32_t u32Count = 0; // 0: not in force
+    };
+    static std::optional<uint32_t> use(ValueFault& fault);
+
+    std::list<CallFault> m_listCall;
+    ValueFault m_bytes;
+    bool m_bOverflow = false;
+    ValueFault m_index;
+    ValueFault m_grant;
+};

@@ -1,0 +1,49 @@
+// The record of every device call: one line each, in the order in which they were answered.
+#include "Journal.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+Journal::Journal(std::string strPath)
+    : m_nFd(::open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666))
+{
+}
+
+Journal::~Journal()
+{
+    if (m_nFd >= 0) {
+        ::close(m_nFd);
+    }
+}
+
+void Journal::call(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
+{
+    append(u32Pid, u32Session, strText);
+}
+
+void Journal::note(const std::string& strText)
+{
+    append(0, 0, "# " + strText);
+}
+
+void Journal::clear()
+{
+    (void)::ftruncate(m_nFd, 0); // a journal that is not there stays empty
+}
+
+void Journal::append(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    char acPrefix[64];
+    snprintf(acPrefix, sizeof(acPrefix), "%lld.%06ld %u %u ", static_cast<long long>(now.tv_sec),
+             static_cast<long>(now.tv_nsec / 1000), u32Pid, u32Session);
+    const std::string strLine = acPrefix + strText + "\n";
+    // A line that does not fit the disk is lost; the camera goes on.
+    if (::write(m_nFd, strLine.data(), strLine.size()) < 0) {
+        return;
+    }
+}

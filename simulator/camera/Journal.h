@@ -1,0 +1,33 @@
+// The record of every device call: one line each, in the order in which they were answered.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+/**
+ * Appends lines to a file, each with one write, so that a reader never sees half of one.
+ *
+ * A call's line is "SECONDS PID SESSION NAME asked = RESULT granted": seconds of CLOCK_MONOTONIC
+ * with six decimals, the caller's process, the open camera's number (0 without one). RESULT is 0 or
+ * "-1 ENAME". A note is "SECONDS 0 0 # text". Any thread.
+ */
+class Journal
+{
+public:
+    /** Start an empty file; lines are lost when it cannot be written. */
+    explicit Journal(std::string strPath);
+    ~Journal();
+    Journal(const Journal&) = delete;
+    Journal& operator=(const Journal&) = delete;
+
+    void call(uint32_t u32Pid, uint32_t u32Session, const std::string& strText);
+    void note(const std::string& strText);
+
+    /** Forget all lines; the file stays the same one. */
+    void clear();
+
+private:
+    void append(uint32_t u32Pid, uint32_t u32Session, const std::string& strText);
+
+    int m_nFd;
+};

@@ -1,0 +1,39 @@
+// Draws the virtual workpiece with the laser spot.
+#pragma once
+
+#include "PictureSource.h"
+#include "Raster.h"
+#include "SceneFile.h"
+#include "SceneGeometry.h"
+
+#include <vector>
+
+/**
+ * Pictures of the scene that SceneGeometry.h describes, with the spot where the scene file has it
+ * at the moment of drawing. What does not move is drawn once per size and light.
+ */
+class SceneSource : public IPictureSource
+{
+public:
+    /** @param scene  borrowed for the object's life  @param dK1  lens, MIN_K1 .. MAX_K1 */
+    SceneSource(SceneFile& scene, double dK1, int nQuality);
+
+    void draw(const PictureRequest& request, Picture& picture) override;
+
+private:
+    void drawBackground(const VideoFormats::Choice& choice);
+    void expose(double dExposure, int32_t s32Brightness);
+    void drawSpot(Truth& truth);
+    void drawWriting(const PictureRequest& request);
+
+    SceneFile& m_scene;
+    const double m_dK1;
+    const int m_nQuality;
+    SceneGeometry m_geometry;
+    std::vector<uint8_t> m_vecBase; // the workpiece before light, one grey value per pixel
+    uint8_t m_au8Light[256] = {};   // value to value with light
+    double m_dExposure = -1;        // that m_background was made with
+    int32_t m_s32Brightness = 0;
+    Raster m_background;
+    Raster m_raster;
+};

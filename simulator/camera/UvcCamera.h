@@ -1,0 +1,162 @@
+// The virtual camera's driver: answers device calls as the kernel's UVC driver does.
+#pragma once
+
+#include "CallText.h"
+#include "Faults.h"
+#include "FrameLog.h"
+#include "Journal.h"
+#include "PictureSource.h"
+#include "VideoControls.h"
+#include "VideoFormats.h"
+#include "VideoQueue.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+/**
+ * One open of the camera, as the driver sees it. The driver calls it with its lock held: it must
+ * not block and not call back.
+ */
+class ICameraHandle
+{
+public:
+    virtual ~ICameraHandle() = default;
+    /** From now on select shall (or shall not) find the descriptor readable. */
+    virtual void setReadable(bool bReadable) = 0;
+    /** Packets that the caller must take off its descriptor to make that so; each is told once. */
+    virtual uint32_t takeOff() = 0;
+    /** The camera is gone for this open; it does not come back. */
+    virtual void unplugged() = 0;
+
+    uint32_t u32Session = 0;
+    uint32_t u32Priority = V4L2_PRIORITY_DEFAULT;
+    bool bDead = false; // unplugged
+};
+
+/**
+ * The camera's state behind one lock: plugged or not, opens, format, buffers, controls, faults, the
+ * frame clock and the journal of calls. All operations may be called on any thread.
+ *
+ * One open at a time has the privilege to set up and stream (EBUSY for the others); it is taken
+ * with the first of S_FMT, S_PARM and REQBUFS and given back with REQBUFS of 0 buffers or the
+ * close. What differs from the kernel stands in README.md.
+ */
+class UvcCamera
+{
+public:
+    /** Notified of plugging, for the list of input devices; called with the lock held. */
+    using PlugHandler = void (*)(void* pContext, bool bPlugged);
+
+    UvcCamera(const std::string& strDir, Journal& journal, FrameLog& frameLog);
+
+    void onPlug(PlugHandler pHandler, void* pContext);
+
+    /** stat(2) and open(2): the error number is set in the record. */
+    void stat(CameraNode& node);
+    /** @return whether the handle is now open: then close() must follow */
+    bool open(CameraNode& node, ICameraHandle& handle);
+    /** The program has its descriptor: from now on it is told about readability. */
+    void opened(ICameraHandle& handle);
+
+    struct Answer
+    {
+        int nErrno = 0;
+        bool bWait = false;      // a blocking dequeue found nothing: ask again when readable
+        uint32_t u32TakeOff = 0; // packets to take off the descriptor
+    };
+    /** Answer any other call; the record is asked and answer in one. */
+    Answer call(ICameraHandle& handle, uint32_t u32Pid, CameraCall eCall, CameraRecord& record,
+                bool bBlocking);
+
+    /** The handle's last descriptor is closed. Not journaled: the call "close" was, if made. */
+    void close(ICameraHandle& handle);
+
+    void unplug();
+    void replug();
+
+    /** Have the faults changed under the lock. */
+    template <typename Change> void changeFaults(const Change& change)
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        change(m_faults);
+        m_condition.notify_all();
+    }
+
+    /** Frames per second, 0 for the rate that S_PARM set. */
+    void setRate(uint32_t u32Rate);
+
+    struct Status
+    {
+        bool bPlugged;
+        bool bStreaming;
+        bool bFrozen;
+        uint32_t u32Opens;
+        uint32_t u32Number; // of the latest frame
+        double dRate;
+        VideoFormats::Choice choice;
+    };
+    Status status();
+
+    /** The latest picture that went into a buffer. */
+    Truth truth();
+
+    /**
+     * The thread that draws calls it in a loop: wait until the next frame is due.
+     * @return false when quit() was called
+     */
+    bool waitForFrame(PictureRequest& request);
+    /** The picture for the latest request; dropped when nothing streams any more. */
+    void putFrame(const PictureRequest& request, const Picture& picture);
+    void quit();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    int dispatch(ICameraHandle& handle, CameraCall eCall, CameraRecord& record, bool bBlocking,
+                 bool& bWait);
+    int formatCall(ICameraHandle& handle, CameraCall eCall, CameraFormat& format);
+    int rateCall(ICameraHandle& handle, CameraCall eCall, v4l2_streamparm& parm);
+    int cropCall(CameraCall eCall, CameraRecord& record) const;
+    int bufferCall(ICameraHandle& handle, CameraCall eCall, CameraRecord& record, bool bBlocking,
+                   bool& bWait);
+    int requestBuffers(ICameraHandle& handle, v4l2_requestbuffers& request);
+    int streamCall(ICameraHandle& handle, CameraCall eCall, int32_t s32Type);
+    int controlCall(CameraCall eCall, CameraRecord& record);
+    int inputCall(CameraCall eCall, CameraRecord& record) const;
+    int priorityCall(ICameraHandle& handle, CameraCall eCall, uint32_t& u32Priority);
+    int blockedByPriority(const ICameraHandle& handle, CameraCall eCall) const;
+
+    int acquire(ICameraHandle& handle);
+    void release(ICameraHandle& handle);
+    void unplugLocked();
+    void settle(ICameraHandle& handle);
+    std::chrono::nanoseconds interval() const;
+
+    Journal& m_journal;
+    FrameLog& m_frameLog;
+    PlugHandler m_pPlugHandler = nullptr;
+    void* m_pPlugContext = nullptr;
+
+    std::mutex m_mutex; // guards all below
+    std::condition_variable m_condition;
+    bool m_bQuit = false;
+    bool m_bPlugged = true;
+    uint32_t m_u32LastSession = 0;
+    std::vector<ICameraHandle*> m_vecHandle;
+    ICameraHandle* m_pOwner = nullptr; // who has the privilege to stream
+    VideoFormats::Choice m_choice;
+    v4l2_fract m_interval{1, 25};
+    uint32_t m_u32ForcedRate = 0;
+    VideoControls m_controls;
+    VideoQueue m_queue;
+    Faults m_faults;
+    uint32_t m_u32Number = 0;   // frames since the program started
+    uint32_t m_u32Sequence = 0; // frames since streaming was switched on
+    uint32_t m_u32Run = 0;      // times streaming was switched on
+    bool m_bDueKnown = false;
+    Clock::time_point m_due;
+    Truth m_truth;
+};

@@ -1,0 +1,97 @@
+// The camera's video buffers: shared memory, and who has each of them.
+#pragma once
+
+#include "preload/CameraProtocol.h"
+
+#include <deque>
+#include <string>
+#include <vector>
+
+/**
+ * The buffer queue of the camera, as the kernel's videobuf2 keeps it: a buffer is dequeued (the
+ * program's), queued (the camera's) or done (filled, waiting to be dequeued).
+ *
+ * The memory of one allocation is one file below the camera's directory; it outlives the allocation
+ * where it is still mapped. At most 32 buffers. Functions that answer a call return 0 or an error
+ * number. No locking: the camera's lock covers it.
+ */
+class VideoQueue
+{
+public:
+    explicit VideoQueue(std::string strDir);
+    ~VideoQueue();
+    VideoQueue(const VideoQueue&) = delete;
+    VideoQueue& operator=(const VideoQueue&) = delete;
+
+    /**
+     * Replace the buffers by u32Count new ones of u32Length bytes each; 0 frees.
+     * @return EBUSY while streaming, ENOMEM when the memory cannot be made
+     */
+    int allocate(uint32_t u32Session, uint32_t u32Count, uint32_t u32Length);
+
+    /** EINVAL: no such buffer, wrong type or memory; QBUF also: it is not the program's. */
+    int query(CameraBuffer& buffer) const;
+    int enqueue(CameraBuffer& buffer);
+
+    /** The oldest filled buffer. EINVAL unless streaming, EAGAIN when none is filled. */
+    int dequeue(CameraBuffer& buffer);
+
+    /** EINVAL without buffers; switching on twice succeeds. Off gives all buffers back. */
+    int streamOn();
+    void streamOff();
+
+    /** Which allocation to map; EINVAL unless shared, readable, and a buffer starts there. */
+    int map(CameraMapping& mapping);
+    /** One mapping of the buffer at this offset is gone. */
+    void unmap(uint32_t u32Offset);
+    /** Mappings that were not undone. */
+    uint32_t mapped() const;
+
+    struct Fill
+    {
+        const std::vector<uint8_t>* pBytes;
+        uint32_t u32BytesUsed; // may differ from the bytes, and exceed the buffer
+        uint32_t u32Sequence;
+        int64_t s64Microseconds; // CLOCK_MONOTONIC
+    };
+
+    /** Whether a buffer is queued. */
+    bool hungry() const;
+    /** Fill the oldest queued buffer. @return its index, -1 when none is queued */
+    int fill(const Fill& frame);
+
+    uint32_t count() const;
+    bool streaming() const;
+    /** Whether select would find the descriptor readable: a filled buffer, or an error to tell. */
+    bool readable() const;
+
+private:
+    enum class STATE_E
+    {
+        DEQUEUED,
+        QUEUED,
+        DONE
+    };
+    struct Buffer
+    {
+        STATE_E eState = STATE_E::DEQUEUED;
+        uint32_t u32Mapped = 0; // times
+        CameraBuffer record{};
+    };
+
+    void free();
+    bool valid(const CameraBuffer& buffer) const;
+    CameraBuffer report(uint32_t u32Index) const;
+
+    std::string m_strDir;
+    std::string m_strFile;
+    uint32_t m_u32Allocation = 0; // counts; names the file
+    uint32_t m_u32Length = 0;
+    uint32_t m_u32Stride = 0; // length in whole pages
+    uint8_t* m_pMemory = nullptr;
+    std::vector<Buffer> m_vecBuffer;
+    std::deque<uint32_t> m_dequeQueued;
+    std::deque<uint32_t> m_dequeDone;
+    bool m_bStreaming = false;
+    bool m_bNeverQueued = true; // since streaming was last off
+};

@@ -1,0 +1,73 @@
+// The open cameras of this process and their calls to kestrel-camera.
+#pragma once
+
+#include "CameraProtocol.h"
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+struct CameraSession;
+
+/*
+ * Functions of the C library that this library stands in front of, past itself. Any thread; the
+ * first use of each looks its symbol up.
+ */
+int realOpen(const char* pPath, int nFlags, mode_t mode);
+int realClose(int nFd);
+void* realMmap(void* pAddress, size_t nLength, int nProt, int nFlags, int nFd, off_t nOffset);
+int realMunmap(void* pAddress, size_t nLength);
+int realFstat(int nFd, struct stat* pStatus);
+
+#define CAMERA_MAX_PATH                                                                            \
+    160 /* of a file below the camera's directory; a socket's holds 108, unix(7) */
+
+/* Whether this process was told of a camera: CAMERA_DIR_VARIABLE is set and not empty. */
+bool cameraWanted(void);
+
+/* Build the path of a file below the camera's directory; false without one or when it is cut. */
+bool cameraPath(char* pPath, size_t nSize, const char* pName);
+
+/*
+ * Ask for the node. One short connection.
+ * @return 0 or an error number; ENOENT also when kestrel-camera does not run
+ */
+int cameraStat(uint32_t* pKind);
+
+/*
+ * Open the camera: the flags are those of open(2). The descriptor is a connection; besides it only
+ * one shared page is mapped.
+ * @return the descriptor, or -1 with errno
+ */
+int cameraOpen(int nFlags);
+
+/*
+ * The open camera behind a descriptor, or a null pointer for any other descriptor. Costs one load
+ * while no camera is open. Errno stays.
+ */
+struct CameraSession* cameraOf(int nFd);
+
+/*
+ * Make one call: take pRecord along, have it filled when the call succeeded (or bAlwaysBack).
+ * Blocks until kestrel-camera has answered. Any thread.
+ * @param pWait  set when the call shall be made again once the descriptor is readable; may be null
+ * @return 0 or an error number; ENODEV when kestrel-camera has ended
+ */
+int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRecord, size_t nSize,
+               bool bAlwaysBack, bool* pWait);
+
+/*
+ * Make the call of an ioctl(2) on nFd, the session's descriptor.
+ * @return 0 or an error number; ENOTTY for an ioctl the driver does not know
+ */
+int cameraIoctl(struct CameraSession* pSession, int nFd, uint32_t u32Request, void* pArgument);
+
+/* End the session of a descriptor of this process, then close it; a forked child only closes. */
+int cameraClose(struct CameraSession* pSession, int nFd);
+
+/* mmap(2) and munmap(2) of the camera's buffers; MAP_FAILED or -1 with errno. */
+void* cameraMmap(struct CameraSession* pSession, void* pAddress, size_t nLength, int nProt,
+                 int nFlags, int64_t s64Offset);
+/* Tells of the unmapping when pAddress is where a buffer of the camera is mapped. */
+void cameraForgetMapping(void* pAddress);
