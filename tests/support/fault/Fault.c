@@ -1,0 +1,549 @@
+// Makes chosen library calls of a test program, or of a whole service, fail on demand.
+#define _GNU_SOURCE
+// The fortified and 64-bit redirections would rename the functions defined here.
+#undef _FORTIFY_SOURCE
+#undef _FILE_OFFSET_BITS
+#include "Fault.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <spawn.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#define MAX_RULES 16
+#define MAX_TEXT 256
+
+enum FILTER_E
+{
+    FILTER_NONE,
+    FILTER_NUMBER,
+    FILTER_PREFIX
+};
+
+struct Rule
+{
+    char acCall[32];
+    char acFilter[MAX_TEXT];
+    int bFiltered;
+    unsigned uFirst;
+    unsigned uLast;
+    int nError;
+    unsigned uSeen; // matching calls so far
+};
+
+static struct Rule g_aRule[MAX_RULES];
+static unsigned g_uRules; // 0 while the table is being filled
+static unsigned g_uHits;
+static __thread unsigned long t_ulAllocations __attribute__((tls_model("initial-exec")));
+
+struct ErrorName
+{
+    const char* pName;
+    int nError;
+};
+
+static const struct ErrorName ERROR_NAMES[] = {
+    {"EACCES", EACCES},
+    {"EADDRINUSE", EADDRINUSE},
+    {"EAGAIN", EAGAIN},
+    {"EBADF", EBADF},
+    {"EBUSY", EBUSY},
+    {"ECHILD", ECHILD},
+    {"ECONNABORTED", ECONNABORTED},
+    {"ECONNRESET", ECONNRESET},
+    {"EEXIST", EEXIST},
+    {"EFAULT", EFAULT},
+    {"EINTR", EINTR},
+    {"EINVAL", EINVAL},
+    {"EIO", EIO},
+    {"EMFILE", EMFILE},
+    {"ENFILE", ENFILE},
+    {"ENOBUFS", ENOBUFS},
+    {"ENODEV", ENODEV},
+    {"ENOENT", ENOENT},
+    {"ENOMEM", ENOMEM},
+    {"ENOPROTOOPT", ENOPROTOOPT},
+    {"ENOSPC", ENOSPC},
+    {"ENOTCONN", ENOTCONN},
+    {"ENOTSUP", ENOTSUP},
+    {"EPERM", EPERM},
+    {"EPIPE", EPIPE},
+    {"EROFS", EROFS},
+    {"ETIMEDOUT", ETIMEDOUT},
+};
+
+static int parseError(const char* pText)
+{
+    for (size_t i = 0; i < sizeof(ERROR_NAMES) / sizeof(ERROR_NAMES[0]); ++i) {
+        if (0 == strcmp(ERROR_NAMES[i].pName, pText)) {
+            return ERROR_NAMES[i].nError;
+        }
+    }
+    return atoi(pText);
+}
+
+static int parseWhich(const char* pText, struct Rule* pRule)
+{
+    char* pEnd = NULL;
+    pRule->uFirst = (unsigned)strtoul(pText, &pEnd, 10);
+    if (pEnd == pText || 0 == pRule->uFirst) {
+        return -1;
+    }
+    if ('\0' == *pEnd) {
+        pRule->uLast = pRule->uFirst;
+        return 0;
+    }
+    if ('-' != *pEnd) {
+        return -1;
+    }
+    ++pEnd;
+    pRule->uLast = ('\0' == *pEnd) ? UINT32_MAX : (unsigned)strtoul(pEnd, &pEnd, 10);
+    return ('\0' == *pEnd && pRule->uLast >= pRule->uFirst) ? 0 : -1;
+}
+
+// From the back: the filter may hold colons.
+static int parseRule(char* pText, struct Rule* pRule)
+{
+    memset(pRule, 0, sizeof(*pRule));
+    char* pError = strrchr(pText, ':');
+    if (NULL == pError) {
+        return -1;
+    }
+    *pError++ = '\0';
+    char* pWhich = strrchr(pText, ':');
+    if (NULL == pWhich) {
+        return -1;
+    }
+    *pWhich++ = '\0';
+    char* pFilter = strchr(pText, '=');
+    if (NULL != pFilter) {
+        *pFilter++ = '\0';
+        pRule->bFiltered = 1;
+        if (strlen(pFilter) >= sizeof(pRule->acFilter)) {
+            return -1;
+        }
+        strcpy(pRule->acFilter, pFilter);
+    }
+    if ('\0' == *pText || strlen(pText) >= sizeof(pRule->acCall)) {
+        return -1;
+    }
+    strcpy(pRule->acCall, pText);
+    pRule->nError = parseError(pError);
+    return (pRule->nError > 0) ? parseWhich(pWhich, pRule) : -1;
+}
+
+__attribute__((visibility("default"))) int faultPlan(const char* pPlan)
+{
+    static char s_acPlan[2048];
+    __atomic_store_n(&g_uRules, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&g_uHits, 0, __ATOMIC_SEQ_CST);
+    if (NULL == pPlan || '\0' == *pPlan) {
+        return 0;
+    }
+    if (strlen(pPlan) >= sizeof(s_acPlan)) {
+        return -1;
+    }
+    strcpy(s_acPlan, pPlan);
+    unsigned uRules = 0;
+    char* pNext = s_acPlan;
+    while (NULL != pNext && '\0' != *pNext) {
+        char* pRule = pNext;
+        pNext = strchr(pRule, ';');
+        if (NULL != pNext) {
+            *pNext++ = '\0';
+        }
+        if (MAX_RULES == uRules || 0 != parseRule(pRule, &g_aRule[uRules])) {
+            return -1;
+        }
+        ++uRules;
+    }
+    __atomic_store_n(&g_uRules, uRules, __ATOMIC_SEQ_CST);
+    return 0;
+}
+
+__attribute__((visibility("default"))) unsigned faultHits(void)
+{
+    return __atomic_load_n(&g_uHits, __ATOMIC_SEQ_CST);
+}
+
+__attribute__((visibility("default"))) unsigned long faultThreadAllocations(void)
+{
+    return t_ulAllocations;
+}
+
+__attribute__((constructor)) static void takePlanFromEnvironment(void)
+{
+    const char* pPlan = getenv("KESTREL_FAULT");
+    const char* pProgram = getenv("KESTREL_FAULT_PROGRAM");
+    if (NULL == pPlan ||
+        (NULL != pProgram && 0 != strcmp(pProgram, program_invocation_short_name))) {
+        return;
+    }
+    if (0 != faultPlan(pPlan)) {
+        static const char TEXT[] = "KESTREL_FAULT is not a plan\n";
+        (void)!write(STDERR_FILENO, TEXT, sizeof(TEXT) - 1);
+        _exit(2);
+    }
+    unsetenv("KESTREL_FAULT");
+}
+
+static int matches(const struct Rule* pRule, enum FILTER_E eFilter, long lNumber, const char* pText)
+{
+    if (!pRule->bFiltered) {
+        return 1;
+    }
+    if (FILTER_NUMBER == eFilter) {
+        return atol(pRule->acFilter) == lNumber;
+    }
+    return FILTER_PREFIX == eFilter && NULL != pText &&
+           0 == strncmp(pText, pRule->acFilter, strlen(pRule->acFilter));
+}
+
+/** @return the error that this call has to fail with, 0 for none */
+static int faultOf(const char* pCall, enum FILTER_E eFilter, long lNumber, const char* pText)
+{
+    const unsigned uRules = __atomic_load_n(&g_uRules, __ATOMIC_SEQ_CST);
+    for (unsigned i = 0; i < uRules; ++i) {
+        struct Rule* pRule = &g_aRule[i];
+        if (0 != strcmp(pRule->acCall, pCall) || !matches(pRule, eFilter, lNumber, pText)) {
+            continue;
+        }
+        const unsigned uCount = __atomic_add_fetch(&pRule->uSeen, 1, __ATOMIC_SEQ_CST);
+        if (uCount >= pRule->uFirst && uCount <= pRule->uLast) {
+            __atomic_add_fetch(&g_uHits, 1, __ATOMIC_SEQ_CST);
+            return pRule->nError;
+        }
+    }
+    return 0;
+}
+
+// dlsym gives an object pointer; ISO C has no cast to a function pointer.
+static void resolve(void* ppReal, const char* pName)
+{
+    void* pFound = dlsym(RTLD_NEXT, pName);
+    memcpy(ppReal, &pFound, sizeof(pFound));
+}
+
+#define EXPORT __attribute__((visibility("default")))
+
+// A call that sets errno and returns FAILURE.
+#define INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER, NUMBER, TEXT)              \
+    EXPORT RESULT NAME PARAMETERS                                                                  \
+    {                                                                                              \
+        static RESULT(*s_pReal) PARAMETERS;                                                        \
+        const int nError = faultOf(#NAME, FILTER, NUMBER, TEXT);                                   \
+        if (0 != nError) {                                                                         \
+            errno = nError;                                                                        \
+            return FAILURE;                                                                        \
+        }                                                                                          \
+        if (NULL == s_pReal) {                                                                     \
+            resolve(&s_pReal, #NAME);                                                              \
+        }                                                                                          \
+        return s_pReal ARGUMENTS;                                                                  \
+    }
+
+// A call that returns its error.
+#define INTERCEPT_RETURNED(NAME, PARAMETERS, ARGUMENTS)                                            \
+    EXPORT int NAME PARAMETERS                                                                     \
+    {                                                                                              \
+        static int(*s_pReal) PARAMETERS;                                                           \
+        const int nError = faultOf(#NAME, FILTER_NONE, 0, NULL);                                   \
+        if (0 != nError) {                                                                         \
+            return nError;                                                                         \
+        }                                                                                          \
+        if (NULL == s_pReal) {                                                                     \
+            resolve(&s_pReal, #NAME);                                                              \
+        }                                                                                          \
+        return s_pReal ARGUMENTS;                                                                  \
+    }
+
+#define BY_FD(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE)                                        \
+    INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_NUMBER, fd, NULL)
+#define BY_TEXT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE)                                      \
+    INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_PREFIX, 0, text)
+#define PLAIN(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE)                                        \
+    INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_NONE, 0, NULL)
+
+// Allocations. Looking up the real ones may allocate: that is served from a pool, never reused.
+static __thread int t_bResolving __attribute__((tls_model("initial-exec")));
+static char g_acPool[8192] __attribute__((aligned(16)));
+static size_t g_uPoolUsed;
+
+static void* fromPool(size_t uSize)
+{
+    const size_t uRounded = (uSize + 15) & ~(size_t)15;
+    const size_t uStart = __atomic_fetch_add(&g_uPoolUsed, uRounded, __ATOMIC_SEQ_CST);
+    return (uStart + uRounded <= sizeof(g_acPool)) ? g_acPool + uStart : NULL;
+}
+
+static int isFromPool(const void* pBlock)
+{
+    return (const char*)pBlock >= g_acPool && (const char*)pBlock < g_acPool + sizeof(g_acPool);
+}
+
+// Blocks that were freed while looking up "free" itself, at the start of the process: kept.
+static void* g_apKept[16];
+static unsigned g_uKept;
+
+static void resolveAllocator(void* ppReal, const char* pName)
+{
+    t_bResolving = 1;
+    resolve(ppReal, pName);
+    t_bResolving = 0;
+}
+
+EXPORT void* malloc(size_t uSize)
+{
+    static void* (*s_pReal)(size_t);
+    if (t_bResolving) {
+        return fromPool(uSize);
+    }
+    ++t_ulAllocations;
+    const int nError = faultOf("malloc", FILTER_NUMBER, (long)uSize, NULL);
+    if (0 != nError) {
+        errno = nError;
+        return NULL;
+    }
+    if (NULL == s_pReal) {
+        resolveAllocator(&s_pReal, "malloc");
+    }
+    return s_pReal(uSize);
+}
+
+EXPORT void* calloc(size_t uCount, size_t uSize)
+{
+    static void* (*s_pReal)(size_t, size_t);
+    if (t_bResolving) {
+        return fromPool(uCount * uSize); // the pool is zero
+    }
+    ++t_ulAllocations;
+    const int nError = faultOf("calloc", FILTER_NUMBER, (long)(uCount * uSize), NULL);
+    if (0 != nError) {
+        errno = nError;
+        return NULL;
+    }
+    if (NULL == s_pReal) {
+        resolveAllocator(&s_pReal, "calloc");
+    }
+    return s_pReal(uCount, uSize);
+}
+
+EXPORT void* realloc(void* pBlock, size_t uSize)
+{
+    static void* (*s_pReal)(void*, size_t);
+    if (isFromPool(pBlock)) {
+        return NULL; // nobody who looks symbols up grows a block
+    }
+    ++t_ulAllocations;
+    const int nError = faultOf("realloc", FILTER_NUMBER, (long)uSize, NULL);
+    if (0 != nError) {
+        errno = nError;
+        return NULL;
+    }
+    if (NULL == s_pReal) {
+        resolveAllocator(&s_pReal, "realloc");
+    }
+    return s_pReal(pBlock, uSize);
+}
+
+EXPORT void free(void* pBlock)
+{
+    static void (*s_pReal)(void*);
+    if (NULL == pBlock || isFromPool(pBlock)) {
+        return;
+    }
+    if (NULL == s_pReal && t_bResolving) {
+        const unsigned uSlot = __atomic_fetch_add(&g_uKept, 1, __ATOMIC_SEQ_CST);
+        if (uSlot < sizeof(g_apKept) / sizeof(g_apKept[0])) {
+            g_apKept[uSlot] = pBlock;
+        }
+        return;
+    }
+    if (NULL == s_pReal) {
+        resolveAllocator(&s_pReal, "free");
+    }
+    s_pReal(pBlock);
+}
+
+// Files.
+EXPORT int open(const char* text, int nFlags, ...)
+{
+    static int (*s_pReal)(const char*, int, ...);
+    va_list args;
+    va_start(args, nFlags);
+    const int nMode = (0 != (nFlags & (O_CREAT | O_TMPFILE))) ? va_arg(args, int) : 0;
+    va_end(args);
+    const int nError = faultOf("open", FILTER_PREFIX, 0, text);
+    if (0 != nError) {
+        errno = nError;
+        return -1;
+    }
+    if (NULL == s_pReal) {
+        resolve(&s_pReal, "open");
+    }
+    return s_pReal(text, nFlags, nMode);
+}
+
+EXPORT int fcntl(int fd, int nCommand, ...)
+{
+    static int (*s_pReal)(int, int, ...);
+    va_list args;
+    va_start(args, nCommand);
+    void* pArgument = va_arg(args, void*);
+    va_end(args);
+    const int nError = faultOf("fcntl", FILTER_NUMBER, fd, NULL);
+    if (0 != nError) {
+        errno = nError;
+        return -1;
+    }
+    if (NULL == s_pReal) {
+        resolve(&s_pReal, "fcntl");
+    }
+    return s_pReal(fd, nCommand, pArgument);
+}
+
+EXPORT int ioctl(int fd, unsigned long ulRequest, ...)
+{
+    static int (*s_pReal)(int, unsigned long, ...);
+    va_list args;
+    va_start(args, ulRequest);
+    void* pArgument = va_arg(args, void*);
+    va_end(args);
+    const int nError = faultOf("ioctl", FILTER_NUMBER, fd, NULL);
+    if (0 != nError) {
+        errno = nError;
+        return -1;
+    }
+    if (NULL == s_pReal) {
+        resolve(&s_pReal, "ioctl");
+    }
+    return s_pReal(fd, ulRequest, pArgument);
+}
+
+BY_TEXT(FILE*, fopen, (const char* text, const char* pMode), (text, pMode), NULL)
+BY_TEXT(FILE*, fopen64, (const char* text, const char* pMode), (text, pMode), NULL)
+BY_FD(FILE*, fdopen, (int fd, const char* pMode), (fd, pMode), NULL)
+PLAIN(size_t, fwrite, (const void* pData, size_t uSize, size_t uCount, FILE* pFile),
+      (pData, uSize, uCount, pFile), 0)
+PLAIN(int, fflush, (FILE * pFile), (pFile), EOF)
+BY_TEXT(int, mkostemp, (char* text, int nFlags), (text, nFlags), -1)
+BY_TEXT(int, mkdir, (const char* text, mode_t uMode), (text, uMode), -1)
+BY_TEXT(int, chdir, (const char* text), (text), -1)
+BY_FD(ssize_t, read, (int fd, void* pBuffer, size_t uCount), (fd, pBuffer, uCount), -1)
+BY_FD(ssize_t, write, (int fd, const void* pData, size_t uCount), (fd, pData, uCount), -1)
+BY_FD(int, close, (int fd), (fd), -1)
+PLAIN(int, pipe, (int anFd[2]), (anFd), -1)
+BY_TEXT(void*, dlopen, (const char* text, int nFlags), (text, nFlags), NULL)
+
+// Sockets.
+PLAIN(int, socket, (int nDomain, int nType, int nProtocol), (nDomain, nType, nProtocol), -1)
+BY_FD(int, bind, (int fd, const struct sockaddr* pAddress, socklen_t uLength),
+      (fd, pAddress, uLength), -1)
+BY_FD(int, connect, (int fd, const struct sockaddr* pAddress, socklen_t uLength),
+      (fd, pAddress, uLength), -1)
+BY_FD(int, listen, (int fd, int nBacklog), (fd, nBacklog), -1)
+BY_FD(int, accept, (int fd, struct sockaddr* pAddress, socklen_t* pLength), (fd, pAddress, pLength),
+      -1)
+BY_FD(int, accept4, (int fd, struct sockaddr* pAddress, socklen_t* pLength, int nFlags),
+      (fd, pAddress, pLength, nFlags), -1)
+BY_FD(int, getsockname, (int fd, struct sockaddr* pAddress, socklen_t* pLength),
+      (fd, pAddress, pLength), -1)
+BY_FD(int, getpeername, (int fd, struct sockaddr* pAddress, socklen_t* pLength),
+      (fd, pAddress, pLength), -1)
+BY_FD(int, setsockopt, (int fd, int nLevel, int nName, const void* pValue, socklen_t uLength),
+      (fd, nLevel, nName, pValue, uLength), -1)
+BY_FD(int, getsockopt, (int fd, int nLevel, int nName, void* pValue, socklen_t* pLength),
+      (fd, nLevel, nName, pValue, pLength), -1)
+BY_FD(int, shutdown, (int fd, int nHow), (fd, nHow), -1)
+BY_FD(ssize_t, send, (int fd, const void* pData, size_t uCount, int nFlags),
+      (fd, pData, uCount, nFlags), -1)
+BY_FD(ssize_t, recv, (int fd, void* pBuffer, size_t uCount, int nFlags),
+      (fd, pBuffer, uCount, nFlags), -1)
+BY_FD(ssize_t, sendto,
+      (int fd, const void* pData, size_t uCount, int nFlags, const struct sockaddr* pAddress,
+       socklen_t uLength),
+      (fd, pData, uCount, nFlags, pAddress, uLength), -1)
+BY_FD(ssize_t, recvfrom,
+      (int fd, void* pBuffer, size_t uCount, int nFlags, struct sockaddr* pAddress,
+       socklen_t* pLength),
+      (fd, pBuffer, uCount, nFlags, pAddress, pLength), -1)
+
+// Waiting.
+PLAIN(int, epoll_create, (int nSize), (nSize), -1)
+PLAIN(int, epoll_create1, (int nFlags), (nFlags), -1)
+INTERCEPT(int, epoll_ctl, (int nEpoll, int nOperation, int fd, struct epoll_event* pEvent),
+          (nEpoll, nOperation, fd, pEvent), -1, FILTER_NUMBER, fd, NULL)
+BY_FD(int, epoll_wait, (int fd, struct epoll_event* pEvents, int nMaxEvents, int nTimeout),
+      (fd, pEvents, nMaxEvents, nTimeout), -1)
+PLAIN(int, select,
+      (int nCount, fd_set* pRead, fd_set* pWrite, fd_set* pError, struct timeval* pTimeout),
+      (nCount, pRead, pWrite, pError, pTimeout), -1)
+PLAIN(int, poll, (struct pollfd * pEntries, nfds_t uCount, int nTimeout),
+      (pEntries, uCount, nTimeout), -1)
+
+// Processes and threads.
+PLAIN(pid_t, fork, (void), (), -1)
+PLAIN(pid_t, setsid, (void), (), -1)
+PLAIN(pid_t, waitpid, (pid_t nPid, int* pStatus, int nOptions), (nPid, pStatus, nOptions), -1)
+BY_TEXT(FILE*, popen, (const char* text, const char* pMode), (text, pMode), NULL)
+PLAIN(int, pclose, (FILE * pFile), (pFile), -1)
+BY_TEXT(int, system, (const char* text), (text), -1)
+PLAIN(int, nice, (int nIncrement), (nIncrement), -1)
+
+EXPORT int posix_spawn(pid_t* pPid, const char* pPath, const posix_spawn_file_actions_t* pActions,
+                       const posix_spawnattr_t* pAttributes, char* const argv[], char* const envp[])
+{
+    static int (*s_pReal)(pid_t*, const char*, const posix_spawn_file_actions_t*,
+                          const posix_spawnattr_t*, char* const[], char* const[]);
+    const int nError = faultOf("posix_spawn", FILTER_PREFIX, 0, pPath);
+    if (0 != nError) {
+        return nError;
+    }
+    if (NULL == s_pReal) {
+        resolve(&s_pReal, "posix_spawn");
+    }
+    return s_pReal(pPid, pPath, pActions, pAttributes, argv, envp);
+}
+
+INTERCEPT_RETURNED(pthread_create,
+                   (pthread_t * pThread, const pthread_attr_t* pAttributes, void* (*pBody)(void*),
+                    void* pArgument),
+                   (pThread, pAttributes, pBody, pArgument))
+INTERCEPT_RETURNED(pthread_attr_getinheritsched, (const pthread_attr_t* pAttributes, int* pInherit),
+                   (pAttributes, pInherit))
+INTERCEPT_RETURNED(pthread_attr_setinheritsched, (pthread_attr_t * pAttributes, int nInherit),
+                   (pAttributes, nInherit))
+INTERCEPT_RETURNED(pthread_attr_setschedpolicy, (pthread_attr_t * pAttributes, int nPolicy),
+                   (pAttributes, nPolicy))
+INTERCEPT_RETURNED(pthread_attr_setschedparam,
+                   (pthread_attr_t * pAttributes, const struct sched_param* pParameter),
+                   (pAttributes, pParameter))
+INTERCEPT_RETURNED(pthread_mutexattr_settype, (pthread_mutexattr_t * pAttributes, int nType),
+                   (pAttributes, nType))
+INTERCEPT_RETURNED(pthread_mutexattr_destroy, (pthread_mutexattr_t * pAttributes), (pAttributes))
+INTERCEPT_RETURNED(pthread_mutex_init,
+                   (pthread_mutex_t * pMutex, const pthread_mutexattr_t* pAttributes),
+                   (pMutex, pAttributes))
+INTERCEPT_RETURNED(pthread_condattr_destroy, (pthread_condattr_t * pAttributes), (pAttributes))
+INTERCEPT_RETURNED(pthread_cond_init,
+                   (pthread_cond_t * pCond, const pthread_condattr_t* pAttributes),
+                   (pCond, pAttributes))
+INTERCEPT_RETURNED(pthread_cond_signal, (pthread_cond_t * pCond), (pCond))
+INTERCEPT_RETURNED(pthread_cond_broadcast, (pthread_cond_t * pCond), (pCond))
+INTERCEPT_RETURNED(pthread_cond_wait, (pthread_cond_t * pCond, pthread_mutex_t* pMutex),
+                   (pCond, pMutex))

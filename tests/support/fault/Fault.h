@@ -1,0 +1,60 @@
+// Makes chosen library calls of a test program, or of a whole service, fail on demand.
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * A plan is a list of rules, separated by ";", each "CALL[=FILTER]:WHICH:ERROR":
+ *
+ *   malloc=4096:1:ENOMEM      the first allocation of exactly 4096 bytes from now on
+ *   write=7:2-:ENOSPC         every write to descriptor 7 but the first
+ *   fopen=/tmp/x:1-3:EACCES   the first three files opened whose names begin with "/tmp/x"
+ *   fork:1:11                 the first fork, with the error number 11
+ *
+ * CALL is one of the names in Fault.c. The filter is a size for the allocations, a prefix for calls
+ * that take a path or a command, the descriptor for the others. A failing call does nothing, sets
+ * errno and returns what the real one returns on failure (the pthread calls return the error).
+ *
+ * Linked into a test (target kestrel_fault) the plan is set by faultPlan. Preloaded into a program
+ * (target kestrel_fault_preload) it comes from the environment: KESTREL_FAULT holds the plan and
+ * KESTREL_FAULT_PROGRAM, if set, the only program name that it is for; that program takes the plan
+ * out of its environment, so that its children run undisturbed. Under a sanitizer the sanitizer's
+ * library is preloaded first; the allocations are then its own and do not fail.
+ */
+
+/** Replace the plan and count from zero; "" or null ends it. @return 0, -1 for a bad plan */
+int faultPlan(const char* pPlan);
+
+/** Calls that the current plan made fail. */
+unsigned faultHits(void);
+
+/** Successful and failed malloc, calloc and realloc calls of this thread so far. */
+unsigned long faultThreadAllocations(void);
+
+#ifdef __cplusplus
+}
+
+/** A plan for a scope. */
+class FaultScope
+{
+public:
+    explicit FaultScope(const char* pPlan) : m_nResult(faultPlan(pPlan)) {}
+    FaultScope(const FaultScope&) = delete;
+    FaultScope& operator=(const FaultScope&) = delete;
+    ~FaultScope()
+    {
+        (void)faultPlan("");
+    }
+
+    /** 0 when the plan was understood. */
+    int result() const
+    {
+        return m_nResult;
+    }
+
+private:
+    int m_nResult;
+};
+#endif
