@@ -12,6 +12,7 @@
 #include "EventBus.h"
 #include "LogEvent.h"
 #include "LogFile.h"
+#include "LogServer.h"
 #include "SafePointer.h"
 
 namespace {
@@ -56,13 +57,14 @@ bool terminalKnowsColours()
         if (nullptr == pTerm || '\0' == *pTerm) {
             return false; // asked again next time
         }
-        s_nVerdict = NO;
+        int nVerdict = NO;
         for (const char* pKnown :
              {"xterm", "xterm-color", "xterm-256color", "screen", "linux", "cygwin"}) {
             if (0 == strcmp(pTerm, pKnown)) {
-                s_nVerdict = YES;
+                nVerdict = YES;
             }
         }
+        s_nVerdict = nVerdict;
     }
     return YES == s_nVerdict;
 }
@@ -201,6 +203,13 @@ void Log::initLogFile(const char* pPath, uint32_t u32LimitKiB, int32_t s32Files)
     }
     // Without a log file the service goes on.
     (void)LogFile::getInstance().init((nullptr != pPath) ? pPath : "log", u32LimitKiB, s32Files);
+}
+
+void Log::initLogServer(const char* pIp, int nPort)
+{
+    if (0 != (m_u32Sinks & LOG_SINK_SERVER)) {
+        (void)LogServer::getInstance().setUp(pIp, nPort); // logged there
+    }
 }
 
 void Log::log(const char* pFile, int nLine, const char* pFunction, uint32_t u32Level,

@@ -47,7 +47,10 @@ public:
     static Log& getInstance();
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
-    /** Closes the log file if the sinks hold it. */
+    /**
+     * Closes the log file if the sinks hold it. The log server has gone before: it was made after
+     * the log.
+     */
     virtual ~Log();
 
     /** Makes sure that the singleton exists. @return 1 */
@@ -68,6 +71,13 @@ public:
      * @param pPath  base path, null for "log"
      */
     void initLogFile(const char* pPath, uint32_t u32LimitKiB, int32_t s32Files);
+
+    /**
+     * Start the log server (see LogServer::setUp); nothing happens unless the sinks hold the
+     * server. A failure is logged and not reported: the service goes on without.
+     * @param pIp  local address, dotted; null for all
+     */
+    void initLogServer(const char* pIp, int nPort);
 
     /**
      * Write a line.

@@ -1,0 +1,36 @@
+// Lets viewers on the network watch the log live.
+#include "LogServer.h"
+
+#include <new>
+
+#include "Log.h"
+#include "LogClient.h"
+
+static const int SOCKET_BUFFER = 4096; // bytes, for each direction of a viewer's socket
+
+LogServer::LogServer() : TcpServer("LogServer")
+{
+    (void)Log::getInstance(); // outlives this singleton, with the bus and the log file
+}
+
+LogServer::~LogServer()
+{
+    endService();
+}
+
+LogServer& LogServer::getInstance()
+{
+    static LogServer s_instance;
+    return s_instance;
+}
+
+int LogServer::setUp(const char* pIp, int nPort)
+{
+    const int nRet = init(static_cast<uint16_t>(nPort), pIp, SOCKET_BUFFER, SOCKET_BUFFER);
+    return (0 == nRet) ? start() : nRet;
+}
+
+TcpClient* LogServer::createClient()
+{
+    return new (std::nothrow) LogClient; // null: logged by the server
+}
