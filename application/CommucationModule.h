@@ -1,0 +1,30 @@
+// The module of the HTTP camera service.
+#pragma once
+
+#include "IModule.h"
+
+/** Runs the WebCamera server, on TCP port 8329 of all addresses. Main thread. */
+class CommucationModule : public IModule
+{
+public:
+    static CommucationModule& getInstance();
+    ~CommucationModule() override;
+
+    /** Listen; nobody is served yet. @return RET_FAILED (logged) e.g. when the port is in use */
+    RET_E initModule() override;
+
+    /** Start to serve. @return RET_FAILED when the reactor's thread does not start */
+    RET_E startModule() override;
+
+    /** End serving; connections stay open. @return RET_FAILED when the thread does not stop */
+    RET_E stopModule() override;
+
+    /** Stop listening. @return RET_SUCCESS */
+    RET_E uninitModule() override;
+
+    /** The module has no commands of its own. @return 0 */
+    int onDebugCmd(Event* pEvent) override;
+
+private:
+    CommucationModule();
+};

@@ -1,0 +1,18 @@
+// The HTTP camera server.
+#pragma once
+
+#include "TcpServer.h"
+
+/** The server's reactor thread is "webcamera"; its connections are WebCameraClients. */
+class WebCamera : public TcpServer
+{
+public:
+    /** Made on first use; at process exit it ends the connections that are still open. */
+    static WebCamera& getInstance();
+    ~WebCamera() override;
+
+    TcpClient* createClient() override;
+
+private:
+    WebCamera();
+};

@@ -1,0 +1,43 @@
+// A connection of the HTTP camera service.
+#pragma once
+
+#include "ICommucation.h"
+#include "SafePointer.h"
+#include "SendQueueTcpClient.h"
+#include "WebCameraHttpDataProcessor.h"
+
+/**
+ * Reads requests into its processor and carries the answers: responders enqueue with send(), short
+ * texts are written directly. A failed read or a malformed request ends the connection without an
+ * answer.
+ */
+class WebCameraClient : public SendQueueTcpClient, public ICommucation
+{
+public:
+    WebCameraClient();
+
+    /** @return 0; 1 without memory for the receive buffer */
+    int init() override;
+
+    int start() override;
+
+    /**
+     * Ends the responders: afterwards no capture thread reaches the connection, whose destructors
+     * may begin. Waits for a delivery that is under way.
+     * @return 0
+     */
+    int stop() override;
+
+    int uninit() override;
+
+    /** Read once, 2048 bytes at most, and hand the bytes to the processor. @return its result */
+    int onRead(EPollEvent& event) override;
+
+    /** Past the send queue; blocks for 5 s at most. @return 0 or 1 */
+    int write(const void* pData, int nLength) override;
+
+private:
+    WebCameraHttpDataProcessor m_processor;
+    int m_nBufferSize = 0; // bytes
+    SafePointer_C<char> m_buffer;
+};

@@ -1,0 +1,104 @@
+// The request processor of a connection: collects a request, routes it, and keeps its responders.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "HttpRequestParser.h"
+#include "IClient.h"
+#include "ICommucation.h"
+#include "SafePointer.h"
+
+class WebCameraClient;
+
+/**
+ * The first chunk goes through the parser and has to hold the whole request line and all headers;
+ * every later one is body, also behind the end of the request.
+ *
+ * Deliberate: a complete request is routed at once and again with each further chunk, which makes a
+ * further responder for the same path and parameters.
+ *
+ * Used on the connection's reactor thread. Borrows the connection, whose member it is.
+ */
+class WebCameraHttpDataProcessor
+{
+public:
+    WebCameraHttpDataProcessor(ICommucation& commucation, WebCameraClient& client);
+    WebCameraHttpDataProcessor(const WebCameraHttpDataProcessor&) = delete;
+    WebCameraHttpDataProcessor& operator=(const WebCameraHttpDataProcessor&) = delete;
+    /** Stops the responders and deletes those whose stop does not fail. */
+    ~WebCameraHttpDataProcessor();
+
+    /**
+     * Feed a chunk and, once the request is complete, route it. Blocks for 5 s at most while a
+     * direct answer is written, and as long as a measurement runs.
+     * @param nLength  bytes, above 0
+     * @return 0, or 1 to close the connection
+     */
+    int parse(const char* pData, int nLength);
+
+    /**
+     * Take a chunk in without routing.
+     * @return 0, or 1 when the request is malformed or there is no memory for its body
+     */
+    int feed(const char* pData, int nLength);
+
+    /** Feed has seen as many bytes of the body as the Content-Length said. */
+    bool isComplete() const
+    {
+        return m_u32Received >= m_u32Expected;
+    }
+
+    /**
+     * Answer with a plain text, directly.
+     * Deliberate: "200 OK" whatever the text tells.
+     * @return the connection's result
+     */
+    int reply(const char* pText);
+
+    /**
+     * Make a responder the current one and start it. The earlier ones go on until
+     * stopResponders().
+     * @return the responder's result
+     */
+    int startResponder(std::unique_ptr<IClient> pResponder);
+
+    /** End all responders, before the connection's destructors begin. */
+    void stopResponders();
+
+    const std::string& getPath() const
+    {
+        return m_strPath;
+    }
+    const std::map<std::string, std::string>& getParams() const
+    {
+        return m_mapParam;
+    }
+    /** What has come of the body. */
+    std::string_view getBody() const
+    {
+        return {m_body.get(), m_u32Received};
+    }
+
+private:
+    int feedHeader(const char* pData, int nLength);
+    int route();
+    int doRequestSnap();
+    int doRequestCamera();
+    std::string param(const char* pKey) const;
+
+    std::string m_strPath;
+    std::map<std::string, std::string> m_mapParam;
+    SafePointer_C<char> m_body; // the expected bytes; empty when there are none
+    uint32_t m_u32Expected = 0; // from the Content-Length; a negative one counts as unsigned
+    uint32_t m_u32Received = 0; // never above what is expected
+    ICommucation& m_commucation;
+    HttpRequestParser m_parser;
+    bool m_bHeader = true;      // the next chunk is the first
+    std::string_view m_pending; // body bytes of the chunk that is being fed
+    std::vector<std::unique_ptr<IClient>> m_vecResponder; // the last one is the current one
+    WebCameraClient& m_client;
+};
