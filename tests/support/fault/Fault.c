@@ -18,6 +18,7 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -447,7 +448,9 @@ BY_TEXT(int, chdir, (const char* text), (text), -1)
 BY_FD(ssize_t, read, (int fd, void* pBuffer, size_t uCount), (fd, pBuffer, uCount), -1)
 BY_FD(ssize_t, write, (int fd, const void* pData, size_t uCount), (fd, pData, uCount), -1)
 BY_FD(int, close, (int fd), (fd), -1)
+BY_TEXT(int, access, (const char* text, int nMode), (text, nMode), -1)
 PLAIN(int, pipe, (int anFd[2]), (anFd), -1)
+PLAIN(int, munmap, (void* pStart, size_t uLength), (pStart, uLength), -1)
 BY_TEXT(void*, dlopen, (const char* text, int nFlags), (text, nFlags), NULL)
 
 // Sockets.

@@ -1,0 +1,33 @@
+// Changes what the camera's driver answers, where the virtual camera has no command for it.
+#include "DriverAnswer.h"
+
+#include <cstdarg>
+
+static DriverAnswer::Change g_change;
+
+DriverAnswer::DriverAnswer(const Change& change)
+{
+    g_change = change;
+}
+
+DriverAnswer::~DriverAnswer()
+{
+    g_change = nullptr;
+}
+
+// The linker gives calls of ioctl to the first, and the second's calls to ioctl.
+extern "C" int __wrap_ioctl(int nFd, unsigned long ulRequest, ...);
+extern "C" int __real_ioctl(int nFd, unsigned long ulRequest, ...);
+
+int __wrap_ioctl(int nFd, unsigned long ulRequest, ...)
+{
+    va_list arguments;
+    va_start(arguments, ulRequest);
+    void* pRecord = va_arg(arguments, void*);
+    va_end(arguments);
+    const int nRet = __real_ioctl(nFd, ulRequest, pRecord);
+    if (0 == nRet && nullptr != g_change) {
+        g_change(ulRequest, pRecord);
+    }
+    return nRet;
+}
