@@ -1,0 +1,216 @@
+// The capture object: routing of consumers, exposure requests, and the order of its life.
+#include "VideoCapturer.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <typeinfo>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "EventBus.h"
+#include "ExposureTool.h"
+#include "FrameConsumer.h"
+#include "LogCapture.h"
+#include "SetExposureEvent.h"
+#include "VirtualCamera.h"
+
+namespace {
+
+class Capture : public testing::Test
+{
+protected:
+    ~Capture() override
+    {
+        EXPECT_EQ(RET_SUCCESS, m_capturer.stop());
+        EXPECT_EQ(RET_SUCCESS, m_capturer.uninit());
+    }
+
+    void start()
+    {
+        ASSERT_EQ(RET_SUCCESS, m_capturer.init());
+        ASSERT_EQ(RET_SUCCESS, m_capturer.start());
+    }
+
+    VirtualCamera m_camera;
+    LogCapture m_log;
+    VideoCapturer& m_capturer = VideoCapturer::getInstance();
+    FrameConsumer m_consumer;
+};
+
+} // namespace
+
+TEST_F(Capture, FramesReachTheConsumerOfStreamZero)
+{
+    start();
+
+    EXPECT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer));
+    EXPECT_TRUE(m_consumer.waitForMore(2));
+    EXPECT_EQ(RET_SUCCESS, m_capturer.cancelConsumer(&m_consumer));
+
+    EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
+}
+
+TEST_F(Capture, OnlyStreamZeroExists)
+{
+    start();
+
+    for (const int32_t s32Stream : {1, 2, -1}) {
+        m_consumer.setStream(s32Stream);
+        EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(&m_consumer)) << s32Stream;
+        EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer)) << s32Stream;
+    }
+}
+
+TEST_F(Capture, AnythingButAVideoConsumerIsRefused)
+{
+    start();
+    IConsumer plain;
+
+    EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(&plain));
+    EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&plain));
+    EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(nullptr));
+}
+
+TEST_F(Capture, ConsumersAreRefusedBeforeInitAndAfterUninit)
+{
+    EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(&m_consumer));
+    EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
+
+    ASSERT_EQ(RET_SUCCESS, m_capturer.init());
+    EXPECT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer)); // not only once started
+    ASSERT_EQ(RET_SUCCESS, m_capturer.uninit());
+
+    EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(&m_consumer));
+    EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
+}
+
+TEST_F(Capture, StartBeforeInitFails)
+{
+    EXPECT_EQ(RET_FAILED, m_capturer.start());
+}
+
+TEST_F(Capture, NextLifeBeginsWithoutConsumers)
+{
+    start();
+    ASSERT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer));
+    ASSERT_TRUE(m_consumer.waitForMore(1));
+    ASSERT_EQ(RET_SUCCESS, m_capturer.stop());
+    ASSERT_EQ(RET_SUCCESS, m_capturer.uninit());
+    EXPECT_EQ("close = 0", m_camera.journal().back());
+
+    start();
+
+    EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
+    EXPECT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer));
+    EXPECT_TRUE(m_consumer.waitForMore(1));
+}
+
+TEST_F(Capture, ExposureEventRunsTheToolBeforePublishReturns)
+{
+    const ExposureTool tool;
+    start();
+
+    SetExposureEvent event(0, 156);
+    EventBus<SetExposureEvent>::publish(event);
+
+    EXPECT_EQ("--set-ctrl=exposure_auto=1\n--set-ctrl=exposure_absolute=156\n", tool.calls());
+    EXPECT_EQ(1, m_log.count("[debug] [videocapture/VideoCapturer ] [setExposure] "
+                             "set exposure(156)\n"));
+}
+
+TEST_F(Capture, ExposureEventsAreFollowedFromStartToStop)
+{
+    const ExposureTool tool;
+    SetExposureEvent event(0, 1);
+
+    EventBus<SetExposureEvent>::publish(event);
+    ASSERT_EQ(RET_SUCCESS, m_capturer.init());
+    EventBus<SetExposureEvent>::publish(event);
+    EXPECT_EQ("", tool.calls());
+
+    ASSERT_EQ(RET_SUCCESS, m_capturer.start());
+    EventBus<SetExposureEvent>::publish(event);
+    const std::string strCalls = tool.calls();
+    EXPECT_NE("", strCalls);
+
+    ASSERT_EQ(RET_SUCCESS, m_capturer.stop());
+    EventBus<SetExposureEvent>::publish(event);
+    EXPECT_EQ(strCalls, tool.calls());
+}
+
+TEST_F(Capture, ExposureOfAnUnknownStreamFails)
+{
+    const ExposureTool tool;
+    start();
+
+    for (const int32_t s32Stream : {1, -1}) {
+        SetExposureEvent event(s32Stream, 5);
+        EXPECT_EQ(RET_FAILED, m_capturer.setExposure(&event));
+    }
+
+    EXPECT_EQ("", tool.calls());
+    EXPECT_EQ(2, m_log.count("[debug] [videocapture/VideoCapturer ] [setExposure] "
+                             "set exposure(5)\n"));
+}
+
+TEST_F(Capture, ExposureBeforeInitFails)
+{
+    SetExposureEvent event(0, 5);
+
+    EXPECT_EQ(RET_FAILED, m_capturer.setExposure(&event));
+}
+
+TEST_F(Capture, ExposureTakesNoOtherEvent)
+{
+    Event event;
+
+    EXPECT_THROW((void)m_capturer.setExposure(&event), std::bad_cast);
+}
+
+TEST_F(Capture, ConsumersComeAndGoWhileTheCaptureSideStartsAndEnds)
+{
+    std::atomic<bool> bQuit{false};
+    std::vector<std::thread> vecThread;
+    for (int i = 0; i < 2; ++i) {
+        vecThread.emplace_back([&] {
+            FrameConsumer consumer;
+            while (!bQuit) {
+                if (RET_SUCCESS == m_capturer.registerConsumer(&consumer)) {
+                    std::this_thread::yield();
+                    (void)m_capturer.cancelConsumer(&consumer); // refused after an uninit
+                }
+            }
+        });
+    }
+
+    for (int i = 0; i < 5; ++i) {
+        start();
+        ASSERT_TRUE(m_camera.waitForCalls("DQBUF ", static_cast<size_t>(i + 1)));
+        EXPECT_EQ(RET_SUCCESS, m_capturer.stop());
+        EXPECT_EQ(RET_SUCCESS, m_capturer.uninit());
+    }
+    bQuit = true;
+    for (std::thread& thread : vecThread) {
+        thread.join();
+    }
+
+    EXPECT_EQ(5U, m_camera.count("open "));
+    EXPECT_EQ(5U, m_camera.count("close"));
+}
+
+TEST_F(Capture, ProcessMayExitWhileFramesFlow)
+{
+    EXPECT_EXIT(
+        {
+            start();
+            static FrameConsumer consumer; // destroyed before the capture object: it came later
+            (void)m_capturer.registerConsumer(&consumer);
+            const bool bFrames = consumer.waitForMore(2);
+            (void)m_capturer.cancelConsumer(&consumer);
+            exit(bFrames ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}

@@ -1,0 +1,393 @@
+// One stream: delivery to the consumers, and recovery of a lost camera.
+#include "VideoStreamProducer.h"
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <typeinfo>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "EventBus.h"
+#include "Eventually.h"
+#include "FrameConsumer.h"
+#include "LogCapture.h"
+#include "VideoFrameEvent.h"
+#include "VirtualCamera.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+std::string logged(const std::string& strFunction, const std::string& strMessage)
+{
+    return "[debug] [videocapture/VideoStreamProducer ] [" + strFunction + "] " + strMessage;
+}
+
+/** Counts the frames on the bus. */
+class FrameCounter
+{
+public:
+    FrameCounter()
+    {
+        EventBus<VideoFrameEvent>::subscribe(this, &FrameCounter::onFrame);
+    }
+    FrameCounter(const FrameCounter&) = delete;
+    FrameCounter& operator=(const FrameCounter&) = delete;
+    ~FrameCounter()
+    {
+        EventBus<VideoFrameEvent>::unsubscribe(this, &FrameCounter::onFrame);
+    }
+    int onFrame(Event* pEvent)
+    {
+        (void)pEvent;
+        ++m_nFrames;
+        return 0;
+    }
+
+    std::atomic<int> m_nFrames{0};
+};
+
+class VideoStream : public testing::Test
+{
+protected:
+    ~VideoStream() override
+    {
+        EXPECT_EQ(RET_SUCCESS, m_producer.stop());
+    }
+
+    void start()
+    {
+        ASSERT_EQ(RET_SUCCESS, m_producer.init(0));
+        ASSERT_EQ(RET_SUCCESS, m_producer.start());
+    }
+
+    /** The calls from the first one that begins so. */
+    Lines callsFrom(const std::string& strBegin) const
+    {
+        const Lines vecCall = m_camera.journal();
+        size_t uFirst = 0;
+        while (uFirst < vecCall.size() && 0 != vecCall[uFirst].rfind(strBegin, 0)) {
+            ++uFirst;
+        }
+        return {vecCall.begin() + static_cast<ptrdiff_t>(uFirst), vecCall.end()};
+    }
+
+    // Consumers outlive the producer, which is stopped before they go.
+    VirtualCamera m_camera;
+    LogCapture m_log;
+    FrameConsumer m_consumer;
+    FrameConsumer m_second;
+    VideoStreamProducer m_producer;
+};
+
+} // namespace
+
+TEST_F(VideoStream, ConsumersGetEveryFrameOnTheCaptureThread)
+{
+    start();
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    ASSERT_TRUE(m_consumer.waitForMore(3));
+
+    EXPECT_EQ("videocapture0", m_consumer.thread());
+    EXPECT_EQ(1, m_log.count(logged("registerConsumer",
+                                    "add video consumer, stream=0, Total consumer num=1\n")));
+}
+
+TEST_F(VideoStream, ConsumersAreCalledInOrderOfRegistrationWithTheSameFrame)
+{
+    std::vector<std::pair<int, const VENC_FRAME_T*>> vecCall; // capture thread, then this one
+    m_consumer.m_onFrame = [&](VideoFrameEvent& event) {
+        vecCall.emplace_back(1, event.m_frame.get());
+    };
+    m_second.m_onFrame = [&](VideoFrameEvent& event) {
+        EXPECT_EQ(0, event.m_nStream);
+        vecCall.emplace_back(2, event.m_frame.get());
+    };
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_second));
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+
+    start();
+    ASSERT_TRUE(m_consumer.waitForMore(2));
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
+
+    ASSERT_LE(4U, vecCall.size());
+    for (size_t i = 0; i + 1 < vecCall.size(); i += 2) {
+        EXPECT_EQ(2, vecCall[i].first);
+        EXPECT_EQ(1, vecCall[i + 1].first);
+        EXPECT_EQ(vecCall[i].second, vecCall[i + 1].second);
+    }
+}
+
+TEST_F(VideoStream, BufferIsQueuedAgainBeforeDelivery)
+{
+    std::vector<std::string> vecLastCall; // capture thread, then this one
+    m_consumer.m_onFrame = [&](VideoFrameEvent&) {
+        vecLastCall.push_back(m_camera.journal().back());
+    };
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+
+    start();
+    ASSERT_TRUE(m_consumer.waitForMore(3));
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
+
+    for (const std::string& strCall : vecLastCall) {
+        EXPECT_EQ(0U, strCall.rfind("QBUF type=1 memory=1 index=", 0)) << strCall;
+    }
+}
+
+TEST_F(VideoStream, FrameStaysWithWhoKeepsItsHolder)
+{
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    start();
+    ASSERT_TRUE(m_consumer.waitForMore(4));
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
+    ASSERT_EQ(RET_SUCCESS, m_producer.uninit());
+
+    uint64_t u64Last = 0;
+    for (const PVENC_FRAME_T& frame : m_consumer.frames()) {
+        EXPECT_LT(u64Last, +frame.get()->u64TimeStamp);
+        u64Last = frame.get()->u64TimeStamp;
+        EXPECT_EQ(0xFF, frame.get()->au8Data[0]); // a JPEG picture's first two bytes
+        EXPECT_EQ(0xD8, frame.get()->au8Data[1]);
+    }
+}
+
+TEST_F(VideoStream, SecondRegistrationIsRefused)
+{
+    EXPECT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    EXPECT_EQ(RET_FAILED, m_producer.registerConsumer(&m_consumer));
+    EXPECT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_second));
+
+    EXPECT_EQ(
+        (Lines{logged("registerConsumer", "add video consumer, stream=0, Total consumer num=1\n"),
+               logged("registerConsumer", "consumer is already in list.\n"),
+               logged("registerConsumer", "add video consumer, stream=0, Total consumer num=2\n")}),
+        m_log.lines());
+}
+
+TEST_F(VideoStream, CancelledConsumerIsNotCalledAnyMore)
+{
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_second));
+    start();
+    ASSERT_TRUE(m_consumer.waitForMore(1));
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.cancelConsumer(&m_consumer));
+    const size_t uFrames = m_consumer.total();
+    ASSERT_TRUE(m_second.waitForMore(2));
+
+    EXPECT_EQ(uFrames, m_consumer.total());
+    EXPECT_EQ(1, m_log.count(logged("cancelConsumer",
+                                    "delete video consumer, stream=0, Total consumer num=1\n")));
+}
+
+TEST_F(VideoStream, CancelWaitsForTheDeliveryUnderWay)
+{
+    std::atomic<bool> bInside{false};
+    std::atomic<bool> bGoOn{false};
+    std::atomic<bool> bLeft{false};
+    m_consumer.m_onFrame = [&](VideoFrameEvent&) {
+        bInside = true;
+        while (!bGoOn) {
+            std::this_thread::yield();
+        }
+        bLeft = true;
+    };
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    start();
+    ASSERT_TRUE(eventually([&] { return bInside.load(); }));
+
+    bool bLeftBeforeCancelled = false;
+    std::thread canceller([&] {
+        EXPECT_EQ(RET_SUCCESS, m_producer.cancelConsumer(&m_consumer));
+        bLeftBeforeCancelled = bLeft;
+    });
+    bGoOn = true;
+    canceller.join();
+
+    EXPECT_TRUE(bLeftBeforeCancelled);
+}
+
+TEST_F(VideoStream, CancelOfAnUnknownConsumerFailsInSilence)
+{
+    EXPECT_EQ(RET_FAILED, m_producer.cancelConsumer(&m_consumer));
+
+    EXPECT_EQ(Lines{}, m_log.lines());
+}
+
+TEST_F(VideoStream, AnythingButAVideoConsumerIsABadCast)
+{
+    IConsumer plain;
+
+    EXPECT_THROW((void)m_producer.registerConsumer(&plain), std::bad_cast);
+    EXPECT_THROW((void)m_producer.cancelConsumer(&plain), std::bad_cast);
+}
+
+TEST_F(VideoStream, ConsumerMayNotComeOrGoDuringDelivery)
+{
+    std::atomic<int> nRegister{-1};
+    std::atomic<int> nCancel{-1};
+    m_consumer.m_onFrame = [&](VideoFrameEvent&) {
+        nRegister = m_producer.registerConsumer(&m_second);
+        nCancel = m_producer.cancelConsumer(&m_consumer);
+    };
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+
+    start();
+    ASSERT_TRUE(m_consumer.waitForMore(2));
+
+    EXPECT_EQ(RET_FAILED, nRegister);
+    EXPECT_EQ(RET_FAILED, nCancel);
+    EXPECT_EQ(0U, m_second.total());
+}
+
+TEST_F(VideoStream, WithoutConsumersFramesAreTakenAndPublished)
+{
+    const FrameCounter counter;
+
+    start();
+
+    EXPECT_TRUE(eventually([&] { return counter.m_nFrames >= 5; }));
+    EXPECT_LE(5U, m_camera.count("DQBUF type=1 memory=1 = 0"));
+}
+
+TEST_F(VideoStream, StopEndsStreamingAndStartResumesIt)
+{
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    start();
+    ASSERT_TRUE(m_consumer.waitForMore(1));
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.stop());
+    const size_t uFrames = m_consumer.total();
+    EXPECT_EQ("STREAMOFF type=1 = 0", m_camera.journal().back());
+    EXPECT_EQ(uFrames, m_consumer.total());
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.start());
+    EXPECT_TRUE(m_consumer.waitForMore(1));
+}
+
+TEST_F(VideoStream, UninitClosesTheCamera)
+{
+    start();
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.uninit());
+
+    EXPECT_EQ((Lines{"STREAMOFF type=1 = 0", "munmap length=614400 offset=0 = 0",
+                     "munmap length=614400 offset=614400 = 0", "close = 0"}),
+              callsFrom("STREAMOFF"));
+    EXPECT_EQ(RET_SUCCESS, m_producer.init(0)); // and can be opened again
+}
+
+TEST_F(VideoStream, StepsOutOfOrderDoNothing)
+{
+    EXPECT_EQ(RET_SUCCESS, m_producer.start());
+    EXPECT_EQ(RET_SUCCESS, m_producer.stop());
+    EXPECT_EQ(RET_SUCCESS, m_producer.uninit());
+    EXPECT_EQ(Lines{}, m_camera.journal());
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.init(0));
+    EXPECT_EQ(RET_SUCCESS, m_producer.init(0));
+    EXPECT_EQ(1U, m_camera.count("open "));
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.start());
+    EXPECT_EQ(RET_SUCCESS, m_producer.start());
+    EXPECT_EQ(1U, m_camera.count("STREAMON "));
+}
+
+TEST_F(VideoStream, CameraThatComesAfterTheStartIsOpened)
+{
+    m_camera.command("unplug");
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    start();
+
+    m_camera.command("replug");
+
+    EXPECT_TRUE(m_consumer.waitForMore(2));
+}
+
+TEST_F(VideoStream, LostCameraIsClosedOnceAndOpenedAgainWhenItIsThere)
+{
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    m_camera.command("fail DQBUF ENODEV 1 skip 3");
+    m_camera.command("fail stat ENOENT 2 skip 1");
+    start();
+
+    ASSERT_TRUE(m_camera.waitForCalls("STREAMON ", 2));
+    ASSERT_TRUE(m_consumer.waitForMore(3)); // registered all the time
+
+    Lines vecCall = callsFrom("DQBUF type=1 memory=1 = -1 ENODEV");
+    vecCall.resize(9);
+    EXPECT_EQ((Lines{"DQBUF type=1 memory=1 = -1 ENODEV", "STREAMOFF type=1 = 0",
+                     "munmap length=614400 offset=0 = 0", "munmap length=614400 offset=614400 = 0",
+                     "close = 0", "stat = -1 ENOENT", "stat = -1 ENOENT", "stat = 0 character",
+                     "open flags=O_RDWR|O_NONBLOCK|O_CLOEXEC = 0"}),
+              vecCall);
+    EXPECT_EQ(1, m_log.count("[debug] [videocapture/V4L2 ] [getVideoStream] [0]VIDIOC_DQBUF "
+                             "FAILED(errno:19)!\n"));
+}
+
+TEST_F(VideoStream, FrozenCameraIsClosedAfterFourTimeouts)
+{
+    m_camera.command("freeze");
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    start();
+
+    ASSERT_TRUE(m_camera.waitForCalls("close", 1)); // four seconds
+    m_camera.command("thaw");
+
+    EXPECT_TRUE(m_consumer.waitForMore(2));
+    EXPECT_EQ(0U, m_camera.count("DQBUF type=1 memory=1 = -1"));
+    EXPECT_EQ((Lines{"STREAMOFF type=1 = 0", "munmap length=614400 offset=0 = 0",
+                     "munmap length=614400 offset=614400 = 0", "close = 0"}),
+              [&] {
+                  Lines vecCall = callsFrom("STREAMOFF");
+                  vecCall.resize(4);
+                  return vecCall;
+              }());
+}
+
+TEST_F(VideoStream, CameraThatDoesNotStreamIsClosedAndTriedAgain)
+{
+    m_camera.command("fail STREAMON EIO 2"); // at the start, and at the first recovery
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    start();
+
+    ASSERT_TRUE(m_consumer.waitForMore(2));
+
+    EXPECT_EQ(2U, m_camera.count("STREAMON type=1 = -1 EIO"));
+    EXPECT_EQ(1U, m_camera.count("STREAMON type=1 = 0"));
+    EXPECT_EQ(3U, m_camera.count("open "));
+    EXPECT_EQ(2U, m_camera.count("close"));
+    EXPECT_EQ(1U, m_camera.count("STREAMOFF")); // when the loss was found, not at each attempt
+}
+
+TEST_F(VideoStream, FrameThatIsDroppedDoesNotDisturbTheStream)
+{
+    m_camera.command("bytes 175 3");
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+
+    start();
+
+    EXPECT_TRUE(m_consumer.waitForMore(2));
+    EXPECT_EQ(0U, m_camera.count("close"));
+    EXPECT_EQ(3, m_log.count("[debug] [videocapture/V4L2 ] [getVideoStream] [0] Ignoring empty "
+                             "buffer ...\n"));
+}
+
+// Deliberate: the service ends, and its manager starts it again.
+TEST_F(VideoStream, UnplugWithABufferInHandAborts)
+{
+    m_camera.command("unplug after dequeue");
+
+    EXPECT_DEATH(
+        {
+            start();
+            (void)eventually([] { return false; }); // the capture thread aborts meanwhile
+        },
+        "int VideoStreamProducer::dispatchThread\\(\\): "
+        "Assertion `RET_SUCCESS == m_v4l2->releaseVideoStream\\(\\)' failed.");
+}
