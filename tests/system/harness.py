@@ -68,7 +68,7 @@ class Camera:
         self.folder = tempfile.mkdtemp(prefix="kestrel-camera.")
         self.process = subprocess.Popen(
             [f"{TOOLS}/simulator/camera/kestrel-camera", "--dir", self.folder, *arguments],
-            stdin=subprocess.DEVNULL)
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
         wait_until(lambda: self._answers(), "the virtual camera answers")
 
     def _answers(self):
@@ -92,6 +92,15 @@ class Camera:
     def journal(self):
         with open(self.path("journal"), encoding="utf-8") as file:
             return file.read().splitlines()
+
+    def frames(self):
+        """The number of each kept frame by its bytes; the camera keeps them with --keep N."""
+        frames = {}
+        for name in os.listdir(self.path("frames")):
+            with contextlib.suppress(FileNotFoundError):
+                with open(self.path(f"frames/{name}"), "rb") as file:
+                    frames[file.read()] = int(name.split(".")[0])
+        return frames
 
     def close(self):
         self.process.terminate()
@@ -190,7 +199,7 @@ class Server:
 class Board:
     """Virtual camera and service together: `with Board() as board: ...`"""
 
-    def __init__(self, camera_arguments=("--keep",), card=True, **server_arguments):
+    def __init__(self, camera_arguments=("--keep", "2000"), card=True, **server_arguments):
         if card:
             os.makedirs(f"{CARD}/www", exist_ok=True)
             os.makedirs(f"{CARD}/camera", exist_ok=True)
@@ -205,14 +214,20 @@ class Board:
         return self
 
     def __exit__(self, *_):
+        while _connections:
+            _connections.pop().close()
         try:
             self.server.close()
         finally:
             self.camera.close()
 
 
+_connections = []  # closed with the board at the latest
+
+
 def connect(port=HTTP_PORT, receive_buffer=None):
     client = socket.socket()
+    _connections.append(client)
     if receive_buffer is not None:
         client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     client.settimeout(DEADLINE)
