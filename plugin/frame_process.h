@@ -1,5 +1,4 @@
-/* The seven entry points of a vision plug-in: what "./libframe_process.so" offers to the service.
- */
+/* The seven entry points of a vision plug-in, "./libframe_process.so". */
 #ifndef FRAME_PROCESS_H
 #define FRAME_PROCESS_H
 

@@ -1,0 +1,42 @@
+// Suggests an exposure from the brightness of the last picture.
+#pragma once
+
+#include <opencv2/core.hpp>
+
+#include "Parameters.h"
+
+/**
+ * Takes it that the camera follows each suggestion and that brightness is proportional to exposure.
+ * Where it is not (a clipped picture, a camera on automatic), repeating leads there all the same.
+ *
+ * Not thread-safe.
+ */
+class ExposureAdvisor
+{
+public:
+    enum TAKEN_E
+    {
+        TAKEN_BEFORE_SUGGESTION, // the last one did not yet apply
+        TAKEN_AFTER_SUGGESTION,
+    };
+
+    explicit ExposureAdvisor(const Parameters& parameters);
+
+    /** Brightness of a picture's median pixel, 0 to 255. rgb: 8 bits per channel, not empty. */
+    static int median(const cv::Mat& rgb);
+
+    /** Remember a picture's median until the next suggestion. */
+    void see(int nMedian, TAKEN_E eTaken);
+
+    /**
+     * @return exposure_absolute; without a new picture since the last suggestion that one again
+     */
+    int suggest();
+
+private:
+    Parameters m_parameters;
+    int m_nSuggested;          // last
+    int m_nBefore;             // the one before it
+    int m_nMedian = -1;        // of the last picture; -1: used already, or none yet
+    int m_nMedianExposure = 0; // with which it was taken
+};

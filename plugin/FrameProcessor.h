@@ -1,0 +1,71 @@
+// The plug-in's operations, on whole JPEG pictures.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "ExposureAdvisor.h"
+#include "FocusJudge.h"
+#include "Parameters.h"
+
+/** A picture as the service hands it over; borrowed for the call. */
+struct JpegPicture
+{
+    const uint8_t* pData;
+    uint32_t u32Size;
+    uint32_t u32Width;
+    uint32_t u32Height;
+};
+
+/**
+ * Every operation may be called by any thread at any time; they work side by side and lock only
+ * what outlives a call. They take some tens of milliseconds on a 640 x 480 picture and never wait
+ * for anything else. They throw what OpenCV and the allocator throw; nothing is half done then.
+ *
+ * The last picture that an operation could read is remembered for suggestExposure().
+ */
+class FrameProcessor
+{
+public:
+    /** Results of the operations, as the entry points give them on. */
+    enum RESULT_E
+    {
+        RESULT_OK = 0,
+        RESULT_BAD_PICTURE = 1, // not a whole JPEG picture of the size told
+        RESULT_NO_SPOT = 2,
+        RESULT_ERROR = 3, // anything unforeseen
+    };
+
+    explicit FrameProcessor(const Parameters& parameters);
+
+    /** Forget all pictures and corrections. */
+    void reset();
+
+    /** Correct the lens's distortion; the picture keeps its size. @param vecOut  JPEG bytes */
+    RESULT_E undistort(const JpegPicture& picture, std::vector<uint8_t>& vecOut);
+
+    /** @param dCorrection  millimetres to add to the laser's z, FocusJudge.h tells more */
+    RESULT_E autoFocus(const JpegPicture& picture, double& dCorrection);
+
+    /** @param millimetre  the spot on the workpiece, from the picture's centre, y downwards */
+    RESULT_E findPosition(const JpegPicture& picture, cv::Point2d& millimetre);
+
+    /** Take note of a picture's brightness only. */
+    RESULT_E look(const JpegPicture& picture);
+
+    /** @return exposure_absolute for the next pictures */
+    int suggestExposure();
+
+private:
+    bool read(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken, cv::Mat& rgb);
+    RESULT_E findSpot(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken,
+                      cv::Point2d& millimetre, double& dSigmaMm);
+
+    const Parameters m_parameters;
+    std::mutex m_mtxState;
+    ExposureAdvisor m_exposureAdvisor; // guarded by m_mtxState
+    FocusJudge m_focusJudge;           // guarded by m_mtxState
+};

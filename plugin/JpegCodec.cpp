@@ -1,0 +1,166 @@
+// JPEG pictures to pixels and back, by libjpeg.
+#include "JpegCodec.h"
+
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
+
+#include <jerror.h>
+#include <jpeglib.h>
+
+namespace {
+
+// libjpeg calls errorExit() where it cannot go on, and it must not return. Each method below that
+// calls libjpeg sets the jump itself and keeps no object that would need a destructor.
+struct Failure
+{
+    jpeg_error_mgr manager; // first: libjpeg knows only this part
+    jmp_buf jump;
+};
+
+[[noreturn]] void errorExit(j_common_ptr pInfo)
+{
+    longjmp(reinterpret_cast<Failure*>(pInfo->err)->jump, 1);
+}
+
+void emitMessage(j_common_ptr pInfo, int nLevel)
+{
+    // A damaged picture would be measured wrongly; libjpeg only warns and fills the gap with grey.
+    // Stray bytes between segments harm nothing, and cameras send them.
+    if (nLevel < 0 && JWRN_EXTRANEOUS_DATA != pInfo->err->msg_code) {
+        errorExit(pInfo);
+    }
+}
+
+void outputMessage(j_common_ptr) {}
+
+void setUp(Failure& failure)
+{
+    jpeg_std_error(&failure.manager);
+    failure.manager.error_exit = errorExit;
+    failure.manager.emit_message = emitMessage;
+    failure.manager.output_message = outputMessage;
+}
+
+class Decoder
+{
+public:
+    Decoder()
+    {
+        setUp(m_failure);
+        m_info.err = &m_failure.manager;
+    }
+    ~Decoder()
+    {
+        jpeg_destroy_decompress(&m_info); // harmless before jpeg_create_decompress
+    }
+    Decoder(const Decoder&) = delete;
+    Decoder& operator=(const Decoder&) = delete;
+
+    bool readHeader(const uint8_t* pData, size_t nSize)
+    {
+        if (0 != setjmp(m_failure.jump)) {
+            return false;
+        }
+        jpeg_create_decompress(&m_info);
+        jpeg_mem_src(&m_info, pData, static_cast<unsigned long>(nSize));
+        return JPEG_HEADER_OK == jpeg_read_header(&m_info, TRUE);
+    }
+
+    bool measures(cv::Size size) const
+    {
+        return static_cast<int64_t>(m_info.image_width) == size.width &&
+               static_cast<int64_t>(m_info.image_height) == size.height;
+    }
+
+    bool readPixels(cv::Mat& rgb)
+    {
+        if (0 != setjmp(m_failure.jump)) {
+            return false;
+        }
+        m_info.out_color_space = JCS_RGB;
+        jpeg_start_decompress(&m_info);
+        while (m_info.output_scanline < m_info.output_height) {
+            JSAMPROW pRow = rgb.ptr(static_cast<int>(m_info.output_scanline));
+            jpeg_read_scanlines(&m_info, &pRow, 1);
+        }
+        jpeg_finish_decompress(&m_info);
+        return true;
+    }
+
+private:
+    jpeg_decompress_struct m_info{};
+    Failure m_failure{};
+};
+
+class Encoder
+{
+public:
+    Encoder()
+    {
+        setUp(m_failure);
+        m_info.err = &m_failure.manager;
+    }
+    ~Encoder()
+    {
+        jpeg_destroy_compress(&m_info);
+        free(m_pOut);
+    }
+    Encoder(const Encoder&) = delete;
+    Encoder& operator=(const Encoder&) = delete;
+
+    bool write(const cv::Mat& rgb, int nQuality)
+    {
+        if (0 != setjmp(m_failure.jump)) {
+            return false;
+        }
+        jpeg_create_compress(&m_info);
+        jpeg_mem_dest(&m_info, &m_pOut, &m_nOut);
+        m_info.image_width = static_cast<JDIMENSION>(rgb.cols);
+        m_info.image_height = static_cast<JDIMENSION>(rgb.rows);
+        m_info.input_components = 3;
+        m_info.in_color_space = JCS_RGB;
+        jpeg_set_defaults(&m_info);
+        jpeg_set_quality(&m_info, nQuality, TRUE);
+        jpeg_start_compress(&m_info, TRUE);
+        while (m_info.next_scanline < m_info.image_height) {
+            JSAMPROW pRow = const_cast<JSAMPROW>(rgb.ptr(static_cast<int>(m_info.next_scanline)));
+            jpeg_write_scanlines(&m_info, &pRow, 1);
+        }
+        jpeg_finish_compress(&m_info);
+        return true;
+    }
+
+    void copyTo(std::vector<uint8_t>& vecOut) const
+    {
+        vecOut.assign(m_pOut, m_pOut + m_nOut);
+    }
+
+private:
+    jpeg_compress_struct m_info{};
+    Failure m_failure{};
+    unsigned char* m_pOut = nullptr; // libjpeg's, by malloc
+    unsigned long m_nOut = 0;
+};
+
+} // namespace
+
+bool JpegCodec::decode(const uint8_t* pData, size_t nSize, cv::Size size, cv::Mat& rgbOut)
+{
+    Decoder decoder;
+    if (nullptr == pData || !decoder.readHeader(pData, nSize) || !decoder.measures(size)) {
+        return false;
+    }
+    rgbOut.create(size, CV_8UC3);
+    return decoder.readPixels(rgbOut);
+}
+
+bool JpegCodec::encode(const cv::Mat& rgb, int nQuality, std::vector<uint8_t>& vecOut)
+{
+    Encoder encoder;
+    if (!encoder.write(rgb, nQuality)) {
+        return false;
+    }
+    encoder.copyTo(vecOut);
+    return true;
+}

@@ -1,0 +1,49 @@
+// The camera's geometry: between the picture as taken and the workpiece's plane.
+#include "LensModel.h"
+
+#include <vector>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
+
+LensModel::LensModel(const Parameters& parameters, cv::Size size)
+    : m_size(size), m_dPixelsPerMillimetre(size.width / parameters.dFieldWidthMm),
+      m_camera(parameters.dFocalLength * size.width, 0, (size.width - 1) / 2.0,  //
+               0, parameters.dFocalLength * size.width, (size.height - 1) / 2.0, //
+               0, 0, 1),
+      m_distortion(parameters.dRadialK1, 0, 0, 0)
+{
+}
+
+cv::Point2d LensModel::toIdeal(cv::Point2d seen) const
+{
+    // The default of five rounds leaves up to a pixel in the corners of a strong lens.
+    const cv::TermCriteria enough(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, 50, 1e-4);
+    const std::vector<cv::Point2d> vecSeen{seen};
+    std::vector<cv::Point2d> vecIdeal;
+    cv::undistortPoints(vecSeen, vecIdeal, m_camera, m_distortion, cv::noArray(), m_camera, enough);
+    return vecIdeal[0];
+}
+
+cv::Point2d LensModel::toMillimetre(cv::Point2d ideal) const
+{
+    return {(ideal.x - m_camera(0, 2)) / m_dPixelsPerMillimetre,
+            (ideal.y - m_camera(1, 2)) / m_dPixelsPerMillimetre};
+}
+
+double LensModel::pixelsPerMillimetre() const
+{
+    return m_dPixelsPerMillimetre;
+}
+
+void LensModel::rectify(const cv::Mat& picture, const cv::Rect& window, cv::Mat& out) const
+{
+    cv::Matx33d shifted = m_camera;
+    shifted(0, 2) -= window.x;
+    shifted(1, 2) -= window.y;
+    cv::Mat mapX;
+    cv::Mat mapY;
+    cv::initUndistortRectifyMap(m_camera, m_distortion, cv::noArray(), shifted, window.size(),
+                                CV_32FC1, mapX, mapY);
+    cv::remap(picture, out, mapX, mapY, cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+}
