@@ -265,12 +265,6 @@ std::string Commands::spot(const Words& vecWord)
 std::string Commands::stateText()
 {
     const Truth truth = m_camera.truth();
-    if (0 == truth.u32Number) {
-        return "error: no frame yet";
-    }
-    if (!truth.bScene) {
-        return "error: pictures from files";
-    }
     char acText[256];
     snprintf(acText, sizeof(acText),
              "ok frame=%u laser=%d visible=%d x=%.3f y=%.3f sigma=%.3f xmm=%.3f ymm=%.3f zmm=%.3f",

@@ -23,7 +23,6 @@ struct PictureRequest
 struct Truth
 {
     uint32_t u32Number = 0; // 0: no picture yet
-    bool bScene = false;    // false: the pictures come from files, nothing is known
     bool bLaserOn = false;
     bool bInPicture = false; // the spot's centre lies within the picture
     double dX = 0;           // pixels

@@ -95,7 +95,6 @@ void SceneSource::expose(double dExposure, int32_t s32Brightness)
 void SceneSource::drawSpot(Truth& truth)
 {
     SceneState& state = m_scene.state();
-    truth.bScene = true;
     truth.bLaserOn = 0 != state.u32LaserOn.load(std::memory_order_relaxed);
     truth.dXMillimetre = fromMicrometre(state.s32XMicrometre.load(std::memory_order_relaxed));
     truth.dYMillimetre = fromMicrometre(state.s32YMicrometre.load(std::memory_order_relaxed));

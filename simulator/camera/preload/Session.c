@@ -214,6 +214,10 @@ int cameraOpen(int nFlags)
     if (nFd < 0) {
         return -1;
     }
+    // Readable from the start, because nothing streams yet: wait for the packet that says so.
+    char cPacket = 0;
+    while (recv(nFd, &cPacket, sizeof(cPacket), MSG_PEEK) < 0 && EINTR == errno) {
+    }
     struct CameraPage* pPage = mapPage(node.u32Session);
     if (NULL == pPage) {
         const int nSaved = errno;

@@ -1,0 +1,542 @@
+// The driver's answers, call by call, as a program sees them.
+#include "VideoClient.h"
+#include "VirtualCamera.h"
+
+#include <cerrno>
+#include <fstream>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+TEST(Device, NodeIsACharacterDevice)
+{
+    VirtualCamera camera;
+    struct stat status = {};
+
+    ASSERT_EQ(0, stat("/dev/video0", &status));
+
+    EXPECT_TRUE(S_ISCHR(status.st_mode));
+    EXPECT_EQ(makedev(81, 0), status.st_rdev);
+    EXPECT_EQ(0, lstat("/dev/video0", &status));
+    const VideoClient client;
+    status = {};
+    EXPECT_EQ(0, fstat(client.descriptor(), &status));
+    EXPECT_TRUE(S_ISCHR(status.st_mode));
+}
+
+TEST(Device, NodeIsMissingWithoutTheProgram)
+{
+    setenv("KESTREL_CAMERA_DIR", "/nonexistent", 1);
+    struct stat status = {};
+
+    EXPECT_EQ(-1, stat("/dev/video0", &status));
+    EXPECT_EQ(ENOENT, errno);
+    const VideoClient client;
+    EXPECT_EQ(ENOENT, client.error());
+    unsetenv("KESTREL_CAMERA_DIR");
+}
+
+TEST(Device, OtherDescriptorsAreLeftAlone)
+{
+    VirtualCamera camera;
+    const VideoClient client;
+    const int nFd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    v4l2_capability cap{};
+
+    EXPECT_EQ(-1, ioctl(nFd, VIDIOC_QUERYCAP, &cap));
+    EXPECT_EQ(ENOTTY, errno);
+    EXPECT_EQ(0u, camera.count("QUERYCAP"));
+    close(nFd);
+}
+
+TEST(Device, CapabilitiesAreThoseOfAUvcCamera)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_capability cap{};
+
+    ASSERT_EQ(0, client.control(VIDIOC_QUERYCAP, cap));
+
+    EXPECT_STREQ("uvcvideo", reinterpret_cast<const char*>(cap.driver));
+    EXPECT_EQ(0x84a00001u, cap.capabilities);
+    EXPECT_EQ(0x04200001u, cap.device_caps);
+}
+
+TEST(Device, InterlacedBecomesProgressive)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_format granted{};
+
+    ASSERT_EQ(0, client.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480, &granted));
+
+    EXPECT_EQ(static_cast<uint32_t>(V4L2_FIELD_NONE), granted.fmt.pix.field);
+    EXPECT_EQ(0u, granted.fmt.pix.bytesperline);
+    EXPECT_EQ(614400u, granted.fmt.pix.sizeimage);
+}
+
+TEST(Device, SizeBecomesTheNearest)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_format granted{};
+
+    ASSERT_EQ(0, client.setFormat(V4L2_PIX_FMT_YUYV, 1920, 1080, &granted));
+    EXPECT_EQ(1280u, granted.fmt.pix.width);
+    EXPECT_EQ(720u, granted.fmt.pix.height);
+    EXPECT_EQ(2560u, granted.fmt.pix.bytesperline);
+
+    ASSERT_EQ(0, client.setFormat(V4L2_PIX_FMT_YUYV, 0, 0, &granted));
+    EXPECT_EQ(640u, granted.fmt.pix.width);
+    EXPECT_EQ(480u, granted.fmt.pix.height);
+}
+
+TEST(Device, UnknownPixelFormatBecomesMotionJpeg)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_format granted{};
+
+    ASSERT_EQ(0, client.setFormat(5, 640, 480, &granted));
+
+    EXPECT_EQ(V4L2_PIX_FMT_MJPEG, granted.fmt.pix.pixelformat);
+    EXPECT_EQ(1u, camera.count("S_FMT type=1 width=640 height=480 pixelformat=5 field=4 = 0"));
+}
+
+TEST(Device, TriedFormatIsNotSet)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    format.fmt.pix.width = 1280;
+    format.fmt.pix.height = 720;
+
+    ASSERT_EQ(0, client.control(VIDIOC_TRY_FMT, format));
+    EXPECT_EQ(1280u, format.fmt.pix.width);
+
+    ASSERT_EQ(0, client.control(VIDIOC_G_FMT, format));
+    EXPECT_EQ(640u, format.fmt.pix.width);
+}
+
+TEST(Device, FormatIsBusyWhileBuffersExist)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.requestBuffers(2));
+
+    EXPECT_EQ(EBUSY, client.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480));
+
+    ASSERT_EQ(0, client.requestBuffers(0));
+    EXPECT_EQ(0, client.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480));
+}
+
+TEST(Device, IntervalBecomesTheNearest)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    const struct
+    {
+        uint32_t u32Asked;
+        uint32_t u32Granted;
+    } RATES[] = {{25, 25}, {30, 30}, {15, 15}, {255, 30}, {10, 15}, {28, 30}};
+
+    for (const auto& rate : RATES) {
+        v4l2_fract granted{};
+        ASSERT_EQ(0, client.setInterval(1, rate.u32Asked, &granted));
+        EXPECT_EQ(1u, granted.numerator);
+        EXPECT_EQ(rate.u32Granted, granted.denominator) << rate.u32Asked;
+    }
+}
+
+TEST(Device, IntervalIsBusyWhileStreaming)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.startStreaming());
+
+    EXPECT_EQ(EBUSY, client.setInterval(1, 25));
+}
+
+TEST(Device, CropRectanglesAreTheWholePictureAndCannotBeSet)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_cropcap cropcap{};
+    cropcap.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+
+    ASSERT_EQ(0, client.control(VIDIOC_CROPCAP, cropcap));
+
+    EXPECT_EQ(640u, cropcap.defrect.width);
+    EXPECT_EQ(480u, cropcap.defrect.height);
+    v4l2_crop crop{};
+    crop.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    crop.c = cropcap.defrect;
+    EXPECT_EQ(ENOTTY, client.control(VIDIOC_S_CROP, crop));
+}
+
+TEST(Device, UnknownIoctlIsNotATypewriter)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_std_id standard = 0;
+
+    EXPECT_EQ(ENOTTY, client.control(VIDIOC_G_STD, standard));
+    EXPECT_EQ(ENOTTY, client.control(TIOCGWINSZ, standard));
+    EXPECT_EQ(2u, camera.count("ioctl request=0x"));
+}
+
+TEST(Device, WrongBufferTypeIsInvalid)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    v4l2_requestbuffers request{};
+    request.count = 2;
+    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.memory = V4L2_MEMORY_USERPTR;
+    int nType = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+
+    EXPECT_EQ(EINVAL, client.control(VIDIOC_G_FMT, format));
+    EXPECT_EQ(EINVAL, client.control(VIDIOC_REQBUFS, request));
+    EXPECT_EQ(EINVAL, client.control(VIDIOC_STREAMON, nType));
+}
+
+TEST(Device, RequestGrantsExactlyTheBuffersAskedFor)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    uint32_t u32Granted = 0;
+
+    ASSERT_EQ(0, client.requestBuffers(2, &u32Granted));
+    EXPECT_EQ(2u, u32Granted);
+
+    v4l2_buffer buffer{};
+    ASSERT_EQ(0, client.queryBuffer(0, buffer));
+    EXPECT_EQ(0u, buffer.m.offset);
+    EXPECT_EQ(614400u, buffer.length);
+    ASSERT_EQ(0, client.queryBuffer(1, buffer));
+    EXPECT_EQ(614400u, buffer.m.offset);
+    EXPECT_EQ(EINVAL, client.queryBuffer(2, buffer));
+    ASSERT_EQ(0, client.requestBuffers(40, &u32Granted));
+    EXPECT_EQ(32u, u32Granted);
+}
+
+TEST(Device, RequestIsBusyWhileStreaming)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.startStreaming());
+
+    EXPECT_EQ(EBUSY, client.requestBuffers(2));
+    EXPECT_EQ(EBUSY, client.requestBuffers(0));
+}
+
+TEST(Device, QueueingTwiceIsInvalid)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.requestBuffers(2));
+    ASSERT_EQ(0, client.enqueue(0));
+
+    EXPECT_EQ(EINVAL, client.enqueue(0));
+    EXPECT_EQ(EINVAL, client.enqueue(2));
+    EXPECT_EQ(0, client.enqueue(1));
+}
+
+TEST(Device, MappingMustBeSharedAndStartAtABuffer)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    const size_t nLength = 614400;
+    const int nFd = client.descriptor();
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, nLength, PROT_READ, MAP_SHARED, nFd, 0));
+    EXPECT_EQ(EINVAL, errno);
+    ASSERT_EQ(0, client.requestBuffers(2));
+
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, nLength, PROT_READ, MAP_PRIVATE, nFd, 0));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, nLength, PROT_READ, MAP_SHARED, nFd, 4096));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, nLength, PROT_READ, MAP_SHARED, nFd, 2 * nLength));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(0, client.mapBuffers(2));
+    EXPECT_EQ(0, client.unmapBuffers());
+    EXPECT_EQ(2u, camera.count("munmap length=614400 offset="));
+}
+
+TEST(Device, MappingOutlivesBuffersAndDescriptor)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.startStreaming());
+    v4l2_buffer buffer{};
+    ASSERT_TRUE(client.readable(5000));
+    ASSERT_EQ(0, client.dequeue(buffer));
+    const std::vector<uint8_t> vecBefore = client.bytes(buffer);
+
+    ASSERT_EQ(0, client.streamOff());
+    ASSERT_EQ(0, client.requestBuffers(0));
+    ASSERT_EQ(0, client.close());
+
+    EXPECT_EQ(vecBefore, client.bytes(buffer));
+}
+
+TEST(Device, StreamingOnNeedsBuffersAndMayBeRepeated)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480));
+
+    EXPECT_EQ(EINVAL, client.streamOn());
+
+    ASSERT_EQ(0, client.requestBuffers(2));
+    EXPECT_EQ(0, client.streamOn());
+    EXPECT_EQ(0, client.streamOn());
+    EXPECT_EQ(0, client.streamOff());
+    EXPECT_EQ(0, client.streamOff());
+}
+
+TEST(Device, DequeueIsInvalidUnlessStreaming)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_buffer buffer{};
+    ASSERT_EQ(0, client.requestBuffers(2));
+    ASSERT_EQ(0, client.enqueue(0));
+
+    EXPECT_EQ(EINVAL, client.dequeue(buffer));
+}
+
+TEST(Device, DequeueOfAnEmptyQueueAsksToTryAgain)
+{
+    VirtualCamera camera;
+    camera.command("freeze");
+    VideoClient client;
+    v4l2_buffer buffer{};
+    ASSERT_EQ(0, client.startStreaming());
+
+    EXPECT_EQ(EAGAIN, client.dequeue(buffer));
+}
+
+TEST(Device, SelectFindsItReadableWhileAFilledBufferWaits)
+{
+    VirtualCamera camera;
+    camera.command("freeze");
+    VideoClient client;
+    ASSERT_EQ(0, client.startStreaming());
+    EXPECT_FALSE(client.readable(100));
+
+    camera.command("thaw");
+    ASSERT_TRUE(client.readable(5000));
+    EXPECT_TRUE(client.readable(0)); // looking takes nothing away
+
+    camera.command("freeze");
+    v4l2_buffer buffer{};
+    while (0 == client.dequeue(buffer)) {
+    }
+    EXPECT_FALSE(client.readable(0));
+}
+
+TEST(Device, SelectDoesNotWaitForWhatNeverStreams)
+{
+    VirtualCamera camera;
+    VideoClient client;
+
+    EXPECT_TRUE(client.readable(0));
+
+    ASSERT_EQ(0, client.requestBuffers(2));
+    ASSERT_EQ(0, client.streamOn()); // no buffer was ever queued
+    EXPECT_TRUE(client.readable(0));
+    ASSERT_EQ(0, client.enqueue(0));
+    camera.command("freeze");
+    v4l2_buffer buffer{};
+    while (0 == client.dequeue(buffer)) {
+    }
+    EXPECT_FALSE(client.readable(0));
+    ASSERT_EQ(0, client.streamOff());
+    EXPECT_TRUE(client.readable(0));
+}
+
+TEST(Device, BlockingDequeueWaits)
+{
+    VirtualCamera camera;
+    VideoClient client(O_RDWR);
+    ASSERT_EQ(0, client.startStreaming());
+
+    for (uint32_t i = 0; i < 5; i++) {
+        v4l2_buffer buffer{};
+        ASSERT_EQ(0, client.dequeue(buffer));
+        EXPECT_GT(buffer.bytesused, 176u);
+        ASSERT_EQ(0, client.enqueue(buffer.index));
+    }
+    EXPECT_EQ(0u, camera.count("DQBUF type=1 memory=1 = -1"));
+}
+
+TEST(Device, DequeuedBufferTellsFlagsSequenceAndTime)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.startStreaming());
+    timespec now{};
+
+    v4l2_buffer buffer{};
+    ASSERT_TRUE(client.readable(5000));
+    ASSERT_EQ(0, client.dequeue(buffer));
+    clock_gettime(CLOCK_MONOTONIC, &now);
+
+    EXPECT_EQ(0u, buffer.index);
+    EXPECT_EQ(0u, buffer.sequence);
+    EXPECT_EQ(static_cast<uint32_t>(V4L2_FIELD_NONE), buffer.field);
+    EXPECT_EQ(static_cast<uint32_t>(V4L2_BUF_FLAG_MAPPED | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC |
+                                    V4L2_BUF_FLAG_TSTAMP_SRC_SOE),
+              buffer.flags);
+    const double dAge = static_cast<double>(now.tv_sec - buffer.timestamp.tv_sec) +
+                        static_cast<double>(now.tv_nsec) / 1e9 -
+                        static_cast<double>(buffer.timestamp.tv_usec) / 1e6;
+    EXPECT_GT(dAge, 0);
+    EXPECT_LT(dAge, 60);
+}
+
+TEST(Device, SecondOpenMayAskButNotStream)
+{
+    VirtualCamera camera;
+    VideoClient first;
+    VideoClient second;
+    v4l2_capability cap{};
+    ASSERT_EQ(0, first.startStreaming());
+
+    EXPECT_EQ(0, second.control(VIDIOC_QUERYCAP, cap));
+    EXPECT_EQ(EBUSY, second.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480));
+    EXPECT_EQ(EBUSY, second.requestBuffers(2));
+    EXPECT_EQ(EBUSY, second.streamOff());
+
+    ASSERT_EQ(0, first.close());
+    EXPECT_EQ(0, second.requestBuffers(2));
+}
+
+TEST(Device, PriorityHoldsOthersBack)
+{
+    VirtualCamera camera;
+    VideoClient first;
+    VideoClient second;
+    uint32_t u32Priority = V4L2_PRIORITY_RECORD;
+    ASSERT_EQ(0, first.control(VIDIOC_S_PRIORITY, u32Priority));
+
+    EXPECT_EQ(0, second.control(VIDIOC_G_PRIORITY, u32Priority));
+    EXPECT_EQ(static_cast<uint32_t>(V4L2_PRIORITY_RECORD), u32Priority);
+    EXPECT_EQ(EBUSY, second.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480));
+    EXPECT_EQ(0, first.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480));
+    u32Priority = 9;
+    EXPECT_EQ(EINVAL, first.control(VIDIOC_S_PRIORITY, u32Priority));
+}
+
+TEST(Device, InputIsTheOneCamera)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_input input{};
+    int nInput = 7;
+
+    EXPECT_EQ(0, client.control(VIDIOC_ENUMINPUT, input));
+    EXPECT_STREQ("Camera 1", reinterpret_cast<const char*>(input.name));
+    input.index = 1;
+    EXPECT_EQ(EINVAL, client.control(VIDIOC_ENUMINPUT, input));
+    EXPECT_EQ(0, client.control(VIDIOC_G_INPUT, nInput));
+    EXPECT_EQ(0, nInput);
+    nInput = 1;
+    EXPECT_EQ(EINVAL, client.control(VIDIOC_S_INPUT, nInput));
+}
+
+TEST(Device, ControlsAreClampedOrRefused)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_control control{V4L2_CID_BRIGHTNESS, 1000};
+
+    EXPECT_EQ(0, client.control(VIDIOC_S_CTRL, control));
+    EXPECT_EQ(64, control.value);
+    control = {V4L2_CID_EXPOSURE_AUTO, V4L2_EXPOSURE_SHUTTER_PRIORITY};
+    EXPECT_EQ(EINVAL, client.control(VIDIOC_S_CTRL, control));
+    control = {V4L2_CID_EXPOSURE_AUTO, 4};
+    EXPECT_EQ(ERANGE, client.control(VIDIOC_S_CTRL, control));
+    control = {V4L2_CID_EXPOSURE_ABSOLUTE, 100};
+    EXPECT_EQ(EACCES, client.control(VIDIOC_S_CTRL, control)); // inactive until manual
+    control = {V4L2_CID_GAIN, 0};
+    EXPECT_EQ(EINVAL, client.control(VIDIOC_G_CTRL, control));
+}
+
+TEST(Device, SeveralControlsAreSetTogetherOrNotAtAll)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_ext_control aControl[2] = {};
+    aControl[0].id = V4L2_CID_EXPOSURE_AUTO;
+    aControl[0].value = V4L2_EXPOSURE_MANUAL;
+    aControl[1].id = V4L2_CID_GAIN;
+    v4l2_ext_controls controls{};
+    controls.count = 2;
+    controls.controls = aControl;
+
+    EXPECT_EQ(EINVAL, client.control(VIDIOC_S_EXT_CTRLS, controls));
+    EXPECT_EQ(2u, controls.error_idx);
+    EXPECT_EQ(EINVAL, client.control(VIDIOC_TRY_EXT_CTRLS, controls));
+    EXPECT_EQ(1u, controls.error_idx);
+    v4l2_control control{V4L2_CID_EXPOSURE_AUTO, 0};
+    ASSERT_EQ(0, client.control(VIDIOC_G_CTRL, control));
+    EXPECT_EQ(V4L2_EXPOSURE_APERTURE_PRIORITY, control.value);
+
+    aControl[1].id = V4L2_CID_EXPOSURE_ABSOLUTE;
+    aControl[1].value = 300;
+    EXPECT_EQ(0, client.control(VIDIOC_S_EXT_CTRLS, controls));
+    control = {V4L2_CID_EXPOSURE_ABSOLUTE, 0};
+    ASSERT_EQ(0, client.control(VIDIOC_G_CTRL, control));
+    EXPECT_EQ(300, control.value);
+}
+
+TEST(Device, JournalHoldsTheCallsInOrderWithArgumentsAndResults)
+{
+    VirtualCamera camera;
+    camera.command("freeze");
+    {
+        struct stat status = {};
+        ASSERT_EQ(0, stat("/dev/video0", &status));
+        VideoClient client;
+        ASSERT_EQ(0, client.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480));
+        ASSERT_EQ(0, client.setInterval(1, 255));
+        ASSERT_EQ(0, client.startStreaming());
+        v4l2_buffer buffer{};
+        ASSERT_EQ(EAGAIN, client.dequeue(buffer));
+        ASSERT_EQ(0, client.streamOff());
+    }
+    const std::vector<std::string> EXPECTED = {
+        "stat = 0 character",
+        "open flags=O_RDWR|O_NONBLOCK|O_CLOEXEC = 0",
+        "S_FMT type=1 width=640 height=480 pixelformat=MJPG field=4 = 0 width=640 height=480 "
+        "pixelformat=MJPG field=1 bytesperline=0 sizeimage=614400",
+        "S_PARM type=1 timeperframe=1/255 = 0 capability=0x1000 timeperframe=1/30",
+        "REQBUFS count=2 type=1 memory=1 = 0 count=2",
+        "QUERYBUF type=1 memory=1 index=0 = 0 length=614400 offset=0 flags=0x12000",
+        "mmap length=614400 prot=READ|WRITE flags=SHARED offset=0 = 0",
+        "QUERYBUF type=1 memory=1 index=1 = 0 length=614400 offset=614400 flags=0x12000",
+        "mmap length=614400 prot=READ|WRITE flags=SHARED offset=614400 = 0",
+        "QBUF type=1 memory=1 index=0 = 0",
+        "QBUF type=1 memory=1 index=1 = 0",
+        "STREAMON type=1 = 0",
+        "DQBUF type=1 memory=1 = -1 EAGAIN",
+        "STREAMOFF type=1 = 0",
+        "munmap length=614400 offset=0 = 0",
+        "munmap length=614400 offset=614400 = 0",
+        "close = 0",
+    };
+
+    EXPECT_EQ(EXPECTED, camera.journal());
+}

@@ -1,0 +1,143 @@
+// Commands and scripts: what is understood, and when it is done.
+#include "Script.h"
+#include "Commands.h"
+#include "ScratchFolder.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+/** A camera without programs and pictures, to be commanded. */
+struct Board
+{
+    ScratchFolder folder;
+    const std::string strDir = folder.path().string();
+    Journal journal{strDir + "/journal"};
+    FrameLog frameLog{strDir, 0};
+    KernelFiles kernelFiles{strDir};
+    SceneFile scene{strDir + "/scene"};
+    UvcCamera camera{strDir, journal, frameLog};
+    Commands commands{camera, kernelFiles, scene, journal};
+};
+
+} // namespace
+
+TEST(Commands, WrongWordsAreRefused)
+{
+    Board board;
+
+    for (const char* pLine : {"",
+                              "dance",
+                              "unplug now",
+                              "unplug after",
+                              "unplug after tea",
+                              "fail",
+                              "fail DQBUF",
+                              "fail TEA EIO",
+                              "fail close EIO",
+                              "fail DQBUF EWHAT",
+                              "fail DQBUF EIO 0",
+                              "fail DQBUF EIO 1 skip",
+                              "fail DQBUF EIO 1 jump 2",
+                              "bytes",
+                              "bytes -1",
+                              "bytes 1x",
+                              "bytes 4294967296",
+                              "grant 0",
+                              "grant 33",
+                              "index",
+                              "coerce 0",
+                              "coerce 201",
+                              "fps 0",
+                              "fps 201",
+                              "fps 10 2",
+                              "list",
+                              "list event",
+                              "spot 1 2 3",
+                              "spot 1 2 x on",
+                              "spot 1 2 3 maybe",
+                              "spot 9e9 0 0 on",
+                              "timeperframe",
+                              "stat",
+                              "freeze now",
+                              "journal",
+                              "journal burn"}) {
+        EXPECT_EQ("error:", board.commands.run(pLine).substr(0, 6)) << pLine;
+    }
+}
+
+TEST(Commands, SpotIsWrittenToTheScene)
+{
+    Board board;
+
+    EXPECT_EQ("ok", board.commands.run("spot 1.5 -2.25 0.001 on"));
+
+    EXPECT_EQ(1500, board.scene.state().s32XMicrometre);
+    EXPECT_EQ(-2250, board.scene.state().s32YMicrometre);
+    EXPECT_EQ(1, board.scene.state().s32ZMicrometre);
+    EXPECT_EQ(1u, board.scene.state().u32LaserOn);
+}
+
+TEST(Commands, StatusTellsRateAndPlug)
+{
+    Board board;
+    EXPECT_EQ(
+        "ok plugged=1 streaming=0 frozen=0 opens=0 frame=0 fps=25.00 format=MJPG size=640x480",
+        board.commands.run("status"));
+
+    EXPECT_EQ("ok", board.commands.run("fps 200"));
+    EXPECT_EQ("ok", board.commands.run("freeze"));
+    EXPECT_EQ("ok", board.commands.run("unplug"));
+
+    EXPECT_EQ(
+        "ok plugged=0 streaming=0 frozen=1 opens=0 frame=0 fps=200.00 format=MJPG size=640x480",
+        board.commands.run("status"));
+    EXPECT_EQ("ok", board.commands.run("clear"));
+    EXPECT_EQ(
+        "ok plugged=0 streaming=0 frozen=0 opens=0 frame=0 fps=25.00 format=MJPG size=640x480",
+        board.commands.run("status"));
+}
+
+TEST(Commands, AreNotedInTheJournalUntilItIsCleared)
+{
+    Board board;
+
+    board.commands.run("mark here");
+    EXPECT_NE(std::string::npos, board.folder.read("journal").find(" 0 0 # mark here\n"));
+    board.commands.run("status");
+    EXPECT_EQ(std::string::npos, board.folder.read("journal").find("status"));
+
+    board.commands.run("journal clear");
+    EXPECT_EQ("", board.folder.read("journal"));
+    board.commands.run("mark there");
+    EXPECT_NE(std::string::npos, board.folder.read("journal").find(" 0 0 # mark there\n"));
+}
+
+TEST(Script, LinesComeAtTheirTimesInOrder)
+{
+    ScratchFolder folder;
+    folder.write("script", "# comment\n\n  2.5 replug\n1 unplug\n1 freeze now\n");
+    Script script;
+    ASSERT_TRUE(script.load((folder.path() / "script").string()));
+
+    EXPECT_EQ(1, script.next());
+    EXPECT_EQ("", script.due(0.99));
+    EXPECT_EQ("unplug", script.due(1.2));
+    EXPECT_EQ("freeze now", script.due(1.2));
+    EXPECT_EQ("", script.due(1.2));
+    EXPECT_EQ("replug", script.due(3));
+    EXPECT_EQ("", script.due(100));
+    EXPECT_LT(script.next(), 0);
+}
+
+TEST(Script, BrokenFilesAreRefused)
+{
+    ScratchFolder folder;
+    for (const char* pText : {"unplug\n", "-1 unplug\n", "1\n", "nan unplug\n"}) {
+        folder.write("script", pText);
+        Script script;
+        EXPECT_FALSE(script.load((folder.path() / "script").string())) << pText;
+    }
+    Script script;
+    EXPECT_FALSE(script.load((folder.path() / "missing").string()));
+}
