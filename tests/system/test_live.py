@@ -174,7 +174,8 @@ class Churn(unittest.TestCase):
 class Descriptors(unittest.TestCase):
     def test_64_descriptors_and_200_clients_are_served_as_others_leave(self):
         with Board(limit_files=64) as board:
-            together = threading.Semaphore(80)  # more than descriptors, and than fit the backlog
+            together = threading.Semaphore(90)  # more than descriptors, and than fit the backlog
+            full = threading.Event()
             served = []
 
             def one():
@@ -182,15 +183,14 @@ class Descriptors(unittest.TestCase):
                     client = connect()
                     client.sendall(b"GET /live HTTP/1.1\r\n\r\n")
                     served.append(bool(client.recv(100)))
+                    full.wait()
                     client.close()
 
-            holders = [connect() for _ in range(30)]
             threads = [threading.Thread(target=one) for _ in range(200)]
             for thread in threads:
                 thread.start()
             wait_until(lambda: len(board.server.descriptors()) == 64, "no descriptor is left")
-            for holder in holders:
-                holder.close()
+            full.set()
             for thread in threads:
                 thread.join()
             self.assertEqual([True] * 200, served, "every client is served in the end")
