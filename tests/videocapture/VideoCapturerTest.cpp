@@ -19,10 +19,10 @@
 
 namespace {
 
-class Capture : public testing::Test
+class VideoCapturerTest : public testing::Test
 {
 protected:
-    ~Capture() override
+    ~VideoCapturerTest() override
     {
         EXPECT_EQ(RET_SUCCESS, m_capturer.stop());
         EXPECT_EQ(RET_SUCCESS, m_capturer.uninit());
@@ -42,7 +42,7 @@ protected:
 
 } // namespace
 
-TEST_F(Capture, FramesReachTheConsumerOfStreamZero)
+TEST_F(VideoCapturerTest, FramesReachTheConsumerOfStreamZero)
 {
     start();
 
@@ -53,7 +53,7 @@ TEST_F(Capture, FramesReachTheConsumerOfStreamZero)
     EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
 }
 
-TEST_F(Capture, OnlyStreamZeroExists)
+TEST_F(VideoCapturerTest, OnlyStreamZeroExists)
 {
     start();
 
@@ -64,7 +64,7 @@ TEST_F(Capture, OnlyStreamZeroExists)
     }
 }
 
-TEST_F(Capture, AnythingButAVideoConsumerIsRefused)
+TEST_F(VideoCapturerTest, AnythingButAVideoConsumerIsRefused)
 {
     start();
     IConsumer plain;
@@ -74,7 +74,7 @@ TEST_F(Capture, AnythingButAVideoConsumerIsRefused)
     EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(nullptr));
 }
 
-TEST_F(Capture, ConsumersAreRefusedBeforeInitAndAfterUninit)
+TEST_F(VideoCapturerTest, ConsumersAreRefusedBeforeInitAndAfterUninit)
 {
     EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(&m_consumer));
     EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
@@ -87,12 +87,12 @@ TEST_F(Capture, ConsumersAreRefusedBeforeInitAndAfterUninit)
     EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
 }
 
-TEST_F(Capture, StartBeforeInitFails)
+TEST_F(VideoCapturerTest, StartBeforeInitFails)
 {
     EXPECT_EQ(RET_FAILED, m_capturer.start());
 }
 
-TEST_F(Capture, NextLifeBeginsWithoutConsumers)
+TEST_F(VideoCapturerTest, NextLifeBeginsWithoutConsumers)
 {
     start();
     ASSERT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer));
@@ -108,7 +108,7 @@ TEST_F(Capture, NextLifeBeginsWithoutConsumers)
     EXPECT_TRUE(m_consumer.waitForMore(1));
 }
 
-TEST_F(Capture, ExposureEventRunsTheToolBeforePublishReturns)
+TEST_F(VideoCapturerTest, ExposureEventRunsTheToolBeforePublishReturns)
 {
     const ExposureTool tool;
     start();
@@ -121,7 +121,7 @@ TEST_F(Capture, ExposureEventRunsTheToolBeforePublishReturns)
                              "set exposure(156)\n"));
 }
 
-TEST_F(Capture, ExposureEventsAreFollowedFromStartToStop)
+TEST_F(VideoCapturerTest, ExposureEventsAreFollowedFromStartToStop)
 {
     const ExposureTool tool;
     SetExposureEvent event(0, 1);
@@ -141,7 +141,7 @@ TEST_F(Capture, ExposureEventsAreFollowedFromStartToStop)
     EXPECT_EQ(strCalls, tool.calls());
 }
 
-TEST_F(Capture, ExposureOfAnUnknownStreamFails)
+TEST_F(VideoCapturerTest, ExposureOfAnUnknownStreamFails)
 {
     const ExposureTool tool;
     start();
@@ -156,21 +156,21 @@ TEST_F(Capture, ExposureOfAnUnknownStreamFails)
                              "set exposure(5)\n"));
 }
 
-TEST_F(Capture, ExposureBeforeInitFails)
+TEST_F(VideoCapturerTest, ExposureBeforeInitFails)
 {
     SetExposureEvent event(0, 5);
 
     EXPECT_EQ(RET_FAILED, m_capturer.setExposure(&event));
 }
 
-TEST_F(Capture, ExposureTakesNoOtherEvent)
+TEST_F(VideoCapturerTest, ExposureTakesNoOtherEvent)
 {
     Event event;
 
     EXPECT_THROW((void)m_capturer.setExposure(&event), std::bad_cast);
 }
 
-TEST_F(Capture, ConsumersComeAndGoWhileTheCaptureSideStartsAndEnds)
+TEST_F(VideoCapturerTest, ConsumersComeAndGoWhileTheCaptureSideStartsAndEnds)
 {
     std::atomic<bool> bQuit{false};
     std::vector<std::thread> vecThread;
@@ -201,7 +201,7 @@ TEST_F(Capture, ConsumersComeAndGoWhileTheCaptureSideStartsAndEnds)
     EXPECT_EQ(5U, m_camera.count("close"));
 }
 
-TEST_F(Capture, ProcessMayExitWhileFramesFlow)
+TEST_F(VideoCapturerTest, ProcessMayExitWhileFramesFlow)
 {
     EXPECT_EXIT(
         {

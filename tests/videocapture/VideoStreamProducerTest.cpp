@@ -49,10 +49,10 @@ public:
     std::atomic<int> m_nFrames{0};
 };
 
-class VideoStream : public testing::Test
+class VideoStreamProducerTest : public testing::Test
 {
 protected:
-    ~VideoStream() override
+    ~VideoStreamProducerTest() override
     {
         EXPECT_EQ(RET_SUCCESS, m_producer.stop());
     }
@@ -84,7 +84,7 @@ protected:
 
 } // namespace
 
-TEST_F(VideoStream, ConsumersGetEveryFrameOnTheCaptureThread)
+TEST_F(VideoStreamProducerTest, ConsumersGetEveryFrameOnTheCaptureThread)
 {
     start();
 
@@ -96,7 +96,7 @@ TEST_F(VideoStream, ConsumersGetEveryFrameOnTheCaptureThread)
                                     "add video consumer, stream=0, Total consumer num=1\n")));
 }
 
-TEST_F(VideoStream, ConsumersAreCalledInOrderOfRegistrationWithTheSameFrame)
+TEST_F(VideoStreamProducerTest, ConsumersAreCalledInOrderOfRegistrationWithTheSameFrame)
 {
     std::vector<std::pair<int, const VENC_FRAME_T*>> vecCall; // capture thread, then this one
     m_consumer.m_onFrame = [&](VideoFrameEvent& event) {
@@ -121,7 +121,7 @@ TEST_F(VideoStream, ConsumersAreCalledInOrderOfRegistrationWithTheSameFrame)
     }
 }
 
-TEST_F(VideoStream, BufferIsQueuedAgainBeforeDelivery)
+TEST_F(VideoStreamProducerTest, BufferIsQueuedAgainBeforeDelivery)
 {
     std::vector<std::string> vecLastCall; // capture thread, then this one
     m_consumer.m_onFrame = [&](VideoFrameEvent&) {
@@ -138,7 +138,7 @@ TEST_F(VideoStream, BufferIsQueuedAgainBeforeDelivery)
     }
 }
 
-TEST_F(VideoStream, FrameStaysWithWhoKeepsItsHolder)
+TEST_F(VideoStreamProducerTest, FrameStaysWithWhoKeepsItsHolder)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     start();
@@ -155,7 +155,7 @@ TEST_F(VideoStream, FrameStaysWithWhoKeepsItsHolder)
     }
 }
 
-TEST_F(VideoStream, SecondRegistrationIsRefused)
+TEST_F(VideoStreamProducerTest, SecondRegistrationIsRefused)
 {
     EXPECT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     EXPECT_EQ(RET_FAILED, m_producer.registerConsumer(&m_consumer));
@@ -168,7 +168,7 @@ TEST_F(VideoStream, SecondRegistrationIsRefused)
         m_log.lines());
 }
 
-TEST_F(VideoStream, CancelledConsumerIsNotCalledAnyMore)
+TEST_F(VideoStreamProducerTest, CancelledConsumerIsNotCalledAnyMore)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_second));
@@ -184,7 +184,7 @@ TEST_F(VideoStream, CancelledConsumerIsNotCalledAnyMore)
                                     "delete video consumer, stream=0, Total consumer num=1\n")));
 }
 
-TEST_F(VideoStream, CancelWaitsForTheDeliveryUnderWay)
+TEST_F(VideoStreamProducerTest, CancelWaitsForTheDeliveryUnderWay)
 {
     std::atomic<bool> bInside{false};
     std::atomic<bool> bGoOn{false};
@@ -211,14 +211,14 @@ TEST_F(VideoStream, CancelWaitsForTheDeliveryUnderWay)
     EXPECT_TRUE(bLeftBeforeCancelled);
 }
 
-TEST_F(VideoStream, CancelOfAnUnknownConsumerFailsInSilence)
+TEST_F(VideoStreamProducerTest, CancelOfAnUnknownConsumerFailsInSilence)
 {
     EXPECT_EQ(RET_FAILED, m_producer.cancelConsumer(&m_consumer));
 
     EXPECT_EQ(Lines{}, m_log.lines());
 }
 
-TEST_F(VideoStream, AnythingButAVideoConsumerIsABadCast)
+TEST_F(VideoStreamProducerTest, AnythingButAVideoConsumerIsABadCast)
 {
     IConsumer plain;
 
@@ -226,7 +226,7 @@ TEST_F(VideoStream, AnythingButAVideoConsumerIsABadCast)
     EXPECT_THROW((void)m_producer.cancelConsumer(&plain), std::bad_cast);
 }
 
-TEST_F(VideoStream, ConsumerMayNotComeOrGoDuringDelivery)
+TEST_F(VideoStreamProducerTest, ConsumerMayNotComeOrGoDuringDelivery)
 {
     std::atomic<int> nRegister{-1};
     std::atomic<int> nCancel{-1};
@@ -244,7 +244,7 @@ TEST_F(VideoStream, ConsumerMayNotComeOrGoDuringDelivery)
     EXPECT_EQ(0U, m_second.total());
 }
 
-TEST_F(VideoStream, WithoutConsumersFramesAreTakenAndPublished)
+TEST_F(VideoStreamProducerTest, WithoutConsumersFramesAreTakenAndPublished)
 {
     const FrameCounter counter;
 
@@ -254,7 +254,7 @@ TEST_F(VideoStream, WithoutConsumersFramesAreTakenAndPublished)
     EXPECT_LE(5U, m_camera.count("DQBUF type=1 memory=1 = 0"));
 }
 
-TEST_F(VideoStream, StopEndsStreamingAndStartResumesIt)
+TEST_F(VideoStreamProducerTest, StopEndsStreamingAndStartResumesIt)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     start();
@@ -269,7 +269,7 @@ TEST_F(VideoStream, StopEndsStreamingAndStartResumesIt)
     EXPECT_TRUE(m_consumer.waitForMore(1));
 }
 
-TEST_F(VideoStream, UninitClosesTheCamera)
+TEST_F(VideoStreamProducerTest, UninitClosesTheCamera)
 {
     start();
     ASSERT_EQ(RET_SUCCESS, m_producer.stop());
@@ -282,7 +282,7 @@ TEST_F(VideoStream, UninitClosesTheCamera)
     EXPECT_EQ(RET_SUCCESS, m_producer.init(0)); // and can be opened again
 }
 
-TEST_F(VideoStream, StepsOutOfOrderDoNothing)
+TEST_F(VideoStreamProducerTest, StepsOutOfOrderDoNothing)
 {
     EXPECT_EQ(RET_SUCCESS, m_producer.start());
     EXPECT_EQ(RET_SUCCESS, m_producer.stop());
@@ -298,7 +298,7 @@ TEST_F(VideoStream, StepsOutOfOrderDoNothing)
     EXPECT_EQ(1U, m_camera.count("STREAMON "));
 }
 
-TEST_F(VideoStream, CameraThatComesAfterTheStartIsOpened)
+TEST_F(VideoStreamProducerTest, CameraThatComesAfterTheStartIsOpened)
 {
     m_camera.command("unplug");
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
@@ -309,7 +309,7 @@ TEST_F(VideoStream, CameraThatComesAfterTheStartIsOpened)
     EXPECT_TRUE(m_consumer.waitForMore(2));
 }
 
-TEST_F(VideoStream, LostCameraIsClosedOnceAndOpenedAgainWhenItIsThere)
+TEST_F(VideoStreamProducerTest, LostCameraIsClosedOnceAndOpenedAgainWhenItIsThere)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     m_camera.command("fail DQBUF ENODEV 1 skip 3");
@@ -330,7 +330,7 @@ TEST_F(VideoStream, LostCameraIsClosedOnceAndOpenedAgainWhenItIsThere)
                              "FAILED(errno:19)!\n"));
 }
 
-TEST_F(VideoStream, FrozenCameraIsClosedAfterFourTimeouts)
+TEST_F(VideoStreamProducerTest, FrozenCameraIsClosedAfterFourTimeouts)
 {
     m_camera.command("freeze");
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
@@ -350,7 +350,7 @@ TEST_F(VideoStream, FrozenCameraIsClosedAfterFourTimeouts)
               }());
 }
 
-TEST_F(VideoStream, CameraThatDoesNotStreamIsClosedAndTriedAgain)
+TEST_F(VideoStreamProducerTest, CameraThatDoesNotStreamIsClosedAndTriedAgain)
 {
     m_camera.command("fail STREAMON EIO 2"); // at the start, and at the first recovery
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
@@ -365,7 +365,7 @@ TEST_F(VideoStream, CameraThatDoesNotStreamIsClosedAndTriedAgain)
     EXPECT_EQ(1U, m_camera.count("STREAMOFF")); // when the loss was found, not at each attempt
 }
 
-TEST_F(VideoStream, FrameThatIsDroppedDoesNotDisturbTheStream)
+TEST_F(VideoStreamProducerTest, FrameThatIsDroppedDoesNotDisturbTheStream)
 {
     m_camera.command("bytes 175 3");
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
@@ -379,7 +379,7 @@ TEST_F(VideoStream, FrameThatIsDroppedDoesNotDisturbTheStream)
 }
 
 // Deliberate: the service ends, and its manager starts it again.
-TEST_F(VideoStream, UnplugWithABufferInHandAborts)
+TEST_F(VideoStreamProducerTest, UnplugWithABufferInHandAborts)
 {
     m_camera.command("unplug after dequeue");
 

@@ -1,0 +1,112 @@
+// A vision plug-in for the tests: records its calls and answers as it is told. WITHOUT_<name>
+// leaves that entry point out.
+#include "TestPlugin.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+TestPlugin g_plugin;
+
+PluginCall makeCall(const char* pName)
+{
+    PluginCall call;
+    call.strName = pName;
+    call.s32Tid = static_cast<int32_t>(syscall(SYS_gettid));
+    return call;
+}
+
+PluginCall makeCall(const char* pName, uint32_t u32Size, uint32_t u32Width, uint32_t u32Height,
+                    const uint8_t* pData)
+{
+    PluginCall call = makeCall(pName);
+    call.u32Size = u32Size;
+    call.u32Width = u32Width;
+    call.u32Height = u32Height;
+    call.vecData.assign(pData, pData + u32Size);
+    return call;
+}
+
+void record(const PluginCall& call)
+{
+    const std::lock_guard<std::mutex> guard(g_plugin.mutex);
+    g_plugin.vecCall.push_back(call);
+}
+
+} // namespace
+
+TestPlugin* testPlugin(void)
+{
+    return &g_plugin;
+}
+
+#ifndef WITHOUT_init
+void init(void)
+{
+    record(makeCall("init"));
+}
+#endif
+
+#ifndef WITHOUT_uninit
+void uninit(void)
+{
+    record(makeCall("uninit"));
+}
+#endif
+
+#ifndef WITHOUT_undistort
+int undistort(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8_t* pData,
+              FRAME_PROCESS_UNDISTORT_T* pOut)
+{
+    record(makeCall("undistort", u32Size, u32Width, u32Height, pData));
+    *pOut = g_plugin.undistorted;
+    return g_plugin.nUndistortResult;
+}
+#endif
+
+#ifndef WITHOUT_autoFocus
+int autoFocus(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8_t* pData,
+              float* pMeasure)
+{
+    record(makeCall("autoFocus", u32Size, u32Width, u32Height, pData));
+    if (g_plugin.nAutoFocusResult <= 0) {
+        *pMeasure = g_plugin.fMeasure;
+    }
+    return g_plugin.nAutoFocusResult;
+}
+#endif
+
+#ifndef WITHOUT_findPos
+int findPos(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8_t* pData,
+            float* pX, float* pY)
+{
+    record(makeCall("findPos", u32Size, u32Width, u32Height, pData));
+    if (g_plugin.nFindPosResult <= 0) {
+        *pX = g_plugin.fX;
+        *pY = g_plugin.fY;
+    }
+    return g_plugin.nFindPosResult;
+}
+#endif
+
+#ifndef WITHOUT_setExposure
+void setExposure(int32_t* pExposure)
+{
+    record(makeCall("setExposure"));
+    g_plugin.s32ExposureBefore = *pExposure;
+    *pExposure = g_plugin.s32Exposure;
+}
+#endif
+
+#ifndef WITHOUT_easyFun
+void easyFun(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8_t* pData,
+             int32_t* pArg1, int32_t* pArg2, void* pValues)
+{
+    PluginCall call = makeCall("easyFun", u32Size, u32Width, u32Height, pData);
+    call.apOther[0] = pArg1;
+    call.apOther[1] = pArg2;
+    call.apOther[2] = pValues;
+    record(call);
+}
+#endif
