@@ -1,0 +1,185 @@
+// Which files are served, with which header, and what closes the connection instead.
+#include "HttpFileClient.h"
+
+#include <climits>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "CardFolder.h"
+#include "Connection.h"
+#include "FakeSystem.h"
+
+namespace {
+
+std::string header(const std::string& strType, size_t uSize)
+{
+    return "HTTP/1.0 200 OK\r\n"
+           "Connection: close\r\n"
+           "Cache-Control: no-store, no-cache, must-revalidate, pre-check=0, post-check=0, max-age=0\r\n"
+           "Expires: Mon, 3 Jan 2000 12:34:56 GMT\r\n"
+           "Content-type: " +
+           strType +
+           "\r\n"
+           "Server: MJPG-Streamer\r\n"
+           "Content-Length: " +
+           std::to_string(uSize) +
+           "\r\n"
+           "Cache-Control: no-cachePragma: no-cache\r\n"
+           "\r\n";
+}
+
+class HttpFileClientTest : public testing::Test
+{
+protected:
+    /** @return the answer, "closed " in front when the connection is to be closed */
+    static std::string get(const std::string& strPath)
+    {
+        Connection connection;
+        const int nResult = connection.request("GET " + strPath + " HTTP/1.1\r\n\r\n");
+        const std::string strAnswer = connection.receiveAll();
+        return (0 == nResult) ? strAnswer : "closed " + strAnswer;
+    }
+
+    CardFolder m_www{"www"};
+};
+
+} // namespace
+
+TEST_F(HttpFileClientTest, EveryKnownExtensionHasItsContentType)
+{
+    const char* const aType[][2] = {
+        {".html", "text/html"},     {".htm", "text/html"},  {".css", "text/css"},
+        {".js", "text/javascript"}, {".txt", "text/plain"}, {".jpg", "image/jpeg"},
+        {".jpeg", "image/jpeg"},    {".png", "image/png"},  {".ico", "image/x-icon"},
+    };
+    for (const auto& type : aType) {
+        m_www.write(std::string("f") + type[0], "some content");
+        EXPECT_EQ(header(type[1], 12) + "some content", get(std::string("/f") + type[0]));
+    }
+}
+
+TEST_F(HttpFileClientTest, OtherExtensionsAreRefused)
+{
+    for (const char* pName :
+         {"f.HTML", "f.Html", "f.svg", "f.json", "f.", "f.htmlx", "f.html.gz", "f", "f.tx"}) {
+        m_www.write(pName, "some content");
+        EXPECT_EQ("closed ", get(std::string("/") + pName)) << pName;
+    }
+}
+
+TEST_F(HttpFileClientTest, LastDotBeginsTheExtension)
+{
+    m_www.write("a.b.txt", "x");
+    EXPECT_EQ(header("text/plain", 1) + "x", get("/a.b.txt"));
+
+    std::filesystem::create_directory(m_www.path() / "a.txt");
+    m_www.write("a.txt/c", "x");
+    EXPECT_EQ("closed ", get("/a.txt/c")) << "its extension is \".txt/c\"";
+}
+
+TEST_F(HttpFileClientTest, RootIsRefused)
+{
+    m_www.write("index.html", "x");
+
+    EXPECT_EQ("closed ", get("/"));
+}
+
+TEST_F(HttpFileClientTest, MissingFileIsRefused)
+{
+    EXPECT_EQ("closed ", get("/missing.html"));
+}
+
+TEST_F(HttpFileClientTest, QueryIsNotPartOfThePath)
+{
+    m_www.write("f.txt", "x");
+
+    EXPECT_EQ(header("text/plain", 1) + "x", get("/f.txt?v=2"));
+}
+
+TEST_F(HttpFileClientTest, DotDotIsResolvedByTheFileSystem)
+{
+    m_www.write("../outside.txt", "out");
+
+    EXPECT_EQ(header("text/plain", 3) + "out", get("/../outside.txt"));
+}
+
+TEST_F(HttpFileClientTest, NothingIsDecoded)
+{
+    m_www.write("a%20b.txt", "x");
+    m_www.write("a b.txt", "y");
+
+    EXPECT_EQ(header("text/plain", 1) + "x", get("/a%20b.txt"));
+}
+
+TEST_F(HttpFileClientTest, EmptyFileIsAHeader)
+{
+    m_www.write("f.txt", "");
+
+    EXPECT_EQ(header("text/plain", 0), get("/f.txt"));
+}
+
+TEST_F(HttpFileClientTest, BinaryContentIsServedByteForByte)
+{
+    const std::string strContent = payload(300000);
+    m_www.write("f.png", strContent);
+
+    EXPECT_EQ(header("image/png", 300000) + strContent, get("/f.png"));
+}
+
+TEST_F(HttpFileClientTest, FurtherBytesServeTheFileAgain)
+{
+    m_www.write("f.txt", "x");
+    Connection connection;
+    EXPECT_EQ(0, connection.request("GET /f.txt HTTP/1.1\r\n\r\n"));
+    m_www.write("f.txt", "yy");
+    EXPECT_EQ(0, connection.request("GET /other HTTP/1.1\r\n\r\n"));
+
+    EXPECT_EQ(header("text/plain", 1) + "x" + header("text/plain", 2) + "yy",
+              connection.receiveAll());
+}
+
+TEST_F(HttpFileClientTest, FifoIsRefusedWithoutBlocking)
+{
+    ASSERT_EQ(0, mkfifo((m_www.path() / "f.txt").c_str(), 0666));
+
+    EXPECT_EQ("closed ", get("/f.txt"));
+}
+
+TEST_F(HttpFileClientTest, FolderAndDeviceAreRefused)
+{
+    std::filesystem::create_directory(m_www.path() / "f.txt");
+    EXPECT_EQ("closed ", get("/f.txt"));
+
+    std::filesystem::create_symlink("/dev/zero", m_www.path() / "zero.txt");
+    EXPECT_EQ("closed ", get("/zero.txt"));
+}
+
+TEST_F(HttpFileClientTest, FileLargerThanAnIntIsRefused)
+{
+    m_www.write("f.txt", "");
+    std::filesystem::resize_file(m_www.path() / "f.txt", static_cast<uintmax_t>(INT_MAX) + 1);
+
+    EXPECT_EQ("closed ", get("/f.txt"));
+}
+
+TEST_F(HttpFileClientTest, FileThatCannotBeReadWholeIsAHeaderThatLeavesBeforeTheClose)
+{
+    // A kernel's file tells a page as its size and has fewer bytes.
+    const char* const pShort = "/sys/devices/system/cpu/online";
+    ASSERT_TRUE(std::filesystem::is_regular_file(pShort));
+    const auto uSize = std::filesystem::file_size(pShort);
+    std::filesystem::create_symlink(pShort, m_www.path() / "f.txt");
+
+    EXPECT_EQ("closed " + header("text/plain", uSize), get("/f.txt"));
+}
+
+TEST_F(HttpFileClientTest, StopReturnsSuccess)
+{
+    Connection connection;
+    HttpFileClient responder(connection.client(), "/f.txt");
+
+    EXPECT_EQ(1, responder.start());
+    EXPECT_EQ(0, responder.stop());
+}

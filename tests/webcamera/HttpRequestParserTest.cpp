@@ -1,0 +1,312 @@
+// What the parser makes of a request's first chunk.
+#include "HttpRequestParser.h"
+
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+
+namespace {
+
+/** Parses a copy of exactly the chunk's size, so that a sanitizer sees a byte read too many. */
+struct Parsed
+{
+    explicit Parsed(const std::string& strChunk) : vecChunk(strChunk.begin(), strChunk.end())
+    {
+        nResult = parser.parse(vecChunk.data(), static_cast<int>(vecChunk.size()));
+    }
+
+    /** "key=value;" of each pair. */
+    std::string params()
+    {
+        std::string strAll;
+        std::string_view key;
+        std::string_view value;
+        while (parser.nextParam(key, value)) {
+            strAll += std::string(key) + "=" + std::string(value) + ";";
+        }
+        return strAll;
+    }
+
+    std::vector<char> vecChunk;
+    HttpRequestParser parser;
+    int nResult;
+};
+
+std::string paramsOf(const std::string& strQuery)
+{
+    return Parsed("GET /live?" + strQuery + " HTTP/1.1\r\n\r\n").params();
+}
+
+class HttpRequestParserTest : public testing::Test
+{
+protected:
+    LogCapture m_log;
+};
+
+} // namespace
+
+TEST_F(HttpRequestParserTest, RequestLineGivesPathAndParameter)
+{
+    Parsed parsed("GET /live?stream=1 HTTP/1.1\r\n\r\n");
+
+    EXPECT_EQ(0, parsed.nResult);
+    EXPECT_EQ("/live", parsed.parser.getPath());
+    EXPECT_EQ("stream=1", parsed.parser.getQuery());
+    EXPECT_EQ("stream=1;", parsed.params());
+    EXPECT_EQ(nullptr, parsed.parser.getBody().data());
+    EXPECT_EQ(0, parsed.parser.getContentLength());
+}
+
+TEST_F(HttpRequestParserTest, UrlWithoutQueryHasNoPair)
+{
+    Parsed parsed("GET /live HTTP/1.1\r\n\r\n");
+
+    EXPECT_EQ(nullptr, parsed.parser.getQuery().data());
+    EXPECT_EQ("", parsed.params());
+}
+
+TEST_F(HttpRequestParserTest, AbsoluteUrlAndFragmentLeaveThePath)
+{
+    Parsed parsed("GET http://board:8329/a/b.html?x=1#top HTTP/1.1\r\n\r\n");
+
+    EXPECT_EQ(0, parsed.nResult);
+    EXPECT_EQ("/a/b.html", parsed.parser.getPath());
+    EXPECT_EQ("x=1;", parsed.params());
+}
+
+TEST_F(HttpRequestParserTest, AbsoluteUrlWithoutPathHasNone)
+{
+    Parsed parsed("GET http://board HTTP/1.1\r\n\r\n");
+
+    EXPECT_EQ(0, parsed.nResult);
+    EXPECT_EQ(nullptr, parsed.parser.getPath().data());
+}
+
+TEST_F(HttpRequestParserTest, PairsComeInOrder)
+{
+    EXPECT_EQ("a=1;b=2;c=3;", paramsOf("a=1&b=2&c=3"));
+}
+
+TEST_F(HttpRequestParserTest, WordWithoutEqualsSignIsNoPair)
+{
+    EXPECT_EQ("x=1;", paramsOf("x=1&y"));
+    EXPECT_EQ("", paramsOf("x"));
+}
+
+TEST_F(HttpRequestParserTest, SecondEqualsSignMovesTheKey)
+{
+    EXPECT_EQ("b=c;", paramsOf("a=b=c"));
+}
+
+TEST_F(HttpRequestParserTest, AmpersandAtTheEndStaysInTheValue)
+{
+    EXPECT_EQ("a=1&;", paramsOf("a=1&"));
+    EXPECT_EQ("a=1;b=2&;", paramsOf("a=1&b=2&"));
+}
+
+TEST_F(HttpRequestParserTest, EmptyValueEndsTheIteration)
+{
+    EXPECT_EQ("", paramsOf("a=&b=1"));
+    EXPECT_EQ("x=1;", paramsOf("x=1&a=&b=1"));
+    EXPECT_EQ("", paramsOf("a="));
+}
+
+TEST_F(HttpRequestParserTest, EmptyKeyEndsTheIteration)
+{
+    EXPECT_EQ("", paramsOf("=1&b=2"));
+}
+
+TEST_F(HttpRequestParserTest, OneAmpersandTooManyIsSteppedOver)
+{
+    EXPECT_EQ("a=1;b=2;", paramsOf("&a=1&&b=2"));
+    EXPECT_EQ("a=1;", paramsOf("a=1&&&b=2"));
+    EXPECT_EQ("", paramsOf("&"));
+    EXPECT_EQ("", paramsOf("&&"));
+    EXPECT_EQ("a=1;", paramsOf("a=1&&"));
+}
+
+TEST_F(HttpRequestParserTest, WordBeforeAPairBecomesItsValue)
+{
+    EXPECT_EQ("y&x=y;", paramsOf("y&x=1"));
+}
+
+TEST_F(HttpRequestParserTest, NothingIsDecoded)
+{
+    EXPECT_EQ("a=%20+x;", paramsOf("a=%20+x"));
+}
+
+TEST_F(HttpRequestParserTest, QueryIsNeverReadBeyondItsEnd)
+{
+    // Each cut makes another end of the query; the copy's end is the chunk's.
+    const std::string strRequest = "GET /live?&aa=11&&b=2=3&c=&=x&";
+    for (size_t uCut = strlen("GET /live"); uCut <= strRequest.size(); ++uCut) {
+        Parsed parsed(strRequest.substr(0, uCut));
+        EXPECT_EQ(0, parsed.nResult) << uCut;
+        EXPECT_EQ("/live", parsed.parser.getPath());
+        (void)parsed.params();
+        EXPECT_EQ("", parsed.params()) << "no pair behind the last one";
+    }
+}
+
+TEST_F(HttpRequestParserTest, HeadersAreRead)
+{
+    Parsed parsed("POST /camera HTTP/1.1\r\nHost: board\r\nContent-Type: text/plain\r\n"
+                  "Content-Length: 5\r\n\r\nhello");
+
+    EXPECT_EQ(0, parsed.nResult);
+    EXPECT_STREQ("text/plain", parsed.parser.getContentType());
+    EXPECT_EQ(5, parsed.parser.getContentLength());
+    EXPECT_EQ("hello", parsed.parser.getBody());
+}
+
+TEST_F(HttpRequestParserTest, HeaderNameInOtherCaseIsNotRecognised)
+{
+    Parsed parsed("POST /camera HTTP/1.1\r\ncontent-type: text/plain\r\n"
+                  "content-length: 5\r\n\r\nhello");
+
+    EXPECT_STREQ("", parsed.parser.getContentType());
+    EXPECT_EQ(0, parsed.parser.getContentLength());
+    EXPECT_EQ("hello", parsed.parser.getBody()) << "the library knows the length";
+}
+
+TEST_F(HttpRequestParserTest, BeginningOfAHeaderNameCountsAsTheName)
+{
+    Parsed both("GET / HTTP/1.1\r\nContent-: 7\r\n\r\n");
+    EXPECT_STREQ("7", both.parser.getContentType());
+    EXPECT_EQ(7, both.parser.getContentLength());
+
+    Parsed one("GET / HTTP/1.1\r\nContent-L: 8\r\n\r\n");
+    EXPECT_STREQ("", one.parser.getContentType());
+    EXPECT_EQ(8, one.parser.getContentLength());
+
+    Parsed longer("GET / HTTP/1.1\r\nContent-Lengthy: 9\r\nContent-Type2: x\r\n\r\n");
+    EXPECT_STREQ("", longer.parser.getContentType());
+    EXPECT_EQ(0, longer.parser.getContentLength());
+}
+
+TEST_F(HttpRequestParserTest, ContentLengthBeyondAnIntIsTheLargestInt)
+{
+    for (const char* pLength : {"2147483648", "4294967295", "99999999999", "1844674407370955160"}) {
+        Parsed parsed(std::string("POST / HTTP/1.1\r\nContent-Length: ") + pLength + "\r\n\r\n");
+        EXPECT_EQ(0, parsed.nResult) << pLength;
+        EXPECT_EQ(INT_MAX, parsed.parser.getContentLength()) << pLength;
+    }
+    Parsed fits("POST / HTTP/1.1\r\nContent-Length: 2147483647\r\n\r\n");
+    EXPECT_EQ(INT_MAX, fits.parser.getContentLength());
+    Parsed negative("POST / HTTP/1.1\r\nContent-: -99999999999\r\n\r\n");
+    EXPECT_EQ(INT_MIN, negative.parser.getContentLength());
+}
+
+TEST_F(HttpRequestParserTest, NegativeContentLengthIsMalformed)
+{
+    Parsed parsed("POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n");
+
+    EXPECT_EQ(1, parsed.nResult);
+    ASSERT_EQ(1u, m_log.lines().size());
+    EXPECT_NE(std::string::npos, m_log.text().find("HPE_INVALID_CONTENT_LENGTH:"));
+}
+
+TEST_F(HttpRequestParserTest, LongContentLengthValueIsReadWhole)
+{
+    Parsed parsed("POST / HTTP/1.1\r\nContent-Length: " + std::string(60, '0') + "12\r\n\r\n");
+
+    EXPECT_EQ(12, parsed.parser.getContentLength());
+}
+
+TEST_F(HttpRequestParserTest, ContentTypeKeeps35Bytes)
+{
+    const std::string strLong(100, 'x');
+    Parsed cut("POST / HTTP/1.1\r\nContent-Type: " + strLong + "\r\nContent-Length: 3\r\n\r\nabc");
+    EXPECT_EQ(0, cut.nResult);
+    EXPECT_EQ(strLong.substr(0, 35), cut.parser.getContentType());
+    EXPECT_EQ(3, cut.parser.getContentLength());
+    EXPECT_EQ("abc", cut.parser.getBody());
+
+    Parsed whole("POST / HTTP/1.1\r\nContent-Type: " + strLong.substr(0, 35) + "\r\n\r\n");
+    EXPECT_EQ(strLong.substr(0, 35), whole.parser.getContentType());
+}
+
+TEST_F(HttpRequestParserTest, LastUrlOfTheChunkCounts)
+{
+    Parsed parsed("GET /first?a=1 HTTP/1.1\r\n\r\nGET /second?b=2 HTTP/1.1\r\n\r\n");
+
+    EXPECT_EQ(0, parsed.nResult);
+    EXPECT_EQ("/second", parsed.parser.getPath());
+    EXPECT_EQ("b=2;", parsed.params());
+}
+
+TEST_F(HttpRequestParserTest, ChunkedBodyGivesItsLastPiece)
+{
+    Parsed parsed("POST /camera HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+                  "3\r\nabc\r\n2\r\nde\r\n0\r\n\r\n");
+
+    EXPECT_EQ(0, parsed.nResult);
+    EXPECT_EQ("de", parsed.parser.getBody());
+    EXPECT_EQ(0, parsed.parser.getContentLength());
+}
+
+TEST_F(HttpRequestParserTest, GarbageIsLoggedWithTheBytesReceived)
+{
+    // No zero byte behind the chunk: only a bounded print can log this.
+    Parsed parsed("\x01\x02garbage");
+
+    EXPECT_EQ(1, parsed.nResult);
+    ASSERT_EQ(1u, m_log.lines().size());
+    EXPECT_EQ("[debug] [webcamera/HttpRequestParser ] [parse] parse request error :\n"
+              "\x01\x02garbage\nHPE_INVALID_METHOD:invalid HTTP method\n",
+              m_log.lines()[0]);
+}
+
+TEST_F(HttpRequestParserTest, ChunkWithoutUrlIsLogged)
+{
+    for (const char* pChunk : {"G", "GET", "GET ", "\r\n", "\r\n\r\n"}) {
+        m_log.clear();
+        Parsed parsed(pChunk);
+
+        EXPECT_EQ(1, parsed.nResult) << pChunk;
+        ASSERT_EQ(1u, m_log.lines().size()) << pChunk;
+        EXPECT_EQ("[debug] [webcamera/HttpRequestParser ] [parse] url parse error !\n",
+                  m_log.lines()[0]);
+    }
+}
+
+TEST_F(HttpRequestParserTest, ConnectRequestHasNoUrlToSplit)
+{
+    Parsed parsed("CONNECT board:80 HTTP/1.1\r\n\r\n");
+
+    EXPECT_EQ(1, parsed.nResult);
+    EXPECT_EQ("[debug] [webcamera/HttpRequestParser ] [parse] url parse error !\n", m_log.text());
+}
+
+TEST_F(HttpRequestParserTest, UrlCutByTheChunkCountsAsItIs)
+{
+    const std::string strRequest = "GET /live?stream=1 HTTP/1.1\r\nHost: board\r\n\r\n";
+    for (size_t uCut = 5; uCut <= strRequest.size(); ++uCut) {
+        Parsed parsed(strRequest.substr(0, uCut));
+
+        EXPECT_EQ(0, parsed.nResult) << uCut;
+        const size_t uPath = std::min(uCut, strlen("GET /live"));
+        EXPECT_EQ(strRequest.substr(4, uPath - 4), parsed.parser.getPath()) << uCut;
+        const bool bWholePair = uCut >= strlen("GET /live?stream=1");
+        EXPECT_EQ(bWholePair ? "stream=1;" : "", parsed.params()) << uCut;
+    }
+}
+
+TEST_F(HttpRequestParserTest, HeadersCutByTheChunkAreNotReadBeyondIt)
+{
+    const std::string strRequest = "POST /x HTTP/1.1\r\nContent-Type: a/b\r\n"
+                                   "Content-Length: 12\r\n\r\n";
+    for (size_t uCut = strlen("POST /x"); uCut <= strRequest.size(); ++uCut) {
+        Parsed parsed(strRequest.substr(0, uCut));
+
+        EXPECT_EQ(0, parsed.nResult) << uCut;
+        const size_t uDigits = strRequest.find("12");
+        const int nExpected = (uCut <= uDigits) ? 0 : (uCut == uDigits + 1) ? 1 : 12;
+        EXPECT_EQ(nExpected, parsed.parser.getContentLength()) << uCut;
+    }
+}

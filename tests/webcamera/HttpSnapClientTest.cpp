@@ -1,0 +1,327 @@
+// The bytes of a snapshot's answer, and the file that it saves.
+#include "HttpSnapClient.h"
+
+#include <ctime>
+#include <regex>
+#include <typeinfo>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "CardFolder.h"
+#include "Connection.h"
+#include "FakeSystem.h"
+#include "LogCapture.h"
+
+namespace {
+
+std::string request(const std::string& strQuery)
+{
+    return "GET /snap" + strQuery + " HTTP/1.1\r\n\r\n";
+}
+
+/** The golden answer; its two varying fields are the groups of the expression. */
+std::string golden(size_t uSize, const std::string& strFileName)
+{
+    return "HTTP/1\\.0 200 OK\r\n"
+           "Connection: close\r\n"
+           "Server: MJPG-Streamer/0\\.2\r\n"
+           "Cache-Control: no-store, no-cache, must-revalidate, pre-check=0, post-check=0, max-age=0\r\n"
+           "Pragma: no-cache\r\n"
+           "Expires: Mon, 3 Jan 2000 12:34:56 GMT\r\n"
+           "Content-type: image/jpeg\r\n"
+           "Content-Length: " +
+           std::to_string(uSize) +
+           "\r\n"
+           "X-Timestamp: ([0-9]+)\\.([0-9]{6})\r\n"
+           "Filename: " +
+           strFileName +
+           "\r\n"
+           "\r\n";
+}
+
+/** Take one answer off the front; "" and a failure unless it is one. */
+std::string takeAnswer(std::string& strStream, size_t uSize, const std::string& strFileName)
+{
+    const size_t uHead = strStream.find("\r\n\r\n") + 4;
+    const std::string strHead = strStream.substr(0, uHead);
+    std::smatch match;
+    if (!std::regex_match(strHead, match, std::regex(golden(uSize, strFileName)))) {
+        ADD_FAILURE() << strHead;
+        return "";
+    }
+    EXPECT_LE(std::stol(match[1]), time(nullptr));
+    EXPECT_GE(std::stol(match[1]), time(nullptr) - 60);
+    EXPECT_GE(strStream.size(), uHead + uSize);
+    const std::string strPicture = strStream.substr(uHead, uSize);
+    strStream.erase(0, uHead + uSize);
+    return strPicture;
+}
+
+class HttpSnapClientTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        FakeSystem::reset();
+    }
+
+    void deliver(uint32_t u32Size = 5000)
+    {
+        PVENC_FRAME_T frame = makeFrame(u32Size);
+        FakeSystem::deliver(frame);
+    }
+
+    /** Request a snapshot, deliver a frame, and expect it as the answer. */
+    void expectAnswered(const std::string& strFileName, uint32_t u32Size = 5000)
+    {
+        ASSERT_EQ(0, m_connection.request(request("?filename=" + strFileName)));
+        deliver(u32Size);
+        std::string strStream = m_connection.receive();
+        EXPECT_EQ(payload(u32Size), takeAnswer(strStream, u32Size, strFileName));
+        EXPECT_EQ("", strStream);
+    }
+
+    Connection m_connection;
+    LogCapture m_log;
+};
+
+} // namespace
+
+TEST_F(HttpSnapClientTest, AnswersAndSavesThePicture)
+{
+    CardFolder card("camera");
+
+    expectAnswered("a.jpg");
+
+    EXPECT_EQ(payload(5000), card.read("a.jpg"));
+}
+
+TEST_F(HttpSnapClientTest, NoFileNameIsPhoto)
+{
+    for (const char* pQuery : {"", "?filename=", "?filename", "?mode=correction"}) {
+        CardFolder card("camera");
+        Connection connection;
+        ASSERT_EQ(0, connection.request(request(pQuery)));
+        deliver();
+        std::string strStream = connection.receive();
+        EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "photo\\.jpg")) << pQuery;
+        EXPECT_EQ(payload(5000), card.read("photo.jpg")) << pQuery;
+    }
+}
+
+TEST_F(HttpSnapClientTest, EveryFrameThatFindsTheQueueEmptyIsAnotherAnswer)
+{
+    CardFolder card("camera");
+    ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));
+    for (unsigned i = 0; i < 3; ++i) {
+        PVENC_FRAME_T frame = makeFrame(1000 + i, 28, 640, 480, i);
+        FakeSystem::deliver(frame);
+        EXPECT_EQ(payload(1000 + i, i), card.read("a.jpg")) << "overwritten";
+    }
+
+    std::string strStream = m_connection.receive();
+    for (unsigned i = 0; i < 3; ++i) {
+        EXPECT_EQ(payload(1000 + i, i), takeAnswer(strStream, 1000 + i, "a\\.jpg"));
+    }
+    EXPECT_EQ("", strStream);
+}
+
+TEST_F(HttpSnapClientTest, FrameIsSkippedWhileAnAnswerWaits)
+{
+    CardFolder card("camera");
+    Connection slow(2048);
+    ASSERT_EQ(0, slow.request(request("?filename=a.jpg")));
+    // The first two fill the socket and begin to be sent; then one waits.
+    while (0 == slow.client().getQueueLength()) {
+        deliver(50000);
+    }
+    const int nWaiting = slow.client().getQueueLength();
+    std::filesystem::remove(card.path() / "a.jpg");
+
+    deliver(50000);
+
+    EXPECT_EQ(nWaiting, slow.client().getQueueLength());
+    EXPECT_FALSE(card.has("a.jpg"));
+    std::string strStream = slow.receiveAll();
+    while (!strStream.empty()) {
+        ASSERT_EQ(payload(50000), takeAnswer(strStream, 50000, "a\\.jpg"));
+    }
+}
+
+TEST_F(HttpSnapClientTest, CorrectionAnswersTheCorrectedPictureAndSavesTheRawOne)
+{
+    CardFolder card("camera");
+    FakeSystem::setCorrection([](PVENC_FRAME_T& in, PVENC_FRAME_T& out) {
+        EXPECT_EQ(5000u, in.get()->u32Size);
+        EXPECT_EQ(nullptr, out.get());
+        out = makeFrame(777, 28, 640, 480, 99);
+    });
+    ASSERT_EQ(0, m_connection.request(request("?mode=correction&filename=a.jpg")));
+    deliver();
+
+    std::string strStream = m_connection.receive();
+    EXPECT_EQ(payload(777, 99), takeAnswer(strStream, 777, "a\\.jpg"));
+    EXPECT_EQ("", strStream);
+    EXPECT_EQ(payload(5000), card.read("a.jpg"));
+}
+
+TEST_F(HttpSnapClientTest, OtherModesDoNotCorrect)
+{
+    FakeSystem::setCorrection([](PVENC_FRAME_T&, PVENC_FRAME_T&) { FAIL(); });
+    for (const char* pMode : {"Correction", "correction2", "1", "correctio"}) {
+        Connection connection;
+        ASSERT_EQ(0, connection.request(request(std::string("?mode=") + pMode)));
+        deliver();
+        std::string strStream = connection.receive();
+        EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "photo\\.jpg"));
+    }
+}
+
+TEST_F(HttpSnapClientTest, EmptyCorrectedPictureIsAnsweredWithoutABody)
+{
+    CardFolder card("camera");
+    FakeSystem::setCorrection([](PVENC_FRAME_T&, PVENC_FRAME_T&) {});
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(0, m_connection.request(request("?mode=correction&filename=a.jpg")));
+    deliver();
+
+    std::string strStream = m_connection.receive();
+    EXPECT_EQ("", takeAnswer(strStream, 0, "a\\.jpg"));
+    EXPECT_EQ("", strStream);
+    EXPECT_EQ(payload(5000), card.read("a.jpg"));
+    EXPECT_EQ(0, m_connection.client().getQueueLength());
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+}
+
+TEST_F(HttpSnapClientTest, WithoutTheCardItIsAnsweredAndNothingIsSavedOrLogged)
+{
+    ASSERT_FALSE(std::filesystem::exists("/tmp/run"));
+    ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));
+    m_log.clear();
+    deliver();
+
+    std::string strStream = m_connection.receive();
+    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "a\\.jpg"));
+    EXPECT_EQ("", m_log.text());
+    EXPECT_FALSE(std::filesystem::exists("/tmp/run"));
+}
+
+TEST_F(HttpSnapClientTest, ReadOnlyCardIsAnsweredAndNothingIsLogged)
+{
+    CardFolder card("camera");
+    ASSERT_TRUE(card.mountTmpfs(MS_RDONLY, ""));
+    ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));
+    m_log.clear();
+    deliver();
+
+    std::string strStream = m_connection.receive();
+    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "a\\.jpg"));
+    EXPECT_EQ("", m_log.text());
+    EXPECT_TRUE(card.isEmpty());
+}
+
+TEST_F(HttpSnapClientTest, FullCardIsLoggedWithThePathAndAnswered)
+{
+    CardFolder card("camera");
+    ASSERT_TRUE(card.mountTmpfs(0, "size=8k"));
+    for (const uint32_t u32Size : {50000u, 8193u}) { // the last byte only does not fit
+        Connection connection;
+        ASSERT_EQ(0, connection.request(request("?filename=a.jpg")));
+        m_log.clear();
+        deliver(u32Size);
+
+        std::string strStream = connection.receive();
+        EXPECT_EQ(payload(u32Size), takeAnswer(strStream, u32Size, "a\\.jpg"));
+        EXPECT_EQ("[debug] [webcamera/HttpSnapClient ] [save] Save "
+                  "/tmp/run/mountd/mmcblk0p1/kestrel-server/camera//a.jpg"
+                  " : TF-Card has no enough space !!!\n",
+                  m_log.text());
+    }
+}
+
+TEST_F(HttpSnapClientTest, PictureThatJustFitsIsSavedWithoutALine)
+{
+    CardFolder card("camera");
+    ASSERT_TRUE(card.mountTmpfs(0, "size=8k"));
+    ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));
+    m_log.clear();
+    deliver(8192);
+
+    EXPECT_EQ("", m_log.text());
+    EXPECT_EQ(payload(8192), card.read("a.jpg"));
+}
+
+TEST_F(HttpSnapClientTest, SlashInTheFileNameReachesASubfolder)
+{
+    CardFolder card("camera");
+    std::filesystem::create_directory(card.path() / "sub");
+
+    expectAnswered("sub/a.jpg");
+    EXPECT_EQ(payload(5000), card.read("sub/a.jpg"));
+}
+
+TEST_F(HttpSnapClientTest, FileNameIsRelativeToTheFolderWithoutAFilter)
+{
+    CardFolder card("camera");
+
+    expectAnswered("../outside.jpg");
+    EXPECT_EQ(payload(5000), card.read("../outside.jpg"));
+}
+
+TEST_F(HttpSnapClientTest, FileNameThatCannotBeOpenedIsAnsweredAndNothingIsLogged)
+{
+    CardFolder card("camera");
+    ASSERT_EQ(0, m_connection.request(request("?filename=missing/a.jpg")));
+    m_log.clear();
+    deliver();
+
+    std::string strStream = m_connection.receive();
+    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "missing/a\\.jpg"));
+    EXPECT_EQ("", m_log.text());
+    EXPECT_TRUE(card.isEmpty());
+}
+
+TEST_F(HttpSnapClientTest, FifoAsTheTargetDoesNotBlockAndStays)
+{
+    CardFolder card("camera");
+    ASSERT_EQ(0, mkfifo((card.path() / "pipe").c_str(), 0666));
+
+    expectAnswered("pipe");
+
+    EXPECT_TRUE(std::filesystem::is_fifo(card.path() / "pipe"));
+}
+
+TEST_F(HttpSnapClientTest, FolderAsTheTargetIsNotSavedTo)
+{
+    CardFolder card("camera");
+    std::filesystem::create_directory(card.path() / "sub");
+
+    expectAnswered("sub");
+    EXPECT_TRUE(std::filesystem::is_empty(card.path() / "sub"));
+}
+
+TEST_F(HttpSnapClientTest, FileNameLongerThanTheHeadersBlockIsWhole)
+{
+    expectAnswered(std::string(1800, 'n'));
+}
+
+TEST_F(HttpSnapClientTest, StoppedResponderIsNotReached)
+{
+    CardFolder card("camera");
+    ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));
+    EXPECT_EQ(0, m_connection.client().stop());
+    deliver();
+
+    EXPECT_EQ("", m_connection.receive());
+    EXPECT_TRUE(card.isEmpty());
+}
+
+TEST_F(HttpSnapClientTest, OtherEventIsABadCast)
+{
+    HttpSnapClient snap(m_connection.client(), 0, "a.jpg", false);
+    Event other;
+
+    EXPECT_THROW((void)snap.onSnapFrameEvent(&other), std::bad_cast);
+}

@@ -1,0 +1,389 @@
+// The server with real clients: connections come, are independent, and leave nothing behind.
+#include "WebCamera.h"
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "CardFolder.h"
+#include "CommucationModule.h"
+#include "DebugCmdEvent.h"
+#include "Eventually.h"
+#include "FakeSystem.h"
+#include "LogCapture.h"
+
+namespace {
+
+/** A TCP client of the service. */
+class Peer
+{
+public:
+    explicit Peer(int nReceiveBuffer = 0) : m_nFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        if (nReceiveBuffer > 0) {
+            setsockopt(m_nFd, SOL_SOCKET, SO_RCVBUF, &nReceiveBuffer, sizeof(nReceiveBuffer));
+        }
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(8329);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        m_bConnected =
+            0 == ::connect(m_nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    }
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+    ~Peer()
+    {
+        ::close(m_nFd);
+    }
+
+    bool isConnected() const
+    {
+        return m_bConnected;
+    }
+
+    void send(const std::string& strBytes) const
+    {
+        (void)!::send(m_nFd, strBytes.data(), strBytes.size(), MSG_NOSIGNAL);
+    }
+
+    /** Read until so many bytes have come in all, or the service closes. @return all bytes */
+    const std::string& readUntil(size_t uCount)
+    {
+        char acBuffer[4096];
+        while (m_strReceived.size() < uCount) {
+            pollfd entry{m_nFd, POLLIN, 0};
+            if (poll(&entry, 1, 30000) <= 0) {
+                break; // a deadline that only ends a failing run
+            }
+            const ssize_t nRead = recv(m_nFd, acBuffer, sizeof(acBuffer), 0);
+            if (nRead <= 0) {
+                m_bClosed = true;
+                break;
+            }
+            m_strReceived.append(acBuffer, static_cast<size_t>(nRead));
+        }
+        return m_strReceived;
+    }
+
+    /** Read on until the service closes. @return all bytes */
+    const std::string& readToEnd()
+    {
+        return readUntil(SIZE_MAX);
+    }
+
+    bool isClosed() const
+    {
+        return m_bClosed;
+    }
+
+private:
+    int m_nFd;
+    bool m_bConnected = false;
+    bool m_bClosed = false;
+    std::string m_strReceived;
+};
+
+size_t descriptorCount()
+{
+    size_t uCount = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        (void)entry;
+        ++uCount;
+    }
+    return uCount;
+}
+
+/** The service's threads by name. */
+bool hasThread(const std::string& strName)
+{
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(entry.path() / "comm");
+        std::string strComm;
+        std::getline(file, strComm);
+        if (strName == strComm) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/** The module up and running. */
+class WebCameraTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        signal(SIGPIPE, SIG_IGN); // as main does
+        FakeSystem::reset();
+        ASSERT_EQ(RET_SUCCESS, m_module.init());
+        ASSERT_EQ(RET_SUCCESS, m_module.start());
+        Peer().readUntil(0); // descriptors and threads of the first use
+        m_uDescriptors = settledDescriptors();
+    }
+    void TearDown() override
+    {
+        EXPECT_TRUE(eventually([this] { return m_uDescriptors >= descriptorCount(); }));
+        EXPECT_EQ(0u, FakeSystem::consumerCount());
+        EXPECT_EQ(RET_SUCCESS, m_module.stop());
+        EXPECT_EQ(RET_SUCCESS, m_module.uninit());
+    }
+
+    /** The number of descriptors once it stays the same. */
+    static size_t settledDescriptors()
+    {
+        size_t uLast = 0;
+        int nSame = 0;
+        (void)eventually([&] {
+            const size_t uNow = descriptorCount();
+            nSame = (uNow == uLast) ? nSame + 1 : 0;
+            uLast = uNow;
+            return nSame > 100;
+        });
+        return uLast;
+    }
+
+    CommucationModule& m_module = CommucationModule::getInstance();
+    LogCapture m_log;
+    size_t m_uDescriptors = 0;
+};
+
+const char* const LIVE = "GET /live HTTP/1.1\r\n\r\n";
+const size_t LIVE_HEADER_SIZE = 281;
+
+} // namespace
+
+TEST_F(WebCameraTest, ReactorThreadHasItsName)
+{
+    EXPECT_TRUE(hasThread("webcamera"));
+}
+
+TEST_F(WebCameraTest, ListensOnAllAddresses)
+{
+    std::ifstream table("/proc/net/tcp");
+    const std::string strTable{std::istreambuf_iterator<char>(table),
+                               std::istreambuf_iterator<char>()};
+
+    EXPECT_NE(std::string::npos, strTable.find(" 00000000:2089 00000000:0000 0A "));
+}
+
+TEST_F(WebCameraTest, ClientThatLeavesWithoutARequestIsRemovedWithoutAnAnswer)
+{
+    {
+        Peer peer;
+        ASSERT_TRUE(peer.isConnected());
+        EXPECT_TRUE(eventually([this] { return descriptorCount() == m_uDescriptors + 2; }));
+    }
+    EXPECT_TRUE(eventually([this] { return descriptorCount() == m_uDescriptors; }));
+    EXPECT_NE(std::string::npos,
+              m_log.text().find("tcp client error, delete from epoll and close !!\n"));
+}
+
+TEST_F(WebCameraTest, TwoClientsAreIndependent)
+{
+    Peer half;
+    half.send("POST /camera?focus=1 HTTP/1.1\r\nContent-Length: 4\r\n\r\nab");
+    Peer live;
+    live.send(LIVE);
+    EXPECT_EQ(LIVE_HEADER_SIZE, live.readUntil(LIVE_HEADER_SIZE).size());
+    Peer other;
+    other.send("GET /camera HTTP/1.1\r\n\r\n");
+    EXPECT_NE(std::string::npos, other.readUntil(200).find("\r\n\r\ninvalid request"));
+
+    PVENC_FRAME_T frame = makeFrame(300);
+    FakeSystem::deliver(frame);
+    const size_t uPart = LIVE_HEADER_SIZE + 26 + 26 + 48 + 2 + 300 + 24;
+    EXPECT_EQ(uPart, live.readUntil(uPart).size());
+
+    half.send("cd");
+    EXPECT_NE(std::string::npos, half.readUntil(200).find("\r\n\r\n{\"measure\":\"0.0000\"}"));
+}
+
+TEST_F(WebCameraTest, RequestOverSeveralReadsIsRoutedWhenComplete)
+{
+    const std::string strBody(10000, 'b');
+    Peer peer;
+    peer.send("POST /camera?focus=1 HTTP/1.1\r\nContent-Length: 10000\r\n\r\n" +
+              strBody.substr(0, 9999));
+    Peer other; // answered later than what came before it
+    other.send("GET /camera HTTP/1.1\r\n\r\n");
+    other.readUntil(200);
+    EXPECT_EQ(0, FakeSystem::measureCount());
+
+    peer.send("b");
+
+    peer.readUntil(200);
+    EXPECT_EQ(1, FakeSystem::measureCount());
+}
+
+TEST_F(WebCameraTest, OneMegabyteOfHeadersDoesNoHarm)
+{
+    {
+        Peer peer;
+        peer.send("GET /live HTTP/1.1\r\nX: " + std::string(1 << 20, 'x'));
+        EXPECT_EQ(LIVE_HEADER_SIZE, peer.readUntil(LIVE_HEADER_SIZE).substr(0, 281).size());
+    }
+    Peer other;
+    other.send(LIVE);
+    EXPECT_EQ(LIVE_HEADER_SIZE, other.readUntil(LIVE_HEADER_SIZE).size());
+}
+
+TEST_F(WebCameraTest, LargeFileReachesASlowClientWhole)
+{
+    CardFolder www("www");
+    const std::string strContent = payload(2000000);
+    www.write("large.png", strContent);
+    Peer peer(2048);
+    peer.send("GET /large.png HTTP/1.1\r\n\r\n");
+
+    const size_t uHead = peer.readUntil(1000).find("\r\n\r\n") + 4;
+
+    EXPECT_TRUE(strContent == peer.readUntil(uHead + strContent.size()).substr(uHead));
+}
+
+TEST_F(WebCameraTest, RefusedFileClosesTheConnection)
+{
+    Peer peer;
+    peer.send("GET /missing.html HTTP/1.1\r\n\r\n");
+
+    EXPECT_EQ("", peer.readToEnd());
+    EXPECT_TRUE(peer.isClosed());
+}
+
+TEST_F(WebCameraTest, HeaderOfAFileThatCannotBeReadArrivesBeforeTheClose)
+{
+    CardFolder www("www");
+    std::filesystem::create_symlink("/sys/devices/system/cpu/online", www.path() / "f.txt");
+    Peer peer;
+    peer.send("GET /f.txt HTTP/1.1\r\n\r\n");
+
+    const std::string& strAnswer = peer.readToEnd();
+    EXPECT_TRUE(peer.isClosed());
+    EXPECT_EQ(0u, strAnswer.find("HTTP/1.0 200 OK\r\n"));
+    EXPECT_EQ(strAnswer.size() - 4, strAnswer.find("\r\n\r\n"));
+}
+
+TEST_F(WebCameraTest, ClientThatDoesNotReadHoldsTheOthersForItsTimeOutOnly)
+{
+    Peer deaf(2048);
+    deaf.send("GET /camera?focus=1 HTTP/1.1\r\n\r\n");
+    deaf.readUntil(200);
+    // Every read is answered directly: more answers than both sockets hold.
+    std::thread flood([&deaf] {
+        for (int i = 0; i < 2000; ++i) {
+            deaf.send(std::string(2048, 'x'));
+        }
+    });
+    Peer other;
+    other.send("GET /camera HTTP/1.1\r\n\r\n");
+    EXPECT_NE(std::string::npos, other.readUntil(200).find("\r\n\r\ninvalid request"));
+    flood.join();
+    EXPECT_TRUE(eventually([this] { return descriptorCount() == m_uDescriptors + 3; }))
+        << "the deaf one is closed: left are its own descriptor and the other's two";
+    EXPECT_LT(FakeSystem::measureCount(), 2000) << "it was closed for not reading";
+}
+
+TEST_F(WebCameraTest, ThousandClientsAtRandomMomentsLeaveNothing)
+{
+    std::atomic<bool> bEnd{false};
+    std::thread capture([&bEnd] {
+        unsigned uFrame = 0;
+        while (!bEnd) {
+            PVENC_FRAME_T frame = makeFrame(20000, 28, 640, 480, ++uFrame);
+            FakeSystem::deliver(frame);
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    });
+    std::vector<std::thread> vecClient;
+    for (unsigned uClient = 0; uClient < 4; ++uClient) {
+        vecClient.emplace_back([uClient] {
+            std::mt19937 random(uClient);
+            for (int i = 0; i < 250; ++i) {
+                Peer peer;
+                const unsigned uKind = random() % 6;
+                if (uKind > 0) {
+                    peer.send((1 == uKind)   ? "GET /snap HTTP/1.1\r\n\r\n"
+                              : (2 == uKind) ? "GET /li"
+                                             : LIVE);
+                }
+                if (4 == uKind) {
+                    peer.send("more");
+                }
+                if (uKind > 2) {
+                    peer.readUntil(1 + random() % 30000);
+                }
+            }
+        });
+    }
+    for (std::thread& client : vecClient) {
+        client.join();
+    }
+
+    Peer survivor;
+    survivor.send(LIVE);
+    EXPECT_GE(survivor.readUntil(50000).size(), 50000u) << "frames flow on";
+    EXPECT_TRUE(eventually([] { return 1 == FakeSystem::consumerCount(); }));
+    bEnd = true;
+    capture.join();
+}
+
+TEST_F(WebCameraTest, ConnectionsStayOpenWhileTheServerIsStopped)
+{
+    Peer live;
+    live.send(LIVE);
+    EXPECT_EQ(LIVE_HEADER_SIZE, live.readUntil(LIVE_HEADER_SIZE).size());
+
+    EXPECT_EQ(RET_SUCCESS, m_module.stop());
+    EXPECT_FALSE(live.isClosed());
+    EXPECT_EQ(1u, FakeSystem::consumerCount());
+    EXPECT_EQ(RET_SUCCESS, m_module.start());
+
+    PVENC_FRAME_T frame = makeFrame(300);
+    FakeSystem::deliver(frame);
+    EXPECT_GT(live.readUntil(LIVE_HEADER_SIZE + 300).size(), LIVE_HEADER_SIZE);
+}
+
+TEST(CommucationModule, PortInUseFailsAndIsLogged)
+{
+    LogCapture log(0);
+    const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(8329);
+    const int nReuse = 1;
+    setsockopt(nFd, SOL_SOCKET, SO_REUSEADDR, &nReuse, sizeof(nReuse));
+    ASSERT_EQ(0, bind(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    ASSERT_EQ(0, listen(nFd, 1));
+
+    EXPECT_EQ(RET_FAILED, CommucationModule::getInstance().init());
+
+    EXPECT_NE(std::string::npos,
+              log.text().find("accept socket listen error !!   accept ip:(null) port:8329\n") &
+                  log.text().find("accept socket bind error !!   accept ip:(null) port:8329\n"))
+        << log.text();
+    (void)WebCamera::getInstance().uninit();
+    ::close(nFd);
+}
+
+TEST(CommucationModule, DebugCommandDoesNothing)
+{
+    LogCapture log;
+    const char* apWords[] = {"CommucationModule", "x"};
+    const int nOne = 1;
+    const int nTwo = 2;
+    DebugCmdEvent one(&nOne, apWords);
+    DebugCmdEvent two(&nTwo, apWords);
+
+    EXPECT_EQ(0, CommucationModule::getInstance().onDebugCmd(&one));
+    EXPECT_EQ(0, CommucationModule::getInstance().onDebugCmd(&two));
+    EXPECT_EQ("", log.text());
+}
