@@ -14,8 +14,8 @@ function say(id, text, failed = false) {
 }
 
 /**
- * Run a button's work, one at a time. The button stays focusable while it is off, so that a keyboard
- * user is not thrown to the top of the page.
+ * Run a button's work, one at a time. The button stays focusable while it is off, so that a
+ * keyboard user is not thrown to the top of the page.
  */
 async function once(button, work) {
     if (button.getAttribute("aria-disabled") === "true") {
@@ -29,7 +29,7 @@ async function once(button, work) {
     }
 }
 
-/** "/snap" answers again and again until the connection closes: take Content-Length bytes, no more. */
+/** "/snap" answers on and on until the connection closes: take Content-Length bytes, no more. */
 async function readPicture(response) {
     const length = Number(response.headers.get("Content-Length"));
     const reader = response.body.getReader();
@@ -64,11 +64,15 @@ async function takeSnapshot(form) {
             say("snap-status", "");
         }
     } catch {
-        say("snap-status", live.boardIsBusy
-            ? "No picture: a measurement is running."
-            : abort.signal.aborted
-                ? "No picture came within 10 seconds. Is the camera plugged in?"
-                : "The board closed the connection without a picture.", true);
+        say(
+            "snap-status",
+            live.boardIsBusy
+                ? "No picture: a measurement is running."
+                : abort.signal.aborted
+                  ? "No picture came within 10 seconds. Is the camera plugged in?"
+                  : "The board closed the connection without a picture.",
+            true,
+        );
     } finally {
         clearTimeout(timer);
         abort.abort();
@@ -83,7 +87,8 @@ function showSnapshot(picture, filename, corrected) {
     image.alt = `Snapshot ${filename}`;
     link.download = filename;
     link.textContent = `Download ${filename}`;
-    element("shot-text").textContent = `${Math.ceil(picture.size / 1024)} KB, ${clockTime(Date.now())}` +
+    element("shot-text").textContent =
+        `${Math.ceil(picture.size / 1024)} KB, ${clockTime(Date.now())}` +
         (corrected ? ", correction asked for" : "");
     element("shot").hidden = false;
 }

@@ -1,7 +1,7 @@
 // The live picture: connects, draws, and says how old what it shows is.
 
 import { Backoff, FrameClock, RateMeter, StreamParser } from "./stream.js";
-import { clockTime, duration } from "./text.js";
+import { View } from "./view.js";
 
 const STALE = 2000; // ms; an older picture is not live
 const SILENCE = 5000; // ms without a byte before another connection is tried
@@ -19,11 +19,8 @@ export class LivePicture {
     /** True while another request is known to hold the board's answers back. */
     boardIsBusy = false;
 
-    #section = document.getElementById("live");
+    #view = new View();
     #canvas = document.getElementById("picture");
-    #text = Object.fromEntries(["badge", "rate", "age", "count", "detail", "announcement",
-        "veil-title", "veil-text", "pause"].map((id) => [id, document.getElementById(id)]));
-
     #clock = new FrameClock();
     #rate = new RateMeter();
     #waits = new Backoff(1000, 10000);
@@ -34,15 +31,13 @@ export class LivePicture {
     #drawing = false;
     #next = null; // newest picture that came while one was being drawn
 
-    #connection = null; // {abort, answered, lastByte, lastWhole, pictures}
+    #connection = null; // see #stream; null while waiting for the next try
     #retryAt = 0;
     #wake = () => {};
     #pausedAt = null; // time of day
     #begun = performance.now(); // last time that the user or the browser started the stream
     #liveUntil = Date.now();
     #clocksApart = Date.now() - performance.now();
-    #title = "";
-    #titleSince = 0;
 
     start() {
         document.addEventListener("visibilitychange", () => this.#restart());
@@ -51,7 +46,7 @@ export class LivePicture {
             this.#pausedAt = null;
             this.#restart();
         });
-        this.#text.pause.addEventListener("click", () => {
+        document.getElementById("pause").addEventListener("click", () => {
             this.#pausedAt = this.#pausedAt === null ? Date.now() : null;
             this.#restart();
         });
@@ -76,7 +71,14 @@ export class LivePicture {
     async #stream() {
         const abort = new AbortController();
         const now = performance.now();
-        const connection = { abort, answered: false, lastByte: now, lastWhole: now, pictures: 0 };
+        const connection = {
+            abort,
+            answered: false, // the header has come
+            givenUp: false, // by this page
+            lastByte: now,
+            lastWhole: now, // last whole picture
+            pictures: 0,
+        };
         this.#connection = connection;
         this.#rate.restart(now);
         try {
@@ -91,7 +93,7 @@ export class LivePicture {
         }
         abort.abort(); // a connection that is left half read would stay open
         this.#connection = null;
-        return !connection.given;
+        return !connection.givenUp;
     }
 
     async #read(reader, connection) {
@@ -103,12 +105,22 @@ export class LivePicture {
             }
             const arrived = performance.now();
             connection.lastByte = arrived;
+            this.#watchClocks(arrived);
+            if (connection.givenUp) {
+                return;
+            }
             for (const { jpeg, stamp } of parser.push(value)) {
                 connection.lastWhole = arrived;
                 connection.pictures++;
                 this.#count++;
                 this.#rate.add(arrived);
-                this.#next = { jpeg, arrived, wall: Date.now(), late: this.#clock.lateness(arrived, stamp) };
+                this.#next = {
+                    jpeg,
+                    arrived,
+                    late: this.#clock.lateness(arrived, stamp),
+                    wall: Date.now(),
+                    clocksApart: this.#clocksApart,
+                };
             }
             this.#draw();
         }
@@ -123,17 +135,16 @@ export class LivePicture {
         while (this.#next) {
             const picture = this.#next;
             this.#next = null;
-            try {
-                const bitmap = await createImageBitmap(new Blob([picture.jpeg], { type: "image/jpeg" }));
+            const blob = new Blob([picture.jpeg], { type: "image/jpeg" });
+            const bitmap = await createImageBitmap(blob).catch(() => null); // null: not a picture
+            if (bitmap && picture.clocksApart === this.#clocksApart) {
                 this.#paint(bitmap);
-                this.#shown = { arrived: picture.arrived, late: picture.late, wall: picture.wall };
+                this.#shown = picture;
                 this.#waits.reset();
                 this.#silence = SILENCE;
-                if (this.#section.dataset.state !== "live") {
+                if (this.#view.state !== "live") {
                     this.#tick();
                 }
-            } catch {
-                // not a picture: the age of the one that is shown tells
             }
         }
         this.#drawing = false;
@@ -159,7 +170,7 @@ export class LivePicture {
 
     #giveUp() {
         if (this.#connection) {
-            this.#connection.given = true;
+            this.#connection.givenUp = true;
             this.#connection.abort.abort();
         }
         this.#wake();
@@ -195,11 +206,13 @@ export class LivePicture {
 
     #watchSilence(now) {
         const connection = this.#connection;
-        if (!connection || connection.given || this.boardIsBusy) {
+        if (!connection || connection.givenUp) {
             return;
         }
-        if (now - connection.lastByte > this.#silence ||
-            now - connection.lastWhole > Math.max(LONGEST_PICTURE, this.#silence)) {
+        if (
+            now - connection.lastByte > this.#silence ||
+            now - connection.lastWhole > Math.max(LONGEST_PICTURE, this.#silence)
+        ) {
             this.#silence = Math.min(this.#silence * 2, LONGEST_SILENCE);
             this.#giveUp();
         }
@@ -220,42 +233,31 @@ export class LivePicture {
             return "connecting";
         }
         return this.#connection?.pictures > 0 && now - this.#connection.lastWhole < STALE
-            ? "late" : "stopped";
+            ? "late"
+            : "stopped";
     }
 
     #display(now) {
         const state = this.#state(now);
-        const age = this.#age(now);
         if (state === "live") {
             this.#liveUntil = Date.now();
         }
-        const [badge, title, since] = {
-            live: ["Live", "Live picture.", null],
-            connecting: ["Connecting", "Connecting", null],
-            paused: ["Paused", "Paused since ", this.#pausedAt],
-            late: ["Late", "Pictures are late since ", this.#liveUntil],
-            stopped: ["No picture", "No picture since ", this.#shown?.wall ?? this.#liveUntil],
-        }[state];
-        this.#section.dataset.state = state;
-        this.#set("badge", badge);
-        this.#set("rate", `${this.#connection ? this.#rate.rate(now).toFixed(1) : "0.0"} /s`);
-        this.#set("age", this.#shown ? duration(age) : "–");
-        this.#set("count", String(this.#count));
-        this.#set("veil-title", title + (since === null ? "" : clockTime(since)));
-        this.#set("veil-text", since === null ? ""
-            : state === "late" ? `${duration(age)} old` : `for ${duration(Date.now() - since)}`);
-        this.#set("detail", this.#reason(state, now));
-        this.#set("pause", state === "paused" ? "Resume" : "Pause");
-        this.#announce(now);
+        const since = {
+            paused: this.#pausedAt,
+            late: this.#liveUntil,
+            stopped: this.#shown?.wall ?? this.#liveUntil,
+        };
+        this.#view.show({
+            state,
+            since: since[state],
+            age: this.#shown ? this.#age(now) : null,
+            rate: this.#connection ? this.#rate.rate(now) : 0,
+            count: this.#count,
+            reason: state === "stopped" ? this.#reason(now) : "",
+        });
     }
 
-    #reason(state, now) {
-        if (state === "late") {
-            return "The pictures that arrive are old or damaged; the network may be too slow.";
-        }
-        if (state !== "stopped") {
-            return "";
-        }
+    #reason(now) {
         if (this.boardIsBusy) {
             return "A measurement is running; the board answers nothing else.";
         }
@@ -269,23 +271,5 @@ export class LivePicture {
         return this.#connection.pictures > 0
             ? "Nothing comes from the board any more."
             : "The board answers, but its camera sends no pictures. Is it plugged in?";
-    }
-
-    /** Tell a screen reader of a state that has lasted, not of each flicker and each second. */
-    #announce(now) {
-        const title = this.#text["veil-title"].textContent;
-        if (title !== this.#title) {
-            this.#title = title;
-            this.#titleSince = now;
-        }
-        if (now - this.#titleSince >= 1500) {
-            this.#set("announcement", title);
-        }
-    }
-
-    #set(id, text) {
-        if (this.#text[id].textContent !== text) {
-            this.#text[id].textContent = text;
-        }
     }
 }

@@ -12,8 +12,11 @@ const PICTURE_LIMIT = 4 * 1024 * 1024; // bytes; a picture has 20 to 60 KB
  */
 function find(data, wanted, from = 0) {
     const last = data.length - wanted.length;
-    for (let at = data.indexOf(wanted[0], from); at !== -1 && at <= last;
-        at = data.indexOf(wanted[0], at + 1)) {
+    for (
+        let at = data.indexOf(wanted[0], from);
+        at !== -1 && at <= last;
+        at = data.indexOf(wanted[0], at + 1)
+    ) {
         if (wanted.every((byte, i) => data[at + i] === byte)) {
             return at;
         }
@@ -34,8 +37,10 @@ export function parsePartHeader(text) {
         }
         fields.set(match[1].toLowerCase(), match[2].trim());
     }
-    if (fields.get("content-type") !== "image/jpeg" ||
-        !/^\d{1,8}$/.test(fields.get("content-length") ?? "")) {
+    if (
+        fields.get("content-type") !== "image/jpeg" ||
+        !/^\d{1,8}$/.test(fields.get("content-length") ?? "")
+    ) {
         return null;
     }
     // Seconds and microseconds are each padded with blanks to 16 places, not with zeros.
@@ -47,8 +52,9 @@ export function parsePartHeader(text) {
 }
 
 /**
- * Cuts the body of "/live" into pictures. A picture counts once the boundary behind it has come, so
- * that none is shown whose stated length was wrong. After damage it goes on behind the next boundary.
+ * Cuts the body of "/live" into pictures. A picture counts once the boundary behind it has come,
+ * so that none is shown whose stated length was wrong. After damage it goes on behind the next
+ * boundary.
  */
 export class StreamParser {
     /** Parts given up so far. */
@@ -126,7 +132,8 @@ export class StreamParser {
     /** Step behind the next boundary; false when none has come. */
     #resume() {
         const at = find(this.#data, TRAILER);
-        if (at === -1) { // its first bytes may be the last ones here
+        if (at === -1) {
+            // its first bytes may be the last ones here
             this.#data = this.#data.slice(-(TRAILER.length - 1));
             return false;
         }
@@ -156,8 +163,8 @@ export class FrameClock {
         }
         const offset = arrived - stamp;
         // The clocks drift: 500 ppm is the most by which a kernel slews its clock, adjtimex(2).
-        const drifted = this.#least === null ? offset
-            : this.#least + (arrived - this.#leastAt) * 0.0005;
+        const drifted =
+            this.#least === null ? offset : this.#least + (arrived - this.#leastAt) * 0.0005;
         const setBack = this.#lastStamp !== null && stamp < this.#lastStamp;
         this.#least = setBack ? offset : Math.min(offset, drifted);
         this.#leastAt = arrived;
@@ -193,7 +200,7 @@ export class RateMeter {
             this.#times.shift();
         }
         const span = Math.min(this.#window, Math.max(now - this.#start, 500));
-        return this.#times.length * 1000 / span;
+        return (this.#times.length * 1000) / span;
     }
 }
 

@@ -26,6 +26,7 @@ export function duration(span) {
         return `${whole} s`;
     }
     const minutes = Math.floor(whole / 60);
-    return minutes < 60 ? `${minutes} min ${whole % 60} s`
+    return minutes < 60
+        ? `${minutes} min ${whole % 60} s`
         : `${Math.floor(minutes / 60)} h ${minutes % 60} min`;
 }

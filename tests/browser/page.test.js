@@ -1,0 +1,596 @@
+// The web application in Chromium, on the built service with the virtual camera.
+import assert from "node:assert/strict";
+import { createHash } from "node:crypto";
+import { mkdirSync, readFileSync, readdirSync, statSync } from "node:fs";
+import { join } from "node:path";
+import { after, before, test } from "node:test";
+
+import { Board, CARD, HTTP_PORT, Network, startBrowser } from "./board.js";
+
+const PAGE = `http://127.0.0.1:${HTTP_PORT}/index.html`;
+const PHONE = {
+    viewport: { width: 390, height: 844 },
+    deviceScaleFactor: 2,
+    isMobile: true,
+    hasTouch: true,
+};
+const DESKTOP = { viewport: { width: 1280, height: 800 } };
+const DEADLINE = 30000; // ms; only ends a failing run
+
+let board;
+let browser;
+
+before(async () => {
+    board = await Board.start();
+    browser = await startBrowser();
+});
+
+after(async () => {
+    try {
+        await browser?.close();
+    } finally {
+        await board?.close();
+    }
+});
+
+/** A test with a page of its own; nothing of it may fail unseen in the page's console. */
+function pageTest(name, options, body) {
+    test(name, async () => {
+        const context = await browser.newContext({ ...DESKTOP, ...options });
+        context.setDefaultTimeout(DEADLINE);
+        const page = await context.newPage();
+        const errors = [];
+        page.on("pageerror", (error) => errors.push(String(error)));
+        try {
+            await body(page, context);
+            assert.deepEqual(errors, []);
+        } finally {
+            await context.close();
+        }
+    });
+}
+
+async function open(page, url = PAGE) {
+    await page.goto(url);
+    await reach(page, "live");
+}
+
+const reach = (page, state) => page.waitForSelector(`#live[data-state="${state}"]`);
+const text = (page, id) => page.locator(`#${id}`).innerText();
+const dimmed = (page) =>
+    page.waitForFunction(() => {
+        const { opacity, filter } = getComputedStyle(document.getElementById("picture"));
+        return Number(opacity) < 0.4 && filter === "grayscale(1)"; // the end of a transition
+    });
+const textBecomes = (page, id, pattern) =>
+    page.waitForFunction(
+        ([id, source]) => new RegExp(source).test(document.getElementById(id).textContent),
+        [id, pattern.source],
+    );
+const drawn = async (page) =>
+    createHash("md5")
+        .update(await page.locator("#picture").evaluate((canvas) => canvas.toDataURL()))
+        .digest("hex");
+const drawsAnother = async (page) => {
+    const first = await drawn(page);
+    const end = Date.now() + DEADLINE;
+    while ((await drawn(page)) === first) {
+        assert.ok(Date.now() < end, "the picture stands still");
+    }
+};
+
+test("the bare stream in an <img> moves", async () => {
+    const page = await browser.newPage(DESKTOP);
+    await page.setContent(`<img src="http://127.0.0.1:${HTTP_PORT}/live">`);
+    await page.waitForFunction(() => document.querySelector("img").naturalWidth === 640);
+
+    const first = await page.screenshot();
+    await page.waitForTimeout(1000); // a second apart: what is tested
+    const second = await page.screenshot();
+
+    assert.notDeepEqual(first, second);
+    await page.close();
+});
+
+pageTest("the live picture moves, with rate, age and count", {}, async (page) => {
+    await open(page);
+    await drawsAnother(page);
+    await textBecomes(page, "rate", /^[1-9]\d*\.\d \/s$/);
+
+    assert.equal(await text(page, "badge"), "Live");
+    assert.equal(
+        await page.locator("#picture").evaluate((canvas) => getComputedStyle(canvas).opacity),
+        "1",
+    );
+    assert.match(await text(page, "age"), /^[01]\.\d+ s$/);
+    const count = Number(await text(page, "count"));
+    await page.waitForFunction(
+        (count) => Number(document.getElementById("count").textContent) > count,
+        count,
+    );
+    assert.equal(
+        await page.locator("#picture").evaluate((canvas) => `${canvas.width}x${canvas.height}`),
+        "640x480",
+    );
+    assert.equal(await text(page, "log"), "nc 127.0.0.1 8001");
+});
+
+pageTest("a snapshot is shown, downloaded and saved", {}, async (page) => {
+    await open(page);
+    await page.getByLabel("File name").fill("first_part-2.jpg");
+    const asked = page.waitForRequest(/\/snap/);
+    await page.getByRole("button", { name: "Take snapshot" }).click();
+    assert.equal(new URL((await asked).url()).search, "?filename=first_part-2.jpg");
+
+    const picture = page.getByRole("img", { name: "Snapshot first_part-2.jpg" });
+    await picture.waitFor();
+    await page.waitForFunction(() => document.getElementById("shot-picture").naturalWidth === 640);
+    const [download] = await Promise.all([
+        page.waitForEvent("download"),
+        page.getByRole("link", { name: "Download first_part-2.jpg" }).click(),
+    ]);
+    assert.equal(download.suggestedFilename(), "first_part-2.jpg");
+    assertJpeg(readFileSync(await download.path()));
+    assertJpeg(readFileSync(`${CARD}/camera/first_part-2.jpg`));
+    assert.equal(await text(page, "snap-status"), "");
+});
+
+function assertJpeg(bytes) {
+    assert.deepEqual([...bytes.subarray(0, 2), ...bytes.subarray(-2)], [0xff, 0xd8, 0xff, 0xd9]);
+}
+
+pageTest("the correction switch asks for the corrected picture", {}, async (page) => {
+    await open(page);
+    await page.getByText("Correct lens distortion").click();
+    assert.ok(await page.getByRole("switch", { name: "Correct lens distortion" }).isChecked());
+    const asked = page.waitForRequest(/\/snap/);
+
+    await page.getByRole("button", { name: "Take snapshot" }).click();
+
+    assert.equal(new URL((await asked).url()).search, "?filename=photo.jpg&mode=correction");
+    await page.getByRole("img", { name: "Snapshot photo.jpg" }).waitFor();
+});
+
+pageTest("a file name that the board would not keep as typed is not sent", {}, async (page) => {
+    await open(page);
+    const asked = [];
+    page.on("request", (request) => asked.push(new URL(request.url()).pathname));
+    for (const name of [
+        "",
+        "a b.jpg",
+        "a&mode=correction",
+        "ä.jpg",
+        "../x.jpg",
+        ".hidden",
+        "a=b",
+        "50%.jpg",
+    ]) {
+        await page.getByLabel("File name").fill(name);
+        await page.getByRole("button", { name: "Take snapshot" }).click();
+        assert.equal(
+            await page.locator("#filename").evaluate((field) => field.validity.valid),
+            false,
+            name,
+        );
+    }
+    assert.deepEqual(
+        asked.filter((path) => path === "/snap"),
+        [],
+    );
+});
+
+pageTest("measuring shows the board's value", {}, async (page) => {
+    await open(page);
+    await page.getByRole("button", { name: "Measure" }).click();
+
+    await textBecomes(page, "measure-status", /^Measured at \d\d:\d\d:\d\d\.$/);
+    assert.equal(await text(page, "value"), "0.0000");
+});
+
+pageTest(
+    "a running measurement is told, is asked once and its end without a value too",
+    {},
+    async (page) => {
+        await open(page);
+        let answers = [];
+        await page.route(/\/camera/, (route) => answers.push(route));
+        const button = page.getByRole("button", { name: "Measure" });
+
+        await button.click();
+        await button.click({ force: true });
+        await textBecomes(page, "measure-time", /^[1-9] s$/);
+
+        assert.equal(answers.length, 1);
+        assert.equal(await text(page, "measure-status"), "Measuring…");
+        assert.equal(await button.getAttribute("aria-disabled"), "true");
+        await answers[0].abort("connectionclosed");
+        await textBecomes(page, "measure-status", /closed the connection without a value/);
+        assert.equal(await text(page, "value"), "–");
+        assert.equal(await button.getAttribute("aria-disabled"), null);
+    },
+);
+
+pageTest("camera unplugged: says since when, dims, tells once, and goes on", {}, async (page) => {
+    await open(page);
+    await textBecomes(page, "announcement", /^Live picture\.$/);
+    await page.evaluate(() => {
+        window.told = [];
+        new MutationObserver(() =>
+            window.told.push(document.getElementById("announcement").textContent),
+        ).observe(document.getElementById("announcement"), { childList: true });
+    });
+    const before = new Date();
+
+    await board.command("camera unplug");
+    try {
+        await reach(page, "stopped");
+        const title = await text(page, "veil-title");
+        const [, hours, minutes, seconds] = /^No picture since (\d\d):(\d\d):(\d\d)$/.exec(title);
+        const since = new Date(before).setHours(hours, minutes, seconds);
+        assert.ok(Math.abs(since - before) < 3000, `${title}, unplugged at ${before}`);
+        await dimmed(page);
+        assert.equal(await text(page, "badge"), "No picture");
+        // What another connection has shown:
+        await textBecomes(page, "detail", /The board answers, but its camera sends no pictures/);
+        assert.equal(await text(page, "rate"), "0.0 /s");
+        assert.deepEqual(await page.evaluate(() => window.told), [title]);
+
+        await page.getByRole("button", { name: "Take snapshot" }).click();
+        await textBecomes(page, "snap-status", /^No picture came within 10 seconds/);
+    } finally {
+        await board.command("camera replug");
+    }
+
+    await reach(page, "live");
+    await drawsAnother(page);
+    assert.equal(await text(page, "badge"), "Live");
+});
+
+pageTest("service stopped and started: says so and comes back by itself", {}, async (page) => {
+    await open(page);
+    await board.command("server stop");
+    try {
+        await reach(page, "stopped");
+        await textBecomes(page, "detail", /^The board does not answer\. Next try in \d+ s\.$/);
+        await page.getByRole("button", { name: "Measure" }).click();
+        await textBecomes(page, "measure-status", /closed the connection/);
+        await page.getByRole("button", { name: "Take snapshot" }).click();
+        await textBecomes(page, "snap-status", /closed the connection/);
+    } finally {
+        await board.command("server start");
+    }
+
+    await reach(page, "live");
+    await drawsAnother(page);
+});
+
+pageTest("waits between tries grow", {}, async (page) => {
+    await open(page);
+    const tries = [];
+    await page.route(/\/live/, (route) => {
+        tries.push(Date.now());
+        return route.abort("connectionrefused");
+    });
+    await page.getByRole("button", { name: "Reconnect" }).click();
+    while (tries.length < 4) {
+        await page.waitForTimeout(50);
+    }
+
+    const [first, second, third] = tries.slice(1).map((at, i) => at - tries[i]);
+    assert.ok(first >= 950 && second >= 1950 && third >= 3950, `${first} ${second} ${third}`);
+    await page.unroute(/\/live/);
+    // At once, not after eight seconds:
+    await page.getByRole("button", { name: "Reconnect" }).click();
+    await page.waitForSelector("#live[data-state=live]", { timeout: 3000 });
+});
+
+pageTest(
+    "network gone without a word: says so, and comes back by another connection",
+    {},
+    async (page) => {
+        const network = await Network.start();
+        try {
+            await open(page, network.url);
+            network.gone = true;
+            await reach(page, "stopped");
+            await textBecomes(page, "detail", /^Waiting for the board to answer\.$/);
+            network.gone = false;
+            await reach(page, "live");
+            await drawsAnother(page);
+        } finally {
+            network.close();
+        }
+    },
+);
+
+pageTest("pictures that come late are not live, however many come", {}, async (page) => {
+    const network = await Network.start();
+    try {
+        await open(page, network.url);
+        await textBecomes(page, "rate", /^[1-9]\d*\.\d \/s$/);
+        network.delay = 4000;
+
+        await reach(page, "late");
+        await drawsAnother(page);
+        assert.match(await text(page, "age"), /^[345]\.\d s$/);
+        assert.match(await text(page, "rate"), /^[1-9]\d*\.\d \/s$/);
+        assert.match(await text(page, "veil-title"), /^Pictures are late since \d\d:\d\d:\d\d$/);
+        network.delay = 0;
+        await page.getByRole("button", { name: "Reconnect" }).click();
+        await reach(page, "live");
+    } finally {
+        network.close();
+    }
+});
+
+pageTest("a computer that slept starts afresh", {}, async (page) => {
+    await page.addInitScript(() => {
+        const now = Date.now;
+        window.slept = 0;
+        Date.now = () => now() + window.slept;
+    });
+    await open(page);
+    const again = page.waitForRequest(/\/live/);
+
+    await page.evaluate(() => {
+        window.slept = 3600000;
+    });
+
+    await again;
+    await reach(page, "live");
+    await drawsAnother(page);
+});
+
+pageTest("paused: dims, says since when, closes the connection; resumes", {}, async (page) => {
+    await open(page);
+    const closed = page.waitForEvent("requestfailed", (request) => request.url().endsWith("/live"));
+    await page.getByRole("button", { name: "Pause" }).click();
+
+    await closed;
+    await reach(page, "paused");
+    assert.match(await text(page, "veil-title"), /^Paused since \d\d:\d\d:\d\d$/);
+    await page.getByRole("button", { name: "Resume" }).click();
+    await reach(page, "live");
+});
+
+pageTest("a hidden page leaves the board alone", {}, async (page) => {
+    await open(page);
+    const hide = (hidden) =>
+        page.evaluate((hidden) => {
+            Object.defineProperty(document, "hidden", { value: hidden, configurable: true });
+            document.dispatchEvent(new Event("visibilitychange"));
+        }, hidden);
+    const closed = page.waitForEvent("requestfailed", (request) => request.url().endsWith("/live"));
+
+    await hide(true);
+    await closed;
+    await hide(false);
+
+    await reach(page, "live");
+    await drawsAnother(page);
+});
+
+pageTest("by keyboard alone", {}, async (page) => {
+    await open(page);
+    const focused = () =>
+        page.evaluate(() => {
+            const { activeElement: element } = document;
+            const ring = getComputedStyle(
+                element.id === "correction" ? element.nextElementSibling : element,
+            );
+            return { name: element.id || element.textContent, ring: ring.outlineStyle === "solid" };
+        });
+    const stops = [];
+    for (let i = 0; i < 6; i++) {
+        await page.keyboard.press("Tab");
+        stops.push(await focused());
+    }
+    assert.deepEqual(
+        stops.map(({ name }) => name),
+        ["pause", "reconnect", "filename", "correction", "Take snapshot", "measure"],
+    );
+    assert.ok(
+        stops.every(({ ring }) => ring),
+        "where the keyboard is can be seen",
+    );
+
+    await page.keyboard.press("Enter"); // measure
+    await textBecomes(page, "value", /^0\.0000$/);
+    assert.equal((await focused()).name, "measure", "the focus stays");
+
+    await page.keyboard.press("Shift+Tab");
+    await page.keyboard.press("Shift+Tab");
+    await page.keyboard.press("Space"); // correction
+    assert.ok(await page.locator("#correction").isChecked());
+    await page.keyboard.press("Shift+Tab");
+    await page.keyboard.type("by-key.jpg"); // into a field that is selected when tabbed into
+    await page.keyboard.press("Enter");
+    await page.getByRole("img", { name: "Snapshot by-key.jpg" }).waitFor();
+
+    await page.keyboard.press("Shift+Tab");
+    await page.keyboard.press("Shift+Tab");
+    await page.keyboard.press("Space"); // pause
+    await reach(page, "paused");
+    await page.keyboard.press("Space");
+    await reach(page, "live");
+});
+
+pageTest(
+    "for a screen reader: language, title, landmarks, headings, names, live regions",
+    {},
+    async (page) => {
+        await open(page);
+
+        const found = await page.evaluate(() => ({
+            language: document.documentElement.lang,
+            title: document.title,
+            main: document.querySelectorAll("main").length,
+            headings: [...document.querySelectorAll("h1, h2")].map(
+                (h) => `${h.tagName} ${h.textContent}`,
+            ),
+            live: [...document.querySelectorAll("[role=status], [aria-live], output")].map(
+                (e) => e.id,
+            ),
+            duplicates: [...document.querySelectorAll("[id]")]
+                .map((e) => e.id)
+                .filter((id, i, all) => all.indexOf(id) !== i),
+            nowhere: [...document.querySelectorAll("[aria-labelledby], [aria-describedby], [for]")]
+                .flatMap((e) =>
+                    ["aria-labelledby", "aria-describedby", "for"].map((a) => e.getAttribute(a)),
+                )
+                .filter((id) => id && !document.getElementById(id)),
+        }));
+
+        assert.deepEqual(found, {
+            language: "en",
+            title: "Kestrel camera",
+            main: 1,
+            headings: [
+                "H1 Kestrel camera",
+                "H2 Live picture",
+                "H2 Snapshot",
+                "H2 Measurement",
+                "H2 Log",
+            ],
+            live: ["announcement", "snap-status", "value", "measure-status"],
+            duplicates: [],
+            nowhere: [],
+        });
+        for (const [role, names] of Object.entries({
+            button: ["Pause", "Reconnect", "Take snapshot", "Measure"],
+            textbox: ["File name"],
+            switch: ["Correct lens distortion"],
+            img: ["Picture of the camera"],
+            region: ["Live picture", "Snapshot", "Measurement", "Log"],
+        })) {
+            for (const name of names) {
+                assert.equal(
+                    await page.getByRole(role, { name, exact: true }).count(),
+                    1,
+                    `${role} ${name}`,
+                );
+            }
+            assert.equal(await page.getByRole(role).count(), names.length, role);
+        }
+    },
+);
+
+for (const [size, options] of Object.entries({ phone: PHONE, desktop: DESKTOP })) {
+    for (const colorScheme of ["light", "dark"]) {
+        pageTest(
+            `${size}, ${colorScheme}: nothing is cut off, all text has contrast`,
+            { ...options, colorScheme },
+            async (page) => {
+                await open(page);
+                await page.getByRole("button", { name: "Take snapshot" }).click();
+                await page.getByRole("img", { name: "Snapshot photo.jpg" }).waitFor();
+                await page.getByRole("button", { name: "Measure" }).click();
+                await textBecomes(page, "measure-status", /^Measured/);
+                await page.mouse.move(0, 0);
+                await page.evaluate(() => document.activeElement.blur());
+
+                assert.equal(
+                    await page.evaluate(() => document.documentElement.scrollWidth),
+                    options.viewport.width,
+                );
+                assert.deepEqual(await page.evaluate(findCutOff), []);
+                const texts = await page.evaluate(measureContrast);
+                assert.ok(texts.length > 20, `${texts.length} texts`);
+                assert.deepEqual(
+                    texts.filter(({ ratio, needed }) => ratio < needed),
+                    [],
+                );
+                assert.deepEqual(await page.evaluate(findSmallTargets), []);
+                await takePicture(page, size, colorScheme);
+            },
+        );
+    }
+}
+
+/** Elements that reach out of the window or hide part of their text. */
+function findCutOff() {
+    return [...document.querySelectorAll("body *:not(.hidden)")]
+        .filter((e) => {
+            const box = e.getBoundingClientRect();
+            return (
+                box.width > 0 &&
+                !e.closest(".switch") &&
+                (box.left < 0 ||
+                    box.right > innerWidth + 0.5 ||
+                    e.scrollWidth > e.clientWidth + 1) &&
+                getComputedStyle(e).display !== "inline"
+            );
+        })
+        .map((e) => e.id || e.outerHTML.slice(0, 80));
+}
+
+/** Contrast of every text against what is behind it, WCAG 2.1 (1.4.3). */
+function measureContrast() {
+    const channels = (color) => color.match(/[\d.]+/g).map(Number);
+    const luminance = (color) =>
+        channels(color)
+            .slice(0, 3)
+            .map((c) => (c / 255 <= 0.03928 ? c / 255 / 12.92 : ((c / 255 + 0.055) / 1.055) ** 2.4))
+            .reduce((sum, c, i) => sum + c * [0.2126, 0.7152, 0.0722][i], 0);
+    const ground = (e) => {
+        const color = getComputedStyle(e).backgroundColor;
+        return (channels(color)[3] ?? 1) > 0 ? color : ground(e.parentElement);
+    };
+    const texts = [];
+    for (const e of document.querySelectorAll("body *:not(script):not(noscript)")) {
+        const own =
+            e instanceof HTMLInputElement ||
+            [...e.childNodes].some((n) => n.nodeType === Node.TEXT_NODE && n.textContent.trim());
+        if (!own || e.closest(".hidden, #veil") || e.getClientRects().length === 0) {
+            continue;
+        }
+        const style = getComputedStyle(e);
+        const [dark, light] = [luminance(style.color), luminance(ground(e))].sort((a, b) => a - b);
+        texts.push({
+            text: e.id || e.textContent.trim().slice(0, 40),
+            ratio: Math.round(((light + 0.05) / (dark + 0.05)) * 100) / 100,
+            needed: parseFloat(style.fontSize) >= 24 ? 3 : 4.5,
+        });
+    }
+    return texts;
+}
+
+/** What is pressed and lower than 44 pixels, WCAG 2.1 (2.5.5). */
+function findSmallTargets() {
+    return [...document.querySelectorAll("button, #shot-link, #filename, .switch")]
+        .filter((e) => e.getBoundingClientRect().height < 44)
+        .map((e) => e.id || e.textContent);
+}
+
+async function takePicture(page, size, colorScheme) {
+    const folder = process.env.KESTREL_IMAGES;
+    if (folder && colorScheme === "light") {
+        mkdirSync(folder, { recursive: true });
+        await page.evaluate(() => scrollTo(0, 0));
+        await textBecomes(page, "rate", /^2[45]\.\d \/s$/);
+        await page.screenshot({ path: join(folder, `page-${size}.png`) });
+    }
+}
+
+pageTest(
+    "all comes from the board, without cookies, in less than 60 KB",
+    {},
+    async (page, context) => {
+        const asked = [];
+        page.on("request", (request) => asked.push(request.url()));
+        await open(page);
+        await page.getByRole("button", { name: "Take snapshot" }).click();
+        await page.getByRole("img", { name: "Snapshot photo.jpg" }).waitFor();
+
+        for (const url of asked) {
+            assert.ok(new URL(url).origin === new URL(PAGE).origin, url);
+        }
+        assert.deepEqual(await context.cookies(), []);
+        const files = readdirSync(`${CARD}/www`);
+        for (const file of files) {
+            assert.match(file, /\.(html|htm|css|js|txt|jpg|jpeg|png|ico)$/);
+        }
+        const total = files.reduce((sum, file) => sum + statSync(`${CARD}/www/${file}`).size, 0);
+        assert.ok(total > 1000 && total < 60 * 1024, `${total} bytes`);
+    },
+);
