@@ -1,0 +1,157 @@
+"""The clients that docs/http.md lists, run with the very commands that stand there."""
+
+import json
+import os
+import re
+import subprocess
+import tempfile
+import unittest
+
+from harness import CARD, SOURCE, Board, LiveStream, connect, wait_until
+
+COMMAND_LIMIT = 60  # seconds; only ends a failing run
+
+
+def document():
+    with open(os.path.join(SOURCE, "docs", "http.md"), encoding="utf-8") as file:
+        return file.read().replace("HOST", "127.0.0.1")
+
+
+def documented(client, wanted):
+    """The command of the client's row that contains the wanted text."""
+    rows = re.findall(rf"^\| {client} \| `([^`]+)` \|", document(), re.M)
+    commands = [command for command in rows if wanted in command]
+    assert len(commands) == 1, f"{client} {wanted}: {rows}"
+    return commands[0]
+
+
+class Clients(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.board = Board()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.board.__exit__()
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="kestrel-clients.")
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+
+    def run_documented(self, client, wanted, status=0):
+        return self.run_shell(documented(client, wanted), status)
+
+    def run_shell(self, command, status=0):
+        environment = {k: v for k, v in os.environ.items() if not k.lower().endswith("_proxy")}
+        done = subprocess.run(command, shell=True, cwd=self.folder, env=environment, check=False,
+                              capture_output=True, stdin=subprocess.DEVNULL, timeout=COMMAND_LIMIT)
+        self.assertEqual(status, done.returncode, f"{command}\n{done.stderr.decode()}")
+        return done.stdout
+
+    def content(self, name):
+        with open(os.path.join(self.folder, name), "rb") as file:
+            return file.read()
+
+    def assert_is_frame(self, picture):
+        self.assertIn(picture, self.board.camera.frames())
+
+    def test_every_row_of_the_table_is_run_here_or_by_the_browser(self):
+        table = document().split("## Clients")[1].split("```python")[0]
+        clients = re.findall(r"^\| ([^|]+?) \| (?!Command|---)", table, re.M)
+
+        self.assertEqual(["Chromium", "curl", "curl", "curl", "wget", "wget", "ffmpeg",
+                          "Python's urllib"], clients)
+        page = re.search(r"^\| Chromium \| `http://127\.0\.0\.1:8329(/\S+)`", table, re.M).group(1)
+        tests = os.path.join(SOURCE, "tests", "browser", "page.test.js")
+        with open(tests, encoding="utf-8") as file:
+            self.assertIn("${HTTP_PORT}" + page, file.read())
+
+    def test_curl_takes_a_snapshot_that_is_also_saved(self):
+        self.run_documented("curl", "/snap")
+
+        self.assert_is_frame(self.content("photo.jpg"))
+
+        def saved_is_frame():  # an answer that the client did not wait for may be on its way
+            with open(f"{CARD}/camera/photo.jpg", "rb") as saved:
+                return saved.read() in self.board.camera.frames()
+        wait_until(saved_is_frame, "a whole picture is saved")
+
+    def test_curl_measures(self):
+        self.assertEqual(b'{"measure":"0.0000"}', self.run_documented("curl", "/camera"))
+
+    def test_curl_records_the_stream_until_its_time_limit(self):
+        self.run_documented("curl", "/live", status=28)
+
+        stream = self.content("stream.bin")
+        self.assertTrue(stream.startswith(b"Content-Type: image/jpeg\r\n"), "no boundary in front")
+        parts = stream.split(LiveStream.TRAILER)[:-1]
+        self.assertGreater(len(parts), 1)
+        for part in parts:
+            self.assert_is_frame(part.split(LiveStream.HEADER_END, 1)[1])
+
+    def test_wget_takes_a_snapshot(self):
+        self.run_documented("wget", "/snap")
+
+        self.assert_is_frame(self.content("photo.jpg"))
+
+    def test_wget_measures(self):
+        self.run_documented("wget", "/camera")
+
+        self.assertEqual({"measure": "0.0000"}, json.loads(self.content("measure.json")))
+
+    def test_ffmpeg_records_a_video(self):
+        self.run_documented("ffmpeg", "-f mjpeg")
+
+        count = self.run_shell("ffprobe -v error -count_packets -select_streams v:0 "
+                               "-show_entries stream=codec_name,width,height,nb_read_packets "
+                               "-of csv=p=0 video.avi")
+        self.assertEqual(b"mjpeg,640,480,50\n", count)
+
+    def test_ffmpeg_refuses_the_stream_without_being_told_the_format(self):
+        command = documented("ffmpeg", "-f mjpeg").replace("-f mjpeg ", "")
+
+        done = subprocess.run(command, shell=True, cwd=self.folder, check=False,
+                              stdin=subprocess.DEVNULL, capture_output=True, timeout=COMMAND_LIMIT)
+
+        self.assertNotEqual(0, done.returncode)
+        self.assertIn(b"Invalid data found", done.stderr)
+        self.assertFalse(os.path.exists(os.path.join(self.folder, "video.avi")))
+
+    def test_urllib_reads_the_stream(self):
+        program = re.search(r"```python\n(.*?)```", document(), re.S).group(1)
+        with open(os.path.join(self.folder, "program.py"), "w", encoding="utf-8") as file:
+            file.write(program)
+
+        self.run_shell("python3 program.py")
+
+        for number in range(25):
+            self.assert_is_frame(self.content(f"picture-{number}.jpg"))
+
+    def test_urllib_takes_a_snapshot(self):
+        statement = re.search(r"`(urlopen\([^`]*\.read\(\))`", document()).group(1)
+
+        picture = self.run_shell("python3 -c 'import sys; from urllib.request import urlopen; "
+                                 f"sys.stdout.buffer.write({statement})'")
+
+        self.assert_is_frame(picture)
+
+    def test_each_method_is_answered_as_get(self):
+        for method in ("GET", "HEAD", "POST", "PUT", "DELETE"):
+            client = connect()
+            client.sendall(f"{method} /camera?focus=1 HTTP/1.1\r\n\r\n".encode())
+            answer = b""
+            while not answer.endswith(b'\r\n\r\n{"measure":"0.0000"}'):
+                data = client.recv(4096)
+                self.assertTrue(data, f"{method}: {answer}")
+                answer += data
+            client.close()
+
+    def test_a_file_name_is_taken_as_it_stands(self):
+        self.run_shell("curl -s -o x.jpg 'http://127.0.0.1:8329/snap?filename=a%20b+c.jpg'")
+
+        self.assertTrue(os.path.exists(f"{CARD}/camera/a%20b+c.jpg"))
+
+
+if __name__ == "__main__":
+    unittest.main()
