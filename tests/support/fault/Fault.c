@@ -281,7 +281,8 @@ static void resolve(void* ppReal, const char* pName)
     INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_NONE, 0, NULL)
 
 // Allocations. Looking up the real ones may allocate: that is served from a pool, never reused.
-static __thread int t_bResolving __attribute__((tls_model("initial-exec")));
+// Volatile: dlsym is declared as a function that calls nothing of ours, and yet it allocates.
+static __thread volatile int t_bResolving __attribute__((tls_model("initial-exec")));
 static char g_acPool[8192] __attribute__((aligned(16)));
 static size_t g_uPoolUsed;
 
