@@ -2,7 +2,6 @@
 #include "HttpLiveClient.h"
 
 #include <ctime>
-#include <regex>
 #include <typeinfo>
 
 #include <gtest/gtest.h>
@@ -11,6 +10,7 @@
 #include "FakeSystem.h"
 #include "Fault.h"
 #include "LogCapture.h"
+#include "Mask.h"
 #include "VideoFrameEvent.h"
 
 namespace {
@@ -67,18 +67,19 @@ TEST_F(HttpLiveClientTest, FrameIsAPartBetweenHeaderAndBoundary)
     const time_t after = time(nullptr);
 
     const std::string strPart = m_connection.receive();
-    // Two fields vary, each in its own column: the seconds and the microseconds.
-    const std::regex golden("Content-Type: image/jpeg\r\n"
-                            "Content-Length:     1234\r\n"
-                            "X-Timestamp: ([ 0-9]{16})\\.([ 0-9]{16})\r\n"
-                            "\r\n");
-    std::smatch match;
     const size_t uHead = strPart.find("\r\n\r\n") + 4;
-    const std::string strHead = strPart.substr(0, uHead);
-    ASSERT_TRUE(std::regex_match(strHead, match, golden)) << strHead;
-    EXPECT_GE(std::stol(match[1]), before);
-    EXPECT_LE(std::stol(match[1]), after);
-    EXPECT_LT(std::stol(match[2]), 1000000);
+    std::string strHead = strPart.substr(0, uHead);
+    const long lSeconds = maskNumber(strHead, "X-Timestamp: ", ".");
+    const long lMicroseconds = maskNumber(strHead, ".", "\r\n");
+    EXPECT_EQ("Content-Type: image/jpeg\r\n"
+              "Content-Length:     1234\r\n"
+              "X-Timestamp: ################.################\r\n"
+              "\r\n",
+              strHead);
+    EXPECT_GE(lSeconds, before);
+    EXPECT_LE(lSeconds, after);
+    EXPECT_GE(lMicroseconds, 0);
+    EXPECT_LT(lMicroseconds, 1000000);
     EXPECT_EQ(payload(1234) + TRAILER, strPart.substr(uHead));
 }
 
@@ -232,9 +233,6 @@ TEST_F(HttpLiveClientTest, OtherEventIsABadCast)
 
 TEST_F(HttpLiveClientTest, FrameIsDroppedWholeWithoutMemory)
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the sanitizer's allocations do not fail";
-#else
     PVENC_FRAME_T frame = makeFrame(200);
     for (const char* pPlan : {"calloc=256:1:ENOMEM", "calloc=1024:1:ENOMEM"}) {
         {
@@ -246,5 +244,4 @@ TEST_F(HttpLiveClientTest, FrameIsDroppedWholeWithoutMemory)
     }
     FakeSystem::deliver(frame);
     EXPECT_NE("", m_connection.receive());
-#endif
 }

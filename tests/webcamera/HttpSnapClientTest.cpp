@@ -2,7 +2,6 @@
 #include "HttpSnapClient.h"
 
 #include <ctime>
-#include <regex>
 #include <typeinfo>
 
 #include <sys/stat.h>
@@ -13,6 +12,7 @@
 #include "Connection.h"
 #include "FakeSystem.h"
 #include "LogCapture.h"
+#include "Mask.h"
 
 namespace {
 
@@ -21,12 +21,12 @@ std::string request(const std::string& strQuery)
     return "GET /snap" + strQuery + " HTTP/1.1\r\n\r\n";
 }
 
-/** The golden answer; its two varying fields are the groups of the expression. */
+/** The golden header; its two varying numbers are masked. */
 std::string golden(size_t uSize, const std::string& strFileName)
 {
-    return "HTTP/1\\.0 200 OK\r\n"
+    return "HTTP/1.0 200 OK\r\n"
            "Connection: close\r\n"
-           "Server: MJPG-Streamer/0\\.2\r\n"
+           "Server: MJPG-Streamer/0.2\r\n"
            "Cache-Control: no-store, no-cache, must-revalidate, pre-check=0, post-check=0, max-age=0\r\n"
            "Pragma: no-cache\r\n"
            "Expires: Mon, 3 Jan 2000 12:34:56 GMT\r\n"
@@ -34,7 +34,7 @@ std::string golden(size_t uSize, const std::string& strFileName)
            "Content-Length: " +
            std::to_string(uSize) +
            "\r\n"
-           "X-Timestamp: ([0-9]+)\\.([0-9]{6})\r\n"
+           "X-Timestamp: ##########.######\r\n"
            "Filename: " +
            strFileName +
            "\r\n"
@@ -45,14 +45,15 @@ std::string golden(size_t uSize, const std::string& strFileName)
 std::string takeAnswer(std::string& strStream, size_t uSize, const std::string& strFileName)
 {
     const size_t uHead = strStream.find("\r\n\r\n") + 4;
-    const std::string strHead = strStream.substr(0, uHead);
-    std::smatch match;
-    if (!std::regex_match(strHead, match, std::regex(golden(uSize, strFileName)))) {
-        ADD_FAILURE() << strHead;
+    std::string strHead = strStream.substr(0, uHead);
+    const long lSeconds = maskNumber(strHead, "X-Timestamp: ", ".");
+    EXPECT_LE(lSeconds, time(nullptr));
+    EXPECT_GE(lSeconds, time(nullptr) - 60);
+    EXPECT_GE(maskNumber(strHead, "##.", "\r\n"), 0);
+    if (golden(uSize, strFileName) != strHead) {
+        EXPECT_EQ(golden(uSize, strFileName), strHead);
         return "";
     }
-    EXPECT_LE(std::stol(match[1]), time(nullptr));
-    EXPECT_GE(std::stol(match[1]), time(nullptr) - 60);
     EXPECT_GE(strStream.size(), uHead + uSize);
     const std::string strPicture = strStream.substr(uHead, uSize);
     strStream.erase(0, uHead + uSize);
@@ -106,7 +107,7 @@ TEST_F(HttpSnapClientTest, NoFileNameIsPhoto)
         ASSERT_EQ(0, connection.request(request(pQuery)));
         deliver();
         std::string strStream = connection.receive();
-        EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "photo\\.jpg")) << pQuery;
+        EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "photo.jpg")) << pQuery;
         EXPECT_EQ(payload(5000), card.read("photo.jpg")) << pQuery;
     }
 }
@@ -123,7 +124,7 @@ TEST_F(HttpSnapClientTest, EveryFrameThatFindsTheQueueEmptyIsAnotherAnswer)
 
     std::string strStream = m_connection.receive();
     for (unsigned i = 0; i < 3; ++i) {
-        EXPECT_EQ(payload(1000 + i, i), takeAnswer(strStream, 1000 + i, "a\\.jpg"));
+        EXPECT_EQ(payload(1000 + i, i), takeAnswer(strStream, 1000 + i, "a.jpg"));
     }
     EXPECT_EQ("", strStream);
 }
@@ -146,7 +147,7 @@ TEST_F(HttpSnapClientTest, FrameIsSkippedWhileAnAnswerWaits)
     EXPECT_FALSE(card.has("a.jpg"));
     std::string strStream = slow.receiveAll();
     while (!strStream.empty()) {
-        ASSERT_EQ(payload(50000), takeAnswer(strStream, 50000, "a\\.jpg"));
+        ASSERT_EQ(payload(50000), takeAnswer(strStream, 50000, "a.jpg"));
     }
 }
 
@@ -162,7 +163,7 @@ TEST_F(HttpSnapClientTest, CorrectionAnswersTheCorrectedPictureAndSavesTheRawOne
     deliver();
 
     std::string strStream = m_connection.receive();
-    EXPECT_EQ(payload(777, 99), takeAnswer(strStream, 777, "a\\.jpg"));
+    EXPECT_EQ(payload(777, 99), takeAnswer(strStream, 777, "a.jpg"));
     EXPECT_EQ("", strStream);
     EXPECT_EQ(payload(5000), card.read("a.jpg"));
 }
@@ -175,7 +176,7 @@ TEST_F(HttpSnapClientTest, OtherModesDoNotCorrect)
         ASSERT_EQ(0, connection.request(request(std::string("?mode=") + pMode)));
         deliver();
         std::string strStream = connection.receive();
-        EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "photo\\.jpg"));
+        EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "photo.jpg"));
     }
 }
 
@@ -188,7 +189,7 @@ TEST_F(HttpSnapClientTest, EmptyCorrectedPictureIsAnsweredWithoutABody)
     deliver();
 
     std::string strStream = m_connection.receive();
-    EXPECT_EQ("", takeAnswer(strStream, 0, "a\\.jpg"));
+    EXPECT_EQ("", takeAnswer(strStream, 0, "a.jpg"));
     EXPECT_EQ("", strStream);
     EXPECT_EQ(payload(5000), card.read("a.jpg"));
     EXPECT_EQ(0, m_connection.client().getQueueLength());
@@ -203,7 +204,7 @@ TEST_F(HttpSnapClientTest, WithoutTheCardItIsAnsweredAndNothingIsSavedOrLogged)
     deliver();
 
     std::string strStream = m_connection.receive();
-    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "a\\.jpg"));
+    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "a.jpg"));
     EXPECT_EQ("", m_log.text());
     EXPECT_FALSE(std::filesystem::exists("/tmp/run"));
 }
@@ -217,7 +218,7 @@ TEST_F(HttpSnapClientTest, ReadOnlyCardIsAnsweredAndNothingIsLogged)
     deliver();
 
     std::string strStream = m_connection.receive();
-    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "a\\.jpg"));
+    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "a.jpg"));
     EXPECT_EQ("", m_log.text());
     EXPECT_TRUE(card.isEmpty());
 }
@@ -233,7 +234,7 @@ TEST_F(HttpSnapClientTest, FullCardIsLoggedWithThePathAndAnswered)
         deliver(u32Size);
 
         std::string strStream = connection.receive();
-        EXPECT_EQ(payload(u32Size), takeAnswer(strStream, u32Size, "a\\.jpg"));
+        EXPECT_EQ(payload(u32Size), takeAnswer(strStream, u32Size, "a.jpg"));
         EXPECT_EQ("[debug] [webcamera/HttpSnapClient ] [save] Save "
                   "/tmp/run/mountd/mmcblk0p1/kestrel-server/camera//a.jpg"
                   " : TF-Card has no enough space !!!\n",
@@ -278,7 +279,7 @@ TEST_F(HttpSnapClientTest, FileNameThatCannotBeOpenedIsAnsweredAndNothingIsLogge
     deliver();
 
     std::string strStream = m_connection.receive();
-    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "missing/a\\.jpg"));
+    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, "missing/a.jpg"));
     EXPECT_EQ("", m_log.text());
     EXPECT_TRUE(card.isEmpty());
 }
