@@ -114,14 +114,11 @@ int PrintService::getProgress(float* pProgress)
 
 void PrintService::startThread()
 {
-    STOP_WISH_E eAsked = STOP_WISH_ASKED;
-    m_nStopWish.compare_exchange_strong(eAsked, STOP_WISH_NONE);
-    m_thread->start();
-    // A thread that is just about to park takes the first start for granted and parks after it.
-    while (STOP_WISH_PARKING == m_nStopWish) {
-        sleepFor(Time(0, 3000));
-        m_thread->start();
+    STOP_WISH_E eWish = STOP_WISH_ASKED;
+    if (!m_nStopWish.compare_exchange_strong(eWish, STOP_WISH_NONE) && STOP_WISH_PARKING == eWish) {
+        m_thread->stop(); // until it has parked: a start that comes before that would be lost
     }
+    m_thread->start();
 }
 
 void PrintService::stopThread()

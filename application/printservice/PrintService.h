@@ -117,9 +117,11 @@ public:
         return m_nState;
     }
 
-private:
+protected:
+    /** For getInstance(), and for tests, which want a fresh one each. */
     PrintService();
 
+private:
     /** A stop that the thread has asked of itself. */
     enum STOP_WISH_E : int32_t
     {
