@@ -1,0 +1,552 @@
+// Jobs: what goes out line by line, pause, stop, progress, and the ways out of a stuck job.
+#include <cmath>
+#include <thread>
+
+#include "PrintTest.h"
+#include "Time.h"
+
+namespace {
+
+class PrintJobTest : public PrintTest
+{
+protected:
+    /** A job of numbered moves. */
+    static std::string makeJob(int nLines)
+    {
+        std::string strJob;
+        for (int i = 1; i <= nLines; ++i) {
+            strJob += makeLine(i) + "\n";
+        }
+        return strJob;
+    }
+
+    static std::string makeLine(int nNumber)
+    {
+        return "G1 X" + std::to_string(nNumber % 100) + " Y" + std::to_string(nNumber % 7) +
+               " F60000";
+    }
+
+    /** How a job of numbered moves goes out. */
+    static std::string makeWire(int nLines)
+    {
+        std::string strWire;
+        for (int i = 1; i <= nLines; ++i) {
+            strWire += makeLine(i) + "\n\n";
+        }
+        return strWire + "\n";
+    }
+
+    bool waitForWire(const std::string& strBytes)
+    {
+        return eventually([&] { return strBytes == m_controller.readReceivedBytes(); });
+    }
+
+    /** Start the next job without the wait of saveGcode(). */
+    void startJob(const std::string& strJob)
+    {
+        m_folder.write("tmp.gcode", strJob);
+        EXPECT_EQ(0, service().startPrint());
+    }
+};
+
+/** A long job with one fault at a time, and the wire that it has to give. */
+class FaultyJob
+{
+public:
+    explicit FaultyJob(VirtualController& controller) : m_controller(controller) {}
+
+    /** The next line is answered as the instructions say, one attempt each, and then taken. */
+    void line(const std::string& strLine, const std::vector<std::string>& vecInstruction = {})
+    {
+        m_strJob += strLine + "\n";
+        for (const std::string& strInstruction : vecInstruction) {
+            attempt(strLine, strInstruction);
+        }
+        attempt(strLine, "");
+    }
+
+    /** One attempt of the last line; an empty instruction lets it pass. */
+    void attempt(const std::string& strLine, const std::string& strInstruction)
+    {
+        ++m_nLine;
+        if (!strInstruction.empty()) {
+            const std::string strAt = "line " + std::to_string(m_nLine) + " ";
+            EXPECT_EQ("ok", m_controller.instruct(strAt + strInstruction));
+        }
+        m_strWire += strLine + "\n\n";
+        if ("refuse 9" == strInstruction || "refuse 2" == strInstruction) {
+            ++m_nLine;
+            m_strWire += "$X\n";
+        }
+    }
+
+    VirtualController& m_controller;
+    std::string m_strJob;
+    std::string m_strWire;
+    int m_nLine = 0; // as the controller counts
+};
+
+} // namespace
+
+TEST_F(PrintJobTest, SaveKeepsTheFileAndMakesItReady)
+{
+    const uint64_t u64Start = monotonicMs();
+
+    EXPECT_EQ(0, service().saveGcode("G1 X1\nG1\0X2\n", 12));
+
+    EXPECT_LE(499U, monotonicMs() - u64Start);
+    EXPECT_EQ(std::string("G1 X1\nG1\0X2\n", 12), m_folder.read("tmp.gcode"));
+    EXPECT_EQ(PRINT_STATE_FILE_READY, service().getState());
+    EXPECT_EQ("receive file successed!\n", output());
+    EXPECT_EQ("", m_controller.readReceivedBytes());
+}
+
+TEST_F(PrintJobTest, ThreeLinesThenAnEmptyOne)
+{
+    runJob("G1 X1\nG1 X2\nG1 X3\n");
+
+    EXPECT_TRUE(waitForWire("G1 X1\n\nG1 X2\n\nG1 X3\n\n\n"));
+    EXPECT_FALSE(fileExists("tmp.gcode"));
+    m_pService.reset();
+    EXPECT_EQ("receive file successed!\n"
+              "start working!\n"
+              "send out:G1 X1\n\n"
+              "send out:G1 X2\n\n"
+              "send out:G1 X3\n\n"
+              "print job finish!\n"
+              "send out:\n",
+              output());
+}
+
+TEST_F(PrintJobTest, JobOverwritesTheOneThatWaited)
+{
+    saveJob("G1 X1\nG1 X2\n");
+
+    runJob("G1 X3\n");
+
+    EXPECT_TRUE(waitForWire("G1 X3\n\n\n"));
+}
+
+TEST_F(PrintJobTest, SecondJobRunsAfterTheFirst)
+{
+    runJob("G1 X1\n");
+    EXPECT_TRUE(waitForWire("G1 X1\n\n\n"));
+
+    runJob("G1 X2\n");
+
+    EXPECT_TRUE(waitForWire("G1 X1\n\n\nG1 X2\n\n\n"));
+}
+
+TEST_F(PrintJobTest, EmptyFileSendsTheEmptyLineOnly)
+{
+    runJob("");
+
+    EXPECT_TRUE(waitForWire("\n"));
+    EXPECT_FALSE(fileExists("tmp.gcode"));
+    EXPECT_TRUE(std::isnan(progress())); // nothing of nothing
+}
+
+TEST_F(PrintJobTest, LongLineGoesOutInPieces)
+{
+    std::string strLine = "G1 ";
+    while (strLine.size() < 300) {
+        strLine += "X01.0 ";
+    }
+    strLine.resize(300);
+
+    runJob(strLine + "\nG1 X2\n");
+
+    EXPECT_TRUE(
+        waitForWire(strLine.substr(0, 255) + "\n" + strLine.substr(255) + "\n\nG1 X2\n\n\n"));
+}
+
+TEST_F(PrintJobTest, LineIsCutAtAZeroByte)
+{
+    const std::string strJob("G1 X1\0lost\nG1 X2\n", 17);
+
+    runJob(strJob);
+
+    EXPECT_TRUE(waitForWire("G1 X1\nG1 X2\n\n\n"));
+}
+
+TEST_F(PrintJobTest, DeliberateLastLineWithoutLineEndNeverFinishes)
+{
+    saveJob("G1 X1\nG1 X2");
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForWire("G1 X1\n\nG1 X2\n"));
+
+    EXPECT_EQ(0, service().printLoop()); // what the thread does over and over
+    EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
+    EXPECT_TRUE(fileExists("tmp.gcode"));
+    EXPECT_EQ("G1 X1\n\nG1 X2\n", m_controller.readReceivedBytes());
+    EXPECT_EQ(0, service().stopPrint());
+
+    EXPECT_EQ(PRINT_STATE_STOPPED, service().getState());
+    EXPECT_EQ("G1 X1\n\nG1 X2\nM5\n", m_controller.readReceivedBytes());
+}
+
+TEST_F(PrintJobTest, WaitingBehindTheLastLineDoesNotSpin)
+{
+    saveJob("G1 X1");
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForWire("G1 X1\n"));
+    const clock_t before = clock();
+
+    sleepFor(Time(0, 500000));
+
+    EXPECT_GT(CLOCKS_PER_SEC / 4, clock() - before); // spinning takes half a second of it
+    EXPECT_EQ(0, service().stopPrint());
+}
+
+TEST_F(PrintJobTest, LoopWithoutAFileDoesNothing)
+{
+    EXPECT_EQ(0, service().pausePrint()); // paused without ever having had a job
+    (void)output();
+    testing::internal::CaptureStdout();
+
+    EXPECT_EQ(0, service().printLoop());
+
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("M5\n", m_controller.readReceivedBytes());
+}
+
+TEST_F(PrintJobTest, StartTwiceIsRefused)
+{
+    m_controller.instruct("line 1 late 700");
+    saveJob("G1 X1\nG1 X2\n");
+    EXPECT_EQ(0, service().startPrint());
+
+    EXPECT_EQ(1, service().startPrint());
+
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+    EXPECT_TRUE(waitForWire("G1 X1\n\nG1 X2\n\n\n"));
+    EXPECT_TRUE(contains(output(), "printer is working\n"));
+}
+
+TEST_F(PrintJobTest, StartWithoutAFileStaysStuckUntilStopped)
+{
+    EXPECT_EQ(1, service().startPrint());
+    EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
+    EXPECT_EQ(1, service().startPrint());
+
+    EXPECT_EQ(0, service().stopPrint());
+
+    EXPECT_EQ(PRINT_STATE_STOPPED, service().getState());
+    EXPECT_EQ("M5\n", m_controller.readReceivedBytes());
+    EXPECT_EQ("start working!\nopen gcode failed!\nprinter is working\nM5\n\nsend length:3\n",
+              output());
+    runJob("G1 X1\n");
+    EXPECT_TRUE(waitForWire("M5\nG1 X1\n\n\n"));
+}
+
+TEST_F(PrintJobTest, PauseAndGoOnLosesAndRepeatsNothing)
+{
+    const int LINES = 2000;
+    saveJob(makeJob(LINES));
+    EXPECT_EQ(0, service().startPrint());
+
+    for (size_t uPause = 1; uPause <= 3; ++uPause) {
+        EXPECT_TRUE(waitForLines(uPause * 400));
+        EXPECT_EQ(0, service().pausePrint());
+        EXPECT_EQ(PRINT_STATE_PAUSED, service().getState());
+        const size_t uLines = received().size();
+        EXPECT_EQ("M5", received().back());
+        EXPECT_LT(0.0F, progress());
+        EXPECT_GT(1.0F, progress());
+        EXPECT_EQ(uLines, received().size());
+        EXPECT_EQ(0, service().startPrint());
+        EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
+    }
+
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+    EXPECT_TRUE(waitForLines(2 * LINES + 3 + 1));
+    std::string strWire;
+    size_t uPauses = 0;
+    for (const std::string& strLine : received()) {
+        uPauses += ("M5" == strLine) ? 1 : 0;
+        strWire += ("M5" == strLine) ? "" : strLine + "\n";
+    }
+    EXPECT_EQ(3U, uPauses);
+    EXPECT_TRUE(makeWire(LINES) == strWire);
+}
+
+TEST_F(PrintJobTest, StopEndsTheJobAndTheNextOneBeginsAtItsStart)
+{
+    saveJob(makeJob(2000));
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForLines(100));
+
+    EXPECT_EQ(0, service().stopPrint());
+
+    EXPECT_EQ(PRINT_STATE_STOPPED, service().getState());
+    EXPECT_EQ(0.0F, progress());
+    const Texts vecLine = received();
+    EXPECT_EQ("M5", vecLine.back());
+    EXPECT_GT(4000U, vecLine.size());
+    EXPECT_TRUE(fileExists("tmp.gcode")); // only the end of a job removes it
+    runJob("G1 X1\n");
+    EXPECT_TRUE(waitForLines(vecLine.size() + 3));
+    const Texts vecAll = received();
+    EXPECT_EQ((Texts{"G1 X1", "", ""}), Texts(vecAll.end() - 3, vecAll.end()));
+}
+
+TEST_F(PrintJobTest, StopIsHarmlessAtAnyTime)
+{
+    EXPECT_EQ(0, service().stopPrint());
+    EXPECT_EQ(0, service().stopPrint());
+    runJob("G1 X1\n");
+    EXPECT_TRUE(waitForWire("M5\nM5\nG1 X1\n\n\n"));
+
+    EXPECT_EQ(0, service().stopPrint());
+
+    EXPECT_EQ("M5\nM5\nG1 X1\n\n\nM5\n", m_controller.readReceivedBytes());
+}
+
+TEST_F(PrintJobTest, ProgressAtEachStage)
+{
+    m_controller.instruct("line 2 hold"); // the second line stays under way
+    EXPECT_EQ(0.0F, progress());
+    saveJob("G1 X1\nG1 X2\nG1 X3\nG1 X4\n");
+    EXPECT_EQ(0.0F, progress());
+    EXPECT_EQ(0, service().startPrint());
+
+    EXPECT_TRUE(waitForState(PRINT_STATE_PAUSED));
+    EXPECT_EQ(0.25F, progress());
+    m_controller.instruct("go");
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+    EXPECT_EQ(1.0F, progress());
+    EXPECT_EQ(0, service().stopPrint());
+    EXPECT_EQ(0.0F, progress());
+
+    const std::string strOutput = output();
+    EXPECT_TRUE(contains(strOutput, "persent 0.250000\n"));
+    EXPECT_TRUE(contains(strOutput, "persent 1.000000\n"));
+}
+
+TEST_F(PrintJobTest, ShortSendLeavesTheJobStuckUntilStopped)
+{
+    const LogCapture log;
+    saveJob("G1 X1\nG1 X2\n");
+    fillWire();
+    m_controller.instruct("say late\\n"); // keeps the read from waiting
+
+    EXPECT_EQ(0, service().startPrint());
+
+    EXPECT_TRUE(eventually([&log] {
+        return 1 == log.count("[debug] [printservice/PrintService ] [printLoop] send: G1 X1\n\n"
+                              " total bytes:7, but send 0 bytes\n");
+    }));
+    m_controller.instruct("unstall");
+    EXPECT_TRUE(eventually([&log] { return contains(log.text(), "stop thread by myself"); }));
+    EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
+    EXPECT_EQ(1, service().startPrint());
+    EXPECT_EQ(0, service().stopPrint());
+    const std::string strOutput = output();
+    EXPECT_TRUE(contains(strOutput, "nWriteLength:-1\nsend failed!\n"));
+    EXPECT_TRUE(contains(strOutput, "printer is working\n"));
+
+    runJob("G1 X5\n");
+    EXPECT_TRUE(
+        eventually([this] { return contains(m_controller.readReceivedBytes(), "\nG1 X5\n\n\n"); }));
+}
+
+TEST_F(PrintJobTest, CableThatIsPulledInMidJobStopsIt)
+{
+    const LogCapture log;
+    m_controller.instruct("line 5 unplug");
+    saveJob(makeJob(20));
+
+    EXPECT_EQ(0, service().startPrint());
+
+    EXPECT_TRUE(eventually([&log] { return contains(log.text(), "stop thread by myself"); }));
+    EXPECT_TRUE(contains(log.text(), "total bytes:" + std::to_string(makeLine(5).size() + 2) +
+                                         ", but send 0 bytes\n"));
+    EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
+    EXPECT_EQ(0, service().stopPrint());
+
+    m_controller.instruct("plug");
+    ASSERT_EQ(1, m_uart.open(m_controller.getNode()));
+    runJob("G1 X1\n");
+    EXPECT_TRUE(
+        eventually([this] { return contains(m_controller.readReceivedBytes(), "\nG1 X1\n\n\n"); }));
+}
+
+TEST_F(PrintJobTest, StartThatComesAfterTheWishToStopCancelsIt)
+{
+    const LogCapture log;
+    m_controller.instruct("line 2 late 1500"); // the empty line at the end of the first job
+    saveJob("G1 X1\n");
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+    EXPECT_TRUE(eventually([this] { return !fileExists("tmp.gcode"); }));
+
+    startJob("G1 X2\n"); // while the thread still waits for its last reply
+
+    EXPECT_TRUE(waitForWire("G1 X1\n\n\nG1 X2\n\n\n"));
+    EXPECT_TRUE(eventually([&log] { return contains(log.text(), "stop thread by myself"); }));
+    size_t uParked = 0;
+    for (const std::string& strLine : log.lines()) {
+        uParked += contains(strLine, "stop thread by myself") ? 1 : 0;
+    }
+    EXPECT_EQ(1U, uParked);
+}
+
+TEST_F(PrintJobTest, StartThatComesAfterTheThreadHasParkedWakesIt)
+{
+    const LogCapture log;
+    runJob("G1 X1\n");
+    EXPECT_TRUE(eventually([&log] { return contains(log.text(), "stop thread by myself"); }));
+
+    startJob("G1 X2\n");
+
+    EXPECT_TRUE(waitForWire("G1 X1\n\n\nG1 X2\n\n\n"));
+}
+
+TEST_F(PrintJobTest, StartsAtTheMomentOfParkingAreNeverLost)
+{
+    std::string strWire;
+    for (int i = 1; i <= 300; ++i) {
+        startJob("G1 X1\n");
+        strWire += "G1 X1\n\n\n";
+        ASSERT_TRUE(eventually([this] {
+            return PRINT_STATE_STOPPED == service().getState() && !fileExists("tmp.gcode");
+        })) << i;
+        if (0 == i % 3) { // now and then wait for the last reply, when the thread goes to park
+            ASSERT_TRUE(waitForWire(strWire)) << i;
+        }
+    }
+
+    EXPECT_TRUE(waitForWire(strWire));
+}
+
+TEST_F(PrintJobTest, WishAskedAfterTheStartHolds)
+{
+    const LogCapture log;
+    saveJob("G1 X1\nG1 X2\n");
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_EQ(0, service().pausePrint());
+    EXPECT_EQ(0, service().startPrint());
+
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+
+    EXPECT_TRUE(eventually([&log] { return contains(log.text(), "stop thread by myself"); }));
+}
+
+TEST_F(PrintJobTest, NewFileWhileAJobRunsStopsItsLines)
+{
+    m_controller.instruct("line 2 late 1000");
+    saveJob("G1 X1\nG1 X2\nG1 X3\n");
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForLines(3));
+
+    saveJob("G1 X4\n");
+    EXPECT_EQ(PRINT_STATE_FILE_READY, service().getState());
+    EXPECT_EQ(0, service().startPrint());
+
+    EXPECT_TRUE(eventually(
+        [this] { return contains(m_controller.readReceivedBytes(), "G1 X2\n\nG1 X4\n\n\n"); }));
+    EXPECT_FALSE(contains(m_controller.readReceivedBytes(), "X3"));
+}
+
+TEST_F(PrintJobTest, ServiceMayGoInTheMiddleOfAJob)
+{
+    saveJob(makeJob(2000));
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForLines(10));
+
+    m_pService.reset();
+
+    EXPECT_GT(4000U, received().size());
+}
+
+TEST_F(PrintJobTest, ProgressMayBeAskedFromAnotherThread)
+{
+    saveJob(makeJob(500));
+    std::atomic<bool> bDone{false};
+    std::thread asker([this, &bDone] {
+        while (!bDone) {
+            const float fProgress = progress();
+            EXPECT_LE(0.0F, fProgress);
+            EXPECT_GE(1.0F, fProgress);
+            sleepFor(Time(0, 1000));
+        }
+    });
+
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+
+    bDone = true;
+    asker.join();
+    EXPECT_EQ(1.0F, progress());
+}
+
+TEST_F(PrintJobTest, TenThousandLinesArriveInOrderThroughEveryFault)
+{
+    FaultyJob job(m_controller);
+    for (int i = 1; i <= 10000; ++i) {
+        const std::string strLine = makeLine(i);
+        switch (i) {
+        case 1:
+        case 4000:
+            job.line(strLine, {"refuse 5"});
+            break;
+        case 500:
+            job.line(strLine, {"refuse 9"});
+            break;
+        case 501:
+            job.line(strLine, {"refuse 2", "refuse 7"});
+            break;
+        case 1500:
+            job.line(strLine, {"half"});
+            break;
+        case 2500:
+            job.line(strLine, {"garbage"});
+            break;
+        case 3000: // taken while paused: repeated at once until the controller goes on
+            job.m_strJob += strLine + "\n";
+            job.attempt(strLine, "status 1");
+            job.attempt(strLine, "");
+            job.attempt(strLine, "status 4");
+            break;
+        case 5000: // held at the panel: repeated every half second
+            job.m_strJob += strLine + "\n";
+            job.attempt(strLine, "hold");
+            job.attempt(strLine, "");
+            job.attempt(strLine, "go");
+            break;
+        case 6000: // told, but no pause
+            job.m_strJob += strLine + "\n";
+            job.attempt(strLine, "status 2");
+            break;
+        case 7000:
+            job.m_strJob += strLine + "\n";
+            job.attempt(strLine, "late 700");
+            break;
+        case 9999: // leaves an answer behind, so it comes last
+            job.m_strJob += strLine + "\n";
+            job.attempt(strLine, "double");
+            break;
+        default:
+            job.line(strLine);
+            break;
+        }
+    }
+
+    runJob(job.m_strJob);
+
+    const std::string strWire = job.m_strWire + "\n";
+    EXPECT_TRUE(
+        eventually([&] { return m_controller.readReceivedBytes().size() >= strWire.size(); }));
+    EXPECT_TRUE(strWire == m_controller.readReceivedBytes());
+    Texts vecFolded;
+    for (const std::string& strLine : received()) {
+        const bool bJobLine = !strLine.empty() && "$X" != strLine;
+        if (bJobLine && (vecFolded.empty() || strLine != vecFolded.back())) {
+            vecFolded.push_back(strLine);
+        }
+    }
+    ASSERT_EQ(10000U, vecFolded.size());
+    for (int i = 1; i <= 10000; ++i) {
+        ASSERT_EQ(makeLine(i), vecFolded[static_cast<size_t>(i - 1)]);
+    }
+}

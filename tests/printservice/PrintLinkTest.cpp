@@ -1,0 +1,162 @@
+// The link with the placeholder codec: what goes out, what is read, and without a port.
+#include <cstring>
+
+#include "PrintTest.h"
+#include "Time.h"
+
+class PrintLinkTest : public PrintTest
+{
+};
+
+TEST_F(PrintLinkTest, SingleCommandGoesOutAsABareLineEnd)
+{
+    EXPECT_EQ(0, service().printSingleCmd("M5", 2));
+
+    EXPECT_EQ("\n", m_controller.readReceivedBytes());
+    EXPECT_EQ("\n\nsend length:1\n", output());
+}
+
+TEST_F(PrintLinkTest, StringIsSentLikeItsText)
+{
+    EXPECT_EQ(0, service().printSingleCmd(std::string("M5")));
+
+    EXPECT_EQ("\n", m_controller.readReceivedBytes());
+}
+
+TEST_F(PrintLinkTest, SingleCommandWaitsTwoSecondsForItsReply)
+{
+    m_controller.instruct("no-answer");
+    const uint64_t u64Start = monotonicMs();
+
+    EXPECT_EQ(0, service().printSingleCmd("M5", 2));
+
+    EXPECT_LE(1999U, monotonicMs() - u64Start);
+}
+
+TEST_F(PrintLinkTest, ReplyIsNotLoggedSinceReadsReportNoBytes)
+{
+    const LogCapture log;
+
+    EXPECT_EQ(0, service().printSingleCmd("M5", 2));
+
+    EXPECT_EQ("", log.text());
+}
+
+TEST_F(PrintLinkTest, FullPortRefusesTheCommandAndNoReplyIsRead)
+{
+    fillWire();
+    m_controller.instruct("say later\\n");
+
+    EXPECT_EQ(1, service().printSingleCmd("M5", 2));
+
+    char acReply[64] = {0};
+    service().readUart(acReply, 64, 5, 0);
+    EXPECT_STREQ("later\n", acReply);
+}
+
+TEST_F(PrintLinkTest, WithoutAPortEverythingIsRefused)
+{
+    service().setUart(nullptr);
+
+    EXPECT_EQ(1, service().printSingleCmd("M5", 2));
+    EXPECT_EQ(1, service().printSingleCmd("0", 1));
+    EXPECT_EQ(1, service().startPrint());
+    EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
+    EXPECT_EQ(1, service().updateFirmware("x", 1));
+    char acReply[4] = {1, 1, 1, 1};
+    service().readUart(acReply, 4, 10, 0);
+    EXPECT_EQ(0, memcmp(acReply, "\0\0\0\0", 4));
+
+    EXPECT_EQ("start working!\nNow in the update firmware function\n", output());
+    EXPECT_FALSE(fileExists("firmware.bin"));
+    EXPECT_EQ("", m_controller.readReceivedBytes());
+}
+
+TEST_F(PrintLinkTest, ReadOnAClosedPortOnlyClears)
+{
+    m_uart.close();
+
+    char acReply[4] = {1, 1, 1, 1};
+    service().readUart(acReply, 4, 10, 0);
+
+    EXPECT_EQ(0, memcmp(acReply, "\0\0\0\0", 4));
+}
+
+TEST_F(PrintLinkTest, ReplyMayFillTheBuffer)
+{
+    m_controller.instruct("garbage");
+    ASSERT_EQ(3, m_uart.send("G1\n", 3, 0));
+
+    char acReply[65] = {0};
+    acReply[64] = 'x';
+    service().readUart(acReply, 64, 5, 0);
+
+    EXPECT_EQ('\xff', acReply[0]);
+    EXPECT_NE('\0', acReply[63]);
+    EXPECT_EQ('x', acReply[64]);
+}
+
+TEST_F(PrintLinkTest, CommandThatBeginsWithZeroStreamsTheImageFirst)
+{
+    std::string strImage;
+    while (strImage.size() < 3000) {
+        strImage += "firmware line " + std::to_string(strImage.size()) + "\n";
+    }
+    m_folder.write("pp.bin", strImage);
+
+    EXPECT_EQ(0, service().printSingleCmd("0", 1));
+
+    EXPECT_EQ("\n" + strImage + "\n", m_controller.readReceivedBytes());
+    const std::string strRest = std::to_string(strImage.size() - 2048);
+    EXPECT_EQ("start update\n"
+              "\n\nsend length:1\n"
+              "you read 2048 and has send 2048 byte to stm32\n"
+              "you read " +
+                  strRest + " and has send " + strRest +
+                  " byte to stm32\n"
+                  "\n\nsend length:1\n",
+              output());
+}
+
+TEST_F(PrintLinkTest, CommandThatBeginsWithZeroIsSentWithoutAnImage)
+{
+    EXPECT_EQ(0, service().printSingleCmd("0", 1));
+
+    EXPECT_EQ("\n", m_controller.readReceivedBytes());
+    EXPECT_EQ("start update\nopen bin failed!\n\n\nsend length:1\n", output());
+}
+
+TEST_F(PrintLinkTest, ProgressBeforeAnyJobIsZero)
+{
+    EXPECT_EQ(0.0F, progress());
+    EXPECT_EQ("persent 0.000000\n", output());
+}
+
+TEST_F(PrintLinkTest, PolledReplyHasNoStatusForThePlaceholder)
+{
+    m_controller.instruct("say status:3\\n");
+
+    service().pollStatus();
+
+    EXPECT_EQ("", output());
+}
+
+TEST_F(PrintLinkTest, JobRunsWithThePlaceholder)
+{
+    runJob("G1 X1\nG1 X2\nG1 X3\n");
+
+    EXPECT_TRUE(eventually(
+        [this] { return "G1 X1\n\nG1 X2\n\nG1 X3\n\n\n" == m_controller.readReceivedBytes(); }));
+}
+
+TEST_F(PrintLinkTest, DeliberateSilenceCountsAsAcknowledgedAfterTenSeconds)
+{
+    m_controller.instruct("no-answer");
+    const uint64_t u64Start = monotonicMs();
+
+    runJob("G1 X1\nG1 X2\n");
+
+    EXPECT_LE(10U * 1000 - 1, monotonicMs() - u64Start);
+    EXPECT_TRUE(
+        eventually([this] { return "G1 X1\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
+}

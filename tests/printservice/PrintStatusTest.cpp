@@ -1,0 +1,349 @@
+// Commands on the wire, and what the controller's status, error and alarm codes bring about.
+#include "IdlePrintEvent.h"
+#include "PrintTest.h"
+
+namespace {
+
+/** Looks at the idle event as the vision host does, and fills it. */
+class IdleSubscriber
+{
+public:
+    IdleSubscriber()
+    {
+        EventBus<IdlePrintEvent>::subscribe(this, &IdleSubscriber::onIdlePrint);
+    }
+    IdleSubscriber(const IdleSubscriber&) = delete;
+    IdleSubscriber& operator=(const IdleSubscriber&) = delete;
+    ~IdleSubscriber()
+    {
+        EventBus<IdlePrintEvent>::unsubscribe(this, &IdleSubscriber::onIdlePrint);
+    }
+
+    int onIdlePrint(Event* pEvent)
+    {
+        const auto& event = dynamic_cast<IdlePrintEvent&>(*pEvent);
+        ++m_nCalls;
+        m_bFresh = event.m_pValues->empty() && 0 == *event.m_pArg1 && 0 == *event.m_pArg2;
+        event.m_pValues->push_back(7);
+        *event.m_pArg1 = 1;
+        *event.m_pArg2 = 2;
+        return 0;
+    }
+
+    int m_nCalls = 0;
+    bool m_bFresh = false;
+};
+
+class PrintStatusTest : public PrintTest
+{
+protected:
+    /** Let the idle service see a status. */
+    void poll(int nCode)
+    {
+        m_controller.instruct("say status:" + std::to_string(nCode) + "\\n");
+        service().pollStatus();
+    }
+
+    StatusReports m_reports;
+};
+
+} // namespace
+
+TEST_F(PrintStatusTest, CommandsGoOutAsTheCodecSays)
+{
+    EXPECT_EQ(0, service().printSingleCmd("M5", 2));
+
+    EXPECT_EQ("M5\n", m_controller.readReceivedBytes());
+    EXPECT_EQ("M5\n\nsend length:3\n", output());
+}
+
+TEST_F(PrintStatusTest, ErrorLockIsClearedForTwoAndNineOnly)
+{
+    for (const int nCode : {0, 1, 3, 4, 5, 6, 7, 8, 10, 11, -1}) {
+        service().onErrorCode(nCode);
+    }
+    EXPECT_EQ("", m_controller.readReceivedBytes());
+
+    service().onErrorCode(9);
+    EXPECT_EQ("$X\n", m_controller.readReceivedBytes());
+    service().onErrorCode(2);
+    EXPECT_EQ("$X\n$X\n", m_controller.readReceivedBytes());
+}
+
+TEST_F(PrintStatusTest, IdleStatusOneAndTwoAreReported)
+{
+    poll(1);
+    poll(2);
+
+    EXPECT_EQ((Texts{"Wx01", "Wx02"}), m_reports.codes());
+    EXPECT_EQ(PRINT_STATE_IDLE, service().getState());
+    EXPECT_EQ("get status code:1 \nget status code:2 \n", output());
+}
+
+TEST_F(PrintStatusTest, IdleStatusThreeAsksTheSubscribersWhenNoFileWaits)
+{
+    IdleSubscriber subscriber;
+
+    poll(3);
+
+    EXPECT_EQ(1, subscriber.m_nCalls);
+    EXPECT_TRUE(subscriber.m_bFresh);
+    EXPECT_EQ((Texts{"Wx03"}), m_reports.codes());
+    EXPECT_EQ("", m_controller.readReceivedBytes());
+    EXPECT_EQ("get status code:3 \n", output());
+}
+
+TEST_F(PrintStatusTest, IdleStatusThreeStartsTheJobThatWaits)
+{
+    IdleSubscriber subscriber;
+    saveJob("G1 X1\n");
+
+    poll(3);
+
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+    EXPECT_TRUE(
+        eventually([this] { return "~\nG1 X1\n\n\n" == m_controller.readReceivedBytes(); }));
+    EXPECT_EQ((Texts{"Wx03"}), m_reports.codes());
+    EXPECT_EQ(0, subscriber.m_nCalls);
+    EXPECT_TRUE(contains(output(), "get status code:3 \n"));
+}
+
+TEST_F(PrintStatusTest, IdleStatusThreeWithoutItsFileOnlyResumes)
+{
+    saveJob("G1 X1\n");
+    unlink("tmp.gcode");
+
+    poll(3);
+
+    EXPECT_EQ("~\n", m_controller.readReceivedBytes());
+    EXPECT_EQ(Texts(), m_reports.codes());
+    EXPECT_EQ(PRINT_STATE_FILE_READY, service().getState());
+    EXPECT_TRUE(contains(output(), "get status code:3 \n"));
+}
+
+TEST_F(PrintStatusTest, IdleStatusFourPauses)
+{
+    poll(4);
+
+    EXPECT_EQ("M5\n", m_controller.readReceivedBytes());
+    EXPECT_EQ(PRINT_STATE_PAUSED, service().getState());
+    EXPECT_EQ((Texts{"Wx04"}), m_reports.codes());
+    EXPECT_TRUE(contains(output(), "get status code:4 \n"));
+}
+
+TEST_F(PrintStatusTest, OtherIdleStatusIsOnlyPrinted)
+{
+    poll(5);
+
+    EXPECT_EQ(Texts(), m_reports.codes());
+    EXPECT_EQ("get status code:5 \n", output());
+}
+
+TEST_F(PrintStatusTest, IdlePollWithoutAStatusDoesNothing)
+{
+    m_controller.instruct("say ok\\n");
+
+    service().pollStatus();
+
+    EXPECT_EQ(Texts(), m_reports.codes());
+    EXPECT_EQ("", output());
+}
+
+TEST_F(PrintStatusTest, LoopWithoutAJobPolls)
+{
+    m_controller.instruct("say status:2\\n");
+
+    EXPECT_EQ(0, service().printLoop());
+
+    EXPECT_EQ((Texts{"Wx02"}), m_reports.codes());
+}
+
+TEST_F(PrintStatusTest, ThreadDoesNotRunBeforeAJobStarts)
+{
+    m_controller.instruct("say status:2\\n");
+    char acReply[16] = {0};
+    service().readUart(acReply, 15, 5, 0); // whoever reads first has it
+
+    EXPECT_STREQ("status:2\n", acReply);
+    EXPECT_EQ(Texts(), m_reports.codes());
+}
+
+TEST_F(PrintStatusTest, PausedLineIsRepeatedUntilTheControllerGoesOn)
+{
+    m_controller.instruct("line 2 status 1"); // taken, yet paused: each repeat follows at once
+    m_controller.instruct("line 4 status 4");
+
+    runJob("G1 X1\nG1 X2\nG1 X3\n");
+
+    EXPECT_TRUE(eventually([this] {
+        return "G1 X1\n\nG1 X2\n\nG1 X2\n\nG1 X2\n\nG1 X3\n\n\n" ==
+               m_controller.readReceivedBytes();
+    }));
+    EXPECT_EQ((Texts{"Wx01", "Wx04"}), m_reports.codes());
+    const std::string strOutput = output();
+    EXPECT_TRUE(contains(strOutput, "get status code:1 \n"));
+    EXPECT_TRUE(contains(strOutput, "get status code:4 \n"));
+}
+
+TEST_F(PrintStatusTest, ControllerThatHoldsGetsTheLineAgainEveryHalfSecond)
+{
+    m_controller.instruct("line 2 hold");
+    m_controller.instruct("line 4 go");
+
+    runJob("G1 X1\nG1 X2\nG1 X3\n");
+
+    EXPECT_TRUE(eventually([this] {
+        return "G1 X1\n\nG1 X2\n\nG1 X2\n\nG1 X2\n\nG1 X3\n\n\n" ==
+               m_controller.readReceivedBytes();
+    }));
+    EXPECT_EQ((Texts{"Wx01", "Wx01", "Wx04"}), m_reports.codes());
+    std::vector<double> vecTime;
+    for (const VirtualController::Record& record : m_controller.readWire()) {
+        if ("rx" == record.strKind && "G1 X2" == record.strText) {
+            vecTime.push_back(record.dSeconds);
+        }
+    }
+    ASSERT_EQ(3U, vecTime.size());
+    EXPECT_LE(0.499, vecTime[1] - vecTime[0]);
+    EXPECT_LE(0.499, vecTime[2] - vecTime[1]);
+}
+
+TEST_F(PrintStatusTest, StatusTwoWhilePrintingIsOnlyReported)
+{
+    m_controller.instruct("line 1 status 2");
+
+    runJob("G1 X1\nG1 X2\n");
+
+    EXPECT_TRUE(
+        eventually([this] { return "G1 X1\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
+    EXPECT_EQ((Texts{"Wx02"}), m_reports.codes());
+}
+
+TEST_F(PrintStatusTest, StatusThreeWhilePrintingPauses)
+{
+    IdleSubscriber subscriber;
+    m_controller.instruct("line 1 status 3");
+    m_controller.instruct("line 2 status 4");
+
+    runJob("G1 X1\nG1 X2\n");
+
+    EXPECT_TRUE(eventually(
+        [this] { return "G1 X1\n\nG1 X1\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
+    EXPECT_EQ((Texts{"Wx03", "Wx04"}), m_reports.codes());
+    EXPECT_EQ(0, subscriber.m_nCalls);
+}
+
+TEST_F(PrintStatusTest, OtherStatusWhilePrintingIsOnlyPrinted)
+{
+    m_controller.instruct("line 1 status 7");
+
+    runJob("G1 X1\nG1 X2\n");
+
+    EXPECT_TRUE(
+        eventually([this] { return "G1 X1\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
+    EXPECT_EQ(Texts(), m_reports.codes());
+    EXPECT_TRUE(contains(output(), "get status code:7 \n"));
+}
+
+TEST_F(PrintStatusTest, PausedByTheControllerAndContinuedByTheOperator)
+{
+    m_controller.instruct("line 1 status 1");
+    saveJob("G1 X1\nG1 X2\n");
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForState(PRINT_STATE_PAUSED));
+
+    EXPECT_EQ(0, service().startPrint());
+
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+    EXPECT_TRUE(
+        eventually([this] { return contains(m_controller.readReceivedBytes(), "G1 X2\n\n\n"); }));
+}
+
+TEST_F(PrintStatusTest, RefusedLineIsSentAgainAfterHalfASecond)
+{
+    m_controller.instruct("line 2 refuse 5");
+
+    runJob("G1 X1\nG1 X2\nG1 X3\n");
+
+    EXPECT_TRUE(eventually([this] {
+        return "G1 X1\n\nG1 X2\n\nG1 X2\n\nG1 X3\n\n\n" == m_controller.readReceivedBytes();
+    }));
+    EXPECT_TRUE(contains(output(), "get error code:5 \n"));
+}
+
+TEST_F(PrintStatusTest, LockedControllerIsUnlockedAndGetsTheLineAgain)
+{
+    m_controller.instruct("line 2 refuse 9");
+
+    runJob("G1 X1\nG1 X2\n");
+
+    EXPECT_TRUE(eventually([this] {
+        return "G1 X1\n\nG1 X2\n\n$X\nG1 X2\n\n\n" == m_controller.readReceivedBytes();
+    }));
+    EXPECT_TRUE(contains(output(), "get error code:9 \n"));
+}
+
+TEST_F(PrintStatusTest, AlarmIsOnlyPrintedAndTheLockBehindItCleared)
+{
+    m_controller.instruct("line 1 alarm 3");
+
+    runJob("G1 X1\n");
+
+    EXPECT_TRUE(eventually([this] {
+        return "G1 X1\n\nG1 X1\n\n$X\nG1 X1\n\n\n" == m_controller.readReceivedBytes();
+    }));
+    const std::string strOutput = output();
+    EXPECT_TRUE(contains(strOutput, "get alarm code:3 \n"));
+    EXPECT_TRUE(contains(strOutput, "get error code:9 \n"));
+}
+
+TEST_F(PrintStatusTest, HalfAnAnswerAndGarbageAreNoAcknowledgement)
+{
+    m_controller.instruct("line 1 half");
+    m_controller.instruct("line 3 garbage");
+
+    runJob("G1 X1\nG1 X2\n");
+
+    EXPECT_TRUE(eventually([this] {
+        return "G1 X1\n\nG1 X1\n\nG1 X2\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes();
+    }));
+}
+
+TEST_F(PrintStatusTest, LateAnswerIsWaitedFor)
+{
+    m_controller.instruct("line 1 late 1200");
+
+    runJob("G1 X1\nG1 X2\n");
+
+    EXPECT_TRUE(
+        eventually([this] { return "G1 X1\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
+}
+
+TEST_F(PrintStatusTest, SilenceIsNoAcknowledgementForThisController)
+{
+    m_controller.instruct("line 1 no-answer");
+
+    saveJob("G1 X1\n");
+    EXPECT_EQ(0, service().startPrint());
+
+    EXPECT_TRUE(
+        eventually([this] { return "G1 X1\n\nG1 X1\n\n\n" == m_controller.readReceivedBytes(); }));
+    std::vector<double> vecTime;
+    for (const VirtualController::Record& record : m_controller.readWire()) {
+        if ("rx" == record.strKind && "G1 X1" == record.strText) {
+            vecTime.push_back(record.dSeconds);
+        }
+    }
+    ASSERT_EQ(2U, vecTime.size());
+    EXPECT_LE(10.498, vecTime[1] - vecTime[0]); // ten seconds for the reply, then half a second
+}
+
+TEST_F(PrintStatusTest, DoubledAnswerLeavesOneForTheNextLine)
+{
+    m_controller.instruct("line 1 double");
+
+    runJob("G1 X1\nG1 X2\nG1 X3\n");
+
+    EXPECT_TRUE(eventually(
+        [this] { return "G1 X1\n\nG1 X2\n\nG1 X3\n\n\n" == m_controller.readReceivedBytes(); }));
+}

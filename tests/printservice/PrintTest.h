@@ -1,0 +1,170 @@
+// A print service on the virtual controller, in a scratch working directory.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "EventBus.h"
+#include "Eventually.h"
+#include "LogCapture.h"
+#include "PrintService.h"
+#include "ScratchFolder.h"
+#include "StatusReportEvent.h"
+#include "Time.h"
+#include "UART.h"
+#include "VirtualController.h"
+
+/** A service of the test's own; the singleton would bring its past along. */
+class FreshPrintService : public PrintService
+{
+};
+
+/** Keeps the codes of the status reports. */
+class StatusReports
+{
+public:
+    StatusReports()
+    {
+        EventBus<StatusReportEvent>::subscribe(this, &StatusReports::onReport);
+    }
+    StatusReports(const StatusReports&) = delete;
+    StatusReports& operator=(const StatusReports&) = delete;
+    ~StatusReports()
+    {
+        EventBus<StatusReportEvent>::unsubscribe(this, &StatusReports::onReport);
+    }
+
+    std::vector<std::string> codes() const
+    {
+        const std::lock_guard<std::mutex> guard(m_mtx);
+        return m_vecCode;
+    }
+
+    int onReport(Event* pEvent)
+    {
+        const auto& event = dynamic_cast<StatusReportEvent&>(*pEvent);
+        EXPECT_EQ(1, event.m_nWord0);
+        EXPECT_EQ(2, event.m_nWord1);
+        EXPECT_EQ(4, event.m_nCodeLen);
+        const std::lock_guard<std::mutex> guard(m_mtx);
+        m_vecCode.emplace_back(event.m_pCode);
+        return 0;
+    }
+
+private:
+    mutable std::mutex m_mtx; // reports come from the service's thread, too
+    std::vector<std::string> m_vecCode;
+};
+
+/** Standard output is kept from SetUp() until output() is asked for. */
+class PrintTest : public testing::Test
+{
+protected:
+    using Texts = std::vector<std::string>;
+
+    explicit PrintTest(const Texts& vecOption = {"--speed-up", "1000"}) : m_controller(vecOption) {}
+
+    void SetUp() override
+    {
+        Log::getInstance().setSinks(0); // standard output is the service's own here
+        ASSERT_EQ(0, chdir(m_folder.path().c_str()));
+        ASSERT_EQ(1, m_uart.open(m_controller.getNode()));
+        ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
+        m_pService = std::make_unique<FreshPrintService>();
+        m_pService->setUart(&m_uart);
+        testing::internal::CaptureStdout();
+        m_bCapturing = true;
+    }
+
+    void TearDown() override
+    {
+        m_pService.reset();
+        (void)output();
+        m_uart.close();
+        EXPECT_EQ(0, chdir("/"));
+    }
+
+    std::string output()
+    {
+        return std::exchange(m_bCapturing, false) ? testing::internal::GetCapturedStdout()
+                                                  : std::string();
+    }
+
+    PrintService& service()
+    {
+        return *m_pService;
+    }
+
+    bool waitForState(PRINT_STATE_E eState)
+    {
+        return eventually([this, eState] { return eState == service().getState(); });
+    }
+
+    /** Wait until the controller has got so many lines, empty ones included. */
+    bool waitForLines(size_t uLines)
+    {
+        return eventually([this, uLines] { return received().size() >= uLines; });
+    }
+
+    Texts received()
+    {
+        return m_controller.readTexts("rx");
+    }
+
+    /** Stop the controller's reading and fill the wire with blanks until it takes no more. */
+    void fillWire()
+    {
+        m_controller.instruct("stall");
+        const std::string strFill(4096, ' ');
+        // The kernel moves bytes on behind the writer's back, so once full is not yet full.
+        for (int nRefused = 0; nRefused < 10; ++nRefused) {
+            if (m_uart.send(strFill.data(), static_cast<int>(strFill.size()), 0) > 0) {
+                nRefused = 0;
+            }
+            sleepFor(Time(0, 2000));
+        }
+    }
+
+    void saveJob(const std::string& strJob)
+    {
+        EXPECT_EQ(0, service().saveGcode(strJob.data(), static_cast<int>(strJob.size())));
+    }
+
+    /** Save a job, start it and wait for its end. */
+    void runJob(const std::string& strJob)
+    {
+        saveJob(strJob);
+        EXPECT_EQ(0, service().startPrint());
+        EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+    }
+
+    float progress()
+    {
+        float fProgress = -1;
+        EXPECT_EQ(0, service().getProgress(&fProgress));
+        return fProgress;
+    }
+
+    static bool contains(const std::string& strText, const std::string& strPart)
+    {
+        return std::string::npos != strText.find(strPart);
+    }
+
+    static bool fileExists(const char* pName)
+    {
+        return 0 == access(pName, F_OK);
+    }
+
+    ScratchFolder m_folder;
+    VirtualController m_controller;
+    UART m_uart;
+    std::unique_ptr<FreshPrintService> m_pService;
+
+private:
+    bool m_bCapturing = false;
+};

@@ -1,0 +1,127 @@
+// The controller's reset line, below a /sys/class of this program's own.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "BoardNamespace.h"
+#include "PrintTest.h"
+
+namespace {
+
+/** Entered before the first test runs; listing the tests needs no rights. */
+class BoardEnvironment : public testing::Environment
+{
+public:
+    void SetUp() override
+    {
+        std::string strError;
+        if (!enterBoardNamespace(strError)) {
+            FAIL() << strError;
+        }
+    }
+};
+
+[[maybe_unused]] const testing::Environment* const s_pEnvironment =
+    testing::AddGlobalTestEnvironment(new BoardEnvironment);
+
+class ResetTest : public PrintTest
+{
+protected:
+    ResetTest() : PrintTest({"--gpio", "/sys/class/gpio", "--boot-ms", "100"}) {}
+
+    /** The stores of one file, with their times. */
+    std::vector<VirtualController::Record> stores(const std::string& strFile)
+    {
+        std::vector<VirtualController::Record> vecStore;
+        for (const VirtualController::Record& record : m_controller.readWire()) {
+            if ("gpio" == record.strKind &&
+                0 == record.strText.compare(0, strFile.size(), strFile)) {
+                vecStore.push_back(record);
+            }
+        }
+        return vecStore;
+    }
+};
+
+size_t countDescriptors()
+{
+    size_t uCount = 0;
+    DIR* const pDir = opendir("/proc/self/fd");
+    while (nullptr != readdir(pDir)) {
+        ++uCount;
+    }
+    closedir(pDir);
+    return uCount;
+}
+
+} // namespace
+
+TEST_F(ResetTest, LineIsLowForHalfASecondAndHighAgain)
+{
+    EXPECT_EQ(0, service().resetStm32());
+
+    EXPECT_TRUE(eventually([this] { return 3 == stores("gpio106/value").size(); }));
+    const auto vecValue = stores("gpio106/value");
+    EXPECT_EQ("gpio106/value 1", vecValue[0].strText);
+    EXPECT_EQ("gpio106/value 0", vecValue[1].strText);
+    EXPECT_EQ("gpio106/value 1", vecValue[2].strText);
+    EXPECT_LE(0.499, vecValue[2].dSeconds - vecValue[1].dSeconds);
+    ASSERT_EQ(1U, stores("export").size());
+    EXPECT_EQ("export 106", stores("export")[0].strText);
+    ASSERT_EQ(1U, stores("gpio106/direction").size());
+    EXPECT_EQ("gpio106/direction out", stores("gpio106/direction")[0].strText);
+    EXPECT_EQ("you are reset the STM32\n", output());
+}
+
+TEST_F(ResetTest, ControllerIsAwayDuringTheResetAndBackAfterIt)
+{
+    EXPECT_EQ(0, service().resetStm32());
+
+    EXPECT_TRUE(eventually([this] { return 2 == m_controller.readTexts("plugged").size(); }));
+    EXPECT_EQ(1U, m_controller.readTexts("unplugged").size());
+}
+
+TEST_F(ResetTest, ExportAloneDrivesTheLineHigh)
+{
+    service().exportResetGpio();
+
+    EXPECT_TRUE(eventually([this] { return 3 == m_controller.readTexts("gpio").size(); }));
+    EXPECT_EQ("gpio106/value 1", stores("gpio106/value").at(0).strText);
+    EXPECT_TRUE(m_controller.readTexts("unplugged").empty());
+}
+
+TEST_F(ResetTest, DeliberateDescriptorsStayOpen)
+{
+    const size_t uBefore = countDescriptors();
+
+    EXPECT_EQ(0, service().resetStm32());
+
+    EXPECT_EQ(uBefore + 4, countDescriptors());
+}
+
+TEST_F(ResetTest, MissingPinFilesAreIgnored)
+{
+    ASSERT_EQ(0, rename("/sys/class/gpio", "/sys/class/away"));
+
+    EXPECT_EQ(0, service().resetStm32());
+
+    EXPECT_EQ("you are reset the STM32\n", output());
+    EXPECT_TRUE(m_controller.readTexts("gpio").empty());
+    ASSERT_EQ(0, rename("/sys/class/away", "/sys/class/gpio"));
+}
+
+TEST_F(ResetTest, ValueIsWrittenWithItsZeroByte)
+{
+    const int nHold = open("/sys/class/gpio/gpio106/plain", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(0, rename("/sys/class/gpio/gpio106/value", "/sys/class/gpio/gpio106/pipe"));
+    ASSERT_EQ(0, rename("/sys/class/gpio/gpio106/plain", "/sys/class/gpio/gpio106/value"));
+
+    service().exportResetGpio();
+
+    char acBytes[4] = {9, 9, 9, 9};
+    EXPECT_EQ(2, read(nHold, acBytes, sizeof(acBytes)));
+    EXPECT_EQ('1', acBytes[0]);
+    EXPECT_EQ('\0', acBytes[1]);
+    close(nHold);
+    ASSERT_EQ(0, rename("/sys/class/gpio/gpio106/pipe", "/sys/class/gpio/gpio106/value"));
+}
