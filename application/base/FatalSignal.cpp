@@ -18,7 +18,10 @@ const int SIGNALS[] = {SIGTERM, SIGINT, SIGQUIT, SIGILL,  SIGABRT, SIGFPE,  SIGB
 _Unwind_Reason_Code printFrame(_Unwind_Context* pContext, void* pUnused)
 {
     (void)pUnused;
-    RawText().appendHex(_Unwind_GetIP(pContext)).append(" ").print(STDOUT_FILENO);
+    const _Unwind_Ptr uAddress = _Unwind_GetIP(pContext);
+    if (0 != uAddress) { // the outermost frame has none
+        RawText().appendHex(uAddress).append(" ").print(STDOUT_FILENO);
+    }
     return _URC_NO_REASON;
 }
 

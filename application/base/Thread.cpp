@@ -207,7 +207,8 @@ int Thread::forceKill()
 {
     State& state = *m_pState;
     (void)state.mtx.lock(); // a detached thread can't be gone while its end mark is missing
-    const bool bRunning = state.isRunning();
+    // A cancelled thread that is detached may still be running for a while.
+    const bool bRunning = !m_bKilled && state.isRunning();
     if (bRunning) {
         state.bStop = true;
         pthread_cancel(state.handle);

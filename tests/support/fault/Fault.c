@@ -298,8 +298,10 @@ static int isFromPool(const void* pBlock)
     return (const char*)pBlock >= g_acPool && (const char*)pBlock < g_acPool + sizeof(g_acPool);
 }
 
-// Blocks that were freed while looking up "free" itself, at the start of the process: kept.
-static void* g_apKept[16];
+// Looked up by the constructor: dlsym itself frees, so that free can't look it up. Blocks that were
+// freed before are kept.
+static void (*g_pRealFree)(void*);
+static void* g_apKept[64];
 static unsigned g_uKept;
 
 static void resolveAllocator(void* ppReal, const char* pName)
@@ -363,23 +365,24 @@ EXPORT void* realloc(void* pBlock, size_t uSize)
     return s_pReal(pBlock, uSize);
 }
 
+__attribute__((constructor)) static void findFree(void)
+{
+    resolveAllocator(&g_pRealFree, "free");
+}
+
 EXPORT void free(void* pBlock)
 {
-    static void (*s_pReal)(void*);
     if (NULL == pBlock || isFromPool(pBlock)) {
         return;
     }
-    if (NULL == s_pReal && t_bResolving) {
-        const unsigned uSlot = __atomic_fetch_add(&g_uKept, 1, __ATOMIC_SEQ_CST);
-        if (uSlot < sizeof(g_apKept) / sizeof(g_apKept[0])) {
-            g_apKept[uSlot] = pBlock;
-        }
+    if (NULL != g_pRealFree) {
+        g_pRealFree(pBlock);
         return;
     }
-    if (NULL == s_pReal) {
-        resolveAllocator(&s_pReal, "free");
+    const unsigned uSlot = __atomic_fetch_add(&g_uKept, 1, __ATOMIC_SEQ_CST);
+    if (uSlot < sizeof(g_apKept) / sizeof(g_apKept[0])) {
+        g_apKept[uSlot] = pBlock;
     }
-    s_pReal(pBlock);
 }
 
 // Files.

@@ -1,0 +1,210 @@
+// Running shell commands: results, captured output, the time budget, and what they inherit.
+#include "Command.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Eventually.h"
+#include "Fault.h"
+#include "File.h"
+#include "ScratchFolder.h"
+#include "Time.h"
+
+namespace {
+
+std::string capture(const std::string& strCommand, size_t uSize)
+{
+    std::string strOutput(uSize, '?');
+    EXPECT_TRUE(captureCommand(strCommand.c_str(), strOutput.data(), uSize));
+    return strOutput.c_str();
+}
+
+int countTempFiles()
+{
+    int nCount = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+        const std::string strName = entry.path().filename().string();
+        nCount += (0 == strName.compare(0, 10, "temp_file.")) ? 1 : 0;
+    }
+    return nCount;
+}
+
+bool hasNoChildren()
+{
+    return -1 == waitpid(-1, nullptr, WNOHANG) && ECHILD == errno;
+}
+
+} // namespace
+
+TEST(RunCommand, TrueOnlyWhenItExitedWithZero)
+{
+    EXPECT_TRUE(runCommand("exit 0"));
+    EXPECT_FALSE(runCommand("exit 1"));
+    EXPECT_FALSE(runCommand("kill -9 $$"));
+    EXPECT_FALSE(runCommand("no-such-command 2> /dev/null"));
+}
+
+TEST(RunCommand, ShellThatCannotRunIsAFailure)
+{
+    FaultScope fault("system:1:EAGAIN");
+
+    EXPECT_FALSE(runCommand("exit 0"));
+}
+
+TEST(RunCommand, BackgroundCommandReturnsAtOnce)
+{
+    ScratchFolder folder;
+    const std::string strMark = (folder.path() / "mark").string();
+    const std::string strCommand =
+        "(while [ ! -e " + strMark + " ]; do sleep 0.01; done; rm " + strMark + ") &";
+
+    EXPECT_TRUE(runCommand(strCommand.c_str()));
+
+    folder.write("mark", "");
+    EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(strMark); }));
+}
+
+TEST(CaptureCommand, KeepsTheOutputWithItsLineEnd)
+{
+    EXPECT_EQ("4096\t87380\n", capture("printf '4096\\t87380\\n'", 64));
+}
+
+TEST(CaptureCommand, KeepsTheFirstBytesOnly)
+{
+    EXPECT_EQ("abcdefg", capture("echo abcdefghijk", 8));
+    EXPECT_EQ("y\ny", capture("yes", 4)); // and the endless rest ends with a broken pipe
+    EXPECT_EQ("", capture("echo abc", 1));
+}
+
+TEST(CaptureCommand, SlowOutputIsWaitedFor)
+{
+    EXPECT_EQ("one two", capture("printf one; sleep 0.05; printf ' two'", 64));
+}
+
+TEST(CaptureCommand, SilentCommandGivesAnEmptyText)
+{
+    EXPECT_EQ("", capture("true", 64));
+}
+
+TEST(CaptureCommand, MissingProgramOrPipeIsAFailure)
+{
+    char acOutput[64] = "old";
+    EXPECT_FALSE(captureCommand("no-such-command 2> /dev/null", acOutput, sizeof(acOutput)));
+    EXPECT_STREQ("", acOutput);
+    EXPECT_FALSE(captureCommand("echo abc", acOutput, 0));
+
+    FaultScope fault("popen:1:EMFILE");
+    EXPECT_FALSE(captureCommand("echo abc", acOutput, sizeof(acOutput)));
+}
+
+TEST(CaptureCommand, ReadingGoesOnAfterASignalAndEndsWithAnError)
+{
+    char acOutput[64];
+    {
+        FaultScope fault("read:1-2:EINTR");
+        EXPECT_TRUE(captureCommand("echo abc", acOutput, sizeof(acOutput)));
+        EXPECT_STREQ("abc\n", acOutput);
+        EXPECT_EQ(2u, faultHits());
+    }
+    FaultScope fault("read:1:EIO");
+    EXPECT_FALSE(captureCommand("echo abc", acOutput, sizeof(acOutput)));
+    EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(RunCommandTimed, ReturnsTheExitStatus)
+{
+    const int nFiles = countTempFiles();
+
+    EXPECT_EQ(0, runCommandTimed("true", Time(30, 0)));
+    EXPECT_EQ(7, runCommandTimed("exit 7", Time(30, 0)));
+    EXPECT_EQ(127, runCommandTimed("no-such-command 2> /dev/null", Time(30, 0)));
+
+    EXPECT_EQ(nFiles, countTempFiles());
+}
+
+TEST(RunCommandTimed, CommandIsAScriptOfTheShell)
+{
+    ScratchFolder folder;
+    const std::string strOut = (folder.path() / "out").string();
+    const std::string strCommand =
+        "for word in one two; do\necho $word >> " + strOut + "\ndone\necho $0 >> " + strOut;
+
+    EXPECT_EQ(0, runCommandTimed(strCommand.c_str(), Time(30, 0)));
+
+    const std::string strText = folder.read("out");
+    EXPECT_EQ("one\ntwo\n/tmp/temp_file.", strText.substr(0, 23));
+    EXPECT_EQ(30u, strText.size());
+}
+
+TEST(RunCommandTimed, CommandIsKilledWhenTheBudgetIsUsedUp)
+{
+    const Time before = monotonicNow();
+
+    EXPECT_EQ(255, runCommandTimed("while :; do :; done", Time(0, 50000)));
+
+    EXPECT_GE(monotonicNow() - before, Time(0, 50000));
+    EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(RunCommandTimed, WithoutBudgetACommandIsKilledAtOnce)
+{
+    EXPECT_EQ(255, runCommandTimed("while :; do :; done", Time()));
+    EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(RunCommandTimed, CommandEndedByASignalCountsAsZero)
+{
+    EXPECT_EQ(0, runCommandTimed("kill -9 $$", Time(30, 0)));
+}
+
+TEST(RunCommandTimed, NullCommandReturnsMinusOne)
+{
+    EXPECT_EQ(-1, runCommandTimed(nullptr, Time(1, 0)));
+}
+
+TEST(RunCommandTimed, FailuresBeforeTheCommandReturn255)
+{
+    for (const char* pPlan :
+         {"fork:1:EAGAIN", "mkostemp:1:ENOSPC", "fdopen:1:ENOMEM", "fflush:1:ENOSPC"}) {
+        const int nFiles = countTempFiles();
+        testing::internal::CaptureStderr();
+        {
+            FaultScope fault(pPlan);
+            EXPECT_EQ(255, runCommandTimed("true", Time(30, 0))) << pPlan;
+            EXPECT_EQ(1u, faultHits()) << pPlan;
+        }
+        (void)testing::internal::GetCapturedStderr(); // a file that never was can't be removed
+        EXPECT_EQ(nFiles, countTempFiles()) << pPlan;
+    }
+}
+
+TEST(RunCommandTimed, WaitingGoesOnAfterASignal)
+{
+    FaultScope fault("waitpid:1-2:EINTR");
+
+    EXPECT_EQ(3, runCommandTimed("exit 3", Time(30, 0)));
+
+    EXPECT_EQ(2u, faultHits());
+}
+
+TEST(Command, ChildrenInheritNoDescriptorOfOurs)
+{
+    ScratchFolder folder;
+    folder.write("file", "text");
+    File file;
+    ASSERT_EQ(0, file.open((folder.path() / "file").c_str(), FILE_FLAG_READ));
+    const std::string strTest =
+        "[ ! -e /proc/self/fd/" + std::to_string(fileno(file.getStream())) + " ]";
+    char acOutput[8];
+
+    EXPECT_TRUE(runCommand(strTest.c_str()));
+    EXPECT_EQ(0, runCommandTimed(strTest.c_str(), Time(30, 0)));
+    EXPECT_TRUE(captureCommand((strTest + " && echo yes").c_str(), acOutput, sizeof(acOutput)));
+    EXPECT_STREQ("yes\n", acOutput);
+}

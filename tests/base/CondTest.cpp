@@ -1,0 +1,154 @@
+// The condition variable: waking, its failures, and the operations that are as they are.
+#include "Cond.h"
+
+#include <atomic>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <memory>
+#include <thread>
+
+#include "Eventually.h"
+#include "Fault.h"
+#include "LogCapture.h"
+#include "Time.h"
+
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wthread-safety-analysis"
+#endif
+
+namespace {
+
+/** A thread that waits once, without a predicate; what wakes it, and how often, is the test. */
+class Waiter
+{
+public:
+    Waiter(Cond& cond, Mutex& mutex)
+        : m_mutex(mutex), m_thread([this, &cond] {
+              (void)m_mutex.lock();
+              m_bWaiting = true;
+              m_nResult = cond.wait(m_mutex);
+              (void)m_mutex.unlock();
+              m_bWoken = true;
+          })
+    {
+        EXPECT_TRUE(eventually([this] { return m_bWaiting.load(); }));
+        (void)m_mutex.lock(); // free only once the thread has begun to wait
+        (void)m_mutex.unlock();
+    }
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+    ~Waiter()
+    {
+        m_thread.join();
+    }
+
+    std::atomic<bool> m_bWoken{false};
+    std::atomic<int> m_nResult{-1};
+
+private:
+    Mutex& m_mutex;
+    std::atomic<bool> m_bWaiting{false};
+    std::thread m_thread;
+};
+
+} // namespace
+
+TEST(Cond, SignalWakesAWaiter)
+{
+    Mutex mutex(MUTEX_TYPE_ERRORCHECK);
+    Cond cond;
+    Waiter waiter(cond, mutex);
+
+    EXPECT_EQ(RET_SUCCESS, cond.signal());
+
+    EXPECT_TRUE(eventually([&] { return waiter.m_bWoken.load(); }));
+    EXPECT_EQ(0, waiter.m_nResult);
+}
+
+TEST(Cond, BroadcastWakesAll)
+{
+    Mutex mutex(MUTEX_TYPE_ERRORCHECK);
+    Cond cond;
+    Waiter first(cond, mutex);
+    Waiter second(cond, mutex);
+
+    EXPECT_EQ(RET_SUCCESS, cond.broadcast());
+
+    EXPECT_TRUE(eventually([&] { return first.m_bWoken && second.m_bWoken; }));
+}
+
+TEST(Cond, DestructionWakesWhoWaits)
+{
+    Mutex mutex(MUTEX_TYPE_ERRORCHECK);
+    auto pCond = std::make_unique<Cond>();
+    Waiter waiter(*pCond, mutex);
+
+    pCond.reset();
+
+    EXPECT_TRUE(eventually([&] { return waiter.m_bWoken.load(); }));
+}
+
+TEST(Cond, IsWaitingIsFalseWhileSomebodyWaits)
+{
+    Mutex mutex(MUTEX_TYPE_ERRORCHECK);
+    Cond cond;
+    Waiter waiter(cond, mutex);
+
+    EXPECT_FALSE(cond.isWaiting());
+
+    EXPECT_EQ(RET_SUCCESS, cond.signal());
+}
+
+TEST(Cond, FailuresOfThePlatformAreReturned)
+{
+    Cond cond;
+    Mutex mutex(MUTEX_TYPE_ERRORCHECK);
+    FaultScope fault("pthread_cond_signal:1:EINVAL;pthread_cond_broadcast:1:EINVAL;"
+                     "pthread_cond_wait:1:EPERM");
+
+    EXPECT_EQ(1, cond.wait(mutex));
+    EXPECT_EQ(1, cond.signal());
+    EXPECT_EQ(1, cond.broadcast());
+    EXPECT_EQ(0, cond.signal());
+    EXPECT_EQ(0, cond.broadcast());
+}
+
+TEST(Cond, FailedBroadcastInTheDestructorIsLogged)
+{
+    LogCapture log;
+    {
+        Cond cond;
+        (void)faultPlan("pthread_cond_broadcast:1:EINVAL");
+    }
+    (void)faultPlan("");
+
+    EXPECT_EQ("[debug] [Cond.cpp ] [~Cond] cond Broadcast failed !!!\n", log.text());
+}
+
+TEST(CondDeathTest, WaitWithATimeOutAborts)
+{
+    Mutex mutex(MUTEX_TYPE_ERRORCHECK);
+    Cond cond;
+
+    EXPECT_EXIT((void)cond.waitTimeOut(mutex, Time(1, 0)), testing::KilledBySignal(SIGABRT),
+                "Cond.cpp:[0-9]+: RET_E Cond::waitTimeOut\\(Mutex&, const Time&\\): Assertion "
+                "`0' failed");
+}
+
+TEST(CondDeathTest, FailedSetUpNamesExpressionFileAndFunction)
+{
+    EXPECT_DEATH(
+        {
+            FaultScope fault("pthread_cond_init:1:ENOMEM");
+            Cond cond;
+        },
+        "Cond.cpp:[0-9]+: Cond::Cond\\(\\): Assertion "
+        "`0 == pthread_cond_init\\(&m_Cond, &attr\\)' failed");
+    EXPECT_DEATH(
+        {
+            FaultScope fault("pthread_condattr_destroy:1:EINVAL");
+            Cond cond;
+        },
+        "Cond.cpp:[0-9]+: Cond::Cond\\(\\): Assertion "
+        "`0 == pthread_condattr_destroy\\(&attr\\)' failed");
+}

@@ -1,0 +1,105 @@
+// Daemons and restarts, in programs of their own.
+#include "Daemon.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+#include <string>
+
+#include "ChildProgram.h"
+#include "Pattern.h"
+#include "ScratchFolder.h"
+
+namespace {
+
+ChildResult runDaemon(const ScratchFolder& folder, const char* pPlan)
+{
+    return runChild({BASE_CHILD, "daemonise", (folder.path() / "report").string(), pPlan});
+}
+
+} // namespace
+
+TEST(Daemonise, GoesOnInASessionOfItsOwn)
+{
+    ScratchFolder folder;
+
+    const ChildResult result = runDaemon(folder, "");
+
+    // The caller and the session's leader exit with 0; what was buffered is not lost.
+    EXPECT_EQ("buffered\nstatuses 0 0 42\n", result.strOutput);
+    EXPECT_EQ("", result.strError);
+    EXPECT_EQ("directory /\n"
+              "mask 0\n"
+              "0 /dev/null\n1 /dev/null\n2 /dev/null\n"
+              "own session\n"
+              "no leader\n",
+              folder.read("report"));
+}
+
+TEST(Daemonise, FailedForkExitsWithOne)
+{
+    ScratchFolder folder;
+
+    const ChildResult first = runDaemon(folder, "fork:1:EAGAIN");
+    EXPECT_EQ("fork() failed\n", first.strError);
+    EXPECT_EQ("buffered\nstatuses 1\n", first.strOutput);
+
+    const ChildResult second = runDaemon(folder, "fork:2:EAGAIN");
+    EXPECT_EQ("fork() failed\n", second.strError);
+    EXPECT_EQ("buffered\nstatuses 0 1\n", second.strOutput);
+    EXPECT_EQ("", folder.read("report"));
+}
+
+TEST(Daemonise, FailedSessionExitsWithOne)
+{
+    ScratchFolder folder;
+
+    const ChildResult result = runDaemon(folder, "setsid:1:EPERM");
+
+    EXPECT_EQ("setsid() failed\n", result.strError);
+    EXPECT_EQ("buffered\nstatuses 0 1\n", result.strOutput);
+}
+
+TEST(Daemonise, FailedChangeOfDirectoryExitsWithZero)
+{
+    ScratchFolder folder;
+
+    const ChildResult result = runDaemon(folder, "chdir=/:1:EACCES");
+
+    EXPECT_EQ("chdir(/) failed\n", result.strError);
+    EXPECT_EQ("buffered\nstatuses 0 0 0\n", result.strOutput);
+    EXPECT_EQ("", folder.read("report"));
+}
+
+TEST(RestartProcess, KillsTheProcessAndStartsTheProgramAgain)
+{
+    ScratchFolder folder;
+
+    ChildProgram program({BASE_CHILD, "restart", (folder.path() / "mark").string(), "last"});
+    const std::string strKill = "kill -9 " + std::to_string(program.pid()) + "   (sub_fd:";
+    EXPECT_TRUE(program.waitForOutput(strKill)) << program.output();
+    const ChildResult result = program.wait();
+
+    EXPECT_EQ(SIGKILL, result.nSignal);
+    EXPECT_TRUE(hasPattern(result.strOutput,
+                           "^kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\nrestarted restart last, "
+                           "descriptor 3 closed\n$"))
+        << result.strOutput;
+}
+
+TEST(RestartProcess, FailedForkExitsWithOne)
+{
+    const ChildResult result = runChild({BASE_CHILD, "restart-fails", "fork"});
+
+    EXPECT_EQ("fork() failed\n", result.strError);
+    EXPECT_EQ("", result.strOutput);
+    EXPECT_EQ(1, result.nStatus);
+}
+
+TEST(RestartProcess, FailedSessionEndsTheRestartWithOne)
+{
+    const ChildResult result = runChild({BASE_CHILD, "restart-fails", "setsid"});
+
+    EXPECT_EQ("setsid() failed\n", result.strError);
+    EXPECT_EQ("returned\nstatuses 1\n", result.strOutput);
+    EXPECT_EQ(0, result.nStatus);
+}

@@ -1,0 +1,151 @@
+// Waiting for descriptors of any number, and ioctl, beside signals.
+#include "DeviceIo.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "Fault.h"
+#include "Time.h"
+
+namespace {
+
+class Pipe
+{
+public:
+    Pipe()
+    {
+        EXPECT_EQ(0, pipe2(m_anFd, O_CLOEXEC | O_NONBLOCK));
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    ~Pipe()
+    {
+        close(m_anFd[0]);
+        close(m_anFd[1]);
+    }
+    int reader() const
+    {
+        return m_anFd[0];
+    }
+    int writer() const
+    {
+        return m_anFd[1];
+    }
+    void fill() const
+    {
+        const char acBlock[4096] = {0};
+        while (write(writer(), acBlock, sizeof(acBlock)) > 0) {
+        }
+    }
+
+private:
+    int m_anFd[2] = {-1, -1};
+};
+
+} // namespace
+
+TEST(DeviceIo, WaitReadableEndsWithTheTimeOut)
+{
+    const Pipe pipe;
+    const Time before = monotonicNow();
+
+    EXPECT_FALSE(waitReadable(pipe.reader(), 0, 20000));
+
+    EXPECT_GE(monotonicNow() - before, Time(0, 20000));
+}
+
+TEST(DeviceIo, ReadableAndWritableAreSeenAtOnce)
+{
+    const Pipe pipe;
+    EXPECT_TRUE(waitWritable(pipe.writer(), 0, 0));
+    ASSERT_EQ(1, write(pipe.writer(), "x", 1));
+
+    EXPECT_TRUE(waitReadable(pipe.reader(), 0, 0));
+}
+
+TEST(DeviceIo, FullPipeIsNotWritable)
+{
+    const Pipe pipe;
+    pipe.fill();
+
+    EXPECT_FALSE(waitWritable(pipe.writer(), 0, 1000));
+}
+
+TEST(DeviceIo, ClosedOrNegativeDescriptorCountsAsReady)
+{
+    int nClosed = -1;
+    {
+        const Pipe pipe;
+        nClosed = pipe.reader();
+    }
+
+    EXPECT_TRUE(waitReadable(nClosed, 10, 0));
+    EXPECT_TRUE(waitReadable(-1, 10, 0));
+    EXPECT_TRUE(waitWritable(-1, 10, 0));
+}
+
+TEST(DeviceIo, DescriptorsAbove1023AreWaitedFor)
+{
+    rlimit limit{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    const rlimit old = limit;
+    limit.rlim_cur = 2048;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+    const Pipe pipe;
+    const int nHigh = fcntl(pipe.reader(), F_DUPFD_CLOEXEC, 1500);
+    ASSERT_GE(nHigh, 1500);
+
+    EXPECT_FALSE(waitReadable(nHigh, 0, 1000));
+    ASSERT_EQ(1, write(pipe.writer(), "x", 1));
+    EXPECT_TRUE(waitReadable(nHigh, 0, 1000));
+
+    close(nHigh);
+    (void)setrlimit(RLIMIT_NOFILE, &old);
+}
+
+TEST(DeviceIo, SignalBeginsTheWaitAnew)
+{
+    const Pipe pipe;
+    FaultScope fault("poll:1-3:EINTR");
+
+    EXPECT_FALSE(waitReadable(pipe.reader(), 0, 1000));
+
+    EXPECT_EQ(3u, faultHits());
+}
+
+TEST(DeviceIo, AnotherErrorOfTheWaitCountsAsReady)
+{
+    const Pipe pipe;
+    FaultScope fault("poll:1:ENOMEM");
+
+    EXPECT_TRUE(waitReadable(pipe.reader(), 10, 0));
+}
+
+TEST(DeviceIo, IoctlIsRepeatedAfterASignal)
+{
+    const Pipe pipe;
+    ASSERT_EQ(3, write(pipe.writer(), "abc", 3));
+    FaultScope fault("ioctl:1-2:EINTR");
+    int nBytes = 0;
+
+    EXPECT_EQ(0, ioctlRetry(pipe.reader(), FIONREAD, &nBytes));
+
+    EXPECT_EQ(3, nBytes);
+    EXPECT_EQ(2u, faultHits());
+}
+
+TEST(DeviceIo, IoctlReturnsOtherErrors)
+{
+    const Pipe pipe;
+    FaultScope fault("ioctl:1:EIO");
+    int nBytes = 0;
+
+    EXPECT_EQ(-1, ioctlRetry(pipe.reader(), FIONREAD, &nBytes));
+
+    EXPECT_EQ(EIO, errno);
+    EXPECT_EQ(1u, faultHits());
+}

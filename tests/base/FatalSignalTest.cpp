@@ -1,0 +1,104 @@
+// The fatal-signal report, in programs of its own.
+#include "FatalSignal.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+
+#include "ChildProgram.h"
+#include "Pattern.h"
+#include "ScratchFolder.h"
+
+namespace {
+
+ChildResult runFatal(int nLimit, const std::vector<int>& vecSignal)
+{
+    std::vector<std::string> vecArgument{BASE_CHILD, "fatal", std::to_string(nLimit)};
+    for (const int nSignal : vecSignal) {
+        vecArgument.push_back(std::to_string(nSignal));
+    }
+    return runChild(vecArgument);
+}
+
+std::string masked(const std::string& strText)
+{
+    // A signal that somebody sent has the sender's ids in place of an address.
+    return replacePattern(strText, "addr\\((0|0x[0-9a-f]+)\\)", "addr(ADDRESS)");
+}
+
+std::string report(int nSignal)
+{
+    return "\n\n* System is terminated . signal(" + std::to_string(nSignal) + ") addr(ADDRESS) \n";
+}
+
+} // namespace
+
+TEST(FatalSignal, EverySignalIsReportedPublishedAndReturned)
+{
+    for (const int nSignal : {SIGTERM, SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGFPE, SIGBUS, SIGHUP,
+                              SIGSEGV, SIGIO, SIGSYS, SIGTRAP, SIGTSTP, SIGXCPU, SIGXFSZ}) {
+        const ChildResult result = runFatal(5, {nSignal});
+
+        EXPECT_EQ("no SIGPIPE\n" + report(nSignal) + "count 1 seen 1 quits 1 allocations 0\n",
+                  masked(result.strOutput));
+        EXPECT_EQ(0, result.nStatus) << nSignal;
+    }
+}
+
+TEST(FatalSignal, LimitEndsTheProcessWithStatusNine)
+{
+    const ChildResult result = runFatal(2, {SIGTERM, SIGINT});
+
+    EXPECT_EQ("no SIGPIPE\n" + report(SIGTERM) + "count 1 seen 1 quits 1 allocations 0\n" +
+                  report(SIGINT),
+              masked(result.strOutput));
+    EXPECT_EQ(9, result.nStatus);
+}
+
+TEST(FatalSignal, SecondArrivalOfASignalTakesTheDefaultEffect)
+{
+    const ChildResult result = runFatal(5, {SIGTERM, SIGTERM});
+
+    EXPECT_EQ(SIGTERM, result.nSignal);
+    EXPECT_EQ(std::string::npos, result.strOutput.find("count 2"));
+}
+
+TEST(FatalSignal, FaultAddressIsPrinted)
+{
+    const ChildResult result = runChild({BASE_CHILD, "fatal-address"});
+
+    EXPECT_EQ("\n\n* System is terminated . signal(11) addr(0x1230) \n", result.strOutput);
+    EXPECT_EQ(SIGSEGV, result.nSignal);
+}
+
+TEST(FatalSignal, ReportNeedsNoLockOfStandardOutput)
+{
+    const ChildResult result = runChild({BASE_CHILD, "fatal-locked"});
+
+    EXPECT_EQ(report(SIGTERM) + "returned\n", masked(result.strOutput));
+    EXPECT_EQ(SIGKILL, result.nSignal); // its own
+}
+
+TEST(FatalSignal, RestartFlagEndsAtTheFirstSignalAndStartsTheProgramAgain)
+{
+    ScratchFolder folder;
+
+    const ChildResult result = runChild(
+        {BASE_CHILD, "fatal-restart", (folder.path() / "mark").string(), "with its arguments"});
+
+    EXPECT_EQ(9, result.nStatus);
+    EXPECT_NE(std::string::npos, masked(result.strOutput).find(report(SIGTERM)));
+    EXPECT_TRUE(hasPattern(result.strOutput, "kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\n"))
+        << result.strOutput;
+    EXPECT_NE(std::string::npos,
+              result.strOutput.find("restarted with its arguments, SIGTERM open\n"))
+        << result.strOutput;
+}
+
+TEST(FatalSignal, StackIsPrintedAsReturnAddresses)
+{
+    const ChildResult result = runChild({BASE_CHILD, "stack"});
+
+    EXPECT_TRUE(hasPattern(result.strOutput, "^(0x[0-9a-f]+ ){3,}$")) << result.strOutput;
+}

@@ -1,0 +1,165 @@
+// Shared buffers: who frees them, what empty handles do, and the offset that all handles see.
+#include "SafePointer.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Fault.h"
+
+namespace {
+
+const char* const NULL_LINE = "err: NULL pointer(safe pointer) !\n";
+
+char* newText(const char* pText)
+{
+    return strdup(pText);
+}
+
+} // namespace
+
+TEST(SafePointer_C, HandlesShareTheBuffer)
+{
+    char* pText = newText("frame");
+    SafePointer_C<char> first(pText);
+    SafePointer_C<char> second(first);
+    SafePointer_C<char> third;
+    third = second;
+
+    EXPECT_EQ(pText, first.get());
+    EXPECT_EQ(pText, second.get());
+    EXPECT_EQ(pText, third.get());
+}
+
+// Freed twice or never is the address sanitizer's to find; here the buffer lives on meanwhile.
+TEST(SafePointer_C, LastHandleFreesTheBuffer)
+{
+    SafePointer_C<char> last;
+    {
+        SafePointer_C<char> first(newText("frame"));
+        SafePointer_C<char> second(first);
+        last = second;
+        first = SafePointer_C<char>(newText("other"));
+    }
+
+    EXPECT_STREQ("frame", last.get());
+}
+
+TEST(SafePointer_C, HandlesMoveAndAssignToThemselves)
+{
+    SafePointer_C<char> first(newText("frame"));
+    SafePointer_C<char>& alias = first;
+    first = alias;
+    EXPECT_STREQ("frame", first.get());
+
+    SafePointer_C<char> second(std::move(first));
+    EXPECT_STREQ("frame", second.get());
+
+    SafePointer_C<char> third(newText("other"));
+    third = std::move(second);
+    EXPECT_STREQ("frame", third.get());
+}
+
+TEST(SafePointer_C, NullPointerIsReportedAndHoldsNothing)
+{
+    testing::internal::CaptureStdout();
+    SafePointer_C<char> handle(nullptr);
+    EXPECT_EQ(NULL_LINE, testing::internal::GetCapturedStdout());
+
+    EXPECT_EQ(nullptr, handle.get());
+}
+
+TEST(SafePointer_C, CopyOfAHandleMadeFromNullIsReportedToo)
+{
+    testing::internal::CaptureStdout();
+    const SafePointer_C<char> handle(nullptr);
+    const SafePointer_C<char> copy(handle);
+    SafePointer_C<char> assigned;
+    assigned = copy;
+    EXPECT_EQ(std::string(NULL_LINE) + NULL_LINE + NULL_LINE,
+              testing::internal::GetCapturedStdout());
+
+    EXPECT_EQ(nullptr, copy.get());
+    EXPECT_EQ(nullptr, assigned.get());
+}
+
+TEST(SafePointer_C, HandleMadeEmptyIsSilent)
+{
+    testing::internal::CaptureStdout();
+    const SafePointer_C<char> handle;
+    const SafePointer_C<char> copy(handle);
+    SafePointer_C<char> assigned(newText("frame"));
+    assigned = copy;
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+
+    EXPECT_EQ(nullptr, copy.get());
+    EXPECT_EQ(nullptr, assigned.get());
+}
+
+TEST(SafePointer_C, ControlBlockThatCannotBeAllocatedLeavesItEmpty)
+{
+    char* pText = newText("frame");
+    const std::string strPlan = "malloc=" + std::to_string(sizeof(SafePointerBlock)) + ":1:ENOMEM";
+    testing::internal::CaptureStdout();
+    {
+        FaultScope fault(strPlan.c_str());
+        const SafePointer_C<char> handle(pText);
+        EXPECT_EQ(1u, faultHits());
+        EXPECT_EQ(nullptr, handle.get());
+    }
+    EXPECT_EQ(NULL_LINE, testing::internal::GetCapturedStdout());
+}
+
+TEST(SafePointer_C, DataOffsetBelongsToTheBuffer)
+{
+    SafePointer_C<char> first(newText("header and data"));
+    const SafePointer_C<char> second(first);
+    EXPECT_EQ(0u, first.getDataOffset());
+
+    first.setDataOffset(24);
+
+    EXPECT_EQ(24u, second.getDataOffset());
+    EXPECT_EQ(0u, SafePointer_C<char>().getDataOffset());
+}
+
+TEST(SafePointer_C, HandleOfAnotherTypeSharesBufferAndOffset)
+{
+    struct Frame
+    {
+        uint32_t u32Size;
+    };
+    SafePointer_C<char> bytes;
+    void* pFrame = nullptr;
+    {
+        SafePointer_C<Frame> frame(static_cast<Frame*>(malloc(sizeof(Frame))));
+        frame.get()->u32Size = 0x41414141;
+        frame.setDataOffset(2);
+        pFrame = frame.get();
+        bytes = frame.castTo<char>();
+    }
+
+    EXPECT_EQ(pFrame, bytes.get());
+    EXPECT_EQ(2u, bytes.getDataOffset());
+    EXPECT_EQ('A', *bytes.get());
+}
+
+TEST(SafePointer_C, HandlesComeAndGoOnSeveralThreads)
+{
+    const SafePointer_C<char> origin(newText("frame"));
+    std::vector<std::thread> vecThread;
+    for (int i = 0; i < 4; ++i) {
+        vecThread.emplace_back([handle = origin] {
+            for (int nRound = 0; nRound < 1000; ++nRound) {
+                const SafePointer_C<char> copy(handle);
+                EXPECT_STREQ("frame", copy.get());
+            }
+        });
+    }
+    for (std::thread& thread : vecThread) {
+        thread.join();
+    }
+
+    EXPECT_STREQ("frame", origin.get());
+}

@@ -1,0 +1,305 @@
+// Subscribers that come and go on some threads while others publish.
+#include "SubscriberList.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <thread>
+#include <vector>
+
+#include "Eventually.h"
+
+namespace {
+
+class NumberEvent : public Event
+{
+};
+
+std::atomic<int> g_nCallbacks{0}; // alive
+
+/** What a list owns: like a bound function, but counted. */
+template <class T> class CountedCB : public CB<T, int>
+{
+public:
+    CountedCB(T* pObj, int (T::*pFunc)(Event*)) : CB<T, int>(pObj, pFunc)
+    {
+        ++g_nCallbacks;
+    }
+    ~CountedCB() override
+    {
+        --g_nCallbacks;
+    }
+};
+
+/** Fails the test when it is called while nobody may call it. */
+class Visitor
+{
+public:
+    int onEvent(Event*)
+    {
+        m_bStrayCall = m_bStrayCall || !m_bWelcome;
+        ++m_nCalls;
+        return 0;
+    }
+
+    std::atomic<bool> m_bWelcome{false};
+    std::atomic<bool> m_bStrayCall{false};
+    std::atomic<int> m_nCalls{0};
+};
+
+void add(SubscriberList& list, Visitor& visitor)
+{
+    visitor.m_bWelcome = true;
+    list.add(std::make_unique<CountedCB<Visitor>>(&visitor, &Visitor::onEvent));
+}
+
+void remove(SubscriberList& list, Visitor& visitor)
+{
+    list.remove(CB<Visitor, int>(&visitor, &Visitor::onEvent));
+    visitor.m_bWelcome = false;
+}
+
+/** Publishes without a pause while it lives. */
+class Publisher
+{
+public:
+    explicit Publisher(SubscriberList& list)
+        : m_thread([this, &list] {
+              NumberEvent event;
+              while (!m_bQuit) {
+                  list.publish(event, PUBLISH_NESTED);
+                  ++m_nRounds;
+              }
+          })
+    {
+    }
+    Publisher(const Publisher&) = delete;
+    Publisher& operator=(const Publisher&) = delete;
+    ~Publisher()
+    {
+        m_bQuit = true;
+        m_thread.join();
+    }
+
+    std::atomic<unsigned> m_nRounds{0};
+
+private:
+    std::atomic<bool> m_bQuit{false};
+    std::thread m_thread;
+};
+
+} // namespace
+
+TEST(SubscriberList, AfterRemoveTheHandlerIsNeverCalled)
+{
+    SubscriberList list;
+    Visitor resident;
+    add(list, resident);
+    {
+        Publisher first(list);
+        Publisher second(list);
+        std::vector<std::thread> vecThread;
+        for (int i = 0; i < 2; ++i) {
+            vecThread.emplace_back([&list] {
+                for (int nRound = 0; nRound < 300; ++nRound) {
+                    Visitor visitor; // its memory goes at once: a late call would hit it
+                    add(list, visitor);
+                    if (0 == nRound % 3) {
+                        EXPECT_TRUE(eventually([&] { return visitor.m_nCalls > 0; }));
+                    }
+                    remove(list, visitor);
+                    EXPECT_FALSE(visitor.m_bStrayCall);
+                }
+            });
+        }
+        for (std::thread& thread : vecThread) {
+            thread.join();
+        }
+    }
+    remove(list, resident);
+
+    NumberEvent event;
+    list.publish(event, PUBLISH_NESTED);
+
+    EXPECT_GT(resident.m_nCalls, 0);
+    EXPECT_FALSE(resident.m_bStrayCall);
+}
+
+TEST(SubscriberList, RemoveEndsUnderContinuousPublishing)
+{
+    SubscriberList list;
+    Publisher first(list);
+    Publisher second(list);
+    Publisher third(list);
+
+    for (int i = 0; i < 50; ++i) {
+        Visitor visitor;
+        add(list, visitor);
+        EXPECT_TRUE(eventually([&] { return visitor.m_nCalls > 10; }));
+        remove(list, visitor); // hangs the test when it starves
+    }
+}
+
+TEST(SubscriberList, RemovedEntriesAreFreedWhilePublishingGoesOn)
+{
+    SubscriberList list;
+    Publisher publisher(list);
+
+    for (int i = 0; i < 200; ++i) {
+        Visitor visitor;
+        add(list, visitor);
+        remove(list, visitor);
+    }
+
+    // A publisher may hold a few back, never all of them.
+    Visitor last;
+    EXPECT_TRUE(eventually([&] {
+        add(list, last);
+        remove(list, last);
+        return g_nCallbacks < 10;
+    }));
+}
+
+TEST(SubscriberList, WithoutPublishersRemovedEntriesAreFreedAtOnce)
+{
+    SubscriberList list;
+    const int nBefore = g_nCallbacks;
+    Visitor visitor;
+
+    add(list, visitor);
+    EXPECT_EQ(nBefore + 1, g_nCallbacks);
+    remove(list, visitor);
+
+    EXPECT_EQ(nBefore, g_nCallbacks);
+}
+
+TEST(SubscriberList, DestructorFreesWhatIsStillSubscribed)
+{
+    const int nBefore = g_nCallbacks;
+    Visitor visitor;
+    {
+        SubscriberList list;
+        add(list, visitor);
+        add(list, visitor);
+    }
+
+    EXPECT_EQ(nBefore, g_nCallbacks);
+}
+
+TEST(SubscriberList, RemoveWaitsForTheRunningCall)
+{
+    class Sleeper
+    {
+    public:
+        int onEvent(Event*)
+        {
+            m_bInside = true;
+            EXPECT_TRUE(eventually([this] { return m_bMayLeave.load(); }));
+            m_bLeft = true;
+            return 0;
+        }
+        std::atomic<bool> m_bInside{false};
+        std::atomic<bool> m_bMayLeave{false};
+        std::atomic<bool> m_bLeft{false};
+    };
+    SubscriberList list;
+    Sleeper sleeper;
+    Visitor other;
+    list.add(std::make_unique<CB<Sleeper, int>>(&sleeper, &Sleeper::onEvent));
+    add(list, other);
+    std::thread publisher([&list] {
+        NumberEvent event;
+        list.publish(event, PUBLISH_NESTED);
+    });
+    ASSERT_TRUE(eventually([&] { return sleeper.m_bInside.load(); }));
+
+    remove(list, other); // another handler: does not wait for the one that runs
+    std::atomic<bool> bRemoved{false};
+    std::thread remover([&] {
+        list.remove(CB<Sleeper, int>(&sleeper, &Sleeper::onEvent));
+        EXPECT_TRUE(sleeper.m_bLeft);
+        bRemoved = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it would be through by now
+    EXPECT_FALSE(bRemoved);
+    sleeper.m_bMayLeave = true;
+    publisher.join();
+    remover.join();
+
+    EXPECT_TRUE(bRemoved);
+    EXPECT_EQ(0, other.m_nCalls); // removed before the delivery had come to it
+}
+
+TEST(SubscriberList, HandlerLeavesOnItsOwnThreadWhileAnotherThreadCallsIt)
+{
+    class Leaver
+    {
+    public:
+        explicit Leaver(SubscriberList& list) : m_list(list) {}
+        int onEvent(Event*)
+        {
+            if (!m_bLeft.exchange(true)) {
+                // Waits for the calls of other threads, not for its own.
+                m_list.remove(CB<Leaver, int>(this, &Leaver::onEvent));
+                m_bGone = true;
+            } else {
+                EXPECT_FALSE(m_bGone);
+            }
+            return 0;
+        }
+        SubscriberList& m_list;
+        std::atomic<bool> m_bLeft{false};
+        std::atomic<bool> m_bGone{false};
+    };
+    SubscriberList list;
+    Publisher first(list);
+    Publisher second(list);
+
+    for (int i = 0; i < 100; ++i) {
+        Leaver leaver(list);
+        list.add(std::make_unique<CB<Leaver, int>>(&leaver, &Leaver::onEvent));
+        ASSERT_TRUE(eventually([&] { return leaver.m_bGone.load(); }));
+        // The remaining call on this object is the one that removed it: wait for its end.
+        const unsigned nFirst = first.m_nRounds;
+        const unsigned nSecond = second.m_nRounds;
+        ASSERT_TRUE(
+            eventually([&] { return first.m_nRounds != nFirst && second.m_nRounds != nSecond; }));
+    }
+}
+
+TEST(SubscriberList, SubscribersComeWhileHandlersPublishAgain)
+{
+    class Echo
+    {
+    public:
+        explicit Echo(SubscriberList& list) : m_list(list) {}
+        int onEvent(Event* pEvent)
+        {
+            thread_local int t_nDepth = 0;
+            if (t_nDepth < 2) {
+                ++t_nDepth;
+                m_list.publish(*pEvent, PUBLISH_NESTED);
+                --t_nDepth;
+            }
+            ++m_nCalls;
+            return 0;
+        }
+        SubscriberList& m_list;
+        std::atomic<int> m_nCalls{0};
+    };
+    SubscriberList list;
+    Echo echo(list);
+    list.add(std::make_unique<CB<Echo, int>>(&echo, &Echo::onEvent));
+    {
+        Publisher first(list);
+        Publisher second(list);
+        for (int i = 0; i < 200; ++i) {
+            Visitor visitor;
+            add(list, visitor);
+            remove(list, visitor);
+            EXPECT_FALSE(visitor.m_bStrayCall);
+        }
+        EXPECT_TRUE(eventually([&] { return echo.m_nCalls > 100; }));
+    }
+
+    list.remove(CB<Echo, int>(&echo, &Echo::onEvent));
+}

@@ -1,0 +1,455 @@
+// The thread behind its gate: starting, parking, ending, and what is logged about it.
+#include "Thread.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <new>
+#include <sched.h>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <unistd.h>
+
+#include "ChildProgram.h"
+#include "Eventually.h"
+#include "Fault.h"
+#include "LogCapture.h"
+#include "Time.h"
+
+namespace {
+
+const uint32_t BARE_FUNCTION = LOG_LAYOUT_LEVEL | LOG_LAYOUT_FILE | LOG_LAYOUT_FUNCTION;
+
+/** A body that counts its calls and does what the test wants. */
+class Worker
+{
+public:
+    virtual ~Worker() = default;
+
+    virtual int run()
+    {
+        ++m_nCalls;
+        m_bInside = true;
+        while (m_bHold) {
+            sleepFor(Time(0, 1000));
+        }
+        if (m_bStopItself.exchange(false)) {
+            m_pThread->stop();
+            m_bResumed = true;
+        }
+        m_bInside = false;
+        sleepFor(Time(0, 200));
+        return m_nResult;
+    }
+
+    std::atomic<int> m_nCalls{0};
+    std::atomic<bool> m_bInside{false};
+    std::atomic<bool> m_bHold{false};
+    std::atomic<bool> m_bStopItself{false};
+    std::atomic<bool> m_bResumed{false};
+    std::atomic<int> m_nResult{0};
+    Thread* m_pThread = nullptr;
+};
+
+class SpecialWorker : public Worker
+{
+public:
+    int run() override
+    {
+        m_bSpecial = true;
+        return 42;
+    }
+    std::atomic<bool> m_bSpecial{false};
+};
+
+std::string nameOf(int32_t s32Tid)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(s32Tid) + "/comm");
+    std::string strName;
+    std::getline(file, strName);
+    return strName;
+}
+
+bool waitForCalls(Worker& worker, int nMore)
+{
+    const int nBefore = worker.m_nCalls;
+    return eventually([&] { return worker.m_nCalls >= nBefore + nMore; });
+}
+
+std::string withTid(const char* pText, int32_t s32Tid, const char* pName)
+{
+    return std::string(pText) + "(tid:" + std::to_string(s32Tid) + " name:" + pName + ")\n";
+}
+
+/** Whether the threads are joinable. */
+class ThreadKinds : public testing::TestWithParam<bool>
+{
+};
+
+} // namespace
+
+TEST_P(ThreadKinds, BodyIsNotCalledBeforeStart)
+{
+    Worker worker;
+    {
+        Thread thread(&Worker::run, &worker, "parked", 0, 0, 0, GetParam());
+        EXPECT_NE(0, thread.getTid());
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it would run by now
+    }
+
+    EXPECT_EQ(0, worker.m_nCalls);
+}
+
+TEST_P(ThreadKinds, BodyThatReturnsZeroIsCalledAgainAndAgain)
+{
+    Worker worker;
+    Thread thread(&Worker::run, &worker, "again", 0, 0, 0, GetParam());
+
+    EXPECT_EQ(0, thread.start());
+
+    EXPECT_TRUE(waitForCalls(worker, 20));
+}
+
+TEST_P(ThreadKinds, StopReturnsOnlyAfterTheCurrentCall)
+{
+    Worker worker;
+    worker.m_bHold = true;
+    Thread thread(&Worker::run, &worker, "stop", 0, 0, 0, GetParam());
+    (void)thread.start();
+    ASSERT_TRUE(eventually([&] { return worker.m_bInside.load(); }));
+    std::atomic<bool> bStopped{false};
+    std::thread stopper([&] {
+        EXPECT_EQ(0, thread.stop());
+        EXPECT_FALSE(worker.m_bInside);
+        bStopped = true;
+    });
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it would be through by now
+    EXPECT_FALSE(bStopped);
+    worker.m_bHold = false;
+    stopper.join();
+
+    const int nCalls = worker.m_nCalls;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10)); // it would be called by now
+    EXPECT_EQ(nCalls, worker.m_nCalls);
+    (void)thread.start();
+    EXPECT_TRUE(waitForCalls(worker, 2));
+}
+
+TEST_P(ThreadKinds, BodyThatStopsItselfParksUntilTheNextStart)
+{
+    LogCapture log(BARE_FUNCTION);
+    Worker worker;
+    Thread thread(&Worker::run, &worker, "self", 0, 0, 0, GetParam());
+    worker.m_pThread = &thread;
+    worker.m_bStopItself = true;
+    (void)thread.start();
+    ASSERT_TRUE(eventually([&] {
+        return 1 == log.count("[info ] [Thread.cpp ] [stop] " +
+                              withTid("stop thread by myself", thread.getTid(), "self"));
+    }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10)); // it would go on by now
+    EXPECT_FALSE(worker.m_bResumed);
+
+    // The body's thread parks a moment after its line: a start before that finds it running.
+    EXPECT_TRUE(eventually([&] {
+        (void)thread.start();
+        return worker.m_bResumed.load();
+    }));
+
+    EXPECT_TRUE(waitForCalls(worker, 2));
+}
+
+TEST_P(ThreadKinds, BodyThatReturnsNonZeroEndsTheThread)
+{
+    Worker worker;
+    worker.m_nResult = 1;
+    Thread thread(&Worker::run, &worker, "once", 0, 0, 0, GetParam());
+    (void)thread.start();
+
+    EXPECT_TRUE(eventually([&] { return 1 == thread.getResult(); }));
+    (void)thread.start();
+    (void)thread.stop();
+
+    EXPECT_EQ(1, worker.m_nCalls);
+}
+
+TEST_P(ThreadKinds, QuickStartAndStopLeavesItParked)
+{
+    Worker worker;
+    Thread thread(&Worker::run, &worker, "quick", 0, 0, 0, GetParam());
+
+    for (int i = 0; i < 50; ++i) {
+        (void)thread.start();
+        (void)thread.stop();
+    }
+
+    // The last start may have come through the gate once more before the flag was taken back.
+    int nCalls = -1;
+    EXPECT_TRUE(eventually([&] {
+        const int nBefore = nCalls;
+        nCalls = worker.m_nCalls;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return nBefore == nCalls && nCalls == worker.m_nCalls;
+    }));
+}
+
+TEST_P(ThreadKinds, KilledWhileRunningCanBeDestroyed)
+{
+    LogCapture log(BARE_FUNCTION);
+    Worker worker;
+    worker.m_bHold = true;
+    int32_t s32Tid = 0;
+    {
+        Thread thread(&Worker::run, &worker, "killed", 0, 0, 0, GetParam());
+        (void)thread.start();
+        ASSERT_TRUE(eventually([&] { return worker.m_bInside.load(); }));
+        s32Tid = thread.getTid();
+
+        EXPECT_EQ(0, thread.forceKill());
+
+        EXPECT_EQ(0, thread.getTid());
+        EXPECT_EQ(0, thread.forceKill()); // not running any more
+    }
+
+    EXPECT_TRUE(worker.m_bInside); // cut off in the middle
+    EXPECT_EQ(1, log.count("[info ] [Thread.cpp ] [forceKill] force killed thread, tid:" +
+                           std::to_string(s32Tid) + "\n"));
+    EXPECT_EQ(1, log.count("[info ] [Thread.cpp ] [destory] destory thread(tid:0 name:killed)\n"));
+}
+
+TEST_P(ThreadKinds, KillOfAParkedThreadDoesNothing)
+{
+    Worker worker;
+    Thread thread(&Worker::run, &worker, "parked", 0, 0, 0, GetParam());
+
+    EXPECT_EQ(0, thread.forceKill());
+    EXPECT_NE(0, thread.getTid());
+
+    (void)thread.start();
+    EXPECT_TRUE(waitForCalls(worker, 2));
+}
+
+TEST_P(ThreadKinds, DestructionEndsARunningThread)
+{
+    Worker worker;
+    {
+        Thread thread(&Worker::run, &worker, "running", 0, 0, 0, GetParam());
+        (void)thread.start();
+        ASSERT_TRUE(waitForCalls(worker, 2));
+    }
+    const int nCalls = worker.m_nCalls;
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(10)); // it would be called by now
+
+    EXPECT_EQ(nCalls, worker.m_nCalls);
+}
+
+INSTANTIATE_TEST_SUITE_P(JoinableAndDetached, ThreadKinds, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& kind) {
+                             return kind.param ? "Joinable" : "Detached";
+                         });
+
+TEST(Thread, VirtualBodyReachesTheOverride)
+{
+    SpecialWorker worker;
+    Thread thread(&Worker::run, static_cast<Worker*>(&worker), "virtual", 0, 0, 0, true);
+
+    (void)thread.start();
+
+    EXPECT_TRUE(eventually([&] { return 42 == thread.getResult(); }));
+    EXPECT_TRUE(worker.m_bSpecial);
+}
+
+TEST(Thread, EveryStepIsLoggedOnce)
+{
+    LogCapture log(BARE_FUNCTION);
+    Worker worker;
+    int32_t s32Tid = 0;
+    {
+        Thread thread(&Worker::run, &worker, "logged", 0, 0, 0, true);
+        s32Tid = thread.getTid();
+        (void)thread.start();
+        ASSERT_TRUE(waitForCalls(worker, 1));
+        (void)thread.start(); // running: nothing happens
+        (void)thread.stop();
+        (void)thread.stop(); // parked: nothing happens
+        EXPECT_EQ("[info ] [Thread.cpp ] [create] " + withTid("create thread", s32Tid, "logged") +
+                      "[info ] [Thread.cpp ] [start] " + withTid("start thread", s32Tid, "logged") +
+                      "[info ] [Thread.cpp ] [stop] " + withTid("stop thread", s32Tid, "logged"),
+                  log.text());
+    }
+
+    EXPECT_EQ("[info ] [Thread.cpp ] [destory] " + withTid("destory thread", s32Tid, "logged"),
+              log.lines().back());
+}
+
+TEST(Thread, NameIsCutToFifteenCharacters)
+{
+    LogCapture log(0);
+    Worker worker;
+    {
+        Thread thread(&Worker::run, &worker, "a-name-of-twenty-two", 0, 0, 0, true);
+
+        EXPECT_EQ("a-name-of-twent", nameOf(thread.getTid()));
+        EXPECT_EQ(withTid("create thread", thread.getTid(), "a-name-of-twenty-two"), log.text());
+    }
+}
+
+TEST(Thread, NiceValueIsTheThreadsAlone)
+{
+    Worker worker;
+    Thread thread(&Worker::run, &worker, "nice", 3, 0, 0, true);
+    const auto niceOf = [](int32_t s32Tid) {
+        return getpriority(PRIO_PROCESS, static_cast<id_t>(s32Tid));
+    };
+    const int nOwn = niceOf(getpid());
+
+    EXPECT_TRUE(eventually([&] { return nOwn + 3 == niceOf(thread.getTid()); }));
+    EXPECT_EQ(nOwn, niceOf(getpid()));
+}
+
+TEST(Thread, PolicyAndPriorityApply)
+{
+    Worker worker;
+    Thread probe(&Worker::run, &worker, "ordinary", 0, 0, 0, true);
+    sched_param param{};
+    param.sched_priority = 1;
+    if (0 != sched_setscheduler(probe.getTid(), SCHED_RR, &param)) {
+        GTEST_SKIP() << "real-time scheduling is not permitted here";
+    }
+
+    Thread thread(&Worker::run, &worker, "realtime", 0, SCHED_RR, 2, true);
+
+    EXPECT_EQ(SCHED_RR, sched_getscheduler(thread.getTid()));
+    ASSERT_EQ(0, sched_getparam(thread.getTid(), &param));
+    EXPECT_EQ(2, param.sched_priority);
+}
+
+namespace {
+
+// A thread that was never created keeps its destructor waiting for ever: these are never destroyed.
+const int KEPT = 8;
+alignas(Thread) char g_acKept[KEPT * sizeof(Thread)];
+Worker g_aWorker[KEPT];
+int g_nKept = 0;
+
+Thread& keep(int nNice, int nPolicy, int nPriority)
+{
+    Worker* pWorker = &g_aWorker[g_nKept];
+    void* pPlace = &g_acKept[sizeof(Thread) * static_cast<size_t>(g_nKept)];
+    ++g_nKept;
+    return *new (pPlace) Thread(&Worker::run, pWorker, "kept", nNice, nPolicy, nPriority, false);
+}
+
+} // namespace
+
+TEST(Thread, FailuresOfCreationAreLoggedWithTheirErrorText)
+{
+    const struct
+    {
+        const char* pPlan;
+        int nError;
+        const char* pLine;
+    } aCase[] = {
+        {"pthread_attr_getinheritsched:1:EINVAL", EINVAL, "pthread_attr_getinheritsched failed! "},
+        {"pthread_attr_setinheritsched:1:ENOTSUP", ENOTSUP,
+         "pthread_attr_setinheritsched failed! "},
+        {"pthread_attr_setschedpolicy:1:EINVAL", EINVAL, "pthread_attr_setschedpolicy failed! "},
+        {"pthread_attr_setschedparam:1:EINVAL", EINVAL, "pthread_attr_setschedParam failed! "},
+        {"pthread_create:1:EAGAIN", EAGAIN, "pthread_create failed! "},
+    };
+    LogCapture log(BARE_FUNCTION);
+    for (const auto& entry : aCase) {
+        log.clear();
+        FaultScope fault(entry.pPlan);
+
+        const Thread& thread = keep(0, 0, 0);
+
+        EXPECT_EQ(1u, faultHits()) << entry.pPlan;
+        EXPECT_EQ(std::string("[error] [Thread.cpp ] [create] ") + entry.pLine +
+                      strerror(entry.nError) + "\n",
+                  log.text());
+        EXPECT_EQ(0, thread.getTid());
+    }
+}
+
+TEST(Thread, CreateReturnsThePlatformsErrorAndMayBeTriedAgain)
+{
+    (void)faultPlan("pthread_create:1-2:EAGAIN");
+    Worker worker;
+    Thread thread(&Worker::run, &worker, "late", 0, 0, 0, true);
+
+    EXPECT_EQ(EAGAIN, thread.create());
+    (void)faultPlan("");
+    EXPECT_EQ(0, thread.create());
+
+    (void)thread.start();
+    EXPECT_TRUE(waitForCalls(worker, 2));
+}
+
+TEST(Thread, RefusedPriorityIsLogged)
+{
+    LogCapture log(BARE_FUNCTION);
+
+    (void)keep(0, SCHED_OTHER, 77); // the ordinary policy has no priority but 0
+
+    EXPECT_EQ(std::string("[error] [Thread.cpp ] [create] pthread_attr_setschedParam failed! ") +
+                  strerror(EINVAL) + "\n",
+              log.text());
+}
+
+TEST(Thread, RefusedNiceValueEndsItBeforeTheGate)
+{
+    LogCapture log(BARE_FUNCTION);
+    FaultScope fault("nice:1:EPERM");
+
+    Thread& thread = keep(-5, 0, 0);
+
+    // Deliberate: the text of what nice returned, which is no error number.
+    const std::string strLine =
+        std::string("[error] [Thread.cpp ] [theThread] change nice failed! ") + strerror(-1) + "\n";
+    EXPECT_TRUE(eventually([&] { return 1 == log.count(strLine); }));
+    EXPECT_TRUE(eventually([&] { return "" == nameOf(thread.getTid()); })); // gone
+    (void)thread.start();
+    (void)thread.stop();
+    EXPECT_EQ(0, g_aWorker[g_nKept - 1].m_nCalls);
+}
+
+TEST(Thread, NiceValueRefusedByTheKernelEndsItToo)
+{
+    const ChildResult result = runChild({BASE_CHILD, "nice-refused"});
+
+    EXPECT_NE(std::string::npos,
+              result.strOutput.find(std::string("change nice failed! ") + strerror(-1) + "\n"))
+        << result.strOutput;
+    EXPECT_NE(std::string::npos, result.strOutput.find("calls 0\n"));
+}
+
+namespace {
+
+bool g_bNothrowFails = false;
+
+} // namespace
+
+void* operator new(size_t uSize, const std::nothrow_t&) noexcept
+{
+    return g_bNothrowFails ? nullptr : ::operator new(uSize); // nobody else here runs out of it
+}
+
+TEST(Thread, BodyThatCannotBeAllocatedIsLogged)
+{
+    LogCapture log(BARE_FUNCTION);
+    g_bNothrowFails = true;
+
+    const Thread& thread = keep(0, 0, 0);
+
+    g_bNothrowFails = false;
+    EXPECT_EQ("[error] [application/base/include/Thread ] [Thread] thread callback function new "
+              "failed !!\n",
+              log.text());
+    EXPECT_EQ(0, thread.getTid());
+}

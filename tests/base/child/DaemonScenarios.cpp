@@ -1,0 +1,115 @@
+// Scenarios of daemons and restarts.
+#include "Scenarios.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Daemon.h"
+#include "Fault.h"
+#include "Time.h"
+
+namespace {
+
+std::string linkOf(const char* pLink)
+{
+    char acTarget[256] = {0};
+    (void)!readlink(pLink, acTarget, sizeof(acTarget) - 1);
+    return acTarget;
+}
+
+/** Adopts and awaits every descendant. @return their exit statuses in the order of ending */
+std::string statusesOfDescendants()
+{
+    std::string strStatuses;
+    int nStatus = 0;
+    for (;;) {
+        const pid_t pid = waitpid(-1, &nStatus, 0);
+        if (pid < 0 && EINTR != errno) {
+            return strStatuses;
+        }
+        if (pid > 0) {
+            strStatuses += " " + std::to_string(WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1);
+        }
+    }
+}
+
+void reportDaemon(FILE* pReport, pid_t caller)
+{
+    fprintf(pReport, "directory %s\n", linkOf("/proc/self/cwd").c_str());
+    fprintf(pReport, "mask %o\n", static_cast<unsigned>(umask(0)));
+    fprintf(pReport, "0 %s\n1 %s\n2 %s\n", linkOf("/proc/self/fd/0").c_str(),
+            linkOf("/proc/self/fd/1").c_str(), linkOf("/proc/self/fd/2").c_str());
+    fprintf(pReport, "%s session\n", (getsid(0) != getsid(caller)) ? "own" : "caller's");
+    fprintf(pReport, "%s leader\n", (getsid(0) == getpid()) ? "session" : "no");
+    fflush(pReport);
+}
+
+} // namespace
+
+/** A file for the daemon's report, a plan of failing calls or "". */
+int runDaemonise(int argc, char** argv)
+{
+    if (4 != argc) {
+        return 100;
+    }
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    FILE* pReport = fopen(argv[2], "w");
+    const pid_t caller = getpid();
+    if (0 == fork()) {
+        printf("buffered\n");
+        (void)faultPlan(argv[3]);
+        daemonise();
+        (void)faultPlan("");
+        reportDaemon(pReport, caller);
+        _exit(42);
+    }
+    const std::string strStatuses = statusesOfDescendants();
+    fclose(pReport);
+    printf("statuses%s\n", strStatuses.c_str());
+    return 0;
+}
+
+/** A file: not there yet, then the run that is restarted; there, then the restarted run. */
+int runRestart(int argc, char** argv)
+{
+    FILE* pMark = fopen(argv[2], "r");
+    if (nullptr != pMark) {
+        fclose(pMark);
+        printf("restarted %s %s, descriptor 3 %s\n", argv[1], argv[argc - 1],
+               (0 == access("/proc/self/fd/3", F_OK)) ? "open" : "closed");
+        return 0;
+    }
+    pMark = fopen(argv[2], "w"); // no close-on-exec: open in the restarted program unless closed
+    restartProcess(argv, Time(0, 100000));
+    for (;;) {
+        pause(); // until it is killed
+    }
+}
+
+/** "fork" or "setsid": what fails; prints "returned" when the caller goes on. */
+int runRestartFails(int, char** argv)
+{
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    if (0 == strcmp("fork", argv[2])) {
+        const rlimit none = {0, 0};
+        setrlimit(RLIMIT_NPROC, &none);
+        if (0 == geteuid() && 0 != setuid(65534)) { // nobody: the limit does not bind root
+            return 100;
+        }
+    } else {
+        (void)faultPlan("setsid:1:EPERM");
+    }
+    restartProcess(argv, Time());
+    printf("returned\n");
+    printf("statuses%s\n", statusesOfDescendants().c_str());
+    return 0;
+}

@@ -1,0 +1,169 @@
+// Process exits whose singletons were first used in a given order.
+#include "Scenarios.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "EventBus.h"
+#include "Eventually.h"
+#include "FatalSignal.h"
+#include "Log.h"
+#include "LogEvent.h"
+#include "LogFile.h"
+#include "LogServer.h"
+#include "SystemNeedQuitEvent.h"
+#include "Thread.h"
+#include "Time.h"
+
+static const char* const SOURCE_NAME = "ExitOrder";
+
+namespace {
+
+/** A singleton as a module is: a thread that logs, subscriptions, log lines until its end. */
+class Module
+{
+public:
+    static Module& getInstance()
+    {
+        static Module s_instance;
+        return s_instance;
+    }
+    Module(const Module&) = delete;
+    Module& operator=(const Module&) = delete;
+
+    int onQuit(Event*)
+    {
+        LOG(2, "quit\n");
+        return 0;
+    }
+
+    int run()
+    {
+        LOG(2, "module runs\n");
+        sleepFor(Time(0, 1000));
+        return 0;
+    }
+
+    std::atomic<int> m_nLines{0};
+
+private:
+    Module() : m_thread(&Module::run, this, "module", 0, 0, 0, true)
+    {
+        EventBus<SystemNeedQuitEvent>::subscribe(this, &Module::onQuit);
+        (void)m_thread.start();
+    }
+    ~Module()
+    {
+        EventBus<SystemNeedQuitEvent>::unsubscribe(this, &Module::onQuit);
+        LOG(2, "module goes\n");
+    }
+
+    Thread m_thread;
+};
+
+/** Connects a viewer that stays until the process is gone. */
+void connectViewer(uint16_t u16Port)
+{
+    const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(u16Port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (0 != connect(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address))) {
+        printf("no viewer\n");
+        return;
+    }
+    char cFirst = 0;
+    (void)eventually([&] {
+        LOG(2, "for the viewer\n");
+        return 1 == recv(nFd, &cFirst, 1, MSG_DONTWAIT);
+    });
+}
+
+void use(char cWhat, const char* pPath, int nPort)
+{
+    switch (cWhat) {
+    case 'l': // log
+        LOG(2, "line\n");
+        break;
+    case 'b': { // bus of the log lines
+        (void)EventBus<LogEvent>::getInstance();
+        break;
+    }
+    case 'q': { // quit bus
+        SystemNeedQuitEvent event;
+        EventBus<SystemNeedQuitEvent>::publish(event);
+        break;
+    }
+    case 'f': // log file alone, without the log
+        (void)LogFile::getInstance().init(pPath, 1, 2);
+        break;
+    case 'F': // log file by the log
+        Log::getInstance().setSinks(LOG_SINK_FILE | LOG_SINK_SERVER).initLogFile(pPath, 1, 2);
+        break;
+    case 's': // log server object, never set up
+        (void)LogServer::getInstance();
+        break;
+    case 'S': // log server by the log
+        Log::getInstance()
+            .setSinks(LOG_SINK_FILE | LOG_SINK_SERVER)
+            .initLogServer("127.0.0.1", nPort);
+        break;
+    case 'v': // a viewer that is still there at the end
+        connectViewer(static_cast<uint16_t>(nPort));
+        break;
+    case 'm': // module with a thread
+        (void)Module::getInstance();
+        break;
+    case 'g': // fatal-signal report
+        FatalSignal::getInstance().install(false, nullptr, Time(), 3);
+        break;
+    default:
+        printf("what is %c\n", cWhat);
+        exit(100);
+    }
+}
+
+} // namespace
+
+/** Letters of what is used, in order (see use()); a path for log files; a port. */
+int runExitOrder(int argc, char** argv)
+{
+    if (5 != argc) {
+        return 100;
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    for (const char* p = argv[2]; '\0' != *p; ++p) {
+        use(*p, argv[3], atoi(argv[4]));
+    }
+    return 0;
+}
+
+/** Sinks mask; a path; a port: what main does, then "listening" or "not listening". */
+int runSinks(int argc, char** argv)
+{
+    if (5 != argc) {
+        return 100;
+    }
+    const int nPort = atoi(argv[4]);
+    Log::getInstance().setSinks(static_cast<uint32_t>(atoi(argv[2])));
+    Log::getInstance().initLogFile(argv[3], 1, 2);
+    Log::getInstance().initLogServer(nullptr, nPort);
+    LOG(2, "a line\n");
+    const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(nPort));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int nRet = connect(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    printf("%s\n", (0 == nRet) ? "listening" : "not listening");
+    close(nFd);
+    return 0;
+}

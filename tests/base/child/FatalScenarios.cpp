@@ -1,0 +1,113 @@
+// Scenarios of the fatal-signal report.
+#include "Scenarios.h"
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <unistd.h>
+
+#include "EventBus.h"
+#include "FatalSignal.h"
+#include "Fault.h"
+#include "SystemNeedQuitEvent.h"
+#include "Time.h"
+
+namespace {
+
+class QuitCounter
+{
+public:
+    QuitCounter()
+    {
+        EventBus<SystemNeedQuitEvent>::subscribe(this, &QuitCounter::onQuit);
+    }
+    QuitCounter(const QuitCounter&) = delete;
+    QuitCounter& operator=(const QuitCounter&) = delete;
+    ~QuitCounter()
+    {
+        EventBus<SystemNeedQuitEvent>::unsubscribe(this, &QuitCounter::onQuit);
+    }
+    int onQuit(Event*)
+    {
+        ++m_nQuits;
+        return 0;
+    }
+    std::atomic<int> m_nQuits{0};
+};
+
+} // namespace
+
+/** A limit, then the signals that are raised one after the other. */
+int runFatal(int argc, char** argv)
+{
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    QuitCounter quits;
+    FatalSignal& fatal = FatalSignal::getInstance();
+    fatal.install(false, argv, Time(), atoi(argv[2]));
+    printf("%s\n", (SIG_IGN == signal(SIGPIPE, SIG_IGN)) ? "no SIGPIPE" : "SIGPIPE");
+    for (int i = 3; i < argc; ++i) {
+        const unsigned long ulBefore = faultThreadAllocations();
+        raise(atoi(argv[i]));
+        const unsigned long ulAfter = faultThreadAllocations();
+        printf("count %d seen %d quits %d allocations %lu\n", fatal.getCount(),
+               fatal.isSeen() ? 1 : 0, quits.m_nQuits.load(), ulAfter - ulBefore);
+    }
+    return 0;
+}
+
+/** Reads what is not there; the report comes once, then the default effect. */
+int runFatalAddress(int, char** argv)
+{
+    FatalSignal::getInstance().install(false, argv, Time(), 5);
+    volatile uintptr_t uAddress = 0x1230;
+    return *reinterpret_cast<volatile int*>(uAddress);
+}
+
+/** Another thread holds the lock of standard output while the signal comes. */
+int runFatalLocked(int, char** argv)
+{
+    FatalSignal::getInstance().install(false, argv, Time(), 2);
+    std::atomic<bool> bHeld{false};
+    std::thread holder([&bHeld] {
+        flockfile(stdout);
+        bHeld = true;
+        for (;;) {
+            pause();
+        }
+    });
+    while (!bHeld) {
+        sleepFor(Time(0, 1000));
+    }
+    raise(SIGTERM);
+    const char acText[] = "returned\n";
+    (void)!write(STDOUT_FILENO, acText, sizeof(acText) - 1);
+    kill(getpid(), SIGKILL); // an exit would want the lock
+    return 100;
+}
+
+/** A file: not there yet, then the run that is restarted; there, then the restarted run. */
+int runFatalRestart(int, char** argv)
+{
+    FILE* pMark = fopen(argv[2], "r");
+    if (nullptr != pMark) {
+        sigset_t blocked;
+        sigprocmask(SIG_BLOCK, nullptr, &blocked);
+        printf("restarted %s, SIGTERM %s\n", argv[3],
+               sigismember(&blocked, SIGTERM) ? "blocked" : "open");
+        return 0;
+    }
+    pMark = fopen(argv[2], "w");
+    fclose(pMark);
+    FatalSignal::getInstance().install(true, argv, Time(0, 100000), 50);
+    raise(SIGTERM);
+    return 100; // with a restart the first signal ends the process
+}
+
+int runStack(int, char**)
+{
+    FatalSignal::printStack();
+    return 0;
+}

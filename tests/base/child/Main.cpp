@@ -1,0 +1,35 @@
+// A program of its own for what a test can't do to itself: fatal signals, exits, lost privileges.
+#include <cstdio>
+#include <cstring>
+
+#include "Scenarios.h"
+
+int main(int argc, char** argv)
+{
+    static const struct
+    {
+        const char* pName;
+        int (*pRun)(int, char**);
+    } SCENARIOS[] = {
+        {"unlock", &runUnlock},
+        {"stamp", &runStamp},
+        {"nice-refused", &runNiceRefused},
+        {"exit-order", &runExitOrder},
+        {"fatal", &runFatal},
+        {"fatal-address", &runFatalAddress},
+        {"fatal-locked", &runFatalLocked},
+        {"fatal-restart", &runFatalRestart},
+        {"stack", &runStack},
+        {"daemonise", &runDaemonise},
+        {"restart", &runRestart},
+        {"restart-fails", &runRestartFails},
+        {"sinks", &runSinks},
+    };
+    for (const auto& scenario : SCENARIOS) {
+        if (argc >= 2 && 0 == strcmp(argv[1], scenario.pName)) {
+            return scenario.pRun(argc, argv);
+        }
+    }
+    fprintf(stderr, "no such scenario\n");
+    return 100;
+}

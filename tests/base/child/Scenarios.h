@@ -1,0 +1,17 @@
+// What the child program of the base tests can be asked to do.
+#pragma once
+
+/** argv holds the scenario's own arguments from argv[2] on; the result is the exit status. */
+int runUnlock(int argc, char** argv);
+int runStamp(int argc, char** argv);
+int runNiceRefused(int argc, char** argv);
+int runExitOrder(int argc, char** argv);
+int runFatal(int argc, char** argv);
+int runFatalAddress(int argc, char** argv);
+int runFatalLocked(int argc, char** argv);
+int runFatalRestart(int argc, char** argv);
+int runStack(int argc, char** argv);
+int runDaemonise(int argc, char** argv);
+int runRestart(int argc, char** argv);
+int runRestartFails(int argc, char** argv);
+int runSinks(int argc, char** argv);
