@@ -89,6 +89,19 @@ test("the bare stream in an <img> moves", async () => {
     const second = await page.screenshot();
 
     assert.notDeepEqual(first, second);
+    await board.command("camera freeze"); // the screenshots can be alike
+    try {
+        const end = Date.now() + DEADLINE;
+        for (let last = second, next; ; last = next) {
+            next = await page.screenshot();
+            if (next.equals(last)) {
+                break;
+            }
+            assert.ok(Date.now() < end, "a frozen camera's picture moves");
+        }
+    } finally {
+        await board.command("camera thaw");
+    }
     await page.close();
 });
 
@@ -323,6 +336,18 @@ pageTest("pictures that come late are not live, however many come", {}, async (p
     }
 });
 
+pageTest("pictures that are none are not counted as live", {}, async (page) => {
+    await open(page);
+    await board.command("camera bytes 176 always"); // the beginning of a picture
+    try {
+        await reach(page, "late");
+        await textBecomes(page, "detail", /old or damaged/);
+    } finally {
+        await board.command("camera clear");
+    }
+    await reach(page, "live");
+});
+
 pageTest("a computer that slept starts afresh", {}, async (page) => {
     await page.addInitScript(() => {
         const now = Date.now;
@@ -362,12 +387,16 @@ pageTest("a hidden page leaves the board alone", {}, async (page) => {
         }, hidden);
     const closed = page.waitForEvent("requestfailed", (request) => request.url().endsWith("/live"));
 
+    const asked = [];
+    page.on("request", (request) => asked.push(new URL(request.url()).pathname));
+
     await hide(true);
     await closed;
     await hide(false);
 
     await reach(page, "live");
     await drawsAnother(page);
+    assert.deepEqual(asked, ["/live"], "one connection, after it is seen again");
 });
 
 pageTest("by keyboard alone", {}, async (page) => {
