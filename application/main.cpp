@@ -32,6 +32,8 @@ int main(int argc, char** argv)
 
     Log::getInstance().setLevel(5).setLayout(71).setSinks(LOG_SINK_FILE | LOG_SINK_SERVER);
     (void)Log::ensureInstance();
+    Log::getInstance().initLogFile("/tmp/usb-camera.log", 4096, 2);
+    Log::getInstance().initLogServer(nullptr, 8001);
 
     ModuleManager* pModuleManager = &ModuleManager::getInstance();
     ASSERT_AS(RET_SUCCESS == pModuleManager->initModule(),
