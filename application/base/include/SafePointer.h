@@ -99,6 +99,7 @@ public:
 
     ~SafePointer_C() override
     {
+        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the analyser does not follow the count
         release(m_pBlock);
     }
 
@@ -113,6 +114,7 @@ public:
     /** @return the buffer, or null when the handle holds none */
     T* get() const
     {
+        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the analyser does not follow the count
         return (nullptr == m_pBlock) ? nullptr : static_cast<T*>(m_pBlock->pObject);
     }
 
