@@ -34,6 +34,11 @@ bool count(const std::vector<std::string>& vecWord, size_t nAt, uint32_t& u32Cou
     return number(vecWord[nAt], u32Count) && u32Count > 0;
 }
 
+bool oneOf(const std::string& strWord, const char* pFirst, const char* pSecond)
+{
+    return pFirst == strWord || pSecond == strWord;
+}
+
 bool micrometres(const std::string& strWord, int32_t& s32Value)
 {
     char* pEnd = nullptr;
@@ -103,10 +108,10 @@ std::string Commands::change(const Words& vecWord)
     }
     if ("journal" == strName && 2 == nWords && "clear" == vecWord[1]) {
         m_journal.clear();
-    } else if ("timeperframe" == strName && 2 == nWords) {
+    } else if ("timeperframe" == strName && 2 == nWords && oneOf(vecWord[1], "on", "off")) {
         m_camera.changeFaults(
             [&](Faults& faults) { faults.bNoTimePerFrame = "off" == vecWord[1]; });
-    } else if ("stat" == strName && 2 == nWords) {
+    } else if ("stat" == strName && 2 == nWords && oneOf(vecWord[1], "regular", "normal")) {
         m_camera.changeFaults(
             [&](Faults& faults) { faults.bRegularNode = "regular" == vecWord[1]; });
     } else if ("mark" == strName) {
@@ -159,7 +164,7 @@ std::string Commands::fail(const Words& vecWord)
     }
     const CameraCall eCall = callOf(vecWord[1]);
     const int nErrno = errorOf(vecWord[2]);
-    if (CAMERA_CALLS == eCall || CAMERA_munmap == eCall || CAMERA_close == eCall) {
+    if (CAMERA_CALLS == eCall) {
         return "error: unknown call";
     }
     if (0 == nErrno) {
@@ -227,18 +232,21 @@ std::string Commands::counted(const Words& vecWord)
 // list normal|missing|nohandlers, list event N
 std::string Commands::list(const Words& vecWord)
 {
+    const std::string strMode = vecWord.size() > 1 ? vecWord[1] : "";
     uint32_t u32Event = 2;
-    if (3 == vecWord.size() && "event" == vecWord[1] && number(vecWord[2], u32Event)) {
-        m_kernelFiles.setMode(KernelFiles::MODE_E::NORMAL, u32Event);
-    } else if (2 == vecWord.size() && "normal" == vecWord[1]) {
-        m_kernelFiles.setMode(KernelFiles::MODE_E::NORMAL, u32Event);
-    } else if (2 == vecWord.size() && "missing" == vecWord[1]) {
-        m_kernelFiles.setMode(KernelFiles::MODE_E::MISSING, u32Event);
-    } else if (2 == vecWord.size() && "nohandlers" == vecWord[1]) {
-        m_kernelFiles.setMode(KernelFiles::MODE_E::NO_HANDLERS, u32Event);
-    } else {
+    if ("event" == strMode ? 3 != vecWord.size() || !number(vecWord[2], u32Event)
+                           : 2 != vecWord.size()) {
         return USAGE;
     }
+    KernelFiles::MODE_E eMode = KernelFiles::MODE_E::NORMAL;
+    if ("missing" == strMode) {
+        eMode = KernelFiles::MODE_E::MISSING;
+    } else if ("nohandlers" == strMode) {
+        eMode = KernelFiles::MODE_E::NO_HANDLERS;
+    } else if ("normal" != strMode && "event" != strMode) {
+        return USAGE;
+    }
+    m_kernelFiles.setMode(eMode, u32Event);
     return OK;
 }
 
@@ -246,7 +254,7 @@ std::string Commands::list(const Words& vecWord)
 std::string Commands::spot(const Words& vecWord)
 {
     int32_t as32Position[3] = {};
-    if (5 != vecWord.size() || ("on" != vecWord[4] && "off" != vecWord[4])) {
+    if (5 != vecWord.size() || !oneOf(vecWord[4], "on", "off")) {
         return USAGE;
     }
     for (size_t i = 0; i < 3; i++) {

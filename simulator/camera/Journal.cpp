@@ -7,8 +7,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-Journal::Journal(std::string strPath)
-    : m_nFd(::open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666))
+Journal::Journal(const std::string& strPath, uint32_t u32MaxBytes)
+    : m_nFd(::open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666)),
+      m_u32MaxBytes(u32MaxBytes)
 {
 }
 
@@ -31,10 +32,23 @@ void Journal::note(const std::string& strText)
 
 void Journal::clear()
 {
+    const std::lock_guard<std::mutex> guard(m_mutex);
     (void)::ftruncate(m_nFd, 0); // a journal that is not there stays empty
+    m_u32Bytes = 0;
 }
 
 void Journal::append(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    if (m_u32Bytes >= m_u32MaxBytes) {
+        (void)::ftruncate(m_nFd, 0); // a journal that is not there stays empty
+        m_u32Bytes = 0;
+        write(0, 0, "# started over");
+    }
+    write(u32Pid, u32Session, strText);
+}
+
+void Journal::write(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
 {
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -43,7 +57,7 @@ void Journal::append(uint32_t u32Pid, uint32_t u32Session, const std::string& st
              static_cast<long>(now.tv_nsec / 1000), u32Pid, u32Session);
     const std::string strLine = acPrefix + strText + "\n";
     // A line that does not fit the disk is lost; the camera goes on.
-    if (::write(m_nFd, strLine.data(), strLine.size()) < 0) {
-        return;
+    if (::write(m_nFd, strLine.data(), strLine.size()) > 0) {
+        m_u32Bytes += static_cast<uint32_t>(strLine.size());
     }
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 /**
@@ -9,13 +10,16 @@
  *
  * A call's line is "SECONDS PID SESSION NAME asked = RESULT granted": seconds of CLOCK_MONOTONIC
  * with six decimals, the caller's process, the open camera's number (0 without one). RESULT is 0 or
- * "-1 ENAME". A note is "SECONDS 0 0 # text". Any thread.
+ * "-1 ENAME". A note is "SECONDS 0 0 # text". At MAX_BYTES the file starts over, with a note. Any
+ * thread.
  */
 class Journal
 {
 public:
+    static const uint32_t MAX_BYTES = 64 * 1024 * 1024; // five hours of streaming, about
+
     /** Start an empty file; lines are lost when it cannot be written. */
-    explicit Journal(std::string strPath);
+    explicit Journal(const std::string& strPath, uint32_t u32MaxBytes = MAX_BYTES);
     ~Journal();
     Journal(const Journal&) = delete;
     Journal& operator=(const Journal&) = delete;
@@ -28,6 +32,10 @@ public:
 
 private:
     void append(uint32_t u32Pid, uint32_t u32Session, const std::string& strText);
+    void write(uint32_t u32Pid, uint32_t u32Session, const std::string& strText);
 
-    int m_nFd;
+    const int m_nFd;
+    const uint32_t m_u32MaxBytes;
+    std::mutex m_mutex;      // guards all below
+    uint32_t m_u32Bytes = 0; // in the file
 };

@@ -70,7 +70,7 @@ void SceneSource::drawBackground(const VideoFormats::Choice& choice)
         for (uint32_t x = 0; x < choice.u32Width; x++) {
             const SceneGeometry::Point pixel{static_cast<double>(x), static_cast<double>(y)};
             const double dGrey = greyAt(m_geometry.toMillimetre(pixel), dPixel);
-            *pBase++ = static_cast<uint8_t>(dGrey + grain(x, y) + 0.5);
+            *pBase++ = static_cast<uint8_t>(std::lround(dGrey + grain(x, y)));
         }
     }
 }
@@ -80,8 +80,8 @@ void SceneSource::expose(double dExposure, int32_t s32Brightness)
     m_dExposure = dExposure;
     m_s32Brightness = s32Brightness;
     for (int i = 0; i < 256; i++) {
-        m_au8Light[i] =
-            static_cast<uint8_t>(std::clamp(i * dExposure + 2 * s32Brightness + 0.5, 0.0, 255.0));
+        const double dLit = std::clamp(i * dExposure + 2 * s32Brightness, 0.0, 255.0);
+        m_au8Light[i] = static_cast<uint8_t>(std::lround(dLit));
     }
     uint8_t* pOut = m_background.vecByte.data();
     for (const uint8_t u8Base : m_vecBase) {
@@ -130,8 +130,7 @@ void SceneSource::drawSpot(Truth& truth)
             const size_t nAt = static_cast<size_t>(y) * m_raster.u32Width + static_cast<size_t>(x);
             const double dBase = m_vecBase[nAt];
             const auto mix = [&](int nColour) {
-                return m_au8Light[static_cast<int>(dWeight * nColour + (1 - dWeight) * dBase +
-                                                   0.5)];
+                return m_au8Light[std::lround(dWeight * nColour + (1 - dWeight) * dBase)];
             };
             uint8_t* pPixel = m_raster.vecByte.data() + nAt * 3;
             pPixel[0] = mix(SceneGeometry::SPOT_RED);

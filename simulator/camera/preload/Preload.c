@@ -309,7 +309,11 @@ EXPORT void* mmap64(void* pAddress, size_t nLength, int nProt, int nFlags, int n
 
 EXPORT int munmap(void* pAddress, size_t nLength)
 {
-    cameraForgetMapping(pAddress);
+    const int nError = cameraMunmap(pAddress);
+    if (0 != nError) {
+        errno = nError;
+        return -1;
+    }
     return realMunmap(pAddress, nLength);
 }
 

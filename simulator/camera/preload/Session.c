@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <poll.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -302,6 +303,8 @@ int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRec
     struct CameraPage* pPage = pSession->pPage;
     const int nFd = pSession->s32FdPlusOne - 1;
 
+    int nCancel = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nCancel); // not with the page locked
     lockWord(&pPage->u32Lock);
     memcpy(&pPage->record, pRecord, nSize);
     pPage->u32Call = eCall;
@@ -328,16 +331,18 @@ int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRec
         *pWait = false;
     }
     unlockWord(&pPage->u32Lock);
+    pthread_setcancelstate(nCancel, NULL);
     errno = nSaved;
     return nError;
 }
 
 int cameraClose(struct CameraSession* pSession, int nFd)
 {
+    int nError = 0;
     // A forked child holds a copy: the camera stays open in the parent.
     if (getpid() == pSession->pid) {
         uint32_t u32Unused = 0;
-        (void)cameraCall(pSession, CAMERA_close, &u32Unused, sizeof(u32Unused), false, NULL);
+        nError = cameraCall(pSession, CAMERA_close, &u32Unused, sizeof(u32Unused), false, NULL);
     }
     lockWord(&g_u32TableLock);
     struct CameraPage* pPage = pSession->pPage;
@@ -351,7 +356,12 @@ int cameraClose(struct CameraSession* pSession, int nFd)
     __atomic_fetch_sub(&g_u32Open, 1, __ATOMIC_RELEASE);
     unlockWord(&g_u32TableLock);
     realMunmap(pPage, CAMERA_PAGE_SIZE);
-    return realClose(nFd);
+    const int nResult = realClose(nFd);
+    if (0 != nError && ENODEV != nError) { // closing what is gone succeeds
+        errno = nError;
+        return -1;
+    }
+    return nResult;
 }
 
 static void rememberMapping(struct CameraSession* pSession, void* pStart, uint32_t u32Offset,
@@ -406,24 +416,27 @@ void* cameraMmap(struct CameraSession* pSession, void* pAddress, size_t nLength,
     return pStart;
 }
 
-void cameraForgetMapping(void* pAddress)
+int cameraMunmap(void* pAddress)
 {
     if (0 == __atomic_load_n(&g_u32Mapped, __ATOMIC_ACQUIRE) || NULL == pAddress) {
-        return;
+        return 0;
     }
-    struct Mapping found = {0};
+    struct Mapping* pFound = NULL;
     lockWord(&g_u32TableLock);
-    for (int i = 0; i < MAX_MAPPINGS; i++) {
-        if (pAddress == g_mapping[i].pStart) {
-            found = g_mapping[i];
-            g_mapping[i].pStart = NULL;
-            __atomic_fetch_sub(&g_u32Mapped, 1, __ATOMIC_RELAXED);
-            break;
-        }
+    for (int i = 0; i < MAX_MAPPINGS && NULL == pFound; i++) {
+        pFound = pAddress == g_mapping[i].pStart ? &g_mapping[i] : NULL;
     }
     unlockWord(&g_u32TableLock);
-    if (NULL != found.pSession && getpid() == found.pSession->pid) {
-        struct CameraMapping mapping = {.u32Offset = found.u32Offset, .u32Length = found.u32Length};
-        (void)cameraCall(found.pSession, CAMERA_munmap, &mapping, sizeof(mapping), false, NULL);
+    if (NULL == pFound || getpid() != pFound->pSession->pid) {
+        return 0;
     }
+    struct CameraMapping mapping = {.u32Offset = pFound->u32Offset, .u32Length = pFound->u32Length};
+    const int nError =
+        cameraCall(pFound->pSession, CAMERA_munmap, &mapping, sizeof(mapping), false, NULL);
+    if (0 != nError && ENODEV != nError) { // what is gone can be unmapped
+        return nError;
+    }
+    pFound->pStart = NULL;
+    __atomic_fetch_sub(&g_u32Mapped, 1, __ATOMIC_RELAXED);
+    return 0;
 }

@@ -63,11 +63,17 @@ int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRec
  */
 int cameraIoctl(struct CameraSession* pSession, int nFd, uint32_t u32Request, void* pArgument);
 
-/* End the session of a descriptor of this process, then close it; a forked child only closes. */
+/*
+ * End the session of a descriptor of this process, then close it; a forked child only closes. Like
+ * close(2) on Linux it has closed the descriptor also when it fails.
+ */
 int cameraClose(struct CameraSession* pSession, int nFd);
 
 /* mmap(2) and munmap(2) of the camera's buffers; MAP_FAILED or -1 with errno. */
 void* cameraMmap(struct CameraSession* pSession, void* pAddress, size_t nLength, int nProt,
                  int nFlags, int64_t s64Offset);
-/* Tells of the unmapping when pAddress is where a buffer of the camera is mapped. */
-void cameraForgetMapping(void* pAddress);
+/*
+ * Tell of the unmapping when pAddress is where a buffer of the camera is mapped.
+ * @return 0, or the error number that munmap(2) shall fail with
+ */
+int cameraMunmap(void* pAddress);

@@ -520,8 +520,8 @@ TEST(Device, JournalHoldsTheCallsInOrderWithArgumentsAndResults)
     const std::vector<std::string> EXPECTED = {
         "stat = 0 character",
         "open flags=O_RDWR|O_NONBLOCK|O_CLOEXEC = 0",
-        "S_FMT type=1 width=640 height=480 pixelformat=MJPG field=4 = 0 width=640 height=480 "
-        "pixelformat=MJPG field=1 bytesperline=0 sizeimage=614400",
+        ("S_FMT type=1 width=640 height=480 pixelformat=MJPG field=4 = 0 width=640 height=480 "
+         "pixelformat=MJPG field=1 bytesperline=0 sizeimage=614400"),
         "S_PARM type=1 timeperframe=1/255 = 0 capability=0x1000 timeperframe=1/30",
         "REQBUFS count=2 type=1 memory=1 = 0 count=2",
         "QUERYBUF type=1 memory=1 index=0 = 0 length=614400 offset=0 flags=0x12000",

@@ -170,6 +170,14 @@ TEST(Fault, EveryCallCanFail)
     camera.command("fail STREAMOFF EIO");
     EXPECT_EQ(EIO, client.streamOff());
     EXPECT_EQ(0, client.streamOff());
+    camera.command("fail munmap EINVAL");
+    EXPECT_EQ(EINVAL, client.unmapBuffers());
+    EXPECT_EQ(0, client.unmapBuffers());
+    camera.command("fail close EIO");
+    const int nFd = client.descriptor();
+    EXPECT_EQ(EIO, client.close());
+    EXPECT_EQ(-1, fcntl(nFd, F_GETFD)); // closed all the same
+    EXPECT_EQ(0, VideoClient().requestBuffers(2));
 }
 
 TEST(Fault, FramesHaveTheBytesAskedFor)

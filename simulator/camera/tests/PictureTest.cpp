@@ -165,7 +165,7 @@ TEST(Picture, UncompressedFrameHasTwoBytesPerPixel)
     const std::vector<uint8_t> vecBytes = nextFrame(client);
 
     ASSERT_EQ(1280u * 720 * 2, vecBytes.size());
-    const size_t nPlate = (300 * 1280 + 730) * 2; // between the grid lines
+    const size_t nPlate = 769460; // pixel (730, 300), between the grid lines
     EXPECT_NEAR(150, vecBytes[nPlate], 8);
     EXPECT_NEAR(128, vecBytes[nPlate + 1], 2);
     EXPECT_NEAR(128, vecBytes[nPlate + 3], 2);

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -19,12 +20,14 @@
 
 #include <gtest/gtest.h>
 
+// What fortified builds call instead of the plain names.
+// NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming)
 extern "C" {
-// What fortified and large-file builds call instead of the plain names.
-int __open_2(const char* pPath, int nFlags);             // NOLINT(bugprone-reserved-identifier)
-int __open64_2(const char* pPath, int nFlags);           // NOLINT(bugprone-reserved-identifier)
-int __openat_2(int nDir, const char* pPath, int nFlags); // NOLINT(bugprone-reserved-identifier)
+int __open_2(const char* pPath, int nFlags);
+int __open64_2(const char* pPath, int nFlags);
+int __openat_2(int nDir, const char* pPath, int nFlags);
 }
+// NOLINTEND(bugprone-reserved-identifier, readability-identifier-naming)
 
 namespace {
 
@@ -88,6 +91,36 @@ TEST(Preload, OpenTakesOneDescriptorAndNoThread)
     }
 
     EXPECT_EQ(nDescriptors, descriptors());
+}
+
+TEST(Preload, UseAllocatesNothing)
+{
+    VirtualCamera camera;
+    const auto use = [] {
+        VideoClient client; // has two vectors, which it gives back
+        EXPECT_EQ(0, client.startStreaming());
+        v4l2_buffer buffer{};
+        EXPECT_TRUE(client.readable(5000));
+        EXPECT_EQ(0, client.dequeue(buffer));
+    };
+    use(); // symbols are looked up once
+
+    const size_t nBefore = mallinfo2().uordblks;
+    use();
+
+    EXPECT_EQ(nBefore, mallinfo2().uordblks);
+}
+
+TEST(Preload, WorksFromOtherNamespaces)
+{
+    if (0 != system("unshare -r -m -n true 2>/dev/null")) {
+        GTEST_SKIP() << "no namespaces here";
+    }
+    VirtualCamera camera;
+
+    (void)shell("unshare -r -m -n sh -c 'exec 3<>/dev/video0' 2>&1");
+
+    EXPECT_EQ(1u, camera.count("open flags="));
 }
 
 TEST(Preload, RepeatedOpensLeaveNothingMapped)

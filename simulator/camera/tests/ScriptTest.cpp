@@ -34,7 +34,7 @@ TEST(Commands, WrongWordsAreRefused)
                               "fail",
                               "fail DQBUF",
                               "fail TEA EIO",
-                              "fail close EIO",
+
                               "fail DQBUF EWHAT",
                               "fail DQBUF EIO 0",
                               "fail DQBUF EIO 1 skip",
@@ -58,6 +58,10 @@ TEST(Commands, WrongWordsAreRefused)
                               "spot 1 2 3 maybe",
                               "spot 9e9 0 0 on",
                               "timeperframe",
+                              "timeperframe maybe",
+                              "stat gone",
+                              "list normal 3",
+                              "list tea",
                               "stat",
                               "freeze now",
                               "journal",
@@ -111,6 +115,21 @@ TEST(Commands, AreNotedInTheJournalUntilItIsCleared)
     EXPECT_EQ("", board.folder.read("journal"));
     board.commands.run("mark there");
     EXPECT_NE(std::string::npos, board.folder.read("journal").find(" 0 0 # mark there\n"));
+}
+
+TEST(Journal, StartsOverWhenItIsFull)
+{
+    ScratchFolder folder;
+    Journal journal((folder.path() / "journal").string(), 100);
+    for (int i = 0; i < 10; i++) {
+        journal.note("this line has forty characters, or so");
+    }
+
+    const std::string strText = folder.read("journal");
+
+    EXPECT_LT(strText.size(), 300u);
+    EXPECT_NE(std::string::npos, strText.find(" 0 0 # started over\n"));
+    EXPECT_EQ('\n', strText.back());
 }
 
 TEST(Script, LinesComeAtTheirTimesInOrder)

@@ -171,7 +171,7 @@ bool VideoClient::readable(int nTimeoutMs) const
     fd_set set;
     FD_ZERO(&set);
     FD_SET(m_nFd, &set);
-    timeval timeout{nTimeoutMs / 1000, nTimeoutMs % 1000 * 1000};
+    timeval timeout{nTimeoutMs / 1000, nTimeoutMs % 1000 * 1000L};
     return 1 == ::select(m_nFd + 1, &set, nullptr, nullptr, &timeout);
 }
 
