@@ -236,6 +236,7 @@ pageTest("camera unplugged: says since when, dims, tells once, and goes on", {},
 
     await board.command("camera unplug");
     try {
+        await page.getByRole("button", { name: "Take snapshot" }).click();
         await reach(page, "stopped");
         const title = await text(page, "veil-title");
         const [, hours, minutes, seconds] = /^No picture since (\d\d):(\d\d):(\d\d)$/.exec(title);
@@ -248,7 +249,6 @@ pageTest("camera unplugged: says since when, dims, tells once, and goes on", {},
         assert.equal(await text(page, "rate"), "0.0 /s");
         assert.deepEqual(await page.evaluate(() => window.told), [title]);
 
-        await page.getByRole("button", { name: "Take snapshot" }).click();
         await textBecomes(page, "snap-status", /^No picture came within 10 seconds/);
     } finally {
         await board.command("camera replug");
