@@ -1,6 +1,6 @@
 // The firmware upload: which file is kept, which one is sent, and what a full port loses.
 #include <fstream>
-#include <regex>
+#include <sstream>
 
 #include "PrintTest.h"
 
@@ -106,10 +106,15 @@ TEST_F(FirmwareTest, ControllerThatDoesNotReadLosesWhatIsPrinted)
 
     size_t uRead = 0;
     size_t uSent = 0;
-    const std::regex block("you read (\\d+) and has send (\\d+) byte to stm32\n");
-    for (std::sregex_iterator it(strOutput.begin(), strOutput.end(), block), end; it != end; ++it) {
-        uRead += std::stoul((*it)[1]);
-        uSent += std::stoul((*it)[2]);
+    std::istringstream stream(strOutput);
+    for (std::string strLine; std::getline(stream, strLine);) {
+        size_t uBlockRead = 0;
+        size_t uBlockSent = 0;
+        if (2 == sscanf(strLine.c_str(), "you read %zu and has send %zu byte to stm32", &uBlockRead,
+                        &uBlockSent)) {
+            uRead += uBlockRead;
+            uSent += uBlockSent;
+        }
     }
     EXPECT_EQ(100000U, uRead);
     EXPECT_LT(0U, uSent);

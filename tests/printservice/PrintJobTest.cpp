@@ -378,7 +378,7 @@ TEST_F(PrintJobTest, StartThatComesAfterTheWishToStopCancelsIt)
     saveJob("G1 X1\n");
     EXPECT_EQ(0, service().startPrint());
     EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
-    EXPECT_TRUE(eventually([this] { return !fileExists("tmp.gcode"); }));
+    EXPECT_TRUE(eventually([] { return !fileExists("tmp.gcode"); }));
 
     startJob("G1 X2\n"); // while the thread still waits for its last reply
 
