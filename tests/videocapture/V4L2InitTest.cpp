@@ -291,6 +291,11 @@ struct FailingStep
     const char* pMessage; // the last line logged
 };
 
+void PrintTo(const FailingStep& step, std::ostream* pStream)
+{
+    *pStream << step.pLastCall;
+}
+
 class V4L2FailingStep : public V4L2Init, public testing::WithParamInterface<FailingStep>
 {
 };

@@ -127,6 +127,11 @@ struct MissingName
     bool bUninit;
 };
 
+void PrintTo(const MissingName& missing, std::ostream* pStream)
+{
+    *pStream << missing.pName;
+}
+
 class VideoProcessorMissingName : public VideoProcessorLoading,
                                   public testing::WithParamInterface<MissingName>
 {

@@ -7,7 +7,11 @@
 
 namespace {
 
-TestPlugin g_plugin;
+#ifndef RESULT
+#define RESULT 0
+#endif
+
+TestPlugin g_plugin(RESULT);
 
 PluginCall makeCall(const char* pName)
 {

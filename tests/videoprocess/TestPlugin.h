@@ -23,12 +23,17 @@ struct PluginCall
 /** What the entry points shall answer, and how they were called. */
 struct TestPlugin
 {
-    int nUndistortResult = 0;
+    explicit TestPlugin(int nResult)
+        : nUndistortResult(nResult), nFindPosResult(nResult), nAutoFocusResult(nResult)
+    {
+    }
+
+    int nUndistortResult;
     FRAME_PROCESS_UNDISTORT_T undistorted = {};
-    int nFindPosResult = 0;
+    int nFindPosResult;
     float fX = 0;
     float fY = 0;
-    int nAutoFocusResult = 0;
+    int nAutoFocusResult;
     float fMeasure = 0;
     int32_t s32Exposure = 0;
     int32_t s32ExposureBefore = -1; // what setExposure found
