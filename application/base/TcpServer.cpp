@@ -11,6 +11,12 @@ static const int MAX_EVENTS = 20;
 static const int BACKLOG = 20;
 static const int32_t KEEP_ALIVE[] = {5, 1, 2}; // seconds idle, seconds between probes, probes
 
+/** The steps of an accept log as one operation. */
+static void reportAccept(int nLine, const char* pText)
+{
+    Log::getInstance().log(SOURCE_NAME, nLine, "onPollAccept", 2, "%s", pText);
+}
+
 TcpServer::TcpServer(const char* pName) : EPoll(MAX_EVENTS, pName)
 {
     (void)Log::getInstance(); // outlives a server that is a singleton
@@ -31,39 +37,31 @@ void TcpServer::endService()
     }
 }
 
-bool TcpServer::listenOn(uint16_t u16Port, const char* pIp)
-{
-    const char* pShownIp = (nullptr == pIp) ? "(null)" : pIp;
-    if (0 != m_socket.create()) {
-        LOG(2, "create accept socket error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
-        return false;
-    }
-    if (0 != m_socket.setOptBlock(false)) {
-        LOG(2, "accept socket set unblock error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
-        return false;
-    }
-    if (0 != m_socket.setOptKeepAlive(true, KEEP_ALIVE)) {
-        LOG(2, "accept socket set keepalive error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
-        return false;
-    }
-    if (0 != m_socket.setOptReuseAddr(true)) {
-        LOG(2, "accept socket set reuse addr error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
-        return false;
-    }
-    if (0 != m_socket.bind(pIp, u16Port)) {
-        LOG(2, "accept socket bind error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
-        return false;
-    }
-    if (0 != m_socket.listen(BACKLOG)) {
-        LOG(2, "accept socket listen error !!   accept ip:%s port:%d\n", pShownIp, u16Port);
-        return false;
-    }
-    return true;
-}
-
 int TcpServer::init(uint16_t u16Port, const char* pIp, int nSendBufferSize, int nReceiveBufferSize)
 {
-    if (!listenOn(u16Port, pIp)) {
+    const char* pShown = (nullptr == pIp) ? "(null)" : pIp;
+    if (0 != m_socket.create()) {
+        LOG(2, "create accept socket error !!   accept ip:%s port:%d\n", pShown, u16Port);
+        return 1;
+    }
+    if (0 != m_socket.setOptBlock(false)) {
+        LOG(2, "accept socket set unblock error !!   accept ip:%s port:%d\n", pShown, u16Port);
+        return 1;
+    }
+    if (0 != m_socket.setOptKeepAlive(true, KEEP_ALIVE)) {
+        LOG(2, "accept socket set keepalive error !!   accept ip:%s port:%d\n", pShown, u16Port);
+        return 1;
+    }
+    if (0 != m_socket.setOptReuseAddr(true)) {
+        LOG(2, "accept socket set reuse addr error !!   accept ip:%s port:%d\n", pShown, u16Port);
+        return 1;
+    }
+    if (0 != m_socket.bind(pIp, u16Port)) {
+        LOG(2, "accept socket bind error !!   accept ip:%s port:%d\n", pShown, u16Port);
+        return 1;
+    }
+    if (0 != m_socket.listen(BACKLOG)) {
+        LOG(2, "accept socket listen error !!   accept ip:%s port:%d\n", pShown, u16Port);
         return 1;
     }
     (void)setAcceptHandler(this, &TcpServer::onPollAccept);
@@ -73,8 +71,7 @@ int TcpServer::init(uint16_t u16Port, const char* pIp, int nSendBufferSize, int 
     (void)setHupHandler(this, &TcpServer::onPollError);
     setAcceptFd(m_socket.getFd());
     if (0 != addFd(m_socket.getFd(), EPOLLET | EPOLLIN, nullptr)) {
-        LOG(2, "accept socket add fd error !!   accept ip:%s port:%d\n",
-            (nullptr == pIp) ? "(null)" : pIp, u16Port);
+        LOG(2, "accept socket add fd error !!   accept ip:%s port:%d\n", pShown, u16Port);
         (void)m_socket.close();
         return 1;
     }
@@ -111,27 +108,34 @@ RET_E TcpServer::onPollAccept(Event*)
             continue;
         }
         if (!serve(std::move(pClient), socket)) {
-            (void)socket.close();
+            (void)socket.close(); // the client leaves its descriptor open
+            continue;
         }
+        SocketAddress local;
+        SocketAddress remote;
+        (void)socket.getLocalSockAddr(local); // failures are logged there and shown empty
+        (void)socket.getRemoteSockAddr(remote);
+        LOG(8, "tcp client connected, local(%s:%u) remote(%s:%u)\n", local.acIp, local.u16Port,
+            remote.acIp, remote.u16Port);
     }
 }
 
 bool TcpServer::tune(TcpSocket& socket)
 {
     if (0 != socket.setOptBlock(false)) {
-        LOG(2, "tcp client socket set unblock error !!\n");
+        reportAccept(__LINE__, "tcp client socket set unblock error !!\n");
         return false;
     }
     if (0 != socket.setOptKeepAlive(true, KEEP_ALIVE)) {
-        LOG(2, "tcp client socket set alive error !!\n");
+        reportAccept(__LINE__, "tcp client socket set alive error !!\n");
         return false;
     }
     if (0 != socket.setOptRcvBuf(m_nReceiveBufferSize)) {
-        LOG(2, "tcp client socket set recv buffer error !!\n");
+        reportAccept(__LINE__, "tcp client socket set recv buffer error !!\n");
         return false;
     }
     if (0 != socket.setOptSndBuf(m_nSendBufferSize)) {
-        LOG(2, "tcp client socket set send buffer error !!\n");
+        reportAccept(__LINE__, "tcp client socket set send buffer error !!\n");
         return false;
     }
     return true;
@@ -141,29 +145,22 @@ bool TcpServer::serve(std::unique_ptr<TcpClient> pClient, const TcpSocket& socke
 {
     pClient->setSocket(socket);
     if (0 != pClient->init()) {
-        LOG(2, "tcp client connected, but init failed !!\n");
+        reportAccept(__LINE__, "tcp client connected, but init failed !!\n");
         return false;
     }
     if (0 != pClient->start()) {
-        LOG(2, "tcp client connected, but start failed !!\n");
+        reportAccept(__LINE__, "tcp client connected, but start failed !!\n");
         (void)pClient->uninit();
         return false;
     }
     if (0 !=
         addFd(socket.getFd(), EPOLLET | EPOLLHUP | EPOLLERR | EPOLLOUT | EPOLLIN, pClient.get())) {
-        LOG(2, "tcp client connected, but add to epoll failed !!\n");
+        reportAccept(__LINE__, "tcp client connected, but add to epoll failed !!\n");
         (void)pClient->stop();
         (void)pClient->uninit();
         return false;
     }
     (void)pClient.release(); // its registration's, until onPollError
-    SocketAddress local;
-    SocketAddress remote;
-    TcpSocket view(socket);
-    (void)view.getLocalSockAddr(local);
-    (void)view.getRemoteSockAddr(remote);
-    LOG(8, "tcp client connected, local(%s:%u) remote(%s:%u)\n", local.acIp, local.u16Port,
-        remote.acIp, remote.u16Port);
     return true;
 }
 

@@ -58,7 +58,6 @@ protected:
     TcpSocket m_socket; // listens
 
 private:
-    bool listenOn(uint16_t u16Port, const char* pIp);
     RET_E onPollAccept(Event* pEvent);
     RET_E onPollIn(Event* pEvent);
     RET_E onPollOut(Event* pEvent);

@@ -1,0 +1,322 @@
+// SendQueueTcpClient: the queue in front of the write engine, and connections that carry the log.
+#include "SendQueueTcpClient.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/epoll.h>
+
+#include <gtest/gtest.h>
+
+#include "EventBus.h"
+#include "Eventually.h"
+#include "Fault.h"
+#include "LogCapture.h"
+#include "LogEvent.h"
+#include "NetPair.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+SafePointer_C<char> block(const std::string& strData)
+{
+    char* pData = static_cast<char*>(malloc(strData.size() + 1));
+    memcpy(pData, strData.c_str(), strData.size() + 1);
+    return SafePointer_C<char>(pData);
+}
+
+class QueueClient : public SendQueueTcpClient
+{
+public:
+    explicit QueueClient(NetPair& pair)
+    {
+        EXPECT_EQ(0, pair.m_near.setOptBlock(false));
+        shrinkSendBuffer(pair.m_near);
+        setSocket(pair.m_near);
+    }
+
+    void sendText(const std::string& strText)
+    {
+        send(block(strText), static_cast<int>(strText.size()));
+    }
+
+    /** What the reactor does when the socket is writable. */
+    int write()
+    {
+        int nFd = m_socket.getFd();
+        TcpClient* pThis = this;
+        EPollEvent event(EPOLLOUT, &nFd, &pThis);
+        return onWrite(event);
+    }
+};
+
+/** A connection that carries the log lines of its own process. */
+class LogViewer : public QueueClient
+{
+public:
+    explicit LogViewer(NetPair& pair) : QueueClient(pair)
+    {
+        EventBus<LogEvent>::subscribe(this, &LogViewer::onLog);
+    }
+    ~LogViewer() override
+    {
+        end();
+    }
+    void end()
+    {
+        EventBus<LogEvent>::unsubscribe(this, &LogViewer::onLog);
+    }
+
+    int onLog(Event* pEvent)
+    {
+        const auto& event = dynamic_cast<LogEvent&>(*pEvent);
+        ++m_nLines;
+        send(event.m_text, event.m_s32Length);
+        return 0;
+    }
+
+    std::atomic<int> m_nLines{0};
+};
+
+std::string faultOnSend(NetPair& pair, const char* pWhich, int nError)
+{
+    return "send=" + std::to_string(pair.m_near.getFd()) + ":" + pWhich + ":" +
+           std::to_string(nError);
+}
+
+const std::string LARGE(8 * 1024 * 1024, 'x');
+
+} // namespace
+
+TEST(SendQueueTcpClient, SendWritesAtOnceWhenIdle)
+{
+    NetPair pair;
+    QueueClient client(pair);
+
+    client.sendText("one");
+    EXPECT_EQ("one", readBytes(pair.m_far, 3));
+    client.sendText("two");
+    EXPECT_EQ("two", readBytes(pair.m_far, 3));
+    EXPECT_EQ(0, client.getQueueLength());
+}
+
+TEST(SendQueueTcpClient, OnlyTheGivenBytesBehindTheDataOffsetAreSent)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    SafePointer_C<char> data = block("headerbody and more");
+    data.setDataOffset(6);
+
+    client.send(data, 4);
+
+    client.sendText("!");
+    EXPECT_EQ("body!", readBytes(pair.m_far, 5));
+}
+
+TEST(SendQueueTcpClient, SendDuringAPartialWriteReturnsAtOnce)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    client.sendText(LARGE);
+    EXPECT_EQ(0, client.getQueueLength()); // the item being sent does not wait
+
+    client.sendText("one");
+    client.sendText("two");
+    EXPECT_EQ(2, client.getQueueLength());
+
+    std::string strGot;
+    while (strGot.size() < LARGE.size() + 6) {
+        const std::string strPiece = readPending(pair.m_far);
+        strGot += strPiece;
+        if (strPiece.empty() && pair.m_near.waitWritable(Time(0, 1000))) {
+            ASSERT_EQ(0, client.write()); // the out event
+        }
+    }
+    EXPECT_TRUE(LARGE + "onetwo" == strGot);
+    EXPECT_EQ(0, client.getQueueLength());
+}
+
+TEST(SendQueueTcpClient, TheQueueKeepsTheBlocksAlive)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    client.sendText(LARGE);
+    {
+        const SafePointer_C<char> data = block("kept");
+        client.send(data, 4);
+    }
+
+    const void* pData = nullptr;
+    int nLength = 0;
+    EXPECT_EQ(0, client.getNextBuffer(pData, nLength));
+    ASSERT_EQ(4, nLength);
+    EXPECT_EQ(0, memcmp("kept", pData, 4));
+
+    // An empty queue does not take the current item away.
+    const void* pNone = &nLength;
+    EXPECT_EQ(0, client.getNextBuffer(pNone, nLength));
+    EXPECT_EQ(nullptr, pNone);
+    EXPECT_EQ(0, nLength);
+    EXPECT_EQ(0, memcmp("kept", pData, 4));
+}
+
+TEST(SendQueueTcpClient, AnItemWithoutABlockIsTakenOutAndGivesNothing)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    client.sendText(LARGE); // so that what follows waits
+    client.send(SafePointer_C<char>(), 10);
+    client.sendText("x");
+    ASSERT_EQ(2, client.getQueueLength());
+    const void* pData = &client;
+    int nLength = 1;
+
+    EXPECT_EQ(0, client.getNextBuffer(pData, nLength));
+
+    EXPECT_EQ(nullptr, pData);
+    EXPECT_EQ(0, nLength);
+    EXPECT_EQ(1, client.getQueueLength());
+}
+
+TEST(SendQueueTcpClient, AFailureIsNotReported)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    LogCapture log;
+    FaultScope fault(faultOnSend(pair, "1-", ECONNRESET).c_str());
+
+    client.sendText("one");
+    client.sendText("two");
+
+    EXPECT_EQ(1U, faultHits()); // the connection waits for the reactor to end it
+    EXPECT_EQ(Lines({"[error] [Socket ] [write] ECONNRESET:Connection reset by peer.\n"}),
+              takeLines(log));
+    EXPECT_EQ(1, client.getQueueLength());
+}
+
+TEST(SendQueueTcpClient, ManyProducersLoseNothing)
+{
+    const int nThreads = 4;
+    const int nItems = 3000;
+    NetPair pair;
+    QueueClient client(pair);
+    std::atomic<bool> bQuit{false};
+    // Out events on another thread, only after the socket has been full, as the reactor gets them.
+    const int nEPoll = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLOUT | EPOLLET;
+    ASSERT_EQ(0, epoll_ctl(nEPoll, EPOLL_CTL_ADD, pair.m_near.getFd(), &event));
+    std::thread reactor([&] {
+        epoll_event ready{};
+        while (!bQuit) {
+            if (1 == epoll_wait(nEPoll, &ready, 1, 10)) {
+                EXPECT_EQ(0, client.write());
+            }
+        }
+    });
+    std::vector<std::thread> vecProducer;
+    for (int i = 0; i < nThreads; ++i) {
+        vecProducer.emplace_back([&client, i] {
+            char acText[16];
+            for (int j = 0; j < nItems; ++j) {
+                snprintf(acText, sizeof(acText), "%d:%05d;", i, j);
+                client.sendText(acText);
+            }
+        });
+    }
+
+    const std::string strGot = readBytes(pair.m_far, size_t{8} * nThreads * nItems);
+
+    for (std::thread& producer : vecProducer) {
+        producer.join();
+    }
+    bQuit = true;
+    reactor.join();
+    ::close(nEPoll);
+    std::vector<int> vecNext(nThreads, 0);
+    ASSERT_EQ(size_t{8} * nThreads * nItems, strGot.size());
+    for (size_t i = 0; i < strGot.size(); i += 8) {
+        int nThread = -1;
+        int nItem = -1;
+        ASSERT_EQ(2, sscanf(strGot.substr(i, 8).c_str(), "%d:%d;", &nThread, &nItem));
+        ASSERT_EQ(vecNext[static_cast<size_t>(nThread)]++, nItem);
+    }
+}
+
+TEST(SendQueueTcpClient, AConnectionThatCarriesTheLogSurvivesItsOwnFailure)
+{
+    NetPair pair;
+    LogCapture log;
+    LogViewer viewer(pair);
+    FaultScope fault(faultOnSend(pair, "1-", EPIPE).c_str());
+
+    // The line's own delivery fails to send, which is logged from inside the handler.
+    Log::getInstance().log("here", 1, "test", 2, "a line\n");
+
+    EXPECT_EQ(1, viewer.m_nLines.load()); // the line about the failure is not delivered to it
+    EXPECT_EQ(1U, faultHits());
+    const Lines lines = takeLines(log);
+    ASSERT_EQ(2U, lines.size());
+    EXPECT_EQ("[error] [here ] [test] a line\n", lines[0]);
+    EXPECT_EQ(0U, lines[1].find("[error] [Socket ] [write] EPIPE"));
+
+    // The next line only waits: no second attempt, no third line.
+    Log::getInstance().log("here", 1, "test", 2, "another\n");
+    EXPECT_EQ(Lines({"[error] [here ] [test] another\n"}), takeLines(log));
+    EXPECT_EQ(1, viewer.getQueueLength());
+}
+
+TEST(SendQueueTcpClient, AReactorsFailingWriteDoesNotReenterTheConnection)
+{
+    NetPair pair;
+    LogViewer viewer(pair);
+    viewer.sendText(LARGE); // a write in progress
+    LogCapture log;
+    FaultScope fault(faultOnSend(pair, "1-", EPIPE).c_str());
+
+    EXPECT_EQ(1, viewer.write()); // logs with the send lock held
+
+    EXPECT_EQ(1U, faultHits());
+    EXPECT_EQ(1, viewer.m_nLines.load());
+    EXPECT_EQ(1, viewer.getQueueLength()); // the line about it waits behind
+    EXPECT_EQ(1U, takeLines(log).size());  // no "mutex lock error !!"
+}
+
+TEST(SendQueueTcpClient, AFailingDirectWriteDoesNotHangTheConnection)
+{
+    NetPair pair;
+    LogViewer viewer(pair);
+    LogCapture log;
+    int nDone = 0;
+    FaultScope fault(faultOnSend(pair, "1", EPIPE).c_str());
+
+    EXPECT_EQ(-1, viewer.getSocket().writeTimeOut("x", 1, nDone, nullptr, Time(5, 0)));
+
+    const Lines lines = takeLines(log);
+    ASSERT_EQ(1U, lines.size());
+    EXPECT_EQ(lines[0], readBytes(pair.m_far, lines[0].size())); // sent from inside the failure
+}
+
+TEST(SendQueueTcpClient, TwoLogCarryingConnectionsFailingAtOnceDoNotBlockEachOther)
+{
+    for (int nRound = 0; nRound < 200; ++nRound) {
+        NetPair first;
+        NetPair second;
+        LogViewer a(first);
+        LogViewer b(second);
+        FaultScope fault(
+            (faultOnSend(first, "1-", EPIPE) + ";" + faultOnSend(second, "1-", EPIPE)).c_str());
+        std::thread one([&] { a.sendText("x"); });
+        std::thread two([&] { b.sendText("y"); });
+        one.join();
+        two.join();
+        a.end();
+        b.end();
+        EXPECT_EQ(2U, faultHits());
+    }
+}

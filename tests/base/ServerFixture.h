@@ -1,0 +1,77 @@
+// A TCP server whose steps can be made to fail, and a journal of what happens to its connections.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "SendQueueTcpClient.h"
+#include "TcpServer.h"
+
+/** What happened, in order, as "STEP NUMBER" with the number of the connection. */
+class Journal
+{
+public:
+    void note(const std::string& strStep, int nClient);
+
+    /** Everything so far; also forgets it. */
+    std::vector<std::string> take();
+
+    int count(const std::string& strStep);
+
+private:
+    std::mutex m_mtx;
+    std::vector<std::string> m_vecStep;
+};
+
+/** Echoes what it reads, a few bytes per call. */
+class JournalClient : public SendQueueTcpClient
+{
+public:
+    JournalClient(Journal& journal, const std::set<std::string>& failing, int nNumber);
+    ~JournalClient() override;
+
+    int init() override;
+    int start() override;
+    int stop() override;
+    int uninit() override;
+    int onRead(EPollEvent& event) override;
+    int onWrite(EPollEvent& event) override;
+    int onError(EPollEvent& event) override;
+
+private:
+    int step(const char* pStep);
+
+    Journal& m_journal;
+    const std::set<std::string>& m_failing;
+    const int m_nNumber;
+};
+
+/** On a port of the kernel's choice; buffers of 8192 and 16384 bytes. */
+class JournalServer : public TcpServer
+{
+public:
+    JournalServer() = default;
+    ~JournalServer() override;
+
+    TcpClient* createClient() override;
+
+    /** Make it listen on the loopback interface. */
+    void listen();
+
+    uint16_t getPort() const;
+    int getListenFd() const
+    {
+        return m_socket.getFd();
+    }
+
+    /** Passes of the reactor on this thread until the steps have happened that often, or 30 s. */
+    bool poll(const std::string& strStep, int nCount = 1);
+
+    Journal m_journal;
+    std::set<std::string> m_failing;  // steps that return 1; "create" gives no client
+    std::atomic<int> m_nClients{0};   // made so far
+    JournalClient* m_pLast = nullptr; // made last
+};

@@ -1,0 +1,657 @@
+// TcpServer: listening, accepting, routing readiness, and the end of connections.
+#include "TcpServer.h"
+
+#include <cerrno>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Eventually.h"
+#include "Fault.h"
+#include "LogCapture.h"
+#include "NetPair.h"
+#include "ServerFixture.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using Steps = std::vector<std::string>;
+
+int optionOf(int nFd, int nLevel, int nName)
+{
+    int nValue = -1;
+    socklen_t uLength = sizeof(nValue);
+    EXPECT_EQ(0, getsockopt(nFd, nLevel, nName, &nValue, &uLength));
+    return nValue;
+}
+
+/** The peer has closed: nothing more comes, and the end is told. */
+bool sawEnd(const TcpSocket& socket)
+{
+    char cByte = 0;
+    return socket.waitReadable(Time(10, 0)) && recv(socket.getFd(), &cByte, 1, 0) <= 0;
+}
+
+/** Nothing comes, not even the end. */
+bool isSilent(const TcpSocket& socket)
+{
+    char cByte = 0;
+    return -1 == recv(socket.getFd(), &cByte, 1, MSG_DONTWAIT) && EAGAIN == errno;
+}
+
+std::string acceptLine(const char* pText)
+{
+    return std::string("[error] [TcpServer ] [onPollAccept] ") + pText;
+}
+
+const char* const CONNECTION_LINE = "[info ] [TcpServer ] [onPollError] tcp client error, delete "
+                                    "from epoll and close !!\n";
+
+} // namespace
+
+TEST(TcpServer, InitListensOnAllAddressesOrOne)
+{
+    JournalServer server;
+    ASSERT_EQ(0, server.init(0, nullptr, 4096, 4096));
+    sockaddr_in address{};
+    socklen_t uLength = sizeof(address);
+    ASSERT_EQ(0,
+              getsockname(server.getListenFd(), reinterpret_cast<sockaddr*>(&address), &uLength));
+    EXPECT_EQ(htonl(INADDR_ANY), address.sin_addr.s_addr);
+
+    JournalServer other;
+    other.listen();
+    const int nFd = other.getListenFd();
+    ASSERT_EQ(0, getsockname(nFd, reinterpret_cast<sockaddr*>(&address), &uLength));
+    EXPECT_EQ(htonl(INADDR_LOOPBACK), address.sin_addr.s_addr);
+    EXPECT_NE(0, fcntl(nFd, F_GETFL) & O_NONBLOCK);
+    EXPECT_NE(0, fcntl(nFd, F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ(1, optionOf(nFd, SOL_SOCKET, SO_ACCEPTCONN));
+    EXPECT_EQ(1, optionOf(nFd, SOL_SOCKET, SO_REUSEADDR));
+    EXPECT_EQ(1, optionOf(nFd, SOL_SOCKET, SO_KEEPALIVE));
+    EXPECT_EQ(5, optionOf(nFd, IPPROTO_TCP, TCP_KEEPIDLE));
+    EXPECT_EQ(1, optionOf(nFd, IPPROTO_TCP, TCP_KEEPINTVL));
+    EXPECT_EQ(2, optionOf(nFd, IPPROTO_TCP, TCP_KEEPCNT));
+    tcp_info info{};
+    uLength = sizeof(info);
+    ASSERT_EQ(0, getsockopt(nFd, IPPROTO_TCP, TCP_INFO, &info, &uLength));
+    EXPECT_EQ(20U, info.tcpi_sacked); // of a listener: the backlog
+}
+
+TEST(TcpServer, EachFailedStepOfInitIsLogged)
+{
+    struct Case
+    {
+        const char* pPlan;
+        const char* pText;
+        bool bStaysOpen;
+    };
+    const Case aCase[] = {
+        {"socket:1:EMFILE", "create accept socket error !!", false},
+        {"fcntl:1:EBADF", "accept socket set unblock error !!", true},
+        {"setsockopt:1:ENOMEM", "accept socket set keepalive error !!", true},
+        {"setsockopt:5:ENOMEM", "accept socket set reuse addr error !!", true},
+        {"bind:1:EADDRINUSE", "accept socket bind error !!", true},
+        {"listen:1:EADDRINUSE", "accept socket listen error !!", true},
+        {"epoll_ctl:1:ENOMEM", "accept socket add fd error !!", false},
+    };
+    for (const char* pIp : {static_cast<const char*>(nullptr), "127.0.0.1"}) {
+        const std::string strEnd =
+            (nullptr == pIp) ? "   accept ip:(null) port:0\n" : "   accept ip:127.0.0.1 port:0\n";
+        for (const Case& entry : aCase) {
+            JournalServer server;
+            LogCapture log;
+            {
+                FaultScope fault(entry.pPlan);
+                EXPECT_EQ(1, server.init(0, pIp, 4096, 4096));
+                EXPECT_EQ(1U, faultHits());
+            }
+            EXPECT_EQ(Lines({std::string("[error] [TcpServer ] [init] ") + entry.pText + strEnd}),
+                      takeLines(log, "[TcpServer ]"));
+            EXPECT_EQ(entry.bStaysOpen, server.getListenFd() >= 0) << entry.pText;
+
+            // A socket left open is in the way until it is given up.
+            EXPECT_EQ(entry.bStaysOpen ? 1 : 0, server.init(0, pIp, 4096, 4096)) << entry.pText;
+            EXPECT_EQ(0, server.uninit());
+            EXPECT_EQ(0, server.init(0, pIp, 4096, 4096));
+        }
+    }
+}
+
+TEST(TcpServer, ATakenPortIsRefused)
+{
+    JournalServer first;
+    first.listen();
+    JournalServer second;
+    LogCapture log;
+
+    EXPECT_EQ(1, second.init(first.getPort(), "127.0.0.1", 4096, 4096));
+
+    EXPECT_EQ(Lines({"[error] [TcpServer ] [init] accept socket bind error !!   accept "
+                     "ip:127.0.0.1 port:" +
+                     std::to_string(first.getPort()) + "\n"}),
+              takeLines(log, "[TcpServer ]"));
+}
+
+TEST(TcpServer, UninitStopsListening)
+{
+    JournalServer server;
+    server.listen();
+    const int nFd = server.getListenFd();
+    LogCapture log;
+
+    EXPECT_EQ(0, server.uninit());
+    EXPECT_FALSE(isOpen(nFd));
+    EXPECT_EQ(Lines(), takeLines(log));
+
+    EXPECT_EQ(0, server.uninit()); // nothing left
+    EXPECT_EQ(Lines({"[warn ] [EPoll ] [deleteFd] occur fd <=0 while epoll delete fd, this will "
+                     "lead to memory leak!\n"}),
+              takeLines(log));
+
+    server.listen(); // and again
+    TcpSocket peer = connectTo(server.getPort());
+    EXPECT_TRUE(server.poll("start"));
+    (void)peer.close();
+}
+
+TEST(TcpServer, AConnectionIsTunedServedAndAnnounced)
+{
+    JournalServer server;
+    server.listen();
+    LogCapture log;
+    TcpSocket peer = connectTo(server.getPort());
+
+    ASSERT_TRUE(server.poll("start"));
+
+    EXPECT_EQ(Steps({"create 1", "init 1", "start 1"}), server.m_journal.take());
+    const int nFd = server.m_pLast->getSocket().getFd();
+    EXPECT_NE(0, fcntl(nFd, F_GETFL) & O_NONBLOCK);
+    EXPECT_NE(0, fcntl(nFd, F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ(1, optionOf(nFd, SOL_SOCKET, SO_KEEPALIVE));
+    EXPECT_EQ(5, optionOf(nFd, IPPROTO_TCP, TCP_KEEPIDLE));
+    EXPECT_EQ(1, optionOf(nFd, IPPROTO_TCP, TCP_KEEPINTVL));
+    EXPECT_EQ(2, optionOf(nFd, IPPROTO_TCP, TCP_KEEPCNT));
+    EXPECT_EQ(2 * 8192, optionOf(nFd, SOL_SOCKET, SO_SNDBUF)); // socket(7): doubled
+    EXPECT_EQ(2 * 16384, optionOf(nFd, SOL_SOCKET, SO_RCVBUF));
+    char acLine[160];
+    snprintf(acLine, sizeof(acLine),
+             "[info ] [TcpServer ] [onPollAccept] tcp client connected, local(127.0.0.1:%u) "
+             "remote(127.0.0.1:%u)\n",
+             server.getPort(), portOf(peer.getFd()));
+    EXPECT_EQ(Lines({acLine}), takeLines(log, "[TcpServer ]"));
+
+    ASSERT_EQ(5, send(peer.getFd(), "hello", 5, 0));
+    EXPECT_TRUE(eventually([&] {
+        (void)server.pollOnce();
+        return peer.waitReadable(Time());
+    }));
+    EXPECT_EQ("hello", readBytes(peer, 5));
+    (void)peer.close();
+}
+
+TEST(TcpServer, ReadingGoesOnUntilNothingIsPending)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    const std::string strSent(3000, 'r'); // 300 reads
+    ASSERT_EQ(3000, send(peer.getFd(), strSent.data(), strSent.size(), 0));
+    ASSERT_TRUE(server.m_pLast->getSocket().waitReadable(Time(5, 0)));
+    int32_t nLeft = -1;
+
+    EXPECT_EQ(0, server.pollOnce()); // one edge
+
+    ASSERT_EQ(0, server.m_pLast->getSocket().getRcvQueue(nLeft));
+    EXPECT_EQ(0, nLeft);
+    EXPECT_EQ(strSent, readBytes(peer, 3000));
+    (void)peer.close();
+}
+
+TEST(TcpServer, AllPendingConnectionsAreAcceptedAtOnce)
+{
+    JournalServer server;
+    server.listen();
+    std::vector<TcpSocket> vecPeer;
+    for (int i = 0; i < 15; ++i) {
+        vecPeer.push_back(connectTo(server.getPort()));
+    }
+
+    EXPECT_EQ(0, server.pollOnce());
+
+    EXPECT_EQ(15, server.m_journal.count("start"));
+    for (TcpSocket& peer : vecPeer) {
+        (void)peer.close();
+    }
+}
+
+TEST(TcpServer, AHangUpEndsTheConnectionOnce)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    (void)server.m_journal.take();
+    const int nFd = server.m_pLast->getSocket().getFd();
+    LogCapture log;
+
+    (void)peer.close();
+    ASSERT_TRUE(server.poll("delete"));
+    EXPECT_EQ(0, server.pollOnce()); // nothing more comes of it
+
+    EXPECT_EQ(Steps({"onError 1", "stop 1", "uninit 1", "delete 1"}), server.m_journal.take());
+    EXPECT_FALSE(isOpen(nFd));
+    EXPECT_EQ(Lines({CONNECTION_LINE}), takeLines(log));
+}
+
+TEST(TcpServer, AResetEndsTheConnectionOnce)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    (void)server.m_journal.take();
+    const int nFd = server.m_pLast->getSocket().getFd();
+
+    ASSERT_EQ(0, peer.setOptLinger(true, 0));
+    (void)peer.close();
+    ASSERT_TRUE(server.poll("delete"));
+    EXPECT_EQ(0, server.pollOnce());
+
+    EXPECT_EQ(Steps({"onError 1", "stop 1", "uninit 1", "delete 1"}), server.m_journal.take());
+    EXPECT_FALSE(isOpen(nFd));
+}
+
+TEST(TcpServer, AFailedStopLeavesOutUninit)
+{
+    JournalServer server;
+    server.listen();
+    server.m_failing = {"stop"};
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    (void)server.m_journal.take();
+
+    (void)peer.close();
+    ASSERT_TRUE(server.poll("delete"));
+
+    EXPECT_EQ(Steps({"onError 1", "stop 1", "delete 1"}), server.m_journal.take());
+}
+
+TEST(TcpServer, AFailedReadOrWriteEndsTheConnection)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket reader = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    server.m_failing = {"onRead"};
+    (void)server.m_journal.take();
+
+    ASSERT_EQ(1, send(reader.getFd(), "x", 1, 0));
+    ASSERT_TRUE(server.poll("delete"));
+    EXPECT_EQ(Steps({"onRead 1", "onError 1", "stop 1", "uninit 1", "delete 1"}),
+              server.m_journal.take());
+    EXPECT_TRUE(sawEnd(reader));
+
+    server.m_failing = {"onWrite"};
+    TcpSocket writer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("delete")); // writable at once
+    EXPECT_EQ(Steps({"create 2", "init 2", "start 2", "onWrite 2", "onError 2", "stop 2",
+                     "uninit 2", "delete 2"}),
+              server.m_journal.take());
+    EXPECT_TRUE(sawEnd(writer));
+    (void)reader.close();
+    (void)writer.close();
+}
+
+TEST(TcpServer, ASocketThatCantBeTunedIsClosedAndItsClientKept)
+{
+    struct Case
+    {
+        const char* pPlan;
+        const char* pText;
+    };
+    const Case aCase[] = {
+        {"fcntl:1:EBADF", "tcp client socket set unblock error !!\n"},
+        {"setsockopt:1:ENOMEM", "tcp client socket set alive error !!\n"},
+        {"setsockopt:5:ENOMEM", "tcp client socket set recv buffer error !!\n"},
+        {"setsockopt:6:ENOMEM", "tcp client socket set send buffer error !!\n"},
+    };
+    for (const Case& entry : aCase) {
+        Journal* pJournal = nullptr;
+        {
+            JournalServer server;
+            pJournal = &server.m_journal;
+            server.listen();
+            TcpSocket peer = connectTo(server.getPort());
+            TcpSocket next = connectTo(server.getPort());
+            LogCapture log;
+            FaultScope fault(entry.pPlan);
+
+            ASSERT_TRUE(server.poll("start")); // the loop goes on to the next
+
+            EXPECT_EQ(1U, faultHits());
+            EXPECT_EQ(Lines({acceptLine(entry.pText)}), takeLines(log, "[error] [TcpServer ]"));
+            // Deliberate: not destroyed, neither initialised.
+            EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), pJournal->take());
+            EXPECT_TRUE(sawEnd(peer));
+            (void)peer.close();
+            (void)next.close();
+        }
+    }
+}
+
+TEST(TcpServer, KeptClientsAreFreedWithTheServer)
+{
+    Journal journal;
+    const std::set<std::string> none;
+    struct Server : public TcpServer
+    {
+        Server(Journal& rJournal, const std::set<std::string>& rNone)
+            : m_journal(rJournal), m_none(rNone)
+        {
+        }
+        ~Server() override
+        {
+            endService();
+        }
+        TcpClient* createClient() override
+        {
+            return new JournalClient(m_journal, m_none, 7);
+        }
+        Journal& m_journal;
+        const std::set<std::string>& m_none;
+        using TcpServer::m_socket;
+    };
+    {
+        Server server(journal, none);
+        ASSERT_EQ(0, server.init(0, "127.0.0.1", 4096, 4096));
+        TcpSocket peer = connectTo(portOf(server.m_socket.getFd()));
+        FaultScope fault("setsockopt:1:ENOMEM");
+        ASSERT_TRUE(eventually([&] { return 0 == server.pollOnce() && sawEnd(peer); }));
+        EXPECT_EQ(Steps(), journal.take());
+        (void)peer.close();
+    }
+    EXPECT_EQ(Steps({"delete 7"}), journal.take());
+}
+
+TEST(TcpServer, AnInterruptedAcceptIsLoggedAndTheLoopGoesOn)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    LogCapture log;
+    FaultScope fault("accept4:1:EINTR");
+
+    EXPECT_EQ(0, server.pollOnce());
+
+    EXPECT_EQ(Lines({acceptLine("tcp client socket set unblock error !!\n")}),
+              takeLines(log, "[error]"));
+    EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), server.m_journal.take());
+    (void)peer.close();
+}
+
+TEST(TcpServer, WithoutAClientTheConnectionStaysOpenAndUnserved)
+{
+    JournalServer server;
+    server.listen();
+    server.m_failing = {"create"};
+    TcpSocket peer = connectTo(server.getPort());
+    LogCapture log;
+
+    ASSERT_TRUE(server.poll("create"));
+    EXPECT_EQ(Lines({acceptLine("create(new) tcp client error !!\n")}), takeLines(log));
+    ASSERT_EQ(1, send(peer.getFd(), "x", 1, 0));
+    server.m_failing.clear();
+    TcpSocket next = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+
+    EXPECT_TRUE(isSilent(peer));
+    EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), server.m_journal.take());
+    (void)peer.close();
+    (void)next.close();
+}
+
+TEST(TcpServer, EachFailedStepOfAClientEndsIt)
+{
+    struct Case
+    {
+        const char* pFailing;
+        const char* pPlan;
+        const char* pText;
+        Steps steps;
+    };
+    const Case aCase[] = {
+        {"init",
+         "",
+         "tcp client connected, but init failed !!\n",
+         {"create 1", "init 1", "delete 1"}},
+        {"start",
+         "",
+         "tcp client connected, but start failed !!\n",
+         {"create 1", "init 1", "start 1", "uninit 1", "delete 1"}},
+        {"",
+         "epoll_ctl:1:ENOMEM",
+         "tcp client connected, but add to epoll failed !!\n",
+         {"create 1", "init 1", "start 1", "stop 1", "uninit 1", "delete 1"}},
+    };
+    for (const Case& entry : aCase) {
+        JournalServer server;
+        server.listen();
+        server.m_failing = {entry.pFailing};
+        TcpSocket peer = connectTo(server.getPort());
+        LogCapture log;
+        FaultScope fault(entry.pPlan);
+
+        ASSERT_TRUE(server.poll("delete"));
+
+        EXPECT_EQ(entry.steps, server.m_journal.take());
+        EXPECT_EQ(Lines({acceptLine(entry.pText)}), takeLines(log, "[TcpServer ]"));
+        EXPECT_TRUE(sawEnd(peer));
+        (void)peer.close();
+    }
+}
+
+TEST(TcpServer, AFailedAcceptIsTriedAgainWithoutANewConnection)
+{
+    for (const int nError : {ECONNABORTED, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO}) {
+        JournalServer server;
+        server.listen();
+        TcpSocket peer = connectTo(server.getPort());
+        FaultScope fault(("accept4:1-2:" + std::to_string(nError)).c_str());
+
+        EXPECT_TRUE(server.poll("start"));
+
+        EXPECT_EQ(2U, faultHits());
+        (void)peer.close();
+    }
+}
+
+TEST(TcpServer, NothingIsTriedAgainAfterTheLastConnection)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+
+    FaultScope fault("accept4:1-:EMFILE");
+    ASSERT_EQ(1, send(peer.getFd(), "x", 1, 0));
+    EXPECT_TRUE(eventually([&] {
+        (void)server.pollOnce();
+        return peer.waitReadable(Time());
+    }));
+
+    EXPECT_EQ(0U, faultHits());
+    (void)peer.close();
+}
+
+TEST(TcpServer, RunningOutOfDescriptorsIsOverWhenClientsLeave)
+{
+    rlimit old{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &old));
+    std::vector<int> vecPlaceholder; // keeps the low numbers away from the peers
+    for (int nFd = 0; nFd < 64;) {
+        nFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(nFd, 0);
+        vecPlaceholder.push_back(nFd);
+    }
+    std::vector<TcpSocket> vecPeer;
+    {
+        for (int i = 0; i < 15; ++i) {
+            vecPeer.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            ASSERT_GE(vecPeer.back().getFd(), 64);
+        }
+        JournalServer server;
+        for (int i = 0; i < 6; ++i) { // the server gets few
+            ::close(vecPlaceholder[static_cast<size_t>(i)]);
+        }
+        rlimit low = old;
+        low.rlim_cur = 64;
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+        server.listen();
+        for (TcpSocket& peer : vecPeer) {
+            ASSERT_EQ(0, peer.connect("127.0.0.1", server.getPort()));
+        }
+        ASSERT_TRUE(server.poll("start", 3));
+        EXPECT_EQ(0, server.pollOnce());
+        const int nServed = server.m_journal.count("start");
+        EXPECT_LT(nServed, 15);
+
+        // No new connection comes: only the departures make room.
+        for (TcpSocket& peer : vecPeer) {
+            (void)peer.close();
+        }
+        EXPECT_TRUE(server.poll("delete", 15));
+        EXPECT_EQ(15, server.m_journal.count("start"));
+    }
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &old));
+    for (size_t i = 6; i < vecPlaceholder.size(); ++i) {
+        ::close(vecPlaceholder[i]);
+    }
+}
+
+TEST(TcpServer, ItsEndEndsTheOpenConnections)
+{
+    std::vector<TcpSocket> vecPeer;
+    LogCapture log;
+    {
+        JournalServer server;
+        server.listen();
+        ASSERT_EQ(0, server.start());
+        for (int i = 0; i < 5; ++i) {
+            vecPeer.push_back(connectTo(server.getPort()));
+        }
+        ASSERT_TRUE(eventually([&] { return 5 == server.m_journal.count("start"); }));
+        EXPECT_EQ(0, server.stop());
+        EXPECT_EQ(0, server.uninit());
+        EXPECT_EQ(0, server.m_journal.count("stop")); // they outlive both
+        EXPECT_TRUE(isSilent(vecPeer[0]));
+    }
+    EXPECT_EQ(5U, takeLines(log, CONNECTION_LINE).size());
+    for (TcpSocket& peer : vecPeer) {
+        EXPECT_TRUE(sawEnd(peer));
+        (void)peer.close();
+    }
+}
+
+TEST(TcpServer, AnOpenConnectionEndsAsAnErrorWouldEndIt)
+{
+    Journal journal;
+    const std::set<std::string> none;
+    struct Server : public TcpServer // without a destructor of its own
+    {
+        explicit Server(Journal& rJournal, const std::set<std::string>& rNone)
+            : m_journal(rJournal), m_none(rNone)
+        {
+        }
+        TcpClient* createClient() override
+        {
+            return new JournalClient(m_journal, m_none, 3);
+        }
+        Journal& m_journal;
+        const std::set<std::string>& m_none;
+        using TcpServer::m_socket;
+    };
+    TcpSocket peer;
+    int nListener = -1;
+    {
+        Server server(journal, none);
+        ASSERT_EQ(0, server.init(0, "127.0.0.1", 4096, 4096));
+        nListener = server.m_socket.getFd();
+        peer = connectTo(portOf(nListener));
+        ASSERT_TRUE(
+            eventually([&] { return 0 == server.pollOnce() && 0 != journal.count("start"); }));
+        (void)journal.take();
+    }
+    EXPECT_EQ(Steps({"onError 3", "stop 3", "uninit 3", "delete 3"}), journal.take());
+    EXPECT_TRUE(sawEnd(peer));
+    EXPECT_FALSE(isOpen(nListener));
+    (void)peer.close();
+}
+
+TEST(TcpServer, ItsEndDoesNotRaceWithConnectingPeers)
+{
+    for (int nRound = 0; nRound < 5; ++nRound) {
+        std::atomic<bool> bQuit{false};
+        std::thread peers;
+        {
+            JournalServer server;
+            server.listen();
+            ASSERT_EQ(0, server.start());
+            const uint16_t u16Port = server.getPort();
+            peers = std::thread([&bQuit, u16Port] {
+                while (!bQuit) {
+                    TcpSocket peer;
+                    if (0 == peer.create() && 0 == peer.connect("127.0.0.1", u16Port)) {
+                        (void)send(peer.getFd(), "x", 1, MSG_NOSIGNAL);
+                    }
+                    (void)peer.close();
+                }
+            });
+            EXPECT_TRUE(eventually([&] { return server.m_nClients > 3; }));
+        }
+        bQuit = true;
+        peers.join();
+    }
+}
+
+TEST(TcpServer, PeersComeAndGoWhileOthersAreSentTo)
+{
+    JournalServer server;
+    server.listen();
+    ASSERT_EQ(0, server.start());
+    const uint16_t u16Port = server.getPort();
+    std::atomic<int> nRounds{0};
+    std::vector<std::thread> vecPeer;
+    for (int i = 0; i < 4; ++i) {
+        vecPeer.emplace_back([&nRounds, u16Port, i] {
+            const std::string strSent(static_cast<size_t>(1000 * (i + 1)),
+                                      static_cast<char>('a' + i));
+            for (int j = 0; j < 25; ++j) {
+                TcpSocket peer = connectTo(u16Port);
+                EXPECT_EQ(0, peer.writeE(strSent.data(), static_cast<int>(strSent.size())));
+                if (0 != (i + j) % 3) { // others leave with their answer unread
+                    EXPECT_EQ(strSent, readBytes(peer, strSent.size()));
+                }
+                (void)peer.close();
+                ++nRounds;
+            }
+        });
+    }
+    for (std::thread& peer : vecPeer) {
+        peer.join();
+    }
+
+    EXPECT_EQ(100, nRounds.load());
+    EXPECT_TRUE(eventually([&] { return 100 == server.m_journal.count("delete"); }));
+    for (const char* pStep : {"create", "init", "start", "onError", "stop", "uninit"}) {
+        EXPECT_EQ(100, server.m_journal.count(pStep)) << pStep;
+    }
+}
