@@ -10,9 +10,9 @@
  * start: laser off at the origin).
  *
  * Positions are in micrometres of the workpiece's plane, so that each fits an atomic of 32 bits.
- * The picture's centre is x = 0, y = 0; x grows to the right, y downwards; z = 0 is in focus and the
- * spot's blur grows with |z|. Each field is read and written on its own; a picture drawn in the middle of a move may mix
- * two positions that are one step apart.
+ * The picture's centre is x = 0, y = 0; x grows to the right, y downwards; z = 0 is in focus and
+ * the spot's blur grows with |z|. Each field is read and written on its own; a picture drawn in the
+ * middle of a move may mix two positions that are one step apart.
  */
 struct SceneState
 {

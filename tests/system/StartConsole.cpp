@@ -5,7 +5,10 @@ namespace {
 
 struct StartConsole
 {
-    StartConsole() { ModuleManager::getInstance().getDebugThread().start(); }
+    StartConsole()
+    {
+        ModuleManager::getInstance().getDebugThread().start();
+    }
 };
 
 const StartConsole START_CONSOLE;
