@@ -2,6 +2,7 @@
 #pragma once
 
 #include "IModule.h"
+#include "UART.h"
 #include "VideoFrame.h"
 
 class IConsumer;
@@ -11,7 +12,8 @@ class IConsumer;
  * not started by it.
  *
  * The lifecycle is the main thread's; the other operations may come from any thread. The module
- * keeps no state that needs a lock.
+ * keeps no state that needs a lock. The print service has to be first used after the module: it
+ * borrows the module's port and goes before it.
  */
 class SystemModule : public IModule
 {
@@ -42,6 +44,33 @@ public:
     /** Correct a frame's lens distortion, as far as the vision host can; VideoProcessor.h. */
     void undistort(PVENC_FRAME_T& in, PVENC_FRAME_T& out);
 
+    /**
+     * Reset the motion controller, find its serial port and open it: the first node that
+     * "ls /dev/ttyACM*" lists, 115200 baud, 8 data bits, 1 stop bit, no parity. From then on the
+     * print service and the controller object use it. Nothing in the start-up calls this.
+     *
+     * Blocks until there is a port that opens, however long; looks once a second. One caller at a
+     * time, and not while the print service works on the port.
+     * @return RET_FAILED when the reset or the line parameters are refused; both then keep what
+     *         they had
+     */
+    RET_E openSerial();
+
+    /** To the print service, which is made by the first of these calls; see PrintService.h. */
+    int sendPrintCommand(const char* pCommand, int nLength);
+    int savePrintJob(const void* pData, int nLength);
+    int updateControllerFirmware(const void* pData, int nLength);
+    int startPrintJob();
+    int pausePrintJob();
+    int stopPrintJob();
+    int getPrintProgress(float* pProgress);
+
+    /** To the controller object, whose two operations have no effect. @return 0 */
+    int callControllerReservedFirst();
+    int callControllerReservedSecond();
+
 private:
     SystemModule();
+
+    UART m_uart; // lent to the print service and the controller object by openSerial()
 };

@@ -81,7 +81,7 @@ bool Simulator::mapScene()
         return false;
     }
     m_pScene = static_cast<SceneState*>(pMap);
-    updateScene();
+    updateScene(true);
     return true;
 }
 
@@ -166,7 +166,7 @@ void Simulator::run(int nStopFd)
             m_wireLog.flush();
             return strResult;
         });
-        updateScene();
+        updateScene(false);
     }
 }
 
@@ -220,19 +220,24 @@ void Simulator::runDue(int64_t s64NowUs)
     }
 }
 
-void Simulator::updateScene()
+void Simulator::updateScene(bool bAlways)
 {
-    if (nullptr == m_pScene) {
+    const Point& position = m_controller.motion().position();
+    const bool bSpot = m_controller.isSpotOn();
+    const bool bSame = position == m_scenePosition && bSpot == m_bSceneSpot;
+    if (nullptr == m_pScene || (bSame && !bAlways)) {
         return;
     }
-    const Point& position = m_controller.motion().position();
+    m_scenePosition = position;
+    m_bSceneSpot = bSpot;
     const auto toMicrometres = [](double dMm) {
         return static_cast<int32_t>(lround(dMm * MICROMETRES_PER_MM));
     };
-    m_pScene->s32XMicrometre = toMicrometres(position[0]);
-    m_pScene->s32YMicrometre = toMicrometres(position[1]);
-    m_pScene->s32ZMicrometre = toMicrometres(position[2]);
-    m_pScene->u32LaserOn = m_controller.isSpotOn() ? 1 : 0;
+    // The arm's axes point against the picture's.
+    m_pScene->s32XMicrometre = toMicrometres(-position[0]);
+    m_pScene->s32YMicrometre = toMicrometres(-position[1]);
+    m_pScene->s32ZMicrometre = toMicrometres(m_options.dFocusZ - position[2]);
+    m_pScene->u32LaserOn = bSpot ? 1 : 0;
 }
 
 void Simulator::setPlugged(bool bPlugged, int64_t s64NowUs)

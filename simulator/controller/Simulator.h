@@ -22,6 +22,7 @@ struct SimulatorOptions
     std::string strControl; // control socket
     std::string strWireLog;
     std::string strScene;       // file of the shared SceneState
+    double dFocusZ = 0;         // the height in millimetres at which the spot is sharp
     std::string strScript;      // instructions with their times
     int64_t s64BootUs = 300000; // from the end of a reset until the port is there again
     bool bPlugged = true;       // the port is there from the start
@@ -54,7 +55,7 @@ private:
     void writeAnswers(int64_t s64NowUs);
     void readPins(int64_t s64NowUs);
     void runDue(int64_t s64NowUs);
-    void updateScene();
+    void updateScene(bool bAlways);
     void setPlugged(bool bPlugged, int64_t s64NowUs);
     std::string instruct(const std::string& strInstruction);
 
@@ -65,6 +66,8 @@ private:
     PtyPort m_port;
     GpioLines m_gpio;
     ControlSocket m_control;
+    Point m_scenePosition{}; // as last told, to leave the scene alone while nothing moves
+    bool m_bSceneSpot = false;
     SceneState* m_pScene = nullptr;               // mapped; null without a scene
     std::multimap<int64_t, std::string> m_mapDue; // instructions by their time
     bool m_bResetLow = false;

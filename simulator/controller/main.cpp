@@ -20,6 +20,7 @@ static const char* const USAGE =
     "  --script FILE      carry out instructions at their times\n"
     "  --wire-log FILE    record every line and every answer with its time\n"
     "  --scene FILE       drive the laser spot of the shared scene\n"
+    "  --focus-z N        height in millimetres at which the spot is sharp (0)\n"
     "  --image FILE       keep a received firmware image\n"
     "  --image-quiet-ms N silence that ends an image of unknown length (1000)\n"
     "  --speed-up FACTOR  move that many times faster than the feed rate says (1)\n"
@@ -38,6 +39,7 @@ enum OPTION_E
     OPTION_SCRIPT,
     OPTION_WIRE_LOG,
     OPTION_SCENE,
+    OPTION_FOCUS_Z,
     OPTION_IMAGE,
     OPTION_IMAGE_QUIET,
     OPTION_SPEED_UP,
@@ -53,6 +55,7 @@ const option OPTIONS[] = {{"node", required_argument, nullptr, OPTION_NODE},
                           {"script", required_argument, nullptr, OPTION_SCRIPT},
                           {"wire-log", required_argument, nullptr, OPTION_WIRE_LOG},
                           {"scene", required_argument, nullptr, OPTION_SCENE},
+                          {"focus-z", required_argument, nullptr, OPTION_FOCUS_Z},
                           {"image", required_argument, nullptr, OPTION_IMAGE},
                           {"image-quiet-ms", required_argument, nullptr, OPTION_IMAGE_QUIET},
                           {"speed-up", required_argument, nullptr, OPTION_SPEED_UP},
@@ -99,6 +102,9 @@ bool applyOption(int nOption, const char* pValue, SimulatorOptions& options)
         return true;
     case OPTION_SCENE:
         options.strScene = pValue;
+        return true;
+    case OPTION_FOCUS_Z:
+        options.dFocusZ = strtod(pValue, nullptr);
         return true;
     case OPTION_IMAGE:
         options.controller.strImagePath = pValue;

@@ -207,17 +207,16 @@ TEST(KestrelController, StoresOfOneReadAreToldApart)
     removePins(strPins);
 }
 
-TEST(KestrelController, MovesTheSceneSpot)
+TEST(KestrelController, MovesTheSceneSpotAgainstItsAxes)
 {
-    VirtualController controller({"--position", "1,2,3", "--speed-up", "100"});
-    const int nFd = open(controller.getScenePath().c_str(), O_RDONLY | O_CLOEXEC);
+    VirtualController controller({"--position", "1,2,3", "--focus-z", "5", "--speed-up", "100"});
+    const int nFd = open(controller.getScenePath().c_str(), O_RDWR | O_CLOEXEC);
     const auto* const pScene = static_cast<const SceneState*>(
         mmap(nullptr, sizeof(SceneState), PROT_READ, MAP_SHARED, nFd, 0));
-    close(nFd);
     ASSERT_NE(MAP_FAILED, static_cast<const void*>(pScene));
-    EXPECT_EQ(1000, pScene->s32XMicrometre);
-    EXPECT_EQ(2000, pScene->s32YMicrometre);
-    EXPECT_EQ(3000, pScene->s32ZMicrometre);
+    EXPECT_EQ(-1000, pScene->s32XMicrometre);
+    EXPECT_EQ(-2000, pScene->s32YMicrometre);
+    EXPECT_EQ(2000, pScene->s32ZMicrometre);
     EXPECT_EQ(1U, pScene->u32LaserOn);
     Port port(controller.getNode());
 
@@ -226,9 +225,18 @@ TEST(KestrelController, MovesTheSceneSpot)
     EXPECT_EQ("ok\n", port.hear());
     EXPECT_EQ("done\nok\n", port.hear());
     EXPECT_TRUE(VirtualController::waitUntil([pScene] { return 0 == pScene->u32LaserOn; }));
-    EXPECT_EQ(-12500, pScene->s32XMicrometre);
-    EXPECT_EQ(3000, pScene->s32YMicrometre);
-    EXPECT_EQ(250, pScene->s32ZMicrometre);
+    EXPECT_EQ(12500, pScene->s32XMicrometre);
+    EXPECT_EQ(-3000, pScene->s32YMicrometre);
+    EXPECT_EQ(4750, pScene->s32ZMicrometre);
+
+    controller.instruct("state");
+    auto* const pWritable = static_cast<SceneState*>(
+        mmap(nullptr, sizeof(SceneState), PROT_READ | PROT_WRITE, MAP_SHARED, nFd, 0));
+    pWritable->s32XMicrometre = 7; // placed by someone else while the arm rests
+    controller.instruct("state");
+    EXPECT_EQ(7, pScene->s32XMicrometre);
+    munmap(pWritable, sizeof(SceneState));
+    close(nFd);
     munmap(const_cast<SceneState*>(pScene), sizeof(SceneState));
 }
 
