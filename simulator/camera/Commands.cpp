@@ -114,6 +114,8 @@ std::string Commands::change(const Words& vecWord)
     } else if ("stat" == strName && 2 == nWords && oneOf(vecWord[1], "regular", "normal")) {
         m_camera.changeFaults(
             [&](Faults& faults) { faults.bRegularNode = "regular" == vecWord[1]; });
+    } else if ("capabilities" == strName && 2 == nWords) {
+        return capabilities(vecWord[1]);
     } else if ("mark" == strName) {
         return OK; // the note in the journal is all
     } else if (nWords > 1) {
@@ -131,6 +133,23 @@ std::string Commands::change(const Words& vecWord)
     } else {
         return "error: unknown command";
     }
+    return OK;
+}
+
+// capabilities HEX|normal
+std::string Commands::capabilities(const std::string& strWord)
+{
+    char* pEnd = nullptr;
+    const unsigned long nValue = strtoul(strWord.c_str(), &pEnd, 16);
+    if ("normal" == strWord) {
+        m_camera.changeFaults([](Faults& faults) { faults.capabilities.reset(); });
+        return OK;
+    }
+    if ('\0' != *pEnd || nValue > UINT32_MAX) {
+        return USAGE;
+    }
+    m_camera.changeFaults(
+        [&](Faults& faults) { faults.capabilities = static_cast<uint32_t>(nValue); });
     return OK;
 }
 

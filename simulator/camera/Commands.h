@@ -36,6 +36,7 @@ private:
     std::string list(const Words& vecWord);
     std::string spot(const Words& vecWord);
     std::string unplug(const Words& vecWord);
+    std::string capabilities(const std::string& strWord);
     std::string stateText();
     std::string statusText();
 

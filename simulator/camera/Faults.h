@@ -36,6 +36,7 @@ public:
     std::optional<uint32_t> grant();
 
     std::optional<uint32_t> coercedRate;   // frames per second that every S_PARM is granted
+    std::optional<uint32_t> capabilities;  // that QUERYCAP tells
     bool bNoTimePerFrame = false;          // the capability is not announced
     bool bFrozen = false;                  // no frame is filled
     bool bRegularNode = false;             // stat finds a regular file

@@ -26,6 +26,7 @@ int UvcCamera::dispatch(ICameraHandle& handle, CameraCall eCall, CameraRecord& r
         cap.version = 6 << 16 | 1 << 8; // KERNEL_VERSION(6, 1, 0)
         cap.device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_STREAMING;
         cap.capabilities = cap.device_caps | V4L2_CAP_DEVICE_CAPS | V4L2_CAP_META_CAPTURE;
+        cap.capabilities = m_faults.capabilities.value_or(cap.capabilities);
         return 0;
     }
     case CAMERA_ENUM_FMT:

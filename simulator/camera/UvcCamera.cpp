@@ -259,7 +259,8 @@ bool UvcCamera::waitForFrame(PictureRequest& request)
 void UvcCamera::putFrame(const PictureRequest& request, const Picture& picture)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
-    if (!m_queue.streaming() || request.u32Run != m_u32Run || !m_queue.hungry()) {
+    if (!m_queue.streaming() || m_faults.bFrozen || request.u32Run != m_u32Run ||
+        !m_queue.hungry()) {
         m_frameLog.dropped(request);
         return;
     }

@@ -60,6 +60,7 @@ TEST(Commands, WrongWordsAreRefused)
                               "timeperframe",
                               "timeperframe maybe",
                               "stat gone",
+                              "capabilities tea",
                               "list normal 3",
                               "list tea",
                               "stat",
