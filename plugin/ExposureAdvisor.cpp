@@ -45,7 +45,6 @@ int ExposureAdvisor::suggest()
                        1 / m_parameters.dMaxExposureStep, m_parameters.dMaxExposureStep);
         m_nSuggested = std::clamp(cvRound(m_nMedianExposure * dFactor), m_parameters.nMinExposure,
                                   m_parameters.nMaxExposure);
-        m_nMedian = -1;
     }
     return m_nSuggested;
 }

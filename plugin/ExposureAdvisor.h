@@ -25,18 +25,16 @@ public:
     /** Brightness of a picture's median pixel, 0 to 255. rgb: 8 bits per channel, not empty. */
     static int median(const cv::Mat& rgb);
 
-    /** Remember a picture's median until the next suggestion. */
+    /** Remember a picture's median and the exposure that it was taken with. */
     void see(int nMedian, TAKEN_E eTaken);
 
-    /**
-     * @return exposure_absolute; without a new picture since the last suggestion that one again
-     */
+    /** @return exposure_absolute; without a new picture the same again */
     int suggest();
 
 private:
     Parameters m_parameters;
     int m_nSuggested;          // last
     int m_nBefore;             // the one before it
-    int m_nMedian = -1;        // of the last picture; -1: used already, or none yet
+    int m_nMedian = -1;        // of the last picture; -1: none yet
     int m_nMedianExposure = 0; // with which it was taken
 };

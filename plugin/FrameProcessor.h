@@ -22,8 +22,8 @@ struct JpegPicture
 
 /**
  * Every operation may be called by any thread at any time; they work side by side and lock only
- * what outlives a call. They take some tens of milliseconds on a 640 x 480 picture and never wait
- * for anything else. They throw what OpenCV and the allocator throw; nothing is half done then.
+ * what outlives a call. They compute on the caller's thread and wait for nothing. They throw what
+ * OpenCV and the allocator throw; nothing is half done then.
  *
  * The last picture that an operation could read is remembered for suggestExposure().
  */

@@ -279,11 +279,12 @@ TEST_F(Plugin, CorrectedPictureStaysWhileOtherThreadsCorrectTheirs)
     ASSERT_EQ(0, m_pUndistort(picture.u32Size, 640, 480, picture.pData, &record));
     const std::vector<uint8_t> vecBefore(record.pData, record.pData + record.s32Size);
 
+    std::vector<uint8_t> vecSmall; // fits into the memory of the first one
+    ASSERT_TRUE(JpegCodec::encode(cv::Mat(48, 64, CV_8UC3, cv::Scalar(1, 2, 3)), 90, vecSmall));
     std::thread([&] {
-        SceneCamera other(0, 1280, 720);
-        const JpegPicture large = other.take();
         FRAME_PROCESS_UNDISTORT_T own{};
-        EXPECT_EQ(0, m_pUndistort(large.u32Size, 1280, 720, large.pData, &own));
+        EXPECT_EQ(
+            0, m_pUndistort(static_cast<uint32_t>(vecSmall.size()), 64, 48, vecSmall.data(), &own));
         EXPECT_NE(record.pData, own.pData);
     }).join();
 
