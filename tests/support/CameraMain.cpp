@@ -39,6 +39,7 @@ int startAgain(char** argv)
     strPreload += KESTREL_CAMERA_LIBRARY;
     setenv("LD_PRELOAD", strPreload.c_str(), 1);
     setenv(STARTED_AGAIN, "1", 1);
+    setenv("GTEST_DEATH_TEST_USE_FORK", "1", 1); // an emulator may not know the clone(2) used else
     execv("/proc/self/exe", argv);
     perror("execv");
     return 1;

@@ -282,11 +282,14 @@ TEST_F(V4L2Init, InterruptedCallIsRepeated)
     EXPECT_EQ(4U, m_camera.count("S_FMT "));
 }
 
+/** The allocation of the table of two buffers, each an address and a length. */
+const std::string BUFFER_TABLE = "calloc=" + std::to_string(2 * 2 * sizeof(void*));
+
 /** A step of init that fails once the device is open. */
 struct FailingStep
 {
     const char* pCommand; // of the virtual camera; empty for none
-    const char* pFault;   // of the C library; empty for none
+    std::string strFault; // of the C library; empty for none
     const char* pLastCall;
     const char* pMessage; // the last line logged
 };
@@ -308,7 +311,7 @@ TEST_P(V4L2FailingStep, ClosesTheDeviceAndLeavesNothingBehind)
     }
 
     {
-        const FaultScope fault(GetParam().pFault);
+        const FaultScope fault(GetParam().strFault.c_str());
         EXPECT_EQ(0, fault.result());
         EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
     }
@@ -338,7 +341,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "[setFrameRate] [0] set frame rate to 25\n"},
         FailingStep{"grant 1", "", "REQBUFS count=2 type=1 memory=1 = 0 count=1",
                     "[init] Insufficient buffer memory on /dev/video0\n"},
-        FailingStep{"", "calloc=32:1:ENOMEM", "REQBUFS count=2 type=1 memory=1 = 0 count=2",
+        FailingStep{"", BUFFER_TABLE + ":1:ENOMEM", "REQBUFS count=2 type=1 memory=1 = 0 count=2",
                     "[init] Out of memory\n"},
         FailingStep{"fail QUERYBUF EIO", "", "QUERYBUF type=1 memory=1 index=0 = -1 EIO",
                     "[setFrameRate] [0] set frame rate to 25\n"},
