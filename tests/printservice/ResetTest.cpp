@@ -3,23 +3,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "BoardNamespace.h"
+#include "BoardEnvironment.h"
 #include "PrintTest.h"
 
 namespace {
-
-/** Entered before the first test runs; listing the tests needs no rights. */
-class BoardEnvironment : public testing::Environment
-{
-public:
-    void SetUp() override
-    {
-        std::string strError;
-        if (!enterBoardNamespace(strError)) {
-            FAIL() << strError;
-        }
-    }
-};
 
 [[maybe_unused]] const testing::Environment* const s_pEnvironment =
     testing::AddGlobalTestEnvironment(new BoardEnvironment);

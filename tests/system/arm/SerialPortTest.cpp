@@ -1,0 +1,263 @@
+// Finding and opening the controller's serial port, and the calls that reach the print service
+// through the system module.
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "BoardEnvironment.h"
+#include "Eventually.h"
+#include "Log.h"
+#include "PrintService.h"
+#include "ScratchFolder.h"
+#include "SystemModule.h"
+#include "Time.h"
+#include "VirtualController.h"
+
+namespace {
+
+[[maybe_unused]] const testing::Environment* const s_pEnvironment =
+    testing::AddGlobalTestEnvironment(new BoardEnvironment);
+
+using Texts = std::vector<std::string>;
+
+Texts withNode(Texts vecOption, const std::string& strNode)
+{
+    vecOption.insert(vecOption.end(),
+                     {"--node", strNode, "--gpio", "/sys/class/gpio", "--speed-up", "1000"});
+    return vecOption;
+}
+
+/** A controller under its real names, and a scratch working directory. */
+class Arm
+{
+public:
+    explicit Arm(const Texts& vecOption = {}, const std::string& strNode = "/dev/ttyACM0")
+        : m_controller(withNode(vecOption, strNode))
+    {
+        Log::getInstance().setSinks(0); // standard output is the service's own here
+        EXPECT_EQ(0, chdir(m_folder.path().c_str()));
+        testing::internal::CaptureStdout();
+    }
+    Arm(const Arm&) = delete;
+    Arm& operator=(const Arm&) = delete;
+    ~Arm()
+    {
+        (void)output();
+        EXPECT_EQ(0, chdir("/"));
+    }
+
+    std::string output()
+    {
+        return std::exchange(m_bCapturing, false) ? testing::internal::GetCapturedStdout()
+                                                  : std::string();
+    }
+
+    ScratchFolder m_folder;
+    VirtualController m_controller;
+    SystemModule& m_module = SystemModule::getInstance();
+
+private:
+    bool m_bCapturing = true;
+};
+
+size_t countParts(const std::string& strText, const std::string& strPart)
+{
+    size_t uCount = 0;
+    for (size_t uPos = strText.find(strPart); std::string::npos != uPos;
+         uPos = strText.find(strPart, uPos + 1)) {
+        ++uCount;
+    }
+    return uCount;
+}
+
+/** Descriptors that are open on the controller's port. */
+size_t countPorts()
+{
+    size_t uCount = 0;
+    DIR* const pDir = opendir("/proc/self/fd");
+    while (const dirent* const pEntry = readdir(pDir)) {
+        char acTarget[128] = {0};
+        const std::string strPath = std::string("/proc/self/fd/") + pEntry->d_name;
+        (void)!readlink(strPath.c_str(), acTarget, sizeof(acTarget) - 1);
+        uCount += (0 == strncmp(acTarget, "/dev/pts/", 9)) ? 1 : 0;
+    }
+    closedir(pDir);
+    return uCount;
+}
+
+} // namespace
+
+TEST(SerialPort, IsOpenedAfterTheReset)
+{
+    Arm arm;
+
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+
+    EXPECT_EQ("you are reset the STM32\n[][/dev/ttyACM0]", arm.output());
+    EXPECT_EQ(1U, arm.m_controller.readTexts("unplugged").size());
+    EXPECT_EQ(0, arm.m_module.sendPrintCommand("M5", 2));
+    EXPECT_EQ("M5\n", arm.m_controller.readReceivedBytes());
+}
+
+TEST(SerialPort, ControllerSeesTheResetPulse)
+{
+    Arm arm;
+
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+
+    std::vector<VirtualController::Record> vecValue;
+    for (const VirtualController::Record& record : arm.m_controller.readWire()) {
+        if ("gpio" == record.strKind && 0 == record.strText.compare(0, 13, "gpio106/value")) {
+            vecValue.push_back(record);
+        }
+    }
+    ASSERT_EQ(3U, vecValue.size());
+    EXPECT_EQ("gpio106/value 1", vecValue[0].strText);
+    EXPECT_EQ("gpio106/value 0", vecValue[1].strText);
+    EXPECT_EQ("gpio106/value 1", vecValue[2].strText);
+    EXPECT_LE(0.499, vecValue[2].dSeconds - vecValue[1].dSeconds);
+}
+
+TEST(SerialPort, HasTheControllersLineParameters)
+{
+    Arm arm;
+
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+
+    const int nFd = open("/dev/ttyACM0", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios attr{};
+    EXPECT_EQ(0, tcgetattr(nFd, &attr));
+    close(nFd);
+    EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&attr));
+    EXPECT_EQ(static_cast<tcflag_t>(CS8), attr.c_cflag & (CSIZE | CSTOPB | PARENB));
+    EXPECT_EQ(0U, attr.c_lflag & (ICANON | ECHO));
+}
+
+TEST(SerialPort, IsWaitedForOnceASecond)
+{
+    Arm arm({"--boot-ms", "3000"}); // the node comes three seconds after the reset
+    const uint64_t u64Start = monotonicMs();
+
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+
+    const uint64_t u64Waited = monotonicMs() - u64Start;
+    EXPECT_LE(3499U, u64Waited);
+    const std::string strOutput = arm.output();
+    EXPECT_LE(3U, countParts(strOutput, "[]"));
+    EXPECT_GE(u64Waited / 1000, countParts(strOutput, "[]"));
+    EXPECT_EQ(1U, countParts(strOutput, "[/dev/ttyACM0]"));
+}
+
+TEST(SerialPort, NeverReturnsWithoutADevice)
+{
+    Arm arm({"--boot-ms", "100000"});
+    std::atomic<bool> bReturned{false};
+    std::thread opener([&] {
+        EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+        bReturned = true;
+    });
+    EXPECT_TRUE(eventually([&arm] {
+        return 3 == arm.m_controller.readTexts("gpio").size() - 2;
+    })); // export, direction
+
+    sleepFor(Time(2, 500000));
+    EXPECT_FALSE(bReturned);
+
+    arm.m_controller.instruct("plug");
+    opener.join();
+    EXPECT_TRUE(bReturned);
+}
+
+TEST(SerialPort, FirstNodeThatIsListedIsTaken)
+{
+    Arm arm({}, "/dev/ttyACM7");
+
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+
+    EXPECT_EQ("you are reset the STM32\n[][/dev/ttyACM7]", arm.output());
+}
+
+TEST(SerialPort, NodeThatIsNoSerialPortIsTriedAgainAndLeavesNothingOpen)
+{
+    Arm arm({"--boot-ms", "10"}, "/dev/ttyACM7");
+    std::ofstream("/dev/ttyACM0") << "not a serial port";
+    std::thread remover([&arm] {
+        EXPECT_TRUE(
+            eventually([&arm] { return 2 == arm.m_controller.readTexts("plugged").size(); }));
+        sleepFor(Time(1, 500000)); // it has been tried twice by now
+        unlink("/dev/ttyACM0");
+    });
+
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+
+    remover.join();
+    const std::string strOutput = arm.output();
+    EXPECT_LE(2U, countParts(strOutput, "[/dev/ttyACM0]"));
+    EXPECT_EQ(1U, countParts(strOutput, "[/dev/ttyACM7]"));
+    EXPECT_EQ(1U, countPorts());
+}
+
+TEST(SerialPort, IsOpenedAnewAfterEveryReset)
+{
+    Arm arm({"--boot-ms", "10"});
+
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+
+    EXPECT_EQ(1U, countPorts());
+    EXPECT_EQ(2U, arm.m_controller.readTexts("unplugged").size());
+    EXPECT_EQ(0, arm.m_module.sendPrintCommand("M5", 2));
+    EXPECT_EQ("M5\n", arm.m_controller.readReceivedBytes());
+}
+
+TEST(SerialPort, PrintServiceIsReachedThroughTheModule)
+{
+    Arm arm({"--boot-ms", "10"});
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+    float fProgress = -1;
+    arm.m_folder.write("pp.bin", std::string("KFW1\x02\0\0\0ab", 10));
+    arm.m_controller.instruct("line 3 late 500");
+
+    EXPECT_EQ(0, arm.m_module.updateControllerFirmware("x", 1));
+    EXPECT_EQ(0, arm.m_module.savePrintJob("G1 X1\nG1 X2\nG1 X3\n", 18));
+    EXPECT_EQ(0, arm.m_module.startPrintJob());
+    EXPECT_TRUE(eventually([&arm] { return 4 < arm.m_controller.readTexts("rx").size(); }));
+    EXPECT_EQ(0, arm.m_module.pausePrintJob());
+    EXPECT_EQ(0, arm.m_module.getPrintProgress(&fProgress));
+    EXPECT_LT(0.3F, fProgress);
+    EXPECT_GT(0.7F, fProgress);
+    EXPECT_EQ(0, arm.m_module.stopPrintJob());
+    EXPECT_EQ(0, arm.m_module.callControllerReservedFirst());
+    EXPECT_EQ(0, arm.m_module.callControllerReservedSecond());
+
+    const Texts vecExpected = {"M21", "G1 X1", "", "G1 X2", "", "M5", "M5"};
+    EXPECT_EQ(vecExpected, arm.m_controller.readTexts("rx"));
+    EXPECT_EQ("x", arm.m_folder.read("firmware.bin"));
+    EXPECT_EQ(Texts{"10 bytes complete"}, arm.m_controller.readTexts("image"));
+}
+
+TEST(SerialPort, ProcessMayEndInTheMiddleOfAJob)
+{
+    std::string strJob;
+    for (int i = 0; i < 5000; ++i) {
+        strJob += "G1 X1\n";
+    }
+    Arm arm({"--boot-ms", "10"});
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+    EXPECT_EQ(0, arm.m_module.savePrintJob(strJob.data(), static_cast<int>(strJob.size())));
+    EXPECT_EQ(0, arm.m_module.startPrintJob());
+    EXPECT_TRUE(eventually([&arm] { return 100 < arm.m_controller.readTexts("rx").size(); }));
+
+    // The rest is the program's own end, with the job's thread still at work.
+}

@@ -1,0 +1,18 @@
+// Linked to main.cpp beside the service: the same program with the laser arm's serial port open.
+#include "SystemModule.h"
+
+namespace {
+
+class StartArm
+{
+public:
+    StartArm()
+    {
+        (void)SystemModule::getInstance().openSerial(); // a failure shows on the wire
+    }
+};
+
+// Never destroyed: it holds nothing.
+StartArm& g_startArm = *new StartArm;
+
+} // namespace

@@ -1,0 +1,150 @@
+"""The laser arm in the camera's picture: measuring over HTTP makes it home, move and focus."""
+
+import glob
+import os
+import shutil
+import subprocess
+import tempfile
+import threading
+import unittest
+
+from harness import BUILD, Board, Camera, LiveStream, Server, request, wait_until
+
+PLUGIN = os.environ["KESTREL_PLUGIN"]
+WIDTH, HEIGHT, PIXELS_PER_MM = 640, 480, 10.0
+
+
+class Controller:
+    """The virtual motion controller under the names that the service looks for."""
+
+    def __init__(self, folder, *options):
+        self.folder = folder
+        self.process = subprocess.Popen(
+            [f"{BUILD}/simulator/controller/kestrel-controller", "--node", "/dev/ttyACM0",
+             "--gpio", "/sys/class/gpio", "--control", f"{folder}/arm", "--wire-log", f"{folder}/wire",
+             *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+        if self.process.stdout.readline() != "ready\n":
+            raise AssertionError("the virtual controller is not ready")
+
+    def ctl(self, *words):
+        return subprocess.run([f"{BUILD}/simulator/controller/kestrel-controller-ctl",
+                               f"{self.folder}/arm", *words],
+                              capture_output=True, text=True, check=True).stdout
+
+    def records(self, kind):
+        self.ctl("state")  # brings the log up to date
+        with open(f"{self.folder}/wire", encoding="ascii") as file:
+            lines = [line.rstrip("\n").split(" ", 2) for line in file]
+        return [line[2] for line in lines if line[1] == kind]
+
+    def close(self):
+        self.process.terminate()
+        self.process.wait()
+        self.process.stdout.close()
+
+
+def spot(picture):
+    """Where a JPEG's red spot is, in millimetres, and how many pixels are red; None without one."""
+    pixels = subprocess.run(["ffmpeg", "-v", "error", "-f", "mjpeg", "-i", "-", "-f", "rawvideo",
+                             "-pix_fmt", "rgb24", "-"], input=picture, capture_output=True,
+                            check=True).stdout
+    red, green = pixels[0::3], pixels[1::3]
+    found = [i for i in range(WIDTH * HEIGHT) if red[i] - green[i] > 25]
+    if not found:
+        return None
+    x = sum(i % WIDTH for i in found) / len(found) - (WIDTH - 1) / 2
+    y = sum(i // WIDTH for i in found) / len(found) - (HEIGHT - 1) / 2
+    return x / PIXELS_PER_MM, y / PIXELS_PER_MM, len(found)
+
+
+class Arm(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="kestrel-arm.")
+        self.addCleanup(shutil.rmtree, self.folder)
+        os.symlink(PLUGIN, f"{self.folder}/libframe_process.so")
+
+    def start(self, *options):
+        """Camera, controller and service; the spot stands against the arm's position."""
+        self.camera = Camera("--keep", "2000")
+        self.addCleanup(self.camera.close)
+        self.controller = Controller(self.folder, "--scene", self.camera.path("scene"), *options)
+        self.addCleanup(self.controller.close)
+        self.server = Server(camera=self.camera, program="kestrel-server-arm", cwd=self.folder)
+        self.addCleanup(self.server.close)
+
+    def test_measuring_homes_moves_and_focuses_the_arm(self):
+        # The spot is at 12.34 / -7.89 mm in the picture, 1.5 mm out of focus.
+        # The arm moves at half speed, at most 1 mm from frame to frame.
+        self.start("--position", "-12.34,7.89,0", "--focus-z", "1.5", "--speed-up", "0.5")
+        live = LiveStream()
+        before = spot(live.frame())
+        self.assertAlmostEqual(12.34, before[0], delta=0.1)
+        self.assertAlmostEqual(-7.89, before[1], delta=0.1)
+
+        answers = []
+        client = threading.Thread(target=lambda: answers.append(request("/camera?focus=1")[1]))
+        client.start()
+        during = []
+        while client.is_alive():
+            during.append(live.frame())
+        client.join()
+        for _ in range(6):  # those that were on their way
+            after_picture = live.frame()
+        live.close()
+
+        lines = self.controller.records("rx")
+        self.assertEqual("$H", lines[0])
+        x, y = (float(word[1:]) for word in lines[1].split()[1:3])
+        self.assertEqual(f"G05 X{x:.2f} Y{y:.2f} F2000 ", lines[1])
+        self.assertAlmostEqual(-12.34, x, delta=0.03)
+        self.assertAlmostEqual(7.89, y, delta=0.03)
+        self.assertEqual("M18 S1", lines[2])
+        z = float(lines[3].split()[1][1:])
+        self.assertEqual(f"G05 Z{z:.2f} F1000 ", lines[3])
+        self.assertAlmostEqual(1.5, z, delta=0.2)
+        self.assertEqual(4, len(lines), lines)
+        self.assertRegex(answers[0].decode(), r'^\{"measure":"-1\.\d{4}"\}$')
+
+        # In the picture: from where it was to the origin and back, sharp in the end.
+        nearest = min(x * x + y * y for x, y, _ in filter(None, map(spot, during[::2])))
+        self.assertLess(nearest, 2.0 * 2.0)
+        after = spot(after_picture)
+        self.assertAlmostEqual(12.34, after[0], delta=0.1)
+        self.assertAlmostEqual(-7.89, after[1], delta=0.1)
+        self.assertLess(after[2], before[2])
+
+    def test_service_that_starts_before_its_controller_waits_for_it(self):
+        self.start("--boot-ms", "1500")
+
+        self.assertIn("[/dev/ttyACM0]", self.server.output())
+        stores = [text for text in self.controller.records("gpio") if "value" in text]
+        self.assertEqual(["gpio106/value 1", "gpio106/value 0", "gpio106/value 1"], stores)
+
+    def test_pulled_cable_leaves_the_service_answering(self):
+        self.start()
+        self.controller.ctl("line", "1", "unplug")
+
+        response, _ = request("/camera?focus=1")
+
+        self.assertEqual(200, response.status)
+        self.assertEqual(["$H"], self.controller.records("rx"))
+        live = LiveStream()
+        self.assertEqual(b"\xff\xd8", live.frame()[:2])
+        live.close()
+
+
+class ShippedStart(unittest.TestCase):
+    def test_makes_no_print_service(self):
+        with Board() as board:
+            folder = f"/proc/{board.server.process.pid}/task"
+            wait_until(lambda: len(os.listdir(folder)) > 2, "its threads run")
+            names = []
+            for path in glob.glob(f"{folder}/*/comm"):
+                with open(path, encoding="ascii") as file:
+                    names.append(file.read().strip())
+            self.assertIn("webcamera", names)
+            self.assertNotIn("printservice", names)
+
+
+if __name__ == "__main__":
+    unittest.main()
