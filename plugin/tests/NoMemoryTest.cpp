@@ -43,8 +43,8 @@ __attribute__((noinline)) void operator delete(void* pMemory, size_t) noexcept
 }
 
 // When an allocation inside OpenCV fails, it loses what it had allocated for the same picture.
-extern "C" const char* __lsan_default_suppressions(); // NOLINT(bugprone-reserved-identifier)
-extern "C" const char* __lsan_default_suppressions()  // NOLINT(bugprone-reserved-identifier)
+extern "C" const char* __lsan_default_suppressions(); // NOLINT(*-reserved-identifier,*-naming)
+extern "C" const char* __lsan_default_suppressions()  // NOLINT(*-reserved-identifier,*-naming)
 {
     return "leak:libopencv_core\n";
 }
