@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -140,30 +141,9 @@ int runExitOrder(int argc, char** argv)
         return 100;
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    signal(SIGPIPE, SIG_IGN); // as the service does
     for (const char* p = argv[2]; '\0' != *p; ++p) {
         use(*p, argv[3], atoi(argv[4]));
     }
-    return 0;
-}
-
-/** Sinks mask; a path; a port: what main does, then "listening" or "not listening". */
-int runSinks(int argc, char** argv)
-{
-    if (5 != argc) {
-        return 100;
-    }
-    const int nPort = atoi(argv[4]);
-    Log::getInstance().setSinks(static_cast<uint32_t>(atoi(argv[2])));
-    Log::getInstance().initLogFile(argv[3], 1, 2);
-    Log::getInstance().initLogServer(nullptr, nPort);
-    LOG(2, "a line\n");
-    const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(nPort));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int nRet = connect(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    printf("%s\n", (0 == nRet) ? "listening" : "not listening");
-    close(nFd);
     return 0;
 }

@@ -24,6 +24,9 @@ int main(int argc, char** argv)
         {"restart", &runRestart},
         {"restart-fails", &runRestartFails},
         {"sinks", &runSinks},
+        {"console", &runConsole},
+        {"console-verdict", &runConsoleVerdict},
+        {"server", &runServer},
     };
     for (const auto& scenario : SCENARIOS) {
         if (argc >= 2 && 0 == strcmp(argv[1], scenario.pName)) {

@@ -15,3 +15,6 @@ int runDaemonise(int argc, char** argv);
 int runRestart(int argc, char** argv);
 int runRestartFails(int argc, char** argv);
 int runSinks(int argc, char** argv);
+int runConsole(int argc, char** argv);
+int runConsoleVerdict(int argc, char** argv);
+int runServer(int argc, char** argv);

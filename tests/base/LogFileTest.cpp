@@ -1,0 +1,437 @@
+// The rotating log file: names, limits, pruning, several threads, and disks that refuse.
+#include "LogFile.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <typeinfo>
+#include <unistd.h>
+#include <vector>
+
+#include "ChildProgram.h"
+#include "EventBus.h"
+#include "Fault.h"
+#include "Log.h"
+#include "LogEvent.h"
+#include "Pattern.h"
+#include "ScratchFolder.h"
+#include "Time.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char* const BAD_PATH = "/no-such-folder/log";
+
+void logLine(const std::string& strText)
+{
+    Log::getInstance().log("Some.cpp", 1, "doIt", 2, "%s", strText.c_str());
+}
+
+/** Files are named by the second: wait until the name changes. */
+void waitForNextSecond()
+{
+    const std::string strNow = timeStamp(1);
+    while (strNow == timeStamp(1)) {
+        sleepFor(Time(0, 5000));
+    }
+}
+
+} // namespace
+
+class LogFileTest : public testing::Test
+{
+protected:
+    LogFileTest()
+    {
+        Log::getInstance().setLayout(0).setSinks(0);
+        testing::internal::CaptureStdout();
+    }
+
+    ~LogFileTest() override
+    {
+        LogFile::getInstance().close();
+        Log::getInstance().setLayout(127).setSinks(LOG_SINK_CONSOLE);
+        (void)testing::internal::GetCapturedStdout();
+    }
+
+    std::string base() const
+    {
+        return (m_folder.path() / "log").string();
+    }
+
+    RET_E init(uint32_t u32LimitKiB, int32_t s32Files)
+    {
+        return LogFile::getInstance().init(base(), u32LimitKiB, s32Files);
+    }
+
+    /** Names behind the base path's last component, oldest first. */
+    std::vector<std::string> names() const
+    {
+        std::vector<std::string> vecName;
+        for (const auto& entry : fs::directory_iterator(m_folder.path())) {
+            vecName.push_back(entry.path().filename().string());
+        }
+        std::sort(vecName.begin(), vecName.end());
+        return vecName;
+    }
+
+    std::string contents() const
+    {
+        std::string strAll;
+        for (const std::string& strName : names()) {
+            strAll += m_folder.read(strName);
+        }
+        return strAll;
+    }
+
+    ScratchFolder m_folder;
+};
+
+TEST_F(LogFileTest, FileIsNamedByTheTimeOfItsCreation)
+{
+    ASSERT_EQ(RET_SUCCESS, init(4096, 2));
+
+    ASSERT_EQ(1u, names().size());
+    EXPECT_TRUE(hasPattern(names()[0], "^log\\.[0-9]{4}-[0-9]{2}-[0-9]{2}_[0-9]{2}:[0-9]{2}:"
+                                       "[0-9]{2}$"));
+    EXPECT_EQ("create log file:" + (m_folder.path() / names()[0]).string() + "\n",
+              testing::internal::GetCapturedStdout());
+    testing::internal::CaptureStdout();
+}
+
+TEST_F(LogFileTest, LinesAreWrittenAsCounted)
+{
+    ASSERT_EQ(RET_SUCCESS, init(4096, 2));
+
+    logLine("one\n");
+    logLine("without an end");
+    logLine("");
+    logLine("two\n");
+
+    EXPECT_EQ("one\nwithout an endtwo\n", contents());
+}
+
+TEST_F(LogFileTest, CutLineIsWrittenWithItsZeros)
+{
+    ASSERT_EQ(RET_SUCCESS, init(4096, 2));
+
+    logLine(std::string(5000, 'x'));
+
+    EXPECT_EQ(std::string(4093, 'x') + std::string(907, '\0'), contents());
+}
+
+TEST_F(LogFileTest, EmptyPathOrPathThatCannotBeCreatedFails)
+{
+    EXPECT_EQ(1, LogFile::getInstance().init("", 4096, 2));
+    EXPECT_EQ(1, LogFile::getInstance().init(BAD_PATH, 4096, 2));
+
+    logLine("to nobody\n");
+}
+
+TEST_F(LogFileTest, NewFileBeginsAfterTheLineThatReachesTheLimit)
+{
+    ASSERT_EQ(RET_SUCCESS, init(1, 5));
+    waitForNextSecond();
+
+    logLine(std::string(1023, 'a'));
+    EXPECT_EQ(1u, names().size());
+    logLine("b"); // 1024 bytes
+    EXPECT_EQ(2u, names().size());
+    logLine("c");
+
+    ASSERT_EQ(2u, names().size());
+    EXPECT_EQ(std::string(1023, 'a') + "b", m_folder.read(names()[0]));
+    EXPECT_EQ("c", m_folder.read(names()[1]));
+}
+
+TEST_F(LogFileTest, WithinTheSameSecondLinesGoOnInTheSameFile)
+{
+    waitForNextSecond();
+    ASSERT_EQ(RET_SUCCESS, init(1, 5));
+    const std::string strBig(2000, 'x');
+    std::string strExpected;
+    const std::string strSecond = timeStamp(1);
+    while (strSecond == timeStamp(1) && strExpected.size() < 20000) {
+        logLine(strBig);
+        strExpected += strBig;
+    }
+    EXPECT_EQ(strExpected, contents()); // nothing was truncated
+
+    waitForNextSecond();
+    logLine("last"); // the first line after the change: rotated behind it
+    logLine("next");
+
+    ASSERT_GE(names().size(), 2u);
+    EXPECT_EQ(strExpected + "lastnext", contents());
+    EXPECT_EQ("next", m_folder.read(names().back()));
+}
+
+TEST_F(LogFileTest, OnlyTheNewestFilesAreKept)
+{
+    ASSERT_EQ(RET_SUCCESS, init(1, 2));
+    std::vector<std::string> vecSeen = names();
+    for (int i = 0; i < 3; ++i) {
+        waitForNextSecond();
+        logLine(std::string(1024, static_cast<char>('a' + i)));
+        vecSeen.push_back(names().back());
+        EXPECT_EQ(2u, names().size());
+    }
+
+    ASSERT_EQ(4u, vecSeen.size());
+    EXPECT_EQ((std::vector<std::string>{vecSeen[2], vecSeen[3]}), names());
+    EXPECT_EQ(std::string(1024, 'c'), m_folder.read(vecSeen[2]));
+}
+
+TEST_F(LogFileTest, CurrentFileIsNeverAmongThePruned)
+{
+    ASSERT_EQ(RET_SUCCESS, init(1, 1));
+    for (int i = 0; i < 2; ++i) {
+        waitForNextSecond();
+        logLine(std::string(1024, 'a')); // written in the same tick in which the new file is made
+        logLine("alive");
+
+        ASSERT_EQ(1u, names().size());
+        EXPECT_EQ("alive", m_folder.read(names()[0]));
+    }
+}
+
+TEST_F(LogFileTest, PruningTakesEverythingThatBeginsWithTheBasePath)
+{
+    m_folder.write("log-old", "");
+    m_folder.write("log.1", "");
+    m_folder.write("other", "");
+    for (const char* pOld : {"log-old", "log.1", "other"}) {
+        fs::last_write_time(m_folder.path() / pOld,
+                            fs::file_time_type::clock::now() - std::chrono::hours(1));
+    }
+
+    ASSERT_EQ(RET_SUCCESS, init(1, 1));
+
+    ASSERT_EQ(2u, names().size());
+    EXPECT_EQ("other", names()[1]);
+}
+
+TEST_F(LogFileTest, PathLongerThanTheCommandsUsualBlockIsPruned)
+{
+    // Folders of 100 characters, until the path has more than 512.
+    std::string strBase = m_folder.path().string();
+    for (int i = 0; i < 6; ++i) {
+        strBase += "/" + std::string(100, 'd');
+        fs::create_directory(strBase);
+    }
+    std::ofstream(strBase + "/log.old") << "old";
+    fs::last_write_time(strBase + "/log.old",
+                        fs::file_time_type::clock::now() - std::chrono::hours(1));
+
+    EXPECT_EQ(RET_SUCCESS, LogFile::getInstance().init(strBase + "/log", 1, 1));
+
+    EXPECT_FALSE(fs::exists(strBase + "/log.old"));
+}
+
+TEST_F(LogFileTest, SecondSetUpDoesNotDoubleTheLines)
+{
+    ASSERT_EQ(RET_SUCCESS, init(4096, 2));
+    ASSERT_EQ(RET_SUCCESS, init(4096, 2));
+
+    logLine("once\n");
+
+    EXPECT_EQ("once\n", contents());
+}
+
+TEST_F(LogFileTest, AfterCloseLinesAreDropped)
+{
+    ASSERT_EQ(RET_SUCCESS, init(4096, 2));
+    logLine("kept\n");
+    LogFile::getInstance().close();
+    waitForNextSecond();
+
+    logLine("dropped\n");
+
+    EXPECT_EQ("kept\n", contents());
+}
+
+TEST_F(LogFileTest, AnotherEventTypeIsABadCast)
+{
+    Event event;
+
+    EXPECT_THROW(LogFile::getInstance().onLog(&event), std::bad_cast);
+}
+
+// Deliberate: no line lost, none torn, none written to a closed stream while files change.
+TEST_F(LogFileTest, RotationWhileSeveralThreadsLogLosesNothing)
+{
+    const int THREADS = 4;
+    const int LINES = 400;
+    ASSERT_EQ(RET_SUCCESS, init(1, 1000));
+    std::vector<std::thread> vecThread;
+    for (int nThread = 0; nThread < THREADS; ++nThread) {
+        vecThread.emplace_back([nThread] {
+            for (int nLine = 0; nLine < LINES; ++nLine) {
+                logLine("<" + std::to_string(nThread) + " " + std::to_string(nLine) + " " +
+                        std::string(static_cast<size_t>(nLine % 97), 'x') + ">\n");
+                if (0 == nLine % 50) {
+                    sleepFor(Time(0, 300000)); // so that the seconds, and the files, change
+                }
+            }
+        });
+    }
+    for (std::thread& thread : vecThread) {
+        thread.join();
+    }
+
+    EXPECT_GT(names().size(), 2u); // it did rotate
+    std::map<int, int> mapNext;
+    for (const std::string& strName : names()) {
+        std::ifstream file(m_folder.path() / strName);
+        std::string strLine;
+        while (std::getline(file, strLine)) {
+            int nThread = -1;
+            int nLine = -1;
+            ASSERT_EQ(2, sscanf(strLine.c_str(), "<%d %d ", &nThread, &nLine)) << strLine;
+            ASSERT_EQ("<" + std::to_string(nThread) + " " + std::to_string(nLine) + " " +
+                          std::string(static_cast<size_t>(nLine % 97), 'x') + ">",
+                      strLine);
+            ASSERT_EQ(mapNext[nThread], nLine); // in the thread's order
+            ++mapNext[nThread];
+        }
+    }
+    for (int nThread = 0; nThread < THREADS; ++nThread) {
+        EXPECT_EQ(LINES, mapNext[nThread]);
+    }
+}
+
+TEST_F(LogFileTest, FullDiskLosesLinesOnly)
+{
+    ASSERT_EQ(RET_SUCCESS, init(4096, 2));
+    signal(SIGXFSZ, SIG_IGN); // the write then fails, as on a full disk
+    rlimit limit{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &limit));
+    const rlimit old = limit;
+    limit.rlim_cur = 4096;
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+    for (int i = 0; i < 100; ++i) {
+        logLine(std::string(200, 'x') + "\n");
+    }
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &old));
+    signal(SIGXFSZ, SIG_DFL);
+
+    logLine("room again\n");
+
+    const std::string strText = contents();
+    EXPECT_GE(strText.size(), 4096u);
+    EXPECT_EQ("room again\n", strText.substr(strText.size() - 11));
+}
+
+TEST_F(LogFileTest, FailedFlushesAndWritesAreSurvived)
+{
+    ASSERT_EQ(RET_SUCCESS, init(1, 5));
+    {
+        FaultScope fault("fflush:1-10:ENOSPC;fwrite:1-10:ENOSPC");
+        for (int i = 0; i < 20; ++i) {
+            logLine("line\n");
+        }
+        EXPECT_GE(faultHits(), 20u);
+    }
+    logLine("end\n");
+
+    EXPECT_EQ("line\nline\nline\nline\nline\nline\nline\nline\nline\nline\nend\n", contents());
+}
+
+TEST_F(LogFileTest, RemovedFileIsFollowedByANewOneAtTheLimit)
+{
+    ASSERT_EQ(RET_SUCCESS, init(1, 5));
+    ASSERT_EQ(0, unlink((m_folder.path() / names()[0]).c_str()));
+    logLine("into nowhere\n");
+    EXPECT_TRUE(names().empty());
+    waitForNextSecond();
+
+    logLine(std::string(1024, 'x'));
+    logLine("back\n");
+
+    EXPECT_EQ("back\n", contents());
+}
+
+TEST_F(LogFileTest, FolderThatCannotBeWrittenIsTriedOncePerSecond)
+{
+    ASSERT_EQ(RET_SUCCESS, init(1, 5));
+    waitForNextSecond();
+    {
+        const std::string strPlan = "fopen=" + base() + ":1-:EACCES";
+        FaultScope fault(strPlan.c_str());
+        logLine(std::string(1024, 'x')); // the rotation fails
+        EXPECT_EQ(1u, faultHits());
+        const std::string strSecond = timeStamp(1);
+        int nLines = 0;
+        while (strSecond == timeStamp(1)) {
+            logLine("lost\n");
+            ++nLines;
+        }
+        EXPECT_GT(nLines, 0);
+        EXPECT_LE(faultHits(), 2u); // not with every line
+    }
+    waitForNextSecond();
+
+    logLine("back\n");
+
+    EXPECT_EQ(2u, names().size());
+    EXPECT_EQ(std::string(1024, 'x') + "back\n", contents());
+}
+
+TEST_F(LogFileTest, FailedPruningIsSurvived)
+{
+    FaultScope fault("system:1:EAGAIN");
+
+    EXPECT_EQ(RET_SUCCESS, init(1, 5));
+    EXPECT_EQ(1u, faultHits());
+    logLine("line\n");
+
+    EXPECT_EQ("line\n", contents());
+}
+
+TEST_F(LogFileTest, PruningInheritsNoDescriptor)
+{
+    ASSERT_EQ(RET_SUCCESS, init(1, 5));
+    bool bAllCloseOnExec = true;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code ignored;
+        const std::string strTarget = fs::read_symlink(entry.path(), ignored).string();
+        if (0 == strTarget.compare(0, base().size(), base())) {
+            const int nFd = std::stoi(entry.path().filename().string());
+            bAllCloseOnExec = bAllCloseOnExec && 0 != (fcntl(nFd, F_GETFD) & FD_CLOEXEC);
+        }
+    }
+
+    EXPECT_TRUE(bAllCloseOnExec);
+}
+
+TEST_F(LogFileTest, LogSetsItUpOnlyWithTheFileSink)
+{
+    Log::getInstance().setSinks(LOG_SINK_CONSOLE | LOG_SINK_SERVER);
+    Log::getInstance().initLogFile(base().c_str(), 4096, 2);
+    EXPECT_TRUE(names().empty());
+
+    Log::getInstance().setSinks(LOG_SINK_FILE);
+    Log::getInstance().initLogFile(base().c_str(), 4096, 2);
+    EXPECT_EQ(1u, names().size());
+}
+
+TEST_F(LogFileTest, NullPathIsTheFileLogInTheWorkingFolder)
+{
+    const fs::path old = fs::current_path();
+    fs::current_path(m_folder.path());
+
+    Log::getInstance().setSinks(LOG_SINK_FILE);
+    Log::getInstance().initLogFile(nullptr, 4096, 2);
+
+    fs::current_path(old);
+    ASSERT_EQ(1u, names().size());
+    EXPECT_EQ("log.2", names()[0].substr(0, 5)); // the year's first digit
+}

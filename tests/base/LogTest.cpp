@@ -1,0 +1,379 @@
+// Log lines: levels, layout, console and colours, cutting, and the event that every line becomes.
+#include "Log.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "ChildProgram.h"
+#include "EventBus.h"
+#include "Fault.h"
+#include "LogCapture.h"
+#include "LogEvent.h"
+#include "Mutex.h"
+#include "Pattern.h"
+
+// Relocking on purpose.
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wthread-safety-analysis"
+#endif
+
+namespace {
+
+const uint32_t SERVICE_LAYOUT = 71; // level, date, time, thread
+
+// A macro, so that the compiler sees each format.
+#define LOG_LINE(level, ...) Log::getInstance().log("Some.cpp", 12, "doIt", level, __VA_ARGS__)
+
+std::string tid()
+{
+    return std::to_string(syscall(SYS_gettid));
+}
+
+/** The line as the sinks got it. */
+std::string lineWith(uint32_t u32Layout, uint32_t u32Level, const char* pText)
+{
+    LogCapture log(u32Layout);
+    LOG_LINE(u32Level, "%s", pText);
+    return log.text();
+}
+
+std::string nameOf(uint32_t u32Level)
+{
+    return lineWith(LOG_LAYOUT_LEVEL, u32Level, "");
+}
+
+} // namespace
+
+TEST(Log, FlagsAndLevelsHaveTheirNumbers)
+{
+    EXPECT_EQ(127, LOG_LAYOUT_LEVEL + LOG_LAYOUT_DATE + LOG_LAYOUT_TIME + LOG_LAYOUT_FILE +
+                       LOG_LAYOUT_LINE + LOG_LAYOUT_FUNCTION + LOG_LAYOUT_THREAD);
+    EXPECT_EQ(71, LOG_LAYOUT_LEVEL + LOG_LAYOUT_DATE + LOG_LAYOUT_TIME + LOG_LAYOUT_THREAD);
+    EXPECT_EQ(1, LOG_SINK_CONSOLE);
+    EXPECT_EQ(2, LOG_SINK_FILE);
+    EXPECT_EQ(4, LOG_SINK_SERVER);
+    EXPECT_EQ(1, Log::ensureInstance());
+}
+
+TEST(Log, ServiceLayoutHasLevelDateTimeAndThread)
+{
+    EXPECT_TRUE(hasPattern(lineWith(SERVICE_LAYOUT, 2, "fgets err\n"),
+                           "^\\[error\\] \\[[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]"
+                           "\\] \\[" +
+                               tid() + "\\] fgets err\n$"));
+}
+
+TEST(Log, FullLayoutHasAllFieldsInOrder)
+{
+    EXPECT_TRUE(hasPattern(lineWith(127, 2, "text"),
+                           "^\\[error\\] \\[[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\] "
+                           "\\[Some.cpp \\+12\\] \\[doIt\\] \\[" +
+                               tid() + "\\] text$"));
+}
+
+TEST(Log, EachFieldAlone)
+{
+    EXPECT_EQ("text", lineWith(0, 2, "text"));
+    EXPECT_EQ("[error] text", lineWith(LOG_LAYOUT_LEVEL, 2, "text"));
+    EXPECT_TRUE(
+        hasPattern(lineWith(LOG_LAYOUT_DATE, 2, "text"), "^\\[[0-9]{2}-[0-9]{2} \\] text$"));
+    EXPECT_TRUE(hasPattern(lineWith(LOG_LAYOUT_TIME, 2, "text"),
+                           "^\\[[0-9]{2}:[0-9]{2}:[0-9]{2}\\] text$"));
+    EXPECT_EQ("[Some.cpp ] text", lineWith(LOG_LAYOUT_FILE, 2, "text"));
+    EXPECT_EQ("[+12] text", lineWith(LOG_LAYOUT_LINE, 2, "text"));
+    EXPECT_EQ("[doIt] text", lineWith(LOG_LAYOUT_FUNCTION, 2, "text"));
+    EXPECT_EQ("[" + tid() + "] text", lineWith(LOG_LAYOUT_THREAD, 2, "text"));
+}
+
+// Deliberate: padded names, an empty one, and debug above info.
+TEST(Log, LevelNamesAreAsTheyAre)
+{
+    EXPECT_EQ("[] ", nameOf(0));
+    EXPECT_EQ("[fatal] ", nameOf(1));
+    EXPECT_EQ("[error] ", nameOf(2));
+    EXPECT_EQ("[alert] ", nameOf(3));
+    EXPECT_EQ("[crit ] ", nameOf(4));
+    EXPECT_EQ("[warn ] ", nameOf(5));
+    EXPECT_EQ("[notice] ", nameOf(6));
+    EXPECT_EQ("[debug] ", nameOf(7));
+    EXPECT_EQ("[info ] ", nameOf(8));
+}
+
+TEST(Log, LinesAboveTheMaximumLevelAreDropped)
+{
+    LogCapture log(0);
+    Log::getInstance().setLevel(5);
+
+    for (uint32_t u32Level = 0; u32Level <= 8; ++u32Level) {
+        LOG_LINE(u32Level, "%u ", u32Level);
+    }
+    EXPECT_EQ("0 1 2 3 4 5 ", log.text());
+
+    log.clear();
+    Log::getInstance().setLevel(7);
+    LOG_LINE(7, "debug ");
+    LOG_LINE(8, "info ");
+    EXPECT_EQ("debug ", log.text());
+}
+
+TEST(Log, DroppedLineAllocatesNothing)
+{
+    LogCapture log(127);
+    Log::getInstance().setLevel(5);
+    LOG_LINE(5, "first\n");
+
+    const unsigned long ulBefore = faultThreadAllocations();
+    LOG_LINE(6, "%s\n", "dropped");
+    EXPECT_EQ(ulBefore, faultThreadAllocations());
+    LOG_LINE(5, "%s\n", "written");
+    EXPECT_LT(ulBefore, faultThreadAllocations());
+}
+
+TEST(Log, EventCarriesTextLengthAndLevelWhateverTheSinks)
+{
+    class Sink
+    {
+    public:
+        int onLog(Event* pEvent)
+        {
+            const auto& event = dynamic_cast<LogEvent&>(*pEvent);
+            m_text = event.m_text; // shared: stays when the call is over
+            m_s32Length = event.m_s32Length;
+            m_u32Level = event.m_u32Level;
+            return 0;
+        }
+        SafePointer_C<char> m_text;
+        int32_t m_s32Length = 0;
+        uint32_t m_u32Level = 0;
+    };
+    Sink sink;
+    LogCapture quiet(0);
+    EventBus<LogEvent>::subscribe(&sink, &Sink::onLog);
+
+    LOG_LINE(4, "%d apples\n", 3);
+
+    EventBus<LogEvent>::unsubscribe(&sink, &Sink::onLog);
+    EXPECT_STREQ("3 apples\n", sink.m_text.get());
+    EXPECT_EQ(9, sink.m_s32Length);
+    EXPECT_EQ(4u, sink.m_u32Level);
+}
+
+TEST(Log, LongestWholeLineHas4093Bytes)
+{
+    const std::string strText(4093, 'x');
+
+    EXPECT_EQ(strText, lineWith(0, 2, strText.c_str()));
+}
+
+TEST(Log, CutLineKeepsItsFullLengthFilledWithZeros)
+{
+    for (const size_t uLength : {4094u, 4095u, 4096u, 4097u, 5000u, 100000u}) {
+        const std::string strText(uLength, 'x');
+
+        const std::string strLine = lineWith(0, 2, strText.c_str());
+
+        EXPECT_EQ(std::string(4093, 'x') + std::string(uLength - 4093, '\0'), strLine) << uLength;
+    }
+}
+
+TEST(Log, PrefixCountsIntoTheCutLine)
+{
+    const std::string strText(5000, 'x');
+
+    const std::string strLine = lineWith(LOG_LAYOUT_LEVEL, 2, strText.c_str());
+
+    EXPECT_EQ("[error] " + std::string(4085, 'x') + std::string(915, '\0'), strLine);
+}
+
+TEST(Log, CutPrefixLeavesNoRoomButCountsOn)
+{
+    LogCapture log(LOG_LAYOUT_FILE | LOG_LAYOUT_FUNCTION);
+    const std::string strLong(6000, 'f');
+
+    Log::getInstance().log(strLong.c_str(), 1, "function", 2, "%s", "text");
+
+    // "[" + name + " " + "] " + "[function] " + "text"
+    EXPECT_EQ("[" + std::string(4092, 'f') + std::string(6019 - 4093, '\0'), log.text());
+}
+
+TEST(Log, CutLineWithoutMemoryForItsLengthIsCutForGood)
+{
+    LogCapture log(0);
+    const std::string strText(5000, 'x');
+    FaultScope fault("calloc=5001:1:ENOMEM");
+
+    LOG_LINE(2, "%s", strText.c_str());
+
+    EXPECT_EQ(1u, faultHits());
+    EXPECT_EQ(std::string(4093, 'x'), log.text());
+}
+
+TEST(Log, LineWithoutMemoryIsReportedOnStandardOutputOnly)
+{
+    LogCapture log(0);
+    testing::internal::CaptureStdout();
+    {
+        FaultScope fault("malloc=4096:1:ENOMEM");
+        LOG_LINE(2, "lost\n");
+        EXPECT_EQ(1u, faultHits());
+    }
+    EXPECT_EQ("err: NULL pointer(safe pointer) !\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("", log.text());
+}
+
+TEST(Log, MessageMayHoldNothing)
+{
+    EXPECT_EQ("", lineWith(0, 2, ""));
+}
+
+namespace {
+
+/** What the console shows of one line, in a program of its own: the verdict on TERM is kept. */
+std::string consoleWith(const char* pTerm, const char* pLevel)
+{
+    std::vector<std::string> vecArgument{"/usr/bin/env", "-u", "TERM"};
+    if (nullptr != pTerm) {
+        vecArgument.push_back(std::string("TERM=") + pTerm);
+    }
+    for (const char* pMore : {BASE_CHILD, "console", pLevel}) {
+        vecArgument.emplace_back(pMore);
+    }
+    return runChild(vecArgument).strOutput;
+}
+
+} // namespace
+
+TEST(LogConsole, KnownTerminalsGetTheColourOfTheLevel)
+{
+    const char* apColour[] = {"\033[m",        "\033[0;32;31m", "\033[0;35m",
+                              "\033[0;32;31m", "\033[0;32;33m", "\033[0;32m",
+                              "\033[0;32;34m", "\033[m",        "\033[m"};
+    for (int i = 0; i <= 8; ++i) {
+        EXPECT_EQ(std::string(apColour[i]) + "text\n\033[m",
+                  consoleWith("xterm", std::to_string(i).c_str()));
+    }
+    for (const char* pTerm : {"xterm-color", "xterm-256color", "screen", "linux", "cygwin"}) {
+        EXPECT_EQ("\033[0;35mtext\n\033[m", consoleWith(pTerm, "2")) << pTerm;
+    }
+}
+
+TEST(LogConsole, OtherTerminalsGetTheResetAlone)
+{
+    EXPECT_EQ("text\n\033[m", consoleWith("vt100", "2"));
+    EXPECT_EQ("text\n\033[m", consoleWith("xterm-mono", "2"));
+    EXPECT_EQ("text\n\033[m", consoleWith("", "2"));
+    EXPECT_EQ("text\n\033[m", consoleWith(nullptr, "2"));
+}
+
+TEST(LogConsole, VerdictIsKeptOnceTermIsSet)
+{
+    // Unset for the first line, then linux, then vt100.
+    const ChildResult result =
+        runChild({"/usr/bin/env", "-u", "TERM", BASE_CHILD, "console-verdict"});
+
+    EXPECT_EQ("one\n\033[m"
+              "\033[0;35mtwo\n\033[m"
+              "\033[0;35mthree\n\033[m",
+              result.strOutput);
+}
+
+TEST(LogConsole, WithoutTheConsoleSinkNothingIsPrinted)
+{
+    LogCapture log(0);
+    testing::internal::CaptureStdout();
+
+    LOG_LINE(2, "text\n");
+
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("text\n", log.text());
+}
+
+TEST(LogSinks, SinkIsNotReenteredByLinesOfItsOwn)
+{
+    class Sink
+    {
+    public:
+        int onLog(Event*)
+        {
+            ++m_nCalls;
+            MutexGuard guard(m_mtx);
+            EXPECT_TRUE(guard.isHeld()); // refused, were this a call inside a call
+            if (1 == m_nCalls) {
+                LOG_LINE(2, "by the sink\n");
+                MutexGuard again(m_mtx); // "mutex lock error !!", logged with the lock held
+            }
+            return 0;
+        }
+        int m_nCalls = 0;
+        Mutex m_mtx{MUTEX_TYPE_ERRORCHECK};
+    };
+    Sink sink;
+    EventBus<LogEvent>::subscribe(&sink, &Sink::onLog);
+    LogCapture others(0);
+
+    LOG_LINE(2, "first\n");
+    LOG_LINE(2, "second\n");
+
+    EventBus<LogEvent>::unsubscribe(&sink, &Sink::onLog);
+    EXPECT_EQ(2, sink.m_nCalls);
+    EXPECT_EQ("by the sink\nmutex lock error !!\nfirst\nsecond\n", others.text());
+}
+
+TEST(LogSinks, TwoSinksThatLogDoNotChaseEachOther)
+{
+    class Sink
+    {
+    public:
+        explicit Sink(const char* pName) : m_pName(pName) {}
+        int onLog(Event*)
+        {
+            ++m_nCalls;
+            LOG_LINE(2, "%s\n", m_pName);
+            return 0;
+        }
+        const char* m_pName;
+        int m_nCalls = 0;
+    };
+    LogCapture others(0);
+    Sink a("a");
+    Sink b("b");
+    EventBus<LogEvent>::subscribe(&a, &Sink::onLog);
+    EventBus<LogEvent>::subscribe(&b, &Sink::onLog);
+
+    LOG_LINE(2, "line\n");
+
+    EventBus<LogEvent>::unsubscribe(&a, &Sink::onLog);
+    EventBus<LogEvent>::unsubscribe(&b, &Sink::onLog);
+    // line: a logs "a", which b gets and logs "b" about, which nobody running gets; then b's turn.
+    EXPECT_EQ(2, a.m_nCalls);
+    EXPECT_EQ(2, b.m_nCalls);
+    EXPECT_EQ("line\na\nb\nb\na\n", others.text());
+}
+
+TEST(LogSinks, SettingsMayChangeWhileOthersLog)
+{
+    LogCapture log(0);
+    std::vector<std::thread> vecThread;
+    for (int i = 0; i < 3; ++i) {
+        vecThread.emplace_back([] {
+            for (int nLine = 0; nLine < 200; ++nLine) {
+                LOG_LINE(2, "line\n");
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        Log::getInstance().setLevel(5).setLayout(0).setSinks(0);
+    }
+    for (std::thread& thread : vecThread) {
+        thread.join();
+    }
+
+    EXPECT_EQ(600, log.count("line\n"));
+}

@@ -1,0 +1,19 @@
+// How much memory the process has allocated, whoever the allocator is.
+#pragma once
+
+#include <cstddef>
+#include <malloc.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+extern "C" size_t __sanitizer_get_current_allocated_bytes(); // its header comes with clang only
+#endif
+
+inline size_t allocatedBytes()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+#endif
+}
