@@ -4,6 +4,7 @@
 if(CMAKE_CROSSCOMPILING)
     # Debian has no GoogleTest for the board: its source package is built with the rest.
     add_subdirectory(/usr/src/googletest ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+    add_subdirectory(${PROJECT_SOURCE_DIR}/tests/support/emulator)
 else()
     find_package(GTest REQUIRED)
 endif()
@@ -14,6 +15,9 @@ function(kestrel_test NAME)
     add_executable(${NAME} ${ARG_SOURCES})
     target_link_libraries(${NAME} PRIVATE ${ARG_LIBRARIES} GTest::gtest_main
         kestrel_warnings kestrel_sanitizers)
+    if(CMAKE_CROSSCOMPILING)
+        target_link_libraries(${NAME} PRIVATE foreign_exec)
+    endif()
     target_include_directories(${NAME} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
     if(ARG_PRIVATE_HOST)
         set_target_properties(${NAME} PROPERTIES CROSSCOMPILING_EMULATOR
