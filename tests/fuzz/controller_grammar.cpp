@@ -1,0 +1,37 @@
+// Fuzzes the virtual controller's language: any line it receives, any answer that is read by it.
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "Grammar.h"
+
+namespace {
+
+void require(bool bHolds, const char* pWhat)
+{
+    if (!bHolds) {
+        fprintf(stderr, "not true: %s\n", pWhat);
+        abort();
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t uSize)
+{
+    const std::string strText(reinterpret_cast<const char*>(pData), uSize);
+
+    const Command command = parseLine(strText);
+    require((COMMAND_REFUSED == command.eKind) == (0 != command.nError), "refused with a reason");
+    require(uSize <= MAX_LINE || COMMAND_REFUSED == command.eKind, "too long is refused");
+    for (const double dWord : {command.dX, command.dY, command.dZ, command.dF, command.dS}) {
+        require(std::isfinite(dWord), "numbers are finite");
+    }
+
+    const Reply whole = parseReply(strText + "\nok\n");
+    require(whole.bAck, "an acknowledgement is found behind anything");
+    (void)parseReply(strText);
+    return 0;
+}
