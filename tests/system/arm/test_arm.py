@@ -27,7 +27,7 @@ class Controller:
             raise AssertionError("the virtual controller is not ready")
 
     def ctl(self, *words):
-        return subprocess.run([f"{BUILD}/simulator/controller/kestrel-controller-ctl",
+        return subprocess.run([f"{BUILD}/tools/kestrel-controller-ctl",
                                f"{self.folder}/arm", *words],
                               capture_output=True, text=True, check=True).stdout
 
