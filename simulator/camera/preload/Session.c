@@ -1,79 +1,27 @@
-// The open cameras of this process and their calls to kestrel-camera.
+// The open cameras of this process.
 #define _GNU_SOURCE
 #include "Session.h"
+#include "Word.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <linux/futex.h>
-#include <poll.h>
-#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 enum
 {
     MAX_SESSIONS = 16, // of one process; the next open fails with EMFILE
-    MAX_MAPPINGS = 64, // of one process; more work but their munmap goes untold
-};
-
-static const long WAIT_STEP_NS = 500000000; // between looks whether kestrel-camera still lives
-static const int WAIT_STEPS = 4; // after an unplug, when the connection cannot tell any more
-
-struct CameraSession
-{
-    int32_t s32FdPlusOne; // 0: free
-    pid_t pid;            // that opened it
-    ino_t inode;          // of the connection: a descriptor closed behind our back is not ours
-    uint32_t u32Session;
-    struct CameraPage* pPage;
-    char acDir[CAMERA_MAX_PATH];
-};
-
-struct Mapping
-{
-    void* pStart; // null: free
-    uint32_t u32Offset;
-    uint32_t u32Length;
-    struct CameraSession* pSession;
 };
 
 static struct CameraSession g_session[MAX_SESSIONS];
-static struct Mapping g_mapping[MAX_MAPPINGS];
-static uint32_t g_u32Open;   // sessions in use
-static uint32_t g_u32Mapped; // mappings in use
+static uint32_t g_u32Open; // sessions in use
 static uint32_t g_u32TableLock;
-
-static long futex(uint32_t* pWord, int nOperation, uint32_t u32Value, const void* pTimeout)
-{
-    return syscall(SYS_futex, pWord, nOperation, u32Value, pTimeout, NULL, 0);
-}
-
-// Works between processes, which a mutex of the C library promises only after set-up on both sides.
-static void lockWord(uint32_t* pWord)
-{
-    uint32_t u32Seen = 0;
-    if (__atomic_compare_exchange_n(pWord, &u32Seen, 1, false, __ATOMIC_ACQUIRE,
-                                    __ATOMIC_RELAXED)) {
-        return;
-    }
-    while (0 != __atomic_exchange_n(pWord, 2, __ATOMIC_ACQUIRE)) {
-        futex(pWord, FUTEX_WAIT, 2, NULL);
-    }
-}
-
-static void unlockWord(uint32_t* pWord)
-{
-    if (2 == __atomic_exchange_n(pWord, 0, __ATOMIC_RELEASE)) {
-        futex(pWord, FUTEX_WAKE, 1, NULL);
-    }
-}
 
 bool cameraWanted(void)
 {
@@ -165,6 +113,7 @@ static void forgetStale(int nFd)
 {
     for (int i = 0; i < MAX_SESSIONS; i++) {
         if (nFd + 1 == g_session[i].s32FdPlusOne) {
+            cameraForgetMappings(&g_session[i]);
             realMunmap(g_session[i].pPage, CAMERA_PAGE_SIZE);
             g_session[i].s32FdPlusOne = 0;
             __atomic_fetch_sub(&g_u32Open, 1, __ATOMIC_RELAXED);
@@ -259,83 +208,6 @@ struct CameraSession* cameraOf(int nFd)
     return NULL;
 }
 
-// Whether nobody is left to answer.
-static bool deserted(const struct CameraSession* pSession, int nSteps)
-{
-    const struct CameraPage* pPage = pSession->pPage;
-    if (0 != __atomic_load_n(&pPage->u32Gone, __ATOMIC_ACQUIRE)) {
-        return true;
-    }
-    if (0 != __atomic_load_n(&pPage->u32Unplugged, __ATOMIC_ACQUIRE)) {
-        return nSteps >= WAIT_STEPS;
-    }
-    struct pollfd look = {.fd = pSession->s32FdPlusOne - 1};
-    return 1 == poll(&look, 1, 0) && 0 != (look.revents & POLLHUP) && nSteps > 0;
-}
-
-static bool answered(const struct CameraSession* pSession, uint32_t u32Request)
-{
-    struct CameraPage* pPage = pSession->pPage;
-    const struct
-    {
-        long nSeconds; // as wide as the kernel's old timespec, which SYS_futex takes
-        long nNanoseconds;
-    } step = {0, WAIT_STEP_NS};
-
-    for (int nSteps = 0;;) {
-        const uint32_t u32Reply = __atomic_load_n(&pPage->u32Reply, __ATOMIC_ACQUIRE);
-        if (u32Reply == u32Request) {
-            return true;
-        }
-        if (deserted(pSession, nSteps)) {
-            return false;
-        }
-        if (futex(&pPage->u32Reply, FUTEX_WAIT, u32Reply, &step) < 0 && ETIMEDOUT == errno) {
-            nSteps++;
-        }
-    }
-}
-
-int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRecord, size_t nSize,
-               bool bAlwaysBack, bool* pWait)
-{
-    const int nSaved = errno;
-    struct CameraPage* pPage = pSession->pPage;
-    const int nFd = pSession->s32FdPlusOne - 1;
-
-    int nCancel = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nCancel); // not with the page locked
-    lockWord(&pPage->u32Lock);
-    memcpy(&pPage->record, pRecord, nSize);
-    pPage->u32Call = eCall;
-    pPage->u32Pid = (uint32_t)getpid();
-    pPage->u32Blocking = 0 == (fcntl(nFd, F_GETFL) & O_NONBLOCK);
-    const uint32_t u32Request = __atomic_add_fetch(&pPage->u32Request, 1, __ATOMIC_RELEASE);
-    futex(&pPage->u32Request, FUTEX_WAKE, 1, NULL);
-
-    int nError = ENODEV;
-    if (answered(pSession, u32Request)) {
-        nError = pPage->s32Errno;
-        if (0 == nError || bAlwaysBack) {
-            memcpy(pRecord, &pPage->record, nSize);
-        }
-        if (NULL != pWait) {
-            *pWait = 0 != pPage->u32Wait;
-        }
-        for (uint32_t i = 0; i < pPage->u32Packets; i++) {
-            char cPacket = 0;
-            (void)recv(nFd, &cPacket, sizeof(cPacket),
-                       MSG_DONTWAIT); // it was sent before the reply
-        }
-    } else if (NULL != pWait) {
-        *pWait = false;
-    }
-    unlockWord(&pPage->u32Lock);
-    pthread_setcancelstate(nCancel, NULL);
-    errno = nSaved;
-    return nError;
-}
-
 int cameraClose(struct CameraSession* pSession, int nFd)
 {
     int nError = 0;
@@ -344,14 +216,9 @@ int cameraClose(struct CameraSession* pSession, int nFd)
         uint32_t u32Unused = 0;
         nError = cameraCall(pSession, CAMERA_close, &u32Unused, sizeof(u32Unused), false, NULL);
     }
-    lockWord(&g_u32TableLock);
+    cameraForgetMappings(pSession);
     struct CameraPage* pPage = pSession->pPage;
-    for (int i = 0; i < MAX_MAPPINGS; i++) {
-        if (NULL != g_mapping[i].pStart && pSession == g_mapping[i].pSession) {
-            g_mapping[i].pStart = NULL; // stays mapped, as the kernel has it
-            __atomic_fetch_sub(&g_u32Mapped, 1, __ATOMIC_RELAXED);
-        }
-    }
+    lockWord(&g_u32TableLock);
     __atomic_store_n(&pSession->s32FdPlusOne, 0, __ATOMIC_RELEASE);
     __atomic_fetch_sub(&g_u32Open, 1, __ATOMIC_RELEASE);
     unlockWord(&g_u32TableLock);
@@ -362,81 +229,4 @@ int cameraClose(struct CameraSession* pSession, int nFd)
         return -1;
     }
     return nResult;
-}
-
-static void rememberMapping(struct CameraSession* pSession, void* pStart, uint32_t u32Offset,
-                            uint32_t u32Length)
-{
-    lockWord(&g_u32TableLock);
-    for (int i = 0; i < MAX_MAPPINGS; i++) {
-        struct Mapping* pMapping = &g_mapping[i];
-        if (NULL == pMapping->pStart) {
-            pMapping->pStart = pStart;
-            pMapping->u32Offset = u32Offset;
-            pMapping->u32Length = u32Length;
-            pMapping->pSession = pSession;
-            __atomic_fetch_add(&g_u32Mapped, 1, __ATOMIC_RELEASE);
-            break;
-        }
-    }
-    unlockWord(&g_u32TableLock);
-}
-
-void* cameraMmap(struct CameraSession* pSession, void* pAddress, size_t nLength, int nProt,
-                 int nFlags, int64_t s64Offset)
-{
-    struct CameraMapping mapping = {
-        .u32Offset = (uint32_t)s64Offset,
-        .u32Length = (uint32_t)nLength,
-        .u32Flags = (nProt & PROT_READ ? CAMERA_MAP_READ : 0) |
-                    (nProt & PROT_WRITE ? CAMERA_MAP_WRITE : 0) |
-                    (MAP_SHARED == (nFlags & MAP_TYPE) ? CAMERA_MAP_SHARED : 0),
-    };
-    const int nError = cameraCall(pSession, CAMERA_mmap, &mapping, sizeof(mapping), false, NULL);
-    if (0 != nError) {
-        errno = nError;
-        return MAP_FAILED;
-    }
-    char acName[32];
-    char acPath[CAMERA_MAX_PATH + sizeof(acName)];
-    snprintf(acName, sizeof(acName), CAMERA_BUFFERS_FILE, pSession->u32Session,
-             mapping.u32Allocation);
-    snprintf(acPath, sizeof(acPath), "%s/%s", pSession->acDir, acName);
-    const int nFile = realOpen(acPath, O_RDWR | O_CLOEXEC, 0);
-    if (nFile < 0) {
-        return MAP_FAILED;
-    }
-    void* pStart = realMmap(pAddress, nLength, nProt, nFlags, nFile, (off_t)s64Offset);
-    const int nSaved = errno;
-    realClose(nFile);
-    errno = nSaved;
-    if (MAP_FAILED != pStart) {
-        rememberMapping(pSession, pStart, mapping.u32Offset, mapping.u32Length);
-    }
-    return pStart;
-}
-
-int cameraMunmap(void* pAddress)
-{
-    if (0 == __atomic_load_n(&g_u32Mapped, __ATOMIC_ACQUIRE) || NULL == pAddress) {
-        return 0;
-    }
-    struct Mapping* pFound = NULL;
-    lockWord(&g_u32TableLock);
-    for (int i = 0; i < MAX_MAPPINGS && NULL == pFound; i++) {
-        pFound = pAddress == g_mapping[i].pStart ? &g_mapping[i] : NULL;
-    }
-    unlockWord(&g_u32TableLock);
-    if (NULL == pFound || getpid() != pFound->pSession->pid) {
-        return 0;
-    }
-    struct CameraMapping mapping = {.u32Offset = pFound->u32Offset, .u32Length = pFound->u32Length};
-    const int nError =
-        cameraCall(pFound->pSession, CAMERA_munmap, &mapping, sizeof(mapping), false, NULL);
-    if (0 != nError && ENODEV != nError) { // what is gone can be unmapped
-        return nError;
-    }
-    pFound->pStart = NULL;
-    __atomic_fetch_sub(&g_u32Mapped, 1, __ATOMIC_RELAXED);
-    return 0;
 }

@@ -8,8 +8,6 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-struct CameraSession;
-
 /*
  * Functions of the C library that this library stands in front of, past itself. Any thread; the
  * first use of each looks its symbol up.
@@ -20,8 +18,19 @@ void* realMmap(void* pAddress, size_t nLength, int nProt, int nFlags, int nFd, o
 int realMunmap(void* pAddress, size_t nLength);
 int realFstat(int nFd, struct stat* pStatus);
 
-#define CAMERA_MAX_PATH                                                                            \
-    160 /* of a file below the camera's directory; a socket's holds 108, unix(7) */
+/* Of a file below the camera's directory; a socket's path holds 108, unix(7). */
+#define CAMERA_MAX_PATH 160
+
+/* One open of the camera. Its place in memory is fixed; free ones are used again. */
+struct CameraSession
+{
+    int32_t s32FdPlusOne; // 0: free
+    pid_t pid;            // that opened it
+    ino_t inode;          // of the connection: a descriptor closed behind our back is not ours
+    uint32_t u32Session;
+    struct CameraPage* pPage;
+    char acDir[CAMERA_MAX_PATH];
+};
 
 /* Whether this process was told of a camera: CAMERA_DIR_VARIABLE is set and not empty. */
 bool cameraWanted(void);
@@ -50,7 +59,7 @@ struct CameraSession* cameraOf(int nFd);
 
 /*
  * Make one call: take pRecord along, have it filled when the call succeeded (or bAlwaysBack).
- * Blocks until kestrel-camera has answered. Any thread.
+ * Blocks until kestrel-camera has answered and is no cancellation point, like an ioctl. Any thread.
  * @param pWait  set when the call shall be made again once the descriptor is readable; may be null
  * @return 0 or an error number; ENODEV when kestrel-camera has ended
  */
@@ -77,3 +86,6 @@ void* cameraMmap(struct CameraSession* pSession, void* pAddress, size_t nLength,
  * @return 0, or the error number that munmap(2) shall fail with
  */
 int cameraMunmap(void* pAddress);
+
+/* No munmap of this session's buffers is told any more; they stay mapped. */
+void cameraForgetMappings(const struct CameraSession* pSession);

@@ -262,6 +262,21 @@ TEST(Preload, DescriptorClosedBehindItsBackIsNobodys)
     EXPECT_EQ(0u, camera.count("QUERYCAP"));
 }
 
+TEST(Preload, MappingOfADescriptorClosedBehindItsBackCanBeUndone)
+{
+    VirtualCamera camera;
+    VideoClient lost;
+    ASSERT_EQ(0, lost.requestBuffers(2));
+    ASSERT_EQ(0, lost.mapBuffers(2));
+    syscall(SYS_close, lost.descriptor());
+
+    const VideoClient next;
+    ASSERT_EQ(lost.descriptor(), next.descriptor());
+
+    EXPECT_EQ(0, lost.unmapBuffers());
+    EXPECT_EQ(0u, camera.count("munmap"));
+}
+
 TEST(Preload, WithoutTheVariableEverythingIsHandedOn)
 {
     struct stat status = {};
