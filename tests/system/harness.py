@@ -124,8 +124,8 @@ class Server:
             libraries.append(f"{BUILD}/simulator/camera/libkestrel-camera.so")
         if libraries and self.sanitizer == "asan":
             libraries.insert(0, library)
-        command = [self.binary]
-        if libraries and EMULATOR:
+        command = EMULATOR + [self.binary]
+        if libraries and EMULATOR:  # preloaded by the board's loader, not by the emulator's own
             command = EMULATOR + ["-E", "LD_PRELOAD=" + ":".join(libraries), self.binary]
         elif libraries:
             env["LD_PRELOAD"] = ":".join(libraries)

@@ -40,6 +40,7 @@ int runSinks(int argc, char** argv)
     if (5 != argc) {
         return 100;
     }
+    signal(SIGPIPE, SIG_IGN); // as the service does
     const int nPort = atoi(argv[4]);
     Log::getInstance().setSinks(static_cast<uint32_t>(atoi(argv[2])));
     Log::getInstance().initLogFile(argv[3], 1, 2);

@@ -146,6 +146,14 @@ EXPORT int execv(const char* pPath, char* const argv[])
     return execve(pPath, argv, environ);
 }
 
+// Programs of the board are named by a path.
+EXPORT int execvp(const char* pFile, char* const argv[])
+{
+    static int (*s_pReal)(const char*, char* const[]);
+    *(void**)&s_pReal = dlsym(RTLD_NEXT, "execvp");
+    return isForeign(pFile) ? execv(pFile, argv) : s_pReal(pFile, argv);
+}
+
 EXPORT int posix_spawn(pid_t* pPid, const char* pPath, const posix_spawn_file_actions_t* pActions,
                        const posix_spawnattr_t* pAttributes, char* const argv[], char* const envp[])
 {
