@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <set>
 #include <string>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -25,14 +26,29 @@ std::string capture(const std::string& strCommand, size_t uSize)
     return strOutput.c_str();
 }
 
-int countTempFiles()
+std::set<std::string> tempFiles()
 {
-    int nCount = 0;
+    std::set<std::string> setName;
     for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
-        const std::string strName = entry.path().filename().string();
-        nCount += (0 == strName.compare(0, 10, "temp_file.")) ? 1 : 0;
+        if (0 == entry.path().filename().string().compare(0, 10, "temp_file.")) {
+            setName.insert(entry.path().string());
+        }
     }
-    return nCount;
+    return setName;
+}
+
+/** New files are gone; those of programs that run beside this one go as well. */
+bool noneLeftSince(const std::set<std::string>& setBefore)
+{
+    const std::set<std::string> setNow = tempFiles();
+    return eventually([&] {
+        for (const std::string& strName : setNow) {
+            if (0 == setBefore.count(strName) && std::filesystem::exists(strName)) {
+                return false;
+            }
+        }
+        return true;
+    });
 }
 
 bool hasNoChildren()
@@ -119,13 +135,13 @@ TEST(CaptureCommand, ReadingGoesOnAfterASignalAndEndsWithAnError)
 
 TEST(RunCommandTimed, ReturnsTheExitStatus)
 {
-    const int nFiles = countTempFiles();
+    const std::set<std::string> setBefore = tempFiles();
 
     EXPECT_EQ(0, runCommandTimed("true", Time(30, 0)));
     EXPECT_EQ(7, runCommandTimed("exit 7", Time(30, 0)));
     EXPECT_EQ(127, runCommandTimed("no-such-command 2> /dev/null", Time(30, 0)));
 
-    EXPECT_EQ(nFiles, countTempFiles());
+    EXPECT_TRUE(noneLeftSince(setBefore));
 }
 
 TEST(RunCommandTimed, CommandIsAScriptOfTheShell)
@@ -172,7 +188,7 @@ TEST(RunCommandTimed, FailuresBeforeTheCommandReturn255)
 {
     for (const char* pPlan :
          {"fork:1:EAGAIN", "mkostemp:1:ENOSPC", "fdopen:1:ENOMEM", "fflush:1:ENOSPC"}) {
-        const int nFiles = countTempFiles();
+        const std::set<std::string> setBefore = tempFiles();
         testing::internal::CaptureStderr();
         {
             FaultScope fault(pPlan);
@@ -180,7 +196,7 @@ TEST(RunCommandTimed, FailuresBeforeTheCommandReturn255)
             EXPECT_EQ(1u, faultHits()) << pPlan;
         }
         (void)testing::internal::GetCapturedStderr(); // a file that never was can't be removed
-        EXPECT_EQ(nFiles, countTempFiles()) << pPlan;
+        EXPECT_TRUE(noneLeftSince(setBefore)) << pPlan;
     }
 }
 

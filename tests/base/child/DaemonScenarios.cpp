@@ -1,6 +1,7 @@
 // Scenarios of daemons and restarts.
 #include "Scenarios.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include "Daemon.h"
 #include "Fault.h"
@@ -25,20 +27,25 @@ std::string linkOf(const char* pLink)
     return acTarget;
 }
 
-/** Adopts and awaits every descendant. @return their exit statuses in the order of ending */
+/** Adopts and awaits every descendant. @return their exit statuses, sorted */
 std::string statusesOfDescendants()
 {
-    std::string strStatuses;
+    std::vector<int> vecStatus;
     int nStatus = 0;
     for (;;) {
         const pid_t pid = waitpid(-1, &nStatus, 0);
-        if (pid < 0 && EINTR != errno) {
-            return strStatuses;
-        }
         if (pid > 0) {
-            strStatuses += " " + std::to_string(WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1);
+            vecStatus.push_back(WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1);
+        } else if (EINTR != errno) {
+            break;
         }
     }
+    std::sort(vecStatus.begin(), vecStatus.end());
+    std::string strStatuses;
+    for (const int nOne : vecStatus) {
+        strStatuses += " " + std::to_string(nOne);
+    }
+    return strStatuses;
 }
 
 void reportDaemon(FILE* pReport, pid_t caller)
