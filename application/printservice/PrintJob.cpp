@@ -290,26 +290,31 @@ void PrintService::sendFirmware()
     fclose(pFile);
 }
 
+/** For pin files, whose results nobody looks at. */
+static void store(int nFd, const char* pText, size_t uLength)
+{
+    const ssize_t nIgnored = write(nFd, pText, uLength);
+    (void)nIgnored;
+}
+
 void PrintService::exportResetGpio()
 {
     // Deliberate: no result is checked, the line may be exported already; descriptors stay open.
     char acNumber[16] = {0};
     const int nDigits = snprintf(acNumber, sizeof(acNumber), "%u", RESET_GPIO);
-    ssize_t nIgnored = write(open("/sys/class/gpio/export", O_WRONLY | O_CLOEXEC), acNumber,
-                             static_cast<size_t>(nDigits));
-    nIgnored = write(open("/sys/class/gpio/gpio106/direction", O_WRONLY | O_CLOEXEC), "out", 3);
-    nIgnored = write(open(GPIO_VALUE, O_WRONLY | O_CLOEXEC), "1", 2); // with its zero byte
-    (void)nIgnored;
-    puts("you are reset the STM32"); // sic
+    store(open("/sys/class/gpio/export", O_WRONLY | O_CLOEXEC), acNumber,
+          static_cast<size_t>(nDigits));
+    store(open("/sys/class/gpio/gpio106/direction", O_WRONLY | O_CLOEXEC), "out", 3);
+    store(open(GPIO_VALUE, O_WRONLY | O_CLOEXEC), "1", 2); // with its zero byte
+    puts("you are reset the STM32");                       // sic
 }
 
 int PrintService::resetStm32()
 {
     exportResetGpio();
     const int nFd = open(GPIO_VALUE, O_WRONLY | O_CLOEXEC);
-    ssize_t nIgnored = write(nFd, "0", 2); // with its zero byte
+    store(nFd, "0", 2); // with its zero byte
     sleepFor(Time(0, 500000));
-    nIgnored = write(nFd, "1", 2);
-    (void)nIgnored;
+    store(nFd, "1", 2);
     return 0; // Deliberate: the descriptor stays open.
 }
