@@ -178,7 +178,7 @@ std::string Controller::answerFor(const Command& command, const Fault& fault, in
         m_bHoldTold = true;
         return formatStatus(STATUS_HELD);
     }
-    const std::string strAnswer = execute(command, s64NowUs);
+    std::string strAnswer = execute(command, s64NowUs);
     if (!m_bHeld && std::exchange(m_bHoldTold, false)) {
         return formatStatus(STATUS_RUNNING) + strAnswer;
     }
@@ -202,8 +202,6 @@ std::string Controller::execute(const Command& command, int64_t s64NowUs)
         m_motion.queueMove({}, HOMING_FEED, true);
         return formatOk();
     case COMMAND_LASER_ON:
-        m_bSpotOn = !command.bHasS || command.dS > 0;
-        return formatOk();
     case COMMAND_SPOT:
         m_bSpotOn = !command.bHasS || command.dS > 0;
         return formatOk();

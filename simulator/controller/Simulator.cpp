@@ -161,7 +161,7 @@ void Simulator::run(int nStopFd)
         m_control.serve([this](const std::string& strInstruction) {
             // What the client wrote to the wire before it asked comes first.
             readPort(nowUs());
-            const std::string strResult = instruct(strInstruction);
+            std::string strResult = instruct(strInstruction);
             writeAnswers(nowUs());
             m_wireLog.flush();
             return strResult;
