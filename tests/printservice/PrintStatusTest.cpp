@@ -335,7 +335,8 @@ TEST_F(PrintStatusTest, SilenceIsNoAcknowledgementForThisController)
         }
     }
     ASSERT_EQ(2U, vecTime.size());
-    EXPECT_LE(10.498, vecTime[1] - vecTime[0]); // ten seconds for the reply, then half a second
+    // Ten seconds for the reply, then half a second; the controller may see the first line late.
+    EXPECT_LE(10.2, vecTime[1] - vecTime[0]);
 }
 
 TEST_F(PrintStatusTest, DoubledAnswerLeavesOneForTheNextLine)

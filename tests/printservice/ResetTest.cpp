@@ -45,14 +45,18 @@ size_t countDescriptors()
 
 TEST_F(ResetTest, LineIsLowForHalfASecondAndHighAgain)
 {
+    const uint64_t u64Start = monotonicMs();
+
     EXPECT_EQ(0, service().resetStm32());
 
+    EXPECT_LE(499U, monotonicMs() - u64Start);
     EXPECT_TRUE(eventually([this] { return 3 == stores("gpio106/value").size(); }));
     const auto vecValue = stores("gpio106/value");
     EXPECT_EQ("gpio106/value 1", vecValue[0].strText);
     EXPECT_EQ("gpio106/value 0", vecValue[1].strText);
     EXPECT_EQ("gpio106/value 1", vecValue[2].strText);
-    EXPECT_LE(0.499, vecValue[2].dSeconds - vecValue[1].dSeconds);
+    // As the controller saw it, which may have been late for the low edge.
+    EXPECT_LE(0.3, vecValue[2].dSeconds - vecValue[1].dSeconds);
     ASSERT_EQ(1U, stores("export").size());
     EXPECT_EQ("export 106", stores("export")[0].strText);
     ASSERT_EQ(1U, stores("gpio106/direction").size());

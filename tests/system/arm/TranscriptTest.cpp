@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <sstream>
 
 #include <unistd.h>
@@ -97,16 +98,23 @@ protected:
     void SetUp() override
     {
         TranscriptTest::SetUp();
-        m_service.setUart(&m_uart);
+        m_pService = std::make_unique<FreshPrintService>();
+        m_pService->setUart(&m_uart);
+    }
+
+    void TearDown() override
+    {
+        m_pService.reset(); // its thread uses the port
+        TranscriptTest::TearDown();
     }
 
     void runJob(const std::string& strJob)
     {
-        EXPECT_EQ(0, m_service.saveGcode(strJob.data(), static_cast<int>(strJob.size())));
-        EXPECT_EQ(0, m_service.startPrint());
+        EXPECT_EQ(0, m_pService->saveGcode(strJob.data(), static_cast<int>(strJob.size())));
+        EXPECT_EQ(0, m_pService->startPrint());
     }
 
-    FreshPrintService m_service;
+    std::unique_ptr<FreshPrintService> m_pService;
 };
 
 } // namespace
@@ -197,7 +205,7 @@ TEST_F(SpokenTranscriptTest, Job)
 
 TEST_F(SpokenTranscriptTest, LaserOff)
 {
-    EXPECT_EQ(0, m_service.pausePrint());
+    EXPECT_EQ(0, m_pService->pausePrint());
 
     EXPECT_EQ(documented("Laser off"), heard(m_controller));
 }
@@ -208,17 +216,17 @@ TEST_F(SpokenTranscriptTest, RefusedLine)
 
     const std::string strDialogue = documented("Refused line");
     EXPECT_TRUE(eventually([&] { return heard(m_controller).size() >= strDialogue.size(); }));
-    EXPECT_EQ(0, m_service.stopPrint());
+    EXPECT_EQ(0, m_pService->stopPrint());
     EXPECT_EQ(0U, heard(m_controller).find(strDialogue)) << heard(m_controller);
 }
 
 TEST_F(SpokenTranscriptTest, Resume)
 {
-    EXPECT_EQ(0, m_service.saveGcode("", 0));
+    EXPECT_EQ(0, m_pService->saveGcode("", 0));
     unlink("tmp.gcode");
     m_controller.instruct("say status:3\\n");
 
-    m_service.pollStatus();
+    m_pService->pollStatus();
 
     EXPECT_EQ("< status:3\n" + documented("Resume"), heard(m_controller));
 }
