@@ -186,10 +186,10 @@ static bool pauseBefore(const Time& start, const Time* pTimeout)
 int Socket::receiveAll(void* pBuffer, int nLength, int& nDone, sockaddr_in* pAddr,
                        const Time* pTimeout)
 {
-    MutexGuard guard(m_readMutex);
     const Time start = (nullptr == pTimeout) ? Time() : monotonicNow();
+    MutexGuard guard(m_readMutex); // waiting for another reader counts
     nDone = 0;
-    do {
+    for (;;) {
         const ssize_t nReceived =
             receiveOnce(static_cast<char*>(pBuffer) + nDone, nLength - nDone, pAddr);
         if (0 == nReceived) {
@@ -197,6 +197,9 @@ int Socket::receiveAll(void* pBuffer, int nLength, int& nDone, sockaddr_in* pAdd
         }
         if (nReceived > 0) {
             nDone += static_cast<int>(nReceived);
+            if (nDone >= nLength) {
+                return 0;
+            }
         } else if (EAGAIN == errno) {
             if (!pauseBefore(start, pTimeout)) {
                 return REFUSED;
@@ -204,17 +207,16 @@ int Socket::receiveAll(void* pBuffer, int nLength, int& nDone, sockaddr_in* pAdd
         } else if (EINTR != errno) {
             return errno;
         }
-    } while (nDone < nLength);
-    return 0;
+    }
 }
 
 int Socket::sendAll(const void* pData, int nLength, int& nDone, const sockaddr_in* pAddr,
                     const Time* pTimeout)
 {
-    MutexGuard guard(m_writeMutex);
     const Time start = (nullptr == pTimeout) ? Time() : monotonicNow();
+    MutexGuard guard(m_writeMutex); // waiting for another writer counts
     nDone = 0;
-    do {
+    for (;;) {
         const ssize_t nSent =
             sendOnce(static_cast<const char*>(pData) + nDone, nLength - nDone, pAddr);
         if (0 == nSent) {
@@ -222,6 +224,9 @@ int Socket::sendAll(const void* pData, int nLength, int& nDone, const sockaddr_i
         }
         if (nSent > 0) {
             nDone += static_cast<int>(nSent);
+            if (nDone >= nLength) {
+                return 0;
+            }
         } else if (EAGAIN == errno) {
             if (!pauseBefore(start, pTimeout)) {
                 return REFUSED;
@@ -229,8 +234,7 @@ int Socket::sendAll(const void* pData, int nLength, int& nDone, const sockaddr_i
         } else if (EINTR != errno) {
             return errno;
         }
-    } while (nDone < nLength);
-    return 0;
+    }
 }
 
 int Socket::finish(int nResult, int nLine, const char* pOperation)

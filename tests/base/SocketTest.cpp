@@ -656,6 +656,70 @@ TEST(Socket, WritersTakeTurnsForWholeOperations)
     EXPECT_TRUE(strA + strB == strGot || strB + strA == strGot);
 }
 
+TEST(Socket, ATimeOutRunsWhileAnotherOperationHasTheSocket)
+{
+    NetPair pair;
+    ASSERT_EQ(0, pair.m_near.setOptBlock(false));
+    ASSERT_EQ(1, send(pair.m_far.getFd(), "x", 1, 0));
+    char cFirst = 'x';
+    char cSecond = 'y';
+    int nDone = 0;
+    const Time timeout(0, 20000);
+    struct Case
+    {
+        const char* pCall;
+        std::function<int()> first;
+        std::function<int()> second;
+    };
+    const Case aCase[] = {
+        {"recv", [&] { return pair.m_near.readE(&cFirst, 1); },
+         [&] { return pair.m_near.readTimeOut(&cSecond, 1, nDone, nullptr, timeout); }},
+        {"send", [&] { return pair.m_near.writeE(&cFirst, 1); },
+         [&] { return pair.m_near.writeTimeOut(&cSecond, 1, nDone, nullptr, timeout); }},
+    };
+    for (const Case& entry : aCase) {
+        // The first operation holds the socket for 200 steps of 3 ms. The second one finds nothing
+        // to do, its time-out over: it must not look again.
+        const int nFd = pair.m_near.getFd();
+        FaultScope fault((plan(entry.pCall, nFd, "1-200", EAGAIN) + ";" +
+                          plan(entry.pCall, nFd, "2", EAGAIN) + ";" +
+                          plan(entry.pCall, nFd, "2-", ENOMEM))
+                             .c_str());
+        std::thread holder([&] { EXPECT_EQ(0, entry.first()); });
+        EXPECT_TRUE(eventually([] { return faultHits() > 0; }));
+
+        EXPECT_EQ(-1, entry.second()) << entry.pCall;
+
+        holder.join();
+        EXPECT_EQ(201U, faultHits()) << entry.pCall;
+        EXPECT_EQ(0, nDone) << entry.pCall;
+    }
+}
+
+TEST(Socket, NothingToTransferIsATransferToo)
+{
+    NetPair pair;
+    ASSERT_EQ(0, pair.m_near.setOptBlock(false));
+    char cByte = 0;
+    int nDone = 99;
+    EXPECT_EQ(-1, pair.m_near.readTimeOut(&cByte, 0, nDone, nullptr, Time(0, 20000)));
+    EXPECT_EQ(0, nDone);
+
+    Socket receiver = datagramSocket();
+    Socket sender = datagramSocket();
+    ASSERT_EQ(0, receiver.bind("127.0.0.1", 0));
+    sockaddr_in to{};
+    ASSERT_EQ(0, Socket::toSockAddr("127.0.0.1", portOf(receiver.getFd()), to));
+    FaultScope fault(plan("sendto", sender.getFd(), "1", EAGAIN).c_str());
+
+    EXPECT_EQ(0, sender.writeE("", 0, &to));
+
+    EXPECT_EQ(1U, faultHits());
+    EXPECT_TRUE(receiver.waitReadable(Time(0, 1000))) << "an empty datagram";
+    (void)receiver.close();
+    (void)sender.close();
+}
+
 TEST(Socket, ALogSinkMayUseTheSocketWhoseFailureItIsTold)
 {
     struct Sink

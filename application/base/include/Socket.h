@@ -147,7 +147,10 @@ public:
     /** Receive exactly nLength bytes; without data it looks every 3 ms, for ever. */
     int readE(void* pBuffer, const int& nLength, sockaddr_in* pAddr = nullptr);
 
-    /** As readE, looking every 5 ms; -1, unlogged, once the time-out since its start is over. */
+    /**
+     * As readE, looking every 5 ms; -1, unlogged, once the time-out since its start is over.
+     * Waiting for another reader counts, and one look is taken in any case.
+     */
     int readTimeOut(void* pBuffer, int nLength, int& nDone, sockaddr_in* pAddr,
                     const Time& timeout);
 
@@ -162,7 +165,10 @@ public:
     /** Send everything; while the kernel's buffer is full it tries every 3 ms, for ever. */
     int writeE(const void* pData, const int& nLength, const sockaddr_in* pAddr = nullptr);
 
-    /** As writeE, trying every 5 ms; -1, unlogged, once the time-out since its start is over. */
+    /**
+     * As writeE, trying every 5 ms; -1, unlogged, once the time-out since its start is over.
+     * Waiting for another writer counts, and one attempt is made in any case.
+     */
     int writeTimeOut(const void* pData, int nLength, int& nDone, const sockaddr_in* pAddr,
                      const Time& timeout);
 
