@@ -5,7 +5,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "Log.h"
 
@@ -73,9 +72,7 @@ int HttpRequestParser::onHeaderValue(http_parser* pState, const char* pAt, size_
 {
     auto& self = *static_cast<HttpRequestParser*>(pState->data);
     if (self.m_bContentType) {
-        const size_t uKept = std::min(uLength, sizeof(self.m_acContentType) - 1);
-        memcpy(self.m_acContentType, pAt, uKept);
-        self.m_acContentType[uKept] = '\0';
+        self.m_strContentType.assign(pAt, uLength);
         self.m_bContentType = false;
     }
     if (self.m_bContentLength) {

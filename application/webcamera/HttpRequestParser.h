@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 #include <http_parser.h>
@@ -43,10 +44,10 @@ public:
         return m_nContentLength;
     }
 
-    /** Zero-terminated, the first 35 bytes; empty without the header. */
-    const char* getContentType() const
+    /** The header's value, whole; empty without the header. */
+    const std::string& getContentType() const
     {
-        return m_acContentType;
+        return m_strContentType;
     }
 
     /**
@@ -71,7 +72,7 @@ private:
     bool m_bContentType = false; // the value to come is the Content-Type's
     bool m_bContentLength = false;
     std::string_view m_url;
-    char m_acContentType[36] = "";
+    std::string m_strContentType;
     int m_nContentLength = 0;
     std::string_view m_body;
     http_parser m_state{};
