@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
+#include <unistd.h>
 
 #include "ChildProgram.h"
 #include "Pattern.h"
@@ -62,6 +63,21 @@ TEST(FatalSignal, SecondArrivalOfASignalTakesTheDefaultEffect)
 
     EXPECT_EQ(SIGTERM, result.nSignal);
     EXPECT_EQ(std::string::npos, result.strOutput.find("count 2"));
+}
+
+TEST(FatalSignal, InterruptedCallsAreNotRestarted)
+{
+    EXPECT_EXIT(
+        {
+            FatalSignal::getInstance().install(false, nullptr, Time(), 5);
+            struct sigaction action = {};
+            (void)sigaction(SIGTERM, nullptr, &action);
+            const unsigned uFlags = static_cast<unsigned>(action.sa_flags);
+            _exit((SA_SIGINFO | SA_RESETHAND) == (uFlags & (SA_SIGINFO | SA_RESETHAND | SA_RESTART))
+                      ? 0
+                      : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST(FatalSignal, FaultAddressIsPrinted)

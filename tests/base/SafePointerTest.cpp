@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "AllocatedBytes.h"
 #include "Fault.h"
 
 namespace {
@@ -33,7 +34,20 @@ TEST(SafePointer_C, HandlesShareTheBuffer)
     EXPECT_EQ(pText, third.get());
 }
 
-// Freed twice or never is the address sanitizer's to find; here the buffer lives on meanwhile.
+// Freed twice is the allocator's to find; what is never freed piles up.
+TEST(SafePointer_C, BufferAndBlockAreFreedOnce)
+{
+    const size_t uBefore = allocatedBytes();
+
+    for (int i = 0; i < 1000; ++i) {
+        SafePointer_C<char> first(static_cast<char*>(malloc(1000)));
+        const SafePointer_C<char> second(first);
+        const SafePointer_C<char> third(std::move(first));
+    }
+
+    EXPECT_GT(uBefore + 10000, allocatedBytes()); // a block alone has more than ten bytes
+}
+
 TEST(SafePointer_C, LastHandleFreesTheBuffer)
 {
     SafePointer_C<char> last;

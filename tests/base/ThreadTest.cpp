@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -417,6 +418,56 @@ TEST(Thread, RefusedNiceValueEndsItBeforeTheGate)
     (void)thread.start();
     (void)thread.stop();
     EXPECT_EQ(0, g_aWorker[g_nKept - 1].m_nCalls);
+}
+
+// Deliberate: three waits of the destruction have no limit. The alarm is what ends them here.
+TEST(ThreadDeathTest, DestructionWaitsForAThreadThatWasNeverCreated)
+{
+    EXPECT_EXIT(
+        {
+            (void)faultPlan("pthread_create:1:EAGAIN");
+            Worker worker;
+            {
+                const Thread thread(&Worker::run, &worker, "never", 0, 0, 0, true);
+                alarm(1);
+            }
+            _exit(0);
+        },
+        testing::KilledBySignal(SIGALRM), "");
+}
+
+TEST(ThreadDeathTest, DestructionWaitsForAThreadThatNeverReachedItsGate)
+{
+    EXPECT_EXIT(
+        {
+            (void)faultPlan("nice:1:EPERM");
+            Worker worker;
+            {
+                const Thread thread(&Worker::run, &worker, "refused", -5, 0, 0, true);
+                alarm(1);
+            }
+            _exit(0);
+        },
+        testing::KilledBySignal(SIGALRM), "");
+}
+
+TEST(ThreadDeathTest, DestructionWaitsForABodyThatNeverReturns)
+{
+    EXPECT_EXIT(
+        {
+            Worker worker;
+            worker.m_bHold = true;
+            {
+                Thread thread(&Worker::run, &worker, "busy", 0, 0, 0, false);
+                (void)thread.start();
+                if (!eventually([&] { return worker.m_bInside.load(); })) {
+                    _exit(1);
+                }
+                alarm(1);
+            }
+            _exit(0);
+        },
+        testing::KilledBySignal(SIGALRM), "");
 }
 
 TEST(Thread, NiceValueRefusedByTheKernelEndsItToo)
