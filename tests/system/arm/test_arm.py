@@ -8,7 +8,7 @@ import tempfile
 import threading
 import unittest
 
-from harness import BUILD, Board, Camera, LiveStream, Server, request, wait_until
+from harness import BUILD, SOURCE, Board, Camera, LiveStream, Server, request, wait_until
 
 PLUGIN = os.environ["KESTREL_PLUGIN"]
 WIDTH, HEIGHT, PIXELS_PER_MM = 640, 480, 10.0
@@ -131,6 +131,26 @@ class Arm(unittest.TestCase):
         live = LiveStream()
         self.assertEqual(b"\xff\xd8", live.frame()[:2])
         live.close()
+
+
+class Transcripts(unittest.TestCase):
+    def test_documented_dialogues_run_against_a_controller_at_its_port(self):
+        with tempfile.TemporaryDirectory(prefix="kestrel-arm.") as folder:
+            controller = Controller(folder, "--speed-up", "1000")
+            self.addCleanup(controller.close)
+            play = [f"{BUILD}/tools/kestrel-transcript", "/dev/ttyACM0", f"{SOURCE}/docs/serial.md"]
+
+            every = subprocess.run(play, capture_output=True, text=True, check=False)
+            one = subprocess.run(play + ["Laser off"], capture_output=True, text=True, check=False)
+            controller.ctl("refuse", "5")
+            refused = subprocess.run(play + ["Height"], capture_output=True, text=True, check=False)
+
+        self.assertTrue(every.stdout.endswith("\n6 dialogues, 0 differ\n"), every.stdout)
+        self.assertEqual("Laser off: as written\n1 dialogues, 0 differ\n", one.stdout)
+        self.assertEqual(0, one.returncode)
+        self.assertEqual("Height: differs\nexpected: ok\ncame: error:5\n1 dialogues, 1 differ\n",
+                         refused.stdout)
+        self.assertEqual(1, refused.returncode)
 
 
 class ShippedStart(unittest.TestCase):
