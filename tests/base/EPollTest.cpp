@@ -7,6 +7,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -297,6 +298,35 @@ TEST(EPoll, EventsCarryDescriptorAndOwner)
     EXPECT_EQ(0, epoll.pollOnce());
     EXPECT_EQ(ppFirst, recorder.m_ppClient);
     EXPECT_EQ(nullptr, *recorder.m_ppClient);
+}
+
+// The kernel's record of a readiness has another size and alignment on the board than on a large
+// machine: the second entry of a wait is the first that would show it.
+TEST(EPoll, EveryEntryOfOneWaitHasItsOwnOwner)
+{
+    struct Owners
+    {
+        RET_E onOut(Event* pEvent)
+        {
+            auto* pReady = dynamic_cast<EPollEvent*>(pEvent);
+            m_mapOwner[*pReady->m_pFd] = *pReady->m_ppClient;
+            return RET_SUCCESS;
+        }
+        std::map<int, TcpClient*> m_mapOwner;
+    } owners;
+    EPoll epoll(20);
+    EXPECT_EQ(RET_SUCCESS, epoll.setOutHandler(&owners, &Owners::onOut));
+    NetPair aPair[3];
+    TcpClient aOwner[3];
+    std::map<int, TcpClient*> mapExpected;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(0, epoll.addFd(aPair[i].m_near.getFd(), EPOLLOUT, &aOwner[i]));
+        mapExpected[aPair[i].m_near.getFd()] = &aOwner[i];
+    }
+
+    EXPECT_EQ(0, epoll.pollOnce());
+
+    EXPECT_EQ(mapExpected, owners.m_mapOwner);
 }
 
 TEST(EPoll, OneWaitTakesNoMoreThanTheMaximum)

@@ -1,6 +1,7 @@
 // Time values, the clocks, the sleep and the time stamps.
 #include "Time.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <gtest/gtest.h>
@@ -41,6 +42,15 @@ TEST(Time, SumCarriesASecond)
     Time sum(1, 900000);
     sum += Time(1, 100000);
     expectTime(3, 0, sum);
+}
+
+TEST(Time, SecondsBeyondAnIntAreKept)
+{
+    const Time last(INT32_MAX, 999999); // what a long and a time_t of 32 bits hold
+
+    expectTime(2147483648U, 999998, last + Time(0, 999999));
+    expectTime(2147483647U, 999999, last + Time(1, 0) - Time(1, 0));
+    EXPECT_TRUE(last < last + Time(1, 0));
 }
 
 TEST(Time, DifferenceBorrowsASecond)
