@@ -22,9 +22,8 @@ enum STATE_E
 
 int32_t videoIndex(int32_t s32Event)
 {
-    int32_t s32Index = (s32Event >= 3) ? s32Event - 3 : s32Event;
-    s32Index -= 2;
-    return (s32Index < 0) ? 0 : s32Index;
+    const int32_t s32Index = (s32Event >= 3) ? s32Event - 3 : s32Event;
+    return (s32Index < 2) ? 0 : s32Index - 2;
 }
 
 } // namespace

@@ -55,6 +55,8 @@ TEST_F(UvcProberFind, IndexFollowsFromTheEventNumber)
         EXPECT_EQ(anIndex[i], find(CAMERA + handlers("event" + std::to_string(i)))) << i;
     }
     EXPECT_EQ(15, find(CAMERA + handlers("event20")));
+    EXPECT_EQ(2147483642, find(CAMERA + handlers("event2147483647")));
+    EXPECT_EQ(0, find(CAMERA + handlers("event-2147483648")));
 }
 
 TEST_F(UvcProberFind, OtherDevicesAndEmptyLinesArePassedOver)
