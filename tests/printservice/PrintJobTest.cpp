@@ -1,6 +1,10 @@
 // Jobs: what goes out line by line, pause, stop, progress, and the ways out of a stuck job.
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <thread>
+
+#include <fcntl.h>
 
 #include "PrintTest.h"
 #include "Time.h"
@@ -208,6 +212,33 @@ TEST_F(PrintJobTest, LoopWithoutAFileDoesNothing)
 
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
     EXPECT_EQ("M5\n", m_controller.readReceivedBytes());
+}
+
+TEST_F(PrintJobTest, JobRunsOnItsThreadAndItsFileIsNotInherited)
+{
+    m_controller.instruct("line 1 late 700");
+    saveJob("G1 X1\n");
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForLines(1));
+
+    bool bThread = false;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string strName;
+        std::getline(std::ifstream(entry.path() / "comm"), strName);
+        bThread = bThread || "printservice" == strName;
+    }
+    EXPECT_TRUE(bThread);
+    size_t uOpen = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error; // the listing's own descriptor is gone by now
+        const std::string strTarget = std::filesystem::read_symlink(entry.path(), error).string();
+        if (contains(strTarget, "/tmp.gcode")) {
+            ++uOpen;
+            EXPECT_EQ(FD_CLOEXEC, fcntl(std::stoi(entry.path().filename()), F_GETFD));
+        }
+    }
+    EXPECT_EQ(1U, uOpen);
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
 }
 
 TEST_F(PrintJobTest, StartTwiceIsRefused)

@@ -1,4 +1,7 @@
 // The controller's reset line, below a /sys/class of this program's own.
+#include <cstdlib>
+#include <set>
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -30,15 +33,18 @@ protected:
     }
 };
 
-size_t countDescriptors()
+/** The numbers of this process's descriptors. */
+std::set<int> descriptors()
 {
-    size_t uCount = 0;
+    std::set<int> setFd;
     DIR* const pDir = opendir("/proc/self/fd");
-    while (nullptr != readdir(pDir)) {
-        ++uCount;
+    while (const dirent* const pEntry = readdir(pDir)) {
+        if ('.' != pEntry->d_name[0] && dirfd(pDir) != atoi(pEntry->d_name)) {
+            setFd.insert(atoi(pEntry->d_name));
+        }
     }
     closedir(pDir);
-    return uCount;
+    return setFd;
 }
 
 } // namespace
@@ -83,11 +89,17 @@ TEST_F(ResetTest, ExportAloneDrivesTheLineHigh)
 
 TEST_F(ResetTest, DeliberateDescriptorsStayOpen)
 {
-    const size_t uBefore = countDescriptors();
+    const std::set<int> setBefore = descriptors();
 
     EXPECT_EQ(0, service().resetStm32());
 
-    EXPECT_EQ(uBefore + 4, countDescriptors());
+    const std::set<int> setAfter = descriptors();
+    EXPECT_EQ(setBefore.size() + 4, setAfter.size());
+    for (const int nFd : setAfter) {
+        if (0 == setBefore.count(nFd)) {
+            EXPECT_EQ(FD_CLOEXEC, fcntl(nFd, F_GETFD)) << nFd; // yet no command inherits them
+        }
+    }
 }
 
 TEST_F(ResetTest, MissingPinFilesAreIgnored)

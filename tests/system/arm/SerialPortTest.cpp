@@ -1,6 +1,7 @@
 // Finding and opening the controller's serial port, and the calls that reach the print service
 // through the system module.
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -23,6 +25,20 @@
 #include "SystemModule.h"
 #include "Time.h"
 #include "VirtualController.h"
+
+static bool g_bRefuseSpeed = false;
+
+/** In place of the C library's: a device that can't do the controller's speed. */
+extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) noexcept
+{
+    if (g_bRefuseSpeed && B115200 == cfgetospeed(pAttr)) {
+        errno = EIO;
+        return -1;
+    }
+    static const auto s_pReal =
+        reinterpret_cast<int (*)(int, int, const termios*)>(dlsym(RTLD_NEXT, "tcsetattr"));
+    return s_pReal(nFd, nAction, pAttr);
+}
 
 namespace {
 
@@ -143,6 +159,21 @@ TEST(SerialPort, HasTheControllersLineParameters)
     EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&attr));
     EXPECT_EQ(static_cast<tcflag_t>(CS8), attr.c_cflag & (CSIZE | CSTOPB | PARENB));
     EXPECT_EQ(0U, attr.c_lflag & (ICANON | ECHO));
+}
+
+TEST(SerialPort, RefusedLineParametersFail)
+{
+    Arm arm({"--boot-ms", "10"});
+    g_bRefuseSpeed = true;
+    testing::internal::CaptureStderr();
+
+    EXPECT_EQ(RET_FAILED, arm.m_module.openSerial());
+
+    g_bRefuseSpeed = false;
+    const std::string strError = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, strError.find("tcsetattr fd1: Input/output error\n")) << strError;
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial()); // what the failure left open is no obstacle
+    EXPECT_EQ(1U, countPorts());
 }
 
 TEST(SerialPort, IsWaitedForOnceASecond)
