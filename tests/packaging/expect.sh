@@ -1,4 +1,5 @@
 # What the packages' tests share; to be sourced.
+# shellcheck shell=sh
 
 # Fail with a message.
 fail() {

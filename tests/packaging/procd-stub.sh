@@ -28,6 +28,7 @@ procd_close_instance() {
     echo $! >/tmp/pid
 }
 
+# shellcheck disable=SC1090 # the script under test
 . "$initscript"
 case $action in
 start) start_service ;;
