@@ -71,6 +71,19 @@ TEST_F(CapturePace, FramesOfOtherStreamsAreTwentyMillisecondsApart)
     EXPECT_EQ("videocapture1", m_consumer.thread());
 }
 
+TEST_F(CapturePace, FrozenCameraIsLostAfterFourSeconds)
+{
+    m_camera.command("freeze");
+    const Time before = monotonicNow();
+
+    start(0);
+
+    ASSERT_TRUE(m_camera.waitForCalls("STREAMOFF ", 1));
+    EXPECT_LE(Time(4, 0), monotonicNow() - before);
+    ASSERT_TRUE(m_camera.waitForCalls("close", 1));
+    m_camera.command("thaw");
+}
+
 TEST_F(CapturePace, LostCameraIsTriedOnceASecond)
 {
     m_camera.command("fail DQBUF ENODEV 1 skip 2");
