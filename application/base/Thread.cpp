@@ -230,6 +230,7 @@ int Thread::forceKill()
 void Thread::destory()
 {
     State& state = *m_pState;
+    // Deliberate: neither this wait nor the next has a limit, see the header.
     while (0 == (state.u32Flags & FLAG_AT_GATE_ONCE)) {
         sleepFor(Time(0, 10000));
     }

@@ -193,7 +193,7 @@ void PrintService::sendLine(const std::string& strLine)
                                "send: %s total bytes:%d, but send %d bytes\n", strLine.c_str(),
                                nLength, nSent);
         puts("send failed!");
-        stopThread();
+        stopThread(); // Deliberate: the state stays; the job is stuck until stopPrint().
     }
 }
 
