@@ -348,7 +348,7 @@ TEST_F(V4L2Stream, SmallestFrameIsDelivered)
     m_camera.command("bytes 176 always");
     startStream(0);
 
-    EXPECT_EQ(RET_SUCCESS, get());
+    ASSERT_EQ(RET_SUCCESS, get());
 
     EXPECT_EQ(176U, +m_frame.get()->u32Size);
     EXPECT_EQ(1U, m_subscriber.m_vecFrame.size());
@@ -359,7 +359,7 @@ TEST_F(V4L2Stream, OtherStreamsDeliverAnySize)
     m_camera.command("bytes 0");
     startStream(2);
 
-    EXPECT_EQ(RET_SUCCESS, get());
+    ASSERT_EQ(RET_SUCCESS, get());
 
     EXPECT_EQ(0U, +m_frame.get()->u32Size);
     EXPECT_EQ(std::vector<int32_t>{2}, m_subscriber.m_vecStream);

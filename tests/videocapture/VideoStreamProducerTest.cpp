@@ -1,6 +1,7 @@
 // One stream: delivery to the consumers, and recovery of a lost camera.
 #include "VideoStreamProducer.h"
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
@@ -361,8 +362,45 @@ TEST_F(VideoStreamProducerTest, CameraThatDoesNotStreamIsClosedAndTriedAgain)
     EXPECT_EQ(2U, m_camera.count("STREAMON type=1 = -1 EIO"));
     EXPECT_EQ(1U, m_camera.count("STREAMON type=1 = 0"));
     EXPECT_EQ(3U, m_camera.count("open "));
-    EXPECT_EQ(2U, m_camera.count("close"));
     EXPECT_EQ(1U, m_camera.count("STREAMOFF")); // when the loss was found, not at each attempt
+    // After the second refusal the camera is closed at once.
+    Lines vecCall = callsFrom("STREAMOFF");
+    vecCall.erase(vecCall.begin(),
+                  std::find(vecCall.begin(), vecCall.end(), "STREAMON type=1 = -1 EIO"));
+    vecCall.resize(4);
+    EXPECT_EQ((Lines{"STREAMON type=1 = -1 EIO", "munmap length=614400 offset=0 = 0",
+                     "munmap length=614400 offset=614400 = 0", "close = 0"}),
+              vecCall);
+}
+
+TEST_F(VideoStreamProducerTest, CameraThatIsLostTwiceIsClosedTwice)
+{
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    m_camera.command("fail DQBUF ENODEV 1 skip 2");
+    start();
+    ASSERT_TRUE(m_camera.waitForCalls("STREAMON ", 2));
+
+    m_camera.command("fail DQBUF ENODEV");
+    ASSERT_TRUE(m_camera.waitForCalls("STREAMON ", 3));
+    ASSERT_TRUE(m_consumer.waitForMore(1));
+
+    EXPECT_EQ(2U, m_camera.count("STREAMOFF type=1 = 0"));
+    EXPECT_EQ(2U, m_camera.count("close"));
+}
+
+TEST_F(VideoStreamProducerTest, NodeThatAnswersNothingIsOpenedAnewEachTime)
+{
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    m_camera.command("fail DQBUF ENODEV 1 skip 2");
+    m_camera.command("fail QUERYCAP EIO 2 skip 1");
+    start();
+
+    ASSERT_TRUE(m_camera.waitForCalls("STREAMON ", 2));
+    ASSERT_TRUE(m_consumer.waitForMore(1));
+
+    EXPECT_EQ(4U, m_camera.count("open "));
+    EXPECT_EQ(3U, m_camera.count("close"));
+    EXPECT_EQ(1U, m_camera.count("STREAMOFF")); // at the loss; not on a node that never streamed
 }
 
 TEST_F(VideoStreamProducerTest, FrameThatIsDroppedDoesNotDisturbTheStream)

@@ -12,11 +12,12 @@
 
 namespace {
 
-/** A frame that says its number. */
-PVENC_FRAME_T makeFrame(uint32_t u32Number)
+/** A frame that says its number as time stamp and its stream as width. */
+PVENC_FRAME_T makeFrame(uint32_t u32Number, int32_t s32Stream)
 {
     auto* pFrame = static_cast<VENC_FRAME_T*>(calloc(1, 24));
     pFrame->u64TimeStamp = u32Number;
+    pFrame->u32Width = static_cast<uint32_t>(s32Stream);
     return PVENC_FRAME_T(pFrame);
 }
 
@@ -27,7 +28,7 @@ public:
     explicit BusyPublisher(int32_t s32Stream)
         : m_thread([this, s32Stream] {
               while (!m_bQuit) {
-                  PVENC_FRAME_T frame = makeFrame(++m_u32Number);
+                  PVENC_FRAME_T frame = makeFrame(++m_u32Number, s32Stream);
                   VideoFrameEvent event(s32Stream, frame);
                   EventBus<VideoFrameEvent>::publish(event);
               }
@@ -160,6 +161,8 @@ TEST_F(VideoProcessorGetFrame, OtherStreamsAreNotTaken)
     }
     const BusyPublisher publisher(0);
     waiter.join();
+
+    EXPECT_EQ(0U, +m_frame.get()->u32Width);
 }
 
 TEST_F(VideoProcessorGetFrame, SimultaneousCallersGetAFrameEach)
