@@ -1,6 +1,5 @@
 """The laser arm in the camera's picture: measuring over HTTP makes it home, move and focus."""
 
-import glob
 import os
 import shutil
 import subprocess
@@ -8,39 +7,11 @@ import tempfile
 import threading
 import unittest
 
-from harness import BUILD, SOURCE, Board, Camera, LiveStream, Server, request, wait_until
+from controller import Controller
+from harness import Camera, LiveStream, Server, request
 
 PLUGIN = os.environ["KESTREL_PLUGIN"]
 WIDTH, HEIGHT, PIXELS_PER_MM = 640, 480, 10.0
-
-
-class Controller:
-    """The virtual motion controller under the names that the service looks for."""
-
-    def __init__(self, folder, *options):
-        self.folder = folder
-        self.process = subprocess.Popen(
-            [f"{BUILD}/simulator/controller/kestrel-controller", "--node", "/dev/ttyACM0",
-             "--gpio", "/sys/class/gpio", "--control", f"{folder}/arm", "--wire-log", f"{folder}/wire",
-             *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
-        if self.process.stdout.readline() != "ready\n":
-            raise AssertionError("the virtual controller is not ready")
-
-    def ctl(self, *words):
-        return subprocess.run([f"{BUILD}/tools/kestrel-controller-ctl",
-                               f"{self.folder}/arm", *words],
-                              capture_output=True, text=True, check=True).stdout
-
-    def records(self, kind):
-        self.ctl("state")  # brings the log up to date
-        with open(f"{self.folder}/wire", encoding="ascii") as file:
-            lines = [line.rstrip("\n").split(" ", 2) for line in file]
-        return [line[2] for line in lines if line[1] == kind]
-
-    def close(self):
-        self.process.terminate()
-        self.process.wait()
-        self.process.stdout.close()
 
 
 def spot(picture):
@@ -113,13 +84,6 @@ class Arm(unittest.TestCase):
         self.assertAlmostEqual(-7.89, after[1], delta=0.1)
         self.assertLess(after[2], before[2])
 
-    def test_service_that_starts_before_its_controller_waits_for_it(self):
-        self.start("--boot-ms", "1500")
-
-        self.assertIn("[/dev/ttyACM0]", self.server.output())
-        stores = [text for text in self.controller.records("gpio") if "value" in text]
-        self.assertEqual(["gpio106/value 1", "gpio106/value 0", "gpio106/value 1"], stores)
-
     def test_pulled_cable_leaves_the_service_answering(self):
         self.start()
         self.controller.ctl("line", "1", "unplug")
@@ -131,39 +95,6 @@ class Arm(unittest.TestCase):
         live = LiveStream()
         self.assertEqual(b"\xff\xd8", live.frame()[:2])
         live.close()
-
-
-class Transcripts(unittest.TestCase):
-    def test_documented_dialogues_run_against_a_controller_at_its_port(self):
-        with tempfile.TemporaryDirectory(prefix="kestrel-arm.") as folder:
-            controller = Controller(folder, "--speed-up", "1000")
-            self.addCleanup(controller.close)
-            play = [f"{BUILD}/tools/kestrel-transcript", "/dev/ttyACM0", f"{SOURCE}/docs/serial.md"]
-
-            every = subprocess.run(play, capture_output=True, text=True, check=False)
-            one = subprocess.run(play + ["Laser off"], capture_output=True, text=True, check=False)
-            controller.ctl("refuse", "5")
-            refused = subprocess.run(play + ["Height"], capture_output=True, text=True, check=False)
-
-        self.assertTrue(every.stdout.endswith("\n6 dialogues, 0 differ\n"), every.stdout)
-        self.assertEqual("Laser off: as written\n1 dialogues, 0 differ\n", one.stdout)
-        self.assertEqual(0, one.returncode)
-        self.assertEqual("Height: differs\nexpected: ok\ncame: error:5\n1 dialogues, 1 differ\n",
-                         refused.stdout)
-        self.assertEqual(1, refused.returncode)
-
-
-class ShippedStart(unittest.TestCase):
-    def test_makes_no_print_service(self):
-        with Board() as board:
-            folder = f"/proc/{board.server.process.pid}/task"
-            wait_until(lambda: len(os.listdir(folder)) > 2, "its threads run")
-            names = []
-            for path in glob.glob(f"{folder}/*/comm"):
-                with open(path, encoding="ascii") as file:
-                    names.append(file.read().strip())
-            self.assertIn("webcamera", names)
-            self.assertNotIn("printservice", names)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,58 @@
+"""The serial port at the service's start, and the documented dialogues."""
+
+import glob
+import os
+import subprocess
+import tempfile
+import unittest
+
+from controller import Controller
+from harness import BUILD, SOURCE, Board, Server, wait_until
+
+
+class Start(unittest.TestCase):
+    def test_service_that_starts_before_its_controller_waits_for_it(self):
+        with tempfile.TemporaryDirectory(prefix="kestrel-arm.") as folder:
+            controller = Controller(folder, "--boot-ms", "1500")
+            self.addCleanup(controller.close)
+            server = Server(program="kestrel-server-arm", cwd=folder)
+            self.addCleanup(server.close)
+
+            self.assertIn("[/dev/ttyACM0]", server.output())
+            stores = [text for text in controller.records("gpio") if "value" in text]
+            self.assertEqual(["gpio106/value 1", "gpio106/value 0", "gpio106/value 1"], stores)
+
+    def test_shipped_start_makes_no_print_service(self):
+        with Board() as board:
+            folder = f"/proc/{board.server.process.pid}/task"
+            wait_until(lambda: len(os.listdir(folder)) > 2, "its threads run")
+            names = []
+            for path in glob.glob(f"{folder}/*/comm"):
+                with open(path, encoding="ascii") as file:
+                    names.append(file.read().strip())
+            self.assertIn("webcamera", names)
+            self.assertNotIn("printservice", names)
+
+
+class Transcripts(unittest.TestCase):
+    def test_documented_dialogues_run_against_a_controller_at_its_port(self):
+        with tempfile.TemporaryDirectory(prefix="kestrel-arm.") as folder:
+            controller = Controller(folder, "--speed-up", "1000")
+            self.addCleanup(controller.close)
+            play = [f"{BUILD}/tools/kestrel-transcript", "/dev/ttyACM0", f"{SOURCE}/docs/serial.md"]
+
+            every = subprocess.run(play, capture_output=True, text=True, check=False)
+            one = subprocess.run(play + ["Laser off"], capture_output=True, text=True, check=False)
+            controller.ctl("refuse", "5")
+            refused = subprocess.run(play + ["Height"], capture_output=True, text=True, check=False)
+
+        self.assertTrue(every.stdout.endswith("\n6 dialogues, 0 differ\n"), every.stdout)
+        self.assertEqual("Laser off: as written\n1 dialogues, 0 differ\n", one.stdout)
+        self.assertEqual(0, one.returncode)
+        self.assertEqual("Height: differs\nexpected: ok\ncame: error:5\n1 dialogues, 1 differ\n",
+                         refused.stdout)
+        self.assertEqual(1, refused.returncode)
+
+
+if __name__ == "__main__":
+    unittest.main()
