@@ -5,8 +5,10 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <netinet/in.h>
@@ -151,6 +153,40 @@ int countDescriptors()
         ++nCount;
     }
     return nCount;
+}
+
+/** Whether a connection to the port has been accepted, and has buffers of that many bytes. */
+bool hasConnection(uint16_t u16Port, int nBuffer)
+{
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int nFd = atoi(entry.path().filename().c_str());
+        sockaddr_in address{};
+        socklen_t uLength = sizeof(address);
+        int nSend = 0;
+        int nReceive = 0;
+        if (0 == getsockname(nFd, reinterpret_cast<sockaddr*>(&address), &uLength) &&
+            htons(u16Port) == address.sin_port) {
+            uLength = sizeof(int);
+            getsockopt(nFd, SOL_SOCKET, SO_SNDBUF, &nSend, &uLength);
+            getsockopt(nFd, SOL_SOCKET, SO_RCVBUF, &nReceive, &uLength);
+        }
+        if (2 * nBuffer == nSend && 2 * nBuffer == nReceive) { // socket(7): doubled
+            return true;
+        }
+    }
+    return false;
+}
+
+bool hasServerThread()
+{
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(entry.path() / "comm");
+        std::string strName;
+        if (std::getline(file, strName) && "LogServer" == strName) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /** Lines "thread number": every thread's lines complete and in order. */
@@ -330,6 +366,39 @@ TEST(LogServer, TakenPortIsLoggedAndTheProgramGoesOn)
         << result.strOutput;
     EXPECT_NE(std::string::npos, result.strOutput.find("a line\n"));
     EXPECT_EQ(0, result.nStatus);
+}
+
+TEST_F(LogServerTest, ThreadHasItsNameAndViewersHaveSmallBuffers)
+{
+    LogServer& server = LogServer::getInstance();
+    const uint16_t u16Port = freePort();
+    ASSERT_EQ(0, server.setUp("127.0.0.1", u16Port));
+    {
+        const Viewer viewer(u16Port);
+        EXPECT_TRUE(eventually([&] { return hasConnection(u16Port, 4096); }));
+        EXPECT_TRUE(eventually(hasServerThread));
+    }
+    EXPECT_TRUE(eventually([&] { return !hasConnection(u16Port, 4096); }));
+    EXPECT_EQ(0, server.stop());
+    EXPECT_EQ(0, server.uninit());
+}
+
+TEST_F(LogServerTest, WithoutItsPortTheServerIsNotStarted)
+{
+    RecordingServer other;
+    const uint16_t u16Taken = other.open();
+    LogServer& server = LogServer::getInstance();
+    LogCapture log;
+
+    EXPECT_EQ(1, server.setUp("127.0.0.1", u16Taken));
+
+    EXPECT_EQ(std::string::npos, log.text().find("start thread("));
+    EXPECT_EQ(0, server.uninit());
+
+    EXPECT_EQ(0, server.setUp("127.0.0.1", freePort()));
+    EXPECT_NE(std::string::npos, log.text().find("start thread("));
+    EXPECT_EQ(0, server.stop());
+    EXPECT_EQ(0, server.uninit());
 }
 
 TEST_F(LogServerTest, ViewersThatStayedHaveEveryLineWhileOthersComeAndGo)

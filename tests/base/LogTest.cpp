@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/syscall.h>
@@ -68,6 +69,30 @@ TEST(Log, ServiceLayoutHasLevelDateTimeAndThread)
                            "^\\[error\\] \\[[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]"
                            "\\] \\[" +
                                tid() + "\\] fgets err\n$"));
+}
+
+TEST(Log, DateAndTimeAreTheLocalOnesOfTheCall)
+{
+    const auto now = [] {
+        const time_t seconds = time(nullptr);
+        tm local{};
+        localtime_r(&seconds, &local);
+        char acText[40];
+        strftime(acText, sizeof(acText), "[%m-%d %H:%M:%S] text", &local);
+        return std::string(acText);
+    };
+    setenv("TZ", "AWAY-13:45", 1); // never what UTC tells
+    tzset();
+    std::string strBefore;
+    std::string strLine;
+    do {
+        strBefore = now();
+        strLine = lineWith(LOG_LAYOUT_DATE | LOG_LAYOUT_TIME, 2, "text");
+    } while (strBefore != now()); // the second has changed
+    unsetenv("TZ");
+    tzset();
+
+    EXPECT_EQ(strBefore, strLine);
 }
 
 TEST(Log, FullLayoutHasAllFieldsInOrder)
