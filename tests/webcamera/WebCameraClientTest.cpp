@@ -8,7 +8,9 @@
 
 #include "Connection.h"
 #include "FakeSystem.h"
+#include "Fault.h"
 #include "LogCapture.h"
+#include "Time.h"
 
 namespace {
 
@@ -254,6 +256,20 @@ TEST_F(WebCameraClientTest, HeadersLargerThanAReadRouteForEachRead)
     EXPECT_EQ(3u, FakeSystem::consumerCount()) << "2048 + 2048 + 929 bytes";
 }
 
+TEST_F(WebCameraClientTest, ReadTakes2048Bytes)
+{
+    const std::string strStart = "GET /live HTTP/1.1\r\nX: ";
+    const std::string strEnd = "\r\n\r\n";
+    for (const size_t uSize : {2048u, 2049u}) {
+        Connection connection;
+        const std::string strFill(uSize - strStart.size() - strEnd.size(), 'x');
+        EXPECT_EQ(0, connection.request(strStart + strFill + strEnd));
+        EXPECT_EQ(0, connection.read());
+
+        EXPECT_EQ((2048 == uSize) ? 1u : 2u, FakeSystem::consumerCount());
+    }
+}
+
 TEST_F(WebCameraClientTest, PeerThatClosesFailsTheRead)
 {
     m_connection.closePeer();
@@ -284,4 +300,15 @@ TEST_F(WebCameraClientTest, DirectWriteGivesUpAfterItsTimeOut)
     EXPECT_GT(uWritten, 0u);
     EXPECT_LT(uWritten, strLarge.size());
     EXPECT_EQ(0, connection.client().write("x", 1)) << "there is room again";
+}
+
+TEST_F(WebCameraClientTest, DirectWriteTriesForFiveSeconds)
+{
+    FaultScope fault("send:1-:EAGAIN");
+    const Time start = monotonicNow();
+
+    EXPECT_EQ(1, m_connection.client().write("x", 1));
+
+    EXPECT_GE(monotonicNow() - start, Time(5, 0));
+    EXPECT_LE(faultHits(), 1001u) << "every 5 ms at most";
 }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <thread>
@@ -174,6 +175,32 @@ TEST_F(WebCameraTest, ListensOnAllAddresses)
                                std::istreambuf_iterator<char>()};
 
     EXPECT_NE(std::string::npos, strTable.find(" 00000000:2089 00000000:0000 0A "));
+}
+
+TEST_F(WebCameraTest, ConnectionsHaveTheirBuffers)
+{
+    const Peer peer;
+    ASSERT_TRUE(peer.isConnected());
+
+    EXPECT_TRUE(eventually([] {
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            const int nFd = atoi(entry.path().filename().c_str());
+            sockaddr_in address{};
+            socklen_t uLength = sizeof(address);
+            int nSend = 0;
+            int nReceive = 0;
+            if (0 == getsockname(nFd, reinterpret_cast<sockaddr*>(&address), &uLength) &&
+                htons(8329) == address.sin_port) {
+                uLength = sizeof(int);
+                getsockopt(nFd, SOL_SOCKET, SO_SNDBUF, &nSend, &uLength);
+                getsockopt(nFd, SOL_SOCKET, SO_RCVBUF, &nReceive, &uLength);
+            }
+            if (2 * 35840 == nSend && 2 * 35840 == nReceive) { // socket(7): doubled
+                return true;
+            }
+        }
+        return false;
+    }));
 }
 
 TEST_F(WebCameraTest, ClientThatLeavesWithoutARequestIsRemovedWithoutAnAnswer)
