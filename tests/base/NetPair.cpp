@@ -83,8 +83,9 @@ size_t fillUp(TcpSocket& sender)
     size_t uTaken = 0;
     size_t uBlock = strBlock.size();
     int nRefusals = 0;
-    // The receiver's kernel may take more in after a refusal, and a single byte may still fit.
-    while (nRefusals < 3) {
+    // The receiver's kernel may take more in after a refusal, also when the sender's retransmission
+    // timer (200 ms) asks again, and a single byte may still fit.
+    while (nRefusals < 10) {
         const ssize_t nSent = send(sender.getFd(), strBlock.data(), uBlock, MSG_DONTWAIT);
         if (nSent > 0) {
             uTaken += static_cast<size_t>(nSent);

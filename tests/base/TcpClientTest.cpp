@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Eventually.h"
 #include "Fault.h"
 #include "LogCapture.h"
 #include "NetPair.h"
@@ -155,11 +156,14 @@ TEST(TcpClient, AFullSocketLeavesTheBufferPending)
 {
     NetPair pair;
     ScriptedClient client(pair);
-    (void)fillUp(pair.m_near);
-    client.m_queue = {"late"};
 
-    EXPECT_EQ(0, client.trySend());
-    EXPECT_EQ(5, client.trySend());
+    // On a busy machine the kernel may find room for a few bytes more.
+    EXPECT_TRUE(eventually([&] {
+        (void)fillUp(pair.m_near);
+        client.m_queue = {"late"};
+        EXPECT_EQ(0, client.trySend());
+        return 5 == client.trySend();
+    }));
 
     EXPECT_NE("", readPending(pair.m_far));
     ASSERT_TRUE(pair.m_near.waitWritable(Time(5, 0)));
