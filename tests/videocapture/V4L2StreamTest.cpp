@@ -263,6 +263,21 @@ TEST_F(V4L2Stream, FrameEndsTheRowOfTimeouts)
     EXPECT_EQ(RET_FAILED, m_v4l2.getVideoStream(m_frame, 1));
 }
 
+TEST_F(V4L2Stream, DroppedFrameDoesNotEndTheRowOfTimeouts)
+{
+    startFrozenStream();
+    EXPECT_EQ(RET_TIMEOUT, m_v4l2.getVideoStream(m_frame, 1));
+    EXPECT_EQ(RET_TIMEOUT, m_v4l2.getVideoStream(m_frame, 1));
+    EXPECT_EQ(RET_TIMEOUT, m_v4l2.getVideoStream(m_frame, 1));
+
+    m_camera.command("bytes 175");
+    m_camera.command("thaw");
+    EXPECT_EQ(RET_AGAIN, get());
+
+    startFrozenStream();
+    EXPECT_EQ(RET_FAILED, m_v4l2.getVideoStream(m_frame, 1));
+}
+
 TEST_F(V4L2Stream, NegativeWaitLooksAtTheDriverAtOnce)
 {
     startFrozenStream();
