@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include <sys/epoll.h>
+#include <sys/socket.h>
 
 int TcpClient::init()
 {
@@ -67,6 +68,9 @@ int TcpClient::onWrite(EPollEvent&)
     for (;;) {
         if (isRestLeft()) {
             if (0 != sendRest()) {
+                // A producer's thread can't end the connection: after e.g. ENOMEM, which breaks
+                // nothing, the reactor would otherwise never hear of it.
+                (void)m_socket.shutdown(SHUT_RDWR);
                 return 1;
             }
             if (isRestLeft()) {

@@ -131,7 +131,7 @@ TEST(TcpClient, APartialWriteIsContinuedByTheNextOutEvent)
 {
     NetPair pair;
     ScriptedClient client(pair);
-    const std::string strLarge(8 * 1024 * 1024, 'x');
+    const std::string strLarge(2 * 1024 * 1024, 'x');
     client.m_queue = {strLarge, "end"};
 
     EXPECT_EQ(0, client.trySend());
@@ -213,8 +213,21 @@ TEST(TcpClient, AFailedSendUnlocksTheEngine)
     std::thread other([&] { nRet = client.write(); }); // would hang on a lock left behind
     other.join();
 
-    EXPECT_EQ(0, nRet);
-    EXPECT_EQ("one", readBytes(pair.m_far, 3));
+    EXPECT_EQ(1, nRet);
+}
+
+TEST(TcpClient, AFailedSendShutsTheConnectionDown)
+{
+    NetPair pair;
+    ScriptedClient client(pair);
+    client.m_queue = {"one"};
+    FaultScope fault(faultOnSend(pair, "1", ENOMEM).c_str()); // the connection as such is sound
+
+    EXPECT_EQ(1, client.trySend());
+
+    EXPECT_EQ("", readBytes(pair.m_far, 1)); // its end, not a time-out:
+    EXPECT_TRUE(pair.m_far.waitReadable(Time()));
+    EXPECT_TRUE(isOpen(pair.m_near.getFd()));
 }
 
 TEST(TcpClient, AFailingGetNextBufferUnlocksTheEngine)

@@ -2,6 +2,8 @@
 #include "TcpServer.h"
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -50,6 +52,56 @@ std::string acceptLine(const char* pText)
 {
     return std::string("[error] [TcpServer ] [onPollAccept] ") + pText;
 }
+
+/** Few descriptors for the server, while its peers, in the same process, have theirs above them. */
+class DescriptorLimit
+{
+public:
+    explicit DescriptorLimit(int nLimit) : m_nLimit(nLimit)
+    {
+        EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &m_old));
+        for (int nFd = 0; nFd < nLimit;) {
+            nFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+            m_vecPlaceholder.push_back(nFd);
+        }
+    }
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+    ~DescriptorLimit()
+    {
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &m_old));
+        for (const int nFd : m_vecPlaceholder) {
+            ::close(nFd);
+        }
+    }
+
+    std::vector<TcpSocket> makePeers(int nCount) const
+    {
+        std::vector<TcpSocket> vecPeer;
+        for (int i = 0; i < nCount; ++i) {
+            vecPeer.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            EXPECT_GE(vecPeer.back().getFd(), m_nLimit);
+        }
+        return vecPeer;
+    }
+
+    /** From now on so many descriptors are left below the limit. */
+    void apply(int nFree)
+    {
+        for (int i = 0; i < nFree; ++i) {
+            ::close(m_vecPlaceholder.front());
+            m_vecPlaceholder.erase(m_vecPlaceholder.begin());
+        }
+        rlimit low = m_old;
+        low.rlim_cur = static_cast<rlim_t>(m_nLimit);
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+    }
+
+private:
+    const int m_nLimit;
+    rlimit m_old{};
+    std::vector<int> m_vecPlaceholder;
+};
 
 const char* const CONNECTION_LINE = "[info ] [TcpServer ] [onPollError] tcp client error, delete "
                                     "from epoll and close !!\n";
@@ -311,6 +363,31 @@ TEST(TcpServer, AFailedReadOrWriteEndsTheConnection)
     (void)writer.close();
 }
 
+TEST(TcpServer, AWriteThatFailsOnAnotherThreadEndsTheConnection)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    (void)server.pollOnce(); // the first out event
+    (void)server.m_journal.take();
+    FaultScope fault("send:1:ENOMEM");
+
+    std::thread producer([&] {
+        char* pData = static_cast<char*>(malloc(4));
+        memcpy(pData, "data", 4);
+        server.m_pLast->send(SafePointer_C<char>(pData), 4);
+    });
+    producer.join();
+    EXPECT_EQ(Steps(), server.m_journal.take()); // only the reactor ends it
+    ASSERT_TRUE(server.poll("delete"));
+
+    EXPECT_EQ(1U, faultHits());
+    EXPECT_EQ(Steps({"onError 1", "stop 1", "uninit 1", "delete 1"}), server.m_journal.take());
+    EXPECT_TRUE(sawEnd(peer));
+    (void)peer.close();
+}
+
 TEST(TcpServer, ASocketThatCantBeTunedIsClosedAndItsClientKept)
 {
     struct Case
@@ -465,13 +542,30 @@ TEST(TcpServer, AFailedAcceptIsTriedAgainWithoutANewConnection)
         JournalServer server;
         server.listen();
         TcpSocket peer = connectTo(server.getPort());
-        FaultScope fault(("accept4:1-2:" + std::to_string(nError)).c_str());
+        FaultScope fault(("accept4:1:" + std::to_string(nError)).c_str());
 
         EXPECT_TRUE(server.poll("start"));
 
-        EXPECT_EQ(2U, faultHits());
+        EXPECT_EQ(1U, faultHits());
         (void)peer.close();
     }
+}
+
+TEST(TcpServer, AnAcceptThatKeepsFailingIsTriedInEachPass)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    FaultScope fault("accept4:1-3:EMFILE");
+
+    EXPECT_EQ(0, server.pollOnce());
+    EXPECT_EQ(2U, faultHits()); // the event's, and once more at the end of the pass
+    EXPECT_EQ(0, server.pollOnce());
+    EXPECT_EQ(3U, faultHits()); // not in a loop
+    EXPECT_EQ(0, server.m_journal.count("start"));
+
+    EXPECT_TRUE(server.poll("start"));
+    (void)peer.close();
 }
 
 TEST(TcpServer, NothingIsTriedAgainAfterTheLastConnection)
@@ -494,47 +588,66 @@ TEST(TcpServer, NothingIsTriedAgainAfterTheLastConnection)
 
 TEST(TcpServer, RunningOutOfDescriptorsIsOverWhenClientsLeave)
 {
-    rlimit old{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &old));
-    std::vector<int> vecPlaceholder; // keeps the low numbers away from the peers
-    for (int nFd = 0; nFd < 64;) {
-        nFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        ASSERT_GE(nFd, 0);
-        vecPlaceholder.push_back(nFd);
+    DescriptorLimit limit(64);
+    std::vector<TcpSocket> vecPeer = limit.makePeers(15);
+    JournalServer server;
+    limit.apply(6);
+    server.listen();
+    for (TcpSocket& peer : vecPeer) {
+        ASSERT_EQ(0, peer.connect("127.0.0.1", server.getPort()));
     }
-    std::vector<TcpSocket> vecPeer;
-    {
-        for (int i = 0; i < 15; ++i) {
-            vecPeer.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-            ASSERT_GE(vecPeer.back().getFd(), 64);
-        }
-        JournalServer server;
-        for (int i = 0; i < 6; ++i) { // the server gets few
-            ::close(vecPlaceholder[static_cast<size_t>(i)]);
-        }
-        rlimit low = old;
-        low.rlim_cur = 64;
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
-        server.listen();
-        for (TcpSocket& peer : vecPeer) {
-            ASSERT_EQ(0, peer.connect("127.0.0.1", server.getPort()));
-        }
-        ASSERT_TRUE(server.poll("start", 3));
-        EXPECT_EQ(0, server.pollOnce());
-        const int nServed = server.m_journal.count("start");
-        EXPECT_LT(nServed, 15);
+    ASSERT_TRUE(server.poll("start", 3));
+    EXPECT_EQ(0, server.pollOnce());
+    EXPECT_LT(server.m_journal.count("start"), 15);
 
-        // No new connection comes: only the departures make room.
-        for (TcpSocket& peer : vecPeer) {
-            (void)peer.close();
+    // No new connection comes: only the departures make room.
+    for (TcpSocket& peer : vecPeer) {
+        (void)peer.close();
+    }
+    EXPECT_TRUE(server.poll("delete", 15));
+    EXPECT_EQ(15, server.m_journal.count("start"));
+}
+
+TEST(TcpServer, ManyClientsPassThroughFewDescriptors)
+{
+    const size_t uAtOnce = 24; // more than the server can have, the rest within its backlog
+    const size_t uLeaving = 12;
+    DescriptorLimit limit(64);
+    std::vector<TcpSocket> vecPeer = limit.makePeers(60);
+    JournalServer server;
+    limit.apply(20);
+    server.listen();
+    ASSERT_EQ(0, server.start());
+    size_t uConnected = 0;
+    std::vector<TcpSocket*> vecAsking;
+    std::vector<TcpSocket*> vecAnswered;
+
+    EXPECT_TRUE(eventually([&] {
+        while (uConnected < vecPeer.size() && vecAsking.size() + vecAnswered.size() < uAtOnce) {
+            TcpSocket& peer = vecPeer[uConnected++];
+            EXPECT_EQ(0, peer.connect("127.0.0.1", server.getPort()));
+            EXPECT_EQ(1, send(peer.getFd(), "?", 1, MSG_NOSIGNAL));
+            vecAsking.push_back(&peer);
         }
-        EXPECT_TRUE(server.poll("delete", 15));
-        EXPECT_EQ(15, server.m_journal.count("start"));
-    }
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &old));
-    for (size_t i = 6; i < vecPlaceholder.size(); ++i) {
-        ::close(vecPlaceholder[i]);
-    }
+        for (size_t i = 0; i < vecAsking.size();) {
+            if ("?" == readPending(*vecAsking[i])) {
+                vecAnswered.push_back(vecAsking[i]);
+                vecAsking.erase(vecAsking.begin() + static_cast<ptrdiff_t>(i));
+            } else {
+                ++i;
+            }
+        }
+        // They leave in batches, so that the server is out of descriptors again and again.
+        if (vecAnswered.size() >= uLeaving || vecAsking.empty()) {
+            for (TcpSocket* pPeer : vecAnswered) {
+                (void)pPeer->close();
+            }
+            vecAnswered.clear();
+        }
+        return uConnected == vecPeer.size() && vecAsking.empty() && vecAnswered.empty();
+    }));
+
+    EXPECT_TRUE(eventually([&] { return 60 == server.m_journal.count("delete"); }));
 }
 
 TEST(TcpServer, ItsEndEndsTheOpenConnections)

@@ -47,7 +47,8 @@ public:
      * socket takes no more or no buffer is left. Any thread; a second one waits meanwhile. Logs a
      * failing send with the send lock held and a write in progress, so that a log sink of this
      * very connection comes back from trySend at once.
-     * @return 0, also when data is left for the next call; 1 when sending failed
+     * @return 0, also when data is left for the next call; 1 when sending failed: the socket is
+     * then shut down, so that the reactor ends the connection, and counts as in progress until then
      */
     virtual int onWrite(EPollEvent& event);
 
