@@ -45,10 +45,21 @@ public:
         posix_spawn_file_actions_adddup2(&actions, anIn[0], STDIN_FILENO);
         posix_spawn_file_actions_adddup2(&actions, anOut[1], STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&actions, anErr[1], STDERR_FILENO);
+        // A child that is gone must not end the test that writes to it; the child itself starts
+        // with the default.
+        signal(SIGPIPE, SIG_IGN);
+        sigset_t defaults;
+        sigemptyset(&defaults);
+        sigaddset(&defaults, SIGPIPE);
+        posix_spawnattr_t attributes;
+        posix_spawnattr_init(&attributes);
+        posix_spawnattr_setsigdefault(&attributes, &defaults);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
         if (0 !=
-            posix_spawn(&m_pid, vecPointer[0], &actions, nullptr, vecPointer.data(), environ)) {
+            posix_spawn(&m_pid, vecPointer[0], &actions, &attributes, vecPointer.data(), environ)) {
             m_pid = -1;
         }
+        posix_spawnattr_destroy(&attributes);
         posix_spawn_file_actions_destroy(&actions);
         ::close(anIn[0]);
         ::close(anOut[1]);
