@@ -87,5 +87,5 @@ void* cameraMmap(struct CameraSession* pSession, void* pAddress, size_t nLength,
  */
 int cameraMunmap(void* pAddress);
 
-/* No munmap of this session's buffers is told any more; they stay mapped. */
+/* No munmap of its own buffers is told any more; they stay mapped. */
 void cameraForgetMappings(const struct CameraSession* pSession);
