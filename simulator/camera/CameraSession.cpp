@@ -155,6 +155,7 @@ void CameraSession::answer()
         m_pPage->s32Errno = EINVAL;
         return;
     }
+    u32CpuMicroseconds = m_pPage->u32CpuMicroseconds;
     const CameraCall eCall = static_cast<CameraCall>(u32Call);
     const UvcCamera::Answer given =
         m_camera.call(*this, m_pPage->u32Pid, eCall, m_pPage->record, 0 != m_pPage->u32Blocking);

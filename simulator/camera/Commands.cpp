@@ -78,6 +78,9 @@ std::string Commands::run(const std::string& strLine)
     if ("status" == strLine) {
         return statusText();
     }
+    if ("cpu" == strLine) {
+        return std::string(OK) + " cpu=" + std::to_string(m_camera.cpuMicroseconds());
+    }
     if ("unplug" != strLine && "replug" != strLine) { // which are noted where they take effect
         m_journal.note(strLine);
     }

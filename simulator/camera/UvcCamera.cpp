@@ -213,6 +213,16 @@ UvcCamera::Status UvcCamera::status()
             m_choice};
 }
 
+uint32_t UvcCamera::cpuMicroseconds()
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    uint32_t u32Sum = 0;
+    for (const ICameraHandle* pHandle : m_vecHandle) {
+        u32Sum += pHandle->u32CpuMicroseconds;
+    }
+    return u32Sum;
+}
+
 Truth UvcCamera::truth()
 {
     const std::lock_guard<std::mutex> guard(m_mutex);

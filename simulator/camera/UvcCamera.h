@@ -10,6 +10,7 @@
 #include "VideoFormats.h"
 #include "VideoQueue.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -34,6 +35,8 @@ public:
     uint32_t u32Session = 0;
     uint32_t u32Priority = V4L2_PRIORITY_DEFAULT;
     bool bDead = false; // unplugged
+    std::atomic<uint32_t> u32CpuMicroseconds{
+        0}; // spent in the library until the latest call; wraps
 };
 
 /**
@@ -99,6 +102,8 @@ public:
         VideoFormats::Choice choice;
     };
     Status status();
+    /** Processor time that the programs with an open spent in the library's calls; wraps. */
+    uint32_t cpuMicroseconds();
 
     /** The latest picture that went into a buffer. */
     Truth truth();

@@ -168,13 +168,13 @@ struct CameraPage
     uint32_t u32Gone;      /* kestrel-camera has ended: no call will be answered */
     uint32_t u32Unplugged; /* the connection was shut down by an unplug */
 
-    uint32_t u32Call;     /* enum CameraCall */
-    uint32_t u32Pid;      /* of the caller */
-    uint32_t u32Blocking; /* the descriptor is not O_NONBLOCK */
-    int32_t s32Errno;     /* answer: 0 or an error number */
-    uint32_t u32Wait;     /* answer to DQBUF: 1 wait for readability, then ask again */
-    uint32_t u32Packets;  /* answer: packets to take off the descriptor */
-    uint32_t u32Pad;
+    uint32_t u32Call;            /* enum CameraCall */
+    uint32_t u32Pid;             /* of the caller */
+    uint32_t u32Blocking;        /* the descriptor is not O_NONBLOCK */
+    int32_t s32Errno;            /* answer: 0 or an error number */
+    uint32_t u32Wait;            /* answer to DQBUF: 1 wait for readability, then ask again */
+    uint32_t u32Packets;         /* answer: packets to take off the descriptor */
+    uint32_t u32CpuMicroseconds; /* the callers' processor time in the library; wraps */
     union
     {
 #define CAMERA_FIELD(name, type, field) type field##_##name;

@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 static const long WAIT_STEP_NS = 500000000; // between looks whether kestrel-camera still lives
@@ -45,12 +46,23 @@ static bool answered(const struct CameraSession* pSession, uint32_t u32Request)
     }
 }
 
+// Processor time of the calling thread since a reading of the same clock.
+static uint32_t microsecondsSince(const struct timespec* pStart)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return (uint32_t)((now.tv_sec - pStart->tv_sec) * 1000000 +
+                      (now.tv_nsec - pStart->tv_nsec + 500) / 1000);
+}
+
 int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRecord, size_t nSize,
                bool bAlwaysBack, bool* pWait)
 {
     const int nSaved = errno;
     struct CameraPage* pPage = pSession->pPage;
     const int nFd = pSession->s32FdPlusOne - 1;
+    struct timespec start;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &start);
 
     int nCancel = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nCancel); // not with the page locked
@@ -79,6 +91,7 @@ int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRec
     } else if (NULL != pWait) {
         *pWait = false;
     }
+    pPage->u32CpuMicroseconds += microsecondsSince(&start);
     unlockWord(&pPage->u32Lock);
     pthread_setcancelstate(nCancel, NULL);
     errno = nSaved;

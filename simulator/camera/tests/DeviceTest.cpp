@@ -3,7 +3,10 @@
 #include "VirtualCamera.h"
 
 #include <cerrno>
+#include <cstring>
+#include <ctime>
 #include <fstream>
+#include <string>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -539,4 +542,28 @@ TEST(Device, JournalHoldsTheCallsInOrderWithArgumentsAndResults)
     };
 
     EXPECT_EQ(EXPECTED, camera.journal());
+}
+
+TEST(Device, CpuTellsTheProcessorTimeSpentInTheLibrarysCalls)
+{
+    VirtualCamera camera;
+    EXPECT_EQ("ok cpu=0", camera.command("cpu"));
+    VideoClient client;
+    v4l2_capability cap{};
+    timespec before{};
+    timespec after{};
+
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+    for (int i = 0; i < 2000; i++) {
+        ASSERT_EQ(0, client.control(VIDIOC_QUERYCAP, cap));
+    }
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+
+    const std::string strAnswer = camera.command("cpu");
+    ASSERT_EQ(0u, strAnswer.find("ok cpu=")) << strAnswer;
+    const long long nTold = std::stoll(strAnswer.substr(strlen("ok cpu=")));
+    const long long nOwn =
+        (after.tv_sec - before.tv_sec) * 1000000LL + (after.tv_nsec - before.tv_nsec) / 1000;
+    EXPECT_GT(nTold, 0);
+    EXPECT_LE(nTold, nOwn + 2000); // each call is rounded to microseconds
 }
