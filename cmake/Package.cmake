@@ -3,6 +3,8 @@ install(TARGETS kestrel-server RUNTIME DESTINATION bin)
 install(PROGRAMS packaging/prepare DESTINATION lib/kestrel-server)
 install(DIRECTORY www/ DESTINATION share/kestrel-server/www)
 install(FILES packaging/deb/kestrel-server.service DESTINATION /lib/systemd/system)
+install(FILES packaging/proxy/kestrel-server.conf packaging/proxy/kestrel-server.nft
+    DESTINATION share/doc/kestrel-server/examples)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
