@@ -73,11 +73,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t uSize)
         DirectWrite write;
         WebCameraHttpDataProcessor processor(write, client);
         PVENC_FRAME_T frame = makeFrame(200, input.ConsumeBool() ? 28 : 10);
-        // Each read may add a responder and a frame goes to all of them: few frames keep a run
+        // Each read may add a responder and a frame goes to all of them: few of both keep a run
         // short.
         int nFrames = input.ConsumeIntegralInRange(0, 4);
+        int nReads = input.ConsumeIntegralInRange(1, 16);
         int nResult = 0;
-        while (0 == nResult && input.remaining_bytes() > 0) {
+        while (0 == nResult && nReads-- > 0 && input.remaining_bytes() > 0) {
             const size_t uMost = input.ConsumeIntegralInRange<size_t>(1, 2048);
             const std::string strText = input.ConsumeBytesAsString(uMost);
             if (strText.empty()) {
