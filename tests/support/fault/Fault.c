@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <link.h>
 #include <poll.h>
 #include <pthread.h>
 #include <spawn.h>
@@ -22,12 +23,15 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#define MAX_RULES 16
+#define MAX_RULES 24
 #define MAX_TEXT 256
+#define MAX_ERRORS 32
+#define MAX_EXCEPT 4
 
 enum FILTER_E
 {
@@ -41,14 +45,34 @@ struct Rule
     char acCall[32];
     char acFilter[MAX_TEXT];
     int bFiltered;
+    int bAtLeast; // the filter is the smallest number, not the only one
     unsigned uFirst;
+    unsigned uStep;
     unsigned uLast;
-    int nError;
-    unsigned uSeen; // matching calls so far
+    int anError[MAX_ERRORS];
+    unsigned uErrors;
+};
+
+// What a rule has met so far.
+struct Count
+{
+    unsigned uSeen; // matching calls
+    unsigned uHits; // of these, failed
+};
+
+struct Range
+{
+    uintptr_t uStart;
+    uintptr_t uEnd;
 };
 
 static struct Rule g_aRule[MAX_RULES];
-static unsigned g_uRules; // 0 while the table is being filled
+static struct Count g_aOwnCount[MAX_RULES];
+static struct Count* g_pCount = g_aOwnCount; // or the report file
+static struct Range g_aExcept[MAX_EXCEPT];   // callers that no rule is for
+static unsigned g_uExcept;
+static unsigned g_uHurry = 1; // divides the sleeps that are made with select
+static unsigned g_uRules;     // 0 while the table is being filled
 static unsigned g_uHits;
 static __thread unsigned long t_ulAllocations __attribute__((tls_model("initial-exec")));
 
@@ -61,18 +85,29 @@ struct ErrorName
 static const struct ErrorName ERROR_NAMES[] = {
     {"EACCES", EACCES},
     {"EADDRINUSE", EADDRINUSE},
+    {"EAFNOSUPPORT", EAFNOSUPPORT},
     {"EAGAIN", EAGAIN},
+    {"EALREADY", EALREADY},
     {"EBADF", EBADF},
     {"EBUSY", EBUSY},
     {"ECHILD", ECHILD},
     {"ECONNABORTED", ECONNABORTED},
+    {"ECONNREFUSED", ECONNREFUSED},
     {"ECONNRESET", ECONNRESET},
+    {"EDESTADDRREQ", EDESTADDRREQ},
+    {"EDQUOT", EDQUOT},
     {"EEXIST", EEXIST},
     {"EFAULT", EFAULT},
+    {"EFBIG", EFBIG},
     {"EINTR", EINTR},
     {"EINVAL", EINVAL},
     {"EIO", EIO},
+    {"EISCONN", EISCONN},
+    {"EISDIR", EISDIR},
+    {"ELOOP", ELOOP},
     {"EMFILE", EMFILE},
+    {"EMSGSIZE", EMSGSIZE},
+    {"ENAMETOOLONG", ENAMETOOLONG},
     {"ENFILE", ENFILE},
     {"ENOBUFS", ENOBUFS},
     {"ENODEV", ENODEV},
@@ -81,11 +116,18 @@ static const struct ErrorName ERROR_NAMES[] = {
     {"ENOPROTOOPT", ENOPROTOOPT},
     {"ENOSPC", ENOSPC},
     {"ENOTCONN", ENOTCONN},
+    {"ENOTDIR", ENOTDIR},
+    {"ENOTSOCK", ENOTSOCK},
     {"ENOTSUP", ENOTSUP},
+    {"ENXIO", ENXIO},
+    {"EOPNOTSUPP", EOPNOTSUPP},
     {"EPERM", EPERM},
     {"EPIPE", EPIPE},
+    {"EPROTO", EPROTO},
+    {"EPROTONOSUPPORT", EPROTONOSUPPORT},
     {"EROFS", EROFS},
     {"ETIMEDOUT", ETIMEDOUT},
+    {"ETXTBSY", ETXTBSY},
 };
 
 static int parseError(const char* pText)
@@ -98,6 +140,25 @@ static int parseError(const char* pText)
     return atoi(pText);
 }
 
+// "E1,E2,...": changes the text.
+static int parseErrors(char* pText, struct Rule* pRule)
+{
+    char* pNext = pText;
+    while (NULL != pNext) {
+        const char* pError = pNext;
+        pNext = strchr(pNext, ',');
+        if (NULL != pNext) {
+            *pNext++ = '\0';
+        }
+        const int nError = parseError(pError);
+        if (nError <= 0 || MAX_ERRORS == pRule->uErrors) {
+            return -1;
+        }
+        pRule->anError[pRule->uErrors++] = nError;
+    }
+    return 0;
+}
+
 static int parseWhich(const char* pText, struct Rule* pRule)
 {
     char* pEnd = NULL;
@@ -105,16 +166,17 @@ static int parseWhich(const char* pText, struct Rule* pRule)
     if (pEnd == pText || 0 == pRule->uFirst) {
         return -1;
     }
-    if ('\0' == *pEnd) {
-        pRule->uLast = pRule->uFirst;
-        return 0;
+    pRule->uStep = 1;
+    pRule->uLast = pRule->uFirst;
+    if ('/' == *pEnd) {
+        pRule->uStep = (unsigned)strtoul(pEnd + 1, &pEnd, 10);
+        pRule->uLast = UINT32_MAX;
     }
-    if ('-' != *pEnd) {
-        return -1;
+    if ('-' == *pEnd) {
+        ++pEnd;
+        pRule->uLast = ('\0' == *pEnd) ? UINT32_MAX : (unsigned)strtoul(pEnd, &pEnd, 10);
     }
-    ++pEnd;
-    pRule->uLast = ('\0' == *pEnd) ? UINT32_MAX : (unsigned)strtoul(pEnd, &pEnd, 10);
-    return ('\0' == *pEnd && pRule->uLast >= pRule->uFirst) ? 0 : -1;
+    return ('\0' == *pEnd && 0 != pRule->uStep && pRule->uLast >= pRule->uFirst) ? 0 : -1;
 }
 
 // From the back: the filter may hold colons.
@@ -135,6 +197,11 @@ static int parseRule(char* pText, struct Rule* pRule)
     if (NULL != pFilter) {
         *pFilter++ = '\0';
         pRule->bFiltered = 1;
+        const size_t uCall = strlen(pText);
+        if (uCall > 0 && '>' == pText[uCall - 1]) {
+            pText[uCall - 1] = '\0';
+            pRule->bAtLeast = 1;
+        }
         if (strlen(pFilter) >= sizeof(pRule->acFilter)) {
             return -1;
         }
@@ -144,8 +211,7 @@ static int parseRule(char* pText, struct Rule* pRule)
         return -1;
     }
     strcpy(pRule->acCall, pText);
-    pRule->nError = parseError(pError);
-    return (pRule->nError > 0) ? parseWhich(pWhich, pRule) : -1;
+    return (0 == parseErrors(pError, pRule)) ? parseWhich(pWhich, pRule) : -1;
 }
 
 __attribute__((visibility("default"))) int faultPlan(const char* pPlan)
@@ -171,6 +237,7 @@ __attribute__((visibility("default"))) int faultPlan(const char* pPlan)
         if (MAX_RULES == uRules || 0 != parseRule(pRule, &g_aRule[uRules])) {
             return -1;
         }
+        g_pCount[uRules] = (struct Count){0, 0};
         ++uRules;
     }
     __atomic_store_n(&g_uRules, uRules, __ATOMIC_SEQ_CST);
@@ -187,6 +254,49 @@ __attribute__((visibility("default"))) unsigned long faultThreadAllocations(void
     return t_ulAllocations;
 }
 
+// An object whose file's name holds one of the names, separated by colons.
+static int noteExcept(struct dl_phdr_info* pInfo, size_t uSize, void* pNames)
+{
+    (void)uSize;
+    char acNames[MAX_TEXT];
+    strncpy(acNames, pNames, sizeof(acNames) - 1);
+    acNames[sizeof(acNames) - 1] = '\0';
+    char* pNext = NULL;
+    for (char* pName = strtok_r(acNames, ":", &pNext); NULL != pName;
+         pName = strtok_r(NULL, ":", &pNext)) {
+        if (NULL == strstr(pInfo->dlpi_name, pName) || MAX_EXCEPT == g_uExcept) {
+            continue;
+        }
+        struct Range range = {UINTPTR_MAX, 0};
+        for (int i = 0; i < pInfo->dlpi_phnum; ++i) {
+            const ElfW(Phdr)* pPart = &pInfo->dlpi_phdr[i];
+            if (PT_LOAD == pPart->p_type) {
+                const uintptr_t uStart = pInfo->dlpi_addr + pPart->p_vaddr;
+                const uintptr_t uEnd = uStart + pPart->p_memsz;
+                range.uStart = (uStart < range.uStart) ? uStart : range.uStart;
+                range.uEnd = (uEnd > range.uEnd) ? uEnd : range.uEnd;
+            }
+        }
+        g_aExcept[g_uExcept++] = range;
+    }
+    return 0;
+}
+
+static int reportTo(const char* pPath)
+{
+    const int nFd = syscall(SYS_openat, AT_FDCWD, pPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (nFd < 0 || 0 != ftruncate(nFd, sizeof(g_aOwnCount))) {
+        return -1;
+    }
+    void* pShared = mmap(NULL, sizeof(g_aOwnCount), PROT_READ | PROT_WRITE, MAP_SHARED, nFd, 0);
+    syscall(SYS_close, nFd);
+    if (MAP_FAILED == pShared) {
+        return -1;
+    }
+    g_pCount = pShared;
+    return 0;
+}
+
 __attribute__((constructor)) static void takePlanFromEnvironment(void)
 {
     const char* pPlan = getenv("KESTREL_FAULT");
@@ -195,7 +305,16 @@ __attribute__((constructor)) static void takePlanFromEnvironment(void)
         (NULL != pProgram && 0 != strcmp(pProgram, program_invocation_short_name))) {
         return;
     }
-    if (0 != faultPlan(pPlan)) {
+    const char* pExcept = getenv("KESTREL_FAULT_EXCEPT");
+    if (NULL != pExcept) {
+        (void)dl_iterate_phdr(noteExcept, (void*)(uintptr_t)pExcept);
+    }
+    const char* pHurry = getenv("KESTREL_FAULT_HURRY");
+    if (NULL != pHurry && atoi(pHurry) > 0) {
+        g_uHurry = (unsigned)atoi(pHurry);
+    }
+    const char* pReport = getenv("KESTREL_FAULT_REPORT");
+    if ((NULL != pReport && 0 != reportTo(pReport)) || 0 != faultPlan(pPlan)) {
         static const char TEXT[] = "KESTREL_FAULT is not a plan\n";
         (void)!write(STDERR_FILENO, TEXT, sizeof(TEXT) - 1);
         _exit(2);
@@ -209,29 +328,49 @@ static int matches(const struct Rule* pRule, enum FILTER_E eFilter, long lNumber
         return 1;
     }
     if (FILTER_NUMBER == eFilter) {
-        return atol(pRule->acFilter) == lNumber;
+        const long lFilter = atol(pRule->acFilter);
+        return pRule->bAtLeast ? lNumber >= lFilter : lNumber == lFilter;
     }
     return FILTER_PREFIX == eFilter && NULL != pText &&
            0 == strncmp(pText, pRule->acFilter, strlen(pRule->acFilter));
 }
 
+static int isExcepted(const void* pCaller)
+{
+    for (unsigned i = 0; i < g_uExcept; ++i) {
+        if ((uintptr_t)pCaller >= g_aExcept[i].uStart && (uintptr_t)pCaller < g_aExcept[i].uEnd) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
 /** @return the error that this call has to fail with, 0 for none */
-static int faultOf(const char* pCall, enum FILTER_E eFilter, long lNumber, const char* pText)
+static int faultAt(const void* pCaller, const char* pCall, enum FILTER_E eFilter, long lNumber,
+                   const char* pText)
 {
     const unsigned uRules = __atomic_load_n(&g_uRules, __ATOMIC_SEQ_CST);
+    if (0 == uRules || isExcepted(pCaller)) {
+        return 0;
+    }
     for (unsigned i = 0; i < uRules; ++i) {
         struct Rule* pRule = &g_aRule[i];
         if (0 != strcmp(pRule->acCall, pCall) || !matches(pRule, eFilter, lNumber, pText)) {
             continue;
         }
-        const unsigned uCount = __atomic_add_fetch(&pRule->uSeen, 1, __ATOMIC_SEQ_CST);
-        if (uCount >= pRule->uFirst && uCount <= pRule->uLast) {
+        const unsigned uCount = __atomic_add_fetch(&g_pCount[i].uSeen, 1, __ATOMIC_SEQ_CST);
+        if (uCount >= pRule->uFirst && uCount <= pRule->uLast &&
+            0 == (uCount - pRule->uFirst) % pRule->uStep) {
             __atomic_add_fetch(&g_uHits, 1, __ATOMIC_SEQ_CST);
-            return pRule->nError;
+            __atomic_add_fetch(&g_pCount[i].uHits, 1, __ATOMIC_SEQ_CST);
+            return pRule->anError[(uCount - pRule->uFirst) / pRule->uStep % pRule->uErrors];
         }
     }
     return 0;
 }
+
+// Of the function that the library's user called.
+#define faultOf(...) faultAt(__builtin_return_address(0), __VA_ARGS__)
 
 // dlsym gives an object pointer; ISO C has no cast to a function pointer.
 static void resolve(void* ppReal, const char* pName)
@@ -497,9 +636,25 @@ INTERCEPT(int, epoll_ctl, (int nEpoll, int nOperation, int fd, struct epoll_even
           (nEpoll, nOperation, fd, pEvent), -1, FILTER_NUMBER, fd, NULL)
 BY_FD(int, epoll_wait, (int fd, struct epoll_event* pEvents, int nMaxEvents, int nTimeout),
       (fd, pEvents, nMaxEvents, nTimeout), -1)
-PLAIN(int, select,
-      (int nCount, fd_set* pRead, fd_set* pWrite, fd_set* pError, struct timeval* pTimeout),
-      (nCount, pRead, pWrite, pError, pTimeout), -1)
+EXPORT int select(int nCount, fd_set* pRead, fd_set* pWrite, fd_set* pError,
+                  struct timeval* pTimeout)
+{
+    static int (*s_pReal)(int, fd_set*, fd_set*, fd_set*, struct timeval*);
+    const int nError = faultOf("select", FILTER_NONE, 0, NULL);
+    if (0 != nError) {
+        errno = nError;
+        return -1;
+    }
+    if (NULL == s_pReal) {
+        resolve(&s_pReal, "select");
+    }
+    if (g_uHurry > 1 && 0 == nCount && NULL != pTimeout) {
+        const long long llUs = (pTimeout->tv_sec * 1000000LL + pTimeout->tv_usec) / g_uHurry;
+        pTimeout->tv_sec = (time_t)(llUs / 1000000);
+        pTimeout->tv_usec = (suseconds_t)(llUs % 1000000);
+    }
+    return s_pReal(nCount, pRead, pWrite, pError, pTimeout);
+}
 PLAIN(int, poll, (struct pollfd * pEntries, nfds_t uCount, int nTimeout),
       (pEntries, uCount, nTimeout), -1)
 

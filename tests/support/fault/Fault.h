@@ -12,6 +12,8 @@ extern "C" {
  *   write=7:2-:ENOSPC         every write to descriptor 7 but the first
  *   fopen=/tmp/x:1-3:EACCES   the first three files opened whose names begin with "/tmp/x"
  *   fork:1:11                 the first fork, with the error number 11
+ *   malloc>=1024:1:ENOMEM     the first allocation of 1024 bytes or more
+ *   send:3/10-200:EPIPE,EIO   the sends 3, 13, 23 and so on to 193, by turns with these errors
  *
  * CALL is one of the names in Fault.c. The filter is a size for the allocations, a prefix for calls
  * that take a path or a command, the descriptor for the others. A failing call does nothing, sets
@@ -20,7 +22,16 @@ extern "C" {
  * Linked into a test (target kestrel_fault) the plan is set by faultPlan. Preloaded into a program
  * (target kestrel_fault_preload) it comes from the environment: KESTREL_FAULT holds the plan and
  * KESTREL_FAULT_PROGRAM, if set, the only program name that it is for; that program takes the plan
- * out of its environment, so that its children run undisturbed. Under a sanitizer the sanitizer's
+ * out of its environment, so that its children run undisturbed. Also from the environment:
+ *
+ *   KESTREL_FAULT_EXCEPT  names of libraries, separated by ":", whose own calls no rule sees: for
+ *                         another preloaded library. This one comes first in LD_PRELOAD, else calls
+ *                         that the other answers itself never get here.
+ *   KESTREL_FAULT_REPORT  a file that holds two native unsigned ints for each rule, at any moment
+ *                         and after a crash: the calls that matched, and those that failed
+ *   KESTREL_FAULT_HURRY   divides the time of every select without descriptors, a mere sleep
+ *
+ * Under a sanitizer the sanitizer's
  * library is preloaded first; the allocations are then its own and do not fail.
  */
 

@@ -55,6 +55,37 @@ TEST(Fault, AllocationOfThatSizeFails)
     free(pSecond);
 }
 
+TEST(Fault, AllocationsFromASizeOnFail)
+{
+    FaultScope fault("malloc>=4321:2:ENOMEM");
+
+    void* apBlock[] = {allocate(4320), allocate(4321), allocate(4320), allocate(9000),
+                       allocate(9000)};
+
+    EXPECT_EQ(1u, faultHits());
+    EXPECT_EQ(nullptr, apBlock[3]);
+    for (void* pBlock : apBlock) {
+        free(pBlock);
+    }
+}
+
+TEST(Fault, SpacedCallsFailWithTheErrorsByTurns)
+{
+    FaultScope fault("access:2/3-8:EIO,ENOMEM");
+    ASSERT_EQ(0, fault.result());
+    std::string strErrors;
+
+    for (int i = 1; i <= 12; ++i) {
+        errno = 0;
+        (void)access("/", F_OK);
+        strErrors += std::to_string(errno) + " ";
+    }
+
+    const std::string strIo = std::to_string(EIO);
+    EXPECT_EQ("0 " + strIo + " 0 0 " + std::to_string(ENOMEM) + " 0 0 " + strIo + " 0 0 0 0 ",
+              strErrors);
+}
+
 TEST(Fault, DescriptorFilterLeavesOthersAlone)
 {
     int anPipe[2];
@@ -100,7 +131,8 @@ TEST(Fault, PthreadCallReturnsItsError)
 TEST(Fault, BadPlanIsRefusedAndChangesNothing)
 {
     for (const char* pPlan : {"fork", "fork:1", "fork:0:EAGAIN", "fork:x:EAGAIN", "fork:1:EWHAT",
-                              ":1:EAGAIN", "fork:3-2:EAGAIN"}) {
+                              ":1:EAGAIN", "fork:3-2:EAGAIN", "fork:1/0:EAGAIN", "fork:1/x:EAGAIN",
+                              "fork:1:EAGAIN,", "fork:1:EAGAIN,EWHAT", ">=5:1:EAGAIN"}) {
         FaultScope fault(pPlan);
 
         EXPECT_EQ(-1, fault.result()) << pPlan;
@@ -132,4 +164,52 @@ TEST(Fault, PreloadedPlanReachesTheNamedProgramOnly)
     EXPECT_EQ("1\n0\n", result.strOutput);
     EXPECT_NE(std::string::npos, result.strError.find("/dev/null: Too many open files"))
         << result.strError;
+}
+
+TEST(Fault, ReportTellsMatchedAndFailedCallsAlsoAfterACrash)
+{
+    char acPath[] = "/tmp/kestrel-fault.XXXXXX";
+    close(mkstemp(acPath));
+    const std::string strCommand =
+        std::string("LD_PRELOAD=" FAULT_PRELOAD
+                    " KESTREL_FAULT_PROGRAM=cat KESTREL_FAULT_REPORT=") +
+        acPath + " KESTREL_FAULT='open=/nowhere:1-:EIO;open=/dev/null:2-3:EMFILE'" +
+        " cat /dev/null /dev/null /dev/null /dev/null";
+
+    (void)runChild({"/bin/sh", "-c", strCommand});
+
+    unsigned auCount[4] = {};
+    FILE* pReport = fopen(acPath, "rb");
+    ASSERT_NE(nullptr, pReport);
+    EXPECT_EQ(4u, fread(auCount, sizeof(auCount[0]), 4, pReport));
+    fclose(pReport);
+    unlink(acPath);
+    EXPECT_EQ(0u, auCount[0]);
+    EXPECT_EQ(0u, auCount[1]);
+    EXPECT_EQ(4u, auCount[2]);
+    EXPECT_EQ(2u, auCount[3]);
+}
+
+TEST(Fault, CallsOfAnExceptedLibraryAreNotSeen)
+{
+    // The C library itself asks for the buffer that a folder is read into.
+    const std::string strPlan = "LD_PRELOAD=" FAULT_PRELOAD " KESTREL_FAULT_PROGRAM=ls"
+                                " KESTREL_FAULT='malloc>=32768:1-:ENOMEM' ";
+
+    const ChildResult failed = runChild({"/bin/sh", "-c", strPlan + "ls /"});
+    const ChildResult excepted =
+        runChild({"/bin/sh", "-c", strPlan + "KESTREL_FAULT_EXCEPT=libnone:libc.so ls /"});
+
+    EXPECT_EQ(2, failed.nStatus) << failed.strOutput;
+    EXPECT_EQ(0, excepted.nStatus) << excepted.strError;
+}
+
+TEST(Fault, SleepsOfAHurriedProgramAreShort)
+{
+    const std::string strCommand =
+        "LD_PRELOAD=" FAULT_PRELOAD " KESTREL_FAULT=setsid:1:EIO KESTREL_FAULT_PROGRAM=python3"
+        " KESTREL_FAULT_HURRY=100000"
+        " timeout 10 python3 -c 'import select; select.select([], [], [], 3600)'";
+
+    EXPECT_EQ(0, runChild({"/bin/sh", "-c", strCommand}).nStatus);
 }
