@@ -1,0 +1,249 @@
+// stream-floor: the least that a stream can cost, beside which the service is measured.
+//
+// usage: stream-floor PORT [nodelay]
+//
+// One thread, one loop. It takes its pictures from the same (virtual) camera as the service, by the
+// same driver calls with as many buffers: wait with poll, dequeue the filled buffer, give the one
+// before back. It then hands the same three blocks (part header, picture, boundary) to each client
+// with send(2), in the order in which they came, straight from the camera's memory: no copy, no
+// queue, no lock, no memory allocated. The sockets have the options that the service sets, unless
+// "nodelay" adds TCP_NODELAY. What a socket does not take at once is sent on when it is writable,
+// after all others have had their blocks.
+//
+// So frame and time stamp become available to both programs in the same way and at the same cost,
+// and what the service takes beyond the floor is its own: threads, hand-over, queues, blocks.
+// It is meant for clients that read at full speed; a client that goes ends it.
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/videodev2.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+const unsigned BUFFERS = 2; // as the service
+const int SOCKET_BUFFER = 35840;
+const char* const ANSWER =
+    "HTTP/1.0 200 OK\r\nConnection: close\r\n"
+    "Content-Type: multipart/x-mixed-replace;boundary=boundarydonotcross\r\n\r\n";
+const char BOUNDARY[] = "\r\n--boundarydonotcross\r\n";
+
+struct Block
+{
+    const char* pBytes;
+    size_t nBytes;
+};
+
+struct Rest // what a client has not taken of the current frame
+{
+    int nSocket;
+    int nBlock;
+    size_t nSent; // of that block
+};
+
+void check(bool bGood, const char* pWhat)
+{
+    if (!bGood) {
+        perror(pWhat);
+        exit(1);
+    }
+}
+
+class Camera
+{
+public:
+    Camera() : m_nFd(::open("/dev/video0", O_RDWR | O_NONBLOCK | O_CLOEXEC))
+    {
+        check(m_nFd >= 0, "/dev/video0");
+        v4l2_format format{};
+        format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        format.fmt.pix.width = 640;
+        format.fmt.pix.height = 480;
+        format.fmt.pix.pixelformat = V4L2_PIX_FMT_MJPEG;
+        call(VIDIOC_S_FMT, &format, "VIDIOC_S_FMT");
+        v4l2_requestbuffers request{};
+        request.count = BUFFERS;
+        request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        request.memory = V4L2_MEMORY_MMAP;
+        call(VIDIOC_REQBUFS, &request, "VIDIOC_REQBUFS");
+        for (unsigned i = 0; i < BUFFERS; i++) {
+            m_buffer = {};
+            m_buffer.index = i;
+            m_buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+            m_buffer.memory = V4L2_MEMORY_MMAP;
+            call(VIDIOC_QUERYBUF, &m_buffer, "VIDIOC_QUERYBUF");
+            m_apBytes[i] = ::mmap(nullptr, m_buffer.length, PROT_READ | PROT_WRITE, MAP_SHARED,
+                                  m_nFd, static_cast<off_t>(m_buffer.m.offset));
+            check(MAP_FAILED != m_apBytes[i], "mmap");
+            call(VIDIOC_QBUF, &m_buffer, "VIDIOC_QBUF");
+        }
+        int nType = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        call(VIDIOC_STREAMON, &nType, "VIDIOC_STREAMON");
+    }
+
+    int descriptor() const
+    {
+        return m_nFd;
+    }
+
+    /** The next picture, which stays where it is until the next call. */
+    Block take()
+    {
+        const v4l2_buffer previous = m_buffer;
+        m_buffer = {};
+        m_buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        m_buffer.memory = V4L2_MEMORY_MMAP;
+        call(VIDIOC_DQBUF, &m_buffer, "VIDIOC_DQBUF");
+        if (m_bTaken) {
+            v4l2_buffer back = previous;
+            call(VIDIOC_QBUF, &back, "VIDIOC_QBUF");
+        }
+        m_bTaken = true;
+        return {static_cast<const char*>(m_apBytes[m_buffer.index]), m_buffer.bytesused};
+    }
+
+private:
+    void call(unsigned long nRequest, void* pArgument, const char* pName) const
+    {
+        check(0 == ::ioctl(m_nFd, nRequest, pArgument), pName);
+    }
+
+    const int m_nFd;
+    void* m_apBytes[BUFFERS];
+    v4l2_buffer m_buffer{};
+    bool m_bTaken = false;
+};
+
+int listenOn(uint16_t u16Port)
+{
+    const int nListener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int nOn = 1;
+    (void)::setsockopt(nListener, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(u16Port);
+    check(0 == ::bind(nListener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) &&
+              0 == ::listen(nListener, 20),
+          "listen");
+    return nListener;
+}
+
+int acceptClient(int nListener, bool bNoDelay)
+{
+    const int nSocket = ::accept4(nListener, nullptr, nullptr, SOCK_CLOEXEC);
+    check(nSocket >= 0, "accept");
+    char acRequest[2048];
+    check(::recv(nSocket, acRequest, sizeof(acRequest), 0) > 0, "request");
+    const int nOn = 1;
+    const int anKeepAlive[] = {5, 1, 2}; // seconds idle, seconds between probes, probes
+    check(
+        0 == ::fcntl(nSocket, F_SETFL, O_NONBLOCK) &&
+            0 == ::setsockopt(nSocket, SOL_SOCKET, SO_KEEPALIVE, &nOn, sizeof(nOn)) &&
+            0 == ::setsockopt(nSocket, IPPROTO_TCP, TCP_KEEPIDLE, &anKeepAlive[0], sizeof(int)) &&
+            0 == ::setsockopt(nSocket, IPPROTO_TCP, TCP_KEEPINTVL, &anKeepAlive[1], sizeof(int)) &&
+            0 == ::setsockopt(nSocket, IPPROTO_TCP, TCP_KEEPCNT, &anKeepAlive[2], sizeof(int)) &&
+            0 == ::setsockopt(nSocket, SOL_SOCKET, SO_RCVBUF, &SOCKET_BUFFER,
+                              sizeof(SOCKET_BUFFER)) &&
+            0 == ::setsockopt(nSocket, SOL_SOCKET, SO_SNDBUF, &SOCKET_BUFFER,
+                              sizeof(SOCKET_BUFFER)) &&
+            (!bNoDelay || 0 == ::setsockopt(nSocket, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn))),
+        "socket options");
+    check(::send(nSocket, ANSWER, strlen(ANSWER), MSG_NOSIGNAL) > 0, "answer");
+    return nSocket;
+}
+
+/** @return whether the client has had everything */
+bool sendOn(Rest& rest, const Block* pBlock)
+{
+    while (rest.nBlock < 3) {
+        const Block& block = pBlock[rest.nBlock];
+        const ssize_t nSent = ::send(rest.nSocket, block.pBytes + rest.nSent,
+                                     block.nBytes - rest.nSent, MSG_NOSIGNAL);
+        if (nSent < 0 && (EPIPE == errno || ECONNRESET == errno)) {
+            exit(0); // the load has ended
+        }
+        if (nSent < 0) {
+            check(EAGAIN == errno, "send");
+            return false;
+        }
+        rest.nSent += static_cast<size_t>(nSent);
+        if (rest.nSent == block.nBytes) {
+            rest.nBlock++;
+            rest.nSent = 0;
+        }
+    }
+    return true;
+}
+
+void sendFrame(const std::vector<int>& vecClient, const Block& picture)
+{
+    static std::vector<Rest> s_vecRest; // allocated once
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    char acHeader[128];
+    const int nHeader = snprintf(
+        acHeader, sizeof(acHeader),
+        "Content-Type: image/jpeg\r\nContent-Length: %8d\r\nX-Timestamp: %16d.%16d\r\n\r\n",
+        static_cast<int>(picture.nBytes), static_cast<int>(now.tv_sec),
+        static_cast<int>(now.tv_usec));
+    const Block aBlock[] = {
+        {acHeader, static_cast<size_t>(nHeader)}, picture, {BOUNDARY, sizeof(BOUNDARY) - 1}};
+    s_vecRest.clear();
+    for (const int nClient : vecClient) {
+        Rest rest{nClient, 0, 0};
+        if (!sendOn(rest, aBlock)) {
+            s_vecRest.push_back(rest);
+        }
+    }
+    while (!s_vecRest.empty()) {
+        std::vector<pollfd> vecPoll;
+        for (const Rest& rest : s_vecRest) {
+            vecPoll.push_back({rest.nSocket, POLLOUT, 0});
+        }
+        check(::poll(vecPoll.data(), vecPoll.size(), 5000) > 0, "a client does not read");
+        size_t nKept = 0;
+        for (size_t i = 0; i < vecPoll.size(); i++) {
+            if (0 == vecPoll[i].revents || !sendOn(s_vecRest[i], aBlock)) {
+                s_vecRest[nKept++] = s_vecRest[i];
+            }
+        }
+        s_vecRest.resize(nKept);
+    }
+}
+
+} // namespace
+
+int main(int nCount, char** ppArgument)
+{
+    if (nCount < 2 || nCount > 3) {
+        fprintf(stderr, "usage: stream-floor PORT [nodelay]\n");
+        return 2;
+    }
+    const bool bNoDelay = 3 == nCount;
+    const int nListener = listenOn(static_cast<uint16_t>(atoi(ppArgument[1])));
+    Camera camera;
+    std::vector<int> vecClient;
+    for (;;) {
+        pollfd aPoll[] = {{camera.descriptor(), POLLIN, 0}, {nListener, POLLIN, 0}};
+        check(::poll(aPoll, 2, -1) > 0, "poll");
+        if (0 != aPoll[0].revents) {
+            sendFrame(vecClient, camera.take());
+        }
+        if (0 != aPoll[1].revents) {
+            vecClient.push_back(acceptClient(nListener, bNoDelay));
+        }
+    }
+}
