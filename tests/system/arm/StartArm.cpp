@@ -12,7 +12,6 @@ public:
     }
 };
 
-// Never destroyed: it holds nothing.
-StartArm& g_startArm = *new StartArm;
+const StartArm START_ARM;
 
 } // namespace

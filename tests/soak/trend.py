@@ -1,0 +1,46 @@
+"""Whether what is sampled at quiet moments grows."""
+
+LEAST_SAMPLES = 4  # in the part of the run that is judged
+
+
+def slope(points):
+    """The slope of the least-squares line through (x, y) points."""
+    count = len(points)
+    mean_x = sum(x for x, _ in points) / count
+    mean_y = sum(y for _, y in points) / count
+    square = sum((x - mean_x) ** 2 for x, _ in points)
+    if square == 0:
+        return 0.0
+    return sum((x - mean_x) * (y - mean_y) for x, y in points) / square
+
+
+def growth(points):
+    """By how much the line through the last two thirds of the time rises over them.
+
+    The first third is the warm-up: allocators reach their high-water marks there.
+    """
+    judged = last_two_thirds(points)
+    return slope(judged) * (judged[-1][0] - judged[0][0])
+
+
+def last_two_thirds(points):
+    start, end = points[0][0], points[-1][0]
+    return [point for point in points if point[0] >= start + (end - start) / 3]
+
+
+def check_growth(name, points, bound):
+    """A text that says what is wrong, or '' when the line rises by no more than the bound."""
+    if not points or len(last_two_thirds(points)) < LEAST_SAMPLES:
+        return f"{name}: too few samples ({len(points)}) to judge"
+    risen = growth(points)
+    if risen > bound:
+        return f"{name}: grows, by {risen:.0f} over the last two thirds; the bound is {bound}"
+    return ""
+
+
+def check_equal(name, points, idle):
+    """A text that says when something was not back at its idle number, or ''."""
+    for seconds, value in points:
+        if value != idle:
+            return f"{name}: {value} at a quiet moment ({seconds:.0f} s), idle is {idle}"
+    return ""
