@@ -13,12 +13,16 @@ class Table:
     def __init__(self):
         self.rows = []
 
-    def add(self, piece, figure, value, unit, floor=None, goal=None, better="less", bound=None):
-        """With a floor the goal is one for the ratio, else for the value itself."""
+    def add(self, piece, figure, value, unit, floor=None, goal=None, better="less", bound=None,
+            gate=True):
+        """With a floor the goal is one for the ratio, else for the value itself.
+
+        @param gate  false for a ratio that one preemption may decide: the gate leaves it out
+        """
         ratio = value / floor if floor else None
         self.rows.append({"piece": piece, "figure": figure, "value": value, "unit": unit,
                           "floor": floor, "ratio": ratio, "goal": goal, "better": better,
-                          "bound": bound})
+                          "bound": bound, "gate": gate})
 
     def print(self):
         json.dump(self.rows, sys.stdout, indent=1)
