@@ -116,6 +116,10 @@ class CableActor(Actor):
             self.rig.controller.ctl("go")
         self.tally.add("replies disturbed")
         self.rig.console("stop")
+        self.rig.console("job 10")  # uses up what is left of the disturbance, and unlocks
+        wait_until(lambda: self.rig.state()["print"] == 1, "a job goes on after a bad reply", 60)
+        self.rig.console("stop")
+        self.rig.open_serial()  # without the replies that nobody has read
 
     def pause(self):
         self.rig.console("pause")
