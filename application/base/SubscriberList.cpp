@@ -3,86 +3,107 @@
 
 #include "Time.h"
 
-namespace {
-
-// One frame per call of a handler that is running on this thread, innermost first.
-struct CallFrame
-{
-    const Subscriber* pSubscriber;
-    const CallFrame* pOuter;
-};
-
-thread_local const CallFrame* t_pCalls = nullptr;
-
-int callsOnThisThread(const Subscriber* pSubscriber)
-{
-    int nCalls = 0;
-    for (const CallFrame* pFrame = t_pCalls; nullptr != pFrame; pFrame = pFrame->pOuter) {
-        nCalls += (pFrame->pSubscriber == pSubscriber) ? 1 : 0;
-    }
-    return nCalls;
-}
-
-void freeRetired(Subscriber* pSubscriber, Subscriber* Subscriber::*pNext)
-{
-    while (nullptr != pSubscriber) {
-        Subscriber* pFollowing = pSubscriber->*pNext;
-        delete pSubscriber;
-        pSubscriber = pFollowing;
-    }
-}
-
-} // namespace
-
-/** A publisher on the list: entries that it may still reach are not freed. */
-class SubscriberList::ReaderGuard
+/** A handler that is running on this thread; those that it was called from lie outside of it. */
+class SubscriberList::CallFrame
 {
 public:
-    explicit ReaderGuard(SubscriberList& list) : m_list(list)
+    explicit CallFrame(const Subscriber* pSubscriber)
+        : m_pSubscriber(pSubscriber), m_pOuter(t_pInnermost)
     {
-        for (;;) {
-            m_nEpoch = m_list.m_nEpoch.load();
-            m_list.m_anReaders[m_nEpoch].fetch_add(1);
-            if (m_list.m_nEpoch.load() == m_nEpoch) {
+        t_pInnermost = this;
+    }
+    CallFrame(const CallFrame&) = delete;
+    CallFrame& operator=(const CallFrame&) = delete;
+    ~CallFrame()
+    {
+        t_pInnermost = m_pOuter;
+    }
+
+    /** How often this thread is inside the handler. */
+    static int count(const Subscriber* pSubscriber)
+    {
+        int nCalls = 0;
+        for (const CallFrame* p = t_pInnermost; nullptr != p; p = p->m_pOuter) {
+            nCalls += (p->m_pSubscriber == pSubscriber) ? 1 : 0;
+        }
+        return nCalls;
+    }
+
+private:
+    static thread_local const CallFrame* t_pInnermost;
+
+    const Subscriber* const m_pSubscriber;
+    const CallFrame* const m_pOuter;
+};
+
+thread_local const SubscriberList::CallFrame* SubscriberList::CallFrame::t_pInnermost = nullptr;
+
+/**
+ * One publisher's walk over the list.
+ *
+ * Announcing and then looking, here, and unlinking and then looking for announcements, in remove,
+ * are sequentially consistent: one of the two sees the other. So one exchange serves both to take
+ * the slot and to announce the first entry; everything else is plain loads and stores.
+ */
+class SubscriberList::Visit
+{
+public:
+    /** @param pFirst  what m_pOldest held; only its address is used */
+    Visit(SubscriberList& list, Subscriber* pFirst) : m_list(list)
+    {
+        for (Slot& slot : list.m_aSlot) {
+            Subscriber* pFree = nullptr;
+            if (nullptr == slot.m_pAt.load(std::memory_order_relaxed) &&
+                slot.m_pAt.compare_exchange_strong(pFree, pFirst)) {
+                m_pSlot = &slot;
+                m_pAt = pFirst;
                 return;
             }
-            // The epoch changed in between: the count may have come too late to be seen.
-            m_list.m_anReaders[m_nEpoch].fetch_sub(1);
+        }
+        list.m_nGuests.fetch_add(1);
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+    ~Visit()
+    {
+        if (nullptr != m_pSlot) {
+            const uint32_t u32Visits = m_pSlot->m_u32Visits.load(std::memory_order_relaxed);
+            m_pSlot->m_u32Visits.store(u32Visits + 1, std::memory_order_release);
+            m_pSlot->m_pAt.store(nullptr, std::memory_order_release); // from here on another's
+            return;
+        }
+        leaveAsGuest();
+        m_list.m_nGuests.fetch_sub(1);
+    }
+
+    /** Announce the entry that the link holds. @return it, null at the end */
+    Subscriber* moveTo(const std::atomic<Subscriber*>& link)
+    {
+        Subscriber* const pEntry = link.load();
+        if (nullptr == pEntry || m_pAt == pEntry) {
+            return pEntry;
+        }
+        if (nullptr != m_pSlot) {
+            m_pSlot->m_pAt.store(pEntry);
+        } else {
+            leaveAsGuest();
+            pEntry->m_nGuestCalls.fetch_add(1);
+        }
+        m_pAt = pEntry;
+        return pEntry;
+    }
+
+private:
+    void leaveAsGuest()
+    {
+        if (nullptr != m_pAt) {
+            m_pAt->m_nGuestCalls.fetch_sub(1);
         }
     }
-    ReaderGuard(const ReaderGuard&) = delete;
-    ReaderGuard& operator=(const ReaderGuard&) = delete;
-    ~ReaderGuard()
-    {
-        m_list.m_anReaders[m_nEpoch].fetch_sub(1);
-    }
 
-private:
     SubscriberList& m_list;
-    int m_nEpoch = 0;
-};
-
-/** One call of one handler; remove() waits for its end. */
-class SubscriberList::CallGuard
-{
-public:
-    explicit CallGuard(Subscriber& subscriber)
-        : m_subscriber(subscriber), m_frame{&subscriber, t_pCalls}
-    {
-        m_subscriber.m_nCalls.fetch_add(1);
-        t_pCalls = &m_frame;
-    }
-    CallGuard(const CallGuard&) = delete;
-    CallGuard& operator=(const CallGuard&) = delete;
-    ~CallGuard()
-    {
-        t_pCalls = m_frame.pOuter;
-        m_subscriber.m_nCalls.fetch_sub(1);
-    }
-
-private:
-    Subscriber& m_subscriber;
-    CallFrame m_frame;
+    Slot* m_pSlot = nullptr;     // null: a guest
+    Subscriber* m_pAt = nullptr; // announced
 };
 
 SubscriberList::~SubscriberList()
@@ -93,8 +114,11 @@ SubscriberList::~SubscriberList()
         delete pSubscriber;
         pSubscriber = pNewer;
     }
-    freeRetired(m_apRetired[0], &Subscriber::m_pNextRetired);
-    freeRetired(m_apRetired[1], &Subscriber::m_pNextRetired);
+    while (nullptr != m_pRetired) {
+        Subscriber* pNext = m_pRetired->m_pNextRetired;
+        delete m_pRetired;
+        m_pRetired = pNext;
+    }
 }
 
 void SubscriberList::add(std::unique_ptr<ICB<int>> pCB)
@@ -119,8 +143,8 @@ void SubscriberList::remove(const ICB<int>& cb)
     if (nullptr == pSubscriber) {
         return;
     }
-    const int nOwnCalls = callsOnThisThread(pSubscriber);
-    while (pSubscriber->m_nCalls.load() > nOwnCalls) {
+    const int nOwnCalls = CallFrame::count(pSubscriber);
+    while (countCalls(pSubscriber) > nOwnCalls) {
         sleepFor(Time(0, 1000));
     }
     // Only now: until here this thread itself still looked at the entry.
@@ -145,34 +169,65 @@ Subscriber* SubscriberList::unlink(const ICB<int>& cb)
 
 void SubscriberList::retire(Subscriber* pSubscriber)
 {
-    Subscriber*& pHead = m_apRetired[m_nEpoch.load()];
-    pSubscriber->m_pNextRetired = pHead;
-    pHead = pSubscriber;
+    pSubscriber->m_bGuests = true;
+    for (int i = 0; i < SUBSCRIBER_SLOTS; ++i) {
+        pSubscriber->m_abVisited[i] = nullptr != m_aSlot[i].m_pAt.load();
+        pSubscriber->m_au32Visits[i] = m_aSlot[i].m_u32Visits.load();
+    }
+    pSubscriber->m_pNextRetired = m_pRetired;
+    m_pRetired = pSubscriber;
 }
 
 void SubscriberList::reclaim()
 {
-    // Two rounds free an entry of the current epoch when nobody is publishing.
-    for (int nRound = 0; nRound < 2; ++nRound) {
-        const int nEpoch = m_nEpoch.load();
-        const int nPrevious = 1 - nEpoch;
-        if (0 != m_anReaders[nPrevious].load()) {
-            return;
+    Subscriber** ppLink = &m_pRetired;
+    while (nullptr != *ppLink) {
+        Subscriber* pSubscriber = *ppLink;
+        if (isReachable(*pSubscriber)) {
+            ppLink = &pSubscriber->m_pNextRetired;
+        } else {
+            *ppLink = pSubscriber->m_pNextRetired;
+            delete pSubscriber;
         }
-        freeRetired(m_apRetired[nPrevious], &Subscriber::m_pNextRetired);
-        m_apRetired[nPrevious] = nullptr;
-        m_nEpoch.store(nPrevious);
     }
+}
+
+bool SubscriberList::isReachable(Subscriber& subscriber)
+{
+    // Who comes after the unlinking does not come to the entry: once gone is gone for good.
+    subscriber.m_bGuests = subscriber.m_bGuests && 0 != m_nGuests.load();
+    bool bReachable = subscriber.m_bGuests;
+    for (int i = 0; i < SUBSCRIBER_SLOTS; ++i) {
+        bool& bVisited = subscriber.m_abVisited[i];
+        bVisited = bVisited && nullptr != m_aSlot[i].m_pAt.load() &&
+                   subscriber.m_au32Visits[i] == m_aSlot[i].m_u32Visits.load();
+        bReachable = bReachable || bVisited;
+    }
+    return bReachable;
+}
+
+int SubscriberList::countCalls(const Subscriber* pSubscriber) const
+{
+    int nCalls = pSubscriber->m_nGuestCalls.load();
+    for (const Slot& slot : m_aSlot) {
+        nCalls += (slot.m_pAt.load() == pSubscriber) ? 1 : 0;
+    }
+    return nCalls;
 }
 
 void SubscriberList::publish(Event& event, PUBLISH_MODE_E eMode)
 {
-    ReaderGuard reader(*this);
-    for (Subscriber* p = m_pOldest.load(); nullptr != p; p = p->m_pNewer.load()) {
-        if (PUBLISH_SKIP_RUNNING == eMode && 0 != callsOnThisThread(p)) {
+    Subscriber* const pFirst = m_pOldest.load();
+    if (nullptr == pFirst) {
+        return;
+    }
+    Visit visit(*this, pFirst);
+    // The oldest may be another one by now: the list is looked at again from the slot.
+    for (Subscriber* p = visit.moveTo(m_pOldest); nullptr != p; p = visit.moveTo(p->m_pNewer)) {
+        if (PUBLISH_SKIP_RUNNING == eMode && 0 != CallFrame::count(p)) {
             continue;
         }
-        CallGuard call(*p);
+        const CallFrame frame(p);
         if (!p->m_bRemoved.load()) {
             (void)p->m_pCB->call(&event); // handlers' results are not looked at
         }

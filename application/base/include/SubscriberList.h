@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 
 #include "Mutex.h"
@@ -18,9 +19,11 @@ enum PUBLISH_MODE_E
  * Delivers events to callbacks, oldest subscriber first, on the publisher's thread.
  *
  * Any thread may add, remove and publish at any time; publish takes no lock and allocates nothing.
- * Readers announce themselves in one of two counters, chosen by the current epoch; an unlinked
- * entry is freed once no publisher is left that entered before it was unlinked. Without publishers
- * that is at once, else with a later add or remove, at the latest with the list.
+ * A publisher announces in a slot of the list at which entry it is; what it stands on, or may still
+ * come to, is not freed. An unlinked entry is freed once every publisher that was on the list then
+ * has left it. Without publishers that is at once, else with a later add or remove, at the latest
+ * with the list. Publishers beyond the number of slots, nested ones included, count themselves
+ * instead, which costs them more.
  */
 class SubscriberList
 {
@@ -48,16 +51,25 @@ public:
     void publish(Event& event, PUBLISH_MODE_E eMode);
 
 private:
-    class ReaderGuard;
-    class CallGuard;
+    class Visit;
+    class CallFrame;
+
+    /** One publisher's place; its owner alone writes to it, from taking it to giving it back. */
+    struct Slot
+    {
+        std::atomic<Subscriber*> m_pAt{nullptr}; // the entry being visited; null: free
+        std::atomic<uint32_t> m_u32Visits{0};    // that have ended here
+    };
 
     Subscriber* unlink(const ICB<int>& cb) REQUIRES(m_mtx);
     void retire(Subscriber* pSubscriber) REQUIRES(m_mtx);
     void reclaim() REQUIRES(m_mtx);
+    bool isReachable(Subscriber& subscriber) REQUIRES(m_mtx);
+    int countCalls(const Subscriber* pSubscriber) const;
 
-    Mutex m_mtx{MUTEX_TYPE_NORMAL}; // guards linking and the retired lists; innermost
+    Mutex m_mtx{MUTEX_TYPE_NORMAL}; // guards linking and the retired entries; innermost
     std::atomic<Subscriber*> m_pOldest{nullptr};
-    std::atomic<int> m_nEpoch{0}; // 0 or 1: the counter that new publishers use
-    std::atomic<int> m_anReaders[2] = {{0}, {0}};
-    Subscriber* m_apRetired[2] GUARDED_BY(m_mtx) = {nullptr, nullptr}; // by epoch of unlinking
+    Slot m_aSlot[SUBSCRIBER_SLOTS];
+    std::atomic<int> m_nGuests{0}; // publishers without a slot
+    Subscriber* m_pRetired GUARDED_BY(m_mtx) = nullptr;
 };
