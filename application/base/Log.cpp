@@ -180,7 +180,7 @@ int Log::ensureInstance()
 
 Log& Log::setLevel(uint32_t u32Level)
 {
-    m_u32Level = u32Level;
+    s_u32Level = u32Level;
     return *this;
 }
 
@@ -215,7 +215,7 @@ void Log::initLogServer(const char* pIp, int nPort)
 void Log::log(const char* pFile, int nLine, const char* pFunction, uint32_t u32Level,
               const char* pFormat, ...)
 {
-    if (u32Level > m_u32Level.load(std::memory_order_relaxed)) {
+    if (!isWritten(u32Level)) {
         return;
     }
     va_list args;

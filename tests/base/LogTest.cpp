@@ -161,6 +161,23 @@ TEST(Log, DroppedLineAllocatesNothing)
     EXPECT_LT(ulBefore, faultThreadAllocations());
 }
 
+TEST(Log, MacroBringsSourceLineAndFunctionAndHoldsDroppedLinesBack)
+{
+    static const char* const SOURCE_NAME = "here/LogTest";
+    LogCapture log(LOG_LAYOUT_LEVEL | LOG_LAYOUT_FILE | LOG_LAYOUT_LINE | LOG_LAYOUT_FUNCTION);
+    Log::getInstance().setLevel(5);
+    int nAsked = 0;
+    const auto ask = [&nAsked] { return ++nAsked; };
+
+    LOG(6, "%d\n", ask());
+    EXPECT_EQ(0, nAsked);
+    const int nLine = __LINE__ + 1;
+    LOG(5, "%d\n", ask());
+
+    EXPECT_EQ(1, nAsked);
+    EXPECT_EQ("[warn ] [here/LogTest +" + std::to_string(nLine) + "] [TestBody] 1\n", log.text());
+}
+
 TEST(Log, EventCarriesTextLengthAndLevelWhateverTheSinks)
 {
     class Sink

@@ -7,9 +7,13 @@
 
 /**
  * Log a line from a .cpp that defines SOURCE_NAME, the source name that the line carries.
- * The message brings its own line end.
+ * The message brings its own line end. The arguments of a line above the maximum level are not
+ * evaluated.
  */
-#define LOG(level, ...) Log::getInstance().log(SOURCE_NAME, __LINE__, __func__, level, __VA_ARGS__)
+#define LOG(level, ...)                                                                            \
+    (Log::isWritten(level)                                                                         \
+         ? Log::getInstance().log(SOURCE_NAME, __LINE__, __func__, level, __VA_ARGS__)             \
+         : static_cast<void>(0))
 
 /** Fields in front of the message, in this order (a mask). */
 enum LOG_LAYOUT_E : uint32_t
@@ -59,6 +63,12 @@ public:
     /** Lines above this level are dropped; 8 at first. */
     Log& setLevel(uint32_t u32Level);
 
+    /** False for a level whose lines are dropped: most lines are, at the price of this alone. */
+    static bool isWritten(uint32_t u32Level)
+    {
+        return u32Level <= s_u32Level.load(std::memory_order_relaxed);
+    }
+
     /** LOG_LAYOUT_E mask; 127, all fields, at first. */
     Log& setLayout(uint32_t u32Layout);
 
@@ -94,7 +104,9 @@ private:
     void write(const char* pFile, int nLine, const char* pFunction, uint32_t u32Level,
                const char* pFormat, va_list args) __attribute__((format(printf, 6, 0)));
 
-    std::atomic<uint32_t> m_u32Level{8};
+    // Not within the object: the check needs no instance.
+    static inline std::atomic<uint32_t> s_u32Level{8};
+
     std::atomic<uint32_t> m_u32Layout{127};
     std::atomic<uint32_t> m_u32Sinks{LOG_SINK_CONSOLE};
 };
