@@ -115,6 +115,7 @@ static const struct ErrorName ERROR_NAMES[] = {
     {"ENOMEM", ENOMEM},
     {"ENOPROTOOPT", ENOPROTOOPT},
     {"ENOSPC", ENOSPC},
+    {"ENOSYS", ENOSYS},
     {"ENOTCONN", ENOTCONN},
     {"ENOTDIR", ENOTDIR},
     {"ENOTSOCK", ENOTSOCK},

@@ -19,7 +19,8 @@ extern "C" {
  * that take a path or a command, the descriptor for the others. A failing call does nothing, sets
  * errno and returns what the real one returns on failure (the pthread calls return the error).
  *
- * Linked into a test (target kestrel_fault) the plan is set by faultPlan. Preloaded into a program
+ * Linked into a test (target kestrel_fault) the plan is set by faultPlan; operator new allocates
+ * with malloc and throws when that fails. Preloaded into a program
  * (target kestrel_fault_preload) it comes from the environment: KESTREL_FAULT holds the plan and
  * KESTREL_FAULT_PROGRAM, if set, the only program name that it is for; that program takes the plan
  * out of its environment, so that its children run undisturbed. Also from the environment:

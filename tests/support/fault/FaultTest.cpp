@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <new>
 #include <pthread.h>
+#include <string>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,6 +55,14 @@ TEST(Fault, AllocationOfThatSizeFails)
     EXPECT_NE(nullptr, pSecond);
     free(pOther);
     free(pSecond);
+}
+
+TEST(Fault, FailingMallocMakesNewThrow)
+{
+    FaultScope fault("malloc>=4321:1-:ENOMEM");
+
+    EXPECT_THROW(std::string(5000, 'x'), std::bad_alloc);
+    EXPECT_EQ(2u, std::string(2, 'x').size());
 }
 
 TEST(Fault, AllocationsFromASizeOnFail)
