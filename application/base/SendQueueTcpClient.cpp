@@ -1,7 +1,10 @@
 // A connection that any thread can hand data to: a queue in front of the write engine.
 #include "SendQueueTcpClient.h"
 
+#include <new>
 #include <utility>
+
+#include <sys/socket.h>
 
 SendQueueTcpClient::~SendQueueTcpClient()
 {
@@ -19,7 +22,13 @@ void SendQueueTcpClient::send(const SafePointer_C<char>& data, int nLength)
         if (!guard.isHeld()) {
             return; // logged there
         }
-        m_queue.push_back(std::move(item));
+        try {
+            m_queue.push_back(std::move(item));
+        } catch (const std::bad_alloc&) {
+            // What comes behind the gap would be misread: the reactor ends the connection.
+            (void)m_socket.shutdown(SHUT_RDWR);
+            return;
+        }
     }
     (void)trySend(); // the reactor ends a connection that failed
 }

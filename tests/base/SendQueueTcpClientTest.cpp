@@ -105,6 +105,23 @@ TEST(SendQueueTcpClient, SendWritesAtOnceWhenIdle)
     EXPECT_EQ(0, client.getQueueLength());
 }
 
+TEST(SendQueueTcpClient, QueueThatCannotGrowEndsTheConnection)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    client.sendText(LARGE); // most of it waits
+    {
+        FaultScope fault("malloc>=1024:1-:ENOMEM");
+        for (int i = 0; i < 5000; ++i) {
+            client.sendText("x");
+        }
+        EXPECT_GE(faultHits(), 1u);
+    }
+
+    EXPECT_LT(readBytes(pair.m_far, LARGE.size()).size(), LARGE.size()) << "the peer sees the end";
+    EXPECT_EQ(1, client.write()) << "the reactor ends it";
+}
+
 TEST(SendQueueTcpClient, OnlyTheGivenBytesBehindTheDataOffsetAreSent)
 {
     NetPair pair;
