@@ -31,7 +31,8 @@ int HttpLiveClient::start()
     const SafePointer_C<char> header = makeAnswerBlock(
         1024,
         "HTTP/1.0 200 OK\r\nConnection: close\r\nServer: MJPG-Streamer/0.2\r\nCache-Control: no-store, no-cache, must-revalidate, pre-check=0, post-check=0, max-age=0\r\nPragma: no-cache\r\nExpires: Mon, 3 Jan 2000 12:34:56 GMT\r\nContent-Type: multipart/x-mixed-replace;boundary=boundarydonotcross\r\n\r\n");
-    if (nullptr == header.get()) {
+    m_trailer = makeAnswerBlock(256, "\r\n--boundarydonotcross\r\n");
+    if (nullptr == header.get() || nullptr == m_trailer.get()) {
         return 1;
     }
     m_client.send(header, static_cast<int>(strlen(header.get())));
@@ -58,12 +59,11 @@ int HttpLiveClient::onLiveFrameEvent(Event* pEvent)
         // Not written into the frame, which other threads read, and never beyond its block.
         u32Size = std::min(u32Size, frame.u32Width * frame.u32Height);
     }
-    const SafePointer_C<char> trailer = makeAnswerBlock(256, "\r\n--boundarydonotcross\r\n");
-    if (nullptr == trailer.get() || !constructFrameHeadEntry(frame.u32Format, u32Size)) {
+    if (!constructFrameHeadEntry(frame.u32Format, u32Size)) {
         return 0; // without memory the frame is dropped whole
     }
     m_client.send(event.m_frame.castTo<char>(), static_cast<int>(u32Size));
-    m_client.send(trailer, static_cast<int>(strlen(trailer.get())));
+    m_client.send(m_trailer, static_cast<int>(strlen(m_trailer.get())));
     return 0;
 }
 

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "Log.h"
 
@@ -72,7 +73,11 @@ int HttpRequestParser::onHeaderValue(http_parser* pState, const char* pAt, size_
 {
     auto& self = *static_cast<HttpRequestParser*>(pState->data);
     if (self.m_bContentType) {
-        self.m_strContentType.assign(pAt, uLength);
+        try {
+            self.m_strContentType.assign(pAt, uLength);
+        } catch (const std::bad_alloc&) {
+            return 1; // a parse error: no exception may cross the library, which is C
+        }
         self.m_bContentType = false;
     }
     if (self.m_bContentLength) {

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -54,7 +55,11 @@ int HttpSnapClient::onSnapFrameEvent(Event* pEvent)
     } else {
         answer(event.m_frame);
     }
-    save(*event.m_frame.get());
+    try {
+        save(*event.m_frame.get());
+    } catch (const std::bad_alloc&) {
+        return 0; // no room for a long name: not saved, and the capture thread goes on
+    }
     return 0;
 }
 

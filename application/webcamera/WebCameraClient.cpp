@@ -2,6 +2,7 @@
 #include "WebCameraClient.h"
 
 #include <cstdlib>
+#include <new>
 
 WebCameraClient::WebCameraClient() : m_processor(*this, *this) {}
 
@@ -44,7 +45,11 @@ int WebCameraClient::onRead(EPollEvent&)
     if (0 == nRead) {
         return 0; // the reactor looks once too often; only bytes are a chunk, to be routed again
     }
-    return m_processor.parse(m_buffer.get(), nRead);
+    try {
+        return m_processor.parse(m_buffer.get(), nRead);
+    } catch (const std::bad_alloc&) {
+        return 1; // e.g. for a long path: this connection ends, the service goes on
+    }
 }
 
 int WebCameraClient::write(const void* pData, int nLength)

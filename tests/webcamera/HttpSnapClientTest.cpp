@@ -11,6 +11,7 @@
 #include "CardFolder.h"
 #include "Connection.h"
 #include "FakeSystem.h"
+#include "Fault.h"
 #include "LogCapture.h"
 #include "Mask.h"
 
@@ -306,6 +307,29 @@ TEST_F(HttpSnapClientTest, FolderAsTheTargetIsNotSavedTo)
 TEST_F(HttpSnapClientTest, FileNameLongerThanTheHeadersBlockIsWhole)
 {
     expectAnswered(std::string(1800, 'n'));
+}
+
+TEST_F(HttpSnapClientTest, WithoutMemoryForALongPathItIsAnsweredAndNotSaved)
+{
+    CardFolder card("camera");
+    std::string strName = "a.jpg";
+    while (strName.size() < 1500) {
+        strName = "./" + strName;
+    }
+    ASSERT_EQ(0, m_connection.request(request("?filename=" + strName)));
+    PVENC_FRAME_T frame = makeFrame(5000);
+    {
+        FaultScope fault("malloc>=1400:1-:ENOMEM");
+        FakeSystem::deliver(frame);
+        EXPECT_GE(faultHits(), 1u);
+    }
+
+    std::string strStream = m_connection.receive();
+    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, strName));
+    EXPECT_FALSE(card.has("a.jpg"));
+
+    FakeSystem::deliver(frame);
+    EXPECT_EQ(payload(5000), card.read("a.jpg")) << "the next picture is saved";
 }
 
 TEST_F(HttpSnapClientTest, StoppedResponderIsNotReached)

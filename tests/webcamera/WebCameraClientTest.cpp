@@ -46,6 +46,26 @@ TEST_F(WebCameraClientTest, LiveIsAnsweredWithTheStream)
     EXPECT_EQ("0 ", FakeSystem::streams());
 }
 
+TEST_F(WebCameraClientTest, RequestWithoutMemoryForItsTextsEndsTheConnection)
+{
+    const std::string strLong(1500, 'x');
+    const std::string aRequest[] = {
+        "GET /" + strLong + " HTTP/1.1\r\n\r\n",
+        "GET /live?" + strLong + "=1 HTTP/1.1\r\n\r\n",
+        "GET /live?a=" + strLong + " HTTP/1.1\r\n\r\n",
+        "GET /live HTTP/1.1\r\nContent-Type: " + strLong + "\r\n\r\n",
+    };
+    for (const std::string& strRequest : aRequest) {
+        Connection connection;
+        FaultScope fault("malloc>=1400:1-:ENOMEM");
+
+        EXPECT_EQ(1, connection.request(strRequest)) << strRequest;
+
+        EXPECT_GE(faultHits(), 1u) << strRequest;
+        EXPECT_EQ("", FakeSystem::streams());
+    }
+}
+
 TEST_F(WebCameraClientTest, AnyStreamIsStream0)
 {
     for (const char* pQuery :
