@@ -40,11 +40,12 @@ LEAST_ROUNDS = 8  # however short the run: trends are judged by the last two thi
 LIVE_BOUND = 20.0  # s
 QUIET_BOUND = 30.0  # s; a silent client is found by keep-alive after 5 s and two probes
 # What the line through the quiet moments' samples may rise in the last two thirds of a run.
-# Allocated bytes come back to what they were but for blocks that threads' caches of the C library
-# keep, which count as allocated: 64 sizes of at most 7 blocks for each of 6 threads, of which runs
-# without a leak showed less than 100 kB in use. Resident memory also has the holes that a peak left
-# behind; under AddressSanitizer its own tables of stacks and freed blocks besides.
-ALLOCATED_BOUND = 256 * 1024  # bytes
+# Allocated bytes come back to what they were: to the byte under AddressSanitizer. In the release
+# build small freed blocks that the C library keeps for each thread count as allocated; they grew
+# by 14 kB over the last two thirds of five minutes, ever more slowly. Resident memory also has the
+# holes that a peak left behind, up to 2 MB at a time; under AddressSanitizer its tables of stacks
+# and freed blocks besides.
+ALLOCATED_BOUND = 48 * 1024  # bytes
 RESIDENT_BOUND = {"": 4096, "asan": 16384}  # kB
 
 
@@ -118,7 +119,8 @@ class Churn:
         except AssertionError as error:  # the samples tell
             print(error, flush=True)
         now = time.monotonic() - self.started
-        state = self.rig.state()
+        # The frame that is being handed on, a quarter of the time, is no leak: the least of some.
+        state = min((self.rig.state() for _ in range(5)), key=lambda one: one["allocated"])
         kinds = self.rig.descriptors()
         pins = kinds.pop(PINS, 0)
         if pins != PINS_PER_RESET * self.rig.resets:
@@ -188,9 +190,10 @@ class Churn:
         for name in ("descriptors", "threads", "consumers"):
             self.judge(check_equal(name, self.samples.get(name, []), self.idle.get(name)))
         bound = RESIDENT_BOUND[self.rig.server.sanitizer]
-        self.judge(check_growth("allocated bytes", self.samples.get("allocated", []),
-                                ALLOCATED_BOUND))
-        self.judge(check_growth("resident memory, kB", self.samples.get("resident", []), bound))
+        if self.tally.counts.get("rounds", 0) >= LEAST_ROUNDS or not self.tally.failures:
+            self.judge(check_growth("allocated bytes", self.samples.get("allocated", []),
+                                    ALLOCATED_BOUND))
+            self.judge(check_growth("resident memory, kB", self.samples.get("resident", []), bound))
         return {"build": build_name(), "minutes": (time.monotonic() - self.started) / 60,
                 "counts": self.tally.counts, "samples": self.samples,
                 "highest": self.peaks.highest, "pins": PINS_PER_RESET * self.rig.resets,
