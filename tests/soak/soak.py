@@ -88,21 +88,28 @@ class Churn:
         watcher = Watcher(camera, self.tally)
         for thread in (*clients, camera, cable, watcher):
             thread.start()
-        end = time.monotonic() + seconds
-        while time.monotonic() < end and self.rig.server.alive():
-            self.rig.console("lines 50")
-            time.sleep(0.2)
-        self.peaks.see("consumers", self.rig.state()["consumers"])
-        self.peaks.see("allocated", self.rig.state()["allocated"])
-        camera.end()
-        cable.end()
-        self.rig.camera.ctl("clear")
-        watcher.end()  # after one more picture
-        stop.set()
+        try:
+            self.beside(seconds)
+            camera.end()
+            cable.end()
+            self.rig.camera.ctl("clear")
+            watcher.end()  # after one more picture
+        finally:
+            stop.set()
         for client in clients:
             client.join()
         if not self.rig.server.alive():
             raise AssertionError(f"the service ended: {self.rig.server.process.returncode}")
+
+    def beside(self, seconds):
+        """Beside the churn: log lines; in the end a look at what is highest then."""
+        end = time.monotonic() + seconds
+        while time.monotonic() < end and self.rig.server.alive():
+            self.rig.console("lines 50")
+            time.sleep(0.2)
+        state = self.rig.state()
+        self.peaks.see("consumers", state["consumers"])
+        self.peaks.see("allocated", state["allocated"])
 
     def own_chance(self):
         return random.Random(self.chance.random())
@@ -185,8 +192,9 @@ class Churn:
     def finish(self):
         self.peaks.end()
         ended = self.rig.close()
-        if ended:
-            self.tally.fail(ended)
+        if ended:  # the cause of the others
+            print(f"FAILED: {ended}", flush=True)
+            self.tally.failures.insert(0, ended)
         for name in ("descriptors", "threads", "consumers"):
             self.judge(check_equal(name, self.samples.get(name, []), self.idle.get(name)))
         bound = RESIDENT_BOUND[self.rig.server.sanitizer]
