@@ -1,0 +1,233 @@
+"""Make each call of the service fail, at each place and with each error, and print what came of it.
+
+usage: run.py full|quick [--table FILE] [--workers N] [--call NAME]...
+KESTREL_BUILD names the build folder.
+
+A call's first positions lie in the start: each of them fails, with each error, in a process of its
+own. The later ones, to the 200th call, fail while clients stream and ask: every STEP-th in a run, and
+as many runs as bring every error to every position. Quick: only every STEP-th position, with the
+errors by turns, in one run for each call, and one error for each position of the start.
+
+The fault library is loaded before the virtual camera's, so that calls which the camera answers can
+fail as well, and leaves out the calls that the camera's library makes itself.
+"""
+
+import argparse
+import collections
+import json
+import os
+import queue
+import re
+import subprocess
+import sys
+import threading
+import time
+
+from calls import CALLS, FOREVER
+import service
+from service import harness
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+PRIVATE_HOST = os.path.join(HERE, "..", "support", "private-host")
+LAST = 200
+STEP = 10
+
+# What the service may do by agreement when the call fails at its start: a pattern of its log or
+# output, what is not served then ("" for a service that ends), and the words for the table.
+AGREED = (
+    (r"create accept socket error !!   accept ip:\(null\) port:8329", "",
+     'ends, "create accept socket error !!"'),
+    (r"accept socket add fd error !!   accept ip:\(null\) port:8329", "",
+     'ends, "accept socket add fd error !!"'),
+    (r"create accept socket error !!   accept ip:\(null\) port:8001", "log",
+     "serves without log viewers"),
+    (r"accept socket add fd error !!   accept ip:\(null\) port:8001", "log",
+     "serves without log viewers"),
+)
+# A registration that fails with these counts as done (EPoll::addFd): nobody hears that listener.
+UNHEARD = ("ELOOP", "ENOSPC")
+
+
+class Worker(threading.Thread):
+    """Does tasks in a private host of its own."""
+
+    most = 2
+
+    def __init__(self, tasks, results):
+        super().__init__()
+        self._tasks, self._results = tasks, results
+        self._process = subprocess.Popen(
+            [PRIVATE_HOST, sys.executable, "-B", os.path.abspath(__file__), "--worker"],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.start()
+
+    def run(self):
+        while True:
+            try:
+                task = self._tasks.get_nowait()
+            except queue.Empty:
+                break
+            self._process.stdin.write(json.dumps(task) + "\n")
+            self._process.stdin.flush()
+            line = self._process.stdout.readline()
+            if not line:
+                break
+            self._results.append((task, json.loads(line)))
+            if sys.stderr.isatty():
+                print(f"\r{len(self._results)} runs", end="", file=sys.stderr)
+        self._process.stdin.close()
+        self._process.wait()
+
+
+def work():
+    """The other end of a worker: a task a line, its result a line."""
+    answers = os.fdopen(os.dup(1), "w")
+    os.dup2(2, 1)
+    host = service.Host()
+    for line in sys.stdin:
+        answers.write(json.dumps(service.run(host, json.loads(line))) + "\n")
+        answers.flush()
+    host.close()
+
+
+def do_all(tasks):
+    """Results in no order: [(task, result)]."""
+    waiting = queue.Queue()
+    for task in tasks:
+        waiting.put(task)
+    results = []
+    workers = [Worker(waiting, results) for _ in range(min(Worker.most, len(tasks)))]
+    for worker in workers:
+        worker.join()
+    if len(results) != len(tasks):
+        raise SystemExit("a worker ended early")
+    return results
+
+
+def count_start(calls):
+    """How often each call comes until the service listens, by name."""
+    plan = ";".join(f"{call.rule}:{FOREVER}:EIO" for call in calls)
+    ((_, result),) = do_all([{"plan": plan, "until": 0, "load": ""}])
+    if not result["listens"] or result["failing"]:
+        raise SystemExit(f"the service does not serve undisturbed: {result}")
+    return {call.name: count for call, count in zip(calls, result["at_start"])}
+
+
+def count_all(calls):
+    """How often each call comes at all under its load, 200 for at least that often, by name."""
+    tasks = [{"call": call.name, "plan": f"{call.rule}:{FOREVER}:EIO", "until": LAST,
+              "load": call.load, "hurry": call.load == "reopen"} for call in calls]
+    return {task["call"]: min(result["seen"], LAST) for task, result in do_all(tasks)}
+
+
+def start_tasks(call, count, quick):
+    for position in range(1, count + 1):
+        errors = [call.errors[position % len(call.errors)]] if quick else call.errors
+        for error in errors:
+            yield {"call": call.name, "phase": "start", "position": position, "errors": [error],
+                   "plan": f"{call.rule}:{position}:{error}", "until": 0, "load": ""}
+
+
+def stream_tasks(call, count, quick):
+    """Runs of every STEP-th call; the errors by turns, so that each run meets several."""
+    errors = call.errors
+    for first in range(count + 1, count + 1 + (1 if quick else STEP)):
+        for turn in range(1 if quick else len(errors)):
+            turned = errors[turn:] + errors[:turn]
+            yield {"call": call.name, "phase": "stream", "position": first, "errors": turned,
+                   "plan": f"{call.rule}:{first}/{STEP}-{LAST}:{','.join(turned)}",
+                   "until": LAST, "load": call.load, "hurry": call.load == "reopen"}
+
+
+def verdict(task, result):
+    """What came of it in a few words, and whether it is a failure."""
+    text = result["output"] + result["log"]
+    if result["sanitizer"]:
+        return "sanitizer: " + result["sanitizer"][:200], True
+    if result["bad"]:
+        return f"wrong bytes: {result['bad'][0]}", True
+    if not result["ended"] and not result["failing"]:
+        return "served on" if result["hits"] else "not reached", False
+    if task["phase"] == "start":
+        for pattern, unserved, words in AGREED:
+            agreed = "exit 1" == result["ended"] if not unserved else (
+                not result["ended"] and {unserved} == set(result["failing"]))
+            if agreed and re.search(pattern, text):
+                return words, False
+        if "epoll_ctl" == task["call"] and task["errors"][0] in UNHEARD and not result["ended"]:
+            return "as agreed, a listener that nobody hears", False
+    last = text.strip().splitlines()[-1:] or [""]
+    what = result["ended"] or "does not serve: " + ", ".join(
+        f"{name} {why}" for name, why in result["failing"].items())
+    return f"FAILED {task['plan']}: {what}; {last[0]}", True
+
+
+def table(calls, at_start, reached, results):
+    """Markdown rows, the failures, and the number of failed calls."""
+    rows, failures, faults = [], [], 0
+    for call in calls:
+        starts, streamed, here, runs = set(), False, 0, collections.Counter()
+        for task, result in results:
+            if task["call"] != call.name:
+                continue
+            words, failed = verdict(task, result)
+            if failed:
+                failures.append(words)
+            if failed or result["hits"]:
+                runs["FAILED" if failed else words] += 1
+            here += result["hits"]
+            if result["hits"] and task["phase"] == "start":
+                starts.add(task["position"])
+            streamed |= bool(result["hits"]) and task["phase"] == "stream"
+        faults += here
+        last = reached[call.name]
+        outcome = "; ".join(f"{words}: {number}" for words, number in runs.most_common())
+        rows.append(
+            f"| {call.name} | {f'1 to {max(starts)}' if starts else 'none'} | "
+            f"{f'{at_start[call.name] + 1} to {last}' if streamed else 'none'} | {last or '-'} | "
+            f"{len(call.errors)} | {here} | {outcome if last else 'not called'} |")
+    head = ["| Call | Failed at the start | Failed while streaming | Reached (of 200) | Errors | "
+            "Failed calls | Runs |", "|---|---|---|---|---|---|---|"]
+    return head + rows, failures, faults
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("form", choices=("full", "quick"))
+    parser.add_argument("--table")
+    parser.add_argument("--workers", type=int, default=2, help="services at once")
+    parser.add_argument("--call", action="append", help="only this one, e.g. send")
+    arguments = parser.parse_args()
+    quick = "quick" == arguments.form
+    Worker.most = arguments.workers
+    sanitizer = harness.sanitizer_of(f"{harness.BUILD}/application/kestrel-server")[0]
+    calls = [call for call in CALLS if (not arguments.call or call.name in arguments.call)
+             and not (sanitizer and "alloc" in call.rule)]  # those are the sanitizer's own
+    if not calls:
+        parser.error("no such call")
+
+    start = time.monotonic()
+    at_start = count_start(calls)
+    reached = {name: max(count, at_start[name]) for name, count in count_all(calls).items()}
+    # A sanitizer's wrapper of these hides whether the service or the virtual camera calls, which it
+    # does while it is opened.
+    tasks = [task for call in calls if not (sanitizer and call.name in ("send", "recv", "poll"))
+             for task in start_tasks(call, at_start[call.name], quick)]
+    tasks += [task for call in calls if reached[call.name] > at_start[call.name]
+              for task in stream_tasks(call, at_start[call.name], quick)]
+    results = do_all(tasks)
+    rows, failures, faults = table(calls, at_start, reached, results)
+    minutes = (time.monotonic() - start) / 60
+    print("\n".join(rows))
+    for failure in failures:
+        print(failure)
+    print(f"\n{faults} calls failed in {len(tasks)} runs of the service, {minutes:.1f} minutes; "
+          f"{len(failures)} runs with a finding")
+    if arguments.table:
+        with open(arguments.table, "w", encoding="utf-8") as file:
+            file.write("\n".join(rows) + "\n")
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(work() if "--worker" in sys.argv else main())
