@@ -67,8 +67,12 @@ public:
     /** One pass of the capture loop, the body of the thread. @return 0 */
     int dispatchThread();
 
-private:
+protected:
+    /** Hand a frame to every consumer. Capture thread; whoever derives to measure it without one.
+     */
     void deliver(PVENC_FRAME_T& frame);
+
+private:
     void recoverCamera();
 
     int32_t m_nStream = 0;
