@@ -231,17 +231,37 @@ TEST_F(HttpLiveClientTest, OtherEventIsABadCast)
     EXPECT_THROW((void)live.onLiveFrameEvent(&other), std::bad_cast);
 }
 
+TEST_F(HttpLiveClientTest, StartFailsWithoutMemory)
+{
+    for (const char* pPlan : {"calloc=1024:1:ENOMEM", "calloc=256:1:ENOMEM"}) {
+        HttpLiveClient live(m_connection.client(), 0);
+        FaultScope fault(pPlan);
+        EXPECT_EQ(1, live.start()) << pPlan;
+        EXPECT_EQ(1u, faultHits()) << pPlan;
+    }
+    EXPECT_EQ("", m_connection.receive());
+}
+
+TEST_F(HttpLiveClientTest, FrameTakesNoMemoryForItsBoundary)
+{
+    PVENC_FRAME_T frame = makeFrame(200);
+    FaultScope fault("calloc=256:1-:ENOMEM");
+
+    FakeSystem::deliver(frame);
+
+    EXPECT_EQ(0u, faultHits());
+    EXPECT_NE(std::string::npos, m_connection.receive().find(TRAILER));
+}
+
 TEST_F(HttpLiveClientTest, FrameIsDroppedWholeWithoutMemory)
 {
     PVENC_FRAME_T frame = makeFrame(200);
-    for (const char* pPlan : {"calloc=256:1:ENOMEM", "calloc=1024:1:ENOMEM"}) {
-        {
-            FaultScope fault(pPlan);
-            FakeSystem::deliver(frame);
-            EXPECT_EQ(1u, faultHits()) << pPlan;
-        }
-        EXPECT_EQ("", m_connection.receive()) << pPlan;
+    {
+        FaultScope fault("calloc=1024:1:ENOMEM");
+        FakeSystem::deliver(frame);
+        EXPECT_EQ(1u, faultHits());
     }
+    EXPECT_EQ("", m_connection.receive());
     FakeSystem::deliver(frame);
     EXPECT_NE("", m_connection.receive());
 }
