@@ -1,14 +1,18 @@
 // stream-floor: the least that a stream can cost, beside which the service is measured.
 //
-// usage: stream-floor PORT [nodelay]
+// usage: stream-floor PORT [agreed]
 //
 // One thread, one loop. It takes its pictures from the same (virtual) camera as the service, by the
 // same driver calls with as many buffers: wait with poll, dequeue the filled buffer, give the one
 // before back. It then hands the same three blocks (part header, picture, boundary) to each client
 // with send(2), in the order in which they came, straight from the camera's memory: no copy, no
-// queue, no lock, no memory allocated. The sockets have the options that the service sets, unless
-// "nodelay" adds TCP_NODELAY. What a socket does not take at once is sent on when it is writable,
-// after all others have had their blocks.
+// queue, no lock, no memory allocated. The sockets have the options that the service sets. What a
+// socket does not take at once is sent on when it is writable, after all others have had their
+// blocks.
+//
+// With "agreed" the loop also does what the service has to do for each frame by agreement: it
+// copies the picture into a block of its own, gives the camera's buffer back before the first send,
+// and pauses for 10 ms after the last.
 //
 // So frame and time stamp become available to both programs in the same way and at the same cost,
 // and what the service takes beyond the floor is its own: threads, hand-over, queues, blocks.
@@ -28,6 +32,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -115,6 +120,18 @@ public:
         return {static_cast<const char*>(m_apBytes[m_buffer.index]), m_buffer.bytesused};
     }
 
+    /** A copy of the next picture, to be freed; the camera has its buffer back. */
+    Block copy()
+    {
+        const Block picture = take();
+        m_bTaken = false; // given back here already
+        auto* pCopy = static_cast<char*>(malloc(picture.nBytes));
+        check(nullptr != pCopy, "malloc");
+        memcpy(pCopy, picture.pBytes, picture.nBytes);
+        call(VIDIOC_QBUF, &m_buffer, "VIDIOC_QBUF");
+        return {pCopy, picture.nBytes};
+    }
+
 private:
     void call(unsigned long nRequest, void* pArgument, const char* pName) const
     {
@@ -141,7 +158,7 @@ int listenOn(uint16_t u16Port)
     return nListener;
 }
 
-int acceptClient(int nListener, bool bNoDelay)
+int acceptClient(int nListener)
 {
     const int nSocket = ::accept4(nListener, nullptr, nullptr, SOCK_CLOEXEC);
     check(nSocket >= 0, "accept");
@@ -157,9 +174,8 @@ int acceptClient(int nListener, bool bNoDelay)
             0 == ::setsockopt(nSocket, IPPROTO_TCP, TCP_KEEPCNT, &anKeepAlive[2], sizeof(int)) &&
             0 == ::setsockopt(nSocket, SOL_SOCKET, SO_RCVBUF, &SOCKET_BUFFER,
                               sizeof(SOCKET_BUFFER)) &&
-            0 == ::setsockopt(nSocket, SOL_SOCKET, SO_SNDBUF, &SOCKET_BUFFER,
-                              sizeof(SOCKET_BUFFER)) &&
-            (!bNoDelay || 0 == ::setsockopt(nSocket, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn))),
+            0 ==
+                ::setsockopt(nSocket, SOL_SOCKET, SO_SNDBUF, &SOCKET_BUFFER, sizeof(SOCKET_BUFFER)),
         "socket options");
     check(::send(nSocket, ANSWER, strlen(ANSWER), MSG_NOSIGNAL) > 0, "answer");
     return nSocket;
@@ -229,10 +245,10 @@ void sendFrame(const std::vector<int>& vecClient, const Block& picture)
 int main(int nCount, char** ppArgument)
 {
     if (nCount < 2 || nCount > 3) {
-        fprintf(stderr, "usage: stream-floor PORT [nodelay]\n");
+        fprintf(stderr, "usage: stream-floor PORT [agreed]\n");
         return 2;
     }
-    const bool bNoDelay = 3 == nCount;
+    const bool bAgreed = 3 == nCount;
     const int nListener = listenOn(static_cast<uint16_t>(atoi(ppArgument[1])));
     Camera camera;
     std::vector<int> vecClient;
@@ -240,10 +256,16 @@ int main(int nCount, char** ppArgument)
         pollfd aPoll[] = {{camera.descriptor(), POLLIN, 0}, {nListener, POLLIN, 0}};
         check(::poll(aPoll, 2, -1) > 0, "poll");
         if (0 != aPoll[0].revents) {
-            sendFrame(vecClient, camera.take());
+            const Block picture = bAgreed ? camera.copy() : camera.take();
+            sendFrame(vecClient, picture);
+            if (bAgreed) {
+                free(const_cast<char*>(picture.pBytes));
+                timeval pause = {0, 10000};
+                (void)::select(0, nullptr, nullptr, nullptr, &pause);
+            }
         }
         if (0 != aPoll[1].revents) {
-            vecClient.push_back(acceptClient(nListener, bNoDelay));
+            vecClient.push_back(acceptClient(nListener));
         }
     }
 }
