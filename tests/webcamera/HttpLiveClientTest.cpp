@@ -231,6 +231,16 @@ TEST_F(HttpLiveClientTest, OtherEventIsABadCast)
     EXPECT_THROW((void)live.onLiveFrameEvent(&other), std::bad_cast);
 }
 
+TEST_F(HttpLiveClientTest, SizeBeyondItsPlacesWidensTheHeader)
+{
+    PVENC_FRAME_T frame = makeFrame(100000000);
+
+    FakeSystem::deliver(frame);
+
+    EXPECT_EQ(0u, m_connection.receive().find(
+                      "Content-Type: image/jpeg\r\nContent-Length: 100000000\r\nX-Timestamp: "));
+}
+
 TEST_F(HttpLiveClientTest, StartFailsWithoutMemory)
 {
     for (const char* pPlan : {"calloc=1024:1:ENOMEM", "calloc=256:1:ENOMEM"}) {
