@@ -505,7 +505,8 @@ EXPORT void* realloc(void* pBlock, size_t uSize)
     return s_pReal(pBlock, uSize);
 }
 
-__attribute__((constructor)) static void findFree(void)
+// The first of the program's: those of C++ free what they built.
+__attribute__((constructor(101))) static void findFree(void)
 {
     resolveAllocator(&g_pRealFree, "free");
 }
