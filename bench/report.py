@@ -47,8 +47,8 @@ def markdown(rows):
     """The rows as a table that reads well as plain text too."""
     lines = [["Piece", "Figure", "Value", "Floor", "Ratio", "Goal", "", "Bound by"]]
     lines += [cells(row) for row in rows]
-    widths = [max(len(line[column]) for line in lines) for column in range(len(lines[0]))]
-    lines.insert(1, ["-" * max(width, 3) for width in widths])
+    widths = [max(3, *(len(line[column]) for line in lines)) for column in range(len(lines[0]))]
+    lines.insert(1, ["-" * width for width in widths])
     return "".join("| " + " | ".join(text.ljust(width) for text, width in zip(line, widths))
                    + " |\n" for line in lines)
 
