@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fcntl.h>
+#include <poll.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -25,11 +26,17 @@ struct Case
     long nDelayUs;
     uint32_t u32Lines; // of a job: some 0.1 to 0.4 s
     int nPairs;        // of a job and a bare loop
+    bool bTimeOut;     // the bare loop waits with a time-out
+    const char* pGoal;
 };
 
-const Case CASES[] = {{"answered at once", 0, 2000, 21},
-                      {"answered after 2 ms", 2000, 100, 9},
-                      {"answered after 5 ms", 5000, 60, 9}};
+// A link has to notice a dead controller, so the floor of the goal waits with a time-out as well.
+// What that costs shows beside a bare loop that would wait for ever.
+const Case CASES[] = {
+    {"job lines, answered at once", 0, 2000, 21, true, "0.9"},
+    {"job lines, answered at once, beside reads without a time-out", 0, 2000, 21, false, "null"},
+    {"job lines, answered after 2 ms", 2000, 100, 9, true, "0.9"},
+    {"job lines, answered after 5 ms", 5000, 60, 9, true, "0.9"}};
 
 /** Lines per second of a job and of the bare loop right behind it, in the same weather. */
 struct Pair
@@ -81,15 +88,16 @@ double runService(PtyPeer& peer, uint32_t u32Lines)
 }
 
 /** Write, wait for the answer, and again. */
-double runBare(PtyPeer& peer, uint32_t u32Lines)
+double runBare(PtyPeer& peer, uint32_t u32Lines, bool bTimeOut)
 {
     const int nFd = open(peer.path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     peer.reset();
     char acReply[64];
+    pollfd entry{nFd, POLLIN, 0};
     for (uint32_t i = 0; i < u32Lines + 1; ++i) {
         if (static_cast<ssize_t>(sizeof(WIRE_LINE) - 1) !=
                 write(nFd, WIRE_LINE, sizeof(WIRE_LINE) - 1) ||
-            read(nFd, acReply, sizeof(acReply)) <= 0) {
+            (bTimeOut && 1 != poll(&entry, 1, 10000)) || read(nFd, acReply, sizeof(acReply)) <= 0) {
             break;
         }
     }
@@ -103,7 +111,7 @@ Pair measure(const Case& run)
     std::vector<Pair> vecPair;
     for (int i = 0; i < run.nPairs; ++i) {
         const double dService = runService(peer, run.u32Lines);
-        vecPair.push_back({dService, runBare(peer, run.u32Lines)});
+        vecPair.push_back({dService, runBare(peer, run.u32Lines, run.bTimeOut)});
     }
     // The median of the ratios: a busy moment slows both of a pair.
     std::sort(vecPair.begin(), vecPair.end(),
@@ -126,15 +134,16 @@ int main(int nArgs, char** ppArg)
     }
     Log::getInstance().setLevel(5).setSinks(0); // as in service
 
+    stayOnProcessor(0); // the print service's thread will, too
     fprintf(pOut, "[");
     const char* pSeparator = "\n";
     for (const Case& run : CASES) {
         const Pair pair = measure(run);
         fprintf(pOut,
-                "%s{\"piece\": \"print link\", \"figure\": \"job lines, %s\", \"value\": %.1f, "
-                "\"unit\": \"1/s\", \"floor\": %.1f, \"ratio\": %.4f, \"goal\": 0.9, "
+                "%s{\"piece\": \"print link\", \"figure\": \"%s\", \"value\": %.1f, "
+                "\"unit\": \"1/s\", \"floor\": %.1f, \"ratio\": %.4f, \"goal\": %s, "
                 "\"better\": \"more\", \"bound\": \"one line per reply\"}",
-                pSeparator, run.pName, pair.dService, pair.dBare, pair.ratio());
+                pSeparator, run.pName, pair.dService, pair.dBare, pair.ratio(), run.pGoal);
         pSeparator = ",\n";
     }
     fprintf(pOut, "\n]\n");

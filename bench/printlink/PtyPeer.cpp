@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <sched.h>
 #include <stdexcept>
 #include <termios.h>
 #include <unistd.h>
@@ -28,6 +29,14 @@ void sleepUntil(int64_t s64Ns)
 }
 
 } // namespace
+
+void stayOnProcessor(int nProcessor)
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(nProcessor, &set);
+    (void)sched_setaffinity(0, sizeof(set), &set); // refused: as the scheduler likes
+}
 
 PtyPeer::PtyPeer(long nDelayUs) : m_nDelayUs(nDelayUs)
 {
@@ -63,6 +72,7 @@ double PtyPeer::seconds() const
 
 void PtyPeer::answer()
 {
+    stayOnProcessor(1);
     char acLine[256];
     while (read(m_nMaster, acLine, sizeof(acLine)) > 0) {
         const int64_t s64Ns = nowNs();

@@ -7,6 +7,14 @@
 #include <thread>
 
 /**
+ * Keep the calling thread, and those that it starts, on one processor; without that many, on any.
+ * Where the scheduler puts two threads that wake each other is worth a factor of three.
+ */
+void stayOnProcessor(int nProcessor);
+
+/**
+ * Runs on processor 1: a controller has a processor of its own.
+ *
  * Whatever arrives in one read counts as one line. The service and the bare loop, which are
  * compared, get the same peer; it takes the times, too, where both are alike: at the arrival of a
  * line.
