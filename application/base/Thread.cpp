@@ -170,14 +170,6 @@ int Thread::start()
     if (state.isRunning()) {
         return 0;
     }
-    // A creation that failed, e.g. for want of memory, may succeed by now: a server whose thread is
-    // missing would listen and never answer.
-    if (0 == state.s32Tid && !m_bKilled && nullptr != state.pBody) {
-        const int nRet = create();
-        if (0 != nRet) {
-            return nRet;
-        }
-    }
     (void)state.mtx.lock();
     state.u32Flags |= FLAG_STARTED;
     (void)state.cond.signal();

@@ -392,20 +392,6 @@ TEST(Thread, CreateReturnsThePlatformsErrorAndMayBeTriedAgain)
     EXPECT_TRUE(waitForCalls(worker, 2));
 }
 
-TEST(Thread, StartMakesUpForAFailedCreation)
-{
-    (void)faultPlan("pthread_create:1-2:EAGAIN");
-    Worker worker;
-    Thread thread(&Worker::run, &worker, "late", 0, 0, 0, true);
-
-    EXPECT_EQ(EAGAIN, thread.start());
-    (void)faultPlan("");
-    EXPECT_EQ(0, worker.m_nCalls.load());
-    EXPECT_EQ(0, thread.start());
-
-    EXPECT_TRUE(waitForCalls(worker, 2));
-}
-
 TEST(Thread, RefusedPriorityIsLogged)
 {
     LogCapture log(BARE_FUNCTION);

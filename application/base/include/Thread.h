@@ -46,7 +46,7 @@ public:
         m_pState->bJoinable = bJoinable;
         m_pState->pBody.reset(new (std::nothrow) ThreadFunc<int, int (C::*)(), C>(pFunc, pObj));
         if (nullptr != m_pState->pBody) {
-            (void)create(); // logged there; the object then has no thread until start()
+            (void)create(); // logged there; the object then has no thread
         } else {
             Log::getInstance().log("application/base/include/Thread", __LINE__, "Thread", 2,
                                    "thread callback function new failed !!\n");
@@ -64,11 +64,7 @@ public:
     /** Called by the constructor. @return 0 or the platform's error (logged, level 2) */
     int create();
 
-    /**
-     * Open the gate; nothing happens while the thread is running. A thread whose creation failed is
-     * created now.
-     * @return 0, or the error of a creation that failed again (logged, level 2)
-     */
+    /** Open the gate; nothing happens while the thread is running. @return 0 */
     int start();
 
     /**
