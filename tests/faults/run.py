@@ -156,6 +156,8 @@ def verdict(task, result):
                 return words, False
         if "epoll_ctl" == task["call"] and task["errors"][0] in UNHEARD and not result["ended"]:
             return "as agreed, a listener that nobody hears", False
+        if "pthread_create" == task["call"] and not result["ended"]:
+            return "as agreed, without the thread and what it serves", False
     last = text.strip().splitlines()[-1:] or [""]
     what = result["ended"] or "does not serve: " + ", ".join(
         f"{name} {why}" for name, why in result["failing"].items())
