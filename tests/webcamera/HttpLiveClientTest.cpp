@@ -267,7 +267,7 @@ TEST_F(HttpLiveClientTest, FrameIsDroppedWholeWithoutMemory)
 {
     PVENC_FRAME_T frame = makeFrame(200);
     {
-        FaultScope fault("calloc=1024:1:ENOMEM");
+        FaultScope fault("malloc=1024:1:ENOMEM");
         FakeSystem::deliver(frame);
         EXPECT_EQ(1u, faultHits());
     }
