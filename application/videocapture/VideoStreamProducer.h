@@ -68,8 +68,7 @@ public:
     int dispatchThread();
 
 protected:
-    /** Hand a frame to every consumer. Capture thread; whoever derives to measure it without one.
-     */
+    /** Hand a frame to every consumer. Capture thread, or a derived class measuring it alone. */
     void deliver(PVENC_FRAME_T& frame);
 
 private:
