@@ -40,6 +40,11 @@ class Growth(unittest.TestCase):
 
         self.assertIn("memory: grows", check_growth("memory", samples, 1024))
 
+    def test_one_moment_far_off_is_passed(self):
+        samples = run(lambda number: 22000 if number == 50 else 8000 + 10 * (number > 50))
+
+        self.assertEqual("", check_growth("memory", samples, 100))
+
     def test_falling_memory_is_passed(self):
         self.assertEqual("", check_growth("memory", run(lambda number: 8000 - number), 0))
 
