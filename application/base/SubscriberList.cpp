@@ -42,8 +42,8 @@ thread_local const SubscriberList::CallFrame* SubscriberList::CallFrame::t_pInne
  * One publisher's walk over the list.
  *
  * Announcing and then looking, here, and unlinking and then looking for announcements, in remove,
- * are sequentially consistent: one of the two sees the other. So one exchange serves both to take
- * the slot and to announce the first entry; everything else is plain loads and stores.
+ * are sequentially consistent: one of the two sees the other. One exchange serves both to take the
+ * slot and to announce the first entry. Only leaving is weaker: a release.
  */
 class SubscriberList::Visit
 {
@@ -76,10 +76,9 @@ public:
         m_list.m_nGuests.fetch_sub(1);
     }
 
-    /** Announce the entry that the link holds. @return it, null at the end */
-    Subscriber* moveTo(const std::atomic<Subscriber*>& link)
+    /** Announce the entry. @return it, null at the end */
+    Subscriber* moveTo(Subscriber* pEntry)
     {
-        Subscriber* const pEntry = link.load();
         if (nullptr == pEntry || m_pAt == pEntry) {
             return pEntry;
         }
@@ -223,7 +222,10 @@ void SubscriberList::publish(Event& event, PUBLISH_MODE_E eMode)
     }
     Visit visit(*this, pFirst);
     // The oldest may be another one by now: the list is looked at again from the slot.
-    for (Subscriber* p = visit.moveTo(m_pOldest); nullptr != p; p = visit.moveTo(p->m_pNewer)) {
+    Subscriber* pNewer = nullptr;
+    for (Subscriber* p = visit.moveTo(m_pOldest.load()); nullptr != p; p = visit.moveTo(pNewer)) {
+        // Before the call: whom the newest entry's handler subscribes gets the next event.
+        pNewer = p->m_pNewer.load();
         if (PUBLISH_SKIP_RUNNING == eMode && 0 != CallFrame::count(p)) {
             continue;
         }

@@ -2,10 +2,13 @@
 #include "HttpRequestParser.h"
 
 #include <algorithm>
+#include <cctype>
+#include <charconv>
 #include <climits>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
 #include <new>
+#include <system_error>
 
 #include "Log.h"
 
@@ -22,13 +25,26 @@ bool isHeader(std::string_view name, const char* pField, size_t uLength)
     return uLength <= name.size() && 0 == memcmp(name.data(), pField, uLength);
 }
 
-/** As atoi(3), with the same result whatever the width of long. */
+/** As atoi(3), clamped to int; the header's value has no terminator. Allocates nothing. */
 int toInt(std::string_view text)
 {
-    const std::string strText(text); // the header's value has no terminator
-    const long lValue = strtol(strText.c_str(), nullptr, 10);
-    return static_cast<int>(
-        std::clamp(lValue, static_cast<long>(INT_MIN), static_cast<long>(INT_MAX)));
+    while (!text.empty() && 0 != isspace(static_cast<unsigned char>(text.front()))) {
+        text.remove_prefix(1);
+    }
+    const bool bNegative = !text.empty() && '-' == text.front();
+    if (bNegative || (!text.empty() && '+' == text.front())) {
+        text.remove_prefix(1);
+    }
+    uint32_t u32Value = 0;
+    if (std::errc::result_out_of_range ==
+        std::from_chars(text.data(), text.data() + text.size(), u32Value).ec) {
+        u32Value = UINT32_MAX;
+    }
+    const auto u32Most = static_cast<uint32_t>(INT_MAX);
+    if (bNegative) {
+        return (u32Value > u32Most) ? INT_MIN : -static_cast<int>(u32Value);
+    }
+    return static_cast<int>(std::min(u32Value, u32Most));
 }
 
 } // namespace

@@ -24,7 +24,7 @@ public:
 
     /**
      * @return 0; 1, logged at level 7, when the chunk is no HTTP request or its URL, which may be
-     * missing, can't be split
+     * missing, can't be split; so also when there is no memory for the Content-Type
      */
     int parse(const char* pData, int nLength);
 

@@ -58,7 +58,7 @@ int HttpSnapClient::onSnapFrameEvent(Event* pEvent)
     try {
         save(*event.m_frame.get());
     } catch (const std::bad_alloc&) {
-        return 0; // no room for a long name: not saved, and the capture thread goes on
+        // No room for a long name: not saved, and the capture thread goes on.
     }
     return 0;
 }

@@ -8,8 +8,8 @@
 
 /**
  * Reads requests into its processor and carries the answers: responders enqueue with send(), short
- * texts are written directly. A failed read or a malformed request ends the connection without an
- * answer.
+ * texts are written directly. A failed read, a malformed request and a lack of memory end the
+ * connection without an answer.
  */
 class WebCameraClient : public SendQueueTcpClient, public ICommucation
 {
@@ -30,7 +30,10 @@ public:
 
     int uninit() override;
 
-    /** Read once, 2048 bytes at most, and hand the bytes to the processor. @return its result */
+    /**
+     * Read once, 2048 bytes at most, and hand the bytes to the processor.
+     * @return its result; 1 without memory
+     */
     int onRead(EPollEvent& event) override;
 
     /** Past the send queue; blocks for 5 s at most. @return 0 or 1 */

@@ -37,12 +37,14 @@ public:
      * direct answer is written, and as long as a measurement runs.
      * @param nLength  bytes, above 0
      * @return 0, or 1 to close the connection
+     * @throws std::bad_alloc  without memory for path, parameters or responder
      */
     int parse(const char* pData, int nLength);
 
     /**
      * Take a chunk in without routing.
      * @return 0, or 1 when the request is malformed or there is no memory for its body
+     * @throws std::bad_alloc  without memory for path or parameters
      */
     int feed(const char* pData, int nLength);
 

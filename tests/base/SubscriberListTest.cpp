@@ -232,6 +232,35 @@ TEST(SubscriberList, RemoveWaitsForTheRunningCall)
     EXPECT_EQ(0, other.m_nCalls); // removed before the delivery had come to it
 }
 
+TEST(SubscriberList, WhomTheNewestHandlerSubscribesGetsTheNextEvent)
+{
+    class Inviter
+    {
+    public:
+        Inviter(SubscriberList& list, Visitor& guest) : m_list(list), m_guest(guest) {}
+        int onEvent(Event*)
+        {
+            add(m_list, m_guest);
+            return 0;
+        }
+        SubscriberList& m_list;
+        Visitor& m_guest;
+    };
+    SubscriberList list;
+    Visitor guest;
+    Inviter inviter(list, guest);
+    list.add(std::make_unique<CB<Inviter, int>>(&inviter, &Inviter::onEvent));
+    NumberEvent event;
+
+    list.publish(event, PUBLISH_NESTED);
+    EXPECT_EQ(0, guest.m_nCalls);
+    list.remove(CB<Inviter, int>(&inviter, &Inviter::onEvent));
+    list.publish(event, PUBLISH_NESTED);
+
+    EXPECT_EQ(1, guest.m_nCalls);
+    remove(list, guest);
+}
+
 TEST(SubscriberList, HandlerLeavesOnItsOwnThreadWhileAnotherThreadCallsIt)
 {
     class Leaver

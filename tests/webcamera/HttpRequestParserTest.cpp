@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Fault.h"
 #include "LogCapture.h"
 
 namespace {
@@ -216,6 +217,51 @@ TEST_F(HttpRequestParserTest, LongContentLengthValueIsReadWhole)
     Parsed parsed("POST / HTTP/1.1\r\nContent-Length: " + std::string(60, '0') + "12\r\n\r\n");
 
     EXPECT_EQ(12, parsed.parser.getContentLength());
+}
+
+TEST_F(HttpRequestParserTest, ContentLengthIsReadAsANumberIsInC)
+{
+    const std::pair<const char*, int> aCase[] = {
+        {"12", 12},
+        {"\t 12", 12},
+        {"12 34", 12},
+        {"12x", 12},
+        {"+12", 12},
+        {"-12", -12},
+        {"x12", 0},
+        {"+-12", 0},
+        {"-+12", 0},
+        {"- 12", 0},
+        {"-", 0},
+        {"\v", 0},
+        {"0x12", 0},
+        {"0012", 12},
+        {"1e3", 1},
+        {"-0", 0},
+        {"4294967300", INT_MAX},
+        {"-2147483648", INT_MIN},
+        {"-2147483647", -INT_MAX},
+        {"-4294967300", INT_MIN},
+    };
+    for (const auto& [pText, nExpected] : aCase) {
+        // Only the beginning of the name: the library does not check the value.
+        Parsed parsed(std::string("POST / HTTP/1.1\r\nContent-L: ") + pText + "\r\n\r\n");
+        EXPECT_EQ(0, parsed.nResult) << pText;
+        EXPECT_EQ(nExpected, parsed.parser.getContentLength()) << pText;
+    }
+}
+
+TEST_F(HttpRequestParserTest, NothingIsThrownWithoutMemory)
+{
+    const std::string strLong(1500, '1');
+    HttpRequestParser parser;
+    const std::string strLength = "GET / HTTP/1.1\r\nContent-L: " + strLong + "\r\n\r\n";
+    const std::string strType = "GET / HTTP/1.1\r\nContent-Type: " + strLong + "\r\n\r\n";
+    FaultScope fault("malloc>=1400:1-:ENOMEM");
+
+    EXPECT_EQ(0, parser.parse(strLength.data(), static_cast<int>(strLength.size())));
+    EXPECT_EQ(INT_MAX, parser.getContentLength());
+    EXPECT_EQ(1, parser.parse(strType.data(), static_cast<int>(strType.size())));
 }
 
 TEST_F(HttpRequestParserTest, ContentTypeOfAnyLengthIsWhole)

@@ -22,7 +22,8 @@ public:
     /**
      * Enqueue nLength bytes, beginning at the buffer's data offset, and send what the socket takes
      * at once on the caller's thread. Any thread; a failure of the connection is not reported here,
-     * the reactor ends it. The lock of the queue is not held while sending.
+     * the reactor ends it. So it does when there is no memory for the item, which is dropped. The
+     * lock of the queue is not held while sending.
      */
     void send(const SafePointer_C<char>& data, int nLength);
 

@@ -20,10 +20,10 @@ enum PUBLISH_MODE_E
  *
  * Any thread may add, remove and publish at any time; publish takes no lock and allocates nothing.
  * A publisher announces in a slot of the list at which entry it is; what it stands on, or may still
- * come to, is not freed. An unlinked entry is freed once every publisher that was on the list then
- * has left it. Without publishers that is at once, else with a later add or remove, at the latest
- * with the list. Publishers beyond the number of slots, nested ones included, count themselves
- * instead, which costs them more.
+ * come to, is not freed. An unlinked entry is freed once every publisher that was on the list when
+ * remove() ended has left it: without publishers at once, else with a later add or remove, at the
+ * latest with the list. Publishers beyond the number of slots, nested ones included, are guests:
+ * they share one count, which costs them more, and an entry waits for a moment without any of them.
  */
 class SubscriberList
 {
@@ -34,7 +34,10 @@ public:
     /** Frees what is still subscribed; nobody may publish any more. */
     ~SubscriberList();
 
-    /** Subscribe; deliveries that are already under way may or may not reach the new entry. */
+    /**
+     * Subscribe. Deliveries that are under way may or may not reach the new entry; one that is
+     * calling the newest entry does not.
+     */
     void add(std::unique_ptr<ICB<int>> pCB);
 
     /**
