@@ -93,11 +93,16 @@ def request(target, method="GET", headers=None, body=None):
         return response.status, response.read()
 
 
+def sockets(board):
+    return sum(name.startswith("socket:") for name in board.server.descriptors().values())
+
+
 class ReverseProxy(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.board = Board()
         cls.addClassCleanup(cls.board.__exit__)
+        cls.idle = sockets(cls.board)
         cls.proxy = Proxy()
         cls.addClassCleanup(cls.proxy.close)
         shutil.copytree(f"{SOURCE}/www", f"{CARD}/www", dirs_exist_ok=True)
@@ -137,23 +142,20 @@ class ReverseProxy(unittest.TestCase):
         self.assertEqual(sorted(set(numbers)), numbers)
 
     def test_a_viewer_that_leaves_leaves_the_service_too(self):
-        before = self.sockets()
+        wait_until(lambda: sockets(self.board) == self.idle, "all other clients have gone")
         connection, response = open_request("/live")
         response.read(100)
-        wait_until(lambda: self.sockets() > before, "the service has the viewer")
+        self.assertEqual(self.idle + 1, sockets(self.board))
         connection.close()
         response.close()
-        wait_until(lambda: self.sockets() == before, "the service has lost the viewer")
-
-    def sockets(self):
-        return sum(name.startswith("socket:") for name in self.board.server.descriptors().values())
+        wait_until(lambda: sockets(self.board) == self.idle, "the service has lost the viewer")
 
     def test_a_snapshot_is_one_picture_and_saved_under_its_name(self):
         connection, response = open_request("/snap?filename=proxied.jpg&mode=correction")
         with contextlib.closing(connection):
             self.assertEqual(200, response.status)
             self.assertIn(response.read(), self.board.camera.frames())
-        self.assertTrue(os.path.exists(f"{CARD}/camera/proxied.jpg"))
+        wait_until(lambda: os.path.exists(f"{CARD}/camera/proxied.jpg"), "the picture is saved")
 
     def test_a_measurement_is_answered(self):
         self.assertEqual((200, b'{"measure":"0.0000"}'), request("/camera?focus=1"))
