@@ -147,13 +147,9 @@ int PrintService::printLoop()
         sleepFor(IDLE_SLEEP); // a dead line answers at once
     } else {
         char acLine[LINE_SIZE] = {0};
-        const LINE_E eLine = readLine(acLine, LINE_SIZE);
-        if (LINE_NONE == eLine) {
+        if (!readLine(acLine, LINE_SIZE)) {
             sleepFor(IDLE_SLEEP); // a last line without a line end waits here for stopPrint()
         } else {
-            if (LINE_END == eLine) {
-                stopThread();
-            }
             // Deliberate: a line keeps its own line end too, and the end of the job is an empty
             // line.
             sendLine(std::string(acLine) + "\n");
@@ -164,21 +160,27 @@ int PrintService::printLoop()
     return 0;
 }
 
-PrintService::LINE_E PrintService::readLine(char* pLine, int nSize)
+/**
+ * The job's next line; behind the last one, once, an empty line: the job is then closed and
+ * removed.
+ * @return false without a file, or behind a last line without a line end
+ */
+bool PrintService::readLine(char* pLine, int nSize)
 {
     MutexGuard guard(m_mtxFile);
     if (nullptr == m_pFile || 0 != feof(m_pFile)) {
-        return LINE_NONE;
+        return false;
     }
     m_nFilePos = static_cast<int32_t>(ftell(m_pFile));
     if (nullptr != fgets(pLine, nSize, m_pFile)) {
-        return LINE_READ;
+        return true;
     }
     closeFile();
+    m_nStopWish = STOP_WISH_ASKED; // first: a start that the state lets through takes it back
     m_nState = PRINT_STATE_STOPPED;
     puts("print job finish!");
     remove(JOB_FILE);
-    return LINE_END;
+    return true;
 }
 
 void PrintService::sendLine(const std::string& strLine)

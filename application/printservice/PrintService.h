@@ -130,17 +130,10 @@ private:
         STOP_WISH_PARKING // printLoop() is about to park, or has parked
     };
 
-    enum LINE_E
-    {
-        LINE_NONE, // no file, or behind its last line
-        LINE_READ,
-        LINE_END // nothing was left: the job has just been closed and removed
-    };
-
     void startThread();
     void stopThread();
     void parkIfAsked();
-    LINE_E readLine(char* pLine, int nSize);
+    bool readLine(char* pLine, int nSize);
     void seekBack();
     void closeFile() REQUIRES(m_mtxFile);
     void sendLine(const std::string& strLine);
