@@ -62,9 +62,9 @@ TEST_F(HttpLiveClientTest, FrameIsAPartBetweenHeaderAndBoundary)
 {
     PVENC_FRAME_T frame = makeFrame(1234);
 
-    const time_t before = time(nullptr);
+    const time_t before = preciseSeconds();
     FakeSystem::deliver(frame);
-    const time_t after = time(nullptr);
+    const time_t after = preciseSeconds();
 
     const std::string strPart = m_connection.receive();
     const size_t uHead = strPart.find("\r\n\r\n") + 4;

@@ -48,8 +48,8 @@ std::string takeAnswer(std::string& strStream, size_t uSize, const std::string& 
     const size_t uHead = strStream.find("\r\n\r\n") + 4;
     std::string strHead = strStream.substr(0, uHead);
     const long lSeconds = maskNumber(strHead, "X-Timestamp: ", ".");
-    EXPECT_LE(lSeconds, time(nullptr));
-    EXPECT_GE(lSeconds, time(nullptr) - 60);
+    EXPECT_LE(lSeconds, preciseSeconds());
+    EXPECT_GE(lSeconds, preciseSeconds() - 60);
     EXPECT_GE(maskNumber(strHead, "##.", "\r\n"), 0);
     if (golden(uSize, strFileName) != strHead) {
         EXPECT_EQ(golden(uSize, strFileName), strHead);

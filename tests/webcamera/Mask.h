@@ -1,9 +1,18 @@
-// Masks one varying number of a golden text.
+// Masks one varying number of a golden text, e.g. a time stamp.
 #pragma once
 
 #include <cctype>
 #include <cstdlib>
+#include <ctime>
 #include <string>
+
+/** The clock's second. Not time(2), which lags behind the precise clock by a tick. */
+inline time_t preciseSeconds()
+{
+    timespec now{};
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec;
+}
 
 /**
  * Replace the digits and blanks between two marks by as many '#'; anything else there stays, so
