@@ -2,6 +2,7 @@
 
 camera COMMAND   to the virtual camera, e.g. "camera unplug"
 server stop      end the service; "server start" starts another one on the same camera
+saved NAME       wait until the SD card has a whole picture of this name
 quit             end all; so does the end of the input
 
 Each line is answered by a line "ok" or "failed REASON".
@@ -31,6 +32,8 @@ def obey(board, line):
     target, _, command = line.partition(" ")
     if target == "camera":
         board.camera.ctl(command)
+    elif target == "saved":
+        board.wait_for_saved(command)
     elif line == "server stop":
         board.server.close()
     elif line == "server start":
@@ -42,7 +45,7 @@ def obey(board, line):
 def main():
     shutil.rmtree(CARD, ignore_errors=True)
     shutil.copytree(os.path.join(FOLDER, "..", "..", "www"), f"{CARD}/www")
-    with Board(camera_arguments=()) as board:
+    with Board() as board:
         answer("ok")
         for line in sys.stdin:
             if line.strip() == "quit":

@@ -210,6 +210,16 @@ class Board:
             self.camera.close()
             raise
 
+    def wait_for_saved(self, name):
+        """Wait until the SD card has a whole picture of this name: it is saved once it is answered,
+        so a client may have all of it before."""
+        def saved():
+            with contextlib.suppress(FileNotFoundError):
+                with open(f"{CARD}/camera/{name}", "rb") as file:
+                    return file.read() in self.camera.frames()
+            return False
+        wait_until(saved, f"{name} is saved whole")
+
     def __enter__(self):
         return self
 

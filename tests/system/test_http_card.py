@@ -5,7 +5,7 @@ import shutil
 import subprocess
 import unittest
 
-from harness import CARD, Board, LiveStream, wait_until
+from harness import CARD, Board, LiveStream
 from test_http_answers import get, read_answer
 
 FOLDER = f"{CARD}/camera"
@@ -22,7 +22,7 @@ class Card(unittest.TestCase):
 
     def setUp(self):
         shutil.rmtree(FOLDER, ignore_errors=True)
-        os.makedirs(FOLDER)
+        os.makedirs(FOLDER, exist_ok=True)  # a late snapshot may keep it
 
     def mount(self, options):
         subprocess.run(["mount", "-t", "tmpfs", "-o", options, "card", FOLDER], check=True)
@@ -67,10 +67,7 @@ class Card(unittest.TestCase):
         os.makedirs(f"{FOLDER}/sub")
         self.snap("sub/a.jpg")
 
-        def saved():
-            with open(f"{FOLDER}/sub/a.jpg", "rb") as file:
-                return file.read() in self.board.camera.frames()
-        wait_until(saved, "saved whole")
+        self.board.wait_for_saved("sub/a.jpg")
 
 
 if __name__ == "__main__":

@@ -7,7 +7,7 @@ import subprocess
 import tempfile
 import unittest
 
-from harness import CARD, SOURCE, Board, LiveStream, connect, wait_until
+from harness import SOURCE, Board, LiveStream, connect
 
 COMMAND_LIMIT = 60  # seconds; only ends a failing run
 
@@ -71,11 +71,7 @@ class Clients(unittest.TestCase):
         self.run_documented("curl", "/snap")
 
         self.assert_is_frame(self.content("photo.jpg"))
-
-        def saved_is_frame():  # an answer that the client did not wait for may be on its way
-            with open(f"{CARD}/camera/photo.jpg", "rb") as saved:
-                return saved.read() in self.board.camera.frames()
-        wait_until(saved_is_frame, "a whole picture is saved")
+        self.board.wait_for_saved("photo.jpg")
 
     def test_curl_measures(self):
         self.assertEqual(b'{"measure":"0.0000"}', self.run_documented("curl", "/camera"))
@@ -150,7 +146,7 @@ class Clients(unittest.TestCase):
     def test_a_file_name_is_taken_as_it_stands(self):
         self.run_shell("curl -s -o x.jpg 'http://127.0.0.1:8329/snap?filename=a%20b+c.jpg'")
 
-        self.assertTrue(os.path.exists(f"{CARD}/camera/a%20b+c.jpg"))
+        self.board.wait_for_saved("a%20b+c.jpg")
 
 
 if __name__ == "__main__":

@@ -155,7 +155,7 @@ class ReverseProxy(unittest.TestCase):
         with contextlib.closing(connection):
             self.assertEqual(200, response.status)
             self.assertIn(response.read(), self.board.camera.frames())
-        wait_until(lambda: os.path.exists(f"{CARD}/camera/proxied.jpg"), "the picture is saved")
+        self.board.wait_for_saved("proxied.jpg")
 
     def test_a_measurement_is_answered(self):
         self.assertEqual((200, b'{"measure":"0.0000"}'), request("/camera?focus=1"))

@@ -1,5 +1,6 @@
 """How the service starts, how its console works when something starts it, and how it goes down."""
 
+import contextlib
 import fcntl
 import os
 import stat
@@ -117,9 +118,10 @@ class Console(unittest.TestCase):
             for task in os.listdir(children):
                 with open(f"{children}/{task}/children", encoding="ascii") as file:
                     for child in file.read().split():
-                        with open(f"/proc/{child}/cmdline", "rb") as line:
-                            if line.read() in (b"/bin/sh\0", b"sh\0-c\0/bin/sh\0"):
-                                return child
+                        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                            with open(f"/proc/{child}/cmdline", "rb") as line:
+                                if line.read() in (b"/bin/sh\0", b"sh\0-c\0/bin/sh\0"):
+                                    return child
             return None
 
         wait_until(shell, "a shell runs")

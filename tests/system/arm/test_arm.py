@@ -45,8 +45,8 @@ class Arm(unittest.TestCase):
 
     def test_measuring_homes_moves_and_focuses_the_arm(self):
         # The spot is at 12.34 / -7.89 mm in the picture, 1.5 mm out of focus.
-        # The arm moves at half speed, at most 1 mm from frame to frame.
-        self.start("--position", "-12.34,7.89,0", "--focus-z", "1.5", "--speed-up", "0.5")
+        # The arm moves slowly, 1 mm in five frames, so that a stall leaves out little of its way.
+        self.start("--position", "-12.34,7.89,0", "--focus-z", "1.5", "--speed-up", "0.1")
         live = LiveStream()
         before = spot(live.frame())
         self.assertAlmostEqual(12.34, before[0], delta=0.1)
@@ -77,8 +77,8 @@ class Arm(unittest.TestCase):
         self.assertRegex(answers[0].decode(), r'^\{"measure":"-1\.\d{4}"\}$')
 
         # In the picture: from where it was to the origin and back, sharp in the end.
-        nearest = min(x * x + y * y for x, y, _ in filter(None, map(spot, during[::2])))
-        self.assertLess(nearest, 2.0 * 2.0)
+        nearest = min(x * x + y * y for x, y, _ in filter(None, map(spot, during[::5])))
+        self.assertLess(nearest, 4.0 * 4.0)
         after = spot(after_picture)
         self.assertAlmostEqual(12.34, after[0], delta=0.1)
         self.assertAlmostEqual(-7.89, after[1], delta=0.1)
