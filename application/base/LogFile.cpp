@@ -83,7 +83,7 @@ void LogFile::removeOld()
     aTime[1] = aTime[0];
     (void)futimens(fileno(m_file.getStream()), aTime); // at worst a tie
 
-    std::string strCommand(m_strBasePath.size() + 512, '\0');
+    std::string strCommand(m_strBasePath.size() + 512, '\0'); // cut off it would do something else
     snprintf(&strCommand[0], strCommand.size(),
              "ls -t %s* | awk '{if(NR>%d){print \"rm -f \"$0}}' | sh", m_strBasePath.c_str(),
              m_s32Files);

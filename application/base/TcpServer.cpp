@@ -168,15 +168,16 @@ RET_E TcpServer::onPollIn(Event* pEvent)
 {
     auto& event = static_cast<EPollEvent&>(*pEvent);
     const TcpSocket socket(*event.m_pFd);
-    if (!socket.isValid() || nullptr == *event.m_ppClient) {
-        return RET_SUCCESS; // nobody would ever read it empty
-    }
-    do {
+    // Without an owner (a read may let go of it) nobody would ever read it empty.
+    while (socket.isValid() && nullptr != *event.m_ppClient) {
         if (0 != (*event.m_ppClient)->onRead(event)) {
             (void)onPollError(pEvent);
             return RET_FAILED;
         }
-    } while (socket.waitReadable(Time()));
+        if (!socket.waitReadable(Time())) {
+            break;
+        }
+    }
     return RET_SUCCESS;
 }
 

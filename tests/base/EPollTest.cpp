@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "AllocatedBytes.h"
 #include "Eventually.h"
 #include "Fault.h"
 #include "LogCapture.h"
@@ -462,6 +463,24 @@ TEST(EPoll, DeleteFdUnregisters)
     EXPECT_EQ(Names(), recorder.takeNames());
     EXPECT_TRUE(isOpen(nNear));
     EXPECT_EQ(Lines(), takeLines(log));
+}
+
+TEST(EPoll, DeleteFdFreesTheRegistration)
+{
+    EPoll epoll(20);
+    Recorder recorder(epoll);
+    NetPair pair;
+    const int nFd = pair.m_near.getFd();
+    const size_t uBefore = allocatedBytes();
+
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(0, epoll.addFd(nFd, EPOLLOUT, nullptr));
+        ASSERT_EQ(0, epoll.pollOnce());
+        ASSERT_EQ(0, epoll.deleteFd(nFd, recorder.m_ppClient));
+        (void)recorder.takeNames();
+    }
+
+    EXPECT_GT(uBefore + 10000, allocatedBytes()); // a registration has more than ten bytes
 }
 
 TEST(EPoll, DeleteFdOfNoDescriptorWarnsAndFreesNothing)

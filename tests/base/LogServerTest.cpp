@@ -526,6 +526,24 @@ TEST(LogClient, WithoutAReceiveBufferReadsAreRefused)
     close(anPair[1]);
 }
 
+TEST(LogClient, ReadThatFindsNothingIsPrintedWithoutBytes)
+{
+    LogClient client;
+    ASSERT_EQ(0, client.init());
+    int anPair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, anPair));
+    client.setSocket(TcpSocket(anPair[0]));
+    TcpClient* pClient = &client;
+    EPollEvent event(EPOLLIN, &anPair[0], &pClient);
+    testing::internal::CaptureStdout();
+
+    EXPECT_EQ(0, client.onRead(event));
+
+    EXPECT_EQ("logserver recv:\n", testing::internal::GetCapturedStdout());
+    close(anPair[0]);
+    close(anPair[1]);
+}
+
 // The line about the failed send comes back to every sink but the one that is failing.
 TEST(LogClient, FailingSendIsLoggedWithoutComingBackToItself)
 {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -17,6 +18,7 @@
 
 #include "Eventually.h"
 #include "Fault.h"
+#include "FreePort.h"
 #include "LogCapture.h"
 #include "NetPair.h"
 #include "ServerFixture.h"
@@ -361,6 +363,47 @@ TEST(TcpServer, AFailedReadOrWriteEndsTheConnection)
     EXPECT_TRUE(sawEnd(writer));
     (void)reader.close();
     (void)writer.close();
+}
+
+TEST(TcpServer, AReadMayLetGoOfTheConnection)
+{
+    class OneByteClient : public TcpClient
+    {
+    public:
+        int onRead(EPollEvent& event) override
+        {
+            *event.m_ppClient = nullptr;
+            int nDone = 0;
+            return m_socket.read(&m_cByte, 1, nDone);
+        }
+        char m_cByte = 0;
+    };
+    class OneByteServer : public TcpServer
+    {
+    public:
+        TcpClient* createClient() override
+        {
+            m_pClient = std::make_unique<OneByteClient>();
+            return m_pClient.get();
+        }
+        std::unique_ptr<OneByteClient> m_pClient;
+    };
+    OneByteServer server;
+    const uint16_t u16Port = freePort();
+    ASSERT_EQ(0, server.init(u16Port, "127.0.0.1", 8192, 16384));
+    TcpSocket peer = connectTo(u16Port);
+    ASSERT_EQ(2, send(peer.getFd(), "12", 2, 0));
+
+    ASSERT_TRUE(eventually([&] {
+        (void)server.pollOnce();
+        return nullptr != server.m_pClient && 0 != server.m_pClient->m_cByte;
+    }));
+
+    EXPECT_EQ('1', server.m_pClient->m_cByte) << "read once";
+    EXPECT_TRUE(server.m_pClient->getSocket().waitReadable(Time(10, 0))) << "and left open";
+    (void)server.m_pClient->getSocket().close();
+    (void)server.uninit();
+    (void)peer.close();
 }
 
 TEST(TcpServer, AWriteThatFailsOnAnotherThreadEndsTheConnection)
