@@ -70,8 +70,8 @@ RET_E VideoProcessor::init()
 {
     Plugin plugin;
     dlerror(); // forget what failed before
-    plugin.pHandle = dlopen(LIBRARY, RTLD_LAZY);
-    if (nullptr == plugin.pHandle) {
+    plugin.m_pHandle = dlopen(LIBRARY, RTLD_LAZY);
+    if (nullptr == plugin.m_pHandle) {
         LOG(7, "open %s failed(%s) !\n", LIBRARY, loaderError());
     } else if (resolve(plugin)) {
         plugin.pInit();
@@ -85,7 +85,7 @@ RET_E VideoProcessor::init()
 /** @return false at the first name that is missing (logged); the later ones stay null */
 bool VideoProcessor::resolve(Plugin& plugin)
 {
-    void* pHandle = plugin.pHandle;
+    void* pHandle = plugin.m_pHandle;
     if (!find(pHandle, "init", plugin.pInit)) {
         LOG_INIT("dlsym init failed(%s) !\n", loaderError());
     } else if (!find(pHandle, "uninit", plugin.pUninit)) {
@@ -132,7 +132,7 @@ RET_E VideoProcessor::measure(float* pResult)
 {
     *pResult = 0;
     const Plugin plugin = getPlugin();
-    if (nullptr == plugin.pHandle || nullptr == plugin.pFindPos || nullptr == plugin.pAutoFocus ||
+    if (nullptr == plugin.m_pHandle || nullptr == plugin.pFindPos || nullptr == plugin.pAutoFocus ||
         nullptr == plugin.pSetExposure) {
         return RET_FAILED;
     }
@@ -170,7 +170,7 @@ void VideoProcessor::undistort(PVENC_FRAME_T& in, PVENC_FRAME_T& out)
     const Plugin plugin = getPlugin();
     const VENC_FRAME_T* pIn = in.get();
     FRAME_PROCESS_UNDISTORT_T record{};
-    if (nullptr == pIn || nullptr == plugin.pHandle || nullptr == plugin.pUndistort ||
+    if (nullptr == pIn || nullptr == plugin.m_pHandle || nullptr == plugin.pUndistort ||
         0 !=
             plugin.pUndistort(pIn->u32Size, pIn->u32Width, pIn->u32Height, pIn->au8Data, &record)) {
         out = in;
@@ -201,7 +201,7 @@ int VideoProcessor::onIdlePrint(Event* pEvent)
 {
     const auto& event = dynamic_cast<IdlePrintEvent&>(*pEvent);
     const Plugin plugin = getPlugin();
-    if (nullptr == plugin.pHandle || nullptr == plugin.pEasyFun) {
+    if (nullptr == plugin.m_pHandle || nullptr == plugin.pEasyFun) {
         return RET_FAILED;
     }
     PVENC_FRAME_T frame;

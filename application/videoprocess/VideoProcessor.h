@@ -82,7 +82,7 @@ private:
     /** The library's handle, null when not loaded, and its names, null until resolved. */
     struct Plugin
     {
-        void* pHandle = nullptr;
+        void* m_pHandle = nullptr;
         decltype(&::init) pInit = nullptr;
         decltype(&::uninit) pUninit = nullptr;
         decltype(&::undistort) pUndistort = nullptr;

@@ -601,11 +601,12 @@ TEST_F(UARTTest, ReadTakesOneReadOnly)
 {
     m_line.feed("one");
     char acBuffer[8] = {0};
-    EXPECT_EQ(0, m_uart.read(acBuffer, 8, Time(5, 0)));
-    m_line.feed("two");
+    const uint64_t u64Start = monotonicMs();
 
+    EXPECT_EQ(0, m_uart.read(acBuffer, 8, Time(60, 0)));
+
+    EXPECT_GT(30000U, monotonicMs() - u64Start) << "the rest is not waited for";
     EXPECT_EQ("one", contentOf(acBuffer, 8));
-    m_uart.flushIn();
 }
 
 TEST_F(UARTTest, ReadWithZeroTimeOutLooksOnce)
@@ -724,6 +725,15 @@ TEST_F(UARTChipTest, DrainWaitsOneTransmissionTimePerRound)
 
     EXPECT_LE(2U * 129 - 1, monotonicMs() - u64Start); // (24 + 7) * 1000 / 240 = 129 ms each
     EXPECT_EQ(2U, s_chip.uQueries);
+}
+
+TEST_F(UARTChipTest, FlushesNameTheirQueues)
+{
+    EXPECT_EQ(0, m_uart.flushIn());
+    EXPECT_EQ(0, m_uart.flushOut());
+    EXPECT_EQ(0, m_uart.flushIO());
+
+    EXPECT_EQ("flush-in flush-out flush-io ", s_chip.strJournal);
 }
 
 TEST_F(UARTTest, FlushesThrowTheirQueueAway)

@@ -207,6 +207,9 @@ pageTest(
         await open(page);
         let answers = [];
         await page.route(/\/camera/, (route) => answers.push(route));
+        for (const path of [/\/live/, /\/snap/]) {
+            await page.route(path, (route) => route.abort("connectionclosed"));
+        }
         const button = page.getByRole("button", { name: "Measure" });
 
         await button.click();
@@ -216,6 +219,10 @@ pageTest(
         assert.equal(answers.length, 1);
         assert.equal(await text(page, "measure-status"), "Measuring…");
         assert.equal(await button.getAttribute("aria-disabled"), "true");
+        await page.getByRole("button", { name: "Reconnect" }).click();
+        await textBecomes(page, "detail", /^A measurement is running; the board answers nothing/);
+        await page.getByRole("button", { name: "Take snapshot" }).click();
+        await textBecomes(page, "snap-status", /^No picture: a measurement is running\.$/);
         await answers[0].abort("connectionclosed");
         await textBecomes(page, "measure-status", /closed the connection without a value/);
         assert.equal(await text(page, "value"), "–");

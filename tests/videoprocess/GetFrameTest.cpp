@@ -123,13 +123,8 @@ TEST_F(VideoProcessorGetFrame, FrameOutlivesTheNextFramesAndTheCamera)
 
 TEST_F(VideoProcessorGetFrame, WaitsForACameraThatComesLater)
 {
-    std::atomic<bool> bDone{false};
-    std::thread waiter([&] {
-        m_host.getFrame(m_frame);
-        bDone = true;
-    });
+    std::thread waiter([this] { m_host.getFrame(m_frame); });
 
-    EXPECT_FALSE(bDone);
     startCapture();
     waiter.join();
 

@@ -1,5 +1,5 @@
 // A vision plug-in for the tests: records its calls and answers as it is told. WITHOUT_<name>
-// leaves that entry point out.
+// leaves that entry point out, RESULT and FOCUS_RESULT are what all or autoFocus() return at first.
 #include "TestPlugin.h"
 
 #include <sys/syscall.h>
@@ -10,8 +10,11 @@ namespace {
 #ifndef RESULT
 #define RESULT 0
 #endif
+#ifndef FOCUS_RESULT
+#define FOCUS_RESULT RESULT
+#endif
 
-TestPlugin g_plugin(RESULT);
+TestPlugin g_plugin(RESULT, FOCUS_RESULT);
 
 PluginCall makeCall(const char* pName)
 {

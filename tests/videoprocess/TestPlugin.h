@@ -23,8 +23,8 @@ struct PluginCall
 /** What the entry points shall answer, and how they were called. */
 struct TestPlugin
 {
-    explicit TestPlugin(int nResult)
-        : nUndistortResult(nResult), nFindPosResult(nResult), nAutoFocusResult(nResult)
+    TestPlugin(int nResult, int nFocusResult)
+        : nUndistortResult(nResult), nFindPosResult(nResult), nAutoFocusResult(nFocusResult)
     {
     }
 

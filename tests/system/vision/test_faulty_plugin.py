@@ -64,6 +64,10 @@ class FaultyPlugin(unittest.TestCase):
         self.use("test_plugin_failing")
         self.expect_answers(corrected=True, events=1)
 
+    def test_focus_alone_a_failure(self):
+        self.use("test_plugin_unfocused")
+        self.expect_answers(corrected=None, events=2)
+
     def test_success_with_an_empty_picture(self):
         self.use("test_plugin")
         self.expect_answers(corrected=None, events=3)

@@ -2,11 +2,12 @@
 
 import os
 import re
+import select
 import shutil
 import tempfile
 import unittest
 
-from harness import Board, request, wait_until
+from harness import CARD, Board, connect, request, wait_until
 
 PLUGIN = os.environ["KESTREL_PLUGIN"]
 
@@ -19,6 +20,8 @@ class Vision(unittest.TestCase):
         self.board = Board(camera_arguments=("--keep", "100"), program="kestrel-server-vision",
                            cwd=self.folder)
         self.addCleanup(self.board.__exit__)
+        with open(f"{CARD}/www/f.txt", "w", encoding="ascii") as file:
+            file.write("text")
 
     def state(self):
         return dict(re.findall(r"(\w+)=(\S+)", self.board.camera.ctl("state")))
@@ -58,6 +61,30 @@ class Vision(unittest.TestCase):
         self.assertAlmostEqual(12.34, float(move.group(1)), delta=0.03)  # 0.3 pixel
         self.assertAlmostEqual(-7.89, float(move.group(2)), delta=0.03)
         self.assertAlmostEqual(-1.5, float(answer), delta=0.2)
+
+    def test_a_running_measurement_waits_without_limit_and_holds_the_other_answers_back(self):
+        self.place(1, 1, 0)
+        self.board.camera.ctl("unplug")
+        wait_until(lambda: any("STREAMOFF" in line for line in self.board.camera.journal()),
+                   "the service has lost the camera")
+        clients = []
+        for target in ("/camera?focus=1", "/camera", "/f.txt"):
+            clients.append(connect())
+            clients[-1].sendall(f"GET {target} HTTP/1.1\r\n\r\n".encode())
+
+        readable, _, _ = select.select(clients, [], [], 6)  # the time without answers is the test
+
+        self.assertEqual([], readable)
+        self.assertEqual([], self.events())
+        self.board.camera.ctl("replug")
+        for client, ending in zip(clients, (b'{"measure":"0.0000"}', b"invalid request", b"text")):
+            answer = b""
+            while not answer.endswith(ending):
+                data = client.recv(4096)
+                self.assertTrue(data, answer)
+                answer += data
+        self.assertEqual(["exposure", "move", "measure"],
+                         [event.split()[0] for event in self.events()])
 
     def test_follows_the_spot(self):
         for x, y in ((0, 0), (-20.05, 14.4), (25, 18), (-3.33, -17.77)):

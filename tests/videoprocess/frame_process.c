@@ -1,0 +1,2 @@
+/* The plug-in's header is plain C. */
+#include "frame_process.h"
