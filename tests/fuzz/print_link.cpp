@@ -1,69 +1,253 @@
-// Fuzzes the reply path of the print link: any bytes where the controller's replies are read.
+// Fuzzes the reply path of the print link: any bytes as the controller's replies to a running job.
+//
+// An input is a row of replies, parted by '|'. A job runs from the start; each reply is what can be
+// read while the service sends one line of it. A piece that begins with '>' and a letter is the
+// operator's doing instead, with the rest as what can be read meanwhile:
+//   r run, p pause, x stop, s send a job, t one whose last line has no end, d delete its file,
+//   i look without a job, e act on an error code (the byte that follows), m move, z change the
+//   height, u take the port away, c give it back; and the port's faults: h the next read fails,
+//   w the next write does
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "FuzzPort.h"
 #include "Log.h"
+#include "MeasureEvent.h"
+#include "MoveLaserEvent.h"
 #include "PrintService.h"
+#include "ReplyCodec.h"
 #include "UART.h"
-
-// The linker puts these in the places of poll and select in the service's code: nothing waits, what
-// is not there now never comes.
-extern "C" int __real_poll(pollfd* pEntries, nfds_t uCount, int nTimeoutMs);
-extern "C" int __wrap_poll(pollfd* pEntries, nfds_t uCount, int)
-{
-    return __real_poll(pEntries, uCount, 0);
-}
-extern "C" int __wrap_select(int, fd_set*, fd_set*, fd_set*, timeval*)
-{
-    return 0;
-}
 
 namespace {
 
-/** The port's other end is the port itself: a FIFO gives back what the service sends, too. */
-UART g_uart;
+const char* const FOLDER = "/tmp/print-link"; // where the service's files are kept
 
-const char* const PORT = "/tmp/print-link";
+// Lines that differ, one of them longer than the service's buffer; not too many, so that an input
+// reaches the end.
+const std::string JOB = "G21\nG1 X1 F6000\n(" + std::string(300, 'c') + ")\nG1 X2\n\nM5\n";
+const std::string JOB_WITHOUT_END = "G90\nG1 X3";
+
+const int MOST_PIECES = 200; // keeps a run short
+
+UART g_uart;
+PrintService* g_pService; // never deleted: the destructor would wait for a thread
+int g_nFormerFolder = -1;
+
+void require(bool bHolds, const char* pWhat)
+{
+    if (!bHolds) {
+        fprintf(stderr, "not true: %s\n", pWhat);
+        abort();
+    }
+}
+
+/** A job must not lose a line nor send one twice but where its reply asks for it. */
+class Follower
+{
+public:
+    explicit Follower(const std::string& strJob) : m_strSaved(strJob) {}
+
+    /** The file under a job that may still be open was written anew. */
+    void onSaved(const std::string& strJob)
+    {
+        m_strSaved = strJob;
+        m_bKnown = false;
+    }
+
+    void onStarted()
+    {
+        m_strJob = m_strSaved;
+        m_uNext = 0;
+        m_bKnown = true;
+    }
+
+    /** It is not known any more where the job stands. */
+    void lose()
+    {
+        m_bKnown = false;
+    }
+
+    void onLine(const std::string& strLine, bool bTaken)
+    {
+        if (!m_bKnown) {
+            return;
+        }
+        require(0 == m_strJob.compare(m_uNext, strLine.size(), strLine), "the line that is due");
+        require(strLine.empty() == (m_uNext == m_strJob.size()), "an empty line at the end alone");
+        float fProgress = 0;
+        require(0 == g_pService->getProgress(&fProgress), "the progress");
+        require(fProgress == static_cast<float>(static_cast<double>(m_uNext) /
+                                                static_cast<double>(m_strJob.size())),
+                "the progress of the line under way");
+        m_uNext += bTaken ? strLine.size() : 0;
+        m_bKnown = !strLine.empty();
+    }
+
+private:
+    std::string m_strSaved; // in the file
+    std::string m_strJob;   // that runs
+    size_t m_uNext = 0;     // in m_strJob
+    bool m_bKnown = false;
+};
+
+void save(Follower& follower, const std::string& strJob)
+{
+    require(0 == g_pService->saveGcode(strJob.data(), static_cast<int>(strJob.size())), "saved");
+    require(PRINT_STATE_FILE_READY == g_pService->getState(), "a job waits");
+    follower.onSaved(strJob);
+}
+
+void start(Follower& follower)
+{
+    const bool bPaused = PRINT_STATE_PAUSED == g_pService->getState();
+    if (0 == g_pService->startPrint() && !bPaused) {
+        follower.onStarted();
+    }
+}
+
+bool isJobState(PRINT_STATE_E eState)
+{
+    return PRINT_STATE_PRINTING == eState || PRINT_STATE_PAUSED == eState;
+}
+
+/** One call of the thread's body. */
+void step(Follower& follower)
+{
+    const bool bJob = isJobState(g_pService->getState());
+    g_port.beginStep();
+    g_port.bOnThread = true;
+    require(0 == g_pService->printLoop(), "the thread goes on");
+    g_port.bOnThread = false;
+
+    const PRINT_STATE_E eNow = g_pService->getState();
+    if (!bJob) {
+        if (PRINT_STATE_PRINTING == eNow) { // the button at the panel
+            follower.onStarted();
+        }
+    } else if (g_port.strFirstSent.empty()) {
+        follower.lose(); // no line was left, or it did not go out
+    } else {
+        const std::string strLine = g_port.strFirstSent.substr(0, g_port.strFirstSent.size() - 1);
+        follower.onLine(strLine, PRINT_STATE_PAUSED != eNow &&
+                                     ReplyCodec::isAck(g_port.strFirstRead.c_str()));
+    }
+}
+
+void operate(Follower& follower, char cAct)
+{
+    switch (cAct) {
+    case 'r':
+        start(follower);
+        break;
+    case 'p':
+        require(0 == g_pService->pausePrint(), "paused");
+        break;
+    case 'x':
+        require(0 == g_pService->stopPrint(), "stopped");
+        follower.lose();
+        break;
+    case 's':
+        save(follower, JOB);
+        break;
+    case 't':
+        save(follower, JOB_WITHOUT_END);
+        break;
+    case 'i':
+        g_pService->pollStatus();
+        follower.lose();
+        break;
+    case 'e':
+        g_pService->onErrorCode(g_port.strPending.empty() ? 0 : g_port.strPending[0]);
+        break;
+    case 'm': {
+        MoveLaserEvent event(12.5F, -3);
+        require(-1 == g_pService->onMoveLaserEvent(&event), "moved");
+        break;
+    }
+    case 'z': {
+        MeasureEvent event(0.25F);
+        require(-1 == g_pService->onMeasureEvent(&event), "moved");
+        break;
+    }
+    case 'd':
+        (void)remove("tmp.gcode"); // perhaps there is none
+        break;
+    case 'u':
+        g_pService->setUart(nullptr);
+        break;
+    case 'c':
+        g_pService->setUart(&g_uart);
+        break;
+    case 'h':
+        g_port.bReadFails = true;
+        break;
+    case 'w':
+        g_port.bWriteFails = true;
+        break;
+    default:
+        break;
+    }
+}
+
+class OwnPrintService : public PrintService
+{
+};
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    if (0 != mkfifo(PORT, 0600) || nullptr == freopen("/dev/null", "w", stdout)) {
+    g_nFormerFolder = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (0 != mkdir(FOLDER, 0700) || g_nFormerFolder < 0 ||
+        nullptr == freopen("/dev/null", "w", stdout)) {
         perror("run this in tests/support/private-host");
         exit(1);
     }
     Log::getInstance().setSinks(0);
-    (void)g_uart.open(PORT); // a FIFO refuses the raw mode, and stays open
-    PrintService::getInstance().setUart(&g_uart);
+    (void)g_uart.open("/dev/null"); // refuses the raw mode, and stays open
+    g_port.nFd = g_uart.getFd();
+    g_port.bNoThread = true;
+    g_pService = new OwnPrintService;
+    g_port.bNoThread = false;
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t uSize)
 {
-    const size_t uKept = (uSize < 4096) ? uSize : 4096; // a FIFO's atomic write, pipe(7)
-    if (0 != uKept && static_cast<ssize_t>(uKept) != write(g_uart.getFd(), pData, uKept)) {
-        abort();
+    // The service's files stand in the working folder, the fuzzer's own perhaps in the former one.
+    require(0 == chdir(FOLDER), "the folder");
+    g_pService->setUart(&g_uart);
+    Follower follower(JOB);
+    save(follower, JOB);
+    start(follower);
+
+    const std::string strInput(reinterpret_cast<const char*>(pData), uSize);
+    size_t uStart = 0;
+    for (int i = 0; i < MOST_PIECES && uStart < strInput.size(); ++i) {
+        const size_t uEnd = std::min(strInput.find('|', uStart), strInput.size());
+        const bool bAct = '>' == strInput[uStart] && uEnd - uStart > 1;
+        g_port.strPending +=
+            strInput.substr(uStart + (bAct ? 2 : 0), uEnd - uStart - (bAct ? 2 : 0));
+        if (bAct) {
+            operate(follower, strInput[uStart + 1]);
+        } else {
+            step(follower);
+        }
+        uStart = uEnd + 1;
     }
-    PrintService& service = PrintService::getInstance();
-    for (int i = 0; i < 3; ++i) {
-        service.pollStatus();
-    }
-    service.onErrorCode((uSize > 0) ? pData[0] : 0);
-    char acReply[64];
-    do {
-        service.readUart(acReply, sizeof(acReply), 1, 0);
-    } while ('\0' != acReply[0]);
-    char acRest[4096];
-    fcntl(g_uart.getFd(), F_SETFL, O_NONBLOCK);
-    while (read(g_uart.getFd(), acRest, sizeof(acRest)) > 0) {
-    }
+
+    g_port.calm();
+    require(0 == g_pService->stopPrint(), "stopped");
+    require(PRINT_STATE_STOPPED == g_pService->getState(), "stopped is the state");
+    float fProgress = 1;
+    require(0 == g_pService->getProgress(&fProgress) && 0 == fProgress, "no progress");
+    require(0 == fchdir(g_nFormerFolder), "the former folder");
     return 0;
 }
