@@ -24,5 +24,5 @@ function(kestrel_test NAME)
             "${PROJECT_SOURCE_DIR}/tests/support/private-host;${CMAKE_CROSSCOMPILING_EMULATOR}")
     endif()
     gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST
-        PROPERTIES TIMEOUT 120 ENVIRONMENT "${ARG_ENVIRONMENT}")
+        PROPERTIES TIMEOUT 300 ENVIRONMENT "${ARG_ENVIRONMENT}")
 endfunction()

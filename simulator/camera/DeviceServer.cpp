@@ -54,7 +54,7 @@ void DeviceServer::accept()
         if (nFd < 0) {
             return; // EAGAIN, or a caller that has gone again
         }
-        const timeval patience{1, 0}; // the library sends at once
+        const timeval patience{30, 0}; // the library sends at once, when the scheduler lets it
         ::setsockopt(nFd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
         CameraNode node{};
         if (static_cast<ssize_t>(sizeof(node)) != ::recv(nFd, &node, sizeof(node), 0)) {

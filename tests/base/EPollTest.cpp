@@ -254,7 +254,7 @@ TEST(EPoll, AnInEventOfTheAcceptDescriptorGoesToTheAcceptHandlerOnly)
     NetPair listener; // any readable descriptor will do
     NetPair other;
     ASSERT_EQ(1, send(listener.m_far.getFd(), "x", 1, 0));
-    ASSERT_TRUE(listener.m_near.waitReadable(Time(5, 0)));
+    ASSERT_TRUE(listener.m_near.waitReadable(Time(30, 0)));
     epoll.setAcceptFd(listener.m_near.getFd());
     ASSERT_EQ(0, epoll.addFd(listener.m_near.getFd(), EPOLLIN | EPOLLOUT, nullptr));
 
@@ -272,7 +272,7 @@ TEST(EPoll, WithoutAnAcceptHandlerTheInHandlerGetsTheAcceptDescriptor)
     Recorder recorder(epoll, {"in"});
     NetPair listener;
     ASSERT_EQ(1, send(listener.m_far.getFd(), "x", 1, 0));
-    ASSERT_TRUE(listener.m_near.waitReadable(Time(5, 0)));
+    ASSERT_TRUE(listener.m_near.waitReadable(Time(30, 0)));
     epoll.setAcceptFd(listener.m_near.getFd());
     ASSERT_EQ(0, epoll.addFd(listener.m_near.getFd(), EPOLLIN, nullptr));
 

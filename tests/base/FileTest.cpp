@@ -316,9 +316,7 @@ TEST_F(FileTest, CanonicalPathResolvesLinksAndDots)
 
 TEST_F(FileTest, FullDiskIsAShortWriteOrAFailedFlush)
 {
-    if (0 != m_file.open("/dev/full", FILE_FLAG_WRITE)) {
-        GTEST_SKIP() << "no /dev/full here";
-    }
+    ASSERT_EQ(0, m_file.open("/dev/full", FILE_FLAG_WRITE));
 
     EXPECT_EQ(5u, m_file.write("hello", 5)); // in the stream's buffer
     EXPECT_EQ(-1, m_file.flush());

@@ -116,7 +116,7 @@ std::string readBytes(const TcpSocket& socket, size_t uCount)
 {
     std::string strResult(uCount, '\0');
     size_t uDone = 0;
-    while (uDone < uCount && waitReadable(socket.getFd(), 5, 0)) {
+    while (uDone < uCount && waitReadable(socket.getFd(), 30, 0)) {
         const ssize_t nGot = recv(socket.getFd(), &strResult[uDone], uCount - uDone, 0);
         if (nGot <= 0) {
             break;

@@ -35,7 +35,7 @@ size_t fillUp(TcpSocket& sender);
 /** Read what is there without waiting. */
 std::string readPending(const TcpSocket& socket);
 
-/** Read exactly so many bytes, or fewer when the peer closes or five seconds pass. */
+/** Read exactly so many bytes, or fewer when the peer closes or thirty seconds pass. */
 std::string readBytes(const TcpSocket& socket, size_t uCount);
 
 /** What was logged since the last call, or those of the lines that hold the text. */

@@ -207,7 +207,7 @@ TEST(SocketOptions, QueuesAreCounted)
     EXPECT_EQ(0, nBytes);
 
     ASSERT_EQ(5, send(pair.m_far.getFd(), "abcde", 5, 0));
-    ASSERT_TRUE(pair.m_near.waitReadable(Time(5, 0)));
+    ASSERT_TRUE(pair.m_near.waitReadable(Time(30, 0)));
     ASSERT_EQ(0, pair.m_near.getRcvQueue(nBytes));
     EXPECT_EQ(5, nBytes);
 

@@ -166,7 +166,7 @@ TEST(TcpClient, AFullSocketLeavesTheBufferPending)
     }));
 
     EXPECT_NE("", readPending(pair.m_far));
-    ASSERT_TRUE(pair.m_near.waitWritable(Time(5, 0)));
+    ASSERT_TRUE(pair.m_near.waitWritable(Time(30, 0)));
     EXPECT_EQ(0, client.write());
     EXPECT_EQ(0, client.trySend());
 }

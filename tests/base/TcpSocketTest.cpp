@@ -207,7 +207,7 @@ TEST(TcpSocket, CheckStateTellsReadiness)
     EXPECT_EQ(2, pair.m_near.checkState());
 
     ASSERT_EQ(1, send(pair.m_far.getFd(), "x", 1, 0));
-    ASSERT_TRUE(pair.m_near.waitReadable(Time(5, 0)));
+    ASSERT_TRUE(pair.m_near.waitReadable(Time(30, 0)));
     EXPECT_EQ(3, pair.m_near.checkState());
 
     ASSERT_EQ(1, send(pair.m_far.getFd(), "!", 1, MSG_OOB));
@@ -335,7 +335,7 @@ TEST(TcpSocket, OptionsAreDumpedInOrder)
     ASSERT_EQ(0, pair.m_near.setOptLinger(true, 3));
     ASSERT_EQ(0, pair.m_near.setOptBlock(false));
     ASSERT_EQ(4, send(pair.m_far.getFd(), "abcd", 4, 0));
-    ASSERT_TRUE(pair.m_near.waitReadable(Time(5, 0)));
+    ASSERT_TRUE(pair.m_near.waitReadable(Time(30, 0)));
     LogCapture log;
 
     pair.m_near.printCurOpts();

@@ -1,6 +1,7 @@
 """Virtual camera and service for the browser's tests, commanded by lines on standard input.
 
-camera COMMAND   to the virtual camera, e.g. "camera unplug"
+camera COMMAND   to the virtual camera, e.g. "camera freeze"; "camera unplug" leaves
+                 the service no buffer
 server stop      end the service; "server start" starts another one on the same camera
 saved NAME       wait until the SD card has a whole picture of this name
 quit             end all; so does the end of the input
@@ -30,7 +31,9 @@ def answer(text):
 
 def obey(board, line):
     target, _, command = line.partition(" ")
-    if target == "camera":
+    if line == "camera unplug":
+        board.camera.unplug()
+    elif target == "camera":
         board.camera.ctl(command)
     elif target == "saved":
         board.wait_for_saved(command)

@@ -10,6 +10,9 @@ namespace {
 class FirmwareTest : public PrintTest
 {
 protected:
+    // A silence that no stall is taken for.
+    FirmwareTest() : PrintTest({"--speed-up", "1000", "--image-quiet-ms", "5000"}) {}
+
     /** An image of the virtual controller's form, with every byte value in it. */
     static std::string makeImage(size_t uSize)
     {

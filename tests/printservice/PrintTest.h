@@ -126,7 +126,7 @@ protected:
             if (m_uart.send(strFill.data(), static_cast<int>(strFill.size()), 0) > 0) {
                 nRefused = 0;
             }
-            sleepFor(Time(0, 2000));
+            sleepFor(Time(0, 20000));
         }
     }
 

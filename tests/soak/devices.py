@@ -46,28 +46,24 @@ class CameraActor(Actor):
         self.chance.choice((self.unplug, self.unplug, self.unplug_again, self.freeze, self.fail))()
         self.steady_since = time.monotonic()
 
-    def status(self, name):
-        return dict(word.split("=") for word in self.rig.camera.ctl("status").split()[1:])[name]
-
     def unplug(self):
-        # After QBUF the camera has all its buffers: the service has just given the last one back.
-        self.rig.camera.ctl("unplug after QBUF")
-        self.wait_unplugged("QBUF")
+        self.rig.camera.unplug()
+        self.stay_away()
         self.rig.camera.ctl("replug")
 
-    def wait_unplugged(self, call):
-        wait_until(lambda: self.status("plugged") == "0", f"the service calls {call}")
+    def stay_away(self):
         self.tally.add("camera unplugged")
         self.stop.wait(self.chance.uniform(0.0, 2.5))
 
     def unplug_again(self):
         """Once more while it is being opened."""
-        self.rig.camera.ctl("unplug after QBUF")
-        self.wait_unplugged("QBUF")
+        self.rig.camera.unplug()
+        self.stay_away()
         call = self.chance.choice(OPENING_CALLS)
         self.rig.camera.ctl(f"unplug after {call}")
         self.rig.camera.ctl("replug")
-        self.wait_unplugged(call)
+        wait_until(lambda: self.rig.camera.status("plugged") == "0", f"the service calls {call}")
+        self.stay_away()
         self.rig.camera.ctl("replug")
 
     def freeze(self):

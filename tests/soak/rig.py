@@ -47,7 +47,7 @@ class Rig:
         os.makedirs(f"{CARD}/www", exist_ok=True)
         os.makedirs(f"{CARD}/camera", exist_ok=True)
         self.files = self._make_files()
-        self.camera = Camera("--keep", "100")
+        self.camera = Camera("--keep", "1000")
         self.controller = Controller(self.folder, "--settle-ms", "1")
         # A small quarantine, so that freed memory is reused and the resident size settles soon.
         self.server = Server(camera=self.camera, program="kestrel-server-soak", cwd=self.folder,

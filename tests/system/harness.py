@@ -80,11 +80,21 @@ class Camera:
         return [f"{TOOLS}/tools/kestrel-camera-ctl", "--dir", self.folder, *shlex.split(text)]
 
     def ctl(self, text):
-        """Send a command, e.g. "unplug"; returns the answer."""
+        """Send a command, e.g. "replug"; returns the answer."""
         done = subprocess.run(self._command(text), capture_output=True, text=True, check=False)
         if done.returncode != 0:
             raise AssertionError(f"camera refused {text!r}: {done.stdout}{done.stderr}")
         return done.stdout
+
+    def status(self, name):
+        """A word of its status, e.g. "1" for plugged."""
+        return dict(word.split("=") for word in self.ctl("status").split()[1:])[name]
+
+    def unplug(self):
+        """Pull the plug while the camera has all its buffers: with one in its hands the service
+        ends by its assertion."""
+        self.ctl("unplug after QBUF")
+        wait_until(lambda: self.status("plugged") == "0", "the service calls QBUF")
 
     def path(self, name):
         return os.path.join(self.folder, name)
@@ -241,13 +251,17 @@ def connect(port=HTTP_PORT, receive_buffer=None):
     if receive_buffer is not None:
         client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     client.settimeout(DEADLINE)
-    client.connect(("127.0.0.1", port))
+    try:
+        client.connect(("127.0.0.1", port))
+    except OSError:
+        client.close()  # or the kernel would go on trying
+        raise
     return client
 
 
-def request(path, method="GET"):
+def request(path, method="GET", timeout=DEADLINE):
     """The raw answer to a request, read until the service or Content-Length ends it."""
-    client = http.client.HTTPConnection("127.0.0.1", HTTP_PORT, timeout=DEADLINE)
+    client = http.client.HTTPConnection("127.0.0.1", HTTP_PORT, timeout=timeout)
     client.request(method, path)
     response = client.getresponse()
     body = response.read()

@@ -7,7 +7,7 @@ import threading
 import time
 import unittest
 
-from harness import Board, LiveStream, connect, wait_until
+from harness import EMULATOR, Board, LiveStream, connect, wait_until
 
 
 class Stream(unittest.TestCase):
@@ -41,9 +41,10 @@ class Stream(unittest.TestCase):
             produced = board.camera.frames()
             numbers = [produced[picture] for picture in pictures]
             self.assertEqual(sorted(set(numbers)), numbers, "in order, none twice")
-            # The camera makes 25 a second; what a fast client misses is its own start-up only.
-            self.assertLess(numbers[-1] - numbers[0], 200 + 20, "keeps its rate beside a slow one")
-            limit = 8000 if not board.server.sanitizer else 64000  # kB; a sanitizer's quarantine
+            # A stall leaves some out; held back by the slow one it would be dozens for each.
+            self.assertLess(numbers[-1] - numbers[0], 3 * 200, "keeps its rate beside a slow one")
+            bare = not board.server.sanitizer and not EMULATOR
+            limit = 8000 if bare else 64000  # kB; a sanitizer's quarantine, an emulator's own
             self.assertLess(grown, limit, "memory stays bounded")
 
             slow.socket.settimeout(0.5)  # whole parts, as far as they have come
@@ -84,7 +85,7 @@ class Unplugging(unittest.TestCase):
             live = LiveStream()
             live.frame()
 
-            board.camera.ctl("unplug")
+            board.camera.unplug()
             time.sleep(6)  # the time without a camera is what is tested
             board.camera.ctl("replug")
 
@@ -121,7 +122,7 @@ class Churn(unittest.TestCase):
             self.run_clients(chance, 1000)
 
             self.assertEqual(descriptors, self.settled_descriptors(board))
-            if not board.server.sanitizer:
+            if not board.server.sanitizer and not EMULATOR:
                 self.assertLess(board.server.status("VmRSS") - memory, 2048)
             self.assertEqual(1, board.server.status("Threads") - self.threads_without_capture(board))
             LiveStream().frame()
@@ -136,8 +137,9 @@ class Churn(unittest.TestCase):
     def settled_descriptors(self, board):
         """The number of descriptors once all connections are gone."""
         def quiet():
-            sockets = [t for t in board.server.descriptors().values() if t.startswith("socket:")]
-            return len(board.server.descriptors()) if len(sockets) <= self.listeners + 1 else 0
+            targets = list(board.server.descriptors().values())
+            sockets = [target for target in targets if target.startswith("socket:")]
+            return len(targets) if len(sockets) <= self.listeners + 1 else 0
         self.listeners = 2
         return wait_until(quiet, "the connections are gone")
 
@@ -201,10 +203,13 @@ class Descriptors(unittest.TestCase):
         """A client that is served. Those that wait long for the backlog lose patience, or are reset
         by the kernel after a minute, and come again."""
         for _ in range(8):
-            with contextlib.suppress(ConnectionResetError, TimeoutError):
+            with contextlib.suppress(ConnectionError, TimeoutError), contextlib.ExitStack() as stack:
                 client = connect()
+                stack.callback(client.close)  # or it would be served when nobody is there any more
                 client.sendall(b"GET /live HTTP/1.1\r\n\r\n")
-                return client if client.recv(100) else None
+                served = client.recv(100)
+                stack.pop_all()
+                return client if served else None
         return None
 
     def test_shell_commands_inherit_neither_sockets_nor_camera(self):

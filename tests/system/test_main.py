@@ -104,7 +104,7 @@ class Logging(Scripted):
         names = {1: "fatal", 2: "error", 3: "alert", 4: "crit ", 5: "warn "}
         pattern = re.compile(r"\[(.{5})\] \[\d\d-\d\d \d\d:\d\d:\d\d\] \[\d+\] level (\d)0{992}0\n")
         text = first.decode("ascii")
-        while text.count("[warn ]") < 2:
+        while text.count("[warn ]") < 2 or not text.endswith("\n"):
             text += viewer.recv(65536).decode("ascii")
         for heard in (text, log_text()):
             lines = pattern.findall(heard)

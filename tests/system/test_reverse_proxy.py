@@ -225,9 +225,9 @@ class Firewall(unittest.TestCase):
         run(*self.inside, "ip", "address", "add", f"{self.INNER}/24", "dev", "far")
         run(*self.inside, "ip", "link", "set", "far", "up")
 
-    def reaches(self, port):
+    def reaches(self, port, patience=30):
         """Whether the other host gets a connection."""
-        probe = (f"import socket; s = socket.socket(); s.settimeout(1); "
+        probe = (f"import socket; s = socket.socket(); s.settimeout({patience}); "
                  f"raise SystemExit(s.connect_ex(('{self.OUTER}', {port})) != 0)")
         return subprocess.run([*self.inside, "python3", "-c", probe], check=False).returncode == 0
 
@@ -238,8 +238,8 @@ class Firewall(unittest.TestCase):
         run("nft", "-f", f"{RECIPE}/kestrel-server.nft")
         self.addCleanup(run, "nft", "delete", "table", "inet", "kestrel_server")
 
-        self.assertFalse(self.reaches(8329))
-        self.assertFalse(self.reaches(8001))
+        self.assertFalse(self.reaches(8329, patience=2))
+        self.assertFalse(self.reaches(8001, patience=2))
         with socket.socket() as proxy:
             proxy.bind(("", PORT))
             proxy.listen()

@@ -81,6 +81,13 @@ protected:
         return m_v4l2.getVideoStream(m_frame, 10000);
     }
 
+    /** Give a command for the next frame, after the stream of before has had its last. */
+    void command(const char* pCommand)
+    {
+        ASSERT_EQ(RET_SUCCESS, m_v4l2.uninit());
+        m_camera.command(pCommand);
+    }
+
     /** Stream from a camera that delivers nothing. */
     void startFrozenStream()
     {
@@ -341,7 +348,7 @@ class V4L2EmptyBuffer : public V4L2Stream, public testing::WithParamInterface<co
 
 TEST_P(V4L2EmptyBuffer, IsDroppedAndQueuedAgain)
 {
-    m_camera.command(GetParam());
+    command(GetParam());
     startStream(0);
     m_camera.clearJournal();
     m_log.clear();
@@ -371,7 +378,7 @@ TEST_F(V4L2Stream, SmallestFrameIsDelivered)
 
 TEST_F(V4L2Stream, OtherStreamsDeliverAnySize)
 {
-    m_camera.command("bytes 0");
+    command("bytes 0");
     startStream(2);
 
     ASSERT_EQ(RET_SUCCESS, get());
@@ -382,7 +389,7 @@ TEST_F(V4L2Stream, OtherStreamsDeliverAnySize)
 
 TEST_F(V4L2Stream, OverlongFrameOfAnotherStreamIsDropped)
 {
-    m_camera.command("bytes overflow");
+    command("bytes overflow");
     startStream(2);
 
     EXPECT_EQ(RET_AGAIN, get());
@@ -414,7 +421,7 @@ TEST_F(V4L2Stream, FrameWithoutMemoryIsDropped)
 
 TEST_F(V4L2Stream, EmptyBufferThatCannotBeQueuedIsTriedAgain)
 {
-    m_camera.command("bytes 175");
+    command("bytes 175");
     startStream(0);
     m_camera.command("fail QBUF ENODEV");
     m_log.clear();

@@ -282,7 +282,7 @@ TEST(Device, MappingOutlivesBuffersAndDescriptor)
     VideoClient client;
     ASSERT_EQ(0, client.startStreaming());
     v4l2_buffer buffer{};
-    ASSERT_TRUE(client.readable(5000));
+    ASSERT_TRUE(client.readable(30000));
     ASSERT_EQ(0, client.dequeue(buffer));
     const std::vector<uint8_t> vecBefore = client.bytes(buffer);
 
@@ -339,7 +339,7 @@ TEST(Device, SelectFindsItReadableWhileAFilledBufferWaits)
     EXPECT_FALSE(client.readable(100));
 
     camera.command("thaw");
-    ASSERT_TRUE(client.readable(5000));
+    ASSERT_TRUE(client.readable(30000));
     EXPECT_TRUE(client.readable(0)); // looking takes nothing away
 
     camera.command("freeze");
@@ -392,7 +392,7 @@ TEST(Device, DequeuedBufferTellsFlagsSequenceAndTime)
     timespec now{};
 
     v4l2_buffer buffer{};
-    ASSERT_TRUE(client.readable(5000));
+    ASSERT_TRUE(client.readable(30000));
     ASSERT_EQ(0, client.dequeue(buffer));
     clock_gettime(CLOCK_MONOTONIC, &now);
 

@@ -24,7 +24,7 @@ std::string inputDevices()
 /** A streaming client with its next filled buffer dequeued. */
 void dequeueOne(VideoClient& client, v4l2_buffer& buffer)
 {
-    ASSERT_TRUE(client.readable(5000));
+    ASSERT_TRUE(client.readable(30000));
     ASSERT_EQ(0, client.dequeue(buffer));
 }
 
@@ -130,7 +130,7 @@ TEST(Fault, DequeueFailsAndTheFrameIsNotLost)
     VideoClient client;
     v4l2_buffer buffer{};
     ASSERT_EQ(0, client.startStreaming());
-    ASSERT_TRUE(client.readable(5000));
+    ASSERT_TRUE(client.readable(30000));
 
     camera.command("fail DQBUF EIO");
     EXPECT_EQ(EIO, client.dequeue(buffer));
@@ -329,7 +329,7 @@ TEST(Fault, FrozenCameraFillsNothing)
     EXPECT_EQ(EAGAIN, client.dequeue(buffer));
     EXPECT_NE(std::string::npos, camera.command("status").find("frozen=1"));
     camera.command("thaw");
-    EXPECT_TRUE(client.readable(5000));
+    EXPECT_TRUE(client.readable(30000));
 }
 
 TEST(Fault, ProgramGoneMeansDeviceGone)

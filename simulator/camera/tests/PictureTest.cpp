@@ -18,7 +18,7 @@ namespace {
 std::vector<uint8_t> nextFrame(VideoClient& client)
 {
     v4l2_buffer buffer{};
-    if (!client.readable(5000) || 0 != client.dequeue(buffer)) {
+    if (!client.readable(30000) || 0 != client.dequeue(buffer)) {
         ADD_FAILURE() << "no frame";
         return {};
     }
@@ -307,9 +307,9 @@ TEST(Picture, FrameWithoutAQueuedBufferIsDropped)
     ASSERT_EQ(0, client.startStreaming());
     v4l2_buffer first{};
     v4l2_buffer second{};
-    ASSERT_TRUE(client.readable(5000));
+    ASSERT_TRUE(client.readable(30000));
     ASSERT_EQ(0, client.dequeue(first));
-    ASSERT_TRUE(client.readable(5000));
+    ASSERT_TRUE(client.readable(30000));
     ASSERT_EQ(0, client.dequeue(second));
     EXPECT_EQ(first.sequence + 1, second.sequence);
 
@@ -317,7 +317,7 @@ TEST(Picture, FrameWithoutAQueuedBufferIsDropped)
     while (field(camera.command("status"), "frame") < dNumber + 5) {
     }
     ASSERT_EQ(0, client.enqueue(first.index));
-    ASSERT_TRUE(client.readable(5000));
+    ASSERT_TRUE(client.readable(30000));
     v4l2_buffer third{};
     ASSERT_EQ(0, client.dequeue(third));
 

@@ -83,7 +83,7 @@ TEST(Preload, OpenTakesOneDescriptorAndNoThread)
         VideoClient client;
         ASSERT_EQ(0, client.startStreaming());
         v4l2_buffer buffer{};
-        ASSERT_TRUE(client.readable(5000));
+        ASSERT_TRUE(client.readable(30000));
         ASSERT_EQ(0, client.dequeue(buffer));
 
         EXPECT_EQ(nDescriptors + 1, descriptors());
@@ -100,7 +100,7 @@ TEST(Preload, UseAllocatesNothing)
         VideoClient client; // has two vectors, which it gives back
         EXPECT_EQ(0, client.startStreaming());
         v4l2_buffer buffer{};
-        EXPECT_TRUE(client.readable(5000));
+        EXPECT_TRUE(client.readable(30000));
         EXPECT_EQ(0, client.dequeue(buffer));
     };
     use(); // symbols are looked up once
@@ -113,12 +113,12 @@ TEST(Preload, UseAllocatesNothing)
 
 TEST(Preload, WorksFromOtherNamespaces)
 {
-    if (0 != system("unshare -r -m -n true 2>/dev/null")) {
-        GTEST_SKIP() << "no namespaces here";
-    }
+    // Whoever is not root needs a user namespace too.
+    const std::string strUnshare = (0 == geteuid()) ? "unshare -m -n " : "unshare -r -m -n ";
+    ASSERT_EQ(0, system((strUnshare + "true").c_str()));
     VirtualCamera camera;
 
-    (void)shell("unshare -r -m -n sh -c 'exec 3<>/dev/video0' 2>&1");
+    (void)shell(strUnshare + "sh -c 'exec 3<>/dev/video0' 2>&1");
 
     EXPECT_EQ(1u, camera.count("open flags="));
 }
@@ -216,7 +216,7 @@ TEST(Preload, ForkedChildsCloseLeavesTheCameraOpen)
     ASSERT_EQ(pid, waitpid(pid, nullptr, 0));
 
     v4l2_buffer buffer{};
-    ASSERT_TRUE(client.readable(5000));
+    ASSERT_TRUE(client.readable(30000));
     EXPECT_EQ(0, client.dequeue(buffer));
     EXPECT_EQ(0u, camera.count("close"));
 }
@@ -235,7 +235,7 @@ TEST(Preload, KilledProcessGivesTheCameraBack)
 
     VideoClient client;
     int nError = EBUSY;
-    for (int i = 0; i < 500 && EBUSY == nError; i++) {
+    for (int i = 0; i < 3000 && EBUSY == nError; i++) {
         nError = client.requestBuffers(2);
         usleep(10000);
     }
@@ -280,11 +280,10 @@ TEST(Preload, MappingOfADescriptorClosedBehindItsBackCanBeUndone)
 TEST(Preload, WithoutTheVariableEverythingIsHandedOn)
 {
     struct stat status = {};
-    struct stat raw = {};
 
     const int nResult = stat("/dev/video0", &status);
 
-    EXPECT_EQ(syscall(SYS_newfstatat, AT_FDCWD, "/dev/video0", &raw, 0), nResult);
+    EXPECT_EQ(syscall(SYS_faccessat, AT_FDCWD, "/dev/video0", F_OK), nResult);
 }
 
 TEST(Preload, SixteenOpensAreTheMost)

@@ -46,6 +46,17 @@ public:
         return std::string(acBuffer, (nRead > 0) ? static_cast<size_t>(nRead) : 0);
     }
 
+    /** Wait for so many bytes. */
+    std::string hear(size_t uBytes) const
+    {
+        std::string strAll;
+        std::string strMore;
+        while (strAll.size() < uBytes && !(strMore = hear()).empty()) {
+            strAll += strMore;
+        }
+        return strAll;
+    }
+
     int getFd() const
     {
         return m_nFd;
@@ -84,8 +95,7 @@ TEST(KestrelController, AnswersLinesAndRecordsThem)
 
     port.say("$H\n");
 
-    EXPECT_EQ("ok\n", port.hear());
-    EXPECT_EQ("done\n", port.hear());
+    EXPECT_EQ("ok\ndone\n", port.hear(8)); // the wire's times show them apart
     const std::vector<VirtualController::Record> vecRecord = controller.readWire();
     ASSERT_EQ(4U, vecRecord.size());
     EXPECT_EQ("plugged", vecRecord[0].strKind);
@@ -222,8 +232,8 @@ TEST(KestrelController, MovesTheSceneSpotAgainstItsAxes)
 
     port.say("G05 X-12.5 Y3 Z0.25 F2000\nM18 S0\n");
 
-    EXPECT_EQ("ok\n", port.hear());
-    EXPECT_EQ("done\nok\n", port.hear());
+    EXPECT_EQ("ok\ndone\nok\n", port.hear(11));
+    EXPECT_EQ((std::vector<std::string>{"ok\n", "done\nok\n"}), controller.readTexts("tx"));
     EXPECT_TRUE(VirtualController::waitUntil([pScene] { return 0 == pScene->u32LaserOn; }));
     EXPECT_EQ(12500, pScene->s32XMicrometre);
     EXPECT_EQ(-3000, pScene->s32YMicrometre);
@@ -242,7 +252,7 @@ TEST(KestrelController, MovesTheSceneSpotAgainstItsAxes)
 
 TEST(KestrelController, KeepsAFirmwareImage)
 {
-    VirtualController controller;
+    VirtualController controller({"--image-quiet-ms", "5000"});
     Port port(controller.getNode());
     const std::string strImage = std::string("KFW1\x06\0\0\0", 8) + "abc\ndef";
 

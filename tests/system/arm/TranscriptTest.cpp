@@ -169,7 +169,7 @@ TEST_F(TranscriptTest, MissingAnswerIsTold)
 {
     m_controller.instruct("half");
 
-    EXPECT_EQ("expected: ok\nonly came: o", play("> M5\n< ok\n", 1));
+    EXPECT_EQ("expected: ok\nonly came: o", play("> M5\n< ok\n", 5));
 }
 
 TEST_F(TranscriptTest, DeadPortIsTold)
