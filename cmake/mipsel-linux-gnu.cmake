@@ -17,6 +17,7 @@ set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT}")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static-libstdc++")
 set(HTTP_PARSER_LIBRARY ${KESTREL_SYSROOT}/usr/lib/mipsel-linux-gnu/libhttp_parser.a
     CACHE FILEPATH "")
+set(JPEG_LIBRARY ${KESTREL_SYSROOT}/usr/lib/mipsel-linux-gnu/libjpeg.a CACHE FILEPATH "")
 
 set(CMAKE_FIND_ROOT_PATH "${KESTREL_SYSROOT}" /usr/mipsel-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

@@ -2,7 +2,7 @@
 
 import subprocess
 
-from harness import BUILD
+from harness import TOOLS
 
 
 class Controller:
@@ -11,14 +11,14 @@ class Controller:
     def __init__(self, folder, *options):
         self.folder = folder
         self.process = subprocess.Popen(
-            [f"{BUILD}/simulator/controller/kestrel-controller", "--node", "/dev/ttyACM0",
+            [f"{TOOLS}/simulator/controller/kestrel-controller", "--node", "/dev/ttyACM0",
              "--gpio", "/sys/class/gpio", "--control", f"{folder}/arm", "--wire-log", f"{folder}/wire",
              *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
         if self.process.stdout.readline() != "ready\n":
             raise AssertionError("the virtual controller is not ready")
 
     def ctl(self, *words):
-        return subprocess.run([f"{BUILD}/tools/kestrel-controller-ctl",
+        return subprocess.run([f"{TOOLS}/tools/kestrel-controller-ctl",
                                f"{self.folder}/arm", *words],
                               capture_output=True, text=True, check=True).stdout
 

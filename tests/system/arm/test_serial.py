@@ -1,4 +1,4 @@
-"""The serial port at the service's start, and the documented dialogues."""
+"""The serial port at the service's start, its cable pulled, and the documented dialogues."""
 
 import glob
 import os
@@ -7,7 +7,7 @@ import tempfile
 import unittest
 
 from controller import Controller
-from harness import BUILD, SOURCE, Board, Server, wait_until
+from harness import BUILD, EMULATOR, SOURCE, Board, LiveStream, Server, request, wait_until
 
 
 class Start(unittest.TestCase):
@@ -34,12 +34,32 @@ class Start(unittest.TestCase):
             self.assertNotIn("printservice", names)
 
 
+class PulledCable(unittest.TestCase):
+    def test_service_goes_on_answering(self):
+        with tempfile.TemporaryDirectory(prefix="kestrel-arm.") as folder:
+            os.symlink(f"{os.environ['KESTREL_TEST_PLUGINS']}/libtest_plugin.so",
+                       f"{folder}/libframe_process.so")
+            controller = Controller(folder)
+            self.addCleanup(controller.close)
+            with Board(program="kestrel-server-arm", cwd=folder):
+                controller.ctl("line", "1", "unplug")
+
+                response, _ = request("/camera?focus=1")
+
+                self.assertEqual(200, response.status)
+                self.assertEqual(["$H"], controller.records("rx"))
+                live = LiveStream()
+                self.assertEqual(b"\xff\xd8", live.frame()[:2])
+                live.close()
+
+
 class Transcripts(unittest.TestCase):
     def test_documented_dialogues_run_against_a_controller_at_its_port(self):
         with tempfile.TemporaryDirectory(prefix="kestrel-arm.") as folder:
             controller = Controller(folder, "--speed-up", "1000")
             self.addCleanup(controller.close)
-            play = [f"{BUILD}/tools/kestrel-transcript", "/dev/ttyACM0", f"{SOURCE}/docs/serial.md"]
+            play = EMULATOR + [f"{BUILD}/tools/kestrel-transcript", "/dev/ttyACM0",
+                               f"{SOURCE}/docs/serial.md"]
 
             every = subprocess.run(play, capture_output=True, text=True, check=False)
             one = subprocess.run(play + ["Laser off"], capture_output=True, text=True, check=False)
