@@ -1,8 +1,9 @@
 """The stream from the virtual camera to many clients, beside its floor (StreamFloor.cpp).
 
-For each number of clients: the floor, the service, the floor with the copy and the pause that are
-agreed for each frame, and the service with one more client that reads slowly, each as a fresh
-process on a fresh camera, for a few seconds. Load generator, camera and pictures are the same.
+For each number of clients, by turns and several times: the floor, the service, the floor with the
+copy and the pause that are agreed for each frame, and the service with one more client that reads
+slowly, each as a fresh process on a fresh camera, for a few seconds. Load generator, camera and
+pictures are the same. The figures are the medians, deliveries the sums, sizes the largest.
 """
 
 import bisect
@@ -23,7 +24,8 @@ import pictures  # noqa: E402
 
 CLIENTS = (1, 8, 32, 64, 128)
 RATE = 25         # frames per second
-SECONDS = 6       # measured
+ROUNDS = 3
+SECONDS = 3       # measured in each
 WARM_UP = 1
 SLOW_RATE = 20000  # bytes per second
 PAUSE = "copy of each frame, pause after it"
@@ -137,7 +139,7 @@ def read_frames(camera):
     return frames
 
 
-class Point:
+class Run:
     """One measurement: a number of clients of the service or of the floor."""
 
     def __init__(self, folder, clients, slow_rate=0, floor=None):
@@ -168,6 +170,7 @@ class Point:
         time.sleep(1)  # the last frames of the window, and what the slow client has in the way
         parts, reads = load.finish()
         self._evaluate(before, after, read_frames(camera), parts, clients)
+        self.held = 0
         if load.slow_port:
             slow = [part for part in parts if part[0] == clients]
             self.held = most_frames_held(slow, reads, samples)
@@ -199,6 +202,32 @@ class Point:
         self.switches = [(b - a) / self.frames for a, b in zip(before.switches, after.switches)]
 
 
+class Point:
+    """All runs of one measurement taken together."""
+
+    def __init__(self, runs):
+        def median(name):
+            return figures.median([getattr(run, name) for run in runs])
+        self.expected = sum(run.expected for run in runs)
+        self.delivered = sum(run.delivered for run in runs)
+        self.resident = max(run.resident for run in runs)
+        self.held = max(run.held for run in runs)
+        self.cpu = median("cpu")
+        self.load_cpu = median("load_cpu")
+        self.both_cpu = figures.median([run.cpu + run.load_cpu for run in runs])
+        self.library = median("library")
+        self.median = median("median")
+        self.percentile99 = median("percentile99")
+        self.switches = [figures.median(kind) for kind in zip(*(run.switches for run in runs))]
+
+
+def measure(folder, clients):
+    """The points of the floor, the service, the agreed floor and the service with a slow client."""
+    kinds = ({"floor": ()}, {}, {"floor": ("agreed",)}, {"slow_rate": SLOW_RATE})
+    rounds = [[Run(folder, clients, **kind) for kind in kinds] for _ in range(ROUNDS)]
+    return [Point(runs) for runs in zip(*rounds)]
+
+
 def add_point(table, clients, service, floor, agreed):
     piece = f"stream, {clients} client" + ("s" if clients > 1 else "")
     table.add(piece, "delivered frames", service.delivered, f"of {service.expected}",
@@ -207,6 +236,8 @@ def add_point(table, clients, service, floor, agreed):
               goal=1.25 if clients >= 8 else None, bound=PAUSE)
     table.add(piece, "CPU per delivered frame, beside a floor that copies and pauses too",
               service.cpu, "us", agreed.cpu)
+    table.add(piece, "CPU per delivered frame, with the load generator's", service.both_cpu, "us",
+              floor.both_cpu, bound=PAUSE)
     table.add(piece, "latency, median", service.median, "ms", floor.median, goal=1.5, bound=NAGLE)
     table.add(piece, "latency, 99th percentile", service.percentile99, "ms", floor.percentile99,
               bound=NAGLE, gate=False)
@@ -239,11 +270,9 @@ def main():
     table = figures.Table()
     services, floors = {}, {}
     for clients in counts:
-        floors[clients] = Point(folder, clients, floor=())
-        services[clients] = Point(folder, clients)
-        add_point(table, clients, services[clients], floors[clients],
-                  Point(folder, clients, floor=("agreed",)))
-        add_slow(table, clients, Point(folder, clients, slow_rate=SLOW_RATE), services[clients])
+        floors[clients], services[clients], agreed, slow = measure(folder, clients)
+        add_point(table, clients, services[clients], floors[clients], agreed)
+        add_slow(table, clients, slow, services[clients])
     few, many = min(n for n in counts if n >= 8 or n == max(counts)), max(counts)
     if many > few:
         table.add("stream, fan-out", f"CPU per delivered frame, {many} clients beside {few}",
