@@ -57,7 +57,9 @@ class Arm(unittest.TestCase):
         # The stream may have stood still meanwhile: the camera's own pictures tell.
         during = self.camera.frames()
         first = during[before_picture]
-        for _ in range(6):  # those that were on their way
+        while (after_picture := live.frame()) in during:
+            pass  # those that were on their way
+        for _ in range(4):  # and those that the camera was drawing
             after_picture = live.frame()
         live.close()
 
