@@ -18,7 +18,6 @@
 
 #include "Eventually.h"
 #include "Fault.h"
-#include "FreePort.h"
 #include "LogCapture.h"
 #include "NetPair.h"
 #include "ServerFixture.h"
@@ -391,12 +390,15 @@ TEST(TcpServer, AReadMayLetGoOfTheConnection)
             m_pClient = std::make_unique<OneByteClient>();
             return m_pClient.get();
         }
+        uint16_t getPort() const
+        {
+            return portOf(m_socket.getFd());
+        }
         std::unique_ptr<OneByteClient> m_pClient;
     };
     OneByteServer server;
-    const uint16_t u16Port = freePort();
-    ASSERT_EQ(0, server.init(u16Port, "127.0.0.1", 8192, 16384));
-    TcpSocket peer = connectTo(u16Port);
+    ASSERT_EQ(0, server.init(0, "127.0.0.1", 8192, 16384));
+    TcpSocket peer = connectTo(server.getPort());
     ASSERT_EQ(2, send(peer.getFd(), "12", 2, 0));
 
     ASSERT_TRUE(eventually([&] {
