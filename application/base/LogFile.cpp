@@ -1,14 +1,74 @@
 // The rotating log file: one of the sinks of the log.
 #include "LogFile.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <new>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
-#include "Command.h"
 #include "EventBus.h"
 #include "LogEvent.h"
 #include "Time.h"
+
+namespace {
+
+struct FoundFile
+{
+    timespec modified;
+    std::string strName;
+};
+
+bool isListedBefore(const FoundFile& left, const FoundFile& right)
+{
+    if (left.modified.tv_sec != right.modified.tv_sec) {
+        return left.modified.tv_sec > right.modified.tv_sec;
+    }
+    if (left.modified.tv_nsec != right.modified.tv_nsec) {
+        return left.modified.tv_nsec > right.modified.tv_nsec;
+    }
+    return left.strName < right.strName;
+}
+
+/** Links are neither followed nor counted: only what is itself a regular file. */
+std::vector<FoundFile> filesThatBeginWith(DIR* pFolder, const char* pPrefix)
+{
+    const size_t uPrefix = strlen(pPrefix);
+    std::vector<FoundFile> vecFound;
+    while (const dirent* pEntry = readdir(pFolder)) {
+        struct stat info = {};
+        if (0 != strncmp(pEntry->d_name, pPrefix, uPrefix) ||
+            (0 == uPrefix && '.' == pEntry->d_name[0]) || // hidden from an empty prefix
+            0 != fstatat(dirfd(pFolder), pEntry->d_name, &info, AT_SYMLINK_NOFOLLOW) ||
+            !S_ISREG(info.st_mode)) {
+            continue;
+        }
+        vecFound.push_back({info.st_mtim, pEntry->d_name});
+    }
+    return vecFound;
+}
+
+/** Newest first by the time of modification, then by name, the order of "ls -t". */
+void removeAllButNewest(const char* pFolder, const char* pPrefix, int32_t s32Kept)
+{
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(pFolder), closedir);
+    if (nullptr == folder) {
+        return;
+    }
+    std::vector<FoundFile> vecFound = filesThatBeginWith(folder.get(), pPrefix);
+    std::sort(vecFound.begin(), vecFound.end(), isListedBefore);
+    for (size_t i = static_cast<size_t>(std::max(s32Kept, 0)); i < vecFound.size(); ++i) {
+        (void)unlinkat(dirfd(folder.get()), vecFound[i].strName.c_str(), 0); // it may be another's
+    }
+}
+
+} // namespace
 
 LogFile::LogFile()
 {
@@ -83,11 +143,14 @@ void LogFile::removeOld()
     aTime[1] = aTime[0];
     (void)futimens(fileno(m_file.getStream()), aTime); // at worst a tie
 
-    std::string strCommand(m_strBasePath.size() + 512, '\0'); // cut off it would do something else
-    snprintf(&strCommand[0], strCommand.size(),
-             "ls -t %s* | awk '{if(NR>%d){print \"rm -f \"$0}}' | sh", m_strBasePath.c_str(),
-             m_s32Files);
-    (void)runCommand(strCommand.c_str()); // files too many do no harm
+    const size_t uSlash = m_strBasePath.rfind('/');
+    const size_t uPrefix = (std::string::npos == uSlash) ? 0 : uSlash + 1;
+    try {
+        const std::string strFolder = (0 == uPrefix) ? "." : m_strBasePath.substr(0, uPrefix);
+        removeAllButNewest(strFolder.c_str(), m_strBasePath.c_str() + uPrefix, m_s32Files);
+    } catch (const std::bad_alloc&) {
+        // Files too many do no harm; the next new file tries again.
+    }
 }
 
 int LogFile::onLog(Event* pEvent)

@@ -4,12 +4,15 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <string>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <thread>
 #include <typeinfo>
 #include <unistd.h>
@@ -81,6 +84,13 @@ protected:
         }
         std::sort(vecName.begin(), vecName.end());
         return vecName;
+    }
+
+    /** The modification time of a file of the folder. */
+    void setTime(const char* pName, time_t nSeconds, long lNanoseconds = 0) const
+    {
+        const timespec aTime[2] = {{nSeconds, lNanoseconds}, {nSeconds, lNanoseconds}};
+        ASSERT_EQ(0, utimensat(AT_FDCWD, (m_folder.path() / pName).c_str(), aTime, 0));
     }
 
     std::string contents() const
@@ -219,7 +229,116 @@ TEST_F(LogFileTest, PruningTakesEverythingThatBeginsWithTheBasePath)
     EXPECT_EQ("other", names()[1]);
 }
 
-TEST_F(LogFileTest, PathLongerThanTheCommandsUsualBlockIsPruned)
+TEST_F(LogFileTest, PruningTakesNamesOfAnyBytesAsTheyStand)
+{
+    const fs::path old = fs::current_path();
+    fs::current_path(m_folder.path()); // what a shell makes of such a name lands here
+    for (const char* pName : {"log;touch made;", "log$(touch made)", "log`touch made`",
+                              "log\ntouch made\n", "log a 'b' \"c\"", "log*", "log -rf other",
+                              "log\\", "log|touch made", "log\xff\xfe\x01", "other", "log a"}) {
+        m_folder.write(pName, "");
+        setTime(pName, 1000000000);
+    }
+
+    EXPECT_EQ(RET_SUCCESS, init(1, 1));
+
+    fs::current_path(old);
+    ASSERT_EQ(2u, names().size());
+    EXPECT_TRUE(hasPattern(names()[0], "^log\\.[-0-9_:]{19}$"));
+    EXPECT_EQ("other", names()[1]);
+}
+
+TEST_F(LogFileTest, PruningGoesByTimeNotByName)
+{
+    m_folder.write("log.a", "");
+    m_folder.write("log.b", "");
+    m_folder.write("log.c", "");
+    setTime("log.a", 1000000000, 2);
+    setTime("log.b", 1000000000, 3);
+    setTime("log.c", 999999999, 4);
+
+    ASSERT_EQ(RET_SUCCESS, init(1, 3));
+
+    ASSERT_EQ(3u, names().size());
+    EXPECT_EQ("log.a", names()[1]);
+    EXPECT_EQ("log.b", names()[2]);
+}
+
+TEST_F(LogFileTest, FilesOfOneTimeArePrunedByName)
+{
+    for (const char* pName : {"log.c", "log.a", "log.B", "log.\xe4", "log.b"}) {
+        m_folder.write(pName, "");
+        setTime(pName, 1000000000, 5);
+    }
+
+    ASSERT_EQ(RET_SUCCESS, init(1, 4));
+
+    EXPECT_EQ(4u, names().size());
+    for (const char* pName : {"log.B", "log.a", "log.b"}) {
+        EXPECT_TRUE(fs::exists(m_folder.path() / pName)) << pName;
+    }
+}
+
+TEST_F(LogFileTest, PruningNeitherTakesNorCountsWhatIsNoRegularFile)
+{
+    m_folder.write("log.1", "");
+    m_folder.write("target", "");
+    setTime("log.1", 1000000000);
+    setTime("target", 1000000000);
+    fs::create_directory(m_folder.path() / "log.folder");
+    std::ofstream(m_folder.path() / "log.folder/inside") << "x";
+    fs::create_symlink("target", m_folder.path() / "log.link");
+    fs::create_symlink("nowhere", m_folder.path() / "log.dangling");
+    ASSERT_EQ(0, mkfifo((m_folder.path() / "log.pipe").c_str(), 0666));
+
+    ASSERT_EQ(RET_SUCCESS, init(1, 2));
+    EXPECT_TRUE(fs::exists(m_folder.path() / "log.1")) << "the second regular file";
+    waitForNextSecond();
+    ASSERT_EQ(RET_SUCCESS, init(1, 1));
+
+    EXPECT_FALSE(fs::exists(m_folder.path() / "log.1"));
+    for (const char* pName :
+         {"log.folder/inside", "log.link", "log.dangling", "log.pipe", "target"}) {
+        EXPECT_TRUE(fs::exists(fs::symlink_status(m_folder.path() / pName))) << pName;
+    }
+}
+
+TEST_F(LogFileTest, WithoutAFolderInItsPathTheWorkingFolderIsPruned)
+{
+    const fs::path old = fs::current_path();
+    fs::current_path(m_folder.path());
+    m_folder.write("log.1", "");
+    setTime("log.1", 1000000000);
+
+    EXPECT_EQ(RET_SUCCESS, LogFile::getInstance().init("log", 1, 1));
+
+    fs::current_path(old);
+    ASSERT_EQ(1u, names().size());
+    EXPECT_NE("log.1", names()[0]);
+}
+
+TEST_F(LogFileTest, PathThatIsAFolderPrunesNoHiddenFiles)
+{
+    m_folder.write(".hidden", "");
+    m_folder.write("seen", "");
+    setTime(".hidden", 1000000000);
+    setTime("seen", 1000000000);
+
+    EXPECT_EQ(RET_SUCCESS, LogFile::getInstance().init(m_folder.path().string() + "/", 1, 0));
+
+    EXPECT_TRUE(fs::exists(m_folder.path() / ".hidden"));
+    EXPECT_FALSE(fs::exists(m_folder.path() / "seen"));
+}
+
+TEST_F(LogFileTest, KeepingNoneRemovesTheCurrentFileToo)
+{
+    ASSERT_EQ(RET_SUCCESS, init(1, 0));
+    logLine("into nowhere\n");
+
+    EXPECT_TRUE(names().empty());
+}
+
+TEST_F(LogFileTest, LongPathIsPruned)
 {
     // Folders of 100 characters, until the path has more than 512.
     std::string strBase = m_folder.path().string();
@@ -387,18 +506,39 @@ TEST_F(LogFileTest, FolderThatCannotBeWrittenIsTriedOncePerSecond)
     EXPECT_EQ(std::string(1024, 'x') + "back\n", contents());
 }
 
-TEST_F(LogFileTest, FailedPruningIsSurvived)
+TEST_F(LogFileTest, FailedPruningIsSurvivedAndMadeUpForByTheNext)
 {
-    FaultScope fault("system:1:EAGAIN");
-
-    EXPECT_EQ(RET_SUCCESS, init(1, 5));
-    EXPECT_EQ(1u, faultHits());
+    m_folder.write("log.1", "");
+    setTime("log.1", 1000000000);
+    {
+        FaultScope fault("malloc>=32768:1:ENOMEM"); // the folder's buffer
+        EXPECT_EQ(RET_SUCCESS, init(1, 1));
+        EXPECT_EQ(1u, faultHits());
+    }
     logLine("line\n");
-
     EXPECT_EQ("line\n", contents());
+    EXPECT_EQ(2u, names().size());
+    waitForNextSecond();
+
+    EXPECT_EQ(RET_SUCCESS, init(1, 1));
+
+    EXPECT_EQ(1u, names().size());
 }
 
-TEST_F(LogFileTest, PruningInheritsNoDescriptor)
+TEST_F(LogFileTest, FullMemoryLeavesOldFilesToTheNextPruning)
+{
+    const std::string strOld = "log." + std::string(200, 'x');
+    m_folder.write(strOld, "");
+    setTime(strOld.c_str(), 1000000000);
+
+    FaultScope fault("malloc=205:1:ENOMEM"); // the copy of that name
+    EXPECT_EQ(RET_SUCCESS, init(1, 1));
+
+    EXPECT_EQ(1u, faultHits());
+    EXPECT_TRUE(fs::exists(m_folder.path() / strOld));
+}
+
+TEST_F(LogFileTest, FileIsClosedInCommands)
 {
     ASSERT_EQ(RET_SUCCESS, init(1, 5));
     bool bAllCloseOnExec = true;

@@ -32,7 +32,9 @@ public:
      * Start the first file and take every log line from now on. Called again it goes on with the
      * new settings. Main thread.
      * @param u32LimitKiB  size from which on a new file is started
-     * @param s32Files     files kept, the current one included; the oldest are deleted by the shell
+     * @param s32Files     files kept, the current one included: with each new file, of all regular
+     *                     files whose names begin with the base path, whatever bytes follow, only
+     *                     the newest by modification time stay (of one time: by name)
      * @return RET_FAILED, unlogged, for an empty path or when the file can't be created
      */
     RET_E init(const std::string& strBasePath, uint32_t u32LimitKiB, int32_t s32Files);
