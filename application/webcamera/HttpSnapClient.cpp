@@ -1,11 +1,11 @@
 // The responder of "/snap": a picture, which is also saved to the SD card.
 #include "HttpSnapClient.h"
 
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
 
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -13,6 +13,7 @@
 #include "Callback.h"
 #include "File.h"
 #include "Log.h"
+#include "OpenBelow.h"
 #include "SystemModule.h"
 #include "VideoFrameEvent.h"
 #include "WebCameraClient.h"
@@ -58,7 +59,7 @@ int HttpSnapClient::onSnapFrameEvent(Event* pEvent)
     try {
         save(*event.m_frame.get());
     } catch (const std::bad_alloc&) {
-        // No room for a long name: not saved, and the capture thread goes on.
+        // No room for the name: not saved, and the capture thread goes on.
     }
     return 0;
 }
@@ -86,21 +87,21 @@ void HttpSnapClient::save(const VENC_FRAME_T& frame)
     if (0 != File::access(FOLDER, F_OK) || 0 != File::access(FOLDER, W_OK)) {
         return;
     }
-    // The folder's slash and this one: the path has both.
-    const std::string strPath = std::string(FOLDER) + "/" + m_strFileName;
-    struct stat info
-    {
-    };
-    if (0 == stat(strPath.c_str(), &info) && !S_ISREG(info.st_mode)) {
-        return; // opening a FIFO would hold up the capture, opening a device may do anything
-    }
-    File file;
-    if (0 != file.open(strPath.c_str(), FILE_FLAG_WRITE | FILE_FLAG_CREATE | FILE_FLAG_BINARY)) {
+    const int nFd = openBelow(FOLDER, m_strFileName.c_str());
+    if (nFd < 0) {
         return;
     }
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fdopen(nFd, "wb"), fclose);
+    if (nullptr == file) {
+        close(nFd);
+        return;
+    }
+    (void)ftruncate(nFd, 0); // a regular file, just opened for writing
     const uint32_t u32Size = frame.u32Size;
     // The stream keeps the picture's last bytes back: only flushing tells whether they fit.
-    if (file.write(frame.au8Data, u32Size) < u32Size || 0 != file.flush()) {
+    if (fwrite(frame.au8Data, 1, u32Size, file.get()) < u32Size || 0 != fflush(file.get())) {
+        // The folder's slash and this one: the path has both.
+        const std::string strPath = std::string(FOLDER) + "/" + m_strFileName;
         LOG(7, "Save %s : TF-Card has no enough space !!!\n", strPath.c_str()); // sic
     }
 }

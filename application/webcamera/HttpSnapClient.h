@@ -23,7 +23,8 @@ class HttpSnapClient : public IClient
 public:
     /**
      * @param client       the connection, which outlives the responder
-     * @param strFileName  where to save, relative to the camera's folder; used unchanged
+     * @param strFileName  where to save, relative to the camera's folder; used unchanged. One
+     *                     that openBelow() refuses is answered and not saved
      * @param bCorrection  answer the lens-corrected picture
      */
     HttpSnapClient(WebCameraClient& client, int32_t s32Stream, const std::string& strFileName,

@@ -63,6 +63,17 @@ class Card(unittest.TestCase):
         self.snap("folder")
         self.assertEqual([], os.listdir(f"{FOLDER}/folder"))
 
+    def test_link_is_not_saved_through_nor_a_name_followed_out_of_the_folder(self):
+        with open(f"{CARD}/www/page.txt", "w", encoding="ascii") as file:
+            file.write("page")
+        os.symlink("../www/page.txt", f"{FOLDER}/link")
+        os.symlink("../www", f"{FOLDER}/linked")
+        for name in ("link", "linked/page.txt", "../www/page.txt", "../www/new.txt"):
+            self.snap(name)
+        with open(f"{CARD}/www/page.txt", encoding="ascii") as file:
+            self.assertEqual("page", file.read())
+        self.assertFalse(os.path.exists(f"{CARD}/www/new.txt"))
+
     def test_subfolder_is_used_as_named(self):
         os.makedirs(f"{FOLDER}/sub")
         self.snap("sub/a.jpg")

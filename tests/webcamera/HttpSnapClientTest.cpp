@@ -78,10 +78,11 @@ protected:
     /** Request a snapshot, deliver a frame, and expect it as the answer. */
     void expectAnswered(const std::string& strFileName, uint32_t u32Size = 5000)
     {
-        ASSERT_EQ(0, m_connection.request(request("?filename=" + strFileName)));
+        Connection connection;
+        ASSERT_EQ(0, connection.request(request("?filename=" + strFileName)));
         deliver(u32Size);
-        std::string strStream = m_connection.receive();
-        EXPECT_EQ(payload(u32Size), takeAnswer(strStream, u32Size, strFileName));
+        std::string strStream = connection.receive();
+        EXPECT_TRUE(payload(u32Size) == takeAnswer(strStream, u32Size, strFileName));
         EXPECT_EQ("", strStream);
     }
 
@@ -264,12 +265,77 @@ TEST_F(HttpSnapClientTest, SlashInTheFileNameReachesASubfolder)
     EXPECT_EQ(payload(5000), card.read("sub/a.jpg"));
 }
 
-TEST_F(HttpSnapClientTest, FileNameIsRelativeToTheFolderWithoutAFilter)
+TEST_F(HttpSnapClientTest, FileNameIsUsedUnchangedBelowTheFolder)
 {
     CardFolder card("camera");
+    std::filesystem::create_directory(card.path() / "sub");
 
-    expectAnswered("../outside.jpg");
-    EXPECT_EQ(payload(5000), card.read("../outside.jpg"));
+    for (const char* pName : {"$(id);`id`|'\"%41+.jpg", "-rf", ".hidden", "...", "..a"}) {
+        expectAnswered(pName);
+        EXPECT_EQ(payload(5000), card.read(pName)) << pName;
+    }
+    expectAnswered("sub/../a.jpg");
+    EXPECT_EQ(payload(5000), card.read("a.jpg"));
+}
+
+TEST_F(HttpSnapClientTest, FileNameThatLeavesTheFolderIsAnsweredAndNotSaved)
+{
+    CardFolder card("camera");
+    card.write("../outside.jpg", "old");
+
+    for (const char* pName : {"../outside.jpg", "../new.jpg", "../camera/a.jpg", "./../new.jpg",
+                              "../../../../../../tmp/new.jpg"}) {
+        expectAnswered(pName);
+    }
+
+    EXPECT_EQ("old", card.read("../outside.jpg"));
+    EXPECT_FALSE(card.has("../new.jpg"));
+    EXPECT_FALSE(std::filesystem::exists("/tmp/new.jpg"));
+    EXPECT_TRUE(card.isEmpty());
+    EXPECT_EQ(std::string::npos, m_log.text().find("Save"));
+}
+
+TEST_F(HttpSnapClientTest, SymbolicLinkIsAnsweredAndNotSavedThrough)
+{
+    CardFolder card("camera");
+    card.write("file.jpg", "old");
+    std::filesystem::create_directory(card.path() / "sub");
+    std::filesystem::create_symlink("file.jpg", card.path() / "link.jpg");
+    std::filesystem::create_symlink("missing.jpg", card.path() / "dangling.jpg");
+    std::filesystem::create_directory_symlink("sub", card.path() / "folder");
+
+    for (const char* pName : {"link.jpg", "dangling.jpg", "folder/a.jpg", "folder/../b.jpg"}) {
+        expectAnswered(pName);
+    }
+
+    EXPECT_EQ("old", card.read("file.jpg"));
+    EXPECT_FALSE(card.has("missing.jpg"));
+    EXPECT_TRUE(std::filesystem::is_empty(card.path() / "sub"));
+    EXPECT_FALSE(card.has("b.jpg"));
+    EXPECT_TRUE(std::filesystem::is_symlink(card.path() / "link.jpg"));
+}
+
+TEST_F(HttpSnapClientTest, SmallerPictureReplacesALargerOne)
+{
+    CardFolder card("camera");
+    expectAnswered("a.jpg", 5000);
+
+    expectAnswered("a.jpg", 300);
+
+    EXPECT_EQ(payload(300), card.read("a.jpg"));
+}
+
+TEST_F(HttpSnapClientTest, WithoutMemoryForAStreamTheFormerPictureStays)
+{
+    CardFolder card("camera");
+    card.write("a.jpg", "old");
+    {
+        FaultScope fault("fdopen:1:ENOMEM");
+        expectAnswered("a.jpg");
+        EXPECT_EQ(1u, faultHits());
+    }
+
+    EXPECT_EQ("old", card.read("a.jpg"));
 }
 
 TEST_F(HttpSnapClientTest, FileNameThatCannotBeOpenedIsAnsweredAndNothingIsLogged)
@@ -309,27 +375,25 @@ TEST_F(HttpSnapClientTest, FileNameLongerThanTheHeadersBlockIsWhole)
     expectAnswered(std::string(1800, 'n'));
 }
 
-TEST_F(HttpSnapClientTest, WithoutMemoryForALongPathItIsAnsweredAndNotSaved)
+TEST_F(HttpSnapClientTest, WithoutMemoryForTheNameItIsAnsweredAndNotSaved)
 {
     CardFolder card("camera");
-    std::string strName = "a.jpg";
-    while (strName.size() < 1500) {
-        strName = "./" + strName;
-    }
-    ASSERT_EQ(0, m_connection.request(request("?filename=" + strName)));
+    const std::string strFolder(200, 'd');
+    std::filesystem::create_directory(card.path() / strFolder);
+    ASSERT_EQ(0, m_connection.request(request("?filename=" + strFolder + "/a.jpg")));
     PVENC_FRAME_T frame = makeFrame(5000);
     {
-        FaultScope fault("malloc>=1400:1-:ENOMEM");
+        FaultScope fault("malloc=201:1:ENOMEM");
         FakeSystem::deliver(frame);
-        EXPECT_GE(faultHits(), 1u);
+        EXPECT_EQ(1u, faultHits());
     }
 
     std::string strStream = m_connection.receive();
-    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, strName));
-    EXPECT_FALSE(card.has("a.jpg"));
+    EXPECT_EQ(payload(5000), takeAnswer(strStream, 5000, strFolder + "/a.jpg"));
+    EXPECT_FALSE(card.has(strFolder + "/a.jpg"));
 
     FakeSystem::deliver(frame);
-    EXPECT_EQ(payload(5000), card.read("a.jpg")) << "the next picture is saved";
+    EXPECT_EQ(payload(5000), card.read(strFolder + "/a.jpg")) << "the next picture is saved";
 }
 
 TEST_F(HttpSnapClientTest, StoppedResponderIsNotReached)

@@ -1,0 +1,232 @@
+// Which names are opened below a folder, and which are refused.
+#include "OpenBelow.h"
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Fault.h"
+#include "ScratchFolder.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class OpenBelow : public testing::Test
+{
+protected:
+    OpenBelow()
+    {
+        fs::create_directories(inside("sub/deep"));
+    }
+
+    fs::path inside(const std::string& strName) const
+    {
+        return m_folder.path() / "folder" / strName;
+    }
+
+    /** Open, write "new" and close. @return false when it was refused */
+    bool opened(const std::string& strName) const
+    {
+        const int nFd = openBelow((m_folder.path() / "folder").c_str(), strName.c_str());
+        if (nFd < 0) {
+            return false;
+        }
+        EXPECT_NE(0, fcntl(nFd, F_GETFD) & FD_CLOEXEC);
+        EXPECT_EQ(3, write(nFd, "new", 3));
+        close(nFd);
+        return true;
+    }
+
+    size_t descriptors() const
+    {
+        size_t uCount = 0;
+        for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+            (void)entry;
+            ++uCount;
+        }
+        return uCount;
+    }
+
+    ScratchFolder m_folder;
+};
+
+} // namespace
+
+TEST_F(OpenBelow, NameIsOpenedWhereItSays)
+{
+    const std::string aName[][2] = {{"a", "a"},
+                                    {"sub/b", "sub/b"},
+                                    {"sub/deep/c", "sub/deep/c"},
+                                    {"/d", "d"},
+                                    {"./e", "e"},
+                                    {"sub//./deep///f", "sub/deep/f"},
+                                    {"sub/../g", "g"},
+                                    {"sub/deep/../../h", "h"},
+                                    {"sub/../sub/deep/../i", "sub/i"},
+                                    {"... .", "... ."},
+                                    {"\xff\n$(id)", "\xff\n$(id)"}};
+    for (const auto& name : aName) {
+        EXPECT_TRUE(opened(name[0])) << name[0];
+        EXPECT_EQ("new", m_folder.read("folder/" + name[1])) << name[0];
+    }
+}
+
+TEST_F(OpenBelow, FileIsNotTruncated)
+{
+    m_folder.write("folder/a", "old bytes");
+
+    EXPECT_TRUE(opened("a"));
+
+    EXPECT_EQ("new bytes", m_folder.read("folder/a"));
+}
+
+TEST_F(OpenBelow, NewFileGetsTheUsualMode)
+{
+    const mode_t uOld = umask(022);
+
+    EXPECT_TRUE(opened("a"));
+
+    umask(uOld);
+    EXPECT_EQ(fs::perms(0644), fs::status(inside("a")).permissions());
+}
+
+TEST_F(OpenBelow, NameThatLeavesTheFolderIsRefused)
+{
+    m_folder.write("outside", "old");
+    for (const char* pName : {"../outside", "../new", "..", "../", "sub/../../outside",
+                              "../folder/a", "sub/deep/../../../outside", "/../outside"}) {
+        EXPECT_FALSE(opened(pName)) << pName;
+    }
+
+    EXPECT_EQ("old", m_folder.read("outside"));
+    EXPECT_FALSE(fs::exists(m_folder.path() / "new"));
+    EXPECT_FALSE(fs::exists(inside("a")));
+}
+
+TEST_F(OpenBelow, MissingFolderIsNotMade)
+{
+    for (const char* pName : {"missing/a", "missing/../a", "sub/missing/a"}) {
+        EXPECT_FALSE(opened(pName)) << pName;
+    }
+
+    EXPECT_FALSE(fs::exists(inside("missing")));
+    EXPECT_FALSE(fs::exists(inside("a")));
+}
+
+TEST_F(OpenBelow, FileOnTheWayIsRefused)
+{
+    m_folder.write("folder/file", "");
+
+    EXPECT_FALSE(opened("file/a"));
+    EXPECT_FALSE(opened("file/../a"));
+    EXPECT_FALSE(opened("file/"));
+}
+
+TEST_F(OpenBelow, LinkBelowTheFolderIsRefusedWhereverItLeads)
+{
+    m_folder.write("folder/file", "old");
+    fs::create_symlink("file", inside("link"));
+    fs::create_symlink("missing", inside("dangling"));
+    fs::create_directory_symlink("sub", inside("near"));
+    fs::create_directory_symlink(m_folder.path(), inside("far"));
+    for (const char* pName :
+         {"link", "dangling", "near/a", "far/a", "near/../a", "sub/../near/a"}) {
+        EXPECT_FALSE(opened(pName)) << pName;
+    }
+
+    EXPECT_EQ("old", m_folder.read("folder/file"));
+    EXPECT_FALSE(fs::exists(inside("missing")));
+    EXPECT_FALSE(fs::exists(inside("a")));
+    EXPECT_FALSE(fs::exists(inside("sub/a")));
+    EXPECT_FALSE(fs::exists(m_folder.path() / "a"));
+}
+
+TEST_F(OpenBelow, LinkAboveIsFollowed)
+{
+    fs::create_directory_symlink(m_folder.path(), m_folder.path() / "above");
+
+    const int nFd = openBelow((m_folder.path() / "above/folder/").c_str(), "a");
+
+    EXPECT_GE(nFd, 0);
+    close(nFd);
+    EXPECT_TRUE(fs::exists(inside("a")));
+}
+
+TEST_F(OpenBelow, WhatIsNoRegularFileIsRefusedAtOnce)
+{
+    ASSERT_EQ(0, mkfifo(inside("pipe").c_str(), 0666));
+    const int nReader = open(inside("pipe").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(nReader, 0); // so that opening would succeed
+    ASSERT_EQ(0, mkfifo(inside("lonely").c_str(), 0666));
+    const int nSocket = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, inside("socket").c_str(), sizeof(address.sun_path) - 1);
+    ASSERT_EQ(0, bind(nSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+
+    for (const char* pName : {"pipe", "lonely", "socket", "sub", "sub/", "sub/.", "sub/..", "."}) {
+        EXPECT_FALSE(opened(pName)) << pName;
+    }
+
+    close(nReader);
+    close(nSocket);
+}
+
+TEST_F(OpenBelow, FolderReplacedByALinkMeanwhileLeadsNowhere)
+{
+    fs::create_directory(m_folder.path() / "outside");
+    std::atomic<bool> bQuit{false};
+    std::thread swapper([&] {
+        while (!bQuit) {
+            fs::rename(inside("sub"), inside("kept"));
+            fs::create_directory_symlink(m_folder.path() / "outside", inside("sub"));
+            fs::remove(inside("sub"));
+            fs::rename(inside("kept"), inside("sub"));
+        }
+    });
+    unsigned uOpened = 0;
+    for (int i = 0; i < 20000 || (0 == uOpened && i < 2000000); ++i) {
+        uOpened += opened("sub/a") ? 1 : 0;
+    }
+    bQuit = true;
+    swapper.join();
+
+    EXPECT_GT(uOpened, 0u);
+    EXPECT_TRUE(fs::is_empty(m_folder.path() / "outside"));
+}
+
+TEST_F(OpenBelow, MissingFolderOrBadNameIsRefused)
+{
+    EXPECT_EQ(-1, openBelow((m_folder.path() / "nowhere").c_str(), "a"));
+    EXPECT_FALSE(opened(""));
+    EXPECT_FALSE(opened(std::string(256, 'n'))); // NAME_MAX is 255
+    EXPECT_FALSE(opened(std::string(256, 'n') + "/a"));
+}
+
+TEST_F(OpenBelow, NoDescriptorIsLeftOpen)
+{
+    const size_t uBefore = descriptors();
+
+    for (const char* pName : {"sub/deep/a", "sub/deep/../../../a", "sub/missing/a", "sub/deep/"}) {
+        (void)opened(pName);
+    }
+    {
+        FaultScope fault("malloc:2:ENOMEM"); // the list of the folders grows
+        EXPECT_THROW((void)opened("sub/deep/a"), std::bad_alloc);
+        EXPECT_EQ(1u, faultHits());
+    }
+
+    EXPECT_EQ(uBefore, descriptors());
+}
