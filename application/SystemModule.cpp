@@ -1,18 +1,13 @@
 // The module for the device side, and the facade through which the HTTP service reaches it.
 #include "SystemModule.h"
 
-#include <array>
-#include <cstdio>
-#include <cstring>
-#include <string>
-
+#include "ControllerPort.h"
 #include "ElectricController.h"
 #include "PrintService.h"
-#include "Time.h"
 #include "VideoCapturer.h"
 #include "VideoProcessor.h"
 
-SystemModule::SystemModule()
+SystemModule::SystemModule() : m_port(ControllerPort::getInstance())
 {
     // Both outlive the module, whose clients use them through it until it is gone.
     (void)VideoCapturer::getInstance();
@@ -73,42 +68,17 @@ void SystemModule::undistort(PVENC_FRAME_T& in, PVENC_FRAME_T& out)
     VideoProcessor::getInstance().undistort(in, out);
 }
 
-/** The first serial node of a USB controller; empty without one. */
-static std::string findSerialNode()
-{
-    std::array<char, 80> acName{};
-    FILE* const pPipe = popen("ls /dev/ttyACM*", "r");
-    if (nullptr != pPipe) {
-        if (nullptr == fgets(acName.data(), static_cast<int>(acName.size()), pPipe)) {
-            acName[0] = '\0';
-        }
-        const size_t uLength = strlen(acName.data());
-        if (uLength > 0) {
-            acName[uLength - 1] = '\0'; // the line end
-        }
-    }
-    printf("[%s]", acName.data());
-    if (nullptr != pPipe) {
-        pclose(pPipe);
-    }
-    return acName.data();
-}
-
 RET_E SystemModule::openSerial()
 {
     PrintService& printService = PrintService::getInstance();
     if (0 != printService.resetStm32()) {
         return RET_FAILED;
     }
-    m_uart.close();
-    while (1 != m_uart.open(findSerialNode())) {
-        sleepFor(Time(1, 0));
-    }
-    if (1 != m_uart.setParam(115200, 8, 1, 0)) {
+    if (RET_SUCCESS != m_port.open()) {
         return RET_FAILED;
     }
-    printService.setUart(&m_uart);
-    ElectricController::getInstance().setUart(&m_uart);
+    printService.setUart(&m_port.getUart());
+    ElectricController::getInstance().setUart(&m_port.getUart());
     return RET_SUCCESS;
 }
 

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "IModule.h"
-#include "UART.h"
 #include "VideoFrame.h"
 
+class ControllerPort;
 class IConsumer;
 
 /**
@@ -12,8 +12,7 @@ class IConsumer;
  * not started by it.
  *
  * The lifecycle is the main thread's; the other operations may come from any thread. The module
- * keeps no state that needs a lock. The print service has to be first used after the module: it
- * borrows the module's port and goes before it.
+ * keeps no state that needs a lock.
  */
 class SystemModule : public IModule
 {
@@ -72,5 +71,5 @@ public:
 private:
     SystemModule();
 
-    UART m_uart; // lent to the print service and the controller object by openSerial()
+    ControllerPort& m_port; // lent to the print service and the controller object by openSerial()
 };

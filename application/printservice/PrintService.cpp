@@ -1,29 +1,32 @@
-// The laser arm's line to its motion controller: commands, replies and what they report.
+// The laser arm: the line to its motion controller, G-code jobs, moves and firmware.
 #include "PrintService.h"
 
-#include <cstring>
+#include <cstdio>
 #include <vector>
 
-#include <unistd.h>
-
+#include "ControllerPort.h"
 #include "EventBus.h"
 #include "IdlePrintEvent.h"
+#include "JobThread.h"
 #include "Log.h"
 #include "MeasureEvent.h"
 #include "MoveLaserEvent.h"
 #include "ReplyCodec.h"
 #include "StatusReportEvent.h"
 #include "Time.h"
-#include "UART.h"
 
 static const char* const SOURCE_NAME = "printservice/PrintService";
 
-static const int REPLY_SIZE = 64;
+static const char* const LASER_OFF = "M5";
 
 static const char* const STATUS_1 = "Wx01";
 static const char* const STATUS_2 = "Wx02";
 static const char* const STATUS_3 = "Wx03";
 static const char* const STATUS_4 = "Wx04";
+
+static const int LINE_SIZE = 256;       // longer job lines go out in pieces
+static const Time IDLE_SLEEP(0, 20000); // keeps a thread that has nothing to do from spinning
+static const Time HALF_A_SECOND(0, 500000);
 
 PrintService& PrintService::getInstance()
 {
@@ -31,10 +34,9 @@ PrintService& PrintService::getInstance()
     return s_instance;
 }
 
-PrintService::PrintService()
+PrintService::PrintService() : m_port(ControllerPort::getInstance())
 {
-    m_thread =
-        std::make_unique<Thread>(&PrintService::printLoop, this, "printservice", 0, 0, 0, true);
+    m_thread = std::make_unique<JobThread>(&PrintService::printLoop, this);
     EventBus<MoveLaserEvent>::subscribe(this, &PrintService::onMoveLaserEvent);
     EventBus<MeasureEvent>::subscribe(this, &PrintService::onMeasureEvent);
     // Used by the thread, so they have to outlive this object.
@@ -46,10 +48,7 @@ PrintService::PrintService()
 PrintService::~PrintService()
 {
     m_thread->stop();
-    {
-        MutexGuard guard(m_mtxFile);
-        closeFile();
-    }
+    m_jobFile.close();
     EventBus<MoveLaserEvent>::unsubscribe(this, &PrintService::onMoveLaserEvent);
     EventBus<MeasureEvent>::unsubscribe(this, &PrintService::onMeasureEvent);
     m_thread.reset();
@@ -57,31 +56,18 @@ PrintService::~PrintService()
 
 void PrintService::setUart(UART* pUart)
 {
-    m_pUart = pUart;
+    m_link.setPort(pUart);
 }
 
 int PrintService::printSingleCmd(const char* pCommand, int /*nLength*/)
 {
-    UART* const pUart = m_pUart;
-    if (nullptr == pUart) {
+    if (!m_link.hasPort()) {
         return 1;
     }
     if ('0' == pCommand[0]) {
-        puts("start update");
-        sendFirmware();
+        m_firmware.send();
     }
-    const std::string strLine = ReplyCodec::encodeCommand(pCommand) + "\n";
-    printf("%s\n", strLine.c_str());
-    printf("send length:%zu\n", strLine.length());
-    const int nLength = static_cast<int>(strLine.length());
-    if (pUart->send(strLine.data(), nLength, 0) != nLength) {
-        return 1;
-    }
-    char acReply[REPLY_SIZE + 1] = {0}; // a reply may fill the buffer
-    if (pUart->read(acReply, REPLY_SIZE, Time(2, 0)) > 0) {
-        LOG(7, "recv: %s\n", acReply);
-    }
-    return 0;
+    return m_link.sendCommand(pCommand);
 }
 
 int PrintService::printSingleCmd(const std::string& strCommand)
@@ -91,56 +77,141 @@ int PrintService::printSingleCmd(const std::string& strCommand)
 
 void PrintService::readUart(char* pBuffer, int nSize, int nSeconds, int nMicroseconds)
 {
-    memset(pBuffer, 0, static_cast<size_t>(nSize));
-    UART* const pUart = m_pUart;
-    if (nullptr == pUart || -1 == pUart->getFd()) {
-        return;
+    m_link.readReply(pBuffer, nSize, Time(nSeconds, nMicroseconds));
+}
+
+int PrintService::saveGcode(const void* pData, int nLength)
+{
+    m_jobFile.save(pData, nLength);
+    puts("receive file successed!"); // sic
+    sleepFor(HALF_A_SECOND);
+    m_jobFile.measure();
+    m_nState = PRINT_STATE_FILE_READY;
+    return 0;
+}
+
+int PrintService::startPrint()
+{
+    if (PRINT_STATE_PRINTING == m_nState) {
+        puts("printer is working");
+        return 1;
     }
-    if (pUart->read(pBuffer, nSize, Time(nSeconds, nMicroseconds)) >= 1) {
-        LOG(7, "recv: %s\n",
-            std::string(pBuffer, strnlen(pBuffer, static_cast<size_t>(nSize))).c_str());
+    if (PRINT_STATE_PAUSED == m_nState) {
+        m_nState = PRINT_STATE_PRINTING; // before the thread looks: paused, it would repeat a line
+        m_thread->start();
+        return 0;
+    }
+    puts("start working!");
+    m_nState = PRINT_STATE_PRINTING; // Deliberate: stays so when the start fails.
+    if (!m_link.hasPort()) {
+        return 1;
+    }
+    if (!m_jobFile.open()) {
+        puts("open gcode failed!");
+        return 1;
+    }
+    m_thread->start();
+    return 0;
+}
+
+int PrintService::pausePrint()
+{
+    m_thread->stop();
+    (void)printSingleCmd(LASER_OFF); // paused all the same
+    m_nState = PRINT_STATE_PAUSED;
+    return 0;
+}
+
+int PrintService::stopPrint()
+{
+    m_thread->stop();
+    m_nState = PRINT_STATE_STOPPED;
+    m_jobFile.restart();
+    (void)printSingleCmd(LASER_OFF); // stopped all the same
+    m_jobFile.close();
+    return 0;
+}
+
+int PrintService::getProgress(float* pProgress)
+{
+    *pProgress = m_jobFile.getProgress();
+    printf("persent %f\n", static_cast<double>(*pProgress)); // sic
+    return 0;
+}
+
+int PrintService::printLoop()
+{
+    const PRINT_STATE_E eState = m_nState;
+    if (PRINT_STATE_PRINTING != eState && PRINT_STATE_PAUSED != eState) {
+        pollStatus();
+        sleepFor(IDLE_SLEEP); // a dead line answers at once
+    } else {
+        char acLine[LINE_SIZE] = {0};
+        const JOB_LINE_E eLine = m_jobFile.nextLine(acLine, LINE_SIZE);
+        if (JOB_LINE_NONE == eLine) {
+            sleepFor(IDLE_SLEEP); // a last line without a line end waits here for stopPrint()
+        } else {
+            if (JOB_LINE_END == eLine) {
+                m_thread->askToStop(); // first: a start that the state lets through takes it back
+                m_nState = PRINT_STATE_STOPPED;
+                puts("print job finish!");
+            }
+            // Deliberate: a line keeps its own line end too, and the end of the job is an empty
+            // line.
+            sendLine(std::string(acLine) + "\n");
+            takeReply();
+        }
+    }
+    m_thread->parkIfAsked();
+    return 0;
+}
+
+void PrintService::sendLine(const std::string& strLine)
+{
+    printf("send out:%s", strLine.c_str());
+    const int nLength = static_cast<int>(strLine.length());
+    const int nSent = m_link.sendLine(strLine);
+    if (nSent != nLength) {
+        // Named after the loop, which sends the line.
+        Log::getInstance().log(SOURCE_NAME, __LINE__, "printLoop", 7,
+                               "send: %s total bytes:%d, but send %d bytes\n", strLine.c_str(),
+                               nLength, nSent);
+        puts("send failed!");
+        m_thread->stop(); // Deliberate: the state stays; the job is stuck until stopPrint().
     }
 }
 
-void PrintService::pollStatus()
+void PrintService::takeReply()
 {
-    char acReply[REPLY_SIZE + 1] = {0};
-    readUart(acReply, REPLY_SIZE, 10, 0);
-    const int nCode = ReplyCodec::getStatusCode(acReply);
-    if (nCode <= 0) {
-        return;
+    char acReply[PrintLink::REPLY_SIZE + 1] = {0};
+    m_link.readReply(acReply, PrintLink::REPLY_SIZE, Time(10, 0));
+    const std::string strReply(acReply);
+    const int nError = ReplyCodec::getErrorCode(strReply);
+    const int nAlarm = ReplyCodec::getAlarmCode(strReply);
+    const int nStatus = ReplyCodec::getStatusCode(strReply);
+    if (nStatus > 0) {
+        onPrintingStatus(nStatus);
     }
-    onIdleStatus(nCode);
-    printf("get status code:%d \n", nCode);
+    if (PRINT_STATE_PAUSED == m_nState) {
+        m_jobFile.seekBack();
+    }
+    if (!ReplyCodec::isAck(strReply)) {
+        sleepFor(HALF_A_SECOND);
+        m_jobFile.seekBack();
+    }
+    if (nError > 0) {
+        printf("get error code:%d \n", nError);
+        onErrorCode(nError);
+    }
+    if (nAlarm > 0) {
+        printf("get alarm code:%d \n", nAlarm);
+    }
 }
 
-void PrintService::onIdleStatus(int nCode)
+void PrintService::onErrorCode(int nCode)
 {
-    switch (nCode) {
-    case 1:
-        reportStatus(STATUS_1);
-        break;
-    case 2:
-        reportStatus(STATUS_2);
-        break;
-    case 3:
-        if (PRINT_STATE_FILE_READY != m_nState) {
-            askSubscribers();
-            reportStatus(STATUS_3);
-            break;
-        }
-        (void)printSingleCmd("~"); // the job is started whatever becomes of it
-        if (0 == access("tmp.gcode", F_OK)) {
-            reportStatus(STATUS_3);
-            (void)startPrint(); // tells standard output when it refuses
-        }
-        break;
-    case 4:
-        (void)pausePrint(); // always 0
-        reportStatus(STATUS_4);
-        break;
-    default:
-        break;
+    if (2 == nCode || 9 == nCode) {
+        (void)printSingleCmd("$X"); // a controller that stays locked says so again
     }
 }
 
@@ -168,6 +239,48 @@ void PrintService::onPrintingStatus(int nCode)
     printf("get status code:%d \n", nCode);
 }
 
+void PrintService::pollStatus()
+{
+    char acReply[PrintLink::REPLY_SIZE + 1] = {0};
+    m_link.readReply(acReply, PrintLink::REPLY_SIZE, Time(10, 0));
+    const int nCode = ReplyCodec::getStatusCode(acReply);
+    if (nCode <= 0) {
+        return;
+    }
+    onIdleStatus(nCode);
+    printf("get status code:%d \n", nCode);
+}
+
+void PrintService::onIdleStatus(int nCode)
+{
+    switch (nCode) {
+    case 1:
+        reportStatus(STATUS_1);
+        break;
+    case 2:
+        reportStatus(STATUS_2);
+        break;
+    case 3:
+        if (PRINT_STATE_FILE_READY != m_nState) {
+            askSubscribers();
+            reportStatus(STATUS_3);
+            break;
+        }
+        (void)printSingleCmd("~"); // the job is started whatever becomes of it
+        if (m_jobFile.exists()) {
+            reportStatus(STATUS_3);
+            (void)startPrint(); // tells standard output when it refuses
+        }
+        break;
+    case 4:
+        (void)pausePrint(); // always 0
+        reportStatus(STATUS_4);
+        break;
+    default:
+        break;
+    }
+}
+
 void PrintService::reportStatus(const char* pCode)
 {
     StatusReportEvent event(pCode);
@@ -184,36 +297,53 @@ void PrintService::askSubscribers()
     (void)ReplyCodec::encodeIdleReport(vecValue, s32Arg1, s32Arg2); // Deliberate: goes nowhere.
 }
 
-void PrintService::onErrorCode(int nCode)
+int PrintService::onMoveLaserEvent(Event* pEvent)
 {
-    if (2 == nCode || 9 == nCode) {
-        (void)printSingleCmd("$X"); // a controller that stays locked says so again
-    }
+    const MoveLaserEvent& event = dynamic_cast<MoveLaserEvent&>(*pEvent);
+    const double dX = static_cast<double>(event.m_fX);
+    const double dY = static_cast<double>(event.m_fY);
+    (void)printSingleCmd("$H\n"); // the move is tried whatever becomes of it
+    m_link.awaitMove();
+    char acCommand[128] = {0}; // the largest float has 39 digits before the point
+    // Deliberate: the arm's axes point against the picture's.
+    snprintf(acCommand, sizeof(acCommand), "G05 X%.2f Y%.2f F2000 \nM18 S1\n", -dX, -dY);
+    (void)printSingleCmd(acCommand); // the result is not asked for
+    m_link.awaitMove();
+    LOG(7, "move to (%f, %f)\n", dX, dY);
+    return -1;
 }
 
-void PrintService::takeReply()
+int PrintService::onMeasureEvent(Event* pEvent)
 {
-    char acReply[REPLY_SIZE + 1] = {0};
-    readUart(acReply, REPLY_SIZE, 10, 0);
-    const std::string strReply(acReply);
-    const int nError = ReplyCodec::getErrorCode(strReply);
-    const int nAlarm = ReplyCodec::getAlarmCode(strReply);
-    const int nStatus = ReplyCodec::getStatusCode(strReply);
-    if (nStatus > 0) {
-        onPrintingStatus(nStatus);
+    const MeasureEvent& event = dynamic_cast<MeasureEvent&>(*pEvent);
+    const double dZ = static_cast<double>(event.m_fValue);
+    char acCommand[128] = {0};
+    // Deliberate: negated too; zero goes out as -0.00.
+    snprintf(acCommand, sizeof(acCommand), "G05 Z%.2f F1000 \n", -dZ);
+    (void)printSingleCmd(acCommand); // the result is not asked for
+    m_link.awaitMove();
+    LOG(7, "move Z to (%f)\n", dZ);
+    return -1;
+}
+
+int PrintService::updateFirmware(const void* pData, int nLength)
+{
+    puts("Now in the update firmware function");
+    if (!m_link.hasPort()) {
+        return 1;
     }
-    if (PRINT_STATE_PAUSED == m_nState) {
-        seekBack();
-    }
-    if (!ReplyCodec::isAck(strReply)) {
-        sleepFor(Time(0, 500000));
-        seekBack();
-    }
-    if (nError > 0) {
-        printf("get error code:%d \n", nError);
-        onErrorCode(nError);
-    }
-    if (nAlarm > 0) {
-        printf("get alarm code:%d \n", nAlarm);
-    }
+    m_firmware.keep(pData, nLength);
+    m_firmware.send();
+    return 0;
+}
+
+void PrintService::exportResetGpio()
+{
+    m_port.getResetLine().makeOutput();
+}
+
+int PrintService::resetStm32()
+{
+    m_port.getResetLine().pulse();
+    return 0;
 }

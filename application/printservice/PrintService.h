@@ -3,14 +3,16 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <string>
 
-#include "Mutex.h"
-#include "Thread.h"
+#include "FirmwareUpload.h"
+#include "JobFile.h"
+#include "PrintLink.h"
 
+class ControllerPort;
 class Event;
+class JobThread;
 class UART;
 
 enum PRINT_STATE_E : int32_t
@@ -37,7 +39,7 @@ enum PRINT_STATE_E : int32_t
 class PrintService
 {
 public:
-    /** Made on first use; first use it after the module whose port it borrows. */
+    /** Made on first use; before or after the system module, whose port outlives both. */
     static PrintService& getInstance();
     PrintService(const PrintService&) = delete;
     PrintService& operator=(const PrintService&) = delete;
@@ -122,36 +124,17 @@ protected:
     PrintService();
 
 private:
-    /** A stop that the thread has asked of itself. */
-    enum STOP_WISH_E : int32_t
-    {
-        STOP_WISH_NONE,
-        STOP_WISH_ASKED,  // takes effect when printLoop() returns
-        STOP_WISH_PARKING // printLoop() is about to park, or has parked
-    };
-
-    void startThread();
-    void stopThread();
-    void parkIfAsked();
-    bool readLine(char* pLine, int nSize);
-    void seekBack();
-    void closeFile() REQUIRES(m_mtxFile);
     void sendLine(const std::string& strLine);
     void takeReply();
     void onPrintingStatus(int nCode);
     void onIdleStatus(int nCode);
-    void reportStatus(const char* pCode);
-    void askSubscribers();
-    void readMoveReply();
-    void sendFirmware();
+    static void reportStatus(const char* pCode);
+    static void askSubscribers();
 
-    std::atomic<UART*> m_pUart{nullptr};
-    std::unique_ptr<Thread> m_thread;
+    ControllerPort& m_port; // for the reset; outlives the service
+    PrintLink m_link;
+    JobFile m_jobFile;
+    FirmwareUpload m_firmware{m_link};
     std::atomic<PRINT_STATE_E> m_nState{PRINT_STATE_IDLE};
-    std::atomic<int32_t> m_nFilePos{0};  // of the line under way, in bytes
-    std::atomic<int32_t> m_nFileSize{1}; // bytes; 1 so that progress is 0 before any job
-    std::atomic<STOP_WISH_E> m_nStopWish{STOP_WISH_NONE};
-
-    Mutex m_mtxFile{MUTEX_TYPE_NORMAL}; // guards the stream and the making and removing of its file
-    FILE* m_pFile GUARDED_BY(m_mtxFile) = nullptr; // null when closed
+    std::unique_ptr<JobThread> m_thread;
 };

@@ -1,0 +1,105 @@
+// The G-code job on disk: kept, read line by line, removed at its end.
+#include "JobFile.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+static const char* const JOB_FILE = "tmp.gcode";
+
+JobFile::~JobFile()
+{
+    close();
+}
+
+void JobFile::save(const void* pData, int nLength)
+{
+    MutexGuard guard(m_mtx); // the end of an earlier job must not remove this one
+    FILE* const pFile = fopen(JOB_FILE, "w+e");
+    if (nullptr != pFile) {
+        fwrite(pData, 1, (nLength > 0) ? static_cast<size_t>(nLength) : 0, pFile);
+        fclose(pFile);
+    }
+}
+
+void JobFile::measure()
+{
+    MutexGuard guard(m_mtx);
+    struct stat status
+    {
+    };
+    if (0 == stat(JOB_FILE, &status)) {
+        m_nFileSize = static_cast<int32_t>(status.st_size);
+    }
+}
+
+bool JobFile::exists() const
+{
+    return 0 == access(JOB_FILE, F_OK);
+}
+
+bool JobFile::open()
+{
+    MutexGuard guard(m_mtx);
+    closeStream(); // a job that was still open when its successor came
+    m_pFile = fopen(JOB_FILE, "re");
+    if (nullptr == m_pFile) {
+        return false;
+    }
+    struct stat status
+    {
+    };
+    if (0 == fstat(fileno(m_pFile), &status)) {
+        m_nFileSize = static_cast<int32_t>(status.st_size);
+    }
+    m_nFilePos = 0;
+    return true;
+}
+
+JOB_LINE_E JobFile::nextLine(char* pLine, int nSize)
+{
+    MutexGuard guard(m_mtx);
+    if (nullptr == m_pFile || 0 != feof(m_pFile)) {
+        return JOB_LINE_NONE;
+    }
+    m_nFilePos = static_cast<int32_t>(ftell(m_pFile));
+    if (nullptr != fgets(pLine, nSize, m_pFile)) {
+        return JOB_LINE_TEXT;
+    }
+    closeStream();
+    remove(JOB_FILE);
+    return JOB_LINE_END;
+}
+
+void JobFile::seekBack()
+{
+    MutexGuard guard(m_mtx);
+    if (nullptr != m_pFile) {
+        fseek(m_pFile, m_nFilePos, SEEK_SET);
+    }
+}
+
+void JobFile::restart()
+{
+    MutexGuard guard(m_mtx);
+    m_nFilePos = 0;
+}
+
+void JobFile::close()
+{
+    MutexGuard guard(m_mtx);
+    closeStream();
+}
+
+float JobFile::getProgress() const
+{
+    MutexGuard guard(m_mtx);
+    return static_cast<float>(static_cast<double>(m_nFilePos) / static_cast<double>(m_nFileSize));
+}
+
+void JobFile::closeStream()
+{
+    if (nullptr != m_pFile) {
+        fclose(m_pFile);
+        m_pFile = nullptr;
+    }
+}
