@@ -9,6 +9,7 @@
 #include "Command.h"
 #include "Log.h"
 #include "ModuleManager.h"
+#include "Usage.h"
 
 static const char* const SOURCE_NAME = "main.cpp";
 
@@ -16,6 +17,8 @@ int main(int argc, char** argv)
 {
     static const char* const FUNCTION = "int main(int, char**)";
     setvbuf(stdout, nullptr, _IOLBF, 0); // what is printed reaches whoever reads a pipe
+
+    answerUsage(argc, argv); // "--help" and "--version" end here
 
     if (argc >= 2 && 0 == strcmp(argv[1], "-p")) {
         char acCommand[80];

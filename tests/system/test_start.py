@@ -2,15 +2,21 @@
 
 import contextlib
 import fcntl
+import glob
 import os
+import re
 import stat
 import struct
 import subprocess
 import tempfile
 import termios
+import time
 import unittest
 
-from harness import Board, Camera, HTTP_PORT, LiveStream, Server, connect, listening, wait_until
+from harness import (BUILD, EMULATOR, HTTP_PORT, Board, Camera, LiveStream, Server, connect,
+                     listening, wait_until)
+
+VERSION = os.environ.get("KESTREL_VERSION", "").encode()
 
 
 class Tool:
@@ -61,6 +67,47 @@ class Tracer(unittest.TestCase):
     def test_string_length_that_is_no_number_is_zero(self):
         calls, pid = self.start("-p", "x")
         self.assertEqual([f"-f -p {pid} -s 0"], calls)
+
+
+class Usage(unittest.TestCase):
+    def setUp(self):
+        for path in glob.glob("/tmp/usb-camera.log*"):
+            os.unlink(path)
+
+    def ask(self, *arguments):
+        return subprocess.run(EMULATOR + [f"{BUILD}/application/kestrel-server", *arguments],
+                              capture_output=True, timeout=30, check=False)
+
+    def test_help_and_version_print_and_end(self):
+        for argument, text in (("--help", rb"usage: kestrel-server \[-p \[LENGTH\]\]\n"),
+                               ("--version", b"kestrel-server " + re.escape(VERSION) + rb"\n\Z")):
+            done = self.ask(argument)
+            self.assertEqual(0, done.returncode, argument)
+            self.assertRegex(done.stdout, rb"\A" + text)
+            self.assertEqual(b"", done.stderr)
+        self.assertEqual([], glob.glob("/tmp/usb-camera.log*"), "nothing was started")
+
+    def test_they_answer_beside_a_running_service_and_leave_its_log_alone(self):
+        with Board() as board:
+            for argument in ("--help", "--version") * 2:
+                self.assertEqual(0, self.ask(argument).returncode)
+            logs = [path for path in board.server.descriptors().values() if "usb-camera" in path]
+            self.assertEqual(logs, glob.glob("/tmp/usb-camera.log*"))
+
+    def test_deliberate_any_other_argument_starts_a_service(self):
+        for arguments in (("--help", "x"), ("x", "--help"), ("--Version",), ("-h",), ("",),
+                          ("--help=",), ("--version", "--help")):
+            with Board(arguments=arguments):
+                self.assertTrue(listening(HTTP_PORT))
+
+    def test_deliberate_second_services_remove_the_log_of_the_first(self):
+        with Board() as board:
+            for _ in range(2):
+                time.sleep(1.1)  # files are named by the second
+                self.assertEqual(1, self.ask("anything").returncode, "the port is in use")
+            logs = [path for path in board.server.descriptors().values() if "usb-camera" in path]
+            self.assertEqual(1, len(logs))
+            self.assertTrue(logs[0].endswith(" (deleted)"))
 
 
 class Console(unittest.TestCase):
