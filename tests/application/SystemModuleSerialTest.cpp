@@ -2,7 +2,7 @@
 // through the system module.
 #include <atomic>
 #include <cerrno>
-#include <cstring>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -12,6 +12,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -107,16 +108,26 @@ std::string looksAsOne(std::string strText)
     return strText;
 }
 
-/** Descriptors that are open on the controller's port. */
+/** Descriptors of this process that are open on the controller's port, and on no other terminal. */
 size_t countPorts()
 {
+    struct stat port
+    {
+    };
+    if (0 != stat("/dev/ttyACM0", &port) && 0 != stat("/dev/ttyACM7", &port)) {
+        return 0;
+    }
     size_t uCount = 0;
     DIR* const pDir = opendir("/proc/self/fd");
     while (const dirent* const pEntry = readdir(pDir)) {
-        char acTarget[128] = {0};
-        const std::string strPath = std::string("/proc/self/fd/") + pEntry->d_name;
-        (void)!readlink(strPath.c_str(), acTarget, sizeof(acTarget) - 1);
-        uCount += (0 == strncmp(acTarget, "/dev/pts/", 9)) ? 1 : 0;
+        struct stat opened
+        {
+        };
+        const bool bOpen = '.' != pEntry->d_name[0] && 0 == fstat(atoi(pEntry->d_name), &opened);
+        uCount += (bOpen && S_ISCHR(opened.st_mode) && port.st_rdev == opened.st_rdev &&
+                   port.st_dev == opened.st_dev)
+                      ? 1
+                      : 0;
     }
     closedir(pDir);
     return uCount;
@@ -124,7 +135,7 @@ size_t countPorts()
 
 } // namespace
 
-TEST(SerialPort, IsOpenedAfterTheReset)
+TEST(SystemModuleSerial, IsOpenedAfterTheReset)
 {
     Arm arm({"--boot-ms", "1500"});
 
@@ -136,7 +147,7 @@ TEST(SerialPort, IsOpenedAfterTheReset)
     EXPECT_EQ("M5\n", arm.m_controller.readReceivedBytes());
 }
 
-TEST(SerialPort, ControllerSeesTheResetPulse)
+TEST(SystemModuleSerial, ControllerSeesTheResetPulse)
 {
     // The controller may be late for a low edge, but not each time.
     double dLongest = 0;
@@ -160,7 +171,7 @@ TEST(SerialPort, ControllerSeesTheResetPulse)
     EXPECT_LE(0.3, dLongest);
 }
 
-TEST(SerialPort, HasTheControllersLineParameters)
+TEST(SystemModuleSerial, HasTheControllersLineParameters)
 {
     Arm arm;
 
@@ -175,7 +186,7 @@ TEST(SerialPort, HasTheControllersLineParameters)
     EXPECT_EQ(0U, attr.c_lflag & (ICANON | ECHO));
 }
 
-TEST(SerialPort, RefusedLineParametersFail)
+TEST(SystemModuleSerial, RefusedLineParametersFail)
 {
     Arm arm({"--boot-ms", "10"});
     g_bRefuseSpeed = true;
@@ -190,7 +201,7 @@ TEST(SerialPort, RefusedLineParametersFail)
     EXPECT_EQ(1U, countPorts());
 }
 
-TEST(SerialPort, IsWaitedForOnceASecond)
+TEST(SystemModuleSerial, IsWaitedForOnceASecond)
 {
     Arm arm({"--boot-ms", "3000"}); // the node comes three seconds after the reset
     const uint64_t u64Start = monotonicMs();
@@ -205,7 +216,7 @@ TEST(SerialPort, IsWaitedForOnceASecond)
     EXPECT_EQ(1U, countParts(strOutput, "[/dev/ttyACM0]"));
 }
 
-TEST(SerialPort, NeverReturnsWithoutADevice)
+TEST(SystemModuleSerial, NeverReturnsWithoutADevice)
 {
     Arm arm({"--boot-ms", "100000"});
     std::atomic<bool> bReturned{false};
@@ -225,7 +236,7 @@ TEST(SerialPort, NeverReturnsWithoutADevice)
     EXPECT_TRUE(bReturned);
 }
 
-TEST(SerialPort, FirstNodeThatIsListedIsTaken)
+TEST(SystemModuleSerial, FirstNodeThatIsListedIsTaken)
 {
     Arm arm({"--boot-ms", "1500"}, "/dev/ttyACM7");
 
@@ -234,7 +245,7 @@ TEST(SerialPort, FirstNodeThatIsListedIsTaken)
     EXPECT_EQ("you are reset the STM32\n[][/dev/ttyACM7]", looksAsOne(arm.output()));
 }
 
-TEST(SerialPort, NodeThatIsNoSerialPortIsTriedAgainAndLeavesNothingOpen)
+TEST(SystemModuleSerial, NodeThatIsNoSerialPortIsTriedAgainAndLeavesNothingOpen)
 {
     Arm arm({"--boot-ms", "10"}, "/dev/ttyACM7");
     std::ofstream("/dev/ttyACM0") << "not a serial port";
@@ -254,7 +265,7 @@ TEST(SerialPort, NodeThatIsNoSerialPortIsTriedAgainAndLeavesNothingOpen)
     EXPECT_EQ(1U, countPorts());
 }
 
-TEST(SerialPort, IsOpenedAnewAfterEveryReset)
+TEST(SystemModuleSerial, IsOpenedAnewAfterEveryReset)
 {
     Arm arm({"--boot-ms", "10"});
 
@@ -267,7 +278,7 @@ TEST(SerialPort, IsOpenedAnewAfterEveryReset)
     EXPECT_EQ("M5\n", arm.m_controller.readReceivedBytes());
 }
 
-TEST(SerialPort, PrintServiceIsReachedThroughTheModule)
+TEST(SystemModuleSerial, PrintServiceIsReachedThroughTheModule)
 {
     Arm arm({"--boot-ms", "10", "--image-quiet-ms", "5000"});
     EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
@@ -293,7 +304,7 @@ TEST(SerialPort, PrintServiceIsReachedThroughTheModule)
     EXPECT_EQ(Texts{"10 bytes complete"}, arm.m_controller.readTexts("image"));
 }
 
-TEST(SerialPort, ProcessMayEndInTheMiddleOfAJob)
+TEST(SystemModuleSerial, ProcessMayEndInTheMiddleOfAJob)
 {
     std::string strJob;
     for (int i = 0; i < 5000; ++i) {
