@@ -11,7 +11,7 @@
 
 namespace {
 
-class PrintJobTest : public PrintTest
+class PrintServiceJob : public PrintTest
 {
 protected:
     /** A job of numbered moves. */
@@ -92,7 +92,7 @@ public:
 
 } // namespace
 
-TEST_F(PrintJobTest, SaveKeepsTheFileAndMakesItReady)
+TEST_F(PrintServiceJob, SaveKeepsTheFileAndMakesItReady)
 {
     const uint64_t u64Start = monotonicMs();
 
@@ -105,7 +105,7 @@ TEST_F(PrintJobTest, SaveKeepsTheFileAndMakesItReady)
     EXPECT_EQ("", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintJobTest, ThreeLinesThenAnEmptyOne)
+TEST_F(PrintServiceJob, ThreeLinesThenAnEmptyOne)
 {
     runJob("G1 X1\nG1 X2\nG1 X3\n");
 
@@ -122,7 +122,7 @@ TEST_F(PrintJobTest, ThreeLinesThenAnEmptyOne)
               output());
 }
 
-TEST_F(PrintJobTest, JobOverwritesTheOneThatWaited)
+TEST_F(PrintServiceJob, JobOverwritesTheOneThatWaited)
 {
     saveJob("G1 X1\nG1 X2\n");
 
@@ -131,7 +131,7 @@ TEST_F(PrintJobTest, JobOverwritesTheOneThatWaited)
     EXPECT_TRUE(waitForWire("G1 X3\n\n\n"));
 }
 
-TEST_F(PrintJobTest, SecondJobRunsAfterTheFirst)
+TEST_F(PrintServiceJob, SecondJobRunsAfterTheFirst)
 {
     runJob("G1 X1\n");
     EXPECT_TRUE(waitForWire("G1 X1\n\n\n"));
@@ -141,7 +141,7 @@ TEST_F(PrintJobTest, SecondJobRunsAfterTheFirst)
     EXPECT_TRUE(waitForWire("G1 X1\n\n\nG1 X2\n\n\n"));
 }
 
-TEST_F(PrintJobTest, EmptyFileSendsTheEmptyLineOnly)
+TEST_F(PrintServiceJob, EmptyFileSendsTheEmptyLineOnly)
 {
     runJob("");
 
@@ -150,7 +150,7 @@ TEST_F(PrintJobTest, EmptyFileSendsTheEmptyLineOnly)
     EXPECT_TRUE(std::isnan(progress())); // nothing of nothing
 }
 
-TEST_F(PrintJobTest, LongLineGoesOutInPieces)
+TEST_F(PrintServiceJob, LongLineGoesOutInPieces)
 {
     std::string strLine = "G1 ";
     while (strLine.size() < 300) {
@@ -164,7 +164,7 @@ TEST_F(PrintJobTest, LongLineGoesOutInPieces)
         waitForWire(strLine.substr(0, 255) + "\n" + strLine.substr(255) + "\n\nG1 X2\n\n\n"));
 }
 
-TEST_F(PrintJobTest, LineIsCutAtAZeroByte)
+TEST_F(PrintServiceJob, LineIsCutAtAZeroByte)
 {
     const std::string strJob("G1 X1\0lost\nG1 X2\n", 17);
 
@@ -173,7 +173,7 @@ TEST_F(PrintJobTest, LineIsCutAtAZeroByte)
     EXPECT_TRUE(waitForWire("G1 X1\nG1 X2\n\n\n"));
 }
 
-TEST_F(PrintJobTest, DeliberateLastLineWithoutLineEndNeverFinishes)
+TEST_F(PrintServiceJob, DeliberateLastLineWithoutLineEndNeverFinishes)
 {
     saveJob("G1 X1\nG1 X2");
     EXPECT_EQ(0, service().startPrint());
@@ -189,7 +189,7 @@ TEST_F(PrintJobTest, DeliberateLastLineWithoutLineEndNeverFinishes)
     EXPECT_EQ("G1 X1\n\nG1 X2\nM5\n", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintJobTest, WaitingBehindTheLastLineDoesNotSpin)
+TEST_F(PrintServiceJob, WaitingBehindTheLastLineDoesNotSpin)
 {
     saveJob("G1 X1");
     EXPECT_EQ(0, service().startPrint());
@@ -202,7 +202,7 @@ TEST_F(PrintJobTest, WaitingBehindTheLastLineDoesNotSpin)
     EXPECT_EQ(0, service().stopPrint());
 }
 
-TEST_F(PrintJobTest, LoopWithoutAFileDoesNothing)
+TEST_F(PrintServiceJob, LoopWithoutAFileDoesNothing)
 {
     EXPECT_EQ(0, service().pausePrint()); // paused without ever having had a job
     (void)output();
@@ -214,7 +214,7 @@ TEST_F(PrintJobTest, LoopWithoutAFileDoesNothing)
     EXPECT_EQ("M5\n", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintJobTest, JobRunsOnItsThreadAndItsFileIsNotInherited)
+TEST_F(PrintServiceJob, JobRunsOnItsThreadAndItsFileIsNotInherited)
 {
     m_controller.instruct("line 1 hold");
     saveJob("G1 X1\n");
@@ -242,7 +242,7 @@ TEST_F(PrintJobTest, JobRunsOnItsThreadAndItsFileIsNotInherited)
     EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
 }
 
-TEST_F(PrintJobTest, StartTwiceIsRefused)
+TEST_F(PrintServiceJob, StartTwiceIsRefused)
 {
     m_controller.instruct("line 1 late 700");
     saveJob("G1 X1\nG1 X2\n");
@@ -255,7 +255,7 @@ TEST_F(PrintJobTest, StartTwiceIsRefused)
     EXPECT_TRUE(contains(output(), "printer is working\n"));
 }
 
-TEST_F(PrintJobTest, StartWithoutAFileStaysStuckUntilStopped)
+TEST_F(PrintServiceJob, StartWithoutAFileStaysStuckUntilStopped)
 {
     EXPECT_EQ(1, service().startPrint());
     EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
@@ -271,7 +271,7 @@ TEST_F(PrintJobTest, StartWithoutAFileStaysStuckUntilStopped)
     EXPECT_TRUE(waitForWire("M5\nG1 X1\n\n\n"));
 }
 
-TEST_F(PrintJobTest, PauseAndGoOnLosesAndRepeatsNothing)
+TEST_F(PrintServiceJob, PauseAndGoOnLosesAndRepeatsNothing)
 {
     const int LINES = 5000;
     saveJob(makeJob(LINES));
@@ -302,7 +302,7 @@ TEST_F(PrintJobTest, PauseAndGoOnLosesAndRepeatsNothing)
     EXPECT_TRUE(makeWire(LINES) == strWire);
 }
 
-TEST_F(PrintJobTest, StopEndsTheJobAndTheNextOneBeginsAtItsStart)
+TEST_F(PrintServiceJob, StopEndsTheJobAndTheNextOneBeginsAtItsStart)
 {
     saveJob(makeJob(20000));
     EXPECT_EQ(0, service().startPrint());
@@ -322,7 +322,7 @@ TEST_F(PrintJobTest, StopEndsTheJobAndTheNextOneBeginsAtItsStart)
     EXPECT_EQ((Texts{"G1 X1", "", ""}), Texts(vecAll.end() - 3, vecAll.end()));
 }
 
-TEST_F(PrintJobTest, StopIsHarmlessAtAnyTime)
+TEST_F(PrintServiceJob, StopIsHarmlessAtAnyTime)
 {
     EXPECT_EQ(0, service().stopPrint());
     EXPECT_EQ(0, service().stopPrint());
@@ -334,7 +334,7 @@ TEST_F(PrintJobTest, StopIsHarmlessAtAnyTime)
     EXPECT_EQ("M5\nM5\nG1 X1\n\n\nM5\n", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintJobTest, ProgressAtEachStage)
+TEST_F(PrintServiceJob, ProgressAtEachStage)
 {
     m_controller.instruct("line 2 hold"); // the second line stays under way
     EXPECT_EQ(0.0F, progress());
@@ -355,7 +355,7 @@ TEST_F(PrintJobTest, ProgressAtEachStage)
     EXPECT_TRUE(contains(strOutput, "persent 1.000000\n"));
 }
 
-TEST_F(PrintJobTest, ShortSendLeavesTheJobStuckUntilStopped)
+TEST_F(PrintServiceJob, ShortSendLeavesTheJobStuckUntilStopped)
 {
     const LogCapture log;
     saveJob("G1 X1\nG1 X2\n");
@@ -382,7 +382,7 @@ TEST_F(PrintJobTest, ShortSendLeavesTheJobStuckUntilStopped)
         eventually([this] { return contains(m_controller.readReceivedBytes(), "\nG1 X5\n\n\n"); }));
 }
 
-TEST_F(PrintJobTest, CableThatIsPulledInMidJobStopsIt)
+TEST_F(PrintServiceJob, CableThatIsPulledInMidJobStopsIt)
 {
     const LogCapture log;
     m_controller.instruct("line 5 unplug");
@@ -403,7 +403,7 @@ TEST_F(PrintJobTest, CableThatIsPulledInMidJobStopsIt)
         eventually([this] { return contains(m_controller.readReceivedBytes(), "\nG1 X1\n\n\n"); }));
 }
 
-TEST_F(PrintJobTest, StartThatComesAfterTheWishToStopCancelsIt)
+TEST_F(PrintServiceJob, StartThatComesAfterTheWishToStopCancelsIt)
 {
     const LogCapture log;
     m_controller.instruct("line 2 late 5000"); // the empty line at the end of the first job
@@ -423,7 +423,7 @@ TEST_F(PrintJobTest, StartThatComesAfterTheWishToStopCancelsIt)
     EXPECT_EQ(1U, uParked);
 }
 
-TEST_F(PrintJobTest, StartThatComesAfterTheThreadHasParkedWakesIt)
+TEST_F(PrintServiceJob, StartThatComesAfterTheThreadHasParkedWakesIt)
 {
     const LogCapture log;
     runJob("G1 X1\n");
@@ -434,7 +434,7 @@ TEST_F(PrintJobTest, StartThatComesAfterTheThreadHasParkedWakesIt)
     EXPECT_TRUE(waitForWire("G1 X1\n\n\nG1 X2\n\n\n"));
 }
 
-TEST_F(PrintJobTest, StartsAtTheMomentOfParkingAreNeverLost)
+TEST_F(PrintServiceJob, StartsAtTheMomentOfParkingAreNeverLost)
 {
     std::string strWire;
     for (int i = 1; i <= 300; ++i) {
@@ -451,7 +451,7 @@ TEST_F(PrintJobTest, StartsAtTheMomentOfParkingAreNeverLost)
     EXPECT_TRUE(waitForWire(strWire));
 }
 
-TEST_F(PrintJobTest, WishAskedAfterTheStartHolds)
+TEST_F(PrintServiceJob, WishAskedAfterTheStartHolds)
 {
     const LogCapture log;
     m_controller.instruct("line 1 late 2000"); // or the job might be over before the pause
@@ -465,7 +465,7 @@ TEST_F(PrintJobTest, WishAskedAfterTheStartHolds)
     EXPECT_TRUE(eventually([&log] { return contains(log.text(), "stop thread by myself"); }));
 }
 
-TEST_F(PrintJobTest, NewFileWhileAJobRunsStopsItsLines)
+TEST_F(PrintServiceJob, NewFileWhileAJobRunsStopsItsLines)
 {
     m_controller.instruct("line 2 late 5000"); // saving alone takes half a second
     saveJob("G1 X1\nG1 X2\nG1 X3\n");
@@ -481,7 +481,7 @@ TEST_F(PrintJobTest, NewFileWhileAJobRunsStopsItsLines)
     EXPECT_FALSE(contains(m_controller.readReceivedBytes(), "X3"));
 }
 
-TEST_F(PrintJobTest, ServiceMayGoInTheMiddleOfAJob)
+TEST_F(PrintServiceJob, ServiceMayGoInTheMiddleOfAJob)
 {
     saveJob(makeJob(20000));
     EXPECT_EQ(0, service().startPrint());
@@ -492,7 +492,7 @@ TEST_F(PrintJobTest, ServiceMayGoInTheMiddleOfAJob)
     EXPECT_GT(40000U, received().size());
 }
 
-TEST_F(PrintJobTest, ProgressMayBeAskedFromAnotherThread)
+TEST_F(PrintServiceJob, ProgressMayBeAskedFromAnotherThread)
 {
     saveJob(makeJob(500));
     std::atomic<bool> bDone{false};
@@ -513,7 +513,7 @@ TEST_F(PrintJobTest, ProgressMayBeAskedFromAnotherThread)
     EXPECT_EQ(1.0F, progress());
 }
 
-TEST_F(PrintJobTest, TenThousandLinesArriveInOrderThroughEveryFault)
+TEST_F(PrintServiceJob, TenThousandLinesArriveInOrderThroughEveryFault)
 {
     FaultyJob job(m_controller);
     for (int i = 1; i <= 10000; ++i) {

@@ -14,10 +14,10 @@ namespace {
 [[maybe_unused]] const testing::Environment* const s_pEnvironment =
     testing::AddGlobalTestEnvironment(new BoardEnvironment);
 
-class ResetTest : public PrintTest
+class PrintServiceReset : public PrintTest
 {
 protected:
-    ResetTest() : PrintTest({"--gpio", "/sys/class/gpio", "--boot-ms", "100"}) {}
+    PrintServiceReset() : PrintTest({"--gpio", "/sys/class/gpio", "--boot-ms", "100"}) {}
 
     /** The stores of one file, with their times. */
     std::vector<VirtualController::Record> stores(const std::string& strFile)
@@ -49,7 +49,7 @@ std::set<int> descriptors()
 
 } // namespace
 
-TEST_F(ResetTest, LineIsLowForHalfASecondAndHighAgain)
+TEST_F(PrintServiceReset, LineIsLowForHalfASecondAndHighAgain)
 {
     const uint64_t u64Start = monotonicMs();
 
@@ -68,7 +68,7 @@ TEST_F(ResetTest, LineIsLowForHalfASecondAndHighAgain)
     EXPECT_EQ("you are reset the STM32\n", output());
 }
 
-TEST_F(ResetTest, ControllerIsAwayDuringTheResetAndBackAfterIt)
+TEST_F(PrintServiceReset, ControllerIsAwayDuringTheResetAndBackAfterIt)
 {
     EXPECT_EQ(0, service().resetStm32());
 
@@ -76,7 +76,7 @@ TEST_F(ResetTest, ControllerIsAwayDuringTheResetAndBackAfterIt)
     EXPECT_EQ(1U, m_controller.readTexts("unplugged").size());
 }
 
-TEST_F(ResetTest, ExportAloneDrivesTheLineHigh)
+TEST_F(PrintServiceReset, ExportAloneDrivesTheLineHigh)
 {
     service().exportResetGpio();
 
@@ -85,7 +85,7 @@ TEST_F(ResetTest, ExportAloneDrivesTheLineHigh)
     EXPECT_TRUE(m_controller.readTexts("unplugged").empty());
 }
 
-TEST_F(ResetTest, DeliberateDescriptorsStayOpen)
+TEST_F(PrintServiceReset, DeliberateDescriptorsStayOpen)
 {
     const std::set<int> setBefore = descriptors();
 
@@ -100,7 +100,7 @@ TEST_F(ResetTest, DeliberateDescriptorsStayOpen)
     }
 }
 
-TEST_F(ResetTest, MissingPinFilesAreIgnored)
+TEST_F(PrintServiceReset, MissingPinFilesAreIgnored)
 {
     ASSERT_EQ(0, rename("/sys/class/gpio", "/sys/class/away"));
 
@@ -111,7 +111,7 @@ TEST_F(ResetTest, MissingPinFilesAreIgnored)
     ASSERT_EQ(0, rename("/sys/class/away", "/sys/class/gpio"));
 }
 
-TEST_F(ResetTest, ValueIsWrittenWithItsZeroByte)
+TEST_F(PrintServiceReset, ValueIsWrittenWithItsZeroByte)
 {
     const int nHold = open("/sys/class/gpio/gpio106/plain", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(0, rename("/sys/class/gpio/gpio106/value", "/sys/class/gpio/gpio106/pipe"));

@@ -10,7 +10,7 @@
 
 namespace {
 
-class PrintMoveTest : public PrintTest
+class PrintServiceMove : public PrintTest
 {
 protected:
     static void publishMove(float fX, float fY)
@@ -28,7 +28,7 @@ protected:
 
 } // namespace
 
-TEST_F(PrintMoveTest, MoveHomesAndGoesToTheNegatedPosition)
+TEST_F(PrintServiceMove, MoveHomesAndGoesToTheNegatedPosition)
 {
     const LogCapture log;
 
@@ -42,7 +42,7 @@ TEST_F(PrintMoveTest, MoveHomesAndGoesToTheNegatedPosition)
               output());
 }
 
-TEST_F(PrintMoveTest, MoveReturnsWhenTheArmIsThere)
+TEST_F(PrintServiceMove, MoveReturnsWhenTheArmIsThere)
 {
     publishMove(12.5F, -3);
 
@@ -52,7 +52,7 @@ TEST_F(PrintMoveTest, MoveReturnsWhenTheArmIsThere)
     EXPECT_EQ((Texts{"ok\n", "done\n", "ok\n", "done\nok\n"}), m_controller.readTexts("tx"));
 }
 
-TEST_F(PrintMoveTest, MeasureGoesToTheNegatedHeight)
+TEST_F(PrintServiceMove, MeasureGoesToTheNegatedHeight)
 {
     const LogCapture log;
 
@@ -64,14 +64,14 @@ TEST_F(PrintMoveTest, MeasureGoesToTheNegatedHeight)
               log.text());
 }
 
-TEST_F(PrintMoveTest, DeliberateZeroHeightIsNegativeZero)
+TEST_F(PrintServiceMove, DeliberateZeroHeightIsNegativeZero)
 {
     publishMeasure(0);
 
     EXPECT_EQ("G05 Z-0.00 F1000 \n", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintMoveTest, HandlersReturnMinusOne)
+TEST_F(PrintServiceMove, HandlersReturnMinusOne)
 {
     MoveLaserEvent move(1, 1);
     MeasureEvent measure(1);
@@ -80,7 +80,7 @@ TEST_F(PrintMoveTest, HandlersReturnMinusOne)
     EXPECT_EQ(-1, service().onMeasureEvent(&measure));
 }
 
-TEST_F(PrintMoveTest, OtherEventsAreRefused)
+TEST_F(PrintServiceMove, OtherEventsAreRefused)
 {
     MoveLaserEvent move(1, 1);
     MeasureEvent measure(1);
@@ -89,7 +89,7 @@ TEST_F(PrintMoveTest, OtherEventsAreRefused)
     EXPECT_THROW(service().onMeasureEvent(&move), std::bad_cast);
 }
 
-TEST_F(PrintMoveTest, AnyFloatFitsTheCommand)
+TEST_F(PrintServiceMove, AnyFloatFitsTheCommand)
 {
     const float LARGE = 1e38F;
     const float NOTHING = std::numeric_limits<float>::quiet_NaN();
@@ -108,7 +108,7 @@ TEST_F(PrintMoveTest, AnyFloatFitsTheCommand)
     EXPECT_EQ("G05 Z-nan F1000 ", received().back());
 }
 
-TEST_F(PrintMoveTest, WithoutAPortNothingIsReadOrWaitedFor)
+TEST_F(PrintServiceMove, WithoutAPortNothingIsReadOrWaitedFor)
 {
     const LogCapture log;
     service().setUart(nullptr);
@@ -124,7 +124,7 @@ TEST_F(PrintMoveTest, WithoutAPortNothingIsReadOrWaitedFor)
     EXPECT_EQ("", output());
 }
 
-TEST_F(PrintMoveTest, ControllerThatAnswersOnceOnlyCostsTheTimeOut)
+TEST_F(PrintServiceMove, ControllerThatAnswersOnceOnlyCostsTheTimeOut)
 {
     m_controller.instruct("once on");
     const uint64_t u64Start = monotonicMs();
@@ -135,7 +135,7 @@ TEST_F(PrintMoveTest, ControllerThatAnswersOnceOnlyCostsTheTimeOut)
     EXPECT_EQ("G05 Z-1.00 F1000 \n", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintMoveTest, NothingMovesOnceTheServiceIsGone)
+TEST_F(PrintServiceMove, NothingMovesOnceTheServiceIsGone)
 {
     m_pService.reset();
 

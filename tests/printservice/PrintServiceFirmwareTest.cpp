@@ -7,11 +7,11 @@
 
 namespace {
 
-class FirmwareTest : public PrintTest
+class PrintServiceFirmware : public PrintTest
 {
 protected:
     // A silence that no stall is taken for.
-    FirmwareTest() : PrintTest({"--speed-up", "1000", "--image-quiet-ms", "5000"}) {}
+    PrintServiceFirmware() : PrintTest({"--speed-up", "1000", "--image-quiet-ms", "5000"}) {}
 
     /** An image of the virtual controller's form, with every byte value in it. */
     static std::string makeImage(size_t uSize)
@@ -62,7 +62,7 @@ protected:
 
 } // namespace
 
-TEST_F(FirmwareTest, ImageInPlaceIsSentAndTheReceivedOneKept)
+TEST_F(PrintServiceFirmware, ImageInPlaceIsSentAndTheReceivedOneKept)
 {
     const std::string strImage = makeImage(5000); // fits the port whatever the reader does
     m_folder.write("pp.bin", strImage);
@@ -85,7 +85,7 @@ TEST_F(FirmwareTest, ImageInPlaceIsSentAndTheReceivedOneKept)
               output());
 }
 
-TEST_F(FirmwareTest, MissingImageIsTold)
+TEST_F(PrintServiceFirmware, MissingImageIsTold)
 {
     EXPECT_EQ(0, service().updateFirmware("received", 8));
 
@@ -98,7 +98,7 @@ TEST_F(FirmwareTest, MissingImageIsTold)
               output());
 }
 
-TEST_F(FirmwareTest, EmptyImageIsAnnouncedOnly)
+TEST_F(PrintServiceFirmware, EmptyImageIsAnnouncedOnly)
 {
     m_folder.write("pp.bin", "");
 
@@ -107,7 +107,7 @@ TEST_F(FirmwareTest, EmptyImageIsAnnouncedOnly)
     EXPECT_EQ("M21\n", m_controller.readReceivedBytes());
 }
 
-TEST_F(FirmwareTest, CommandThatBeginsWithZeroFollowsTheImage)
+TEST_F(PrintServiceFirmware, CommandThatBeginsWithZeroFollowsTheImage)
 {
     const std::string strImage = makeImage(3000);
     m_folder.write("pp.bin", strImage);
@@ -120,7 +120,7 @@ TEST_F(FirmwareTest, CommandThatBeginsWithZeroFollowsTheImage)
     EXPECT_EQ(0U, output().find("start update\nM21\n"));
 }
 
-TEST_F(FirmwareTest, ControllerThatDoesNotReadLosesWhatIsPrinted)
+TEST_F(PrintServiceFirmware, ControllerThatDoesNotReadLosesWhatIsPrinted)
 {
     m_folder.write("pp.bin", makeImage(100000));
     m_controller.instruct("line 1 stall"); // answers M21 and stops reading
@@ -142,7 +142,7 @@ TEST_F(FirmwareTest, ControllerThatDoesNotReadLosesWhatIsPrinted)
     EXPECT_TRUE(waitForImage(std::to_string(uSent) + " bytes cut"));
 }
 
-TEST_F(FirmwareTest, ControllerThatReadsGetsWhatThePortTookOfEachBlock)
+TEST_F(PrintServiceFirmware, ControllerThatReadsGetsWhatThePortTookOfEachBlock)
 {
     // Without a length of its own: how much of a large image gets through is up to the scheduler.
     const std::string strImage = makeImage(100000).substr(8);

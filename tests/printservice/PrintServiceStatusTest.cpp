@@ -34,7 +34,7 @@ public:
     bool m_bFresh = false;
 };
 
-class PrintStatusTest : public PrintTest
+class PrintServiceStatus : public PrintTest
 {
 protected:
     /** Let the idle service see a status. */
@@ -49,7 +49,7 @@ protected:
 
 } // namespace
 
-TEST_F(PrintStatusTest, CommandsGoOutAsTheCodecSays)
+TEST_F(PrintServiceStatus, CommandsGoOutAsTheCodecSays)
 {
     EXPECT_EQ(0, service().printSingleCmd("M5", 1)); // the length is not looked at
 
@@ -57,7 +57,7 @@ TEST_F(PrintStatusTest, CommandsGoOutAsTheCodecSays)
     EXPECT_EQ("M5\n\nsend length:3\n", output());
 }
 
-TEST_F(PrintStatusTest, ErrorLockIsClearedForTwoAndNineOnly)
+TEST_F(PrintServiceStatus, ErrorLockIsClearedForTwoAndNineOnly)
 {
     for (const int nCode : {0, 1, 3, 4, 5, 6, 7, 8, 10, 11, -1}) {
         service().onErrorCode(nCode);
@@ -70,7 +70,7 @@ TEST_F(PrintStatusTest, ErrorLockIsClearedForTwoAndNineOnly)
     EXPECT_EQ("$X\n$X\n", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintStatusTest, IdleStatusOneAndTwoAreReported)
+TEST_F(PrintServiceStatus, IdleStatusOneAndTwoAreReported)
 {
     poll(1);
     poll(2);
@@ -80,7 +80,7 @@ TEST_F(PrintStatusTest, IdleStatusOneAndTwoAreReported)
     EXPECT_EQ("get status code:1 \nget status code:2 \n", output());
 }
 
-TEST_F(PrintStatusTest, IdleStatusThreeAsksTheSubscribersWhenNoFileWaits)
+TEST_F(PrintServiceStatus, IdleStatusThreeAsksTheSubscribersWhenNoFileWaits)
 {
     IdleSubscriber subscriber;
 
@@ -93,7 +93,7 @@ TEST_F(PrintStatusTest, IdleStatusThreeAsksTheSubscribersWhenNoFileWaits)
     EXPECT_EQ("get status code:3 \n", output());
 }
 
-TEST_F(PrintStatusTest, IdleStatusThreeStartsTheJobThatWaits)
+TEST_F(PrintServiceStatus, IdleStatusThreeStartsTheJobThatWaits)
 {
     IdleSubscriber subscriber;
     saveJob("G1 X1\n");
@@ -108,7 +108,7 @@ TEST_F(PrintStatusTest, IdleStatusThreeStartsTheJobThatWaits)
     EXPECT_TRUE(contains(output(), "get status code:3 \n"));
 }
 
-TEST_F(PrintStatusTest, IdleStatusThreeWithoutItsFileOnlyResumes)
+TEST_F(PrintServiceStatus, IdleStatusThreeWithoutItsFileOnlyResumes)
 {
     saveJob("G1 X1\n");
     unlink("tmp.gcode");
@@ -121,7 +121,7 @@ TEST_F(PrintStatusTest, IdleStatusThreeWithoutItsFileOnlyResumes)
     EXPECT_TRUE(contains(output(), "get status code:3 \n"));
 }
 
-TEST_F(PrintStatusTest, IdleStatusFourPauses)
+TEST_F(PrintServiceStatus, IdleStatusFourPauses)
 {
     poll(4);
 
@@ -131,7 +131,7 @@ TEST_F(PrintStatusTest, IdleStatusFourPauses)
     EXPECT_TRUE(contains(output(), "get status code:4 \n"));
 }
 
-TEST_F(PrintStatusTest, OtherIdleStatusIsOnlyPrinted)
+TEST_F(PrintServiceStatus, OtherIdleStatusIsOnlyPrinted)
 {
     poll(5);
 
@@ -139,7 +139,7 @@ TEST_F(PrintStatusTest, OtherIdleStatusIsOnlyPrinted)
     EXPECT_EQ("get status code:5 \n", output());
 }
 
-TEST_F(PrintStatusTest, IdlePollWithoutAStatusDoesNothing)
+TEST_F(PrintServiceStatus, IdlePollWithoutAStatusDoesNothing)
 {
     m_controller.instruct("say ok\\n");
 
@@ -149,7 +149,7 @@ TEST_F(PrintStatusTest, IdlePollWithoutAStatusDoesNothing)
     EXPECT_EQ("", output());
 }
 
-TEST_F(PrintStatusTest, LoopWithoutAJobPolls)
+TEST_F(PrintServiceStatus, LoopWithoutAJobPolls)
 {
     m_controller.instruct("say status:2\\n");
 
@@ -158,7 +158,7 @@ TEST_F(PrintStatusTest, LoopWithoutAJobPolls)
     EXPECT_EQ((Texts{"Wx02"}), m_reports.codes());
 }
 
-TEST_F(PrintStatusTest, ThreadDoesNotRunBeforeAJobStarts)
+TEST_F(PrintServiceStatus, ThreadDoesNotRunBeforeAJobStarts)
 {
     m_controller.instruct("say status:2\\n");
     char acReply[16] = {0};
@@ -168,7 +168,7 @@ TEST_F(PrintStatusTest, ThreadDoesNotRunBeforeAJobStarts)
     EXPECT_EQ(Texts(), m_reports.codes());
 }
 
-TEST_F(PrintStatusTest, PausedLineIsRepeatedUntilTheControllerGoesOn)
+TEST_F(PrintServiceStatus, PausedLineIsRepeatedUntilTheControllerGoesOn)
 {
     m_controller.instruct("line 2 status 1"); // taken, yet paused: each repeat follows at once
     m_controller.instruct("line 4 status 4");
@@ -185,7 +185,7 @@ TEST_F(PrintStatusTest, PausedLineIsRepeatedUntilTheControllerGoesOn)
     EXPECT_TRUE(contains(strOutput, "get status code:4 \n"));
 }
 
-TEST_F(PrintStatusTest, ControllerThatHoldsGetsTheLineAgainEveryHalfSecond)
+TEST_F(PrintServiceStatus, ControllerThatHoldsGetsTheLineAgainEveryHalfSecond)
 {
     m_controller.instruct("line 2 hold");
     m_controller.instruct("line 4 go");
@@ -208,7 +208,7 @@ TEST_F(PrintStatusTest, ControllerThatHoldsGetsTheLineAgainEveryHalfSecond)
     EXPECT_LE(0.499, vecTime[2] - vecTime[1]);
 }
 
-TEST_F(PrintStatusTest, StatusTwoWhilePrintingIsOnlyReported)
+TEST_F(PrintServiceStatus, StatusTwoWhilePrintingIsOnlyReported)
 {
     m_controller.instruct("line 1 status 2");
 
@@ -219,7 +219,7 @@ TEST_F(PrintStatusTest, StatusTwoWhilePrintingIsOnlyReported)
     EXPECT_EQ((Texts{"Wx02"}), m_reports.codes());
 }
 
-TEST_F(PrintStatusTest, StatusThreeWhilePrintingPauses)
+TEST_F(PrintServiceStatus, StatusThreeWhilePrintingPauses)
 {
     IdleSubscriber subscriber;
     m_controller.instruct("line 1 status 3");
@@ -233,7 +233,7 @@ TEST_F(PrintStatusTest, StatusThreeWhilePrintingPauses)
     EXPECT_EQ(0, subscriber.m_nCalls);
 }
 
-TEST_F(PrintStatusTest, OtherStatusWhilePrintingIsOnlyPrinted)
+TEST_F(PrintServiceStatus, OtherStatusWhilePrintingIsOnlyPrinted)
 {
     m_controller.instruct("line 1 status 7");
 
@@ -245,7 +245,7 @@ TEST_F(PrintStatusTest, OtherStatusWhilePrintingIsOnlyPrinted)
     EXPECT_TRUE(contains(output(), "get status code:7 \n"));
 }
 
-TEST_F(PrintStatusTest, PausedByTheControllerAndContinuedByTheOperator)
+TEST_F(PrintServiceStatus, PausedByTheControllerAndContinuedByTheOperator)
 {
     m_controller.instruct("line 1 status 1");
     saveJob("G1 X1\nG1 X2\n");
@@ -259,7 +259,7 @@ TEST_F(PrintStatusTest, PausedByTheControllerAndContinuedByTheOperator)
         eventually([this] { return contains(m_controller.readReceivedBytes(), "G1 X2\n\n\n"); }));
 }
 
-TEST_F(PrintStatusTest, RefusedLineIsSentAgainAfterHalfASecond)
+TEST_F(PrintServiceStatus, RefusedLineIsSentAgainAfterHalfASecond)
 {
     m_controller.instruct("line 2 refuse 5");
 
@@ -271,7 +271,7 @@ TEST_F(PrintStatusTest, RefusedLineIsSentAgainAfterHalfASecond)
     EXPECT_TRUE(contains(output(), "get error code:5 \n"));
 }
 
-TEST_F(PrintStatusTest, LockedControllerIsUnlockedAndGetsTheLineAgain)
+TEST_F(PrintServiceStatus, LockedControllerIsUnlockedAndGetsTheLineAgain)
 {
     m_controller.instruct("line 2 refuse 9");
 
@@ -283,7 +283,7 @@ TEST_F(PrintStatusTest, LockedControllerIsUnlockedAndGetsTheLineAgain)
     EXPECT_TRUE(contains(output(), "get error code:9 \n"));
 }
 
-TEST_F(PrintStatusTest, AlarmIsOnlyPrintedAndTheLockBehindItCleared)
+TEST_F(PrintServiceStatus, AlarmIsOnlyPrintedAndTheLockBehindItCleared)
 {
     m_controller.instruct("line 1 alarm 3");
 
@@ -297,7 +297,7 @@ TEST_F(PrintStatusTest, AlarmIsOnlyPrintedAndTheLockBehindItCleared)
     EXPECT_TRUE(contains(strOutput, "get error code:9 \n"));
 }
 
-TEST_F(PrintStatusTest, HalfAnAnswerAndGarbageAreNoAcknowledgement)
+TEST_F(PrintServiceStatus, HalfAnAnswerAndGarbageAreNoAcknowledgement)
 {
     m_controller.instruct("line 1 half");
     m_controller.instruct("line 3 garbage");
@@ -309,7 +309,7 @@ TEST_F(PrintStatusTest, HalfAnAnswerAndGarbageAreNoAcknowledgement)
     }));
 }
 
-TEST_F(PrintStatusTest, LateAnswerIsWaitedFor)
+TEST_F(PrintServiceStatus, LateAnswerIsWaitedFor)
 {
     m_controller.instruct("line 1 late 1200");
 
@@ -319,7 +319,7 @@ TEST_F(PrintStatusTest, LateAnswerIsWaitedFor)
         eventually([this] { return "G1 X1\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
 }
 
-TEST_F(PrintStatusTest, SilenceIsNoAcknowledgementForThisController)
+TEST_F(PrintServiceStatus, SilenceIsNoAcknowledgementForThisController)
 {
     m_controller.instruct("line 1 no-answer");
 
@@ -332,7 +332,7 @@ TEST_F(PrintStatusTest, SilenceIsNoAcknowledgementForThisController)
     EXPECT_LE(10499U, monotonicMs() - u64Start); // ten seconds for the reply, then half a second
 }
 
-TEST_F(PrintStatusTest, DoubledAnswerLeavesOneForTheNextLine)
+TEST_F(PrintServiceStatus, DoubledAnswerLeavesOneForTheNextLine)
 {
     m_controller.instruct("line 1 double");
 

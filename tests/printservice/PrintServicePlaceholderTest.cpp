@@ -4,11 +4,11 @@
 #include "PrintTest.h"
 #include "Time.h"
 
-class PrintLinkTest : public PrintTest
+class PrintServicePlaceholder : public PrintTest
 {
 };
 
-TEST_F(PrintLinkTest, SingleCommandGoesOutAsABareLineEnd)
+TEST_F(PrintServicePlaceholder, SingleCommandGoesOutAsABareLineEnd)
 {
     EXPECT_EQ(0, service().printSingleCmd("M5", 2));
 
@@ -16,14 +16,14 @@ TEST_F(PrintLinkTest, SingleCommandGoesOutAsABareLineEnd)
     EXPECT_EQ("\n\nsend length:1\n", output());
 }
 
-TEST_F(PrintLinkTest, StringIsSentLikeItsText)
+TEST_F(PrintServicePlaceholder, StringIsSentLikeItsText)
 {
     EXPECT_EQ(0, service().printSingleCmd(std::string("M5")));
 
     EXPECT_EQ("\n", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintLinkTest, SingleCommandWaitsTwoSecondsForItsReply)
+TEST_F(PrintServicePlaceholder, SingleCommandWaitsTwoSecondsForItsReply)
 {
     m_controller.instruct("no-answer");
     const uint64_t u64Start = monotonicMs();
@@ -35,7 +35,7 @@ TEST_F(PrintLinkTest, SingleCommandWaitsTwoSecondsForItsReply)
     EXPECT_GT(9000U, u64Waited) << "a job's line waits ten";
 }
 
-TEST_F(PrintLinkTest, ReplyIsNotLoggedSinceReadsReportNoBytes)
+TEST_F(PrintServicePlaceholder, ReplyIsNotLoggedSinceReadsReportNoBytes)
 {
     const LogCapture log;
 
@@ -44,7 +44,7 @@ TEST_F(PrintLinkTest, ReplyIsNotLoggedSinceReadsReportNoBytes)
     EXPECT_EQ("", log.text());
 }
 
-TEST_F(PrintLinkTest, FullPortRefusesTheCommandAndNoReplyIsRead)
+TEST_F(PrintServicePlaceholder, FullPortRefusesTheCommandAndNoReplyIsRead)
 {
     fillWire();
     m_controller.instruct("say later\\n");
@@ -56,7 +56,7 @@ TEST_F(PrintLinkTest, FullPortRefusesTheCommandAndNoReplyIsRead)
     EXPECT_STREQ("later\n", acReply);
 }
 
-TEST_F(PrintLinkTest, WithoutAPortEverythingIsRefused)
+TEST_F(PrintServicePlaceholder, WithoutAPortEverythingIsRefused)
 {
     service().setUart(nullptr);
 
@@ -74,7 +74,7 @@ TEST_F(PrintLinkTest, WithoutAPortEverythingIsRefused)
     EXPECT_EQ("", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintLinkTest, ReadOnAClosedPortOnlyClears)
+TEST_F(PrintServicePlaceholder, ReadOnAClosedPortOnlyClears)
 {
     m_uart.close();
 
@@ -84,7 +84,7 @@ TEST_F(PrintLinkTest, ReadOnAClosedPortOnlyClears)
     EXPECT_EQ(0, memcmp(acReply, "\0\0\0\0", 4));
 }
 
-TEST_F(PrintLinkTest, ReplyMayFillTheBuffer)
+TEST_F(PrintServicePlaceholder, ReplyMayFillTheBuffer)
 {
     m_controller.instruct("garbage");
     ASSERT_EQ(3, m_uart.send("G1\n", 3, 0));
@@ -98,7 +98,7 @@ TEST_F(PrintLinkTest, ReplyMayFillTheBuffer)
     EXPECT_EQ('x', acReply[64]);
 }
 
-TEST_F(PrintLinkTest, CommandThatBeginsWithZeroStreamsTheImageFirst)
+TEST_F(PrintServicePlaceholder, CommandThatBeginsWithZeroStreamsTheImageFirst)
 {
     std::string strImage;
     while (strImage.size() < 3000) {
@@ -120,7 +120,7 @@ TEST_F(PrintLinkTest, CommandThatBeginsWithZeroStreamsTheImageFirst)
               output());
 }
 
-TEST_F(PrintLinkTest, CommandThatBeginsWithZeroIsSentWithoutAnImage)
+TEST_F(PrintServicePlaceholder, CommandThatBeginsWithZeroIsSentWithoutAnImage)
 {
     EXPECT_EQ(0, service().printSingleCmd("0", 1));
 
@@ -128,13 +128,13 @@ TEST_F(PrintLinkTest, CommandThatBeginsWithZeroIsSentWithoutAnImage)
     EXPECT_EQ("start update\nopen bin failed!\n\n\nsend length:1\n", output());
 }
 
-TEST_F(PrintLinkTest, ProgressBeforeAnyJobIsZero)
+TEST_F(PrintServicePlaceholder, ProgressBeforeAnyJobIsZero)
 {
     EXPECT_EQ(0.0F, progress());
     EXPECT_EQ("persent 0.000000\n", output());
 }
 
-TEST_F(PrintLinkTest, PolledReplyHasNoStatusForThePlaceholder)
+TEST_F(PrintServicePlaceholder, PolledReplyHasNoStatusForThePlaceholder)
 {
     m_controller.instruct("say status:3\\n");
 
@@ -143,7 +143,7 @@ TEST_F(PrintLinkTest, PolledReplyHasNoStatusForThePlaceholder)
     EXPECT_EQ("", output());
 }
 
-TEST_F(PrintLinkTest, JobRunsWithThePlaceholder)
+TEST_F(PrintServicePlaceholder, JobRunsWithThePlaceholder)
 {
     runJob("G1 X1\nG1 X2\nG1 X3\n");
 
@@ -151,7 +151,7 @@ TEST_F(PrintLinkTest, JobRunsWithThePlaceholder)
         [this] { return "G1 X1\n\nG1 X2\n\nG1 X3\n\n\n" == m_controller.readReceivedBytes(); }));
 }
 
-TEST_F(PrintLinkTest, DeliberateSilenceCountsAsAcknowledgedAfterTenSeconds)
+TEST_F(PrintServicePlaceholder, DeliberateSilenceCountsAsAcknowledgedAfterTenSeconds)
 {
     m_controller.instruct("no-answer");
     const uint64_t u64Start = monotonicMs();
