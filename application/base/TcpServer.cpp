@@ -2,6 +2,7 @@
 #include "TcpServer.h"
 
 #include <cerrno>
+#include <new>
 
 #include "Log.h"
 
@@ -97,27 +98,39 @@ RET_E TcpServer::onPollAccept(Event*)
             }
             return RET_SUCCESS;
         }
-        std::unique_ptr<TcpClient> pClient(createClient());
-        if (nullptr == pClient) {
+        try {
+            welcome(socket);
+        } catch (const std::bad_alloc&) {
             LOG(2, "create(new) tcp client error !!\n");
-            continue; // Deliberate: the connection stays open
-        }
-        if (!tune(socket)) {
             (void)socket.close();
-            m_vecRetired.push_back(std::move(pClient)); // Deliberate: not destroyed now
-            continue;
         }
-        if (!serve(std::move(pClient), socket)) {
-            (void)socket.close(); // the client leaves its descriptor open
-            continue;
-        }
-        SocketAddress local;
-        SocketAddress remote;
-        (void)socket.getLocalSockAddr(local); // failures are logged there and shown empty
-        (void)socket.getRemoteSockAddr(remote);
-        LOG(8, "tcp client connected, local(%s:%u) remote(%s:%u)\n", local.acIp, local.u16Port,
-            remote.acIp, remote.u16Port);
     }
+}
+
+/** Make, tune and serve one accepted connection; what throws leaves the socket to the caller. */
+void TcpServer::welcome(TcpSocket& socket)
+{
+    std::unique_ptr<TcpClient> pClient(createClient());
+    if (nullptr == pClient) {
+        reportAccept(__LINE__, "create(new) tcp client error !!\n");
+        return; // Deliberate: the connection stays open
+    }
+    if (!tune(socket)) {
+        (void)socket.close();
+        m_vecRetired.push_back(std::move(pClient)); // Deliberate: not destroyed now
+        return;
+    }
+    if (!serve(std::move(pClient), socket)) {
+        (void)socket.close(); // the client leaves its descriptor open
+        return;
+    }
+    SocketAddress local;
+    SocketAddress remote;
+    (void)socket.getLocalSockAddr(local); // failures are logged there and shown empty
+    (void)socket.getRemoteSockAddr(remote);
+    Log::getInstance().log(SOURCE_NAME, __LINE__, "onPollAccept", 8,
+                           "tcp client connected, local(%s:%u) remote(%s:%u)\n", local.acIp,
+                           local.u16Port, remote.acIp, remote.u16Port);
 }
 
 bool TcpServer::tune(TcpSocket& socket)

@@ -264,6 +264,28 @@ TEST_F(LogServerTest, LinesOfBeforeAreNotReplayed)
     EXPECT_EQ("after\n", viewer.text());
 }
 
+TEST_F(LogServerTest, AnyAllocationOfAnAcceptMayFail)
+{
+    RecordingServer server; // its reactor is this thread
+    const uint16_t u16Port = freePort();
+    ASSERT_EQ(0, server.init(u16Port, "127.0.0.1", 4096, 4096));
+    bool bReached = true;
+    for (int nWhich = 1; bReached; ++nWhich) {
+        const Viewer viewer(u16Port);
+        const std::string strPlan = "malloc:" + std::to_string(nWhich) + ":ENOMEM";
+        FaultScope fault(strPlan.c_str());
+
+        EXPECT_NO_THROW((void)server.pollOnce()) << strPlan;
+
+        bReached = 0 != faultHits();
+        ASSERT_LT(nWhich, 1000);
+    }
+    (void)server.start();
+
+    Viewer viewer(u16Port);
+    viewer.waitUntilServed();
+}
+
 TEST_F(LogServerTest, CutLineIsSentWithItsZeros)
 {
     RecordingServer server;

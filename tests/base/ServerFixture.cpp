@@ -110,6 +110,9 @@ TcpClient* JournalServer::createClient()
         return nullptr;
     }
     m_pLast = new JournalClient(m_journal, m_failing, nNumber);
+    if (m_onCreate) {
+        m_onCreate();
+    }
     return m_pLast;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -74,4 +75,5 @@ public:
     std::set<std::string> m_failing;  // steps that return 1; "create" gives no client
     std::atomic<int> m_nClients{0};   // made so far
     JournalClient* m_pLast = nullptr; // made last
+    std::function<void()> m_onCreate; // called once a client has been made
 };

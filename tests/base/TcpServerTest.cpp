@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -544,6 +545,51 @@ TEST(TcpServer, WithoutAClientTheConnectionStaysOpenAndUnserved)
     EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), server.m_journal.take());
     (void)peer.close();
     (void)next.close();
+}
+
+TEST(TcpServer, WithoutMemoryForAClientTheConnectionIsClosed)
+{
+    class Server : public TcpServer
+    {
+    public:
+        ~Server() override
+        {
+            endService();
+        }
+        TcpClient* createClient() override
+        {
+            throw std::bad_alloc();
+        }
+        using TcpServer::m_socket;
+    };
+    Server server;
+    ASSERT_EQ(0, server.init(0, "127.0.0.1", 4096, 4096));
+    TcpSocket peer = connectTo(portOf(server.m_socket.getFd()));
+    LogCapture log;
+
+    EXPECT_TRUE(eventually([&] { return 0 == server.pollOnce() && peer.waitReadable(Time()); }));
+
+    EXPECT_TRUE(sawEnd(peer));
+    EXPECT_EQ(Lines({acceptLine("create(new) tcp client error !!\n")}), takeLines(log));
+    (void)peer.close();
+}
+
+TEST(TcpServer, WithoutMemoryToKeepAnUntunedClientItIsDestroyed)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    server.m_onCreate = [] {
+        (void)faultPlan(
+            ("malloc=" + std::to_string(sizeof(void*)) + ":1:ENOMEM;setsockopt:1:ENOMEM").c_str());
+    };
+
+    ASSERT_TRUE(server.poll("delete"));
+    (void)faultPlan("");
+
+    EXPECT_EQ(Steps({"create 1", "delete 1"}), server.m_journal.take());
+    EXPECT_TRUE(sawEnd(peer));
+    (void)peer.close();
 }
 
 TEST(TcpServer, EachFailedStepOfAClientEndsIt)

@@ -20,6 +20,7 @@
 #include "DebugCmdEvent.h"
 #include "Eventually.h"
 #include "FakeSystem.h"
+#include "Fault.h"
 #include "LogCapture.h"
 
 namespace {
@@ -212,6 +213,40 @@ TEST_F(WebCameraTest, ClientThatLeavesWithoutARequestIsRemovedWithoutAnAnswer)
     listener.finish();
     EXPECT_EQ("", listener.readToEnd());
     EXPECT_TRUE(listener.isClosed());
+}
+
+TEST_F(WebCameraTest, AnyAllocationOfAnAcceptAndARequestMayFail)
+{
+    CardFolder www("www");
+    www.write("f.txt", "x");
+    ASSERT_EQ(RET_SUCCESS, m_module.stop()); // its reactor is this thread
+    Log::getInstance().setLevel(0);          // m_log allocates, too
+    for (const char* pRequest : {"GET /f.txt HTTP/1.1\r\n\r\n", "GET /live?a=1 HTTP/1.1\r\n\r\n",
+                                 "GET /snap HTTP/1.1\r\n\r\n", "GET /camera HTTP/1.1\r\n\r\n",
+                                 "POST /live HTTP/1.1\r\nContent-Length: 2\r\n\r\nx"}) {
+        bool bReached = true;
+        for (int nWhich = 1; bReached; ++nWhich) {
+            const std::string strRule = ":" + std::to_string(nWhich) + ":ENOMEM";
+            const std::string strPlan =
+                "malloc" + strRule + ";calloc" + strRule + ";realloc" + strRule;
+            const Peer peer;
+            peer.send(pRequest);
+            FaultScope fault(strPlan.c_str());
+
+            EXPECT_NO_THROW((void)WebCamera::getInstance().pollOnce()) << strPlan;
+            const Peer next; // so that the second pass need not wait
+            EXPECT_NO_THROW((void)WebCamera::getInstance().pollOnce()) << strPlan;
+
+            bReached = 0 != faultHits();
+            ASSERT_LT(nWhich, 1000);
+        }
+    }
+    Log::getInstance().setLevel(8);
+    ASSERT_EQ(RET_SUCCESS, m_module.start());
+
+    Peer live;
+    live.send(LIVE);
+    EXPECT_EQ(LIVE_HEADER_SIZE, live.readUntil(LIVE_HEADER_SIZE).size());
 }
 
 TEST_F(WebCameraTest, TwoClientsAreIndependent)

@@ -26,7 +26,10 @@ public:
     explicit TcpServer(const char* pName = nullptr);
     ~TcpServer() override;
 
-    /** @return a new connection, the server's from then on; null leaves the peer unserved, open */
+    /**
+     * @return a new connection, the server's from then on; null leaves the peer unserved, open
+     * @throws std::bad_alloc  the peer is closed then, as after any lack of memory while accepting
+     */
     virtual TcpClient* createClient() = 0;
 
     /**
@@ -62,6 +65,7 @@ private:
     RET_E onPollIn(Event* pEvent);
     RET_E onPollOut(Event* pEvent);
     RET_E onPollError(Event* pEvent);
+    void welcome(TcpSocket& socket);
     bool tune(TcpSocket& socket);
     bool serve(std::unique_ptr<TcpClient> pClient, const TcpSocket& socket);
 
