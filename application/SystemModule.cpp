@@ -7,9 +7,10 @@
 #include "VideoCapturer.h"
 #include "VideoProcessor.h"
 
-SystemModule::SystemModule() : m_port(ControllerPort::getInstance())
+SystemModule::SystemModule()
 {
-    // Both outlive the module, whose clients use them through it until it is gone.
+    // These outlive the module, whose clients use them through it until it is gone.
+    (void)ControllerPort::getInstance();
     (void)VideoCapturer::getInstance();
     (void)VideoProcessor::getInstance();
 }
@@ -74,11 +75,12 @@ RET_E SystemModule::openSerial()
     if (0 != printService.resetStm32()) {
         return RET_FAILED;
     }
-    if (RET_SUCCESS != m_port.open()) {
+    ControllerPort& port = ControllerPort::getInstance();
+    if (RET_SUCCESS != port.open()) {
         return RET_FAILED;
     }
-    printService.setUart(&m_port.getUart());
-    ElectricController::getInstance().setUart(&m_port.getUart());
+    printService.setUart(&port.getUart());
+    ElectricController::getInstance().setUart(&port.getUart());
     return RET_SUCCESS;
 }
 

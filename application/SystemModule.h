@@ -4,7 +4,6 @@
 #include "IModule.h"
 #include "VideoFrame.h"
 
-class ControllerPort;
 class IConsumer;
 
 /**
@@ -70,6 +69,4 @@ public:
 
 private:
     SystemModule();
-
-    ControllerPort& m_port; // lent to the print service and the controller object by openSerial()
 };
