@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <utility>
 
 #include "Assert.h"
 #include "Command.h"
@@ -162,23 +163,18 @@ bool V4L2::copyFrame(PVENC_FRAME_T& frame)
     if (m_buf.bytesused > buffer.u32Length) {
         return false;
     }
-    auto* pFrame = static_cast<VENC_FRAME_T*>(malloc(size_t{FRAME_HEADER_SIZE} + m_buf.bytesused));
-    if (nullptr == pFrame) {
-        return false;
-    }
-    pFrame->u32Size = m_buf.bytesused;
-    pFrame->u64TimeStamp =
+    VENC_FRAME_T header{};
+    header.u32Size = m_buf.bytesused;
+    header.u64TimeStamp =
         static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
-    pFrame->u32Format = m_nFormat;
-    pFrame->u32Width = m_nWidth;
-    pFrame->u32Height = m_nHeight;
-    memcpy(pFrame->au8Data, buffer.pStart, m_buf.bytesused);
-    PVENC_FRAME_T holder(pFrame);
-    if (nullptr == holder.get()) {
+    header.u32Format = m_nFormat;
+    header.u32Width = m_nWidth;
+    header.u32Height = m_nHeight;
+    PVENC_FRAME_T copy = makeFrame(header, buffer.pStart);
+    if (nullptr == copy.get()) {
         return false;
     }
-    holder.setDataOffset(FRAME_HEADER_SIZE);
-    frame = std::move(holder);
+    frame = std::move(copy);
     return true;
 }
 

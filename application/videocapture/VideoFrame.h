@@ -27,3 +27,11 @@ enum : uint32_t
 
 /** Shared by everyone who needs the frame; the last holder frees it. */
 typedef SafePointer_C<VENC_FRAME_T> PVENC_FRAME_T;
+
+/**
+ * A frame of its own with this header and a copy of the payload, its holder's data offset set.
+ * @param header    every field in front of au8Data, which is not looked at
+ * @param pPayload  header.u32Size bytes, not null
+ * @return a holder without a frame when there is no memory
+ */
+PVENC_FRAME_T makeFrame(const VENC_FRAME_T& header, const void* pPayload);

@@ -1,9 +1,6 @@
 // The host of the vision plug-in: measuring, and correcting lens distortion.
 #include "VideoProcessor.h"
 
-#include <cstdlib>
-#include <cstring>
-
 #include <dlfcn.h>
 
 #include "EventBus.h"
@@ -180,21 +177,17 @@ void VideoProcessor::undistort(PVENC_FRAME_T& in, PVENC_FRAME_T& out)
     if (record.s32Size <= 0 || record.s32Width <= 0 || record.s32Height <= 0) {
         return;
     }
-    const auto u32Size = static_cast<uint32_t>(record.s32Size);
-    auto* pOut = static_cast<VENC_FRAME_T*>(
-        (nullptr == record.pData) ? nullptr : malloc(FRAME_HEADER_SIZE + u32Size));
-    if (nullptr == pOut) {
-        out = in; // better uncorrected than no picture
-        return;
+    VENC_FRAME_T header{};
+    header.u32Size = static_cast<uint32_t>(record.s32Size);
+    header.u64TimeStamp = pIn->u64TimeStamp;
+    header.u32Format = pIn->u32Format;
+    header.u32Width = static_cast<uint32_t>(record.s32Width);
+    header.u32Height = static_cast<uint32_t>(record.s32Height);
+    PVENC_FRAME_T corrected;
+    if (nullptr != record.pData) {
+        corrected = makeFrame(header, record.pData);
     }
-    pOut->u32Size = u32Size;
-    pOut->u64TimeStamp = pIn->u64TimeStamp;
-    pOut->u32Format = pIn->u32Format;
-    pOut->u32Width = static_cast<uint32_t>(record.s32Width);
-    pOut->u32Height = static_cast<uint32_t>(record.s32Height);
-    memcpy(pOut->au8Data, record.pData, u32Size);
-    out = PVENC_FRAME_T(pOut);
-    out.setDataOffset(FRAME_HEADER_SIZE);
+    out = (nullptr != corrected.get()) ? corrected : in; // better uncorrected than no picture
 }
 
 int VideoProcessor::onIdlePrint(Event* pEvent)

@@ -2,7 +2,6 @@
 #include "VideoStreamProducer.h"
 
 #include <benchmark/benchmark.h>
-#include <cstring>
 #include <memory>
 #include <sys/socket.h>
 #include <vector>
@@ -24,14 +23,12 @@ const char HEAD[] =
 const char BOUNDARY[] = "\r\n--boundarydonotcross\r\n";
 const size_t PART = sizeof(HEAD) - 1 + PICTURE + sizeof(BOUNDARY) - 1;
 
-PVENC_FRAME_T makeFrame()
+PVENC_FRAME_T makePicture()
 {
-    auto* pFrame = static_cast<VENC_FRAME_T*>(calloc(1, FRAME_HEADER_SIZE + PICTURE));
-    pFrame->u32Size = PICTURE;
-    pFrame->u32Format = FRAME_FORMAT_MJPEG;
-    PVENC_FRAME_T frame(pFrame);
-    frame.setDataOffset(FRAME_HEADER_SIZE);
-    return frame;
+    VENC_FRAME_T header{};
+    header.u32Size = PICTURE;
+    header.u32Format = FRAME_FORMAT_MJPEG;
+    return makeFrame(header, std::vector<char>(PICTURE).data());
 }
 
 /** The capture side's list of consumers, without a camera. */
@@ -88,7 +85,7 @@ void fanOut(benchmark::State& state)
         vecViewer.push_back(std::make_unique<Viewer>(deliverer));
     }
     for (auto _ : state) {
-        PVENC_FRAME_T frame = makeFrame();
+        PVENC_FRAME_T frame = makePicture();
         const double dStart = threadCpuSeconds();
         deliverer.deliver(frame);
         state.SetIterationTime(threadCpuSeconds() - dStart);
@@ -108,7 +105,7 @@ void bareFanOut(benchmark::State& state)
         vecPair.push_back(std::make_unique<TcpPair>());
     }
     for (auto _ : state) {
-        const PVENC_FRAME_T frame = makeFrame();
+        const PVENC_FRAME_T frame = makePicture();
         const double dStart = threadCpuSeconds();
         bool bTaken = true;
         for (const auto& pPair : vecPair) {

@@ -11,16 +11,6 @@ using Lines = std::vector<std::string>;
 
 const std::string PREFIX = "[debug] [videoprocess/VideoProcessor ] [init] ";
 
-/** A frame that no camera has seen. */
-PVENC_FRAME_T makeFrame(uint32_t u32Size)
-{
-    auto* pFrame = static_cast<VENC_FRAME_T*>(calloc(1, FRAME_HEADER_SIZE + u32Size));
-    pFrame->u32Size = u32Size;
-    PVENC_FRAME_T frame(pFrame);
-    frame.setDataOffset(FRAME_HEADER_SIZE);
-    return frame;
-}
-
 class VideoProcessorLoading : public VisionHost
 {
 protected:
@@ -44,7 +34,9 @@ protected:
     /** Whether a frame comes back as another one. */
     bool corrects()
     {
-        PVENC_FRAME_T in = makeFrame(10);
+        VENC_FRAME_T header{};
+        header.u32Size = 10;
+        PVENC_FRAME_T in = makeFrame(header, "no picture");
         PVENC_FRAME_T out;
         m_host.undistort(in, out);
         return in.get() != out.get();

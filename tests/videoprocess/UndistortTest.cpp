@@ -16,15 +16,13 @@ protected:
     {
         load("test_plugin");
         plugin().vecCall.clear();
-        auto* pIn = static_cast<VENC_FRAME_T*>(malloc(24 + 3));
-        pIn->u32Size = 3;
-        pIn->u64TimeStamp = 0x123456789ABCDEFULL;
-        pIn->u32Format = 28;
-        pIn->u32Width = 640;
-        pIn->u32Height = 480;
-        memcpy(pIn->au8Data, "raw", 3);
-        m_in = PVENC_FRAME_T(pIn);
-        m_in.setDataOffset(24);
+        VENC_FRAME_T header{};
+        header.u32Size = 3;
+        header.u64TimeStamp = 0x123456789ABCDEFULL;
+        header.u32Format = 28;
+        header.u32Width = 640;
+        header.u32Height = 480;
+        m_in = makeFrame(header, "raw");
         plugin().undistorted = {9, 320, 240, m_au8Corrected};
     }
 

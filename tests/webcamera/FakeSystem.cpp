@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -83,17 +81,13 @@ void FakeSystem::setCorrection(const Correction& correction)
 PVENC_FRAME_T makeFrame(uint32_t u32Size, uint32_t u32Format, uint32_t u32Width, uint32_t u32Height,
                         unsigned uFirst)
 {
-    auto* pFrame = static_cast<VENC_FRAME_T*>(malloc(24 + u32Size));
-    pFrame->u32Size = u32Size;
-    pFrame->u64TimeStamp = 1;
-    pFrame->u32Format = u32Format;
-    pFrame->u32Width = u32Width;
-    pFrame->u32Height = u32Height;
-    const std::string strPayload = payload(u32Size, uFirst);
-    memcpy(pFrame->au8Data, strPayload.data(), u32Size);
-    PVENC_FRAME_T frame(pFrame);
-    frame.setDataOffset(24);
-    return frame;
+    VENC_FRAME_T header{};
+    header.u32Size = u32Size;
+    header.u64TimeStamp = 1;
+    header.u32Format = u32Format;
+    header.u32Width = u32Width;
+    header.u32Height = u32Height;
+    return makeFrame(header, payload(u32Size, uFirst).data());
 }
 
 std::string payload(uint32_t u32Size, unsigned uFirst)
