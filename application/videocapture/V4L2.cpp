@@ -123,7 +123,8 @@ RET_E V4L2::getVideoStream(PVENC_FRAME_T& frame, int32_t s32TimeoutMs)
     ASSERT_AS(m_buf.index < m_nBuffers, "buf.index < n_buffers",
               "RET_E V4L2::getVideoStream(PVENC_FRAME_T&, int32_t)");
     const bool bCamera = 0 == m_nStream || 1 == m_nStream;
-    if ((bCamera && m_buf.bytesused < MIN_FRAME) || !copyFrame(frame)) {
+    const bool bBroken = 0 != (m_buf.flags & V4L2_BUF_FLAG_ERROR); // the driver says so
+    if (bBroken || (bCamera && m_buf.bytesused < MIN_FRAME) || !copyFrame(frame)) {
         LOG(7, "[%d] Ignoring empty buffer ...\n", m_nStream);
         (void)releaseVideoStream(); // a camera that is gone shows itself at the next dequeue
         return RET_AGAIN;

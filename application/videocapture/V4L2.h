@@ -50,7 +50,8 @@ public:
      *
      * @param frame         gets the frame; untouched otherwise
      * @param s32TimeoutMs  milliseconds
-     * @return RET_SUCCESS; RET_AGAIN nothing usable came, ask again at once; RET_TIMEOUT nothing
+     * @return RET_SUCCESS; RET_AGAIN nothing usable came (an empty buffer, one that the
+     *         driver flags as broken, no memory), ask again at once; RET_TIMEOUT nothing
      *         came; RET_FAILED the device is not open, the fourth time-out in a row, or the driver
      *         failed: the camera counts as lost
      */

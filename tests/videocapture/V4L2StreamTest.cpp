@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "DriverAnswer.h"
 #include "EventBus.h"
 #include "Fault.h"
 #include "LogCapture.h"
@@ -364,6 +365,28 @@ TEST_P(V4L2EmptyBuffer, IsDroppedAndQueuedAgain)
 
 INSTANTIATE_TEST_SUITE_P(Sizes, V4L2EmptyBuffer,
                          testing::Values("bytes 0", "bytes 175", "bytes overflow"));
+
+TEST_F(V4L2Stream, FrameThatTheDriverFlagsAsBrokenIsAnEmptyBuffer)
+{
+    m_camera.clearJournal();
+    {
+        bool bFirst = true;
+        const DriverAnswer answer([&bFirst](unsigned long ulRequest, void* pRecord) {
+            if (VIDIOC_DQBUF == ulRequest && bFirst) {
+                static_cast<v4l2_buffer*>(pRecord)->flags |= V4L2_BUF_FLAG_ERROR;
+                bFirst = false;
+            }
+        });
+        EXPECT_EQ(RET_AGAIN, get());
+    }
+
+    EXPECT_EQ(Lines{"[getVideoStream] [0] Ignoring empty buffer ...\n"}, messages());
+    EXPECT_EQ("QBUF type=1 memory=1 index=0 = 0", m_camera.journal().back());
+    EXPECT_EQ(nullptr, m_frame.get());
+    EXPECT_TRUE(m_subscriber.m_vecFrame.empty());
+    EXPECT_EQ(RET_SUCCESS, get());
+    EXPECT_EQ(m_camera.frames().at(1).strPicture, payload(m_frame));
+}
 
 TEST_F(V4L2Stream, SmallestFrameIsDelivered)
 {
