@@ -12,7 +12,6 @@
 #include "EventBus.h"
 #include "LogEvent.h"
 #include "LogFile.h"
-#include "LogServer.h"
 #include "SafePointer.h"
 
 namespace {
@@ -194,22 +193,6 @@ Log& Log::setSinks(uint32_t u32Sinks)
 {
     m_u32Sinks = u32Sinks;
     return *this;
-}
-
-void Log::initLogFile(const char* pPath, uint32_t u32LimitKiB, int32_t s32Files)
-{
-    if (0 == (m_u32Sinks & LOG_SINK_FILE)) {
-        return;
-    }
-    // Without a log file the service goes on.
-    (void)LogFile::getInstance().init((nullptr != pPath) ? pPath : "log", u32LimitKiB, s32Files);
-}
-
-void Log::initLogServer(const char* pIp, int nPort)
-{
-    if (0 != (m_u32Sinks & LOG_SINK_SERVER)) {
-        (void)LogServer::getInstance().setUp(pIp, nPort); // logged there
-    }
 }
 
 void Log::log(const char* pFile, int nLine, const char* pFunction, uint32_t u32Level,
