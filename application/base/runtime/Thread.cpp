@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -24,6 +25,20 @@ enum : uint32_t
 int32_t currentTid()
 {
     return static_cast<int32_t>(syscall(SYS_gettid));
+}
+
+// What the attributes' own functions check in some C libraries, and pthread_create() in others.
+int refusedPolicy(int nPolicy)
+{
+    return -1 == sched_get_priority_min(nPolicy) ? EINVAL : 0;
+}
+
+int refusedPriority(int nPolicy, int nPriority)
+{
+    return nPriority < sched_get_priority_min(nPolicy) ||
+                   nPriority > sched_get_priority_max(nPolicy)
+               ? EINVAL
+               : 0;
 }
 
 } // namespace
@@ -56,6 +71,9 @@ int Thread::create()
     pthread_attr_setdetachstate(&attr, state.bJoinable ? PTHREAD_CREATE_JOINABLE
                                                        : PTHREAD_CREATE_DETACHED);
     nRet = pthread_attr_setschedpolicy(&attr, state.nPolicy);
+    if (0 == nRet) {
+        nRet = refusedPolicy(state.nPolicy);
+    }
     if (0 != nRet) {
         LOG(2, "pthread_attr_setschedpolicy failed! %s\n", strerror(nRet));
         pthread_attr_destroy(&attr);
@@ -64,6 +82,9 @@ int Thread::create()
     sched_param param{};
     param.sched_priority = state.nPriority;
     nRet = pthread_attr_setschedparam(&attr, &param);
+    if (0 == nRet) {
+        nRet = refusedPriority(state.nPolicy, state.nPriority);
+    }
     if (0 != nRet) {
         LOG(2, "pthread_attr_setschedParam failed! %s\n", strerror(nRet)); // sic
         pthread_attr_destroy(&attr);
@@ -88,33 +109,47 @@ int Thread::create()
 
 void* Thread::theThread(void* pArg)
 {
-    // Moved to the stack: a cancelled thread unwinds it too.
-    std::unique_ptr<std::shared_ptr<State>> pShared(static_cast<std::shared_ptr<State>*>(pArg));
-    const std::shared_ptr<State> pState = *pShared;
-    pShared.reset();
+    // A cancelled thread runs these handlers; its C++ objects are destroyed by some C libraries
+    // only.
+    pthread_cleanup_push(&Thread::releaseState, pArg);
+    State& state = **static_cast<std::shared_ptr<State>*>(pArg);
+    if (settle(state)) {
+        // A cancelled body is the end of the thread as well: the tear-down waits for the flag.
+        pthread_cleanup_push(&Thread::markEnded, &state);
+        state.run();
+        pthread_cleanup_pop(1);
+    }
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
 
+bool Thread::settle(State& state)
+{
     // Before the id is stored: whoever reads the id may look for the name.
-    prctl(PR_SET_NAME, pState->strName.substr(0, 15).c_str(), 0, 0, 0); // 15: prctl(2)
-    pState->s32Tid = currentTid();
+    prctl(PR_SET_NAME, state.strName.substr(0, 15).c_str(), 0, 0, 0); // 15: prctl(2)
+    state.s32Tid = currentTid();
     errno = 0;
-    const int nNiceRet = nice(pState->nNice);
+    const int nNiceRet = nice(state.nNice);
     if (-1 == nNiceRet && (EPERM == errno || EACCES == errno)) {
         // Deliberate: the text of the returned value, not of errno.
         Log::getInstance().log(SOURCE_NAME, __LINE__, "theThread", 2, "change nice failed! %s\n",
                                strerror(nNiceRet));
-        return nullptr;
+        return false;
     }
-    // A cancelled body is the end of the thread as well: the tear-down waits for the flag.
-    struct EndGuard
-    {
-        State& state;
-        ~EndGuard()
-        {
-            state.markEnded();
-        }
-    } endGuard{*pState};
-    pState->run();
-    return nullptr;
+    return true;
+}
+
+void Thread::releaseState(void* pShared)
+{
+    delete static_cast<std::shared_ptr<State>*>(pShared);
+}
+
+void Thread::markEnded(void* pState)
+{
+    State& state = *static_cast<State*>(pState);
+    (void)state.mtx.lock();
+    state.u32Flags |= FLAG_ENDED;
+    (void)state.mtx.unlock();
 }
 
 void Thread::State::run()
@@ -129,13 +164,6 @@ void Thread::State::run()
             break;
         }
     }
-}
-
-void Thread::State::markEnded()
-{
-    (void)mtx.lock();
-    u32Flags |= FLAG_ENDED;
-    (void)mtx.unlock();
 }
 
 static void unlockAfterCancel(void* pMutex) NO_THREAD_SAFETY_ANALYSIS

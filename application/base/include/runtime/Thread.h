@@ -74,7 +74,11 @@ public:
      */
     int stop();
 
-    /** Cancel the thread while it is running; it can't be started again. @return 0 */
+    /**
+     * Cancel the thread while it is running; it can't be started again. What the body holds at that
+     * moment is lost with some C libraries (musl): a lock stays locked, memory and descriptors
+     * leak, since no destructor runs there; pthread_cleanup_push(3) handlers do. @return 0
+     */
     int forceKill();
 
     /** Result of the body's last call. Any thread. */
@@ -111,10 +115,12 @@ private:
         bool isRunning() const;
         void passGate();
         void run();
-        void markEnded();
     };
 
     static void* theThread(void* pArg);
+    static bool settle(State& state); // name, id and nice value; false: the thread ends at once
+    static void releaseState(void* pShared);
+    static void markEnded(void* pState);
     void destory(); // sic
 
     std::shared_ptr<State> m_pState;
