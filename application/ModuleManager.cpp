@@ -174,7 +174,8 @@ int ModuleManager::debugCmdThread()
     for (int i = 0; i < WORD_COUNT; ++i) {
         g_apWords[i] = g_acWords + static_cast<ptrdiff_t>(i) * WORD_SIZE;
     }
-    fflush(stdin);
+    // Nothing is flushed: for an input stream that is undefined, and musl drops the lines that were
+    // typed ahead.
     char acLine[CONSOLE_LINE];
     if (nullptr == fgets(acLine, sizeof(acLine), stdin)) {
         LOG(2, "fgets err\n");
