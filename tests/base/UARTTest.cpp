@@ -19,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+#include "LibraryCall.h"
 #include "LogCapture.h"
 #include "Time.h"
 
@@ -48,20 +49,20 @@ template <class F> F realFunction(const char* pName)
 
 // In place of the C library's: the chip's descriptor is answered here, all others go through.
 
-extern "C" int ioctl(int nFd, unsigned long ulRequest, ...) noexcept
+extern "C" int ioctl(int nFd, IoctlRequest request, ...) LIBRARY_CALL
 {
     va_list args;
-    va_start(args, ulRequest);
+    va_start(args, request);
     void* const pArg = va_arg(args, void*);
     va_end(args);
-    if (TIOCSERGETLSR == ulRequest && nFd == s_chip.nFd) {
+    if (static_cast<IoctlRequest>(TIOCSERGETLSR) == request && nFd == s_chip.nFd) {
         *static_cast<int*>(pArg) = s_chip.vecStatus.at(s_chip.uQueries++);
         return 0;
     }
-    return static_cast<int>(syscall(SYS_ioctl, nFd, ulRequest, pArg));
+    return static_cast<int>(syscall(SYS_ioctl, nFd, request, pArg));
 }
 
-extern "C" int tcgetattr(int nFd, termios* pAttr) noexcept
+extern "C" int tcgetattr(int nFd, termios* pAttr) LIBRARY_CALL
 {
     if (nFd != s_chip.nFd || -1 == nFd) {
         return realFunction<int (*)(int, termios*)>("tcgetattr")(nFd, pAttr);
@@ -71,7 +72,7 @@ extern "C" int tcgetattr(int nFd, termios* pAttr) noexcept
     return 0;
 }
 
-extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) noexcept
+extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) LIBRARY_CALL
 {
     if (nFd != s_chip.nFd || -1 == nFd) {
         return realFunction<int (*)(int, int, const termios*)>("tcsetattr")(nFd, nAction, pAttr);
@@ -81,7 +82,7 @@ extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) noexcept
     return 0;
 }
 
-extern "C" int tcflush(int nFd, int nQueue) noexcept
+extern "C" int tcflush(int nFd, int nQueue) LIBRARY_CALL
 {
     if (nFd != s_chip.nFd || -1 == nFd) {
         return realFunction<int (*)(int, int)>("tcflush")(nFd, nQueue);
@@ -246,7 +247,7 @@ TEST(UART, DeviceWithoutRawModeStaysOpenUntilTheNextOpen)
 
     EXPECT_EQ(0, uart.open("/dev/null"));
 
-    EXPECT_EQ("getattr error: Inappropriate ioctl for device\n",
+    EXPECT_EQ(std::string("getattr error: ") + strerror(ENOTTY) + "\n",
               testing::internal::GetCapturedStderr());
     const int nFirst = uart.getFd();
     EXPECT_NE(-1, fcntl(nFirst, F_GETFD));
@@ -451,7 +452,7 @@ TEST_F(UARTChipTest, DataBitsFiveToEight)
 
         EXPECT_EQ(size.second | CLOCAL | PARENB, s_chip.attr.c_cflag);
         EXPECT_EQ(size.first, m_uart.getDataBits());
-        EXPECT_EQ("get flush-in set ", s_chip.strJournal);
+        EXPECT_EQ("get flush-in set get ", s_chip.strJournal);
     }
 }
 
@@ -461,17 +462,18 @@ TEST_F(UARTTest, SizeThatTheDeviceRefusesIsTold)
 
     EXPECT_EQ(0, m_uart.setDataBits(7)); // pseudo terminals know eight only
 
-    EXPECT_EQ("SetupSerial 3: Invalid argument\n", testing::internal::GetCapturedStderr());
+    EXPECT_EQ(std::string("SetupSerial 3: ") + strerror(EINVAL) + "\n",
+              testing::internal::GetCapturedStderr());
 }
 
 TEST_F(UARTChipTest, RawModeAndSpeedFlushAroundTheirChange)
 {
     EXPECT_EQ(1, m_uart.setRawMode());
-    EXPECT_EQ("get flush-io flush-io set ", s_chip.strJournal);
+    EXPECT_EQ("get flush-io flush-io set get ", s_chip.strJournal);
     s_chip.strJournal.clear();
 
     EXPECT_EQ(1, m_uart.setSpeed(9600));
-    EXPECT_EQ("get flush-io flush-io set flush-io ", s_chip.strJournal);
+    EXPECT_EQ("get flush-io flush-io set get flush-io ", s_chip.strJournal);
     s_chip.strJournal.clear();
 
     EXPECT_EQ(1, m_uart.setSpeed(250000));
@@ -518,7 +520,7 @@ TEST_F(UARTChipTest, ParityCodesSetTheirFlags)
     EXPECT_EQ(1, m_uart.setParity(1));
     EXPECT_EQ(static_cast<tcflag_t>(CS8 | PARENB | PARODD), s_chip.attr.c_cflag);
     EXPECT_EQ(static_cast<tcflag_t>(INPCK), s_chip.attr.c_iflag);
-    EXPECT_EQ("get flush-in set ", s_chip.strJournal);
+    EXPECT_EQ("get flush-in set get ", s_chip.strJournal);
     EXPECT_EQ(1, m_uart.setParity(2));
     EXPECT_EQ(static_cast<tcflag_t>(CS8 | PARENB), s_chip.attr.c_cflag);
     EXPECT_EQ(static_cast<tcflag_t>(INPCK), s_chip.attr.c_iflag);
@@ -566,11 +568,9 @@ TEST(UART, ClosedPortTellsEachFailure)
     EXPECT_EQ(0, uart.setStopBits(1));
     EXPECT_EQ(0, uart.setParity(0));
 
-    EXPECT_EQ("getattr error: Bad file descriptor\n"
-              "tcsetattr fd1: Bad file descriptor\n"
-              "SetupSerial 1: Bad file descriptor\n"
-              "SetupSerial 1: Bad file descriptor\n"
-              "SetupSerial 1: Bad file descriptor\n",
+    const std::string strEnd = std::string(": ") + strerror(EBADF) + "\n";
+    EXPECT_EQ("getattr error" + strEnd + "tcsetattr fd1" + strEnd + "SetupSerial 1" + strEnd +
+                  "SetupSerial 1" + strEnd + "SetupSerial 1" + strEnd,
               testing::internal::GetCapturedStderr());
     char acBuffer[4] = {0};
     EXPECT_EQ(-1, uart.read(acBuffer, 4, Time(0, 0)));
@@ -691,7 +691,7 @@ TEST_F(UARTTest, DrainOnAPortWithoutLineStatusFails)
 
     EXPECT_EQ("M5\n", m_line.drain());
     const std::vector<std::string> vecExpected = {
-        "[debug] [UART.cpp ] [send] error: Inappropriate ioctl for device\n"};
+        std::string("[debug] [UART.cpp ] [send] error: ") + strerror(ENOTTY) + "\n"};
     EXPECT_EQ(vecExpected, log.lines());
 }
 

@@ -38,6 +38,29 @@ const std::array<Speed, 9> SPEEDS = {{{115200, B115200},
                                       {1200, B1200},
                                       {300, B300}}};
 
+// tcsetattr(3) succeeds when any of the changes was made. Some C libraries look whether the device
+// has taken character size and parity, others leave it to the caller. @return 0, or -1 with errno
+int setAttributes(int nFd, const termios& attr)
+{
+    if (0 != tcsetattr(nFd, TCSANOW, &attr)) {
+        return -1;
+    }
+    termios taken{};
+    if (0 != tcgetattr(nFd, &taken)) {
+        return 0; // nobody can tell
+    }
+    tcflag_t compared = PARENB | CREAD;
+    if (CS5 !=
+        (attr.c_cflag & CSIZE)) { // as glibc does: a pseudo terminal takes CS5, and keeps CS8
+        compared |= CSIZE;
+    }
+    if ((attr.c_cflag & compared) != (taken.c_cflag & compared)) {
+        errno = EINVAL;
+        return -1;
+    }
+    return 0;
+}
+
 } // namespace
 
 void UART::setPath(const std::string& strPath)
@@ -91,7 +114,7 @@ int UART::setRawMode()
     attr.c_cc[VMIN] = 1;
     attr.c_iflag = 0;
     tcflush(m_fd, TCIOFLUSH);
-    if (0 != tcsetattr(m_fd, TCSANOW, &attr)) {
+    if (0 != setAttributes(m_fd, attr)) {
         perror("setattr error");
         return 0;
     }
@@ -120,7 +143,7 @@ int UART::setSpeed(int32_t s32Baud)
         cfsetispeed(&attr, speed.code);
         cfsetospeed(&attr, speed.code);
         tcflush(m_fd, TCIOFLUSH);
-        if (0 != tcsetattr(m_fd, TCSANOW, &attr)) {
+        if (0 != setAttributes(m_fd, attr)) {
             perror("tcsetattr fd1");
             return 0;
         }
@@ -155,7 +178,7 @@ int UART::setDataBits(int32_t s32DataBits)
         return 0;
     }
     tcflush(m_fd, TCIFLUSH);
-    if (0 != tcsetattr(m_fd, TCSANOW, &attr)) {
+    if (0 != setAttributes(m_fd, attr)) {
         perror(ATTR_WRITE_FAILED);
         return 0;
     }
@@ -179,7 +202,7 @@ int UART::setStopBits(int32_t s32StopBits)
         return 0;
     }
     tcflush(m_fd, TCIFLUSH);
-    if (0 != tcsetattr(m_fd, TCSANOW, &attr)) {
+    if (0 != setAttributes(m_fd, attr)) {
         perror(ATTR_WRITE_FAILED);
         return 0;
     }
@@ -219,7 +242,7 @@ int UART::setParity(int32_t s32Parity)
         return 0;
     }
     tcflush(m_fd, TCIFLUSH);
-    if (0 != tcsetattr(m_fd, TCSANOW, &attr)) {
+    if (0 != setAttributes(m_fd, attr)) {
         perror(ATTR_WRITE_FAILED);
         return 0;
     }
