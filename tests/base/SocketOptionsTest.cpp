@@ -3,7 +3,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
+#include <string>
 
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -258,8 +260,8 @@ TEST(SocketOptions, InterfaceFailuresAreLogged)
     {
         FaultScope fault("ioctl:1:EIO");
         EXPECT_EQ(-1, Socket::getIfConf(vecRecord));
-        EXPECT_EQ(Lines({"[error] [Socket ] [getIfConf] Error:(Input/output error)   ioctl "
-                         "IFCONF\n"}),
+        EXPECT_EQ(Lines({std::string("[error] [Socket ] [getIfConf] Error:(") + strerror(EIO) +
+                         ")   ioctl IFCONF\n"}),
                   takeLines(log));
         EXPECT_TRUE(vecRecord.empty());
     }

@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
+#include <string>
 #include <thread>
 
 #include <fcntl.h>
@@ -116,7 +118,8 @@ TEST(TcpSocket, AFailedCreateIsLoggedAndTold)
 
     testing::internal::CaptureStderr();
     EXPECT_EQ(-1, socket.create());
-    EXPECT_EQ("socket error.: Too many open files\n", testing::internal::GetCapturedStderr());
+    EXPECT_EQ(std::string("socket error.: ") + strerror(EMFILE) + "\n",
+              testing::internal::GetCapturedStderr());
 
     EXPECT_EQ(Lines({"[debug] [TcpSocket ] [create] socket(-1)"}), takeLines(log));
     EXPECT_FALSE(socket.isValid());
@@ -132,7 +135,8 @@ TEST(TcpSocket, AFailedListenIsToldUnlogged)
 
     testing::internal::CaptureStderr();
     EXPECT_EQ(-1, socket.listen(5));
-    EXPECT_EQ("listen error.: Address already in use\n", testing::internal::GetCapturedStderr());
+    EXPECT_EQ(std::string("listen error.: ") + strerror(EADDRINUSE) + "\n",
+              testing::internal::GetCapturedStderr());
 
     EXPECT_EQ(Lines(), takeLines(log));
     EXPECT_EQ(0, socket.close());

@@ -10,11 +10,13 @@ namespace {
 const char* const LIBRARY = "./libframe_process.so";
 
 /**
- * The host never closes a library, and the loader gives a name that is loaded to whoever asks for
- * it: take back the host's own reference too, so that the next test's library can be loaded.
+ * The host never closes a library, and glibc gives a name that is loaded to whoever asks for it:
+ * take back the host's own reference too, so that the next test's library can be loaded. musl
+ * unloads nothing, but tells libraries apart by their files.
  */
 void unload()
 {
+    std::filesystem::remove(LIBRARY);
     void* pHandle = dlopen(LIBRARY, RTLD_LAZY | RTLD_NOLOAD);
     for (int i = 0; nullptr != pHandle && i < 10; ++i) {
         dlclose(pHandle);
@@ -37,7 +39,6 @@ VisionHost::~VisionHost()
     (void)VideoCapturer::getInstance().uninit();
     (void)m_host.stop();
     unload();
-    std::filesystem::remove(LIBRARY);
     (void)m_host.init(); // without a plug-in again
     std::filesystem::current_path(m_before);
 }

@@ -10,7 +10,6 @@
 #include <memory>
 
 #include <fcntl.h>
-#include <malloc.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -19,6 +18,8 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "AllocatedBytes.h"
 
 // What fortified builds call instead of the plain names.
 // NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming)
@@ -105,10 +106,10 @@ TEST(Preload, UseAllocatesNothing)
     };
     use(); // symbols are looked up once
 
-    const size_t nBefore = mallinfo2().uordblks;
+    const size_t nBefore = allocatedBytes();
     use();
 
-    EXPECT_EQ(nBefore, mallinfo2().uordblks);
+    EXPECT_EQ(nBefore, allocatedBytes());
 }
 
 TEST(Preload, WorksFromOtherNamespaces)
@@ -160,19 +161,21 @@ TEST(Preload, CloseOnExecAndBlockingAreAsAskedFor)
 TEST(Preload, EveryWayOfOpeningReachesTheCamera)
 {
     VirtualCamera camera;
-    const int anFd[] = {
+    const std::vector<int> vecFd = {
         open64("/dev/video0", O_RDWR),
         openat(AT_FDCWD, "/dev/video0", O_RDWR),
+#ifdef __GLIBC__ // the checked forms
         __open_2("/dev/video0", O_RDWR),
         __open64_2("/dev/video0", O_RDWR),
         __openat_2(AT_FDCWD, "/dev/video0", O_RDWR),
+#endif
     };
 
-    for (const int nFd : anFd) {
+    for (const int nFd : vecFd) {
         EXPECT_GE(nFd, 0);
         close(nFd);
     }
-    EXPECT_EQ(5u, camera.count("open flags=O_RDWR = 0"));
+    EXPECT_EQ(vecFd.size(), camera.count("open flags=O_RDWR = 0"));
 }
 
 TEST(Preload, EveryWayOfReadingTheListShowsTheCamera)
@@ -182,7 +185,9 @@ TEST(Preload, EveryWayOfReadingTheListShowsTheCamera)
     EXPECT_TRUE(hasCamera(open(LIST, O_RDONLY)));
     EXPECT_TRUE(hasCamera(open64(LIST, O_RDONLY)));
     EXPECT_TRUE(hasCamera(openat(AT_FDCWD, LIST, O_RDONLY)));
+#ifdef __GLIBC__
     EXPECT_TRUE(hasCamera(__open_2(LIST, O_RDONLY)));
+#endif
     for (FILE* pFile : {fopen(LIST, "r"), fopen64(LIST, "r")}) {
         ASSERT_NE(nullptr, pFile);
         EXPECT_TRUE(hasCamera(dup(fileno(pFile))));

@@ -9,6 +9,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <link.h>
+#include <malloc.h>
 #include <poll.h>
 #include <pthread.h>
 #include <spawn.h>
@@ -27,6 +28,8 @@
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "LibraryCall.h"
 
 #define MAX_RULES 24
 #define MAX_TEXT 256
@@ -462,6 +465,61 @@ static void resolveAllocator(void* ppReal, const char* pName)
     t_bResolving = 0;
 }
 
+#ifdef __GLIBC__ // it tells what is allocated: mallinfo2
+static size_t usable(void* pBlock)
+{
+    (void)pBlock;
+    return 0;
+}
+static void forget(size_t uSize)
+{
+    (void)uSize;
+}
+static void* counted(void* pBlock)
+{
+    return pBlock;
+}
+typedef void* (*REAL_CALLOC_T)(size_t, size_t);
+#define REAL_CALLOC "calloc"
+static void* zeroed(REAL_CALLOC_T pReal, size_t uCount, size_t uSize)
+{
+    return pReal(uCount, uSize);
+}
+#else
+static size_t g_uAllocated;
+
+size_t faultAllocatedBytes(void)
+{
+    return __atomic_load_n(&g_uAllocated, __ATOMIC_SEQ_CST);
+}
+static size_t usable(void* pBlock)
+{
+    return malloc_usable_size(pBlock);
+}
+static void forget(size_t uSize)
+{
+    __atomic_fetch_sub(&g_uAllocated, uSize, __ATOMIC_SEQ_CST);
+}
+static void* counted(void* pBlock)
+{
+    __atomic_fetch_add(&g_uAllocated, usable(pBlock), __ATOMIC_SEQ_CST);
+    return pBlock;
+}
+// Not the C library's own: musl's calls malloc, so that one call would be met twice.
+typedef void* (*REAL_CALLOC_T)(size_t);
+#define REAL_CALLOC "malloc"
+static void* zeroed(REAL_CALLOC_T pReal, size_t uCount, size_t uSize)
+{
+    size_t uBytes = 0;
+    if (__builtin_mul_overflow(uCount, uSize, &uBytes)) {
+        errno = ENOMEM;
+        return NULL;
+    }
+    void* const pBlock = counted(pReal(uBytes));
+    return (NULL == pBlock) ? NULL : memset(pBlock, 0, uBytes);
+}
+#endif
+
 EXPORT void* malloc(size_t uSize)
 {
     static void* (*s_pReal)(size_t);
@@ -477,12 +535,12 @@ EXPORT void* malloc(size_t uSize)
     if (NULL == s_pReal) {
         resolveAllocator(&s_pReal, "malloc");
     }
-    return s_pReal(uSize);
+    return counted(s_pReal(uSize));
 }
 
 EXPORT void* calloc(size_t uCount, size_t uSize)
 {
-    static void* (*s_pReal)(size_t, size_t);
+    static REAL_CALLOC_T s_pReal;
     if (t_bResolving) {
         return fromPool(uCount * uSize); // the pool is zero
     }
@@ -493,9 +551,9 @@ EXPORT void* calloc(size_t uCount, size_t uSize)
         return NULL;
     }
     if (NULL == s_pReal) {
-        resolveAllocator(&s_pReal, "calloc");
+        resolveAllocator(&s_pReal, REAL_CALLOC);
     }
-    return s_pReal(uCount, uSize);
+    return zeroed(s_pReal, uCount, uSize);
 }
 
 EXPORT void* realloc(void* pBlock, size_t uSize)
@@ -513,7 +571,12 @@ EXPORT void* realloc(void* pBlock, size_t uSize)
     if (NULL == s_pReal) {
         resolveAllocator(&s_pReal, "realloc");
     }
-    return s_pReal(pBlock, uSize);
+    const size_t uBefore = usable(pBlock);
+    void* const pNew = s_pReal(pBlock, uSize);
+    if (NULL != pNew) {
+        forget(uBefore);
+    }
+    return counted(pNew);
 }
 
 // The first of the program's: those of C++ free what they built.
@@ -528,6 +591,7 @@ EXPORT void free(void* pBlock)
         return;
     }
     if (NULL != g_pRealFree) {
+        forget(usable(pBlock));
         g_pRealFree(pBlock);
         return;
     }
@@ -574,11 +638,11 @@ EXPORT int fcntl(int fd, int nCommand, ...)
     return s_pReal(fd, nCommand, pArgument);
 }
 
-EXPORT int ioctl(int fd, unsigned long ulRequest, ...)
+EXPORT int ioctl(int fd, IoctlRequest request, ...)
 {
-    static int (*s_pReal)(int, unsigned long, ...);
+    static int (*s_pReal)(int, IoctlRequest, ...);
     va_list args;
-    va_start(args, ulRequest);
+    va_start(args, request);
     void* pArgument = va_arg(args, void*);
     va_end(args);
     const int nError = faultOf("ioctl", FILTER_NUMBER, fd, NULL);
@@ -589,11 +653,13 @@ EXPORT int ioctl(int fd, unsigned long ulRequest, ...)
     if (NULL == s_pReal) {
         resolve(&s_pReal, "ioctl");
     }
-    return s_pReal(fd, ulRequest, pArgument);
+    return s_pReal(fd, request, pArgument);
 }
 
 BY_TEXT(FILE*, fopen, (const char* text, const char* pMode), (text, pMode), NULL)
+#ifdef __GLIBC__
 BY_TEXT(FILE*, fopen64, (const char* text, const char* pMode), (text, pMode), NULL)
+#endif
 BY_FD(FILE*, fdopen, (int fd, const char* pMode), (fd, pMode), NULL)
 PLAIN(size_t, fwrite, (const void* pData, size_t uSize, size_t uCount, FILE* pFile),
       (pData, uSize, uCount, pFile), 0)

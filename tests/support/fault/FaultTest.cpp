@@ -61,7 +61,8 @@ TEST(Fault, FailingMallocMakesNewThrow)
 {
     FaultScope fault("malloc>=4321:1-:ENOMEM");
 
-    EXPECT_THROW(std::string(5000, 'x'), std::bad_alloc);
+    std::string strText;
+    EXPECT_THROW(strText.assign(5000, 'x'), std::bad_alloc);
     EXPECT_EQ(2u, std::string(2, 'x').size());
 }
 
