@@ -1,6 +1,7 @@
 // The line to the motion controller: commands and job lines out, replies in.
 #include "PrintLink.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -12,6 +13,17 @@
 static const char* const SOURCE_NAME = "printservice/PrintService"; // its lines are the service's
 
 static const char* const RECEIVED = "recv: %s\n";
+
+/** Send and tell when the port is gone; one that is full is told by the port itself. */
+static int sendBytes(UART& uart, const char* pBytes, int nSize)
+{
+    const int nSent = uart.send(pBytes, nSize, 0);
+    const int nError = errno;
+    if (nSent != nSize && EAGAIN != nError) {
+        printf("serial port is gone: %s\n", strerror(nError));
+    }
+    return nSent;
+}
 
 void PrintLink::setPort(UART* pUart)
 {
@@ -32,8 +44,7 @@ int PrintLink::sendCommand(const char* pCommand)
     const std::string strLine = ReplyCodec::encodeCommand(pCommand) + "\n";
     printf("%s\n", strLine.c_str());
     printf("send length:%zu\n", strLine.length());
-    const int nLength = static_cast<int>(strLine.length());
-    if (pUart->send(strLine.data(), nLength, 0) != nLength) {
+    if (sendText(*pUart, strLine) != static_cast<int>(strLine.length())) {
         return 1;
     }
     char acReply[REPLY_SIZE + 1] = {0}; // a reply may fill the buffer
@@ -45,13 +56,38 @@ int PrintLink::sendCommand(const char* pCommand)
 
 int PrintLink::sendLine(const std::string& strLine)
 {
-    return sendBlock(strLine.data(), static_cast<int>(strLine.length()));
+    UART* const pUart = m_pUart;
+    return (nullptr == pUart) ? 0 : sendText(*pUart, strLine);
 }
 
 int PrintLink::sendBlock(const char* pBlock, int nSize)
 {
     UART* const pUart = m_pUart;
-    return (nullptr == pUart) ? 0 : pUart->send(pBlock, nSize, 0);
+    return (nullptr == pUart) ? 0 : sendBytes(*pUart, pBlock, nSize);
+}
+
+int PrintLink::sendText(UART& uart, const std::string& strText)
+{
+    if (m_bCut.exchange(false) && !endCutLine(uart)) {
+        m_bCut = true;
+        return 0;
+    }
+    const int nLength = static_cast<int>(strText.length());
+    const int nSent = sendBytes(uart, strText.data(), nLength);
+    if (nSent != nLength) {
+        m_bCut = true;
+    }
+    return nSent;
+}
+
+bool PrintLink::endCutLine(UART& uart)
+{
+    if (1 != sendBytes(uart, "\n", 1)) {
+        return false;
+    }
+    char acReply[REPLY_SIZE] = {0};
+    (void)uart.read(acReply, sizeof(acReply), Time(0, 500000)); // dropped
+    return true;
 }
 
 void PrintLink::readReply(char* pBuffer, int nSize, const Time& timeout)

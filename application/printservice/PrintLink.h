@@ -10,6 +10,10 @@ class UART;
 /**
  * Borrows the serial port. Any thread; nothing serialises the users, a reply goes to whoever reads
  * first.
+ *
+ * When a line or command was cut short, a lone line end goes out before the next one, so that this
+ * is not glued to the fragment; the answer to it is waited for, 500 ms at most, and dropped. A
+ * write that fails because the port is gone is told on standard output.
  */
 class PrintLink
 {
@@ -28,10 +32,11 @@ public:
      */
     int sendCommand(const char* pCommand);
 
-    /** Send a job line as it is. @return bytes sent, fewer when it was cut short */
+    /** Send a job line as it is. @return bytes sent, fewer when it was cut short, 0 without a port
+     */
     int sendLine(const std::string& strLine);
 
-    /** Send a block of bytes. @return bytes sent */
+    /** Send a block of bytes that are no line. @return bytes sent */
     int sendBlock(const char* pBlock, int nSize);
 
     /** Clear the buffer and read one reply into it; waits that long at most. */
@@ -41,5 +46,9 @@ public:
     void awaitMove();
 
 private:
+    int sendText(UART& uart, const std::string& strText);
+    bool endCutLine(UART& uart);
+
     std::atomic<UART*> m_pUart{nullptr};
+    std::atomic<bool> m_bCut{false}; // the last line or command did not go out whole
 };

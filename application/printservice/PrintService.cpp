@@ -117,7 +117,7 @@ int PrintService::startPrint()
 int PrintService::pausePrint()
 {
     m_thread->stop();
-    (void)printSingleCmd(LASER_OFF); // paused all the same
+    switchLaserOff();
     m_nState = PRINT_STATE_PAUSED;
     return 0;
 }
@@ -127,9 +127,16 @@ int PrintService::stopPrint()
     m_thread->stop();
     m_nState = PRINT_STATE_STOPPED;
     m_jobFile.restart();
-    (void)printSingleCmd(LASER_OFF); // stopped all the same
+    switchLaserOff();
     m_jobFile.close();
     return 0;
+}
+
+void PrintService::switchLaserOff()
+{
+    if (0 != printSingleCmd(LASER_OFF)) {
+        puts("laser off could not be sent!"); // stopped or paused all the same
+    }
 }
 
 int PrintService::getProgress(float* pProgress)

@@ -27,11 +27,16 @@ enum PRINT_STATE_E : int32_t
 /**
  * Talks to the motion controller of the laser arm, one line and one reply at a time.
  *
+ * Nothing here is a safety function: docs/serial.md tells what the laser does when something goes
+ * wrong. What a reply says and how a single command reads on the wire is up to ReplyCodec; with the
+ * placeholder that the service is delivered with, "M5" (laser off), "$X", "$H" and the moves go out
+ * as empty lines, so the laser is never switched off, and every reply is an acknowledgement.
+ *
  * A job runs on the thread "printservice", which is started only by startPrint(); moves run on the
  * thread that publishes MoveLaserEvent or MeasureEvent; the rest on the caller's thread. They share
  * the port without serialisation: a reply goes to whoever reads first. Results: 0 success, 1
- * refusal, unless told otherwise. Replies are read through ReplyCodec. Much is told on standard
- * output.
+ * refusal, unless told otherwise. Much is told on standard output, also a port that is gone; it is
+ * not opened again here (SystemModule::openSerial() does that for whoever calls it).
  *
  * Files, in the working directory: "tmp.gcode" is the job; "firmware.bin" is the image that
  * updateFirmware() was given; "pp.bin" is the image that is sent, put in place by someone else.
@@ -67,31 +72,44 @@ public:
     /** Clear the controller's error lock ("$X") for the codes 2 and 9; others do nothing. */
     void onErrorCode(int nCode);
 
-    /** Keep a job in "tmp.gcode" and wait for startPrint(). Takes half a second. @return 0 */
+    /**
+     * Keep a job in "tmp.gcode" and wait for startPrint(); progress 0. Takes half a second. In the
+     * states printing and paused the former job is first ended by stopPrint(), with all that this
+     * says.
+     * @return 0, whatever became of the file
+     */
     int saveGcode(const void* pData, int nLength);
 
     /**
-     * Start the job, or go on with a paused one; does not wait for it.
-     * @return 1 while a job runs, without a port, and without a job file; after the last two the
-     *         state says printing all the same, until stopPrint()
+     * Start the job that waits, or go on with a paused one that is still open; does not wait for
+     * it. Of two callers at once one is refused.
+     * @return 1 while the state is printing, without a port, and without a job file; after the last
+     *         two the state says printing all the same, until stopPrint() or saveGcode()
      */
     int startPrint();
 
-    /** Stop after the line under way, laser off; startPrint() goes on. Waits for the thread. */
+    /**
+     * Stop after the line under way, send "M5" (laser off); startPrint() goes on.
+     *
+     * Blocks for the thread: "M5" goes out after 12.5 s at most (10 s for the reply to the line,
+     * 0.5 s, 2 s for "$X"), 13.5 s when lines were cut short; its own reply takes 2 s at most. The
+     * laser stays on meanwhile, and the moves that the controller has queued go on behind that.
+     * @return 0, also when "M5" could not be sent, which is told on standard output
+     */
     int pausePrint();
 
-    /** Give the job up, laser off. Waits for the thread. @return 0 */
+    /** Give the job up; the rest as pausePrint(). */
     int stopPrint();
 
     /**
-     * @param pProgress  gets the share of the job file that is through, 0 to 1; not a number for an
-     *                   empty file
+     * @param pProgress  gets the share of the job file that stands before the line under way, 0 to
+     *                   1 at every moment; 0 for an empty file
      * @return 0
      */
     int getProgress(float* pProgress);
 
-    /** Keep an image in "firmware.bin", then send "pp.bin" in raw blocks. @return 1 without a port
-     */
+    /** Keep an image in "firmware.bin", then send "pp.bin" in raw blocks. @return 1 without a port,
+     *  else 0, whatever became of either */
     int updateFirmware(const void* pData, int nLength);
 
     /** Reset the controller by 500 ms low on its reset line. @return 0 */
@@ -101,16 +119,18 @@ public:
     void exportResetGpio();
 
     /**
-     * The thread's body: sends one job line and takes its reply; without a job, see pollStatus(). A
-     * stop that the thread asks of itself on the way takes effect at the end, unless startPrint()
-     * came after it. @return 0
+     * The thread's body: sends one job line and takes its reply, 10 s at most. A line that was not
+     * acknowledged, and any line while paused, is sent again half a second later. Without a job,
+     * see pollStatus(). A stop that the thread asks of itself on the way takes effect at the end,
+     * unless startPrint() came after it. @return 0
      */
     int printLoop();
 
-    /** Home, then move to the negated position. @return -1 */
+    /** Home, then move to the negated position; 44 s at most. No reply and no state is looked at.
+     *  @return -1 */
     int onMoveLaserEvent(Event* pEvent);
 
-    /** Move to the negated height. @return -1 */
+    /** Move to the negated height; 22 s at most. @return -1 */
     int onMeasureEvent(Event* pEvent);
 
     /** Any thread. */
@@ -120,11 +140,12 @@ public:
     }
 
 protected:
-    /** For getInstance(), and for tests, which want a fresh one each. */
+    /** For getInstance() and derived classes. */
     PrintService();
 
 private:
     void sendLine(const std::string& strLine);
+    void switchLaserOff();
     void takeReply();
     void onPrintingStatus(int nCode);
     void onIdleStatus(int nCode);

@@ -57,7 +57,7 @@ extern "C" ssize_t __wrap_read(int nFd, void* pBuffer, size_t uSize)
     }
     const size_t uRead = std::min(uSize, g_port.strPending.size());
     memcpy(pBuffer, g_port.strPending.data(), uRead);
-    if (g_port.strFirstRead.empty()) {
+    if (!g_port.bDropping && g_port.strFirstRead.empty()) {
         g_port.strFirstRead = g_port.strPending.substr(0, uRead);
     }
     g_port.strPending.erase(0, uRead);
@@ -70,10 +70,21 @@ extern "C" ssize_t __wrap_write(int nFd, const void* pData, size_t uSize)
     if (nFd != g_port.nFd) {
         return __real_write(nFd, pData, uSize);
     }
+    g_port.bDropping = false;
+    if (g_port.bCut && !g_port.bWriteFails) {
+        if (1 != uSize || '\n' != *static_cast<const char*>(pData)) {
+            fprintf(stderr, "not true: a line end alone behind what was cut\n");
+            abort();
+        }
+        g_port.bCut = false;
+        g_port.bDropping = true;
+        return 1;
+    }
     const bool bFirst = !g_port.bSendTried;
     g_port.bSendTried = true;
     if (g_port.bWriteFails) {
         g_port.bWriteFails = false;
+        g_port.bCut = true;
         errno = EAGAIN; // a controller that does not read
         return -1;
     }

@@ -19,8 +19,8 @@ struct FuzzPort
     bool bReadFails = false;  // the next time
     bool bWriteFails = false; // the next time
 
-    std::string strFirstRead; // since beginStep()
-    std::string strFirstSent; // since then; empty when it failed
+    std::string strFirstRead; // since beginStep(), without the answer to a lone line end
+    std::string strFirstSent; // since then, without a lone line end; empty when it failed
 
     void beginStep();
 
@@ -28,6 +28,8 @@ struct FuzzPort
     void calm();
 
     bool bSendTried = false; // since beginStep()
+    bool bCut = false;       // a write has failed: a lone line end is due before the next line
+    bool bDropping = false;  // that line end is out, its answer is nobody's
 };
 
 extern FuzzPort g_port;

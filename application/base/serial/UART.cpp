@@ -265,10 +265,12 @@ int32_t UART::read(char* pBuffer, int32_t s32Length, const Time& timeout)
 int32_t UART::send(const char* pData, int32_t s32Length, int nWaitDrain)
 {
     int32_t s32Written = 0;
+    int nError = 0;
     while (s32Written < s32Length) {
         const ssize_t nWritten =
             ::write(m_fd, pData + s32Written, static_cast<size_t>(s32Length - s32Written));
         if (nWritten < 1) {
+            nError = (nWritten < 0) ? errno : EAGAIN;
             printf("nWriteLength:%d\n", static_cast<int>(nWritten));
             break;
         }
@@ -276,6 +278,7 @@ int32_t UART::send(const char* pData, int32_t s32Length, int nWaitDrain)
     }
     (void)fsync(m_fd); // EINVAL on USB serial ports and pseudo terminals
     if (1 != nWaitDrain) {
+        errno = nError; // what the caller sees of a short write
         return s32Written;
     }
     for (int nRound = 0; nRound < 2; ++nRound) {
