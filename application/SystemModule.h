@@ -54,13 +54,27 @@ public:
      */
     RET_E openSerial();
 
-    /** To the print service, which is made by the first of these calls; see PrintService.h. */
+    // To the print service, which is made by the first of these calls; PrintService.h tells more.
+
+    /** Send a command and read its reply, 2 s at most. @return 1 without a port or cut short */
     int sendPrintCommand(const char* pCommand, int nLength);
+
+    /** Keep a job; half a second, and as long as stopPrintJob() over an open one. @return 0 */
     int savePrintJob(const void* pData, int nLength);
+
+    /** Keep an image and send the one in place. @return 1 without a port */
     int updateControllerFirmware(const void* pData, int nLength);
+
+    /** Start the job that waits or go on with a paused one. @return 1 when refused */
     int startPrintJob();
+
+    /** Stop behind the line under way, laser off; up to 15.5 s. @return 0 */
     int pausePrintJob();
+
+    /** Give the job up, laser off; up to 15.5 s. @return 0 */
     int stopPrintJob();
+
+    /** @param pProgress  gets the share of the job that is through, 0 to 1 @return 0 */
     int getPrintProgress(float* pProgress);
 
     /** To the controller object, whose two operations have no effect. @return 0 */

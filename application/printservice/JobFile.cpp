@@ -1,10 +1,13 @@
 // The G-code job on disk: kept, read line by line, removed at its end.
 #include "JobFile.h"
 
+#include <algorithm>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
 static const char* const JOB_FILE = "tmp.gcode";
+static const char* const NEW_FILE = "tmp.gcode.new"; // until it takes the job file's place
 
 JobFile::~JobFile()
 {
@@ -13,28 +16,40 @@ JobFile::~JobFile()
 
 void JobFile::save(const void* pData, int nLength)
 {
-    MutexGuard guard(m_mtx); // the end of an earlier job must not remove this one
-    FILE* const pFile = fopen(JOB_FILE, "w+e");
+    MutexGuard guard(m_mtx); // one new file at a time
+    FILE* const pFile = fopen(NEW_FILE, "w+e");
     if (nullptr != pFile) {
         fwrite(pData, 1, (nLength > 0) ? static_cast<size_t>(nLength) : 0, pFile);
         fclose(pFile);
+        (void)rename(NEW_FILE, JOB_FILE); // a job that is open goes on reading its own
     }
 }
 
-void JobFile::measure()
+bool JobFile::measure()
 {
     MutexGuard guard(m_mtx);
+    if (nullptr != m_pFile) {
+        return false;
+    }
     struct stat status
     {
     };
     if (0 == stat(JOB_FILE, &status)) {
         m_nFileSize = static_cast<int32_t>(status.st_size);
     }
+    m_nFilePos = 0;
+    return true;
 }
 
 bool JobFile::exists() const
 {
     return 0 == access(JOB_FILE, F_OK);
+}
+
+bool JobFile::isOpen() const
+{
+    MutexGuard guard(m_mtx);
+    return nullptr != m_pFile;
 }
 
 bool JobFile::open()
@@ -65,8 +80,17 @@ JOB_LINE_E JobFile::nextLine(char* pLine, int nSize)
     if (nullptr != fgets(pLine, nSize, m_pFile)) {
         return JOB_LINE_TEXT;
     }
+    struct stat own
+    {
+    };
+    struct stat waiting
+    {
+    };
+    if (0 == fstat(fileno(m_pFile), &own) && 0 == stat(JOB_FILE, &waiting) &&
+        own.st_dev == waiting.st_dev && own.st_ino == waiting.st_ino) {
+        remove(JOB_FILE); // else it is the next job
+    }
     closeStream();
-    remove(JOB_FILE);
     return JOB_LINE_END;
 }
 
@@ -93,7 +117,11 @@ void JobFile::close()
 float JobFile::getProgress() const
 {
     MutexGuard guard(m_mtx);
-    return static_cast<float>(static_cast<double>(m_nFilePos) / static_cast<double>(m_nFileSize));
+    if (m_nFileSize <= 0) {
+        return 0;
+    }
+    const double dShare = static_cast<double>(m_nFilePos) / static_cast<double>(m_nFileSize);
+    return static_cast<float>(std::min(dShare, 1.0)); // someone may have made the file longer
 }
 
 void JobFile::closeStream()

@@ -27,14 +27,24 @@ public:
     JobFile& operator=(const JobFile&) = delete;
     ~JobFile();
 
-    /** Write the file. Deliberate: no result is looked at. */
+    /**
+     * Write a new file and let it take the name, so that a job that is open keeps its own.
+     * Deliberate: no result is looked at, a full disk cuts the file; only when the new file can't
+     * be made the former one stays.
+     */
     void save(const void* pData, int nLength);
 
-    /** Take the size of the file that has been saved for the progress. */
-    void measure();
+    /**
+     * Take the size of the file that waits, for a progress of 0.
+     * @return false when a job is open: its progress stays
+     */
+    bool measure();
 
     /** Whether there is a file. */
     bool exists() const;
+
+    /** Whether a job is open: from open() to its end or close(). */
+    bool isOpen() const;
 
     /** Open the file at its start, in place of a job that is still open. @return false without it
      */
@@ -43,7 +53,7 @@ public:
     /**
      * The next line with its line end, as far as it fits.
      *
-     * At the job's end the stream is closed and the file removed.
+     * At the job's end the stream is closed, and the file removed unless it is another by now.
      * @param pLine  gets the text; untouched at the end
      */
     JOB_LINE_E nextLine(char* pLine, int nSize);
@@ -57,7 +67,7 @@ public:
     /** End the reading; the file stays. */
     void close();
 
-    /** @return the share of the file that stands before the line under way */
+    /** @return the share of the file that stands before the line under way, 0 to 1; 0 of nothing */
     float getProgress() const;
 
 private:

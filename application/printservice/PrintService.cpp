@@ -82,27 +82,34 @@ void PrintService::readUart(char* pBuffer, int nSize, int nSeconds, int nMicrose
 
 int PrintService::saveGcode(const void* pData, int nLength)
 {
+    const PRINT_STATE_E eFormer = m_nState;
+    if (PRINT_STATE_PRINTING == eFormer || PRINT_STATE_PAUSED == eFormer) {
+        (void)stopPrint(); // always 0
+    }
     m_jobFile.save(pData, nLength);
     puts("receive file successed!"); // sic
     sleepFor(HALF_A_SECOND);
-    m_jobFile.measure();
-    m_nState = PRINT_STATE_FILE_READY;
+    if (m_jobFile.measure()) { // else it has been started in the meantime
+        m_nState = PRINT_STATE_FILE_READY;
+    }
     return 0;
 }
 
 int PrintService::startPrint()
 {
-    if (PRINT_STATE_PRINTING == m_nState) {
-        puts("printer is working");
-        return 1;
-    }
-    if (PRINT_STATE_PAUSED == m_nState) {
-        m_nState = PRINT_STATE_PRINTING; // before the thread looks: paused, it would repeat a line
+    PRINT_STATE_E eFormer = m_nState;
+    do {
+        if (PRINT_STATE_PRINTING == eFormer) {
+            puts("printer is working");
+            return 1;
+        }
+        // In one step: of two callers one starts. Deliberate: stays so when the start fails.
+    } while (!m_nState.compare_exchange_weak(eFormer, PRINT_STATE_PRINTING));
+    if (PRINT_STATE_PAUSED == eFormer && m_jobFile.isOpen()) {
         m_thread->start();
         return 0;
     }
     puts("start working!");
-    m_nState = PRINT_STATE_PRINTING; // Deliberate: stays so when the start fails.
     if (!m_link.hasPort()) {
         return 1;
     }
@@ -166,7 +173,7 @@ int PrintService::printLoop()
             // Deliberate: a line keeps its own line end too, and the end of the job is an empty
             // line.
             sendLine(std::string(acLine) + "\n");
-            takeReply();
+            takeReply(JOB_LINE_END == eLine);
         }
     }
     m_thread->parkIfAsked();
@@ -188,7 +195,7 @@ void PrintService::sendLine(const std::string& strLine)
     }
 }
 
-void PrintService::takeReply()
+void PrintService::takeReply(bool bAfterEnd)
 {
     char acReply[PrintLink::REPLY_SIZE + 1] = {0};
     m_link.readReply(acReply, PrintLink::REPLY_SIZE, Time(10, 0));
@@ -197,12 +204,10 @@ void PrintService::takeReply()
     const int nAlarm = ReplyCodec::getAlarmCode(strReply);
     const int nStatus = ReplyCodec::getStatusCode(strReply);
     if (nStatus > 0) {
-        onPrintingStatus(nStatus);
+        onPrintingStatus(nStatus, bAfterEnd);
     }
-    if (PRINT_STATE_PAUSED == m_nState) {
-        m_jobFile.seekBack();
-    }
-    if (!ReplyCodec::isAck(strReply)) {
+    // Deliberate: while paused a line is repeated even when it was taken.
+    if (!ReplyCodec::isAck(strReply) || (!bAfterEnd && PRINT_STATE_PAUSED == m_nState)) {
         sleepFor(HALF_A_SECOND);
         m_jobFile.seekBack();
     }
@@ -222,22 +227,24 @@ void PrintService::onErrorCode(int nCode)
     }
 }
 
-void PrintService::onPrintingStatus(int nCode)
+void PrintService::onPrintingStatus(int nCode, bool bAfterEnd)
 {
+    if (!bAfterEnd && (1 == nCode || 3 == nCode)) {
+        m_nState = PRINT_STATE_PAUSED;
+    } else if (!bAfterEnd && 4 == nCode) {
+        m_nState = PRINT_STATE_PRINTING;
+    }
     switch (nCode) {
     case 1:
-        m_nState = PRINT_STATE_PAUSED;
         reportStatus(STATUS_1);
         break;
     case 2:
         reportStatus(STATUS_2);
         break;
     case 3:
-        m_nState = PRINT_STATE_PAUSED;
         reportStatus(STATUS_3);
         break;
     case 4:
-        m_nState = PRINT_STATE_PRINTING;
         reportStatus(STATUS_4);
         break;
     default:

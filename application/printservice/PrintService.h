@@ -146,8 +146,8 @@ protected:
 private:
     void sendLine(const std::string& strLine);
     void switchLaserOff();
-    void takeReply();
-    void onPrintingStatus(int nCode);
+    void takeReply(bool bAfterEnd);
+    void onPrintingStatus(int nCode, bool bAfterEnd);
     void onIdleStatus(int nCode);
     static void reportStatus(const char* pCode);
     static void askSubscribers();

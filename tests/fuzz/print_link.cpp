@@ -54,11 +54,17 @@ class Follower
 public:
     explicit Follower(const std::string& strJob) : m_strSaved(strJob) {}
 
-    /** The file under a job that may still be open was written anew. */
+    /** A new file waits; it has ended the job that was open. */
     void onSaved(const std::string& strJob)
     {
         m_strSaved = strJob;
+        onEnded();
+    }
+
+    void onEnded()
+    {
         m_bKnown = false;
+        m_bOpen = false;
     }
 
     void onStarted()
@@ -66,6 +72,12 @@ public:
         m_strJob = m_strSaved;
         m_uNext = 0;
         m_bKnown = true;
+        m_bOpen = true;
+    }
+
+    bool isOpen() const
+    {
+        return m_bOpen;
     }
 
     /** It is not known any more where the job stands. */
@@ -94,20 +106,23 @@ private:
     std::string m_strSaved; // in the file
     std::string m_strJob;   // that runs
     size_t m_uNext = 0;     // in m_strJob
-    bool m_bKnown = false;
+    bool m_bKnown = false;  // where the job stands
+    bool m_bOpen = false;   // a job was started and has not ended
 };
 
 void save(Follower& follower, const std::string& strJob)
 {
     require(0 == g_pService->saveGcode(strJob.data(), static_cast<int>(strJob.size())), "saved");
     require(PRINT_STATE_FILE_READY == g_pService->getState(), "a job waits");
+    float fProgress = 1;
+    require(0 == g_pService->getProgress(&fProgress) && 0 == fProgress, "its progress");
     follower.onSaved(strJob);
 }
 
 void start(Follower& follower)
 {
-    const bool bPaused = PRINT_STATE_PAUSED == g_pService->getState();
-    if (0 == g_pService->startPrint() && !bPaused) {
+    const bool bGoesOn = PRINT_STATE_PAUSED == g_pService->getState() && follower.isOpen();
+    if (0 == g_pService->startPrint() && !bGoesOn) {
         follower.onStarted();
     }
 }
@@ -138,6 +153,10 @@ void step(Follower& follower)
         follower.onLine(strLine, PRINT_STATE_PAUSED != eNow &&
                                      ReplyCodec::isAck(g_port.strFirstRead.c_str()));
     }
+    if (bJob && !isJobState(eNow)) {
+        require(PRINT_STATE_STOPPED == eNow, "a job ends stopped");
+        follower.onEnded();
+    }
 }
 
 void operate(Follower& follower, char cAct)
@@ -151,7 +170,7 @@ void operate(Follower& follower, char cAct)
         break;
     case 'x':
         require(0 == g_pService->stopPrint(), "stopped");
-        follower.lose();
+        follower.onEnded();
         break;
     case 's':
         save(follower, JOB);
@@ -159,10 +178,15 @@ void operate(Follower& follower, char cAct)
     case 't':
         save(follower, JOB_WITHOUT_END);
         break;
-    case 'i':
+    case 'i': {
+        const bool bJob = isJobState(g_pService->getState());
         g_pService->pollStatus();
+        if (!bJob && PRINT_STATE_PRINTING == g_pService->getState()) {
+            follower.onStarted();
+        }
         follower.lose();
         break;
+    }
     case 'e':
         g_pService->onErrorCode(g_port.strPending.empty() ? 0 : g_port.strPending[0]);
         break;

@@ -44,6 +44,24 @@ protected:
         service().pollStatus();
     }
 
+    /** When a line came, in seconds. */
+    std::vector<double> timesOf(const std::string& strLine)
+    {
+        std::vector<double> vecTime;
+        for (const VirtualController::Record& record : m_controller.readWire()) {
+            if ("rx" == record.strKind && strLine == record.strText) {
+                vecTime.push_back(record.dSeconds);
+            }
+        }
+        return vecTime;
+    }
+
+    std::string lastCode() const
+    {
+        const Texts vecCode = m_reports.codes();
+        return vecCode.empty() ? std::string() : vecCode.back();
+    }
+
     StatusReports m_reports;
 };
 
@@ -170,7 +188,7 @@ TEST_F(PrintServiceStatus, ThreadDoesNotRunBeforeAJobStarts)
 
 TEST_F(PrintServiceStatus, PausedLineIsRepeatedUntilTheControllerGoesOn)
 {
-    m_controller.instruct("line 2 status 1"); // taken, yet paused: each repeat follows at once
+    m_controller.instruct("line 2 status 1"); // taken, yet paused
     m_controller.instruct("line 4 status 4");
 
     runJob("G1 X1\nG1 X2\nG1 X3\n");
@@ -197,15 +215,46 @@ TEST_F(PrintServiceStatus, ControllerThatHoldsGetsTheLineAgainEveryHalfSecond)
                m_controller.readReceivedBytes();
     }));
     EXPECT_EQ((Texts{"Wx01", "Wx01", "Wx04"}), m_reports.codes());
-    std::vector<double> vecTime;
-    for (const VirtualController::Record& record : m_controller.readWire()) {
-        if ("rx" == record.strKind && "G1 X2" == record.strText) {
-            vecTime.push_back(record.dSeconds);
-        }
-    }
+    const std::vector<double> vecTime = timesOf("G1 X2");
     ASSERT_EQ(3U, vecTime.size());
     EXPECT_LE(0.499, vecTime[1] - vecTime[0]);
     EXPECT_LE(0.499, vecTime[2] - vecTime[1]);
+}
+
+TEST_F(PrintServiceStatus, LineThatWasTakenIsRepeatedEveryHalfSecondWhilePaused)
+{
+    m_controller.instruct("line 2 status 3");
+    saveJob("G91\nG1 X0.1 F600000\nG1 X1\n");
+    EXPECT_EQ(0, service().startPrint());
+
+    EXPECT_TRUE(eventually([this] { return timesOf("G1 X0.1 F600000").size() >= 4; }));
+
+    EXPECT_EQ(0, service().pausePrint());
+    const std::vector<double> vecTime = timesOf("G1 X0.1 F600000");
+    for (size_t i = 1; i < vecTime.size(); ++i) {
+        EXPECT_LE(0.499, vecTime[i] - vecTime[i - 1]) << i;
+    }
+}
+
+TEST_F(PrintServiceStatus, AnswerToTheLastEmptyLineIsReportedAndChangesNoState)
+{
+    const LogCapture log;
+    int nLine = 2; // the empty line of the first job
+    for (const std::string strCode : {"1", "3", "4"}) {
+        m_controller.instruct("line " + std::to_string(nLine) + " status " + strCode);
+        runJob("G1 X1\n");
+        nLine += 2;
+        EXPECT_TRUE(eventually([&] { return "Wx0" + strCode == lastCode(); }));
+        EXPECT_TRUE(
+            eventually([&] { return contains(log.lines().back(), "stop thread by myself"); }));
+        EXPECT_EQ(PRINT_STATE_STOPPED, service().getState()) << strCode;
+    }
+
+    EXPECT_EQ(1, service().startPrint()); // as without a job before
+    const std::string strOutput = output();
+    EXPECT_TRUE(contains(strOutput, "get status code:1 \n"));
+    EXPECT_TRUE(contains(strOutput, "get status code:3 \n"));
+    EXPECT_TRUE(contains(strOutput, "get status code:4 \n"));
 }
 
 TEST_F(PrintServiceStatus, StatusTwoWhilePrintingIsOnlyReported)

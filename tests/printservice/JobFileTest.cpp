@@ -1,0 +1,229 @@
+// The job's file: what stays readable, what is removed, and how far the reading has come.
+#include "JobFile.h"
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "ScratchFolder.h"
+
+namespace {
+
+/** A job file in a scratch working directory. */
+class JobFileInFolder : public JobFile
+{
+public:
+    JobFileInFolder()
+    {
+        EXPECT_EQ(0, chdir(m_folder.path().c_str()));
+    }
+    JobFileInFolder(const JobFileInFolder&) = delete;
+    JobFileInFolder& operator=(const JobFileInFolder&) = delete;
+    ~JobFileInFolder()
+    {
+        EXPECT_EQ(0, chdir("/"));
+    }
+
+    void saveText(const std::string& strText)
+    {
+        save(strText.data(), static_cast<int>(strText.size()));
+    }
+
+    std::string nextText()
+    {
+        char acLine[32] = {0};
+        m_eLast = nextLine(acLine, sizeof(acLine));
+        return acLine;
+    }
+
+    ScratchFolder m_folder;
+    JOB_LINE_E m_eLast = JOB_LINE_NONE;
+};
+
+} // namespace
+
+TEST(JobFile, OpenJobReadsOnInItsOwnFile)
+{
+    JobFileInFolder job;
+    std::string strLong; // more than a stream's buffer holds
+    for (int i = 0; i < 10000; ++i) {
+        strLong += "G1 X1\n";
+    }
+    job.saveText(strLong);
+    ASSERT_TRUE(job.open());
+    EXPECT_EQ("G1 X1\n", job.nextText());
+
+    job.saveText("G1 X2\n");
+
+    int nLines = 1;
+    while ("G1 X1\n" == job.nextText()) {
+        ++nLines;
+    }
+    EXPECT_EQ(10000, nLines);
+    EXPECT_EQ(JOB_LINE_END, job.m_eLast);
+}
+
+TEST(JobFile, EndRemovesTheFileThatWasRead)
+{
+    JobFileInFolder job;
+    job.saveText("G1 X1\n");
+    ASSERT_TRUE(job.open());
+
+    EXPECT_EQ("G1 X1\n", job.nextText());
+    EXPECT_TRUE(job.exists());
+    EXPECT_TRUE(job.isOpen());
+    EXPECT_EQ("", job.nextText());
+
+    EXPECT_EQ(JOB_LINE_END, job.m_eLast);
+    EXPECT_FALSE(job.exists());
+    EXPECT_FALSE(job.isOpen());
+    EXPECT_EQ("", job.nextText());
+    EXPECT_EQ(JOB_LINE_NONE, job.m_eLast);
+}
+
+TEST(JobFile, EndKeepsTheNextJob)
+{
+    JobFileInFolder job;
+    job.saveText("G1 X1\n");
+    ASSERT_TRUE(job.open());
+    EXPECT_EQ("G1 X1\n", job.nextText());
+
+    job.saveText("G1 X2\n");
+    EXPECT_EQ("", job.nextText());
+
+    EXPECT_EQ(JOB_LINE_END, job.m_eLast);
+    EXPECT_EQ("G1 X2\n", job.m_folder.read("tmp.gcode"));
+}
+
+TEST(JobFile, EndWithoutItsFileIsHarmless)
+{
+    JobFileInFolder job;
+    job.saveText("");
+    ASSERT_TRUE(job.open());
+    ASSERT_EQ(0, unlink("tmp.gcode"));
+
+    EXPECT_EQ("", job.nextText());
+
+    EXPECT_EQ(JOB_LINE_END, job.m_eLast);
+}
+
+TEST(JobFile, SavingLeavesNothingBeside)
+{
+    JobFileInFolder job;
+
+    job.saveText("G1 X1\n");
+
+    EXPECT_EQ("G1 X1\n", job.m_folder.read("tmp.gcode"));
+    const std::filesystem::directory_iterator files(job.m_folder.path());
+    EXPECT_EQ(1, std::distance(begin(files), end(files)));
+}
+
+TEST(JobFile, FormerJobStaysWhenTheNewFileCannotBeMade)
+{
+    JobFileInFolder job;
+    job.saveText("G1 X1\n");
+    std::filesystem::create_directory(job.m_folder.path() / "tmp.gcode.new");
+
+    job.saveText("G1 X2\n");
+
+    EXPECT_EQ("G1 X1\n", job.m_folder.read("tmp.gcode"));
+}
+
+TEST(JobFile, LineIsGivenOutAgainAfterSeekingBack)
+{
+    JobFileInFolder job;
+    job.saveText("G1 X1\nG1 X2\n");
+    ASSERT_TRUE(job.open());
+    EXPECT_EQ("G1 X1\n", job.nextText());
+    EXPECT_EQ("G1 X2\n", job.nextText());
+
+    job.seekBack();
+
+    EXPECT_EQ("G1 X2\n", job.nextText());
+}
+
+TEST(JobFile, ProgressIsTheShareBeforeTheLineUnderWay)
+{
+    JobFileInFolder job;
+    EXPECT_EQ(0.0F, job.getProgress());
+    job.saveText("G1 X1\nG1 X2\nG1 X3\nG1 X4\n");
+    ASSERT_TRUE(job.open());
+
+    (void)job.nextText();
+    EXPECT_EQ(0.0F, job.getProgress());
+    (void)job.nextText();
+    EXPECT_EQ(0.25F, job.getProgress());
+    job.restart();
+    EXPECT_EQ(0.0F, job.getProgress());
+}
+
+TEST(JobFile, ProgressOfNothingIsZero)
+{
+    JobFileInFolder job;
+    job.saveText("");
+
+    EXPECT_TRUE(job.measure());
+    EXPECT_EQ(0.0F, job.getProgress());
+    ASSERT_TRUE(job.open());
+    (void)job.nextText();
+    EXPECT_EQ(0.0F, job.getProgress());
+}
+
+TEST(JobFile, ProgressOfAFileThatGrowsEndsAtOne)
+{
+    JobFileInFolder job;
+    job.saveText("G1 X1\n");
+    ASSERT_TRUE(job.open());
+    std::ofstream("tmp.gcode", std::ios::app) << "G1 X2\nG1 X3\n";
+
+    while (JOB_LINE_NONE != (void(job.nextText()), job.m_eLast)) {
+        EXPECT_GE(1.0F, job.getProgress());
+    }
+
+    EXPECT_EQ(1.0F, job.getProgress());
+}
+
+TEST(JobFile, MeasuringLeavesAnOpenJobAlone)
+{
+    JobFileInFolder job;
+    job.saveText("G1 X1\nG1 X2\n");
+    ASSERT_TRUE(job.open());
+    (void)job.nextText();
+    (void)job.nextText();
+
+    EXPECT_FALSE(job.measure());
+    EXPECT_EQ(0.5F, job.getProgress());
+    job.close();
+    EXPECT_TRUE(job.measure());
+    EXPECT_EQ(0.0F, job.getProgress());
+}
+
+TEST(JobFile, DeliberateFullDiskCutsTheJob)
+{
+    JobFileInFolder job;
+    struct sigaction ignore
+    {
+    };
+    struct sigaction former
+    {
+    };
+    ignore.sa_handler = SIG_IGN;
+    ASSERT_EQ(0, sigaction(SIGXFSZ, &ignore, &former));
+    rlimit unlimited{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &unlimited));
+    const rlimit tight{4, unlimited.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &tight));
+
+    job.saveText("G1 X1\nG1 X2\n");
+
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &unlimited));
+    EXPECT_EQ(0, sigaction(SIGXFSZ, &former, nullptr));
+    EXPECT_EQ("G1 X", job.m_folder.read("tmp.gcode"));
+}
