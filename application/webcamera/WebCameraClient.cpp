@@ -1,8 +1,12 @@
 // A connection of the HTTP camera service.
 #include "WebCameraClient.h"
 
+#include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <new>
+
+static const int ANSWER_MS = 5000; // for a direct answer to leave
 
 WebCameraClient::WebCameraClient() : m_processor(*this, *this) {}
 
@@ -54,6 +58,41 @@ int WebCameraClient::onRead(EPollEvent&)
 
 int WebCameraClient::write(const void* pData, int nLength)
 {
-    int nWritten = 0;
-    return (0 == m_socket.writeTimeOut(pData, nLength, nWritten, nullptr, Time(5, 0))) ? 0 : 1;
+    char* pCopy = static_cast<char*>(malloc(static_cast<size_t>(nLength)));
+    if (nullptr == pCopy) {
+        return 1;
+    }
+    memcpy(pCopy, pData, static_cast<size_t>(nLength));
+    const SafePointer_C<char> copy(pCopy);
+    if (nullptr == copy.get()) {
+        return 1;
+    }
+    m_u32AnswerMs = monotonicMs32();
+    if (0 != enqueue(copy, nLength) || 1 == trySend()) {
+        return 1;
+    }
+    m_bAnswering = !isDrained();
+    return 0;
+}
+
+bool WebCameraClient::mayRead()
+{
+    return !m_bAnswering;
+}
+
+int WebCameraClient::onTurn()
+{
+    if (!m_bAnswering || !isDrained()) {
+        return 0;
+    }
+    m_bAnswering = false;
+    return TURN_AGAIN; // what has come meanwhile
+}
+
+int WebCameraClient::getTimeLeft(uint32_t u32NowMs)
+{
+    if (!m_bAnswering) {
+        return INT_MAX;
+    }
+    return ANSWER_MS - static_cast<int>(u32NowMs - m_u32AnswerMs);
 }

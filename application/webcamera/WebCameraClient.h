@@ -36,11 +36,21 @@ public:
      */
     int onRead(EPollEvent& event) override;
 
-    /** Past the send queue; blocks for 5 s at most. @return 0 or 1 */
+    /**
+     * Answer directly, without blocking: what the socket does not take leaves as it drains. Until
+     * it is gone nothing more is read, and the connection ends when that takes 5 s.
+     * @return 0; 1 when the socket failed, or without memory
+     */
     int write(const void* pData, int nLength) override;
+
+    bool mayRead() override;
+    int onTurn() override;
+    int getTimeLeft(uint32_t u32NowMs) override;
 
 private:
     WebCameraHttpDataProcessor m_processor;
     int m_nBufferSize = 0; // bytes
     SafePointer_C<char> m_buffer;
+    bool m_bAnswering = false;  // a direct answer is not gone yet
+    uint32_t m_u32AnswerMs = 0; // when it began, of monotonicMs32
 };

@@ -534,6 +534,71 @@ TEST(EPoll, AHandlerMayDeleteWhatItIsCalledFor)
     EXPECT_EQ(Names(), recorder.takeNames());
 }
 
+TEST(EPoll, HandlerMayDeleteAnotherDescriptorOfThePass)
+{
+    struct Deleter
+    {
+        RET_E onOut(Event* pEvent)
+        {
+            auto& event = dynamic_cast<EPollEvent&>(*pEvent);
+            const int nOther = (nFirst == *event.m_pFd) ? nSecond : nFirst;
+            ++nCalls;
+            if (nullptr != ppOther) { // the second pass
+                EXPECT_EQ(0, pEPoll->deleteFd(nOther, mapRecord.at(nOther)));
+            }
+            mapRecord[*event.m_pFd] = event.m_ppClient;
+            ppOther = (2 == mapRecord.size()) ? event.m_ppClient : nullptr;
+            return RET_SUCCESS;
+        }
+        EPoll* pEPoll;
+        int nFirst;
+        int nSecond;
+        int nCalls = 0;
+        TcpClient** ppOther = nullptr;
+        std::map<int, TcpClient**> mapRecord{};
+    };
+    NetPair pair;
+    EPoll epoll(20);
+    Deleter deleter{&epoll, pair.m_near.getFd(), pair.m_far.getFd()};
+    ASSERT_EQ(RET_SUCCESS, epoll.setOutHandler(&deleter, &Deleter::onOut));
+    ASSERT_EQ(0, epoll.addFd(deleter.nFirst, EPOLLOUT, nullptr));
+    ASSERT_EQ(0, epoll.addFd(deleter.nSecond, EPOLLOUT, nullptr));
+    EXPECT_EQ(0, epoll.pollOnce());
+    ASSERT_EQ(2, deleter.nCalls);
+
+    EXPECT_EQ(0, epoll.pollOnce());
+
+    EXPECT_EQ(3, deleter.nCalls) << "the deleted one is not called";
+}
+
+TEST(EPoll, DeliberatePauseAfterAFailedWait)
+{
+    EPoll epoll(20);
+    FaultScope fault("epoll_wait:1-:EBADF");
+    const uint32_t u32StartMs = monotonicMs32();
+
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(0, epoll.pollOnce());
+    }
+
+    EXPECT_EQ(5U, faultHits());
+    EXPECT_GE(monotonicMs32() - u32StartMs, 50U);
+}
+
+TEST(EPoll, InterruptedWaitIsRepeatedAtOnce)
+{
+    EPoll epoll(20);
+    FaultScope fault("epoll_wait:1-:EINTR");
+    const uint32_t u32StartMs = monotonicMs32();
+
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(0, epoll.pollOnce());
+    }
+
+    EXPECT_EQ(100U, faultHits());
+    EXPECT_LT(monotonicMs32() - u32StartMs, 1000U);
+}
+
 TEST(EPoll, AHandlerSetAgainReplacesTheFirst)
 {
     EPoll epoll(20);

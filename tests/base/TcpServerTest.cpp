@@ -251,22 +251,187 @@ TEST(TcpServer, AConnectionIsTunedServedAndAnnounced)
     (void)peer.close();
 }
 
-TEST(TcpServer, ReadingGoesOnUntilNothingIsPending)
+TEST(TcpServer, PassReadsSixteenTimesAndTheRestHasItsTurn)
 {
     JournalServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     ASSERT_TRUE(server.poll("start"));
-    const std::string strSent(3000, 'r'); // 300 reads
+    EXPECT_EQ(0, server.pollOnce());      // writable
+    const std::string strSent(3000, 'r'); // 300 reads, one edge
     ASSERT_EQ(3000, send(peer.getFd(), strSent.data(), strSent.size(), 0));
-    ASSERT_TRUE(server.m_pLast->getSocket().waitReadable(Time(30, 0)));
-    int32_t nLeft = -1;
+    int32_t nLeft = 0;
+    ASSERT_TRUE(eventually(
+        [&] { return 0 == server.m_pLast->getSocket().getRcvQueue(nLeft) && 3000 == nLeft; }));
 
-    EXPECT_EQ(0, server.pollOnce()); // one edge
-
+    EXPECT_EQ(0, server.pollOnce());
     ASSERT_EQ(0, server.m_pLast->getSocket().getRcvQueue(nLeft));
-    EXPECT_EQ(0, nLeft);
+    EXPECT_EQ(3000 - 160, nLeft);
+
+    for (int i = 0; i < 18; ++i) {
+        EXPECT_EQ(0, server.pollOnce());
+    }
     EXPECT_EQ(strSent, readBytes(peer, 3000));
+    (void)peer.close();
+}
+
+TEST(TcpServer, FloodDoesNotKeepOthersWaiting)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket flood = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    JournalClient* pFlooded = server.m_pLast;
+    TcpSocket other = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start", 2));
+    const std::string strSent(10000, 'r'); // 63 passes
+    ASSERT_EQ(10000, send(flood.getFd(), strSent.data(), strSent.size(), 0));
+    ASSERT_TRUE(pFlooded->getSocket().waitReadable(Time(30, 0)));
+    ASSERT_EQ(1, send(other.getFd(), "x", 1, 0));
+    ASSERT_TRUE(server.m_pLast->getSocket().waitReadable(Time(30, 0)));
+
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(0, server.pollOnce());
+    }
+
+    EXPECT_EQ("x", readPending(other));
+    EXPECT_TRUE(pFlooded->getSocket().waitReadable(Time()));
+    (void)flood.close();
+    (void)other.close();
+}
+
+TEST(TcpServer, ConnectionThatCannotBeArmedAgainEnds)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    const std::string strSent(3000, 'r');
+    ASSERT_EQ(3000, send(peer.getFd(), strSent.data(), strSent.size(), 0));
+    LogCapture log;
+    FaultScope fault("epoll_ctl:1:ENOMEM");
+
+    ASSERT_TRUE(server.poll("delete"));
+
+    EXPECT_EQ(1U, takeLines(log, "epoll_ctl err: Cannot allocate memory\n").size());
+    (void)peer.close();
+}
+
+TEST(TcpServer, ConnectionThatNeverReadsLeavesTheServerStoppable)
+{
+    class Server : public TcpServer
+    {
+    public:
+        ~Server() override
+        {
+            endService();
+        }
+        TcpClient* createClient() override
+        {
+            return new TcpClient; // its onRead does not read
+        }
+        using TcpServer::m_socket;
+    };
+    LogCapture log;
+    Server server;
+    ASSERT_EQ(0, server.init(0, "127.0.0.1", 4096, 4096));
+    TcpSocket peer = connectTo(portOf(server.m_socket.getFd()));
+    ASSERT_EQ(1, send(peer.getFd(), "x", 1, 0));
+    ASSERT_EQ(0, server.start());
+    ASSERT_TRUE(eventually([&] { return std::string::npos != log.text().find("connected"); }));
+
+    EXPECT_EQ(0, server.stop());
+
+    (void)peer.close();
+}
+
+TEST(TcpServer, ConnectionWhoseTimeIsOverMayWriteOnceMore)
+{
+    class LateClient : public TcpClient
+    {
+    public:
+        int onWrite(EPollEvent&) override
+        {
+            ++m_nWrites;
+            return 0;
+        }
+        int onTurn() override
+        {
+            ++m_nTurns;
+            return 0;
+        }
+        int getTimeLeft(uint32_t) override
+        {
+            return (m_nWrites < m_nWanted || m_nTurns < m_nWanted) ? 0 : 60000;
+        }
+        int m_nWanted = 0;
+        int m_nWrites = 0;
+        int m_nTurns = 0;
+    };
+    class Server : public TcpServer
+    {
+    public:
+        ~Server() override
+        {
+            endService();
+        }
+        TcpClient* createClient() override
+        {
+            m_pClient = new LateClient;
+            return m_pClient;
+        }
+        using TcpServer::m_socket;
+        LateClient* m_pClient = nullptr;
+    };
+    Server server;
+    ASSERT_EQ(0, server.init(0, "127.0.0.1", 4096, 4096));
+    TcpSocket peer = connectTo(portOf(server.m_socket.getFd()));
+    ASSERT_TRUE(eventually([&] {
+        return 0 == server.pollOnce() && nullptr != server.m_pClient &&
+               0 != server.m_pClient->m_nWrites;
+    }));
+    server.m_pClient->m_nWanted = 1 + server.m_pClient->m_nWrites;
+
+    EXPECT_EQ(0, server.pollOnce());
+
+    EXPECT_TRUE(isSilent(peer)) << "the last attempt was enough";
+    EXPECT_EQ(server.m_pClient->m_nWanted, server.m_pClient->m_nWrites);
+    (void)peer.close();
+}
+
+TEST(TcpServer, ConnectionEndsWhenItsTimeIsOver)
+{
+    class TimedClient : public TcpClient
+    {
+    public:
+        int getTimeLeft(uint32_t u32NowMs) override
+        {
+            return 200 - static_cast<int>(u32NowMs - m_u32StartMs);
+        }
+        const uint32_t m_u32StartMs = monotonicMs32();
+    };
+    class Server : public TcpServer
+    {
+    public:
+        ~Server() override
+        {
+            endService();
+        }
+        TcpClient* createClient() override
+        {
+            return new TimedClient;
+        }
+        using TcpServer::m_socket;
+    };
+    Server server;
+    ASSERT_EQ(0, server.init(0, "127.0.0.1", 4096, 4096));
+    TcpSocket peer = connectTo(portOf(server.m_socket.getFd()));
+    const uint32_t u32StartMs = monotonicMs32();
+    ASSERT_EQ(0, server.start());
+
+    EXPECT_TRUE(sawEnd(peer));
+
+    EXPECT_GE(monotonicMs32() - u32StartMs, 200U);
     (void)peer.close();
 }
 
@@ -287,6 +452,30 @@ TEST(TcpServer, AllPendingConnectionsAreAcceptedAtOnce)
 
     EXPECT_EQ(15, server.m_journal.count("start"));
     EXPECT_GT(8, nPasses);
+    for (TcpSocket& peer : vecPeer) {
+        (void)peer.close();
+    }
+}
+
+TEST(TcpServer, PassAcceptsSixteenConnectionsAndTheNextOneTheRest)
+{
+    JournalServer server;
+    server.listen();
+    std::vector<TcpSocket> vecPeer;
+    for (int i = 0; i < 20; ++i) {
+        vecPeer.push_back(connectTo(server.getPort()));
+    }
+    ASSERT_TRUE(eventually([&] { // all of them through the kernel
+        tcp_info info{};
+        socklen_t uLength = sizeof(info);
+        getsockopt(server.getListenFd(), IPPROTO_TCP, TCP_INFO, &info, &uLength);
+        return 20 == info.tcpi_unacked; // of a listener: what waits
+    }));
+
+    EXPECT_EQ(0, server.pollOnce());
+    EXPECT_EQ(16, server.m_journal.count("start"));
+    EXPECT_EQ(0, server.pollOnce());
+    EXPECT_EQ(20, server.m_journal.count("start"));
     for (TcpSocket& peer : vecPeer) {
         (void)peer.close();
     }

@@ -58,14 +58,23 @@ int Connection::read()
 {
     TcpClient* pClient = m_pClient;
     EPollEvent event(EPOLLIN, &m_nFd, &pClient);
-    return m_pClient->onRead(event);
+    return (0 == m_pClient->onRead(event)) ? endTurn() : 1;
 }
 
 int Connection::writeOn()
 {
     TcpClient* pClient = m_pClient;
     EPollEvent event(EPOLLOUT, &m_nFd, &pClient);
-    return m_pClient->onWrite(event);
+    return (0 == m_pClient->onWrite(event)) ? endTurn() : 1;
+}
+
+int Connection::endTurn()
+{
+    int nTurn = m_pClient->onTurn();
+    while (TcpClient::TURN_AGAIN == nTurn) {
+        nTurn = m_pClient->onTurn();
+    }
+    return nTurn;
 }
 
 std::string Connection::receive(size_t uMost)

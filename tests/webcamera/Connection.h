@@ -41,6 +41,8 @@ public:
     void end();
 
 private:
+    int endTurn();
+
     int m_nFd = -1;
     int m_nPeer = -1;
     WebCameraClient* m_pClient;

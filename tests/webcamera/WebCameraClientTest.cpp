@@ -1,6 +1,7 @@
 // What a connection does with each request, and with what comes behind it.
 #include "WebCameraClient.h"
 
+#include <climits>
 #include <cstring>
 #include <limits>
 
@@ -309,26 +310,56 @@ TEST_F(WebCameraClientTest, ConnectionWithoutASocketFailsTheRead)
     EXPECT_EQ(1, client.write("x", 1));
 }
 
-TEST_F(WebCameraClientTest, DirectWriteGivesUpAfterItsTimeOut)
+TEST_F(WebCameraClientTest, DirectWriteHoldsNobody)
+{
+    Connection connection(4096);
+    const std::string strLarge = payload(1000000);
+    const uint32_t u32StartMs = monotonicMs32();
+
+    EXPECT_EQ(0, connection.client().write(strLarge.data(), static_cast<int>(strLarge.size())));
+
+    EXPECT_LT(monotonicMs32() - u32StartMs, 1000U);
+    EXPECT_FALSE(connection.client().mayRead()) << "nothing more is read meanwhile";
+    EXPECT_TRUE(strLarge == connection.receiveAll()) << "it leaves as the socket drains";
+    EXPECT_TRUE(connection.client().mayRead());
+    EXPECT_EQ(INT_MAX, connection.client().getTimeLeft(monotonicMs32()));
+}
+
+TEST_F(WebCameraClientTest, DirectWriteThatIsTakenAtOnceLeavesNothingBehind)
+{
+    EXPECT_EQ(0, m_connection.client().write("x", 1));
+
+    EXPECT_EQ("x", m_connection.receive());
+    EXPECT_TRUE(m_connection.client().mayRead());
+    EXPECT_EQ(0, m_connection.client().onTurn());
+}
+
+TEST_F(WebCameraClientTest, DirectWriteHasFiveSeconds)
 {
     Connection connection(4096);
     const std::string strLarge(1000000, 'x');
+    const uint32_t u32StartMs = monotonicMs32();
 
-    EXPECT_EQ(1, connection.client().write(strLarge.data(), static_cast<int>(strLarge.size())));
+    EXPECT_EQ(0, connection.client().write(strLarge.data(), static_cast<int>(strLarge.size())));
 
-    const size_t uWritten = connection.receive().size();
-    EXPECT_GT(uWritten, 0u);
-    EXPECT_LT(uWritten, strLarge.size());
-    EXPECT_EQ(0, connection.client().write("x", 1)) << "there is room again";
+    const uint32_t u32BegunMs = monotonicMs32();
+    EXPECT_GE(connection.client().getTimeLeft(u32BegunMs),
+              5000 - static_cast<int>(u32BegunMs - u32StartMs));
+    EXPECT_GT(connection.client().getTimeLeft(u32StartMs + 4999), 0);
+    EXPECT_LE(connection.client().getTimeLeft(u32BegunMs + 5000), 0);
 }
 
-TEST_F(WebCameraClientTest, DirectWriteTriesForFiveSeconds)
+TEST_F(WebCameraClientTest, DirectWriteWithoutMemoryFails)
 {
-    FaultScope fault("send:1-:EAGAIN");
-    const Time start = monotonicNow();
+    FaultScope fault("malloc=1:1:ENOMEM");
 
     EXPECT_EQ(1, m_connection.client().write("x", 1));
+    EXPECT_EQ(1U, faultHits());
+}
 
-    EXPECT_GE(monotonicNow() - start, Time(5, 0));
-    EXPECT_LE(faultHits(), 1001u) << "every 5 ms at most";
+TEST_F(WebCameraClientTest, DirectWriteThatFailsIsToldAtOnce)
+{
+    FaultScope fault("send:1:ECONNRESET");
+
+    EXPECT_EQ(1, m_connection.client().write("x", 1));
 }

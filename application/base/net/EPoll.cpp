@@ -14,6 +14,7 @@
 static const char* const SOURCE_NAME = "EPoll";
 
 static const int WAIT_MS = 1000; // so that the thread notices a stop request
+static const char* const CONTROL_ERROR = "epoll_ctl err: %s\n";
 
 /** One registered descriptor: the epoll registration's data.ptr. */
 struct EPoll::Record
@@ -88,7 +89,7 @@ int EPoll::addFd(const int& nFd, const uint32_t& u32Mask, TcpClient* pClient)
         if (nullptr != pRecord) {
             pRecord->pClient = nullptr; // still the caller's
         }
-        LOG(7, "epoll_ctl err: %s\n", strerror(nErrno));
+        LOG(7, CONTROL_ERROR, strerror(nErrno));
         return 1;
     default:
         return 0; // Deliberate: e.g. ENOSPC, too many watches, counts as success
@@ -107,6 +108,24 @@ void EPoll::unlink(Record& record)
     }
 }
 
+EPoll::Record& EPoll::recordOf(TcpClient** ppClient)
+{
+    return *reinterpret_cast<Record*>(reinterpret_cast<char*>(ppClient) -
+                                      offsetof(Record, pClient));
+}
+
+int EPoll::armAgain(const EPollEvent& event, uint32_t u32Mask)
+{
+    epoll_event again{};
+    again.events = u32Mask;
+    again.data.ptr = &recordOf(event.m_ppClient);
+    if (0 != epoll_ctl(m_nEPollFd, EPOLL_CTL_MOD, *event.m_pFd, &again)) {
+        LOG(7, CONTROL_ERROR, strerror(errno));
+        return 1;
+    }
+    return 0;
+}
+
 int EPoll::deleteFd(const int& nFd, TcpClient** ppClient)
 {
     const int nOwnFd = nFd; // the reference may reach into the registration
@@ -115,8 +134,11 @@ int EPoll::deleteFd(const int& nFd, TcpClient** ppClient)
         return 1;
     }
     if (nullptr != ppClient) {
-        auto* pRecord = reinterpret_cast<Record*>(reinterpret_cast<char*>(ppClient) -
-                                                  offsetof(Record, pClient));
+        Record* pRecord = &recordOf(ppClient);
+        for (int i = 0; i < m_nReady; ++i) {
+            epoll_event& event = m_pEvents[i];
+            event.data.ptr = (pRecord == event.data.ptr) ? nullptr : event.data.ptr;
+        }
         unlink(*pRecord);
         delete pRecord;
     }
@@ -127,18 +149,23 @@ int EPoll::deleteFd(const int& nFd, TcpClient** ppClient)
 
 int EPoll::pollOnce()
 {
-    const int nReady = epoll_wait(m_nEPollFd, m_pEvents.get(), m_nMaxEvents, WAIT_MS);
-    if (nReady < 0 && EINTR != errno) {
-        sleepFor(Time(0, 10000)); // a lasting failure must not take the whole processor
+    const int nWaitMs = getWaitMs();
+    const bool bAccept = m_bAcceptNext;
+    m_bAcceptNext = false;
+    m_nReady = epoll_wait(m_nEPollFd, m_pEvents.get(), m_nMaxEvents, bAccept ? 0 : nWaitMs);
+    if (m_nReady < 0 && EINTR != errno) {
+        // Deliberate: a lasting failure must not take the whole processor.
+        sleepFor(Time(0, 10000));
     }
-    for (int i = 0; i < nReady; ++i) {
+    for (int i = 0; i < m_nReady; ++i) {
         const epoll_event& event = m_pEvents[i];
         auto* pRecord = static_cast<Record*>(event.data.ptr);
-        if (nullptr != pRecord) {
+        if (nullptr != pRecord) { // else deleted by an earlier entry's handler
             dispatch(event.events, *pRecord);
         }
     }
-    if (m_bAcceptAgain) {
+    m_nReady = 0;
+    if (bAccept || m_bAcceptAgain) {
         m_bAcceptAgain = false;
         callAccept();
     }
@@ -182,6 +209,16 @@ void EPoll::acceptAgain()
     m_bAcceptAgain = true;
 }
 
+void EPoll::acceptNext()
+{
+    m_bAcceptNext = true;
+}
+
+int EPoll::getWaitMs()
+{
+    return WAIT_MS;
+}
+
 void EPoll::callAccept()
 {
     if (nullptr != m_pAccept) {
@@ -190,13 +227,14 @@ void EPoll::callAccept()
     }
 }
 
-void EPoll::failAll()
+void EPoll::forEach(const std::function<void(EPollEvent&)>& call)
 {
     Record* pRecord = m_pNewest;
     while (nullptr != pRecord) {
-        Record* pOlder = pRecord->pOlder; // the handler frees the entry, and no other
+        Record* pOlder = pRecord->pOlder; // the call deletes no other
         if (nullptr != pRecord->pClient) {
-            (void)callHandler(m_pErr.get(), EPOLLERR, *pRecord);
+            EPollEvent event(0, &pRecord->nFd, &pRecord->pClient);
+            call(event);
         }
         pRecord = pOlder;
     }

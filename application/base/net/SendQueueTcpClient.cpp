@@ -14,23 +14,33 @@ SendQueueTcpClient::~SendQueueTcpClient()
 
 void SendQueueTcpClient::send(const SafePointer_C<char>& data, int nLength)
 {
+    if (0 == enqueue(data, nLength)) {
+        (void)trySend(); // the reactor ends a connection that failed
+    }
+}
+
+int SendQueueTcpClient::enqueue(const SafePointer_C<char>& data, int nLength)
+{
     Item item;
     item.data = data;
     item.nLength = nLength;
-    {
-        MutexGuard guard(m_mtxQueue);
-        if (!guard.isHeld()) {
-            return; // logged there
-        }
-        try {
-            m_queue.push_back(std::move(item));
-        } catch (const std::bad_alloc&) {
-            // What comes behind the gap would be misread: the reactor ends the connection.
-            (void)m_socket.shutdown(SHUT_RDWR);
-            return;
-        }
+    MutexGuard guard(m_mtxQueue);
+    if (!guard.isHeld()) {
+        return 1; // logged there
     }
-    (void)trySend(); // the reactor ends a connection that failed
+    try {
+        m_queue.push_back(std::move(item));
+    } catch (const std::bad_alloc&) {
+        // What comes behind the gap would be misread: the reactor ends the connection.
+        (void)m_socket.shutdown(SHUT_RDWR);
+        return 1;
+    }
+    return 0;
+}
+
+bool SendQueueTcpClient::isDrained()
+{
+    return !isSending() && 0 == getQueueLength();
 }
 
 int SendQueueTcpClient::getQueueLength()

@@ -2,6 +2,7 @@
 #include "TcpClient.h"
 
 #include <cerrno>
+#include <climits>
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -29,6 +30,21 @@ int TcpClient::uninit()
 int TcpClient::onRead(EPollEvent&)
 {
     return 0;
+}
+
+bool TcpClient::mayRead()
+{
+    return true;
+}
+
+int TcpClient::onTurn()
+{
+    return 0;
+}
+
+int TcpClient::getTimeLeft(uint32_t)
+{
+    return INT_MAX;
 }
 
 int TcpClient::onError(EPollEvent&)

@@ -1,7 +1,9 @@
 // A listening TCP socket on its own reactor, and the connections accepted from it.
 #include "TcpServer.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <new>
 
 #include "Log.h"
@@ -10,6 +12,10 @@ static const char* const SOURCE_NAME = "TcpServer";
 
 static const int MAX_EVENTS = 20;
 static const int BACKLOG = 20;
+static const int MOST_ACCEPTS = 16; // in a pass
+static const int MOST_READS = 16;   // likewise, of one connection
+static const uint32_t LISTENER_MASK = EPOLLET | EPOLLIN;
+static const uint32_t CLIENT_MASK = EPOLLET | EPOLLHUP | EPOLLERR | EPOLLOUT | EPOLLIN;
 static const int32_t KEEP_ALIVE[] = {5, 1, 2}; // seconds idle, seconds between probes, probes
 
 /** The steps of an accept log as one operation. */
@@ -31,7 +37,7 @@ TcpServer::~TcpServer()
 void TcpServer::endService()
 {
     (void)stop();
-    failAll();
+    forEach([this](EPollEvent& event) { (void)onPollError(&event); });
     m_vecRetired.clear();
     if (m_socket.isValid()) {
         (void)uninit();
@@ -71,7 +77,7 @@ int TcpServer::init(uint16_t u16Port, const char* pIp, int nSendBufferSize, int 
     (void)setErrHandler(this, &TcpServer::onPollError);
     (void)setHupHandler(this, &TcpServer::onPollError);
     setAcceptFd(m_socket.getFd());
-    if (0 != addFd(m_socket.getFd(), EPOLLET | EPOLLIN, nullptr)) {
+    if (0 != addFd(m_socket.getFd(), LISTENER_MASK, nullptr)) {
         LOG(2, "accept socket add fd error !!   accept ip:%s port:%d\n", pShown, u16Port);
         (void)m_socket.close();
         return 1;
@@ -88,9 +94,45 @@ int TcpServer::uninit()
     return 0;
 }
 
+int TcpServer::getWaitMs()
+{
+    m_nAccepted = 0;
+    int nWaitMs = EPoll::getWaitMs();
+    forEach([this, &nWaitMs](EPollEvent& event) { // no larger: it would be allocated
+        nWaitMs = std::min(nWaitMs, getTimeLeft(event));
+    });
+    return nWaitMs;
+}
+
+/** End the connection when its time is over. @return milliseconds left, INT_MAX for an ended one */
+int TcpServer::getTimeLeft(EPollEvent& event)
+{
+    TcpClient* pClient = *event.m_ppClient;
+    int nLeft = pClient->getTimeLeft(monotonicMs32());
+    if (nLeft > 0) {
+        return nLeft;
+    }
+    // A last attempt: the reactor may have been kept from it, and the kernel has room for some
+    // bytes before it reports any.
+    if (RET_SUCCESS != onPollOut(&event)) {
+        return INT_MAX;
+    }
+    nLeft = pClient->getTimeLeft(monotonicMs32());
+    if (nLeft <= 0) {
+        (void)onPollError(&event);
+        return INT_MAX;
+    }
+    return nLeft;
+}
+
 RET_E TcpServer::onPollAccept(Event*)
 {
     for (;;) {
+        if (m_nAccepted >= MOST_ACCEPTS) {
+            acceptNext();
+            return RET_SUCCESS;
+        }
+        ++m_nAccepted;
         TcpSocket socket;
         if (0 != m_socket.accept(socket)) {
             if (EAGAIN != errno && m_socket.isValid()) {
@@ -166,8 +208,7 @@ bool TcpServer::serve(std::unique_ptr<TcpClient> pClient, const TcpSocket& socke
         (void)pClient->uninit();
         return false;
     }
-    if (0 !=
-        addFd(socket.getFd(), EPOLLET | EPOLLHUP | EPOLLERR | EPOLLOUT | EPOLLIN, pClient.get())) {
+    if (0 != addFd(socket.getFd(), CLIENT_MASK, pClient.get())) {
         reportAccept(__LINE__, "tcp client connected, but add to epoll failed !!\n");
         (void)pClient->stop();
         (void)pClient->uninit();
@@ -181,15 +222,38 @@ RET_E TcpServer::onPollIn(Event* pEvent)
 {
     auto& event = static_cast<EPollEvent&>(*pEvent);
     const TcpSocket socket(*event.m_pFd);
-    // Without an owner (a read may let go of it) nobody would ever read it empty.
-    while (socket.isValid() && nullptr != *event.m_ppClient) {
-        if (0 != (*event.m_ppClient)->onRead(event)) {
-            (void)onPollError(pEvent);
-            return RET_FAILED;
+    bool bMore = true;
+    for (int i = 0; bMore && i < MOST_READS; ++i) {
+        // Without an owner (a read may let go of it) nobody would ever read it empty.
+        if (!socket.isValid() || nullptr == *event.m_ppClient) {
+            return RET_SUCCESS;
         }
-        if (!socket.waitReadable(Time())) {
+        if (!(*event.m_ppClient)->mayRead()) {
             break;
         }
+        if (0 != (*event.m_ppClient)->onRead(event)) {
+            return onPollError(pEvent);
+        }
+        bMore = socket.waitReadable(Time());
+    }
+    return endTurn(event, bMore);
+}
+
+/** @param bMore  there is more to read */
+RET_E TcpServer::endTurn(EPollEvent& event, bool bMore)
+{
+    TcpClient* pClient = *event.m_ppClient;
+    if (nullptr == pClient) {
+        return RET_SUCCESS;
+    }
+    const int nTurn = pClient->onTurn();
+    if (0 != nTurn && TcpClient::TURN_AGAIN != nTurn) {
+        return onPollError(&event);
+    }
+    // What was reported once is not reported again by itself.
+    const bool bAgain = TcpClient::TURN_AGAIN == nTurn || (bMore && pClient->mayRead());
+    if (bAgain && 0 != armAgain(event, CLIENT_MASK)) {
+        return onPollError(&event);
     }
     return RET_SUCCESS;
 }
@@ -198,12 +262,13 @@ RET_E TcpServer::onPollOut(Event* pEvent)
 {
     auto& event = static_cast<EPollEvent&>(*pEvent);
     const TcpSocket socket(*event.m_pFd);
-    if (socket.isValid() && nullptr != *event.m_ppClient &&
-        0 != (*event.m_ppClient)->onWrite(event)) {
-        (void)onPollError(pEvent);
-        return RET_FAILED;
+    if (!socket.isValid() || nullptr == *event.m_ppClient) {
+        return RET_SUCCESS;
     }
-    return RET_SUCCESS;
+    if (0 != (*event.m_ppClient)->onWrite(event)) {
+        return onPollError(pEvent);
+    }
+    return endTurn(event, false);
 }
 
 RET_E TcpServer::onPollError(Event* pEvent)

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <sys/epoll.h>
 
@@ -86,10 +87,13 @@ public:
      */
     int deleteFd(const int& nFd, TcpClient** ppClient);
 
-    /** The thread's body: one wait of at most a second, and the dispatch. @return 0 */
+    /** The thread's body, a pass: one wait of at most a second, and the dispatch. @return 0 */
     int pollOnce();
 
 protected:
+    /** Called at the start of each pass. @return milliseconds to wait at most, 1000 here */
+    virtual int getWaitMs();
+
     /**
      * From the accept handler: connections may still be pending. The handler is called again at the
      * end of this pass or of the next one, since the listener, edge-triggered, reports them no
@@ -97,11 +101,22 @@ protected:
      */
     void acceptAgain();
 
+    /** As acceptAgain, but at the end of the next pass, which does not wait. */
+    void acceptNext();
+
     /**
-     * Call the err handler for every registration that has an owner, as if the kernel had reported
-     * an error; for the end of a server. The thread has to be stopped.
+     * From a handler: have what the event's descriptor is still ready for reported in the next
+     * pass, behind what waits there already, although the registration is edge-triggered.
+     * @return 0; 1, logged at level 7, when the kernel refused
      */
-    void failAll();
+    int armAgain(const EPollEvent& event, uint32_t u32Mask);
+
+    /**
+     * Call for each registration that has an owner, with an event of mask 0; the call may delete
+     * the registration. On the reactor's thread, also from a handler of a registration that stays,
+     * or with the thread stopped.
+     */
+    void forEach(const std::function<void(EPollEvent&)>& call);
 
 private:
     struct Record;
@@ -120,6 +135,7 @@ private:
         return RET_SUCCESS;
     }
 
+    static Record& recordOf(TcpClient** ppClient);
     static bool callHandler(ICB<RET_E>* pHandler, uint32_t u32Mask, Record& record);
     void dispatch(uint32_t u32Events, Record& record);
     void callAccept();
@@ -128,7 +144,9 @@ private:
     int m_nEPollFd;
     int m_nAcceptFd = 0;
     const int m_nMaxEvents;
-    bool m_bAcceptAgain = false; // reactor's thread only
+    int m_nReady = 0; // events of the pass; reactor's thread only, as the next two
+    bool m_bAcceptAgain = false;
+    bool m_bAcceptNext = false;
     Record* m_pNewest = nullptr; // every registration not yet freed
     Thread m_thread;             // runs pollOnce
     std::unique_ptr<epoll_event[], Free> m_pEvents;

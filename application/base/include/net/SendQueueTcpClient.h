@@ -33,6 +33,13 @@ public:
     /** The front item's bytes; null for an item without a buffer, which is dropped. @return 0 */
     int getNextBuffer(const void*& pData, int& nLength) override;
 
+protected:
+    /** As the first half of send. @return 0; 1 when the connection can't go on */
+    int enqueue(const SafePointer_C<char>& data, int nLength);
+
+    /** Nothing waits and nothing is being sent. */
+    bool isDrained();
+
 private:
     struct Item
     {

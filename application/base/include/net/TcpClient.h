@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 #include "EPollEvent.h"
 #include "Mutex.h"
@@ -11,10 +12,10 @@
  * The base of what a TcpServer makes for each connection.
  *
  * The server owns it: it calls init, start, then onRead, onWrite and onError as the socket becomes
- * ready, at the end stop and uninit, and deletes it; nobody else may. All of that happens on the
- * reactor's thread. Non-zero results of init, start, onRead and onWrite mean failure and end the
- * connection. What lets other threads reach the object (subscriptions, consumers) is taken back in
- * stop(), before its destructors begin.
+ * ready, with mayRead, onTurn and getTimeLeft in between, at the end stop and uninit, and deletes
+ * it; nobody else may. All of that happens on the reactor's thread. Non-zero results of init,
+ * start, onRead and onWrite mean failure and end the connection. What lets other threads reach the
+ * object (subscriptions, consumers) is taken back in stop(), before its destructors begin.
  *
  * The descriptor is the server's, too: it is closed after the object is gone, and neither read nor
  * written before init.
@@ -24,6 +25,8 @@ class TcpClient
 public:
     /** Result of trySend() when a write is already in progress. */
     static const int SEND_IN_PROGRESS = 5;
+    /** Result of onTurn(). */
+    static const int TURN_AGAIN = 2;
 
     TcpClient() = default;
     TcpClient(const TcpClient&) = delete;
@@ -37,10 +40,29 @@ public:
     virtual int uninit();
 
     /**
-     * The socket may be readable; called again while it is. Now and then there is nothing to read
-     * after all, since data that came while the last call was reading is reported once more.
+     * The socket may be readable; called again while it is, so it must read: data that stays is
+     * reported in each pass. Now and then there is nothing to read after all, since data that came
+     * while the last call was reading is reported once more.
      */
     virtual int onRead(EPollEvent& event);
+
+    /** Asked before each onRead; false leaves what has come where it is, until onTurn says so. */
+    virtual bool mayRead();
+
+    /**
+     * The end of the connection's turn in a pass, in which it has read, or written on.
+     * @return 0; TURN_AGAIN for a turn in the next pass, also when nothing new has come; anything
+     * else ends the connection
+     */
+    virtual int onTurn();
+
+    /**
+     * Asked at the start of each pass, and once more after a last onWrite and onTurn when it says
+     * that the time is over.
+     * @param u32NowMs  monotonicMs32()
+     * @return milliseconds until the connection has to end, 0 or below for now; INT_MAX for never
+     */
+    virtual int getTimeLeft(uint32_t u32NowMs);
 
     /**
      * The write engine: sends the current buffer, and further ones from getNextBuffer, until the
@@ -79,6 +101,12 @@ public:
     }
 
 protected:
+    /** A buffer is in progress, or a failed write waits for the reactor. Any thread. */
+    bool isSending() const
+    {
+        return m_bSending.load();
+    }
+
     TcpSocket m_socket;
 
 private:
