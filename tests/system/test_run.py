@@ -34,7 +34,7 @@ class Checkout:
         shutil.copytree(f"{SOURCE}/www", f"{self.folder}/www")
         os.makedirs(f"{self.folder}/build")
         os.symlink(BUILD, f"{self.folder}/build/release")
-        write(f"{self.folder}/scripts/packages", "#!/bin/sh\n")
+        write(f"{self.folder}/scripts/lib/packages", "#!/bin/sh\n")
         write(f"{self.folder}/scripts/lib/configure", "#!/bin/sh\n")
         write(f"{self.folder}/bin/cmake", "#!/bin/sh\n")
         shutil.copy(f"{SOURCE}/scripts/run", f"{self.folder}/scripts/run")
