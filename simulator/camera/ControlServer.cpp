@@ -14,7 +14,7 @@ const size_t MAX_LINE = 4096;
 
 } // namespace
 
-ControlServer::ControlServer(Commands& commands, const std::string& strDir)
+ControlServer::ControlServer(CameraCommands& commands, const std::string& strDir)
     : m_commands(commands), m_strPath(strDir + "/control.sock")
 {
 }

@@ -1,7 +1,7 @@
 // Takes commands from connections, one line each.
 #pragma once
 
-#include "Commands.h"
+#include "CameraCommands.h"
 
 #include <list>
 #include <string>
@@ -17,7 +17,7 @@
 class ControlServer
 {
 public:
-    ControlServer(Commands& commands, const std::string& strDir);
+    ControlServer(CameraCommands& commands, const std::string& strDir);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
@@ -37,7 +37,7 @@ private:
     };
     bool serve(Client& client);
 
-    Commands& m_commands;
+    CameraCommands& m_commands;
     const std::string m_strPath;
     int m_nListener = -1;
     std::list<Client> m_listClient;

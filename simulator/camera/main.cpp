@@ -1,11 +1,11 @@
 // kestrel-camera: the virtual camera that stands for a USB camera and its driver.
-#include "Commands.h"
+#include "CameraCommands.h"
+#include "CameraOptions.h"
 #include "ControlServer.h"
 #include "DeviceServer.h"
 #include "FolderSource.h"
-#include "Options.h"
 #include "SceneSource.h"
-#include "Script.h"
+#include "TimedScript.h"
 
 #include <cerrno>
 #include <chrono>
@@ -61,8 +61,8 @@ int signalDescriptor()
     return ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
-void serve(DeviceServer& device, ControlServer& control, Commands& commands, Script& script,
-           int nSignals)
+void serve(DeviceServer& device, ControlServer& control, CameraCommands& commands,
+           TimedScript& script, int nSignals)
 {
     const auto start = std::chrono::steady_clock::now();
     while (!commands.quit()) {
@@ -97,7 +97,7 @@ void serve(DeviceServer& device, ControlServer& control, Commands& commands, Scr
 
 int main(int nCount, char** ppArgument)
 {
-    Options options;
+    CameraOptions options;
     if (!options.parse(nCount, ppArgument)) {
         return 2;
     }
@@ -125,7 +125,7 @@ int main(int nCount, char** ppArgument)
         }
         pSource = std::move(pFolder);
     }
-    Script script;
+    TimedScript script;
     if (!options.strScript.empty() && !script.load(options.strScript)) {
         return 1;
     }
@@ -141,7 +141,7 @@ int main(int nCount, char** ppArgument)
     if (options.bUnplugged) {
         camera.unplug();
     }
-    Commands commands(camera, kernelFiles, scene, journal);
+    CameraCommands commands(camera, kernelFiles, scene, journal);
     DeviceServer device(camera, options.strDir);
     ControlServer control(commands, options.strDir);
     if (!device.start() || !control.start()) {

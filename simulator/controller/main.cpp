@@ -8,7 +8,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include "Simulator.h"
+#include "ControllerBoard.h"
 
 static const char* const USAGE =
     "usage: kestrel-controller --node PATH [option...]\n"
@@ -77,7 +77,7 @@ bool parsePosition(const char* pText, Point& position)
     return 3 == sscanf(pText, "%lf,%lf,%lf%c", &position[0], &position[1], &position[2], &cRest);
 }
 
-bool applyOption(int nOption, const char* pValue, SimulatorOptions& options)
+bool applyOption(int nOption, const char* pValue, ControllerBoardOptions& options)
 {
     switch (nOption) {
     case OPTION_NODE:
@@ -127,7 +127,7 @@ bool applyOption(int nOption, const char* pValue, SimulatorOptions& options)
 
 int main(int nArgs, char** apArgs)
 {
-    SimulatorOptions options;
+    ControllerBoardOptions options;
     for (int nOption = getopt_long(nArgs, apArgs, "", OPTIONS, nullptr); - 1 != nOption;
          nOption = getopt_long(nArgs, apArgs, "", OPTIONS, nullptr)) {
         if (!applyOption(nOption, optarg, options)) {
@@ -148,14 +148,14 @@ int main(int nArgs, char** apArgs)
     sigprocmask(SIG_BLOCK, &set, nullptr);
     const int nStopFd = signalfd(-1, &set, SFD_CLOEXEC);
 
-    Simulator simulator(options);
+    ControllerBoard board(options);
     std::string strError;
-    if (nStopFd < 0 || !simulator.init(strError)) {
+    if (nStopFd < 0 || !board.init(strError)) {
         fprintf(stderr, "kestrel-controller: %s\n", strError.c_str());
         return 1;
     }
     puts("ready");
     fflush(stdout);
-    simulator.run(nStopFd);
+    board.run(nStopFd);
     return 0;
 }

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-struct Options
+struct CameraOptions
 {
     std::string strDir = "/tmp/kestrel-camera";
     std::string strScene;    // empty: "scene" below the directory

@@ -14,11 +14,11 @@
  * Understands one line and does it; README.md lists the commands. Each line is noted in the journal
  * save those that only ask. Any thread.
  */
-class Commands
+class CameraCommands
 {
 public:
     /** All borrowed for the object's life. */
-    Commands(UvcCamera& camera, KernelFiles& kernelFiles, SceneFile& scene, Journal& journal);
+    CameraCommands(UvcCamera& camera, KernelFiles& kernelFiles, SceneFile& scene, Journal& journal);
 
     /** @return "ok", "ok" and what was asked for, or "error: " and the reason; no line end */
     std::string run(const std::string& strLine);

@@ -26,7 +26,7 @@ void* allocate(size_t uSize)
 
 } // namespace
 
-TEST(Fault, OnlyTheChosenCallFails)
+TEST(FaultLibrary, OnlyTheChosenCallFails)
 {
     FaultScope fault("fork:2:EAGAIN");
     ASSERT_EQ(0, fault.result());
@@ -42,7 +42,7 @@ TEST(Fault, OnlyTheChosenCallFails)
     EXPECT_EQ(first, waitpid(first, nullptr, 0));
 }
 
-TEST(Fault, AllocationOfThatSizeFails)
+TEST(FaultLibrary, AllocationOfThatSizeFails)
 {
     FaultScope fault("malloc=4321:1:ENOMEM");
 
@@ -57,7 +57,7 @@ TEST(Fault, AllocationOfThatSizeFails)
     free(pSecond);
 }
 
-TEST(Fault, FailingMallocMakesNewThrow)
+TEST(FaultLibrary, FailingMallocMakesNewThrow)
 {
     FaultScope fault("malloc>=4321:1-:ENOMEM");
 
@@ -66,7 +66,7 @@ TEST(Fault, FailingMallocMakesNewThrow)
     EXPECT_EQ(2u, std::string(2, 'x').size());
 }
 
-TEST(Fault, AllocationsFromASizeOnFail)
+TEST(FaultLibrary, AllocationsFromASizeOnFail)
 {
     FaultScope fault("malloc>=4321:2:ENOMEM");
 
@@ -80,7 +80,7 @@ TEST(Fault, AllocationsFromASizeOnFail)
     }
 }
 
-TEST(Fault, SpacedCallsFailWithTheErrorsByTurns)
+TEST(FaultLibrary, SpacedCallsFailWithTheErrorsByTurns)
 {
     FaultScope fault("access:2/3-8:EIO,ENOMEM");
     ASSERT_EQ(0, fault.result());
@@ -97,7 +97,7 @@ TEST(Fault, SpacedCallsFailWithTheErrorsByTurns)
               strErrors);
 }
 
-TEST(Fault, DescriptorFilterLeavesOthersAlone)
+TEST(FaultLibrary, DescriptorFilterLeavesOthersAlone)
 {
     int anPipe[2];
     int anOther[2];
@@ -116,7 +116,7 @@ TEST(Fault, DescriptorFilterLeavesOthersAlone)
     }
 }
 
-TEST(Fault, PathFilterIsAPrefix)
+TEST(FaultLibrary, PathFilterIsAPrefix)
 {
     FaultScope fault("fopen=/dev/nu:1-:EACCES");
 
@@ -127,7 +127,7 @@ TEST(Fault, PathFilterIsAPrefix)
     fclose(pOther);
 }
 
-TEST(Fault, PthreadCallReturnsItsError)
+TEST(FaultLibrary, PthreadCallReturnsItsError)
 {
     FaultScope fault("pthread_create:1:EAGAIN");
     pthread_t thread{};
@@ -139,7 +139,7 @@ TEST(Fault, PthreadCallReturnsItsError)
     EXPECT_EQ(0, pthread_join(thread, nullptr));
 }
 
-TEST(Fault, BadPlanIsRefusedAndChangesNothing)
+TEST(FaultLibrary, BadPlanIsRefusedAndChangesNothing)
 {
     for (const char* pPlan : {"fork", "fork:1", "fork:0:EAGAIN", "fork:x:EAGAIN", "fork:1:EWHAT",
                               ":1:EAGAIN", "fork:3-2:EAGAIN", "fork:1/0:EAGAIN", "fork:1/x:EAGAIN",
@@ -154,7 +154,7 @@ TEST(Fault, BadPlanIsRefusedAndChangesNothing)
     }
 }
 
-TEST(Fault, AllocationsOfThisThreadAreCounted)
+TEST(FaultLibrary, AllocationsOfThisThreadAreCounted)
 {
     const unsigned long ulBefore = faultThreadAllocations();
 
@@ -164,7 +164,7 @@ TEST(Fault, AllocationsOfThisThreadAreCounted)
     EXPECT_EQ(2u, faultThreadAllocations() - ulBefore);
 }
 
-TEST(Fault, PreloadedPlanReachesTheNamedProgramOnly)
+TEST(FaultLibrary, PreloadedPlanReachesTheNamedProgramOnly)
 {
     const std::string strCommand =
         "LD_PRELOAD=" FAULT_PRELOAD " KESTREL_FAULT=open=/dev/null:1-:EMFILE"
@@ -177,7 +177,7 @@ TEST(Fault, PreloadedPlanReachesTheNamedProgramOnly)
         << result.strError;
 }
 
-TEST(Fault, ReportTellsMatchedAndFailedCallsAlsoAfterACrash)
+TEST(FaultLibrary, ReportTellsMatchedAndFailedCallsAlsoAfterACrash)
 {
     char acPath[] = "/tmp/kestrel-fault.XXXXXX";
     close(mkstemp(acPath));
@@ -201,7 +201,7 @@ TEST(Fault, ReportTellsMatchedAndFailedCallsAlsoAfterACrash)
     EXPECT_EQ(2u, auCount[3]);
 }
 
-TEST(Fault, CallsOfAnExceptedLibraryAreNotSeen)
+TEST(FaultLibrary, CallsOfAnExceptedLibraryAreNotSeen)
 {
     // The C library itself asks for the buffer that a folder is read into.
     const std::string strPlan = "LD_PRELOAD=" FAULT_PRELOAD " KESTREL_FAULT_PROGRAM=ls"
@@ -215,7 +215,7 @@ TEST(Fault, CallsOfAnExceptedLibraryAreNotSeen)
     EXPECT_EQ(0, excepted.nStatus) << excepted.strError;
 }
 
-TEST(Fault, SleepsOfAHurriedProgramAreShort)
+TEST(FaultLibrary, SleepsOfAHurriedProgramAreShort)
 {
     const std::string strCommand =
         "LD_PRELOAD=" FAULT_PRELOAD " KESTREL_FAULT=setsid:1:EIO KESTREL_FAULT_PROGRAM=python3"

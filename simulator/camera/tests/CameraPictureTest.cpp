@@ -118,7 +118,7 @@ double darkCentre(Raster& raster, bool bAcross, uint32_t u32At, int nFrom, int n
 
 } // namespace
 
-TEST(Picture, HundredFramesArriveUnchangedAndInOrder)
+TEST(CameraPicture, HundredFramesArriveUnchangedAndInOrder)
 {
     VirtualCamera camera({"--keep", "1000", "--fps", "100"});
     VideoClient client;
@@ -139,7 +139,7 @@ TEST(Picture, HundredFramesArriveUnchangedAndInOrder)
     EXPECT_GT(setSize.size(), 20u); // bytesused follows the picture
 }
 
-TEST(Picture, FrameHasTwentyToSixtyKilobytes)
+TEST(CameraPicture, FrameHasTwentyToSixtyKilobytes)
 {
     VirtualCamera camera;
     camera.command("spot 3 2 0 on");
@@ -155,7 +155,7 @@ TEST(Picture, FrameHasTwentyToSixtyKilobytes)
     EXPECT_EQ(480u, raster.u32Height);
 }
 
-TEST(Picture, UncompressedFrameHasTwoBytesPerPixel)
+TEST(CameraPicture, UncompressedFrameHasTwoBytesPerPixel)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -171,7 +171,7 @@ TEST(Picture, UncompressedFrameHasTwoBytesPerPixel)
     EXPECT_NEAR(128, vecBytes[nPlate + 3], 2);
 }
 
-TEST(Picture, SpotLiesWhereTheStateSays)
+TEST(CameraPicture, SpotLiesWhereTheStateSays)
 {
     VirtualCamera camera({"--quality", "100"});
     VideoClient client;
@@ -190,7 +190,7 @@ TEST(Picture, SpotLiesWhereTheStateSays)
     }
 }
 
-TEST(Picture, SpotIsDrawnFromTheSceneFile)
+TEST(CameraPicture, SpotIsDrawnFromTheSceneFile)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -209,7 +209,7 @@ TEST(Picture, SpotIsDrawnFromTheSceneFile)
     EXPECT_EQ(5.25, field(strState, "sigma"));
 }
 
-TEST(Picture, GridLiesEveryFiveMillimetres)
+TEST(CameraPicture, GridLiesEveryFiveMillimetres)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -224,7 +224,7 @@ TEST(Picture, GridLiesEveryFiveMillimetres)
     }
 }
 
-TEST(Picture, DistortionBendsGridAndSpotAsDescribed)
+TEST(CameraPicture, DistortionBendsGridAndSpotAsDescribed)
 {
     VirtualCamera camera({"--distortion", "-0.08", "--quality", "100"});
     camera.command("spot 18 -12 0 on");
@@ -247,7 +247,7 @@ TEST(Picture, DistortionBendsGridAndSpotAsDescribed)
                 0.3);
 }
 
-TEST(Picture, ExposureAndBrightnessLightThePicture)
+TEST(CameraPicture, ExposureAndBrightnessLightThePicture)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -268,7 +268,7 @@ TEST(Picture, ExposureAndBrightnessLightThePicture)
     EXPECT_NEAR(meanGreen(dark) + 40, meanGreen(lighter), 2);
 }
 
-TEST(Picture, FolderIsDeliveredByteForByteInALoop)
+TEST(CameraPicture, FolderIsDeliveredByteForByteInALoop)
 {
     ScratchFolder folder;
     std::vector<std::string> vecFile;
@@ -300,7 +300,7 @@ TEST(Picture, FolderIsDeliveredByteForByteInALoop)
     }
 }
 
-TEST(Picture, FrameWithoutAQueuedBufferIsDropped)
+TEST(CameraPicture, FrameWithoutAQueuedBufferIsDropped)
 {
     VirtualCamera camera({"--keep", "10", "--fps", "100"});
     VideoClient client;

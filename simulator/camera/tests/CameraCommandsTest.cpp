@@ -1,7 +1,7 @@
 // Commands and scripts: what is understood, and when it is done.
-#include "Script.h"
-#include "Commands.h"
+#include "CameraCommands.h"
 #include "ScratchFolder.h"
+#include "TimedScript.h"
 
 #include <gtest/gtest.h>
 
@@ -17,12 +17,12 @@ struct Board
     KernelFiles kernelFiles{strDir};
     SceneFile scene{strDir + "/scene"};
     UvcCamera camera{strDir, journal, frameLog};
-    Commands commands{camera, kernelFiles, scene, journal};
+    CameraCommands commands{camera, kernelFiles, scene, journal};
 };
 
 } // namespace
 
-TEST(Commands, WrongWordsAreRefused)
+TEST(CameraCommands, WrongWordsAreRefused)
 {
     Board board;
 
@@ -71,7 +71,7 @@ TEST(Commands, WrongWordsAreRefused)
     }
 }
 
-TEST(Commands, SpotIsWrittenToTheScene)
+TEST(CameraCommands, SpotIsWrittenToTheScene)
 {
     Board board;
 
@@ -83,7 +83,7 @@ TEST(Commands, SpotIsWrittenToTheScene)
     EXPECT_EQ(1u, board.scene.state().u32LaserOn);
 }
 
-TEST(Commands, StatusTellsRateAndPlug)
+TEST(CameraCommands, StatusTellsRateAndPlug)
 {
     Board board;
     EXPECT_EQ(
@@ -103,7 +103,7 @@ TEST(Commands, StatusTellsRateAndPlug)
         board.commands.run("status"));
 }
 
-TEST(Commands, AreNotedInTheJournalUntilItIsCleared)
+TEST(CameraCommands, AreNotedInTheJournalUntilItIsCleared)
 {
     Board board;
 
@@ -133,11 +133,11 @@ TEST(Journal, StartsOverWhenItIsFull)
     EXPECT_EQ('\n', strText.back());
 }
 
-TEST(Script, LinesComeAtTheirTimesInOrder)
+TEST(TimedScript, LinesComeAtTheirTimesInOrder)
 {
     ScratchFolder folder;
     folder.write("script", "# comment\n\n  2.5 replug\n1 unplug\n1 freeze now\n");
-    Script script;
+    TimedScript script;
     ASSERT_TRUE(script.load((folder.path() / "script").string()));
 
     EXPECT_EQ(1, script.next());
@@ -150,14 +150,14 @@ TEST(Script, LinesComeAtTheirTimesInOrder)
     EXPECT_LT(script.next(), 0);
 }
 
-TEST(Script, BrokenFilesAreRefused)
+TEST(TimedScript, BrokenFilesAreRefused)
 {
     ScratchFolder folder;
     for (const char* pText : {"unplug\n", "-1 unplug\n", "1\n", "nan unplug\n"}) {
         folder.write("script", pText);
-        Script script;
+        TimedScript script;
         EXPECT_FALSE(script.load((folder.path() / "script").string())) << pText;
     }
-    Script script;
+    TimedScript script;
     EXPECT_FALSE(script.load((folder.path() / "missing").string()));
 }

@@ -8,7 +8,7 @@
  * Lines "SECONDS COMMAND", seconds since the start with decimals; empty lines and such that start
  * with '#' are skipped. Lines of the same time keep their order.
  */
-class Script
+class TimedScript
 {
 public:
     /** @return false when the file cannot be read, or a line lacks its time; named on standard

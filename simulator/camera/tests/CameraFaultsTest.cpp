@@ -38,7 +38,7 @@ uint32_t nextBytes(VideoClient& client)
 
 } // namespace
 
-TEST(Fault, UnplugTakesNodeListEntryAndOpensAway)
+TEST(CameraFaults, UnplugTakesNodeListEntryAndOpensAway)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -65,7 +65,7 @@ TEST(Fault, UnplugTakesNodeListEntryAndOpensAway)
     EXPECT_EQ(1u, camera.count("close = 0"));
 }
 
-TEST(Fault, ReplugBringsAFreshCamera)
+TEST(CameraFaults, ReplugBringsAFreshCamera)
 {
     VirtualCamera camera;
     VideoClient before;
@@ -86,7 +86,7 @@ TEST(Fault, ReplugBringsAFreshCamera)
     EXPECT_GT(nextBytes(after), 176u);
 }
 
-TEST(Fault, UnplugBetweenDequeueAndQueue)
+TEST(CameraFaults, UnplugBetweenDequeueAndQueue)
 {
     VirtualCamera camera;
     camera.command("unplug after dequeue");
@@ -99,7 +99,7 @@ TEST(Fault, UnplugBetweenDequeueAndQueue)
     EXPECT_EQ(ENODEV, client.enqueue(buffer.index));
 }
 
-TEST(Fault, BlockedDequeueEndsWithTheUnplug)
+TEST(CameraFaults, BlockedDequeueEndsWithTheUnplug)
 {
     VirtualCamera camera;
     camera.command("unplug after STREAMON");
@@ -110,7 +110,7 @@ TEST(Fault, BlockedDequeueEndsWithTheUnplug)
     EXPECT_EQ(ENODEV, client.dequeue(buffer));
 }
 
-TEST(Fault, FailingCallsAreCountedAndSkipped)
+TEST(CameraFaults, FailingCallsAreCountedAndSkipped)
 {
     VirtualCamera camera;
     camera.command("fail VIDIOC_G_FMT EIO 2 skip 1");
@@ -124,7 +124,7 @@ TEST(Fault, FailingCallsAreCountedAndSkipped)
     EXPECT_EQ(0, client.control(VIDIOC_G_FMT, format));
 }
 
-TEST(Fault, DequeueFailsAndTheFrameIsNotLost)
+TEST(CameraFaults, DequeueFailsAndTheFrameIsNotLost)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -142,7 +142,7 @@ TEST(Fault, DequeueFailsAndTheFrameIsNotLost)
     EXPECT_EQ(0u, buffer.sequence);
 }
 
-TEST(Fault, EveryCallCanFail)
+TEST(CameraFaults, EveryCallCanFail)
 {
     VirtualCamera camera;
     struct stat status = {};
@@ -180,7 +180,7 @@ TEST(Fault, EveryCallCanFail)
     EXPECT_EQ(0, VideoClient().requestBuffers(2));
 }
 
-TEST(Fault, FramesHaveTheBytesAskedFor)
+TEST(CameraFaults, FramesHaveTheBytesAskedFor)
 {
     VirtualCamera camera({"--keep", "100"});
     VideoClient client;
@@ -207,7 +207,7 @@ TEST(Fault, FramesHaveTheBytesAskedFor)
     EXPECT_GT(nextBytes(client), 10000u);
 }
 
-TEST(Fault, OneBufferIsGranted)
+TEST(CameraFaults, OneBufferIsGranted)
 {
     VirtualCamera camera;
     camera.command("grant 1");
@@ -221,7 +221,7 @@ TEST(Fault, OneBufferIsGranted)
     EXPECT_EQ(2u, u32Granted);
 }
 
-TEST(Fault, DequeueNamesABufferThatDoesNotExist)
+TEST(CameraFaults, DequeueNamesABufferThatDoesNotExist)
 {
     VirtualCamera camera;
     camera.command("index 7");
@@ -235,7 +235,7 @@ TEST(Fault, DequeueNamesABufferThatDoesNotExist)
     EXPECT_EQ(1u, buffer.index);
 }
 
-TEST(Fault, TimePerFrameIsNotSupported)
+TEST(CameraFaults, TimePerFrameIsNotSupported)
 {
     VirtualCamera camera;
     camera.command("timeperframe off");
@@ -251,7 +251,7 @@ TEST(Fault, TimePerFrameIsNotSupported)
     EXPECT_NE(0u, parm.parm.capture.capability & V4L2_CAP_TIMEPERFRAME);
 }
 
-TEST(Fault, DriverGrantsThirtyWhenAskedForTwentyFive)
+TEST(CameraFaults, DriverGrantsThirtyWhenAskedForTwentyFive)
 {
     VirtualCamera camera;
     camera.command("coerce 30");
@@ -266,7 +266,7 @@ TEST(Fault, DriverGrantsThirtyWhenAskedForTwentyFive)
     EXPECT_EQ(25u, granted.denominator);
 }
 
-TEST(Fault, DeviceIsNoCamera)
+TEST(CameraFaults, DeviceIsNoCamera)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -281,7 +281,7 @@ TEST(Fault, DeviceIsNoCamera)
     EXPECT_EQ(0x84a00001u, cap.capabilities);
 }
 
-TEST(Fault, NodeIsARegularFile)
+TEST(CameraFaults, NodeIsARegularFile)
 {
     VirtualCamera camera;
     camera.command("stat regular");
@@ -295,7 +295,7 @@ TEST(Fault, NodeIsARegularFile)
     EXPECT_TRUE(S_ISCHR(status.st_mode));
 }
 
-TEST(Fault, ListOfInputDevicesIsWrong)
+TEST(CameraFaults, ListOfInputDevicesIsWrong)
 {
     VirtualCamera camera;
     EXPECT_NE(std::string::npos, inputDevices().find("H: Handlers=kbd event2 \n"));
@@ -312,7 +312,7 @@ TEST(Fault, ListOfInputDevicesIsWrong)
     EXPECT_NE(std::string::npos, inputDevices().find("H: Handlers=kbd event2 \n"));
 }
 
-TEST(Fault, FrozenCameraFillsNothing)
+TEST(CameraFaults, FrozenCameraFillsNothing)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -332,7 +332,7 @@ TEST(Fault, FrozenCameraFillsNothing)
     EXPECT_TRUE(client.readable(30000));
 }
 
-TEST(Fault, ProgramGoneMeansDeviceGone)
+TEST(CameraFaults, ProgramGoneMeansDeviceGone)
 {
     auto pCamera = std::make_unique<VirtualCamera>();
     VideoClient client;

@@ -1,12 +1,12 @@
 // What the camera shall do wrong, as told by commands.
-#include "Faults.h"
+#include "CameraFaults.h"
 
-void Faults::failCall(CameraCall eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip)
+void CameraFaults::failCall(CameraCall eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip)
 {
     m_listCall.push_back({eCall, nErrno, u32Count, u32Skip});
 }
 
-int Faults::failure(CameraCall eCall)
+int CameraFaults::failure(CameraCall eCall)
 {
     for (auto it = m_listCall.begin(); it != m_listCall.end(); ++it) {
         if (it->eCall != eCall) {
@@ -25,7 +25,7 @@ int Faults::failure(CameraCall eCall)
     return 0;
 }
 
-std::optional<uint32_t> Faults::use(ValueFault& fault)
+std::optional<uint32_t> CameraFaults::use(ValueFault& fault)
 {
     if (0 == fault.u32Count) {
         return std::nullopt;
@@ -34,40 +34,40 @@ std::optional<uint32_t> Faults::use(ValueFault& fault)
     return fault.u32Value;
 }
 
-void Faults::setBytes(uint32_t u32Bytes, uint32_t u32Count)
+void CameraFaults::setBytes(uint32_t u32Bytes, uint32_t u32Count)
 {
     m_bytes = {u32Bytes, u32Count};
     m_bOverflow = false;
 }
 
-void Faults::setOverflow(uint32_t u32Count)
+void CameraFaults::setOverflow(uint32_t u32Count)
 {
     m_bytes = {0, u32Count};
     m_bOverflow = true;
 }
 
-std::optional<uint32_t> Faults::bytes(uint32_t u32BufferLength)
+std::optional<uint32_t> CameraFaults::bytes(uint32_t u32BufferLength)
 {
     const std::optional<uint32_t> bytes = use(m_bytes);
     return bytes && m_bOverflow ? u32BufferLength + 1 : bytes;
 }
 
-void Faults::setIndex(uint32_t u32Index, uint32_t u32Count)
+void CameraFaults::setIndex(uint32_t u32Index, uint32_t u32Count)
 {
     m_index = {u32Index, u32Count};
 }
 
-std::optional<uint32_t> Faults::index()
+std::optional<uint32_t> CameraFaults::index()
 {
     return use(m_index);
 }
 
-void Faults::setGrant(uint32_t u32Buffers, uint32_t u32Count)
+void CameraFaults::setGrant(uint32_t u32Buffers, uint32_t u32Count)
 {
     m_grant = {u32Buffers, u32Count};
 }
 
-std::optional<uint32_t> Faults::grant()
+std::optional<uint32_t> CameraFaults::grant()
 {
     return use(m_grant);
 }

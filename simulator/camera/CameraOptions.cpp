@@ -1,5 +1,5 @@
 // The command line of kestrel-camera.
-#include "Options.h"
+#include "CameraOptions.h"
 
 #include "SceneGeometry.h"
 
@@ -45,7 +45,7 @@ bool number(const char* pText, double dLow, double dHigh, double& dValue)
 
 } // namespace
 
-bool Options::parse(int nCount, char** ppArgument)
+bool CameraOptions::parse(int nCount, char** ppArgument)
 {
     bool bGood = true;
     for (int nOption = 0;

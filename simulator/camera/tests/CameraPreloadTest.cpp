@@ -75,7 +75,7 @@ bool hasCamera(int nFd)
 
 } // namespace
 
-TEST(Preload, OpenTakesOneDescriptorAndNoThread)
+TEST(CameraPreload, OpenTakesOneDescriptorAndNoThread)
 {
     VirtualCamera camera;
     const size_t nDescriptors = descriptors();
@@ -94,7 +94,7 @@ TEST(Preload, OpenTakesOneDescriptorAndNoThread)
     EXPECT_EQ(nDescriptors, descriptors());
 }
 
-TEST(Preload, UseAllocatesNothing)
+TEST(CameraPreload, UseAllocatesNothing)
 {
     VirtualCamera camera;
     const auto use = [] {
@@ -112,7 +112,7 @@ TEST(Preload, UseAllocatesNothing)
     EXPECT_EQ(nBefore, allocatedBytes());
 }
 
-TEST(Preload, WorksFromOtherNamespaces)
+TEST(CameraPreload, WorksFromOtherNamespaces)
 {
     // Whoever is not root needs a user namespace too.
     const std::string strUnshare = (0 == geteuid()) ? "unshare -m -n " : "unshare -r -m -n ";
@@ -124,7 +124,7 @@ TEST(Preload, WorksFromOtherNamespaces)
     EXPECT_EQ(1u, camera.count("open flags="));
 }
 
-TEST(Preload, RepeatedOpensLeaveNothingMapped)
+TEST(CameraPreload, RepeatedOpensLeaveNothingMapped)
 {
     VirtualCamera camera;
     const auto mappings = [] {
@@ -146,7 +146,7 @@ TEST(Preload, RepeatedOpensLeaveNothingMapped)
     EXPECT_TRUE(camera.waitForCalls("close", 50));
 }
 
-TEST(Preload, CloseOnExecAndBlockingAreAsAskedFor)
+TEST(CameraPreload, CloseOnExecAndBlockingAreAsAskedFor)
 {
     VirtualCamera camera;
     VideoClient plain(O_RDWR);
@@ -158,7 +158,7 @@ TEST(Preload, CloseOnExecAndBlockingAreAsAskedFor)
     EXPECT_EQ(O_RDWR | O_NONBLOCK, fcntl(both.descriptor(), F_GETFL));
 }
 
-TEST(Preload, EveryWayOfOpeningReachesTheCamera)
+TEST(CameraPreload, EveryWayOfOpeningReachesTheCamera)
 {
     VirtualCamera camera;
     const std::vector<int> vecFd = {
@@ -178,7 +178,7 @@ TEST(Preload, EveryWayOfOpeningReachesTheCamera)
     EXPECT_EQ(vecFd.size(), camera.count("open flags=O_RDWR = 0"));
 }
 
-TEST(Preload, EveryWayOfReadingTheListShowsTheCamera)
+TEST(CameraPreload, EveryWayOfReadingTheListShowsTheCamera)
 {
     VirtualCamera camera;
 
@@ -196,7 +196,7 @@ TEST(Preload, EveryWayOfReadingTheListShowsTheCamera)
     EXPECT_TRUE(camera.journal().empty());
 }
 
-TEST(Preload, ChildrenThatDoNotUseTheCameraLeaveNoTrace)
+TEST(CameraPreload, ChildrenThatDoNotUseTheCameraLeaveNoTrace)
 {
     VirtualCamera camera;
 
@@ -207,7 +207,7 @@ TEST(Preload, ChildrenThatDoNotUseTheCameraLeaveNoTrace)
     EXPECT_TRUE(camera.journal().empty());
 }
 
-TEST(Preload, ForkedChildsCloseLeavesTheCameraOpen)
+TEST(CameraPreload, ForkedChildsCloseLeavesTheCameraOpen)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -226,7 +226,7 @@ TEST(Preload, ForkedChildsCloseLeavesTheCameraOpen)
     EXPECT_EQ(0u, camera.count("close"));
 }
 
-TEST(Preload, KilledProcessGivesTheCameraBack)
+TEST(CameraPreload, KilledProcessGivesTheCameraBack)
 {
     VirtualCamera camera;
     const pid_t pid = fork();
@@ -248,7 +248,7 @@ TEST(Preload, KilledProcessGivesTheCameraBack)
     EXPECT_EQ(0, nError);
 }
 
-TEST(Preload, DescriptorClosedBehindItsBackIsNobodys)
+TEST(CameraPreload, DescriptorClosedBehindItsBackIsNobodys)
 {
     VirtualCamera camera;
     const VideoClient client; // closes the other one at its end
@@ -267,7 +267,7 @@ TEST(Preload, DescriptorClosedBehindItsBackIsNobodys)
     EXPECT_EQ(0u, camera.count("QUERYCAP"));
 }
 
-TEST(Preload, MappingOfADescriptorClosedBehindItsBackCanBeUndone)
+TEST(CameraPreload, MappingOfADescriptorClosedBehindItsBackCanBeUndone)
 {
     VirtualCamera camera;
     VideoClient lost;
@@ -282,7 +282,7 @@ TEST(Preload, MappingOfADescriptorClosedBehindItsBackCanBeUndone)
     EXPECT_EQ(0u, camera.count("munmap"));
 }
 
-TEST(Preload, WithoutTheVariableEverythingIsHandedOn)
+TEST(CameraPreload, WithoutTheVariableEverythingIsHandedOn)
 {
     struct stat status = {};
 
@@ -291,7 +291,7 @@ TEST(Preload, WithoutTheVariableEverythingIsHandedOn)
     EXPECT_EQ(syscall(SYS_faccessat, AT_FDCWD, "/dev/video0", F_OK), nResult);
 }
 
-TEST(Preload, SixteenOpensAreTheMost)
+TEST(CameraPreload, SixteenOpensAreTheMost)
 {
     VirtualCamera camera;
     std::vector<std::unique_ptr<VideoClient>> vecClient;

@@ -18,7 +18,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(Device, NodeIsACharacterDevice)
+TEST(CameraDevice, NodeIsACharacterDevice)
 {
     VirtualCamera camera;
     struct stat status = {};
@@ -34,7 +34,7 @@ TEST(Device, NodeIsACharacterDevice)
     EXPECT_TRUE(S_ISCHR(status.st_mode));
 }
 
-TEST(Device, NodeIsMissingWithoutTheProgram)
+TEST(CameraDevice, NodeIsMissingWithoutTheProgram)
 {
     setenv("KESTREL_CAMERA_DIR", "/nonexistent", 1);
     struct stat status = {};
@@ -46,7 +46,7 @@ TEST(Device, NodeIsMissingWithoutTheProgram)
     unsetenv("KESTREL_CAMERA_DIR");
 }
 
-TEST(Device, OtherDescriptorsAreLeftAlone)
+TEST(CameraDevice, OtherDescriptorsAreLeftAlone)
 {
     VirtualCamera camera;
     const VideoClient client;
@@ -59,7 +59,7 @@ TEST(Device, OtherDescriptorsAreLeftAlone)
     close(nFd);
 }
 
-TEST(Device, CapabilitiesAreThoseOfAUvcCamera)
+TEST(CameraDevice, CapabilitiesAreThoseOfAUvcCamera)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -72,7 +72,7 @@ TEST(Device, CapabilitiesAreThoseOfAUvcCamera)
     EXPECT_EQ(0x04200001u, cap.device_caps);
 }
 
-TEST(Device, InterlacedBecomesProgressive)
+TEST(CameraDevice, InterlacedBecomesProgressive)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -85,7 +85,7 @@ TEST(Device, InterlacedBecomesProgressive)
     EXPECT_EQ(614400u, granted.fmt.pix.sizeimage);
 }
 
-TEST(Device, SizeBecomesTheNearest)
+TEST(CameraDevice, SizeBecomesTheNearest)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -101,7 +101,7 @@ TEST(Device, SizeBecomesTheNearest)
     EXPECT_EQ(480u, granted.fmt.pix.height);
 }
 
-TEST(Device, UnknownPixelFormatBecomesMotionJpeg)
+TEST(CameraDevice, UnknownPixelFormatBecomesMotionJpeg)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -113,7 +113,7 @@ TEST(Device, UnknownPixelFormatBecomesMotionJpeg)
     EXPECT_EQ(1u, camera.count("S_FMT type=1 width=640 height=480 pixelformat=5 field=4 = 0"));
 }
 
-TEST(Device, TriedFormatIsNotSet)
+TEST(CameraDevice, TriedFormatIsNotSet)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -129,7 +129,7 @@ TEST(Device, TriedFormatIsNotSet)
     EXPECT_EQ(640u, format.fmt.pix.width);
 }
 
-TEST(Device, FormatIsBusyWhileBuffersExist)
+TEST(CameraDevice, FormatIsBusyWhileBuffersExist)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -141,7 +141,7 @@ TEST(Device, FormatIsBusyWhileBuffersExist)
     EXPECT_EQ(0, client.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480));
 }
 
-TEST(Device, IntervalBecomesTheNearest)
+TEST(CameraDevice, IntervalBecomesTheNearest)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -159,7 +159,7 @@ TEST(Device, IntervalBecomesTheNearest)
     }
 }
 
-TEST(Device, IntervalIsBusyWhileStreaming)
+TEST(CameraDevice, IntervalIsBusyWhileStreaming)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -168,7 +168,7 @@ TEST(Device, IntervalIsBusyWhileStreaming)
     EXPECT_EQ(EBUSY, client.setInterval(1, 25));
 }
 
-TEST(Device, CropRectanglesAreTheWholePictureAndCannotBeSet)
+TEST(CameraDevice, CropRectanglesAreTheWholePictureAndCannotBeSet)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -185,7 +185,7 @@ TEST(Device, CropRectanglesAreTheWholePictureAndCannotBeSet)
     EXPECT_EQ(ENOTTY, client.control(VIDIOC_S_CROP, crop));
 }
 
-TEST(Device, UnknownIoctlIsNotATypewriter)
+TEST(CameraDevice, UnknownIoctlIsNotATypewriter)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -196,7 +196,7 @@ TEST(Device, UnknownIoctlIsNotATypewriter)
     EXPECT_EQ(2u, camera.count("ioctl request=0x"));
 }
 
-TEST(Device, WrongBufferTypeIsInvalid)
+TEST(CameraDevice, WrongBufferTypeIsInvalid)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -213,7 +213,7 @@ TEST(Device, WrongBufferTypeIsInvalid)
     EXPECT_EQ(EINVAL, client.control(VIDIOC_STREAMON, nType));
 }
 
-TEST(Device, RequestGrantsExactlyTheBuffersAskedFor)
+TEST(CameraDevice, RequestGrantsExactlyTheBuffersAskedFor)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -233,7 +233,7 @@ TEST(Device, RequestGrantsExactlyTheBuffersAskedFor)
     EXPECT_EQ(32u, u32Granted);
 }
 
-TEST(Device, RequestIsBusyWhileStreaming)
+TEST(CameraDevice, RequestIsBusyWhileStreaming)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -243,7 +243,7 @@ TEST(Device, RequestIsBusyWhileStreaming)
     EXPECT_EQ(EBUSY, client.requestBuffers(0));
 }
 
-TEST(Device, QueueingTwiceIsInvalid)
+TEST(CameraDevice, QueueingTwiceIsInvalid)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -255,7 +255,7 @@ TEST(Device, QueueingTwiceIsInvalid)
     EXPECT_EQ(0, client.enqueue(1));
 }
 
-TEST(Device, MappingMustBeSharedAndStartAtABuffer)
+TEST(CameraDevice, MappingMustBeSharedAndStartAtABuffer)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -276,7 +276,7 @@ TEST(Device, MappingMustBeSharedAndStartAtABuffer)
     EXPECT_EQ(2u, camera.count("munmap length=614400 offset="));
 }
 
-TEST(Device, MappingOutlivesBuffersAndDescriptor)
+TEST(CameraDevice, MappingOutlivesBuffersAndDescriptor)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -293,7 +293,7 @@ TEST(Device, MappingOutlivesBuffersAndDescriptor)
     EXPECT_EQ(vecBefore, client.bytes(buffer));
 }
 
-TEST(Device, StreamingOnNeedsBuffersAndMayBeRepeated)
+TEST(CameraDevice, StreamingOnNeedsBuffersAndMayBeRepeated)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -308,7 +308,7 @@ TEST(Device, StreamingOnNeedsBuffersAndMayBeRepeated)
     EXPECT_EQ(0, client.streamOff());
 }
 
-TEST(Device, DequeueIsInvalidUnlessStreaming)
+TEST(CameraDevice, DequeueIsInvalidUnlessStreaming)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -319,7 +319,7 @@ TEST(Device, DequeueIsInvalidUnlessStreaming)
     EXPECT_EQ(EINVAL, client.dequeue(buffer));
 }
 
-TEST(Device, DequeueOfAnEmptyQueueAsksToTryAgain)
+TEST(CameraDevice, DequeueOfAnEmptyQueueAsksToTryAgain)
 {
     VirtualCamera camera;
     camera.command("freeze");
@@ -330,7 +330,7 @@ TEST(Device, DequeueOfAnEmptyQueueAsksToTryAgain)
     EXPECT_EQ(EAGAIN, client.dequeue(buffer));
 }
 
-TEST(Device, SelectFindsItReadableWhileAFilledBufferWaits)
+TEST(CameraDevice, SelectFindsItReadableWhileAFilledBufferWaits)
 {
     VirtualCamera camera;
     camera.command("freeze");
@@ -349,7 +349,7 @@ TEST(Device, SelectFindsItReadableWhileAFilledBufferWaits)
     EXPECT_FALSE(client.readable(0));
 }
 
-TEST(Device, SelectDoesNotWaitForWhatNeverStreams)
+TEST(CameraDevice, SelectDoesNotWaitForWhatNeverStreams)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -369,7 +369,7 @@ TEST(Device, SelectDoesNotWaitForWhatNeverStreams)
     EXPECT_TRUE(client.readable(0));
 }
 
-TEST(Device, BlockingDequeueWaits)
+TEST(CameraDevice, BlockingDequeueWaits)
 {
     VirtualCamera camera;
     VideoClient client(O_RDWR);
@@ -384,7 +384,7 @@ TEST(Device, BlockingDequeueWaits)
     EXPECT_EQ(0u, camera.count("DQBUF type=1 memory=1 = -1"));
 }
 
-TEST(Device, DequeuedBufferTellsFlagsSequenceAndTime)
+TEST(CameraDevice, DequeuedBufferTellsFlagsSequenceAndTime)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -409,7 +409,7 @@ TEST(Device, DequeuedBufferTellsFlagsSequenceAndTime)
     EXPECT_LT(dAge, 60);
 }
 
-TEST(Device, SecondOpenMayAskButNotStream)
+TEST(CameraDevice, SecondOpenMayAskButNotStream)
 {
     VirtualCamera camera;
     VideoClient first;
@@ -426,7 +426,7 @@ TEST(Device, SecondOpenMayAskButNotStream)
     EXPECT_EQ(0, second.requestBuffers(2));
 }
 
-TEST(Device, PriorityHoldsOthersBack)
+TEST(CameraDevice, PriorityHoldsOthersBack)
 {
     VirtualCamera camera;
     VideoClient first;
@@ -442,7 +442,7 @@ TEST(Device, PriorityHoldsOthersBack)
     EXPECT_EQ(EINVAL, first.control(VIDIOC_S_PRIORITY, u32Priority));
 }
 
-TEST(Device, InputIsTheOneCamera)
+TEST(CameraDevice, InputIsTheOneCamera)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -459,7 +459,7 @@ TEST(Device, InputIsTheOneCamera)
     EXPECT_EQ(EINVAL, client.control(VIDIOC_S_INPUT, nInput));
 }
 
-TEST(Device, ControlsAreClampedOrRefused)
+TEST(CameraDevice, ControlsAreClampedOrRefused)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -477,7 +477,7 @@ TEST(Device, ControlsAreClampedOrRefused)
     EXPECT_EQ(EINVAL, client.control(VIDIOC_G_CTRL, control));
 }
 
-TEST(Device, SeveralControlsAreSetTogetherOrNotAtAll)
+TEST(CameraDevice, SeveralControlsAreSetTogetherOrNotAtAll)
 {
     VirtualCamera camera;
     VideoClient client;
@@ -505,7 +505,7 @@ TEST(Device, SeveralControlsAreSetTogetherOrNotAtAll)
     EXPECT_EQ(300, control.value);
 }
 
-TEST(Device, JournalHoldsTheCallsInOrderWithArgumentsAndResults)
+TEST(CameraDevice, JournalHoldsTheCallsInOrderWithArgumentsAndResults)
 {
     VirtualCamera camera;
     camera.command("freeze");
@@ -544,7 +544,7 @@ TEST(Device, JournalHoldsTheCallsInOrderWithArgumentsAndResults)
     EXPECT_EQ(EXPECTED, camera.journal());
 }
 
-TEST(Device, CpuTellsTheProcessorTimeSpentInTheLibrarysCalls)
+TEST(CameraDevice, CpuTellsTheProcessorTimeSpentInTheLibrarysCalls)
 {
     VirtualCamera camera;
     EXPECT_EQ("ok cpu=0", camera.command("cpu"));

@@ -1,12 +1,12 @@
 // Commands that are given at set times.
-#include "Script.h"
+#include "TimedScript.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
-bool Script::load(const std::string& strPath)
+bool TimedScript::load(const std::string& strPath)
 {
     std::ifstream file(strPath);
     if (!file) {
@@ -36,7 +36,7 @@ bool Script::load(const std::string& strPath)
     return true;
 }
 
-std::string Script::due(double dSeconds)
+std::string TimedScript::due(double dSeconds)
 {
     if (m_nNext >= m_vecLine.size() || m_vecLine[m_nNext].dSeconds > dSeconds) {
         return "";
@@ -44,7 +44,7 @@ std::string Script::due(double dSeconds)
     return m_vecLine[m_nNext++].strCommand;
 }
 
-double Script::next() const
+double TimedScript::next() const
 {
     return m_nNext < m_vecLine.size() ? m_vecLine[m_nNext].dSeconds : -1;
 }

@@ -1,5 +1,5 @@
 // The virtual controller board: port, pins, control socket and scene around the controller.
-#include "Simulator.h"
+#include "ControllerBoard.h"
 
 #include <cerrno>
 #include <climits>
@@ -23,7 +23,7 @@ static int64_t monotonicUs()
     return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
-Simulator::Simulator(const SimulatorOptions& options)
+ControllerBoard::ControllerBoard(const ControllerBoardOptions& options)
     : m_options(options), m_s64StartUs(monotonicUs()), m_controller(options.controller, m_wireLog),
       m_port(options.strNode)
 {
@@ -32,14 +32,14 @@ Simulator::Simulator(const SimulatorOptions& options)
     });
 }
 
-Simulator::~Simulator()
+ControllerBoard::~ControllerBoard()
 {
     if (nullptr != m_pScene) {
         munmap(m_pScene, sizeof(*m_pScene));
     }
 }
 
-bool Simulator::init(std::string& strError)
+bool ControllerBoard::init(std::string& strError)
 {
     const auto fail = [&strError](const std::string& strWhat) {
         strError = strWhat + ": " + strerror(errno);
@@ -66,7 +66,7 @@ bool Simulator::init(std::string& strError)
     return readScript(strError);
 }
 
-bool Simulator::mapScene()
+bool ControllerBoard::mapScene()
 {
     const int nFd = open(m_options.strScene.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (nFd < 0) {
@@ -85,7 +85,7 @@ bool Simulator::mapScene()
     return true;
 }
 
-bool Simulator::readScript(std::string& strError)
+bool ControllerBoard::readScript(std::string& strError)
 {
     if (m_options.strScript.empty()) {
         return true;
@@ -117,12 +117,12 @@ bool Simulator::readScript(std::string& strError)
     return true;
 }
 
-int64_t Simulator::nowUs() const
+int64_t ControllerBoard::nowUs() const
 {
     return monotonicUs() - m_s64StartUs;
 }
 
-int Simulator::pollTimeoutMs(int64_t s64NowUs) const
+int ControllerBoard::pollTimeoutMs(int64_t s64NowUs) const
 {
     int64_t s64DueUs = m_controller.nextDueUs(s64NowUs);
     if (!m_mapDue.empty() && (s64DueUs < 0 || m_mapDue.begin()->first < s64DueUs)) {
@@ -135,7 +135,7 @@ int Simulator::pollTimeoutMs(int64_t s64NowUs) const
     return (s64Ms < 0) ? 0 : (s64Ms > INT_MAX) ? INT_MAX : static_cast<int>(s64Ms);
 }
 
-void Simulator::run(int nStopFd)
+void ControllerBoard::run(int nStopFd)
 {
     while (!m_bQuit) {
         m_wireLog.flush();
@@ -170,7 +170,7 @@ void Simulator::run(int nStopFd)
     }
 }
 
-void Simulator::readPort(int64_t s64NowUs)
+void ControllerBoard::readPort(int64_t s64NowUs)
 {
     while (m_port.isPlugged() && !m_bStalled && m_controller.wantsInput()) {
         const std::string strBytes = m_port.read();
@@ -182,7 +182,7 @@ void Simulator::readPort(int64_t s64NowUs)
     }
 }
 
-void Simulator::writeAnswers(int64_t s64NowUs)
+void ControllerBoard::writeAnswers(int64_t s64NowUs)
 {
     for (std::string strText; m_controller.takeAnswer(s64NowUs, strText);) {
         const size_t nWritten = m_port.isPlugged() ? m_port.write(strText) : 0;
@@ -193,7 +193,7 @@ void Simulator::writeAnswers(int64_t s64NowUs)
     }
 }
 
-void Simulator::readPins(int64_t s64NowUs)
+void ControllerBoard::readPins(int64_t s64NowUs)
 {
     for (const GpioLines::Store& store : m_gpio.read()) {
         m_wireLog.record(s64NowUs, "gpio", store.strFile + " " + store.strText);
@@ -211,7 +211,7 @@ void Simulator::readPins(int64_t s64NowUs)
     }
 }
 
-void Simulator::runDue(int64_t s64NowUs)
+void ControllerBoard::runDue(int64_t s64NowUs)
 {
     while (!m_mapDue.empty() && m_mapDue.begin()->first <= s64NowUs) {
         const std::string strInstruction = m_mapDue.begin()->second;
@@ -220,7 +220,7 @@ void Simulator::runDue(int64_t s64NowUs)
     }
 }
 
-void Simulator::updateScene(bool bAlways)
+void ControllerBoard::updateScene(bool bAlways)
 {
     const Point& position = m_controller.motion().position();
     const bool bSpot = m_controller.isSpotOn();
@@ -240,7 +240,7 @@ void Simulator::updateScene(bool bAlways)
     m_pScene->u32LaserOn = bSpot ? 1 : 0;
 }
 
-void Simulator::setPlugged(bool bPlugged, int64_t s64NowUs)
+void ControllerBoard::setPlugged(bool bPlugged, int64_t s64NowUs)
 {
     if (bPlugged == m_port.isPlugged()) {
         return;
@@ -256,7 +256,7 @@ void Simulator::setPlugged(bool bPlugged, int64_t s64NowUs)
     }
 }
 
-std::string Simulator::instruct(const std::string& strInstruction)
+std::string ControllerBoard::instruct(const std::string& strInstruction)
 {
     const int64_t s64NowUs = nowUs();
     if ("state" == strInstruction) {

@@ -10,7 +10,7 @@
 /**
  * The faults in force. Counted ones wear off with use. No locking: the camera's lock covers it.
  */
-class Faults
+class CameraFaults
 {
 public:
     static const uint32_t ALWAYS = UINT32_MAX;

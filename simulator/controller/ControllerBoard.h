@@ -14,7 +14,7 @@
 #include "WireLog.h"
 
 /** What the board is made of; empty paths leave a part out. */
-struct SimulatorOptions
+struct ControllerBoardOptions
 {
     ControllerSettings controller;
     std::string strNode;    // where the serial port appears; required
@@ -29,13 +29,13 @@ struct SimulatorOptions
 };
 
 /** Runs on the calling thread alone. */
-class Simulator
+class ControllerBoard
 {
 public:
-    explicit Simulator(const SimulatorOptions& options);
-    Simulator(const Simulator&) = delete;
-    Simulator& operator=(const Simulator&) = delete;
-    ~Simulator();
+    explicit ControllerBoard(const ControllerBoardOptions& options);
+    ControllerBoard(const ControllerBoard&) = delete;
+    ControllerBoard& operator=(const ControllerBoard&) = delete;
+    ~ControllerBoard();
 
     /** Build the board. @param strError  what failed, without a line end */
     bool init(std::string& strError);
@@ -59,7 +59,7 @@ private:
     void setPlugged(bool bPlugged, int64_t s64NowUs);
     std::string instruct(const std::string& strInstruction);
 
-    SimulatorOptions m_options;
+    ControllerBoardOptions m_options;
     int64_t m_s64StartUs;
     WireLog m_wireLog;
     Controller m_controller;

@@ -1,5 +1,5 @@
 // The commands that change the virtual camera while it runs.
-#include "Commands.h"
+#include "CameraCommands.h"
 
 #include <cmath>
 #include <cstdio>
@@ -28,7 +28,7 @@ bool count(const std::vector<std::string>& vecWord, size_t nAt, uint32_t& u32Cou
         return true;
     }
     if ("always" == vecWord[nAt]) {
-        u32Count = Faults::ALWAYS;
+        u32Count = CameraFaults::ALWAYS;
         return true;
     }
     return number(vecWord[nAt], u32Count) && u32Count > 0;
@@ -52,17 +52,18 @@ bool micrometres(const std::string& strWord, int32_t& s32Value)
 
 } // namespace
 
-Commands::Commands(UvcCamera& camera, KernelFiles& kernelFiles, SceneFile& scene, Journal& journal)
+CameraCommands::CameraCommands(UvcCamera& camera, KernelFiles& kernelFiles, SceneFile& scene,
+                               Journal& journal)
     : m_camera(camera), m_kernelFiles(kernelFiles), m_scene(scene), m_journal(journal)
 {
 }
 
-bool Commands::quit() const
+bool CameraCommands::quit() const
 {
     return m_bQuit;
 }
 
-std::string Commands::run(const std::string& strLine)
+std::string CameraCommands::run(const std::string& strLine)
 {
     Words vecWord;
     std::istringstream stream(strLine);
@@ -87,7 +88,7 @@ std::string Commands::run(const std::string& strLine)
     return change(vecWord);
 }
 
-std::string Commands::change(const Words& vecWord)
+std::string CameraCommands::change(const Words& vecWord)
 {
     const std::string& strName = vecWord[0];
     const size_t nWords = vecWord.size();
@@ -113,10 +114,10 @@ std::string Commands::change(const Words& vecWord)
         m_journal.clear();
     } else if ("timeperframe" == strName && 2 == nWords && oneOf(vecWord[1], "on", "off")) {
         m_camera.changeFaults(
-            [&](Faults& faults) { faults.bNoTimePerFrame = "off" == vecWord[1]; });
+            [&](CameraFaults& faults) { faults.bNoTimePerFrame = "off" == vecWord[1]; });
     } else if ("stat" == strName && 2 == nWords && oneOf(vecWord[1], "regular", "normal")) {
         m_camera.changeFaults(
-            [&](Faults& faults) { faults.bRegularNode = "regular" == vecWord[1]; });
+            [&](CameraFaults& faults) { faults.bRegularNode = "regular" == vecWord[1]; });
     } else if ("capabilities" == strName && 2 == nWords) {
         return capabilities(vecWord[1]);
     } else if ("mark" == strName) {
@@ -126,9 +127,9 @@ std::string Commands::change(const Words& vecWord)
     } else if ("replug" == strName) {
         m_camera.replug();
     } else if ("freeze" == strName || "thaw" == strName) {
-        m_camera.changeFaults([&](Faults& faults) { faults.bFrozen = "freeze" == strName; });
+        m_camera.changeFaults([&](CameraFaults& faults) { faults.bFrozen = "freeze" == strName; });
     } else if ("clear" == strName) {
-        m_camera.changeFaults([](Faults& faults) { faults = Faults(); });
+        m_camera.changeFaults([](CameraFaults& faults) { faults = CameraFaults(); });
         m_camera.setRate(0);
         m_kernelFiles.setMode(KernelFiles::MODE_E::NORMAL, 2);
     } else if ("quit" == strName) {
@@ -140,24 +141,24 @@ std::string Commands::change(const Words& vecWord)
 }
 
 // capabilities HEX|normal
-std::string Commands::capabilities(const std::string& strWord)
+std::string CameraCommands::capabilities(const std::string& strWord)
 {
     char* pEnd = nullptr;
     const unsigned long nValue = strtoul(strWord.c_str(), &pEnd, 16);
     if ("normal" == strWord) {
-        m_camera.changeFaults([](Faults& faults) { faults.capabilities.reset(); });
+        m_camera.changeFaults([](CameraFaults& faults) { faults.capabilities.reset(); });
         return OK;
     }
     if ('\0' != *pEnd || nValue > UINT32_MAX) {
         return USAGE;
     }
     m_camera.changeFaults(
-        [&](Faults& faults) { faults.capabilities = static_cast<uint32_t>(nValue); });
+        [&](CameraFaults& faults) { faults.capabilities = static_cast<uint32_t>(nValue); });
     return OK;
 }
 
 // unplug | unplug after CALL
-std::string Commands::unplug(const Words& vecWord)
+std::string CameraCommands::unplug(const Words& vecWord)
 {
     if (1 == vecWord.size()) {
         m_camera.unplug();
@@ -170,12 +171,12 @@ std::string Commands::unplug(const Words& vecWord)
     if (CAMERA_CALLS == eCall || CAMERA_stat == eCall || CAMERA_open == eCall) {
         return "error: unknown call";
     }
-    m_camera.changeFaults([&](Faults& faults) { faults.unplugAfter = eCall; });
+    m_camera.changeFaults([&](CameraFaults& faults) { faults.unplugAfter = eCall; });
     return OK;
 }
 
 // fail CALL ERRNO [COUNT|always [skip N]]
-std::string Commands::fail(const Words& vecWord)
+std::string CameraCommands::fail(const Words& vecWord)
 {
     uint32_t u32Count = 1;
     uint32_t u32Skip = 0;
@@ -193,12 +194,12 @@ std::string Commands::fail(const Words& vecWord)
         return "error: unknown errno";
     }
     m_camera.changeFaults(
-        [&](Faults& faults) { faults.failCall(eCall, nErrno, u32Count, u32Skip); });
+        [&](CameraFaults& faults) { faults.failCall(eCall, nErrno, u32Count, u32Skip); });
     return OK;
 }
 
 // bytes N|overflow [COUNT|always]
-std::string Commands::bytes(const Words& vecWord)
+std::string CameraCommands::bytes(const Words& vecWord)
 {
     uint32_t u32Bytes = 0;
     uint32_t u32Count = 1;
@@ -207,7 +208,7 @@ std::string Commands::bytes(const Words& vecWord)
         (!bOverflow && !number(vecWord[1], u32Bytes))) {
         return USAGE;
     }
-    m_camera.changeFaults([&](Faults& faults) {
+    m_camera.changeFaults([&](CameraFaults& faults) {
         if (bOverflow) {
             faults.setOverflow(u32Count);
         } else {
@@ -218,7 +219,7 @@ std::string Commands::bytes(const Words& vecWord)
 }
 
 // grant N [COUNT|always], index N [COUNT|always], coerce FPS|off, fps N|auto
-std::string Commands::counted(const Words& vecWord)
+std::string CameraCommands::counted(const Words& vecWord)
 {
     uint32_t u32Value = 0;
     uint32_t u32Count = 1;
@@ -239,7 +240,7 @@ std::string Commands::counted(const Words& vecWord)
     if ("grant" == strName && (u32Value < 1 || u32Value > VIDEO_MAX_FRAME)) {
         return "error: 1 to 32 buffers";
     }
-    m_camera.changeFaults([&](Faults& faults) {
+    m_camera.changeFaults([&](CameraFaults& faults) {
         if ("grant" == strName) {
             faults.setGrant(u32Value, u32Count);
         } else if ("index" == strName) {
@@ -252,7 +253,7 @@ std::string Commands::counted(const Words& vecWord)
 }
 
 // list normal|missing|nohandlers, list event N
-std::string Commands::list(const Words& vecWord)
+std::string CameraCommands::list(const Words& vecWord)
 {
     const std::string strMode = vecWord.size() > 1 ? vecWord[1] : "";
     uint32_t u32Event = 2;
@@ -273,7 +274,7 @@ std::string Commands::list(const Words& vecWord)
 }
 
 // spot X Y Z on|off, in millimetres
-std::string Commands::spot(const Words& vecWord)
+std::string CameraCommands::spot(const Words& vecWord)
 {
     int32_t as32Position[3] = {};
     if (5 != vecWord.size() || !oneOf(vecWord[4], "on", "off")) {
@@ -292,7 +293,7 @@ std::string Commands::spot(const Words& vecWord)
     return OK;
 }
 
-std::string Commands::stateText()
+std::string CameraCommands::stateText()
 {
     const Truth truth = m_camera.truth();
     char acText[256];
@@ -303,7 +304,7 @@ std::string Commands::stateText()
     return acText;
 }
 
-std::string Commands::statusText()
+std::string CameraCommands::statusText()
 {
     const UvcCamera::Status status = m_camera.status();
     char acText[256];

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "CallText.h"
-#include "Faults.h"
+#include "CameraFaults.h"
 #include "FrameLog.h"
 #include "Journal.h"
 #include "PictureSource.h"
@@ -157,7 +157,7 @@ private:
     uint32_t m_u32ForcedRate = 0;
     VideoControls m_controls;
     VideoQueue m_queue;
-    Faults m_faults;
+    CameraFaults m_faults;
     uint32_t m_u32Number = 0;   // frames since the program started
     uint32_t m_u32Sequence = 0; // frames since streaming was switched on
     uint32_t m_u32Run = 0;      // times streaming was switched on
