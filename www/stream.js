@@ -2,8 +2,10 @@
 
 const encoder = new TextEncoder();
 const HEADER_END = encoder.encode("\r\n\r\n");
-// Follows every picture and opens the next part; nothing precedes the first part.
-const TRAILER = encoder.encode("\r\n--boundarydonotcross\r\n");
+// Follows every picture and opens the next part. The board puts nothing before the first part, a
+// proxy in front of it may put the boundary there.
+const BOUNDARY = "--boundarydonotcross\r\n";
+const TRAILER = encoder.encode(`\r\n${BOUNDARY}`);
 const HEADER_LIMIT = 1024; // bytes; a part header has about 100
 const PICTURE_LIMIT = 4 * 1024 * 1024; // bytes; a picture has 20 to 60 KB
 
@@ -105,7 +107,10 @@ export class StreamParser {
         if (headEnd === -1) {
             return head.length === HEADER_LIMIT ? this.#lose() : false;
         }
-        const header = parsePartHeader(String.fromCharCode(...head.subarray(0, headEnd)));
+        const text = String.fromCharCode(...head.subarray(0, headEnd));
+        const header = parsePartHeader(
+            text.startsWith(BOUNDARY) ? text.slice(BOUNDARY.length) : text,
+        );
         if (!header || header.length > PICTURE_LIMIT) {
             return this.#lose();
         }
@@ -143,38 +148,57 @@ export class StreamParser {
     }
 }
 
+const SURE = 1000; // ms by which a first picture's age may be wrong, well below what counts as old
+
 /**
  * How old a picture is, though the board's clock and the browser's differ: arrival minus time stamp
  * is least for a picture that was held up nowhere; what another has above that, it was late.
+ *
+ * Nothing is forgiven for clocks that drift apart: lateness that comes slowly looks the same. The
+ * first picture of a connection tells them apart, as it was stamped after it was asked for and so
+ * cannot be older than the time since then.
  */
 export class FrameClock {
-    #least = null; // smallest arrival minus stamp seen, ms
-    #leastAt = 0;
+    #least = null; // arrival minus stamp of a picture held up nowhere, ms, as far as is known
+    #late = 0; // ms, of the last picture
     #lastStamp = null;
+
+    /**
+     * False for a first picture that would be the measure of all others and may itself be old: only
+     * another connection, whose picture comes at once, can tell.
+     */
+    canJudge(arrived, asked) {
+        return this.#least !== null || arrived - asked <= SURE;
+    }
 
     /**
      * @param arrived  ms of the browser's steady clock
      * @param stamp    ms of the board's clock, null when the part had none
+     * @param asked    for the first picture of a connection: when it was asked for, as `arrived`
      * @returns how late the picture arrived, ms
      */
-    lateness(arrived, stamp) {
+    lateness(arrived, stamp, asked = null) {
         if (stamp === null) {
             return 0;
         }
         const offset = arrived - stamp;
-        // The clocks drift: 500 ppm is the most by which a kernel slews its clock, adjtimex(2).
-        const drifted =
-            this.#least === null ? offset : this.#least + (arrived - this.#leastAt) * 0.0005;
-        const setBack = this.#lastStamp !== null && stamp < this.#lastStamp;
-        this.#least = setBack ? offset : Math.min(offset, drifted);
-        this.#leastAt = arrived;
+        const set = stamp < this.#lastStamp || offset < this.#least - SURE; // the board's clock
+        if (this.#least === null || (set && asked !== null)) {
+            this.#least = asked === null || arrived - asked <= SURE ? offset : asked - stamp;
+        } else if (set) {
+            this.#least = offset - this.#late; // the way did not change with the clock
+        } else {
+            this.#least = Math.max(Math.min(offset, this.#least), (asked ?? -Infinity) - stamp);
+        }
         this.#lastStamp = stamp;
-        return offset - this.#least;
+        this.#late = offset - this.#least;
+        return this.#late;
     }
 
     /** Forget what was seen: the browser's own clock has jumped. */
     reset() {
         this.#least = null;
+        this.#late = 0;
         this.#lastStamp = null;
     }
 }
