@@ -1,12 +1,26 @@
 // The board's page: starts the live picture and runs snapshot, measurement and the log's address.
 
+import { measurement, snapshot } from "./board.js";
 import { LivePicture } from "./live.js";
-import { clockTime } from "./text.js";
+import { Snapshots } from "./snapshots.js";
+import { Stage } from "./stage.js";
+import { clockTime, duration } from "./text.js";
 
-const SNAPSHOT_LIMIT = 10000; // ms; a plugged-in camera has a picture every 40
+const MEASURE_LIMIT = 120000; // ms; then the page stops waiting, whatever the board does
+const SERVICE_PORT = "8329"; // on another one a proxy answers
+
+const PROBLEMS = {
+    late: "No picture came within 10 seconds. Is the camera plugged in?",
+    silent: "No snapshot: the board gave no answer.",
+    "cut off": "No snapshot: the connection ended within the picture.",
+    empty: "No snapshot: the board answered an empty picture.",
+};
+const WAITING = "A measurement that has begun goes on and may move the arm; until it is done the board answers nothing else.";
+
 const element = (id) => document.getElementById(id);
 
 const live = new LivePicture();
+const snapshots = new Snapshots();
 
 function say(id, text, failed = false) {
     element(id).textContent = text;
@@ -29,68 +43,39 @@ async function once(button, work) {
     }
 }
 
-/** "/snap" answers on and on until the connection closes: take Content-Length bytes, no more. */
-async function readPicture(response) {
-    const length = Number(response.headers.get("Content-Length"));
-    const reader = response.body.getReader();
-    const chunks = [];
-    let held = 0;
-    while (held < length) {
-        const { done, value } = await reader.read();
-        if (done) {
-            throw new Error("cut off");
-        }
-        chunks.push(value);
-        held += value.length;
-    }
-    return new Blob(chunks, { type: "image/jpeg" }).slice(0, length, "image/jpeg");
-}
-
 async function takeSnapshot(form) {
-    const filename = form.elements.filename.value;
     const corrected = form.elements.correction.checked;
-    const abort = new AbortController();
-    const timer = setTimeout(() => abort.abort(), SNAPSHOT_LIMIT);
     say("snap-status", "Waiting for a picture…");
-    try {
-        // The name goes as it is: the board decodes no percent signs.
-        const query = `filename=${filename}${corrected ? "&mode=correction" : ""}`;
-        const response = await fetch(`snap?${query}`, { cache: "no-store", signal: abort.signal });
-        const picture = await readPicture(response);
-        if (picture.size === 0) {
-            say("snap-status", "The board answered an empty picture.", true);
-        } else {
-            showSnapshot(picture, response.headers.get("Filename") ?? filename, corrected);
-            say("snap-status", "");
-        }
-    } catch {
+    const taken = await snapshot(form.elements.filename.value, corrected);
+    if (taken.problem) {
+        const held = live.boardIsBusy && taken.problem !== "empty";
         say(
             "snap-status",
-            live.boardIsBusy
-                ? "No picture: a measurement is running."
-                : abort.signal.aborted
-                  ? "No picture came within 10 seconds. Is the camera plugged in?"
-                  : "The board closed the connection without a picture.",
+            held ? "No snapshot: a measurement is not answered yet." : PROBLEMS[taken.problem],
             true,
         );
-    } finally {
-        clearTimeout(timer);
-        abort.abort();
+        return;
     }
+    live.boardIsBusy &&= isMeasuring(); // the board answers: one that was left has ended
+    snapshots.add(taken, Date.now());
+    say(
+        "snap-status",
+        "Not reported by this board: whether the SD card kept it" +
+            (corrected ? ", and whether its distortion was corrected." : "."),
+    );
 }
 
-function showSnapshot(picture, filename, corrected) {
-    const image = element("shot-picture");
-    const link = element("shot-link");
-    URL.revokeObjectURL(link.href);
-    image.src = link.href = URL.createObjectURL(picture);
-    image.alt = `Snapshot ${filename}`;
-    link.download = filename;
-    link.textContent = `Download ${filename}`;
-    element("shot-text").textContent =
-        `${Math.ceil(picture.size / 1024)} KB, ${clockTime(Date.now())}` +
-        (corrected ? ", correction asked for" : "");
-    element("shot").hidden = false;
+const isMeasuring = () => !element("leave").hidden;
+
+/** Show one of the three: the button, the question, the way out. The focus goes with it. */
+function showStep(step) {
+    const hadFocus = element("measuring").contains(document.activeElement);
+    for (const id of ["measure", "question", "leave"]) {
+        element(id).hidden = id !== step;
+    }
+    if (hadFocus) {
+        element(step === "question" ? "cancel" : step).focus();
+    }
 }
 
 async function measure() {
@@ -98,29 +83,77 @@ async function measure() {
     const timer = setInterval(() => {
         element("measure-time").textContent = `${Math.floor((Date.now() - begun) / 1000)} s`;
     }, 1000);
+    const abort = new AbortController();
+    element("leave").onclick = () => abort.abort("left");
     live.boardIsBusy = true;
     element("value").textContent = "…";
     say("measure-status", "Measuring…");
+    showStep("leave");
     try {
-        const response = await fetch("camera?focus=1", { cache: "no-store" });
-        const answer = JSON.parse(await response.text());
-        element("value").textContent = answer.measure;
-        say("measure-status", `Measured at ${clockTime(Date.now())}.`);
+        const value = await measurement(MEASURE_LIMIT, abort);
+        live.boardIsBusy = false;
+        element("value").textContent = value;
+        tellMeasured(value);
     } catch {
         element("value").textContent = "–";
-        say("measure-status", "The board closed the connection without a value.", true);
+        live.boardIsBusy = ["left", "limit"].includes(abort.signal.reason);
+        say("measure-status", whyNoValue(abort.signal.reason), true);
     } finally {
         clearInterval(timer);
         element("measure-time").textContent = "";
-        live.boardIsBusy = false;
+        showStep("measure");
     }
 }
 
+function tellMeasured(value) {
+    if (Number(value) === 0) {
+        say(
+            "measure-status",
+            "Nothing was measured: this board has no vision plug-in or no spot was seen.",
+            true,
+        );
+    } else if (!Number.isFinite(Number(value))) {
+        say("measure-status", "The plug-in answered no number.", true);
+    } else {
+        say("measure-status", `Measured at ${clockTime(Date.now())}. The plug-in sets the unit.`);
+    }
+}
+
+function whyNoValue(reason) {
+    switch (reason) {
+        case "left":
+            return `No longer waiting. ${WAITING}`;
+        case "limit":
+            return `No value within ${duration(MEASURE_LIMIT)}. ${WAITING}`;
+        default:
+            return "Not known whether the board has measured: it gave no answer.";
+    }
+}
+
+function tellOfLog() {
+    const direct = location.port === SERVICE_PORT;
+    element("log").textContent = direct ? `nc ${location.hostname} 8001` : "nc BOARD 8001";
+    element("log-proxy").hidden = direct;
+}
+
 element("host").textContent = location.host;
-element("log").textContent = `nc ${location.hostname} 8001`;
+tellOfLog();
+new Stage().start();
 element("snap").addEventListener("submit", (event) => {
     event.preventDefault();
     once(event.submitter ?? event.target.querySelector("button"), () => takeSnapshot(event.target));
 });
-element("measure").addEventListener("click", (event) => once(event.currentTarget, measure));
+element("measure").addEventListener("click", () => showStep("question"));
+element("cancel").addEventListener("click", () => showStep("measure"));
+element("question").addEventListener("keydown", (event) => {
+    if (event.key === "Escape") {
+        showStep("measure");
+    }
+});
+element("confirm").addEventListener("click", measure);
+live.onLive = () => {
+    if (element("snap-status").classList.contains("failed")) {
+        say("snap-status", ""); // its cause has gone
+    }
+};
 live.start();

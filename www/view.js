@@ -8,6 +8,7 @@ const TITLES = {
     paused: "Paused since ",
     late: "Pictures are late since ",
     stopped: "No picture since ",
+    unchanged: "No change since ",
 };
 const BADGES = {
     live: "Live",
@@ -15,13 +16,15 @@ const BADGES = {
     paused: "Paused",
     late: "Late",
     stopped: "No picture",
+    unchanged: "No change",
 };
 const LATE = "The pictures that arrive are old or damaged; the network may be too slow.";
+const UNKNOWN = "not known in this browser";
 const SETTLED = 1500; // ms that a state lasts before a screen reader is told of it
 
 /** Writes what the live picture's section says. The style sheet dims the picture by its state. */
 export class View {
-    /** What the section shows now: live, connecting, paused, late or stopped. */
+    /** What the section shows now: live, connecting, paused, late, stopped or unchanged. */
     state = "";
 
     #section = document.getElementById("live");
@@ -30,7 +33,7 @@ export class View {
 
     /**
      * @param since   ms since 1970, where the state has a beginning to tell
-     * @param age     ms, null without a picture
+     * @param age     ms, null without a picture, NaN where it cannot be known
      * @param rate    pictures per second
      * @param reason  why the picture has stopped
      */
@@ -39,12 +42,16 @@ export class View {
         this.#section.dataset.state = state;
         const title = TITLES[state] + (since ? clockTime(since) : "");
         this.#set("veil-title", title);
-        this.#set("veil-text", since ? `for ${duration(Date.now() - since)}` : "");
+        const span = since ? `for ${duration(Date.now() - since)}` : "";
+        this.#set("veil-text", span);
         this.#set("badge", BADGES[state]);
         this.#set("rate", `${rate.toFixed(1)} /s`);
-        this.#set("age", age === null ? "–" : duration(age));
+        this.#set("age", age === null ? "–" : isNaN(age) ? UNKNOWN : duration(age));
         this.#set("count", String(count));
-        this.#set("detail", state === "late" ? LATE : reason);
+        this.#set(
+            "detail",
+            state === "late" ? LATE : state === "unchanged" ? `No change ${span}. ${reason}` : reason,
+        );
         this.#set("pause", state === "paused" ? "Resume" : "Pause");
         this.#announce(title, performance.now());
     }

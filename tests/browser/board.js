@@ -1,13 +1,8 @@
-// What the browser's tests stand on: the board, a network that can fail, and Chromium.
+// What the browsers' tests stand on: the board and a network that can fail.
 import { spawn } from "node:child_process";
-import { mkdtempSync, rmSync } from "node:fs";
 import net from "node:net";
-import { tmpdir } from "node:os";
-import { join } from "node:path";
 import { createInterface } from "node:readline";
 import { fileURLToPath } from "node:url";
-
-import { chromium } from "playwright-core";
 
 export const HTTP_PORT = 8329;
 export const CARD = "/tmp/run/mountd/mmcblk0p1/kestrel-server";
@@ -50,10 +45,17 @@ export class Board {
     }
 }
 
-/** A network between browser and board: passes bytes on, late on demand, or swallows them. */
+/**
+ * A network between browser and board: passes bytes on, late on demand, or swallows them, and counts
+ * the streams that the board has open.
+ */
 export class Network {
-    delay = 0; // ms by which the board's bytes come late
+    delay = 0; // ms by which the bytes of streams come late
     gone = false; // nothing gets through and nothing is answered
+    held = null; // requests that begin so get no answer, e.g. "GET /camera"
+    streams = 0; // open now
+    mostStreams = 0; // open at once so far
+    streamsBegun = 0;
 
     static async start() {
         const network = new Network();
@@ -67,11 +69,29 @@ export class Network {
     join(browser) {
         const board = net.connect(HTTP_PORT, "127.0.0.1");
         const lost = { yes: this.gone }; // what the network swallowed once, stays lost
+        let isStream = false;
+        let isHeld = false;
+        browser.once("data", (request) => {
+            isHeld = this.held !== null && request.toString().startsWith(this.held);
+            isStream = request.toString().startsWith("GET /live");
+            if (isStream) {
+                this.streamsBegun++;
+                this.streams++;
+                this.mostStreams = Math.max(this.mostStreams, this.streams);
+                let open = true;
+                const end = () => {
+                    this.streams -= Number(open);
+                    open = false;
+                };
+                browser.once("end", end);
+                browser.once("close", end);
+            }
+        });
         const pass = (from, to, late) => {
             this.sockets.add(from);
             const deliver = (action) => {
                 lost.yes ||= this.gone;
-                if (!lost.yes) {
+                if (!lost.yes && !isHeld) {
                     action();
                 }
             };
@@ -85,7 +105,7 @@ export class Network {
             from.on("error", () => {}); // "close" follows
         };
         pass(browser, board, () => 0);
-        pass(board, browser, () => this.delay);
+        pass(board, browser, () => (isStream ? this.delay : 0));
     }
 
     close() {
@@ -94,25 +114,4 @@ export class Network {
             socket.destroy();
         }
     }
-}
-
-/** Chromium with a profile of its own that is removed with it. */
-export async function startBrowser() {
-    const profile = mkdtempSync(join(tmpdir(), "kestrel-browser."));
-    const browser = await chromium.launch({
-        executablePath: process.env.KESTREL_CHROMIUM ?? "/usr/bin/chromium",
-        env: { ...process.env, HOME: profile, XDG_CONFIG_HOME: profile, XDG_CACHE_HOME: profile },
-        args: [
-            "--headless",
-            "--no-sandbox",
-            "--disable-gpu",
-            "--disable-quic",
-            "--no-first-run",
-            "--disable-background-networking",
-            "--disable-component-update",
-            "--disable-sync",
-        ],
-    });
-    browser.on("disconnected", () => rmSync(profile, { recursive: true, force: true }));
-    return browser;
 }

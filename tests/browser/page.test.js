@@ -5,7 +5,8 @@ import { mkdirSync, readFileSync, readdirSync, statSync } from "node:fs";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
 
-import { Board, CARD, HTTP_PORT, Network, startBrowser } from "./board.js";
+import { Board, CARD, HTTP_PORT, Network } from "./board.js";
+import { startChromium } from "./browsers.js";
 
 const PAGE = `http://127.0.0.1:${HTTP_PORT}/index.html`;
 const PHONE = {
@@ -22,7 +23,7 @@ let browser;
 
 before(async () => {
     board = await Board.start();
-    browser = await startBrowser();
+    browser = await startChromium();
 });
 
 after(async () => {
@@ -148,7 +149,46 @@ pageTest("a snapshot is shown, downloaded and saved", {}, async (page) => {
         [0xff, 0xd8, 0xff, 0xd9], // the ends of a JPEG picture
     );
     await board.command("saved first_part-2.jpg");
-    assert.equal(await text(page, "snap-status"), "");
+    assert.equal(
+        await text(page, "snap-status"),
+        "Not reported by this board: whether the SD card kept it.",
+    );
+});
+
+pageTest("the snapshots of this visit are listed, the newest first", {}, async (page) => {
+    await open(page);
+    for (const name of ["one.jpg", "two.jpg"]) {
+        await page.getByLabel("File name").fill(name);
+        await page.getByRole("button", { name: "Take snapshot" }).click();
+        await page.getByRole("img", { name: `Snapshot ${name}` }).waitFor();
+    }
+
+    const listed = page.locator("#shots li");
+    assert.equal(await listed.count(), 2);
+    assert.match(await listed.nth(0).innerText(), /^two\.jpg\s+\d+ KB, \d\d:\d\d:\d\d$/);
+    assert.match(await listed.nth(1).innerText(), /^one\.jpg\s+\d+ KB, \d\d:\d\d:\d\d$/);
+    const [download] = await Promise.all([
+        page.waitForEvent("download"),
+        page.getByRole("link", { name: "Download one.jpg" }).click(),
+    ]);
+    assert.equal(download.suggestedFilename(), "one.jpg");
+    assert.equal(readFileSync(await download.path())[0], 0xff, "an older one can still be had");
+});
+
+pageTest("the list of snapshots keeps thirty", {}, async (page) => {
+    await open(page);
+    await page.evaluate(async () => {
+        const { Snapshots } = await import("./snapshots.js");
+        const snapshots = new Snapshots();
+        for (let i = 1; i <= 31; i++) {
+            snapshots.add({ jpeg: new Blob(["x"]), filename: `p${i}.jpg` }, Date.now());
+        }
+    });
+
+    const names = await page.locator("#shots a").allInnerTexts();
+    assert.equal(names.length, 30);
+    assert.equal(names[0], "p31.jpg");
+    assert.equal(names[29], "p2.jpg");
 });
 
 pageTest("the correction switch asks for the corrected picture", {}, async (page) => {
@@ -161,6 +201,10 @@ pageTest("the correction switch asks for the corrected picture", {}, async (page
 
     assert.equal(new URL((await asked).url()).search, "?filename=photo.jpg&mode=correction");
     await page.getByRole("img", { name: "Snapshot photo.jpg" }).waitFor();
+    assert.equal(
+        await text(page, "snap-status"),
+        "Not reported by this board: whether the SD card kept it, and whether its distortion was corrected.",
+    );
 });
 
 pageTest("a file name that the board would not keep as typed is not sent", {}, async (page) => {
@@ -191,43 +235,177 @@ pageTest("a file name that the board would not keep as typed is not sent", {}, a
     );
 });
 
-pageTest("measuring shows the board's value", {}, async (page) => {
-    await open(page);
-    await page.getByRole("button", { name: "Measure" }).click();
+/** Measure, and answer the question. */
+async function measure(page) {
+    await page.getByRole("button", { name: "Measure…" }).click();
+    await page.getByRole("button", { name: "Move arm and measure" }).click();
+}
 
-    await textBecomes(page, "measure-status", /^Measured at \d\d:\d\d:\d\d\.$/);
+pageTest("a measurement of nothing is told as such", {}, async (page) => {
+    await open(page);
+    await measure(page);
+
+    await textBecomes(
+        page,
+        "measure-status",
+        /^Nothing was measured: this board has no vision plug-in or no spot was seen\.$/,
+    );
     assert.equal(await text(page, "value"), "0.0000");
 });
 
-pageTest(
-    "a running measurement is told, is asked once and its end without a value too",
-    {},
-    async (page) => {
+for (const [answer, told] of [
+    ["12.3456", /^Measured at \d\d:\d\d:\d\d\. The plug-in sets the unit\.$/],
+    ["nan", /^The plug-in answered no number\.$/],
+]) {
+    pageTest(`a measurement of ${answer} is told`, {}, async (page) => {
         await open(page);
-        let answers = [];
-        await page.route(/\/camera/, (route) => answers.push(route));
-        for (const path of [/\/live/, /\/snap/]) {
-            await page.route(path, (route) => route.abort("connectionclosed"));
-        }
-        const button = page.getByRole("button", { name: "Measure" });
+        await page.route(/\/camera/, (route) =>
+            route.fulfill({ contentType: "text/plain", body: `{"measure":"${answer}"}` }),
+        );
+        await measure(page);
 
-        await button.click();
-        await button.click({ force: true });
-        await textBecomes(page, "measure-time", /^[1-9] s$/);
+        await textBecomes(page, "measure-status", told);
+        assert.equal(await text(page, "value"), answer);
+    });
+}
 
-        assert.equal(answers.length, 1);
-        assert.equal(await text(page, "measure-status"), "Measuring…");
-        assert.equal(await button.getAttribute("aria-disabled"), "true");
-        await page.getByRole("button", { name: "Reconnect" }).click();
-        await textBecomes(page, "detail", /^A measurement is running; the board answers nothing/);
-        await page.getByRole("button", { name: "Take snapshot" }).click();
-        await textBecomes(page, "snap-status", /^No picture: a measurement is running\.$/);
-        await answers[0].abort("connectionclosed");
-        await textBecomes(page, "measure-status", /closed the connection without a value/);
-        assert.equal(await text(page, "value"), "–");
-        assert.equal(await button.getAttribute("aria-disabled"), null);
-    },
-);
+pageTest("the arm moves only after a question, which is asked each time", {}, async (page) => {
+    await open(page);
+    const asked = [];
+    page.on("request", (request) => asked.push(new URL(request.url()).pathname));
+    const focused = () => page.evaluate(() => document.activeElement.id);
+    const button = page.getByRole("button", { name: "Measure…" });
+
+    await button.click();
+    assert.equal(await focused(), "cancel", "a second press of the same key moves nothing");
+    await page.getByRole("button", { name: "Cancel" }).click();
+    assert.equal(await focused(), "measure");
+    await button.click();
+    await page.keyboard.press("Escape");
+    assert.equal(await focused(), "measure");
+    await button.click();
+    assert.ok(!asked.includes("/camera"));
+
+    await page.getByRole("button", { name: "Move arm and measure" }).click();
+    await textBecomes(page, "value", /^0\.0000$/);
+    assert.equal(asked.filter((path) => path === "/camera").length, 1);
+    assert.ok(await page.locator("#question").isHidden());
+    assert.equal(await focused(), "measure");
+});
+
+pageTest("what moves the arm looks like nothing else", {}, async (page) => {
+    await open(page);
+    await page.getByRole("button", { name: "Measure…" }).click();
+
+    const looks = await page.evaluate(() =>
+        [...document.querySelectorAll("button")].map((button) => {
+            const { backgroundColor, backgroundImage } = getComputedStyle(button);
+            return { id: button.id, look: backgroundColor + backgroundImage };
+        }),
+    );
+    const arm = looks.filter(({ id }) => ["measure", "confirm"].includes(id));
+    assert.equal(arm.length, 2);
+    assert.equal(arm[0].look, arm[1].look);
+    assert.deepEqual(
+        looks.filter(({ id, look }) => look === arm[0].look && !arm.some((a) => a.id === id)),
+        [],
+    );
+});
+
+pageTest("a running measurement is told, and its end without a value too", {}, async (page) => {
+    await open(page);
+    const answers = [];
+    await page.route(/\/camera/, (route) => answers.push(route));
+    for (const path of [/\/live/, /\/snap/]) {
+        await page.route(path, (route) => route.abort("connectionclosed"));
+    }
+
+    await measure(page);
+    await textBecomes(page, "measure-time", /^[1-9] s$/);
+
+    assert.equal(answers.length, 1);
+    assert.equal(await text(page, "measure-status"), "Measuring…");
+    assert.ok(await page.locator("#measure").isHidden(), "it cannot be asked for again");
+    await page.getByRole("button", { name: "Reconnect" }).click();
+    await textBecomes(page, "detail", /^A measurement is not answered yet\. While one runs/);
+    await page.getByRole("button", { name: "Take snapshot" }).click();
+    await textBecomes(page, "snap-status", /^No snapshot: a measurement is not answered yet\.$/);
+    await answers[0].abort("connectionclosed");
+    await textBecomes(page, "measure-status", /^Not known whether the board has measured/);
+    assert.equal(await text(page, "value"), "–");
+    assert.ok(await page.locator("#measure").isVisible());
+});
+
+const GOES_ON = / A measurement that has begun goes on and may move the arm; until it is done/;
+
+pageTest("a running measurement can be left", {}, async (page) => {
+    await open(page);
+    await page.route(/\/camera/, () => {});
+    await measure(page);
+    assert.equal(await page.evaluate(() => document.activeElement.id), "leave");
+
+    await page.getByRole("button", { name: "Stop waiting" }).click();
+
+    await textBecomes(page, "measure-status", new RegExp(`^No longer waiting\\.${GOES_ON.source}`));
+    assert.equal(await text(page, "value"), "–");
+    assert.ok(await page.locator("#measure").isVisible());
+    // Until the board answers something, it may be measuring:
+    await page.route(/\/live/, (route) => route.abort("connectionclosed"));
+    await page.getByRole("button", { name: "Reconnect" }).click();
+    await textBecomes(page, "detail", /^A measurement is not answered yet/);
+    await page.unroute(/\/live/);
+    await page.getByRole("button", { name: "Reconnect" }).click();
+    await reach(page, "live");
+    await page.route(/\/live/, (route) => route.abort("connectionclosed"));
+    await page.getByRole("button", { name: "Reconnect" }).click();
+    await textBecomes(page, "detail", /^The board does not answer/);
+});
+
+pageTest("a measurement without an answer ends after two minutes", {}, async (page) => {
+    await page.addInitScript(() => {
+        const later = window.setTimeout;
+        window.setTimeout = (action, ms) => later(action, ms === 120000 ? 500 : ms);
+    });
+    await open(page);
+    await page.route(/\/camera/, () => {});
+    await measure(page);
+
+    await textBecomes(
+        page,
+        "measure-status",
+        new RegExp(`^No value within 2 min 0 s\\.${GOES_ON.source}`),
+    );
+    assert.ok(await page.locator("#measure").isVisible());
+});
+
+pageTest("a failure is amber, of a snapshot as of a measurement", {}, async (page) => {
+    await open(page);
+    for (const path of [/\/camera/, /\/snap/]) {
+        await page.route(path, (route) => route.abort("connectionclosed"));
+    }
+    await measure(page);
+    await textBecomes(page, "measure-status", /^Not known/);
+    await page.getByRole("button", { name: "Take snapshot" }).click();
+    await textBecomes(page, "snap-status", /^No snapshot: the board gave no answer\.$/);
+
+    for (const id of ["measure-status", "snap-status"]) {
+        assert.equal(
+            await page.locator(`#${id}`).evaluate((e) => getComputedStyle(e).color),
+            "rgb(156, 74, 0)",
+            id,
+        );
+    }
+});
+
+pageTest("a snapshot that is cut off is told as such", {}, async (page) => {
+    await open(page);
+    await page.route(/\/snap/, (route) =>
+        route.fulfill({ headers: { "Content-Length": "9", Filename: "a.jpg" }, body: "four" }),
+    );
+    await page.getByRole("button", { name: "Take snapshot" }).click();
+
+    await textBecomes(page, "snap-status", /^No snapshot: the connection ended within the picture\.$/);
+});
 
 pageTest("camera unplugged: says since when, dims, tells once, and goes on", {}, async (page) => {
     await open(page);
@@ -244,6 +422,11 @@ pageTest("camera unplugged: says since when, dims, tells once, and goes on", {},
     try {
         await page.getByRole("button", { name: "Take snapshot" }).click();
         await reach(page, "stopped");
+        await textBecomes(
+            page,
+            "detail",
+            /^The camera, the board or the network has stopped\. In \d+ s another connection will/,
+        );
         const title = await text(page, "veil-title");
         const [, hours, minutes, seconds] = /^No picture since (\d\d):(\d\d):(\d\d)$/.exec(title);
         const since = new Date(before).setHours(hours, minutes, seconds);
@@ -263,6 +446,7 @@ pageTest("camera unplugged: says since when, dims, tells once, and goes on", {},
     await reach(page, "live");
     await drawsAnother(page);
     assert.equal(await text(page, "badge"), "Live");
+    assert.equal(await text(page, "snap-status"), "", "its cause has gone");
 });
 
 pageTest("service stopped and started: says so and comes back by itself", {}, async (page) => {
@@ -271,10 +455,10 @@ pageTest("service stopped and started: says so and comes back by itself", {}, as
     try {
         await reach(page, "stopped");
         await textBecomes(page, "detail", /^The board does not answer\. Next try in \d+ s\.$/);
-        await page.getByRole("button", { name: "Measure" }).click();
-        await textBecomes(page, "measure-status", /closed the connection/);
+        await measure(page);
+        await textBecomes(page, "measure-status", /it gave no answer\.$/);
         await page.getByRole("button", { name: "Take snapshot" }).click();
-        await textBecomes(page, "snap-status", /closed the connection/);
+        await textBecomes(page, "snap-status", /^No snapshot: the board gave no answer\.$/);
     } finally {
         await board.command("server start");
     }
@@ -308,25 +492,6 @@ pageTest("waits between tries grow", {}, async (page) => {
     await page.getByRole("button", { name: "Reconnect" }).click();
     await page.waitForSelector("#live[data-state=live]", { timeout: 7000 });
 });
-
-pageTest(
-    "network gone without a word: says so, and comes back by another connection",
-    {},
-    async (page) => {
-        const network = await Network.start();
-        try {
-            await open(page, network.url);
-            network.gone = true;
-            await reach(page, "stopped");
-            await textBecomes(page, "detail", /^Waiting for the board to answer\.$/);
-            network.gone = false;
-            await reach(page, "live");
-            await drawsAnother(page);
-        } finally {
-            network.close();
-        }
-    },
-);
 
 pageTest("pictures that come late are not live, however many come", {}, async (page) => {
     const network = await Network.start();
@@ -422,13 +587,22 @@ pageTest("by keyboard alone", {}, async (page) => {
             return { name: element.id || element.textContent, ring: ring.outlineStyle === "solid" };
         });
     const stops = [];
-    for (let i = 0; i < 6; i++) {
+    for (let i = 0; i < 8; i++) {
         await page.keyboard.press("Tab");
         stops.push(await focused());
     }
     assert.deepEqual(
         stops.map(({ name }) => name),
-        ["pause", "reconnect", "filename", "correction", "Take snapshot", "measure"],
+        [
+            "pause",
+            "reconnect",
+            "crosshair",
+            "full-screen",
+            "filename",
+            "correction",
+            "Take snapshot",
+            "measure",
+        ],
     );
     assert.ok(
         stops.every(({ ring }) => ring),
@@ -436,6 +610,8 @@ pageTest("by keyboard alone", {}, async (page) => {
     );
 
     await page.keyboard.press("Enter"); // measure
+    await page.keyboard.press("Shift+Tab"); // from "Cancel"
+    await page.keyboard.press("Enter");
     await textBecomes(page, "value", /^0\.0000$/);
     assert.equal((await focused()).name, "measure", "the focus stays");
 
@@ -448,8 +624,9 @@ pageTest("by keyboard alone", {}, async (page) => {
     await page.keyboard.press("Enter");
     await page.getByRole("img", { name: "Snapshot by-key.jpg" }).waitFor();
 
-    await page.keyboard.press("Shift+Tab");
-    await page.keyboard.press("Shift+Tab");
+    for (let i = 0; i < 4; i++) {
+        await page.keyboard.press("Shift+Tab");
+    }
     await page.keyboard.press("Space"); // pause
     await reach(page, "paused");
     await page.keyboard.press("Space");
@@ -492,17 +669,31 @@ pageTest(
                 "H2 Snapshot",
                 "H2 Measurement",
                 "H2 Log",
+                "H2 Not reported by this board",
             ],
             live: ["announcement", "snap-status", "value", "measure-status"],
             duplicates: [],
             nowhere: [],
         });
         for (const [role, names] of Object.entries({
-            button: ["Pause", "Reconnect", "Take snapshot", "Measure"],
+            button: [
+                "Pause",
+                "Reconnect",
+                "Crosshair",
+                "Full screen",
+                "Take snapshot",
+                "Measure…",
+            ],
             textbox: ["File name"],
             switch: ["Correct lens distortion"],
             img: ["Picture of the camera"],
-            region: ["Live picture", "Snapshot", "Measurement", "Log"],
+            region: [
+                "Live picture",
+                "Snapshot",
+                "Measurement",
+                "Log",
+                "Not reported by this board",
+            ],
         })) {
             for (const name of names) {
                 assert.equal(
@@ -525,8 +716,8 @@ for (const [size, options] of Object.entries({ phone: PHONE, desktop: DESKTOP })
                 await open(page);
                 await page.getByRole("button", { name: "Take snapshot" }).click();
                 await page.getByRole("img", { name: "Snapshot photo.jpg" }).waitFor();
-                await page.getByRole("button", { name: "Measure" }).click();
-                await textBecomes(page, "measure-status", /^Measured/);
+                await measure(page);
+                await textBecomes(page, "measure-status", /^Nothing was measured/);
                 await page.mouse.move(0, 0);
                 await page.evaluate(() => document.activeElement.blur());
 
@@ -600,8 +791,8 @@ function measureContrast() {
 
 /** What is pressed and lower than 44 pixels, WCAG 2.1 (2.5.5). */
 function findSmallTargets() {
-    return [...document.querySelectorAll("button, #shot-link, #filename, .switch")]
-        .filter((e) => e.getBoundingClientRect().height < 44)
+    return [...document.querySelectorAll("button:not([hidden]), #shots a, #filename, .switch")]
+        .filter((e) => e.checkVisibility() && e.getBoundingClientRect().height < 44)
         .map((e) => e.id || e.textContent);
 }
 

@@ -12,6 +12,7 @@ function load(name) {
 }
 const { Backoff, FrameClock, RateMeter, StreamParser, parsePartHeader } = await load("stream.js");
 const { clockTime, duration } = await load("text.js");
+const { reasonOf } = await load("reason.js");
 
 const TRAILER = Buffer.from("\r\n--boundarydonotcross\r\n");
 
@@ -343,4 +344,32 @@ test("text: spans", () => {
 test("text: another day's time has its date", () => {
     assert.match(clockTime(Date.now()), /^\d\d:\d\d:\d\d$/);
     assert.equal(clockTime(new Date(2001, 1, 3, 4, 5, 6).getTime()), "2001-02-03 04:05:06");
+});
+
+test("reason: what is not known is not said", () => {
+    const known = {
+        isBusy: false,
+        isConnected: true,
+        retryIn: 4,
+        showsImage: false,
+        answered: true,
+        hadPictures: false,
+        nextIn: 3,
+        isAlive: null,
+    };
+    const unplugged = /^The board answers, but its camera sends no pictures\. Is it plugged in\?$/;
+    for (const [what, expected] of [
+        [{}, unplugged],
+        [{ hadPictures: true }, /camera, the board or the network has stopped\. In 3 s another/],
+        [{ answered: false }, /^Waiting for the board to answer\.$/],
+        [{ isConnected: false }, /^The board does not answer\. Next try in 4 s\.$/],
+        [{ isConnected: false, isBusy: true }, /^A measurement is not answered yet\./],
+        [{ showsImage: true }, /^The camera, the board or the network has stopped, or nothing moves/],
+        [{ showsImage: true, answered: false }, /^Waiting for the first picture\.$/],
+        [{ showsImage: true, isAlive: false }, /^The board does not answer\.$/],
+        [{ showsImage: true, isAlive: true }, /^The board answers\. .* this browser cannot tell which/],
+        [{ showsImage: true, isAlive: true, answered: false }, unplugged],
+    ]) {
+        assert.match(reasonOf({ ...known, ...what }), expected, JSON.stringify(what));
+    }
 });
