@@ -1,5 +1,6 @@
 // Finding and opening the controller's serial port, and the calls that reach the print service
 // through the system module.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -19,16 +20,38 @@
 #include <gtest/gtest.h>
 
 #include "BoardEnvironment.h"
+#include "ControllerPort.h"
+#include "ElectricController.h"
+#include "EventBus.h"
 #include "Eventually.h"
+#include "IdlePrintEvent.h"
 #include "LibraryCall.h"
 #include "Log.h"
 #include "PrintService.h"
 #include "ScratchFolder.h"
+#include "StatusReportEvent.h"
 #include "SystemModule.h"
 #include "Time.h"
 #include "VirtualController.h"
 
 static bool g_bRefuseSpeed = false;
+
+// The objects whose destructors run at the program's end, in the order of their registration.
+static const size_t MOST_AT_EXIT = 4096;
+static const void* g_apAtExit[MOST_AT_EXIT];
+static std::atomic<size_t> g_uAtExit{0};
+
+/** In place of the C library's. */
+extern "C" int __cxa_atexit(void (*pDestructor)(void*), void* pObject, void* pLibrary)
+{
+    const size_t uPlace = g_uAtExit++;
+    if (uPlace < MOST_AT_EXIT) {
+        g_apAtExit[uPlace] = pObject;
+    }
+    using AtExit = int (*)(void (*)(void*), void*, void*);
+    static const AtExit s_pReal = reinterpret_cast<AtExit>(dlsym(RTLD_NEXT, "__cxa_atexit"));
+    return s_pReal(pDestructor, pObject, pLibrary);
+}
 
 /** In place of the C library's: a device that can't do the controller's speed. */
 extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) LIBRARY_CALL
@@ -132,6 +155,28 @@ size_t countPorts()
     }
     closedir(pDir);
     return uCount;
+}
+
+/** What is left to the caller is the program's own end, with the job's thread still at work. */
+void leaveInMidJob(Arm& arm)
+{
+    std::string strJob;
+    for (int i = 0; i < 5000; ++i) {
+        strJob += "G1 X1\n";
+    }
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+    EXPECT_EQ(0, arm.m_module.savePrintJob(strJob.data(), static_cast<int>(strJob.size())));
+    EXPECT_EQ(0, arm.m_module.startPrintJob());
+    EXPECT_TRUE(eventually([&arm] { return 100 < arm.m_controller.readTexts("rx").size(); }));
+}
+
+/** When an object's destructor was registered, counted from the first; the later goes first. */
+size_t placeAtExit(const void* pObject)
+{
+    const auto pEnd = g_apAtExit + std::min(g_uAtExit.load(), MOST_AT_EXIT);
+    const auto pFound = std::find(g_apAtExit, pEnd, pObject);
+    EXPECT_NE(pEnd, pFound);
+    return static_cast<size_t>(pFound - g_apAtExit);
 }
 
 } // namespace
@@ -309,15 +354,53 @@ TEST(SystemModuleSerial, PrintServiceIsReachedThroughTheModule)
 
 TEST(SystemModuleSerial, ProcessMayEndInTheMiddleOfAJob)
 {
-    std::string strJob;
-    for (int i = 0; i < 5000; ++i) {
-        strJob += "G1 X1\n";
-    }
     Arm arm({"--boot-ms", "10"});
-    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
-    EXPECT_EQ(0, arm.m_module.savePrintJob(strJob.data(), static_cast<int>(strJob.size())));
-    EXPECT_EQ(0, arm.m_module.startPrintJob());
-    EXPECT_TRUE(eventually([&arm] { return 100 < arm.m_controller.readTexts("rx").size(); }));
 
-    // The rest is the program's own end, with the job's thread still at work.
+    leaveInMidJob(arm);
+}
+
+TEST(SystemModuleSerial, ProcessMayEndInMidJobWhenThePrintServiceWasUsedFirst)
+{
+    (void)PrintService::getInstance();
+    Arm arm({"--boot-ms", "10"});
+
+    leaveInMidJob(arm);
+}
+
+TEST(SystemModuleSerial, ProcessMayEndInMidJobWhenTheControllerObjectWasUsedFirst)
+{
+    (void)ElectricController::getInstance();
+    (void)PrintService::getInstance();
+    Arm arm({"--boot-ms", "10"});
+
+    leaveInMidJob(arm);
+}
+
+TEST(SystemModuleSerial, ProcessMayEndInMidJobWhenTheEventsWereUsedLast)
+{
+    Arm arm({"--boot-ms", "10"});
+    leaveInMidJob(arm);
+
+    EventBus<StatusReportEvent>::getInstance();
+    EventBus<IdlePrintEvent>::getInstance();
+}
+
+TEST(SystemModuleSerial, PortOutlivesPrintServiceThatWasUsedBeforeTheModule)
+{
+    const void* const pService = &PrintService::getInstance();
+    const void* const pModule = &SystemModule::getInstance();
+    const void* const pPort = &ControllerPort::getInstance();
+
+    EXPECT_LT(placeAtExit(pService), placeAtExit(pModule)); // the module goes first
+    EXPECT_LT(placeAtExit(pPort), placeAtExit(pService));   // the port last
+}
+
+TEST(SystemModuleSerial, PortOutlivesModuleThatWasUsedBeforeThePrintService)
+{
+    const void* const pModule = &SystemModule::getInstance();
+    const void* const pService = &PrintService::getInstance();
+    const void* const pPort = &ControllerPort::getInstance();
+
+    EXPECT_LT(placeAtExit(pModule), placeAtExit(pService));
+    EXPECT_LT(placeAtExit(pPort), placeAtExit(pModule));
 }
