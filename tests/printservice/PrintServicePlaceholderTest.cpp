@@ -151,14 +151,46 @@ TEST_F(PrintServicePlaceholder, JobRunsWithThePlaceholder)
         [this] { return "G1 X1\n\nG1 X2\n\nG1 X3\n\n\n" == m_controller.readReceivedBytes(); }));
 }
 
+TEST_F(PrintServicePlaceholder, DeliberateStopNeverSwitchesTheLaserOff)
+{
+    saveJob("M3 S100\nG1 X1\n");
+    m_controller.instruct("line 3 late 500"); // the job is still open
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(waitForLines(4));
+
+    EXPECT_EQ(0, service().pausePrint());
+    EXPECT_EQ(0, service().stopPrint());
+
+    EXPECT_EQ(1, m_controller.getState("spot"));
+    EXPECT_FALSE(contains(m_controller.readReceivedBytes(), "M5"));
+    EXPECT_FALSE(contains(output(), "could not be sent")); // the empty line was
+}
+
+TEST_F(PrintServicePlaceholder, DeliberateRefusedLineAndAlarmAreAcknowledged)
+{
+    m_controller.instruct("line 2 refuse 5");
+    m_controller.instruct("line 4 alarm 1");
+
+    runJob("M3 S100\nG1 X1\nG1 X2\nG1 X3\nG1 X4\n");
+
+    EXPECT_TRUE(eventually([this] {
+        return "M3 S100\n\nG1 X1\n\nG1 X2\n\nG1 X3\n\nG1 X4\n\n\n" ==
+               m_controller.readReceivedBytes();
+    }));
+    EXPECT_EQ(1, m_controller.getState("spot"));
+    EXPECT_EQ(1, m_controller.getState("locked"));
+    EXPECT_EQ(0, m_controller.getState("moving"));
+}
+
 TEST_F(PrintServicePlaceholder, DeliberateSilenceCountsAsAcknowledgedAfterTenSeconds)
 {
     m_controller.instruct("no-answer");
     const uint64_t u64Start = monotonicMs();
 
-    runJob("G1 X1\nG1 X2\n");
+    runJob("M3 S100\nG1 X2\n");
 
     EXPECT_LE(10U * 1000 - 1, monotonicMs() - u64Start);
-    EXPECT_TRUE(
-        eventually([this] { return "G1 X1\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
+    EXPECT_TRUE(eventually(
+        [this] { return "M3 S100\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
+    EXPECT_EQ(1, m_controller.getState("spot"));
 }

@@ -121,9 +121,12 @@ protected:
     {
         m_controller.instruct("stall");
         const std::string strFill(4096, ' ');
-        // The kernel moves bytes on behind the writer's back, so once full is not yet full.
+        while (m_uart.send(strFill.data(), static_cast<int>(strFill.size()), 0) > 0) {
+        }
+        // Full for many bytes is not full for one, and the kernel moves bytes on behind the
+        // writer's back.
         for (int nRefused = 0; nRefused < 10; ++nRefused) {
-            if (m_uart.send(strFill.data(), static_cast<int>(strFill.size()), 0) > 0) {
+            while (1 == m_uart.send(" ", 1, 0)) {
                 nRefused = 0;
             }
             sleepFor(Time(0, 20000));
