@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -62,6 +63,7 @@ bool captureCommand(const char* pCommand, char* pOutput, size_t uSize)
     if (nullptr == pPipe) {
         return false;
     }
+    (void)fcntl(fileno(pPipe), F_SETFD, FD_CLOEXEC); // where the library doesn't know "e"
     size_t uUsed = 0;
     ssize_t nRead = 0;
     while (uUsed < uSize - 1) {

@@ -106,7 +106,7 @@ void restartProcess(char* const* argv, const Time& delay)
     sleepFor(delay);
     RawText(command)
         .append("   (sub_fd:")
-        .appendDecimal(static_cast<int>(getpid()))
+        .appendDecimal(static_cast<int>(syscall(SYS_getpid))) // getpid's may be the library's copy
         .append(")\n")
         .print(STDOUT_FILENO);
     runByShell(command.get());

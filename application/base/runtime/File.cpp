@@ -5,6 +5,8 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,6 +28,15 @@ std::string File::mode(int nFlags)
         strMode += "+";
     }
     return strMode;
+}
+
+std::string File::streamMode(int nFlags)
+{
+    std::string strMode = mode(nFlags);
+    if ('t' == strMode[1]) {
+        strMode.erase(1, 1);
+    }
+    return strMode + "e";
 }
 
 int64_t File::size(const char* pPath)
@@ -86,9 +97,18 @@ int File::open(const char* pPath, int nFlags)
         return -1;
     }
     close();
-    m_strPath = pPath;
-    m_pStream = fopen(pPath, (mode(nFlags) + "e").c_str());
-    return (nullptr != m_pStream) ? 0 : -1;
+    try {
+        m_strPath = pPath;
+        m_pStream = fopen(pPath, streamMode(nFlags).c_str());
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+    if (nullptr == m_pStream) {
+        return -1;
+    }
+    // Some small C libraries don't know the mode's "e".
+    (void)fcntl(fileno(m_pStream), F_SETFD, FD_CLOEXEC); // a good descriptor: can't fail
+    return 0;
 }
 
 void File::close()

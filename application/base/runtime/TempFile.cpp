@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <fcntl.h>
+#include <new>
 #include <unistd.h>
 
 TempFile::~TempFile()
@@ -17,12 +18,16 @@ int TempFile::create(int nFlags)
         (void)remove(m_strPath.c_str()); // printed there
         close();
     }
-    m_strPath = "/tmp/temp_file.XXXXXX";
+    try {
+        m_strPath = "/tmp/temp_file.XXXXXX";
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
     const int nFd = mkostemp(&m_strPath[0], O_CLOEXEC);
     if (nFd < 0) {
         return -1;
     }
-    m_pStream = fdopen(nFd, mode(nFlags).c_str());
+    m_pStream = fdopen(nFd, streamMode(nFlags).c_str());
     if (nullptr == m_pStream) {
         ::close(nFd); // the file goes with the object
         return -1;

@@ -2,6 +2,8 @@
 #include "Command.h"
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -198,6 +200,22 @@ TEST(RunCommandTimed, FailuresBeforeTheCommandReturn255)
         (void)testing::internal::GetCapturedStderr(); // a file that never was can't be removed
         EXPECT_TRUE(noneLeftSince(setBefore)) << pPlan;
     }
+}
+
+TEST(RunCommandTimed, IgnoredChildSignalLosesTheStatusAndStillKills)
+{
+    signal(SIGCHLD, SIG_IGN);
+    const int nExited = runCommandTimed("exit 3", Time(30, 0));
+    const auto begun = std::chrono::steady_clock::now();
+    const int nKilled = runCommandTimed("exec sleep 60", Time(0, 100000));
+    const auto took = std::chrono::steady_clock::now() - begun;
+    const bool bRun = runCommand("true");
+    signal(SIGCHLD, SIG_DFL);
+
+    EXPECT_EQ(255, nExited);
+    EXPECT_EQ(255, nKilled);
+    EXPECT_LT(took, std::chrono::seconds(30));
+    EXPECT_FALSE(bRun);
 }
 
 TEST(RunCommandTimed, WaitingGoesOnAfterASignal)

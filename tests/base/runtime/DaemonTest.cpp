@@ -75,7 +75,8 @@ TEST(RestartProcess, KillsTheProcessAndStartsTheProgramAgain)
     ScratchFolder folder;
 
     ChildProgram program({BASE_CHILD, "restart", (folder.path() / "mark").string(), "last"});
-    const std::string strKill = "kill -9 " + std::to_string(program.pid()) + "   (sub_fd:";
+    const std::string strPid = std::to_string(program.pid());
+    const std::string strKill = "kill -9 " + strPid + "   (sub_fd:";
     EXPECT_TRUE(program.waitForOutput(strKill)) << program.output();
     const ChildResult result = program.wait();
 
@@ -84,6 +85,8 @@ TEST(RestartProcess, KillsTheProcessAndStartsTheProgramAgain)
                            "^kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\nrestarted restart last, "
                            "descriptor 3 closed\n$"))
         << result.strOutput;
+    EXPECT_EQ(std::string::npos, result.strOutput.find("(sub_fd:" + strPid + ")"))
+        << "its own number, not its parent's";
 }
 
 TEST(RestartProcess, FailedForkExitsWithOne)

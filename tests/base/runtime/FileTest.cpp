@@ -97,6 +97,20 @@ TEST_F(FileTest, OpenFailures)
     EXPECT_EQ(nullptr, m_file.getStream());
 }
 
+TEST_F(FileTest, WithoutMemoryOpeningFails)
+{
+    const std::string strPath = m_folder.path().string() + "/" + std::string(200, 'n');
+    File file;
+    for (unsigned i = 1; i < 3; ++i) {
+        const std::string strPlan = "malloc:" + std::to_string(i) + ":ENOMEM";
+        FaultScope fault(strPlan.c_str());
+        EXPECT_EQ(-1, file.open(strPath.c_str(), FILE_FLAG_WRITE)) << i;
+        EXPECT_EQ(1u, faultHits()) << i;
+    }
+
+    EXPECT_EQ(0, file.open(strPath.c_str(), FILE_FLAG_WRITE));
+}
+
 TEST_F(FileTest, SecondOpenClosesTheFirstFile)
 {
     m_folder.write("one", "1");
@@ -389,4 +403,17 @@ TEST(TempFile, FailedCreationLeavesNothing)
         (void)testing::internal::GetCapturedStderr();
         EXPECT_FALSE(exists(strPath)) << pPlan;
     }
+}
+
+TEST(TempFile, WithoutMemoryForItsNameItIsNotMade)
+{
+    testing::internal::CaptureStderr();
+    {
+        TempFile file;
+        FaultScope fault("malloc:1:ENOMEM");
+        EXPECT_EQ(-1, file.create(FILE_FLAG_WRITE));
+        EXPECT_EQ(1u, faultHits());
+    }
+
+    (void)testing::internal::GetCapturedStderr();
 }

@@ -7,7 +7,7 @@ class Time;
 
 /**
  * Run a command by the shell and wait for it.
- * @return true only when it ran and exited with status 0
+ * @return true only when it ran and exited with status 0; false always while SIGCHLD is ignored
  */
 bool runCommand(const char* pCommand);
 
@@ -21,6 +21,8 @@ bool captureCommand(const char* pCommand, char* pOutput, size_t uSize);
 /**
  * Run a command by the shell, from a temporary script, and kill it (signal 9) once the budget is
  * used up; looks every 10 ms.
- * @return the exit status; -1 for a null command, 255 for a failed fork or a killed command
+ * @return the exit status; -1 for a null command; 255 when the script can't be written, for a
+ * failed fork, for a killed command, and, as the kernel keeps no status then, while SIGCHLD is
+ *         ignored
  */
 int runCommandTimed(const char* pCommand, const Time& budget);

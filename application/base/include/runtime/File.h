@@ -61,7 +61,7 @@ public:
     /**
      * A stream that is still open is closed first.
      * @param nFlags  FILE_FLAG_E mask
-     * @return 0, or -1 for a null path or when the file can't be opened
+     * @return 0, or -1 for a null path, without memory, or when the file can't be opened
      */
     int open(const char* pPath, int nFlags);
 
@@ -117,6 +117,12 @@ public:
     }
 
 protected:
+    /**
+     * The mode as the C library gets it: close-on-exec, and without the "t", which means nothing,
+     * and behind which some small libraries don't see the "+".
+     */
+    static std::string streamMode(int nFlags);
+
     FILE* m_pStream = nullptr;
     std::string m_strPath;
 };
