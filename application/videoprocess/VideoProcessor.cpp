@@ -2,6 +2,7 @@
 #include "VideoProcessor.h"
 
 #include <dlfcn.h>
+#include <new>
 
 #include "EventBus.h"
 #include "IdlePrintEvent.h"
@@ -198,7 +199,11 @@ int VideoProcessor::onIdlePrint(Event* pEvent)
         return RET_FAILED;
     }
     PVENC_FRAME_T frame;
-    getFrame(frame);
+    try {
+        getFrame(frame);
+    } catch (const std::bad_alloc&) {
+        return RET_FAILED; // the publisher's thread goes on
+    }
     const VENC_FRAME_T* pFrame = frame.get();
     plugin.pEasyFun(pFrame->u32Size, pFrame->u32Width, pFrame->u32Height, pFrame->au8Data,
                     event.m_pArg1, event.m_pArg2, event.m_pValues);
@@ -233,8 +238,13 @@ int VideoProcessor::onVideoFrame(Event* pEvent)
 {
     const auto& event = dynamic_cast<VideoFrameEvent&>(*pEvent);
     const MutexGuard guard(m_mtxFrame);
-    if (event.m_nStream == m_nWantStream) {
+    if (event.m_nStream != m_nWantStream) {
+        return 0;
+    }
+    try {
         m_vecFrame.push_back(event.m_frame);
+    } catch (const std::bad_alloc&) {
+        // The frame is dropped: the capture thread goes on, and the one that waits gets the next.
     }
     return 0;
 }

@@ -51,6 +51,7 @@ public:
      * @param pResult  the measured value in the plug-in's unit; 0 on failure, unless the plug-in
      *                 has written it before failing
      * @return RET_FAILED without the plug-in, or when it found nothing
+     * @throws std::bad_alloc  as getFrame does
      */
     RET_E measure(float* pResult);
 
@@ -64,7 +65,7 @@ public:
 
     /**
      * Handler of IdlePrintEvent; any other event is a std::bad_cast. Blocks as getFrame does.
-     * @return 0, or RET_FAILED without the plug-in
+     * @return 0, or RET_FAILED without the plug-in or without memory
      */
     int onIdlePrint(Event* pEvent);
 
@@ -72,10 +73,12 @@ public:
      * Wait for the next frame of stream 0, without limit: a missing camera keeps the caller
      * waiting. Never on the capture thread, which delivers the frame. Callers wait in turn, so that
      * nobody gets a frame from before its own call.
+     * @throws std::bad_alloc  without memory to follow the frames
      */
     void getFrame(PVENC_FRAME_T& frame);
 
-    /** Handler of VideoFrameEvent while getFrame waits. @return 0 */
+    /** Handler of VideoFrameEvent while getFrame waits; without memory it drops the frame. @return
+     * 0 */
     int onVideoFrame(Event* pEvent);
 
 private:

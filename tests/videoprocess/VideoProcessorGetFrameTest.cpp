@@ -2,12 +2,12 @@
 #include "VisionHost.h"
 
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <thread>
 
 #include "EventBus.h"
 #include "Eventually.h"
+#include "Fault.h"
 #include "VideoFrameEvent.h"
 
 namespace {
@@ -15,10 +15,10 @@ namespace {
 /** A frame that says its number as time stamp and its stream as width. */
 PVENC_FRAME_T makeFrame(uint32_t u32Number, int32_t s32Stream)
 {
-    auto* pFrame = static_cast<VENC_FRAME_T*>(calloc(1, 24));
-    pFrame->u64TimeStamp = u32Number;
-    pFrame->u32Width = static_cast<uint32_t>(s32Stream);
-    return PVENC_FRAME_T(pFrame);
+    VENC_FRAME_T header{};
+    header.u64TimeStamp = u32Number;
+    header.u32Width = static_cast<uint32_t>(s32Stream);
+    return makeFrame(header, "");
 }
 
 /** Publishes frames without a pause on a thread of its own. */
@@ -158,6 +158,21 @@ TEST_F(VideoProcessorGetFrame, OtherStreamsAreNotTaken)
     waiter.join();
 
     EXPECT_EQ(0U, +m_frame.get()->u32Width);
+}
+
+TEST_F(VideoProcessorGetFrame, WithoutMemoryAFrameIsDropped)
+{
+    PVENC_FRAME_T frame = makeFrame(1, 0);
+    VideoFrameEvent event(0, frame);
+    {
+        FaultScope fault("malloc:1:ENOMEM");
+        EXPECT_EQ(0, m_host.onVideoFrame(&event));
+        EXPECT_EQ(1u, faultHits());
+    }
+
+    startCapture();
+    m_host.getFrame(frame);
+    EXPECT_NE(0u, numberOf(frame.get()->au8Data, frame.get()->u32Size));
 }
 
 TEST_F(VideoProcessorGetFrame, SimultaneousCallersGetAFrameEach)

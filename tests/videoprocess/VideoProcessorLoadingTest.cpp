@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 
+#include "Fault.h"
 #include "IdlePrintEvent.h"
 
 namespace {
@@ -83,6 +84,19 @@ TEST_F(VideoProcessorLoading, FileThatIsNoLibraryIsLogged)
     EXPECT_EQ(Lines{PREFIX + "open ./libframe_process.so failed(" + loaderError() + ") !\n"},
               messages());
     EXPECT_EQ(RET_FAILED, measure());
+}
+
+TEST_F(VideoProcessorLoading, WithoutMemoryAnIdlePrintIsRefusedAndTheNextIsNot)
+{
+    load("test_plugin");
+    {
+        FaultScope fault("malloc:1:ENOMEM"); // the subscription that waits for a frame
+        EXPECT_EQ(RET_FAILED, idle());
+        EXPECT_EQ(1u, faultHits());
+    }
+
+    startCapture();
+    EXPECT_EQ(0, idle());
 }
 
 TEST_F(VideoProcessorLoading, CompletePluginIsInitialisedOnce)

@@ -2,6 +2,8 @@
 // and the log server stands on that.
 #include "Log.h"
 
+#include <new>
+
 #include "LogFile.h"
 #include "LogServer.h"
 
@@ -11,7 +13,12 @@ void Log::initLogFile(const char* pPath, uint32_t u32LimitKiB, int32_t s32Files)
         return;
     }
     // Without a log file the service goes on.
-    (void)LogFile::getInstance().init((nullptr != pPath) ? pPath : "log", u32LimitKiB, s32Files);
+    try {
+        (void)LogFile::getInstance().init((nullptr != pPath) ? pPath : "log", u32LimitKiB,
+                                          s32Files);
+    } catch (const std::bad_alloc&) {
+        LogFile::getInstance().close();
+    }
 }
 
 void Log::initLogServer(const char* pIp, int nPort)

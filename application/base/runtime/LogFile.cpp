@@ -162,13 +162,22 @@ int LogFile::onLog(Event* pEvent)
     if (!m_bUp) {
         return 0;
     }
+    try {
+        append(text.get(), static_cast<size_t>(event.m_s32Length));
+    } catch (const std::bad_alloc&) {
+        // No memory for a file's name: tried again with the next line.
+    }
+    return 0;
+}
+
+void LogFile::append(const char* pText, size_t uLength)
+{
     if (nullptr == m_file.getStream() && stampedName() != m_file.getPath()) {
         (void)openNew(); // the last one failed; tried again in the next second
     }
-    (void)m_file.write(text.get(), static_cast<size_t>(event.m_s32Length));
+    (void)m_file.write(pText, uLength);
     (void)m_file.flush(); // a full disk: nobody to tell
     if (m_file.length() >= static_cast<int64_t>(m_u32LimitKiB) * 1024) {
         (void)openNew(); // see above
     }
-    return 0;
 }

@@ -538,6 +538,47 @@ TEST_F(LogFileTest, FullMemoryLeavesOldFilesToTheNextPruning)
     EXPECT_TRUE(fs::exists(m_folder.path() / strOld));
 }
 
+TEST_F(LogFileTest, EveryAllocationOfANewFileMayFail)
+{
+    ASSERT_EQ(RET_SUCCESS, init(0, 5)); // a new file behind the first line of each second
+    unsigned uFailed = 0;
+    unsigned uHits = 1;
+    while (0 != uHits) {
+        waitForNextSecond();
+        const std::string strPlan = "malloc:" + std::to_string(++uFailed) + ":ENOMEM";
+        {
+            FaultScope fault(strPlan.c_str());
+            logLine("line\n"); // the first allocation is the line's own
+            uHits = faultHits();
+        }
+        ASSERT_LT(uFailed, 50u);
+        while (names().size() > 1) { // or each failure would bring another name
+            fs::remove(m_folder.path() / names()[0]);
+        }
+    }
+
+    EXPECT_GT(uFailed, 5u);
+    logLine("end\n");
+    EXPECT_NE(std::string::npos, contents().find("end\n"));
+}
+
+TEST_F(LogFileTest, WithoutMemoryAtTheStartThereIsNoFile)
+{
+    const std::string strBase = base();
+    Log::getInstance().setSinks(LOG_SINK_FILE);
+    unsigned uHits = 1;
+    for (unsigned i = 1; 0 != uHits; ++i) {
+        LogFile::getInstance().close();
+        const std::string strPlan = "malloc:" + std::to_string(i) + ":ENOMEM";
+        FaultScope fault(strPlan.c_str());
+        Log::getInstance().initLogFile(strBase.c_str(), 4096, 2);
+        logLine("line\n");
+        uHits = faultHits();
+    }
+
+    EXPECT_EQ("line\n", contents());
+}
+
 TEST_F(LogFileTest, FileIsClosedInCommands)
 {
     ASSERT_EQ(RET_SUCCESS, init(1, 5));

@@ -9,8 +9,9 @@
 /**
  * Published for every line that is written, on the thread that logs.
  *
- * The text is shared, not zero-terminated within the length as soon as it was cut: s32Length bytes
- * are readable in any case.
+ * The text is shared: print it by its length, not up to a zero. A line that was cut at its capacity
+ * keeps the length that it would have had; the bytes behind the cut are zeros, readable like the
+ * rest.
  */
 class LogEvent : public Event
 {

@@ -1,6 +1,7 @@
 // The rotating log file: one of the sinks of the log.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -17,8 +18,9 @@
  * followed by a new one once it has reached the limit; while that would get the same name, lines go
  * on into it. Any thread may log: lines are written whole, one after the other.
  *
- * Never logs itself, so that the log may construct it. What can't be written (a full disk) is lost;
- * while no file can be created, one is tried with the first line of every second.
+ * Never logs itself, so that the log may construct it. What can't be written (a full disk, no
+ * memory for a new file) is lost; while no file can be created, one is tried with the first line of
+ * every second.
  */
 class LogFile
 {
@@ -36,6 +38,7 @@ public:
      *                     files whose names begin with the base path, whatever bytes follow, only
      *                     the newest by modification time stay (of one time: by name)
      * @return RET_FAILED, unlogged, for an empty path or when the file can't be created
+     * @throws std::bad_alloc  without memory; no line is taken then
      */
     RET_E init(const std::string& strBasePath, uint32_t u32LimitKiB, int32_t s32Files);
 
@@ -51,6 +54,7 @@ private:
     std::string stampedName() const REQUIRES(m_mtx);
     RET_E openNew() REQUIRES(m_mtx);
     void removeOld() REQUIRES(m_mtx);
+    void append(const char* pText, size_t uLength) REQUIRES(m_mtx);
 
     Mutex m_mtx{MUTEX_TYPE_NORMAL}; // innermost; never held while logging
     File m_file GUARDED_BY(m_mtx);
