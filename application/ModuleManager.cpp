@@ -204,7 +204,8 @@ int ModuleManager::onDebugCmd(Event* pEvent)
     const auto& event = dynamic_cast<DebugCmdEvent&>(*pEvent);
     if (*event.m_pCount >= 2 && 0 == strcmp(event.m_ppWords[0], "SystemManager") &&
         0 == strcmp(event.m_ppWords[1], "shell")) {
-        (void)system("/bin/sh"); // an interactive shell; nobody asks how it ended
+        // An interactive shell; nobody asks how it ended.
+        [[maybe_unused]] const int nStatus = system("/bin/sh");
     }
     return 0;
 }
