@@ -88,7 +88,9 @@ JOB_LINE_E JobFile::nextLine(char* pLine, int nSize)
     };
     if (0 == fstat(fileno(m_pFile), &own) && 0 == stat(JOB_FILE, &waiting) &&
         own.st_dev == waiting.st_dev && own.st_ino == waiting.st_ino) {
-        remove(JOB_FILE); // else it is the next job
+        // Deliberate: before the state says stopped, or a start could open it once more. Another
+        // file is the next job.
+        remove(JOB_FILE);
     }
     closeStream();
     return JOB_LINE_END;

@@ -25,7 +25,7 @@ static const char* const STATUS_3 = "Wx03";
 static const char* const STATUS_4 = "Wx04";
 
 static const int LINE_SIZE = 256;       // longer job lines go out in pieces
-static const Time IDLE_SLEEP(0, 20000); // keeps a thread that has nothing to do from spinning
+static const Time IDLE_SLEEP(0, 20000); // Deliberate: a thread with nothing to do does not spin
 static const Time HALF_A_SECOND(0, 500000);
 
 PrintService& PrintService::getInstance()

@@ -397,6 +397,7 @@ TEST_F(PrintServiceHazard, DeliberateAnswerTooManyLosesARefusedLine)
     EXPECT_TRUE(eventually([&controller] { return 7 <= controller.lines().size(); }));
     EXPECT_EQ((Texts{"G1 X1", "G1 X2", "G1 X3", "G1 X4", "G1 X5", "G1 X5", "G1 X6"}),
               controller.lines());
+    EXPECT_TRUE(waitForThread()); // the port goes with the controller
     service().setUart(&m_uart);
 }
 

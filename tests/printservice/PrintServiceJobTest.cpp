@@ -189,7 +189,7 @@ TEST_F(PrintServiceJob, DeliberateLastLineWithoutLineEndNeverFinishes)
     EXPECT_EQ("G1 X1\n\nG1 X2\nM5\n", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintServiceJob, WaitingBehindTheLastLineDoesNotSpin)
+TEST_F(PrintServiceJob, DeliberatePauseBehindTheLastLineDoesNotSpin)
 {
     saveJob("G1 X1");
     EXPECT_EQ(0, service().startPrint());
@@ -482,6 +482,16 @@ TEST_F(PrintServiceJob, StartThatComesAfterTheWishToStopCancelsIt)
         uParked += contains(strLine, "stop thread by myself") ? 1 : 0;
     }
     EXPECT_EQ(1U, uParked);
+}
+
+TEST_F(PrintServiceJob, DeliberateFileIsGoneOnceTheStateIsStopped)
+{
+    for (int i = 0; i < 200; ++i) {
+        startJob("G1 X1\n");
+        while (PRINT_STATE_PRINTING == service().getState()) {
+        }
+        ASSERT_FALSE(fileExists("tmp.gcode")) << i;
+    }
 }
 
 TEST_F(PrintServiceJob, StartThatComesAfterTheThreadHasParkedWakesIt)

@@ -75,7 +75,7 @@ int UART::open()
 
 int UART::open(const std::string& strPath)
 {
-    close(); // a refused raw mode has left the last one open
+    close(); // Deliberate: a refused raw mode has left the last one open
     m_fd = ::open(strPath.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (-1 == m_fd) {
         return 0;

@@ -240,7 +240,7 @@ TEST(UART, MissingDeviceIsASilentFailure)
     EXPECT_EQ(-1, uart.getFd());
 }
 
-TEST(UART, DeviceWithoutRawModeStaysOpenUntilTheNextOpen)
+TEST(UART, DeliberateOpenClosesWhatARefusedRawModeLeftOpen)
 {
     UART uart;
     testing::internal::CaptureStderr();
