@@ -96,7 +96,9 @@ void HttpSnapClient::save(const VENC_FRAME_T& frame)
         close(nFd);
         return;
     }
-    [[maybe_unused]] const int nCut = ftruncate(nFd, 0); // a regular file, just opened for writing
+    if (0 != ftruncate(nFd, 0)) {
+        return;
+    }
     const uint32_t u32Size = frame.u32Size;
     // The stream keeps the picture's last bytes back: only flushing tells whether they fit.
     if (fwrite(frame.au8Data, 1, u32Size, file.get()) < u32Size || 0 != fflush(file.get())) {
