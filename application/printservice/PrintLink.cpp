@@ -19,7 +19,8 @@ static int sendBytes(UART& uart, const char* pBytes, int nSize)
 {
     const int nSent = uart.send(pBytes, nSize, 0);
     const int nError = errno;
-    if (nSent != nSize && EAGAIN != nError) {
+    const bool bGone = EIO == nError || ENODEV == nError || ENXIO == nError || EBADF == nError;
+    if (nSent != nSize && bGone) {
         printf("serial port is gone: %s\n", strerror(nError));
     }
     return nSent;

@@ -126,11 +126,11 @@ public:
      */
     int printLoop();
 
-    /** Home, then move to the negated position; 44 s at most. No reply and no state is looked at.
+    /** Home, then move to the negated position; 45 s at most. No reply and no state is looked at.
      *  @return -1 */
     int onMoveLaserEvent(Event* pEvent);
 
-    /** Move to the negated height; 22 s at most. @return -1 */
+    /** Move to the negated height; 23 s at most. @return -1 */
     int onMeasureEvent(Event* pEvent);
 
     /** Any thread. */

@@ -190,6 +190,15 @@ TEST_F(PrintServiceLink, PortThatIsGoneIsTold)
               output());
 }
 
+TEST_F(PrintServiceLink, ClosedPortIsToldAsGoneToo)
+{
+    m_uart.close();
+
+    EXPECT_EQ(1, service().printSingleCmd("$X", 2));
+
+    EXPECT_TRUE(contains(output(), "\nserial port is gone: Bad file descriptor\n"));
+}
+
 TEST_F(PrintServiceLink, JobOnAPortThatIsGoneTellsIt)
 {
     const LogCapture log;

@@ -110,9 +110,10 @@ public:
      * Write until everything is taken or a write takes nothing, which ends it: a port that is full
      * cuts the data short ("nWriteLength:%d" on standard output).
      * @param nWaitDrain  1 waits for the transmitter to empty, at most two transmission times
-     * @return bytes written; when fewer than asked for without the wait, errno tells why: EAGAIN
-     *         for a port that is full, else it is gone. -1 when the device can't tell whether its
-     * transmitter is empty (logged, level 7), as USB serial ports and pseudo terminals can't
+     * @return bytes written; when fewer than asked for without the wait, errno tells why:
+     *         EAGAIN for a port that is full, EIO, ENODEV, ENXIO or EBADF for one that is gone. -1
+     *         when the device can't tell whether its transmitter is empty (logged, level 7), as USB
+     *         serial ports and pseudo terminals can't
      */
     int32_t send(const char* pData, int32_t s32Length, int nWaitDrain);
 
