@@ -13,10 +13,10 @@ public:
     /** Listen; nobody is served yet. @return RET_FAILED (logged) e.g. when the port is in use */
     RET_E initModule() override;
 
-    /** Start to serve. @return RET_FAILED when the reactor's thread does not start */
+    /** Start to serve. @return RET_SUCCESS, also when the reactor has no thread to start */
     RET_E startModule() override;
 
-    /** End serving; connections stay open. @return RET_FAILED when the thread does not stop */
+    /** End serving; connections stay open. @return RET_SUCCESS */
     RET_E stopModule() override;
 
     /** Stop listening. @return RET_SUCCESS */

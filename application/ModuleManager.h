@@ -48,7 +48,7 @@ public:
      */
     int debugCmdThread();
 
-    /** The console's thread, for whoever wants a console. */
+    /** The console's thread; the shipped service never starts it. */
     Thread& getDebugThread()
     {
         return *m_pDebugThread;

@@ -1,4 +1,4 @@
-// Whoever wants every frame of a stream.
+// Receives every frame of a stream.
 #pragma once
 
 #include <memory>

@@ -28,8 +28,9 @@ public:
     virtual ~VideoStreamProducer();
 
     /**
-     * Open the camera and create the thread "videocapture<stream>". Nothing happens when already
-     * initialised. A camera that can't be opened is the thread's task.
+     * Open the camera and create the thread "videocapture<stream>". When already
+     * initialised, only the stream number is taken over. A camera that can't be opened is the
+     * thread's task.
      * @return RET_SUCCESS
      */
     RET_E init(const int32_t& s32Stream);
@@ -68,7 +69,7 @@ public:
     int dispatchThread();
 
 protected:
-    /** Hand a frame to every consumer. Capture thread, or a derived class measuring it alone. */
+    /** Hand a frame to every consumer. Capture thread. */
     void deliver(PVENC_FRAME_T& frame);
 
 private:

@@ -72,7 +72,7 @@ public:
     /**
      * Wait for the next frame of stream 0, without limit: a missing camera keeps the caller
      * waiting. Never on the capture thread, which delivers the frame. Callers wait in turn, so that
-     * nobody gets a frame from before its own call.
+     * no caller receives a frame captured before its call.
      * @throws std::bad_alloc  without memory to follow the frames
      */
     void getFrame(PVENC_FRAME_T& frame);

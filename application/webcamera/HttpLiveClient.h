@@ -13,7 +13,7 @@ class WebCameraClient;
 /**
  * Queues the stream's header when it starts and then, on the capture thread, each frame as a part:
  * part header, the frame's own block, boundary. While two or more items wait in the connection's
- * send queue, frames are dropped whole, so that a slow client holds about one frame.
+ * send queue, frames are dropped whole, so that a slow client holds two frames at most.
  *
  * Deliberate: no boundary precedes the first part.
  */

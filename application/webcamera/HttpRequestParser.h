@@ -8,7 +8,7 @@
 #include <http_parser.h>
 
 /**
- * Parses the chunk in which a request begins. What follows in later chunks is not its business.
+ * Parses the chunk in which a request begins. It ignores later chunks.
  *
  * Results point into that chunk, which has to outlive their use; only the Content-Type's value is
  * copied. A chunk that ends within the request counts as it is: a cut URL is the URL. Of several

@@ -122,7 +122,7 @@ size_t countParts(const std::string& strText, const std::string& strPart)
     return uCount;
 }
 
-/** What openSerial printed; looks in vain, whose number is the scheduler's, count as one. */
+/** What openSerial printed; repeated empty look-ups, a matter of scheduling, count as one. */
 std::string looksAsOne(std::string strText)
 {
     size_t uPos = 0;

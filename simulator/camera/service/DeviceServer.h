@@ -21,7 +21,7 @@ public:
     /** @return false when the socket cannot be made (the reason is in errno) */
     bool start();
 
-    /** Add what must be watched; then, after a poll, do what there is to do. */
+    /** watch() appends the descriptors to poll; handle() serves those that are ready. */
     void watch(std::vector<pollfd>& vecPoll) const;
     void handle();
 
