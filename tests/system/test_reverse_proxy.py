@@ -114,10 +114,8 @@ class ReverseProxy(unittest.TestCase):
                 self.assertEqual(401, request(target, headers=headers)[0], target)
 
     def test_the_page_and_all_its_files(self):
-        connection, response = open_request("/")
-        with contextlib.closing(connection):
-            self.assertEqual(302, response.status)
-            self.assertEqual("https://127.0.0.1/index.html", response.getheader("Location"))
+        with open(f"{SOURCE}/www/index.html", "rb") as file:
+            self.assertEqual((200, file.read()), request("/"))
 
         for name in os.listdir(f"{SOURCE}/www"):
             with open(f"{SOURCE}/www/{name}", "rb") as file:
@@ -128,6 +126,7 @@ class ReverseProxy(unittest.TestCase):
         with contextlib.closing(connection):
             self.assertEqual("multipart/x-mixed-replace;boundary=boundarydonotcross",
                              response.getheader("Content-Type"))
+            self.assertEqual(b"--boundarydonotcross\r\n", response.read(22))
             pictures = []
             while len(pictures) < 25:
                 header = {}
@@ -170,6 +169,37 @@ class ReverseProxy(unittest.TestCase):
         for method in ("POST", "PUT", "DELETE", "OPTIONS"):
             self.assertEqual(405, request("/camera?focus=1", method)[0], method)
 
+    def status(self, target, **headers):
+        headers = {name.replace("_", "-"): value for name, value in headers.items()}
+        return request(target, headers=dict(AUTHORIZATION, **headers))[0]
+
+    def test_requests_of_other_sites_pages_are_refused(self):
+        for site in ("cross-site", "same-site"):
+            for target in ("/snap?filename=evil.jpg", "/camera?focus=1", "/live", "/app.js", "/", "/index.html"):
+                self.assertEqual(403, self.status(target, Sec_Fetch_Site=site, Sec_Fetch_Dest="image"))
+            self.assertEqual(403, self.status("/camera?focus=1", Sec_Fetch_Site=site,
+                                              Sec_Fetch_Dest="document"))
+            self.assertEqual(403, self.status("/index.html", Sec_Fetch_Site=site,
+                                              Sec_Fetch_Dest="iframe"))
+        for origin in ("https://evil.example", "null", "http://127.0.0.1", "https://127.0.0.1.evil.example",
+                       "https://127.0.0.1:8443"):
+            self.assertEqual(403, self.status("/camera?focus=1", Origin=origin), origin)
+        self.assertFalse(os.path.exists(f"{CARD}/camera/evil.jpg"))
+
+    def test_the_pages_own_requests_and_links_to_it_pass(self):
+        for site in ("same-origin", "none"):
+            self.assertEqual(200, self.status("/camera?focus=1", Sec_Fetch_Site=site,
+                                              Sec_Fetch_Dest="empty"))
+        self.assertEqual(200, self.status("/camera?focus=1", Origin="https://127.0.0.1"))
+        for target in ("/", "/index.html"):
+            self.assertEqual(200, self.status(target, Sec_Fetch_Site="cross-site",
+                                              Sec_Fetch_Dest="document"))
+
+    def test_no_other_page_may_frame_it(self):
+        connection, response = open_request("/index.html")
+        with contextlib.closing(connection):
+            self.assertEqual("frame-ancestors 'none'", response.getheader("Content-Security-Policy"))
+
     def test_names_that_leave_the_folder_are_refused(self):
         with open(f"{CARD}/secret.txt", "w", encoding="ascii") as file:
             file.write("secret")
@@ -178,7 +208,7 @@ class ReverseProxy(unittest.TestCase):
         shutil.copy(f"{CARD}/secret.txt", f"{CARD}/www/below/secret.txt")
         for target in ("/../secret.txt", "/%2e%2e/secret.txt", "/..%2fsecret.txt",
                        "/x/../../secret.txt", "//../secret.txt", "/below/secret.txt",
-                       "/.htaccess.txt", "/secret.conf", "/LIVE", "/live/", "/snap.php"):
+                       "/.htaccess.txt", "/boundary.txt", "/secret.conf", "/LIVE", "/live/", "/snap.php"):
             status, body = request(target)
             self.assertIn(status, (400, 404), target)
             self.assertNotIn(b"secret", body.replace(target.encode(), b""), target)
