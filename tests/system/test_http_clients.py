@@ -5,6 +5,7 @@ import os
 import re
 import subprocess
 import tempfile
+import time
 import unittest
 
 from harness import SOURCE, Board, LiveStream, connect
@@ -57,12 +58,12 @@ class Clients(unittest.TestCase):
         self.assertIn(picture, self.board.camera.frames())
 
     def test_every_row_of_the_table_is_run_here_or_by_the_browser(self):
-        table = document().split("## Clients")[1].split("```python")[0]
+        table = document().split("## Clients")[1].split("```python", 1)[0]
         clients = re.findall(r"^\| ([^|]+?) \| (?!Command|---)", table, re.M)
 
-        self.assertEqual(["Chromium", "curl", "curl", "curl", "wget", "wget", "ffmpeg",
+        self.assertEqual(["Chromium, Firefox", "WebKitGTK", "curl", "curl", "curl", "wget", "wget", "ffmpeg",
                           "Python's urllib"], clients)
-        page = re.search(r"^\| Chromium \| `http://127\.0\.0\.1:8329(/\S+)`", table, re.M).group(1)
+        page = re.search(r"^\| Chromium, Firefox \| `http://127\.0\.0\.1:8329(/\S+)`", table, re.M).group(1)
         tests = os.path.join(SOURCE, "tests", "browser", "page.test.js")
         with open(tests, encoding="utf-8") as file:
             self.assertIn("${HTTP_PORT}" + page, file.read())
@@ -96,13 +97,11 @@ class Clients(unittest.TestCase):
 
         self.assertEqual({"measure": "0.0000"}, json.loads(self.content("measure.json")))
 
-    def test_ffmpeg_records_a_video(self):
+    def test_ffmpeg_takes_a_picture(self):
         self.run_documented("ffmpeg", "-f mjpeg")
 
-        count = self.run_shell("ffprobe -v error -count_packets -select_streams v:0 "
-                               "-show_entries stream=codec_name,width,height,nb_read_packets "
-                               "-of csv=p=0 video.avi")
-        self.assertEqual(b"mjpeg,640,480,50\n", count)
+        shown = self.run_shell("ffprobe -v error -show_entries stream=codec_name,width,height -of csv=p=0 now.jpg")
+        self.assertEqual(b"mjpeg,640,480\n", shown)
 
     def test_ffmpeg_refuses_the_stream_without_being_told_the_format(self):
         command = documented("ffmpeg", "-f mjpeg").replace("-f mjpeg ", "")
@@ -112,7 +111,40 @@ class Clients(unittest.TestCase):
 
         self.assertNotEqual(0, done.returncode)
         self.assertIn(b"Invalid data found", done.stderr)
-        self.assertFalse(os.path.exists(os.path.join(self.folder, "video.avi")))
+        self.assertFalse(os.path.exists(os.path.join(self.folder, "now.jpg")))
+
+    def test_the_recording_holds_the_pictures_alone_and_keeps_time(self):
+        recipe = re.search(r"### Recording\n+```sh\n(.*?)```", document(), re.S).group(1)
+        start = time.monotonic()
+        recording = subprocess.Popen(recipe, shell=True, cwd=self.folder, stdin=subprocess.DEVNULL)
+        time.sleep(3)  # of the ten seconds that it records
+        self.board.camera.ctl("freeze")
+        time.sleep(3)
+        self.board.camera.ctl("thaw")
+        self.assertEqual(0, recording.wait(COMMAND_LIMIT))
+        lasted = time.monotonic() - start
+        kept = self.board.camera.frames()
+
+        self.run_shell("ffmpeg -loglevel quiet -i video.mkv -c copy -f image2 stored-%05d.jpg")
+        stored = [name for name in os.listdir(self.folder) if name.startswith("stored-")]
+        self.assertGreater(len(stored), 25)
+        foreign = [name for name in stored if self.content(name) not in kept]
+        self.assertEqual([], foreign)
+        film = float(self.run_shell("ffprobe -v error -show_entries format=duration -of csv=p=0 video.mkv"))
+        self.assertGreater(film, 6)  # the gap of three seconds is in it
+        self.assertLess(film, lasted + 1)
+
+    def test_the_connection_stays_open_behind_an_answer(self):
+        client = connect()
+        client.sendall(b"GET /camera?focus=1 HTTP/1.1\r\n\r\n")
+        answer = b""
+        while not answer.endswith(b'\r\n\r\n{"measure":"0.0000"}'):
+            answer += client.recv(4096)
+
+        client.settimeout(1)
+
+        with self.assertRaises(TimeoutError):
+            client.recv(1)
 
     def test_urllib_reads_the_stream(self):
         program = re.search(r"```python\n(.*?)```", document(), re.S).group(1)
