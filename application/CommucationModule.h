@@ -16,7 +16,11 @@ public:
     /** Start to serve. @return RET_SUCCESS, also when the reactor has no thread to start */
     RET_E startModule() override;
 
-    /** End serving; connections stay open. @return RET_SUCCESS */
+    /**
+     * End serving; connections stay open. Waits for the reactor's pass without limit: a measurement
+     * that waits for a missing camera holds it.
+     * @return RET_SUCCESS
+     */
     RET_E stopModule() override;
 
     /** Stop listening. @return RET_SUCCESS */

@@ -72,8 +72,9 @@ ModuleManager::ModuleManager()
     : m_pDebugThread(std::make_unique<Thread>(&ModuleManager::debugCmdThread, this, "tty_debug", 0,
                                               0, 0, false))
 {
-    // The modules see the console's commands from their constructors to their destructors: both lie
-    // outside the time in which a console can run.
+    // Deliberate: the modules are made here, not when they are brought up. They see the console's
+    // commands from their constructors to their destructors: both lie outside the time in which a
+    // console can run.
     (void)SystemModule::getInstance();
     (void)CommucationModule::getInstance();
     EventBus<SystemNeedQuitEvent>::subscribe(this, &ModuleManager::onSystemNeedQuit);

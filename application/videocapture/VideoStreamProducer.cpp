@@ -86,7 +86,8 @@ RET_E VideoStreamProducer::registerConsumer(IConsumer* pConsumer)
             uCount = m_listConsumer.size();
         }
     }
-    // Logged without the lock: log sinks take locks that consumers hold too.
+    // Deliberate: logged without the lock, here and in cancelConsumer. Log sinks take locks that
+    // consumers hold too.
     if (0 == uCount) {
         LOG(7, "consumer is already in list.\n");
         return RET_FAILED;

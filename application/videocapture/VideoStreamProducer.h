@@ -28,9 +28,9 @@ public:
     virtual ~VideoStreamProducer();
 
     /**
-     * Open the camera and create the thread "videocapture<stream>". When already
-     * initialised, only the stream number is taken over. A camera that can't be opened is the
-     * thread's task.
+     * Open the camera and create the thread "videocapture<stream>". A camera that can't be opened
+     * is the thread's task. When already initialised, only the stream's number is taken: for the
+     * camera that is opened next, and for the events of the frames from now on.
      * @return RET_SUCCESS
      */
     RET_E init(const int32_t& s32Stream);

@@ -71,7 +71,9 @@ RET_E VideoProcessor::init()
     plugin.m_pHandle = dlopen(LIBRARY, RTLD_LAZY);
     if (nullptr == plugin.m_pHandle) {
         LOG(7, "open %s failed(%s) !\n", LIBRARY, loaderError());
-    } else if (resolve(plugin)) {
+        return RET_SUCCESS; // what an earlier init has loaded stays
+    }
+    if (resolve(plugin)) {
         plugin.pInit();
     }
     // Shown to the other threads only now: no entry point runs before the plug-in's init has.

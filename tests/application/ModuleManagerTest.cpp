@@ -93,6 +93,13 @@ std::string words(int nCount, const std::vector<std::string>& vecWord)
 
 } // namespace
 
+TEST(ModuleManager, DeliberateModulesAreMadeBeforeAnyIsBroughtUp)
+{
+    const ChildResult result = run({"MAKING=1", "QUIT=1"});
+
+    EXPECT_EQ("SystemModule made\nCommucationModule made\n" + WHOLE_LIFE, result.strOutput);
+}
+
 TEST(ModuleManager, ModulesComeUpInOrderAndGoDownInReverse)
 {
     const ChildResult result = run({"QUIT=1"});

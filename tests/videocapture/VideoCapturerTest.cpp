@@ -53,6 +53,20 @@ TEST_F(VideoCapturerTest, FramesReachTheConsumerOfStreamZero)
     EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
 }
 
+TEST_F(VideoCapturerTest, DeliberateSecondInitFirstGivesTheCameraBack)
+{
+    ASSERT_EQ(RET_SUCCESS, m_capturer.init()); // and no uninit
+
+    start();
+
+    EXPECT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer));
+    EXPECT_TRUE(m_consumer.waitForMore(2));
+    EXPECT_EQ(RET_SUCCESS, m_capturer.cancelConsumer(&m_consumer));
+    for (const std::string& strCall : m_camera.journal()) {
+        EXPECT_EQ(std::string::npos, strCall.find("EBUSY")) << strCall;
+    }
+}
+
 TEST_F(VideoCapturerTest, OnlyStreamZeroExists)
 {
     start();

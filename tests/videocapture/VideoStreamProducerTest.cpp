@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include "Eventually.h"
 #include "FrameConsumer.h"
 #include "LogCapture.h"
+#include "LogEvent.h"
 #include "VideoFrameEvent.h"
 #include "VirtualCamera.h"
 
@@ -154,6 +156,39 @@ TEST_F(VideoStreamProducerTest, FrameStaysWithWhoKeepsItsHolder)
         EXPECT_EQ(0xFF, frame.get()->au8Data[0]); // a JPEG picture's first two bytes
         EXPECT_EQ(0xD8, frame.get()->au8Data[1]);
     }
+}
+
+TEST_F(VideoStreamProducerTest, DeliberateLinesAreLoggedWithoutTheListsLock)
+{
+    // A log sink that needs the list, as one that takes a consumer's lock would.
+    struct Sink
+    {
+        int onLog(Event* pEvent)
+        {
+            (void)pEvent;
+            if (nullptr != m_pToRegister) {
+                IConsumer* pNext = std::exchange(m_pToRegister, nullptr);
+                m_vecResult.push_back(m_producer.registerConsumer(pNext));
+            } else if (nullptr != m_pToCancel) {
+                IConsumer* pNext = std::exchange(m_pToCancel, nullptr);
+                m_vecResult.push_back(m_producer.cancelConsumer(pNext));
+            }
+            return 0;
+        }
+        VideoStreamProducer& m_producer;
+        IConsumer* m_pToRegister;
+        IConsumer* m_pToCancel;
+        std::vector<RET_E> m_vecResult;
+    } sink{m_producer, nullptr, nullptr, {}};
+    EventBus<LogEvent>::subscribe(&sink, &Sink::onLog);
+
+    sink.m_pToRegister = &m_second;
+    EXPECT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    sink.m_pToCancel = &m_second;
+    EXPECT_EQ(RET_SUCCESS, m_producer.cancelConsumer(&m_consumer));
+
+    EventBus<LogEvent>::unsubscribe(&sink, &Sink::onLog);
+    EXPECT_EQ((std::vector<RET_E>{RET_SUCCESS, RET_SUCCESS}), sink.m_vecResult);
 }
 
 TEST_F(VideoStreamProducerTest, SecondRegistrationIsRefused)

@@ -99,6 +99,19 @@ TEST_F(VideoProcessorLoading, WithoutMemoryAnIdlePrintIsRefusedAndTheNextIsNot)
     EXPECT_EQ(0, idle());
 }
 
+TEST_F(VideoProcessorLoading, FailedSecondInitKeepsWhatTheFirstHasLoaded)
+{
+    load("test_plugin");
+    {
+        FaultScope fault("dlopen:1:ENOENT");
+        EXPECT_EQ(RET_SUCCESS, m_host.init());
+        EXPECT_EQ(1u, faultHits());
+    }
+
+    startCapture();
+    EXPECT_EQ(0, idle());
+}
+
 TEST_F(VideoProcessorLoading, CompletePluginIsInitialisedOnce)
 {
     load("test_plugin");

@@ -125,7 +125,7 @@ void* Thread::theThread(void* pArg)
 
 bool Thread::settle(State& state)
 {
-    // Before the id is stored: whoever reads the id may look for the name.
+    // Deliberate: before the id is stored; whoever reads the id may look for the name.
     prctl(PR_SET_NAME, state.strName.substr(0, 15).c_str(), 0, 0, 0); // 15: prctl(2)
     state.s32Tid = currentTid();
     errno = 0;
@@ -212,7 +212,8 @@ int Thread::stop()
     const std::shared_ptr<State> pState = m_pState;
     (void)pState->mtx.lock();
     const bool bRunning = pState->isRunning();
-    // Also when not yet past the gate: otherwise a quick start and stop would leave it running.
+    // Deliberate: also when not yet past the gate; else a quick start and stop would leave it
+    // running.
     pState->u32Flags &= ~static_cast<uint32_t>(FLAG_STARTED);
     (void)pState->mtx.unlock();
     if (!bRunning) {

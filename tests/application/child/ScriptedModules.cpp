@@ -22,6 +22,13 @@ RET_E step(const char* pModule, const char* pStep)
     return static_cast<RET_E>((nullptr == pResult) ? 0 : atoi(pResult));
 }
 
+void made(const char* pModule)
+{
+    if (nullptr != getenv("MAKING")) {
+        printf("%s made\n", pModule);
+    }
+}
+
 } // namespace
 
 SystemModule& SystemModule::getInstance()
@@ -30,7 +37,11 @@ SystemModule& SystemModule::getInstance()
     return s_instance;
 }
 
-SystemModule::SystemModule() = default;
+SystemModule::SystemModule()
+{
+    made("SystemModule");
+}
+
 SystemModule::~SystemModule() = default;
 
 RET_E SystemModule::initModule()
@@ -70,7 +81,11 @@ CommucationModule& CommucationModule::getInstance()
     return s_instance;
 }
 
-CommucationModule::CommucationModule() = default;
+CommucationModule::CommucationModule()
+{
+    made("CommucationModule");
+}
+
 CommucationModule::~CommucationModule() = default;
 
 RET_E CommucationModule::initModule()

@@ -77,7 +77,9 @@ public:
     /**
      * Cancel the thread while it is running; it can't be started again. What the body holds at that
      * moment is lost with some C libraries (musl): a lock stays locked, memory and descriptors
-     * leak, since no destructor runs there; pthread_cleanup_push(3) handlers do. @return 0
+     * leak, since no destructor runs there; pthread_cleanup_push(3) handlers do. With others a body
+     * that is in a destructor, or in another function that may not throw, ends the process. @return
+     * 0
      */
     int forceKill();
 
