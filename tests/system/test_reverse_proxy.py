@@ -140,6 +140,12 @@ class ReverseProxy(unittest.TestCase):
         numbers = [kept[picture] for picture in pictures]
         self.assertEqual(sorted(set(numbers)), numbers)
 
+    def test_a_player_opens_the_stream_without_an_option(self):
+        shown = run("ffprobe", "-v", "error", "-headers", f"Authorization: {AUTHORIZATION['Authorization']}\r\n",
+                    "-show_entries", "stream=codec_name,width,height", "-of", "csv=p=0",
+                    f"https://127.0.0.1:{PORT}/live")
+        self.assertEqual("mjpeg,640,480\n", shown)
+
     def test_a_viewer_that_leaves_leaves_the_service_too(self):
         wait_until(lambda: sockets(self.board) == self.idle, "all other clients have gone")
         connection, response = open_request("/live")

@@ -215,6 +215,12 @@ class Run(unittest.TestCase):
         self.assertEqual(1, run.returncode, output)
         self.assertIn(text, output.splitlines()[-1])
 
+    def test_a_checkout_that_cannot_be_written_is_one_line(self):
+        shutil.rmtree(f"{self.checkout.folder}/build")
+        write(f"{self.checkout.folder}/build", "")
+
+        self.assert_refused(self.start(), "/build/run; what is there belongs to ")
+
     def test_help_tells_and_does_nothing(self):
         for word in ("-h", "--help"):
             run = self.start(word)
