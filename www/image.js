@@ -68,6 +68,9 @@ export class ImageStream {
         this.#begun = true;
         const now = performance.now();
         const pixels = this.#pixels(width, height);
+        if (pixels[0] === 0) {
+            return; // the browser has let go of the pixels of an image that stands still
+        }
         const before = now - this.#lookedAt <= GAP ? this.#last : null;
         this.#last = pixels;
         this.#lookedAt = now;
@@ -84,7 +87,8 @@ export class ImageStream {
             this.#scratch.width = width;
             this.#scratch.height = height;
         }
-        const context = this.#scratch.getContext("2d", { alpha: false, willReadFrequently: true });
+        const context = this.#scratch.getContext("2d", { willReadFrequently: true });
+        context.clearRect(0, 0, width, height);
         context.drawImage(this.#image, 0, 0);
         return new Uint32Array(context.getImageData(0, 0, width, height).data.buffer);
     }

@@ -7,6 +7,7 @@ import { reasonOf } from "./reason.js";
 import { Backoff, FrameClock, RateMeter, StreamParser } from "./stream.js";
 import { View } from "./view.js";
 
+const SOON = 500; // ms in which a board answers
 const STALE = 2000; // ms; an older picture is not live
 const SILENCE = 5000; // ms without a byte before another connection is tried
 const LONGEST_SILENCE = 30000;
@@ -267,7 +268,7 @@ export class LivePicture {
     }
 
     #watchSilence(now, connection) {
-        if (!connection.answered && now - connection.asked > STALE) {
+        if (!connection.answered && now - connection.asked > SOON) {
             this.#askForLife(connection);
         }
         if (

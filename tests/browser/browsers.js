@@ -106,6 +106,7 @@ class ChromiumPage extends Page {
 
     static async end() {
         await ChromiumPage.browser?.close();
+        ChromiumPage.browser = null;
     }
 
     goTo(url) {
@@ -124,8 +125,9 @@ class ChromiumPage extends Page {
         return this.page.setViewportSize({ width, height });
     }
 
-    screenshot(path) {
-        return this.page.screenshot({ path });
+    /** @param options  also "quality", when the path ends in ".jpg" */
+    screenshot(path, options = {}) {
+        return this.page.screenshot({ path, ...options });
     }
 
     close() {

@@ -1,8 +1,7 @@
 // The web application in Chromium, on the built service with the virtual camera.
 import assert from "node:assert/strict";
 import { createHash } from "node:crypto";
-import { mkdirSync, readFileSync, readdirSync, statSync } from "node:fs";
-import { join } from "node:path";
+import { readFileSync, readdirSync, statSync } from "node:fs";
 import { after, before, test } from "node:test";
 
 import { Board, CARD, HTTP_PORT, Network } from "./board.js";
@@ -576,6 +575,49 @@ pageTest("a hidden page leaves the board alone", {}, async (page) => {
     assert.deepEqual(asked, ["/live"], "one connection, after it is seen again");
 });
 
+pageTest("behind a proxy the log's address is not promised", {}, async (page) => {
+    const network = await Network.start();
+    try {
+        await open(page);
+        assert.ok(await page.locator("#log-proxy").isHidden());
+        await open(page, network.url);
+
+        assert.equal(await text(page, "log"), "nc BOARD 8001");
+        assert.match(await text(page, "log-proxy"), /^This page comes through a proxy/);
+    } finally {
+        network.close();
+    }
+});
+
+pageTest(
+    "forced colours: on and off, live and not, differ by more than a colour",
+    { forcedColors: "active" },
+    async (page) => {
+        await open(page);
+        /** The colours that an element shows, of each pixel. */
+        const seen = async (selector) => {
+            const shot = await page.locator(selector).screenshot({ animations: "disabled" });
+            return createHash("md5").update(shot).digest("hex");
+        };
+        const plain = await seen(".switch span");
+        await page.getByText("Correct lens distortion").click();
+        await page.evaluate(() => document.activeElement.blur());
+        assert.notEqual(await seen(".switch span"), plain, "on and off look alike");
+
+        const shape = () =>
+            page.locator("#badge").evaluate((badge) => {
+                const { borderRadius, backgroundColor } = getComputedStyle(badge, "::before");
+                return { borderRadius, backgroundColor };
+            });
+        const live = await shape();
+        await page.getByRole("button", { name: "Pause" }).click();
+        await reach(page, "paused");
+        const paused = await shape();
+        assert.notEqual(paused.borderRadius, live.borderRadius);
+        assert.notEqual(paused.backgroundColor, live.backgroundColor);
+    },
+);
+
 pageTest("by keyboard alone", {}, async (page) => {
     await open(page);
     const focused = () =>
@@ -733,9 +775,6 @@ for (const [size, options] of Object.entries({ phone: PHONE, desktop: DESKTOP })
                     [],
                 );
                 assert.deepEqual(await page.evaluate(findSmallTargets), []);
-                if (colorScheme === "light") {
-                    await takePicture(page, size);
-                }
             },
         );
     }
@@ -794,20 +833,6 @@ function findSmallTargets() {
     return [...document.querySelectorAll("button:not([hidden]), #shots a, #filename, .switch")]
         .filter((e) => e.checkVisibility() && e.getBoundingClientRect().height < 44)
         .map((e) => e.id || e.textContent);
-}
-
-/** The README's pictures, when they are asked for. */
-async function takePicture(page, size) {
-    const folder = process.env.KESTREL_IMAGES;
-    if (!folder) {
-        return;
-    }
-    mkdirSync(folder, { recursive: true });
-    await board.command("camera spot 8 6 0 on");
-    await page.setViewportSize(size === "phone" ? PHONE.viewport : { width: 1280, height: 930 });
-    await open(page);
-    await textBecomes(page, "count", /^\d{3}$/); // the rate has settled
-    await page.screenshot({ path: join(folder, `page-${size}.jpg`), type: "jpeg", quality: 85 });
 }
 
 pageTest(
