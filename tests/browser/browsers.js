@@ -1,6 +1,6 @@
 // Chromium, Firefox and WebKit as Debian has them, driven alike.
 import { spawn } from "node:child_process";
-import { mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
+import { mkdirSync, mkdtempSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { createInterface } from "node:readline";
@@ -15,7 +15,10 @@ const WEBKIT = "/usr/lib/x86_64-linux-gnu/webkit2gtk-4.1/MiniBrowser";
 
 const pause = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
-/** A folder for a browser's profile, with the environment that makes it keep to it. */
+/**
+ * A folder for a browser's profile, with the environment that makes it keep to it. It goes with the
+ * private host's /tmp: a browser's processes may still write into it when the browser has ended.
+ */
 class Profile {
     folder = mkdtempSync(join(tmpdir(), "kestrel-browser."));
     env = {
@@ -24,16 +27,12 @@ class Profile {
         XDG_CONFIG_HOME: join(this.folder, ".config"),
         XDG_CACHE_HOME: join(this.folder, ".cache"),
     };
-
-    remove() {
-        rmSync(this.folder, { recursive: true, force: true, maxRetries: 10 });
-    }
 }
 
-/** Chromium by playwright, with a profile of its own that is removed with it. */
+/** Chromium by playwright, with a profile of its own. */
 export async function startChromium() {
     const profile = new Profile();
-    const browser = await chromium.launch({
+    return chromium.launch({
         executablePath: process.env.KESTREL_CHROMIUM ?? "/usr/bin/chromium",
         env: profile.env,
         args: [
@@ -47,8 +46,6 @@ export async function startChromium() {
             "--disable-sync",
         ],
     });
-    browser.on("disconnected", () => profile.remove());
-    return browser;
 }
 
 /** What the three have in common. */
@@ -137,7 +134,6 @@ class ChromiumPage extends Page {
 
 class FirefoxPage extends Page {
     static browsers = {}; // by scheme: no page of it can change that
-    static profiles = [];
 
     static async start(scheme) {
         const page = new FirefoxPage();
@@ -148,7 +144,6 @@ class FirefoxPage extends Page {
 
     static launch(scheme) {
         const profile = new Profile();
-        FirefoxPage.profiles.push(profile);
         return puppeteer.launch({
             browser: "firefox",
             executablePath: "/usr/bin/firefox-esr",
@@ -162,9 +157,6 @@ class FirefoxPage extends Page {
     static async end() {
         for (const browser of Object.values(FirefoxPage.browsers)) {
             await browser.close();
-        }
-        for (const profile of FirefoxPage.profiles) {
-            profile.remove();
         }
     }
 
@@ -204,15 +196,15 @@ class WebKitPage extends Page {
 
     static async start(scheme) {
         const page = new WebKitPage();
-        page.profile = new Profile();
-        const settings = join(page.profile.folder, ".config", "gtk-3.0");
+        const profile = new Profile();
+        const settings = join(profile.folder, ".config", "gtk-3.0");
         mkdirSync(settings, { recursive: true });
         // Its tool bar would keep the window wider than a phone.
         writeFileSync(
             join(settings, "gtk.css"),
             "* { min-width: 0; padding: 0; margin: 0 } image { -gtk-icon-transform: scale(.3) }",
         );
-        const env = { ...page.profile.env, NO_AT_BRIDGE: "1" };
+        const env = { ...profile.env, NO_AT_BRIDGE: "1" };
         if (scheme === "dark") {
             env.GTK_THEME = "Adwaita:dark";
         }
@@ -327,7 +319,6 @@ class WebKitPage extends Page {
             process.kill();
             await ended;
         }
-        this.profile.remove();
     }
 }
 

@@ -32,13 +32,16 @@ after(async () => {
 function pageTest(name, body, { scheme = "light", size = DESKTOP } = {}) {
     test(`${NAME}: ${name}`, async () => {
         const network = await Network.start();
-        const page = await startPage(NAME, scheme);
         try {
-            await page.resize(...size);
-            await body(page, network);
+            const page = await startPage(NAME, scheme);
+            try {
+                await page.resize(...size);
+                await body(page, network);
+            } finally {
+                await page.close();
+            }
         } finally {
-            await page.close();
-            network.close();
+            network.close(); // or it would keep this process waiting
         }
     });
 }
