@@ -150,7 +150,7 @@ TEST_F(PrintServiceHazard, DeliberateEndOfTheServiceLeavesLaserAndMovesAsTheyAre
 
 TEST_F(PrintServiceHazard, DeliberatePulledCableLeavesTheLaserOn)
 {
-    m_controller.instruct("line 10 unplug");
+    m_controller.instruct("line 16 unplug"); // a queue of moves is under way
     startJob(makeMoves(60));
     EXPECT_TRUE(waitForThread());
 
