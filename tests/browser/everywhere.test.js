@@ -108,11 +108,19 @@ pageTest("a camera that stands still is not live", async (page, network) => {
         await page.until(
             () => Number(getComputedStyle(document.getElementById("picture")).opacity) < 0.4,
         );
-        // Looking away and back makes no old picture live.
+        // Looking away and back makes no old picture live, not for a moment.
+        await page.run(() => {
+            const live = document.getElementById("live");
+            window.states = [];
+            new MutationObserver(() => window.states.push(live.dataset.state)).observe(live, {
+                attributes: true,
+            });
+        });
         await page.click("#pause");
         await page.reach("paused");
         await page.click("#pause");
         await page.reach(stopped(page));
+        assert.ok(!(await page.run(() => window.states.includes("live"))));
     });
 
     await page.reach("live");
