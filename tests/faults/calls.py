@@ -11,11 +11,12 @@ FOREVER = 4294967295  # a position that no run reaches: the rule only counts
 
 
 class Call:
-    def __init__(self, name, rule, errors, manual, load=""):
+    def __init__(self, name, rule, errors, manual, load="", last=200):
         self.name = name
         self.rule = rule  # how the fault library knows it
         self.errors = errors.split()
         self.manual = manual
+        self.last = last  # the last position that is made to fail
         self.load = load  # what the driver does besides its ordinary requests
 
 
@@ -52,6 +53,10 @@ CALLS = (
     Call("system", "system", "EAGAIN ECHILD EINTR EINVAL ENOMEM ENOSYS ESRCH",
          "system(3), fork(2), wait(2)"),
     Call("pthread_create", "pthread_create", "EAGAIN EINVAL EPERM", "pthread_create(3)"),
-    Call("malloc of 1 KB and more", "malloc>=1024", "ENOMEM", "malloc(3)"),
-    Call("calloc of 1 KB and more", "calloc>=1024", "ENOMEM", "malloc(3)"),
+    Call("malloc", "malloc", "ENOMEM", "malloc(3)", last=3000),
+    Call("calloc", "calloc", "ENOMEM", "malloc(3)"),
+    Call("realloc", "realloc", "ENOMEM", "malloc(3)"),
+    Call("operator new", "new", "ENOMEM", "malloc(3), which is inside", last=3000),
 )
+
+ALLOCATIONS = ("malloc", "calloc", "realloc", "operator new")

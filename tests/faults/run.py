@@ -4,7 +4,7 @@ usage: run.py full|quick [--table FILE] [--workers N] [--call NAME]...
 KESTREL_BUILD names the build folder.
 
 A call's first positions lie in the start: each of them fails, with each error, in a process of its
-own. The later ones, to the 200th call, fail while clients stream and ask: every STEP-th in a run, and
+own. The later ones, to the 200th call (3,000th allocation), fail while clients stream and ask: every STEP-th in a run, and
 as many runs as bring every error to every position. Quick: only every STEP-th position, with the
 errors by turns, in one run for each call, and one error for each position of the start.
 
@@ -23,13 +23,12 @@ import sys
 import threading
 import time
 
-from calls import CALLS, FOREVER
+from calls import ALLOCATIONS, CALLS, FOREVER
 import service
 from service import harness
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 PRIVATE_HOST = os.path.join(HERE, "..", "support", "private-host")
-LAST = 200
 STEP = 10
 
 # What the service may do by agreement when the call fails at its start: a pattern of its log or
@@ -114,10 +113,11 @@ def count_start(calls):
 
 
 def count_all(calls):
-    """How often each call comes at all under its load, 200 for at least that often, by name."""
-    tasks = [{"call": call.name, "plan": f"{call.rule}:{FOREVER}:EIO", "until": LAST,
-              "load": call.load, "hurry": call.load == "reopen"} for call in calls]
-    return {task["call"]: min(result["seen"], LAST) for task, result in do_all(tasks)}
+    """How often each call comes at all under its load, its last for at least that often, by name."""
+    tasks = [{"call": call.name, "plan": f"{call.rule}:{FOREVER}:EIO", "until": call.last,
+              "last": call.last, "load": call.load, "hurry": call.load == "reopen"}
+             for call in calls]
+    return {task["call"]: min(result["seen"], task["last"]) for task, result in do_all(tasks)}
 
 
 def start_tasks(call, count, quick):
@@ -135,8 +135,8 @@ def stream_tasks(call, count, quick):
         for turn in range(1 if quick else len(errors)):
             turned = errors[turn:] + errors[:turn]
             yield {"call": call.name, "phase": "stream", "position": first, "errors": turned,
-                   "plan": f"{call.rule}:{first}/{STEP}-{LAST}:{','.join(turned)}",
-                   "until": LAST, "load": call.load, "hurry": call.load == "reopen"}
+                   "plan": f"{call.rule}:{first}/{STEP}-{call.last}:{','.join(turned)}",
+                   "until": call.last, "load": call.load, "hurry": call.load == "reopen"}
 
 
 def verdict(task, result):
@@ -156,6 +156,10 @@ def verdict(task, result):
                 return words, False
         if "epoll_ctl" == task["call"] and task["errors"][0] in UNHEARD and not result["ended"]:
             return "as agreed, a listener that nobody hears", False
+        if task["call"] in ALLOCATIONS:
+            if result["ended"]:
+                return "ends at the start", False
+            return "starts without what it was for", False
         if "pthread_create" == task["call"] and not result["ended"]:
             return "as agreed, without the thread and what it serves", False
     last = text.strip().splitlines()[-1:] or [""]
@@ -188,7 +192,7 @@ def table(calls, at_start, reached, results):
             f"| {call.name} | {f'1 to {max(starts)}' if starts else 'none'} | "
             f"{f'{at_start[call.name] + 1} to {last}' if streamed else 'none'} | {last or '-'} | "
             f"{len(call.errors)} | {here} | {outcome if last else 'not called'} |")
-    head = ["| Call | Failed at the start | Failed while streaming | Reached (of 200) | Errors | "
+    head = ["| Call | Failed at the start | Failed while streaming | Reached | Errors | "
             "Failed calls | Runs |", "|---|---|---|---|---|---|---|"]
     return head + rows, failures, faults
 
@@ -204,7 +208,7 @@ def main():
     Worker.most = arguments.workers
     sanitizer = harness.sanitizer_of(f"{harness.BUILD}/application/kestrel-server")[0]
     calls = [call for call in CALLS if (not arguments.call or call.name in arguments.call)
-             and not (sanitizer and "alloc" in call.rule)]  # those are the sanitizer's own
+             and not (sanitizer and call.name in ALLOCATIONS)]  # those are the sanitizer's own
     if not calls:
         parser.error("no such call")
 

@@ -273,8 +273,10 @@ def run(host, task):
         if not server.alive():
             result["ended"] = how_ended(server)
         result["seen"], result["hits"] = report.seen(), report.hits()
-        result["output"] = server.output()[-3000:]
-        result["log"] = log_text()[-6000:]
+        text = server.output()
+        result["output"] = text if len(text) < 9000 else text[:3000] + text[-6000:]
+        text = log_text()  # the start and the end
+        result["log"] = text if len(text) < 9000 else text[:3000] + text[-6000:]
     finally:
         try:
             server.close()

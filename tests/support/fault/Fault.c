@@ -269,6 +269,21 @@ __attribute__((visibility("default"))) unsigned long faultThreadAllocations(void
     return t_ulAllocations;
 }
 
+static struct Range rangeOf(const struct dl_phdr_info* pInfo)
+{
+    struct Range range = {UINTPTR_MAX, 0};
+    for (int i = 0; i < pInfo->dlpi_phnum; ++i) {
+        const ElfW(Phdr)* pPart = &pInfo->dlpi_phdr[i];
+        if (PT_LOAD == pPart->p_type) {
+            const uintptr_t uStart = pInfo->dlpi_addr + pPart->p_vaddr;
+            const uintptr_t uEnd = uStart + pPart->p_memsz;
+            range.uStart = (uStart < range.uStart) ? uStart : range.uStart;
+            range.uEnd = (uEnd > range.uEnd) ? uEnd : range.uEnd;
+        }
+    }
+    return range;
+}
+
 // An object whose file's name holds one of the names, separated by colons.
 static int noteExcept(struct dl_phdr_info* pInfo, size_t uSize, void* pNames)
 {
@@ -282,17 +297,7 @@ static int noteExcept(struct dl_phdr_info* pInfo, size_t uSize, void* pNames)
         if (NULL == strstr(pInfo->dlpi_name, pName) || MAX_EXCEPT == g_uExcept) {
             continue;
         }
-        struct Range range = {UINTPTR_MAX, 0};
-        for (int i = 0; i < pInfo->dlpi_phnum; ++i) {
-            const ElfW(Phdr)* pPart = &pInfo->dlpi_phdr[i];
-            if (PT_LOAD == pPart->p_type) {
-                const uintptr_t uStart = pInfo->dlpi_addr + pPart->p_vaddr;
-                const uintptr_t uEnd = uStart + pPart->p_memsz;
-                range.uStart = (uStart < range.uStart) ? uStart : range.uStart;
-                range.uEnd = (uEnd > range.uEnd) ? uEnd : range.uEnd;
-            }
-        }
-        g_aExcept[g_uExcept++] = range;
+        g_aExcept[g_uExcept++] = rangeOf(pInfo);
     }
     return 0;
 }
@@ -520,6 +525,19 @@ static void* zeroed(REAL_CALLOC_T pReal, size_t uCount, size_t uSize)
 }
 #endif
 
+// The C++ library, whose operator new allocates with malloc; empty in a program without it.
+static struct Range g_runtime;
+
+static int noteRuntime(struct dl_phdr_info* pInfo, size_t uSize, void* pUnused)
+{
+    (void)uSize;
+    (void)pUnused;
+    if (NULL != strstr(pInfo->dlpi_name, "libstdc++.so")) {
+        g_runtime = rangeOf(pInfo);
+    }
+    return 0;
+}
+
 EXPORT void* malloc(size_t uSize)
 {
     static void* (*s_pReal)(size_t);
@@ -527,7 +545,9 @@ EXPORT void* malloc(size_t uSize)
         return fromPool(uSize);
     }
     ++t_ulAllocations;
-    const int nError = faultOf("malloc", FILTER_NUMBER, (long)uSize, NULL);
+    const uintptr_t uCaller = (uintptr_t)__builtin_return_address(0);
+    const int bNew = uCaller >= g_runtime.uStart && uCaller < g_runtime.uEnd;
+    const int nError = faultOf(bNew ? "new" : "malloc", FILTER_NUMBER, (long)uSize, NULL);
     if (0 != nError) {
         errno = nError;
         return NULL;
@@ -583,6 +603,7 @@ EXPORT void* realloc(void* pBlock, size_t uSize)
 __attribute__((constructor(101))) static void findFree(void)
 {
     resolveAllocator(&g_pRealFree, "free");
+    (void)dl_iterate_phdr(noteRuntime, NULL);
 }
 
 EXPORT void free(void* pBlock)

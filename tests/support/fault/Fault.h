@@ -20,10 +20,12 @@ extern "C" {
  * errno and returns what the real one returns on failure (the pthread calls return the error).
  *
  * Linked into a test (target kestrel_fault) the plan is set by faultPlan; operator new allocates
- * with malloc and throws when that fails. Preloaded into a program
- * (target kestrel_fault_preload) it comes from the environment: KESTREL_FAULT holds the plan and
- * KESTREL_FAULT_PROGRAM, if set, the only program name that it is for; that program takes the plan
- * out of its environment, so that its children run undisturbed. Also from the environment:
+ * with malloc, which the rules of "malloc" are for, and throws when that fails. Preloaded into a
+ * program (target kestrel_fault_preload) the plan comes from the environment, and the malloc of
+ * operator new has the name "new" where the program's C++ library is a shared one. KESTREL_FAULT
+ * holds the plan and KESTREL_FAULT_PROGRAM, if set, the only program name that it is for; that
+ * program takes the plan out of its environment, so that its children run undisturbed. Also from
+ * the environment:
  *
  *   KESTREL_FAULT_EXCEPT  names of libraries, separated by ":", whose own calls no rule sees: for
  *                         another preloaded library. This one comes first in LD_PRELOAD, else calls

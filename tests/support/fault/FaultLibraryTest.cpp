@@ -224,3 +224,17 @@ TEST(FaultLibrary, SleepsOfAHurriedProgramAreShort)
 
     EXPECT_EQ(0, runChild({"/bin/sh", "-c", strCommand}).nStatus);
 }
+
+TEST(FaultLibrary, OperatorNewOfAPreloadedProgramHasANameOfItsOwn)
+{
+    const std::string strPlan = "LD_PRELOAD=" FAULT_PRELOAD " KESTREL_FAULT_PROGRAM=cmake";
+    const std::string strRun = " " CXX_PROGRAM " --version";
+
+    const ChildResult failed = runChild(
+        {"/bin/sh", "-c", strPlan + " KESTREL_FAULT='new=4321:1-:ENOMEM;new:2-:ENOMEM'" + strRun});
+    const ChildResult others =
+        runChild({"/bin/sh", "-c", strPlan + " KESTREL_FAULT='new=4321:1-:ENOMEM'" + strRun});
+
+    EXPECT_NE(std::string::npos, failed.strError.find("std::bad_alloc")) << failed.strError;
+    EXPECT_EQ(0, others.nStatus) << others.strError;
+}

@@ -74,8 +74,8 @@ public:
 
     /**
      * LOG_SINK_E mask; 1, the console alone, at first. Lines are published whatever it says. On the
-     * console the sequence that resets the colour comes behind the line's end: where standard output
-     * is line-buffered it waits there for the next line.
+     * console the sequence that resets the colour comes behind the line's end: where standard
+     * output is line-buffered it waits there for the next line.
      */
     Log& setSinks(uint32_t u32Sinks);
 
