@@ -66,10 +66,11 @@ int openBelow(const char* pFolder, const char* pName)
 {
     std::vector<Descriptor>
         vecFolder; // from the folder down: ".." of the kernel may lead elsewhere
-    vecFolder.emplace_back(open(pFolder, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (vecFolder.back().get() < 0) {
+    Descriptor top(open(pFolder, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (top.get() < 0) {
         return -1;
     }
+    vecFolder.push_back(std::move(top));
     for (const char* pSlash = strchr(pName, '/'); nullptr != pSlash; pSlash = strchr(pName, '/')) {
         const std::string strPart(pName, pSlash);
         pName = pSlash + 1;
