@@ -14,6 +14,7 @@
 #include "Fault.h"
 #include "LogCapture.h"
 #include "Mask.h"
+#include "StringBlock.h"
 
 namespace {
 
@@ -383,7 +384,7 @@ TEST_F(HttpSnapClientTest, WithoutMemoryForTheNameItIsAnsweredAndNotSaved)
     ASSERT_EQ(0, m_connection.request(request("?filename=" + strFolder + "/a.jpg")));
     PVENC_FRAME_T frame = makeFrame(5000);
     {
-        FaultScope fault("malloc=201:1:ENOMEM");
+        FaultScope fault(("malloc=" + std::to_string(stringBlock(200)) + ":1:ENOMEM").c_str());
         FakeSystem::deliver(frame);
         EXPECT_EQ(1u, faultHits());
     }
