@@ -34,19 +34,3 @@ await() {
 
 card=/tmp/run/mountd/mmcblk0p1/kestrel-server
 url=http://127.0.0.1:8329
-
-# check_service PID USER HOME: what holds of the running service, whichever package brought it.
-check_service() {
-    await curl -sf -o /tmp/page "$url/index.html"
-    expect "it serves the packed web application" cmp /tmp/page "$card/www/index.html"
-    expect "the folder of snapshots is the user's" \
-        test "$(stat -c %U "$card/camera")" = "$2"
-    same "it runs as its user" "$(id -u "$2")" "$(stat -c %u "/proc/$1")"
-    for group in video dialout; do
-        number=$(getent group $group | cut -d: -f3)
-        expect "it is in group $group" grep -Eq "^Groups:.*\b$number\b" "/proc/$1/status"
-    done
-    same "its working directory" "$3" "$(readlink "/proc/$1/cwd")"
-    expect "it may write there" su -s /bin/sh "$2" -c "touch $3/tmp.gcode"
-    expect "it may save snapshots" su -s /bin/sh "$2" -c "touch $card/camera/a.jpg"
-}

@@ -1,7 +1,7 @@
 #!/bin/sh
-# Stands for /etc/rc.common and procd: `SCRIPT ACTION` reaches it as `rc.common SCRIPT ACTION`.
-# What a start declares goes to /tmp/procd, a parameter per file and an argument per line; the
-# instance is started as declared, without procd's watch over it.
+# Stands for /etc/rc.common: `SCRIPT ACTION` reaches it as `rc.common SCRIPT ACTION`. What a start
+# declares goes to /tmp/procd, a parameter per file and an argument per line; what is asked of procd
+# goes to /tmp/procd.asked, where the test does it in procd's place.
 initscript=$1
 action=${2:-help}
 declared=/tmp/procd
@@ -18,31 +18,20 @@ procd_set_param() {
 }
 
 procd_close_instance() {
-    # Positional parameters again: the last line of the declared command has blanks.
-    set --
-    while IFS= read -r word; do
-        set -- "$@" "$word"
-    done <$declared/command
-    user=$(cat $declared/user)
-    setpriv --reuid "$user" --regid "$user" --init-groups "$@" >>/tmp/output 2>&1 &
-    echo $! >/tmp/pid
+    echo start >>/tmp/procd.asked
 }
 
 # shellcheck disable=SC1090 # the script under test
 . "$initscript"
 case $action in
 start) start_service ;;
-stop)
-    if [ -e /tmp/pid ]; then
-        kill "$(cat /tmp/pid)" || true
-        rm /tmp/pid
-    fi
-    ;;
+stop) echo stop >>/tmp/procd.asked ;;
 restart)
-    "$initscript" stop
-    "$initscript" start
+    echo stop >>/tmp/procd.asked
+    start_service
     ;;
-enable) : >/tmp/enabled ;;
-disable) rm /tmp/enabled ;;
+enable) : >/etc/enabled ;;
+disable) rm -f /etc/enabled ;;
+enabled) [ -e /etc/enabled ] ;;
 *) exit 1 ;;
 esac

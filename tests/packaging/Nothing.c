@@ -1,0 +1,2 @@
+// Stands for a library of the board's compiler.
+const int g_nNothing = 0;
