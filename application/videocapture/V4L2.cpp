@@ -5,10 +5,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <unistd.h>
-#include <utility>
 
 #include "Assert.h"
 #include "Command.h"

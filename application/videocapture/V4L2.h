@@ -3,8 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <linux/videodev2.h>
 #include <memory>
+
+#include <linux/videodev2.h>
 
 #include "RetE.h"
 #include "VideoFrame.h"

@@ -1,9 +1,8 @@
 // Opening a camera: finding its node, agreeing on format and rate, mapping its buffers.
-#include "V4L2.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -11,6 +10,7 @@
 #include "DeviceIo.h"
 #include "Log.h"
 #include "UvcProber.h"
+#include "V4L2.h"
 
 static const char* const SOURCE_NAME = "videocapture/V4L2";
 

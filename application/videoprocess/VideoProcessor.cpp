@@ -1,8 +1,9 @@
 // The host of the vision plug-in: measuring, and correcting lens distortion.
 #include "VideoProcessor.h"
 
-#include <dlfcn.h>
 #include <new>
+
+#include <dlfcn.h>
 
 #include "EventBus.h"
 #include "IdlePrintEvent.h"

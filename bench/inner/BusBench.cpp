@@ -1,10 +1,10 @@
 // The event bus: publish to 0, 1 and 8 subscribers beside a plain virtual call.
-#include "EventBus.h"
-
-#include <benchmark/benchmark.h>
 #include <memory>
 #include <vector>
 
+#include <benchmark/benchmark.h>
+
+#include "EventBus.h"
 #include "Fault.h"
 #include "Opaque.h"
 

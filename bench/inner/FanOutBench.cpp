@@ -1,16 +1,17 @@
 // One frame to 1, 8 and 64 clients of the stream, beside the same blocks by bare send.
-#include "VideoStreamProducer.h"
+#include <memory>
+#include <vector>
+
+#include <sys/socket.h>
 
 #include <benchmark/benchmark.h>
-#include <memory>
-#include <sys/socket.h>
-#include <vector>
 
 #include "CpuClock.h"
 #include "HttpLiveClient.h"
 #include "Log.h"
 #include "TcpPair.h"
 #include "VideoFrame.h"
+#include "VideoStreamProducer.h"
 #include "WebCameraClient.h"
 
 namespace {

@@ -1,9 +1,8 @@
 // The log: a line above the level, which is not written, and one below it, beside an empty call.
-#include "Log.h"
-
 #include <benchmark/benchmark.h>
 
 #include "EventBus.h"
+#include "Log.h"
 #include "LogEvent.h"
 #include "Opaque.h"
 

@@ -1,11 +1,11 @@
 // A browser's request and a query's parameters, beside the bare parser and a bare search.
-#include "HttpRequestParser.h"
-
-#include <benchmark/benchmark.h>
 #include <cstring>
 #include <string>
 
+#include <benchmark/benchmark.h>
+
 #include "CpuClock.h"
+#include "HttpRequestParser.h"
 
 namespace {
 

@@ -1,14 +1,15 @@
 // One line and its reply over a pseudo terminal, beside a bare write, wait and read.
-#include "UART.h"
+#include <string>
 
-#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <string>
 #include <unistd.h>
+
+#include <benchmark/benchmark.h>
 
 #include "PtyPeer.h"
 #include "Time.h"
+#include "UART.h"
 
 namespace {
 

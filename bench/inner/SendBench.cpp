@@ -1,15 +1,16 @@
 // The send queue: what handing a block over costs, to an idle and to a busy connection.
-#include "SendQueueTcpClient.h"
-
-#include <benchmark/benchmark.h>
 #include <cstdlib>
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <sys/socket.h>
 #include <utility>
 
+#include <sys/socket.h>
+
+#include <benchmark/benchmark.h>
+
 #include "CpuClock.h"
+#include "SendQueueTcpClient.h"
 #include "TcpPair.h"
 
 namespace {

@@ -1,9 +1,10 @@
 // A loopback TCP connection whose far end throws away what it gets.
 #pragma once
 
+#include <stdexcept>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 

@@ -3,11 +3,12 @@
 // usage: printlink_bench FOLDER   prints a JSON list of figures; FOLDER gets the job file
 #include <algorithm>
 #include <cstdio>
+#include <string>
+#include <vector>
+
 #include <fcntl.h>
 #include <poll.h>
-#include <string>
 #include <unistd.h>
-#include <vector>
 
 #include "Log.h"
 #include "PrintService.h"

@@ -3,9 +3,10 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <stdexcept>
+
 #include <fcntl.h>
 #include <sched.h>
-#include <stdexcept>
 #include <termios.h>
 #include <unistd.h>
 

@@ -4,13 +4,13 @@
 //
 // Prints how many pairs it ran, the seconds they took and the processor time of all of it, the
 // shells included.
-#include "Command.h"
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
 #include <sys/resource.h>
+
+#include "Command.h"
 
 namespace {
 

@@ -5,8 +5,6 @@
 // One connection at a time: accept, set the service's socket options, read the request, open the
 // file, read it whole, send header and content, wait until the client closes. With "commands" it
 // also runs, at each accept, the two shell commands that the service runs there, by the same call.
-#include "Command.h"
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +19,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "Command.h"
 
 namespace {
 

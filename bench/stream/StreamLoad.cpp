@@ -12,8 +12,6 @@
 // then:
 //   taken DONE BYTES
 // Ends with 1 when a stream breaks off or holds anything but the agreed bytes.
-#include "LoadClient.h"
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +22,8 @@
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
+
+#include "LoadClient.h"
 
 namespace {
 

@@ -1,6 +1,4 @@
 // The plug-in when memory runs out at any of its allocations: nothing is thrown at a C caller.
-#include "frame_process.h"
-
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -10,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "SceneCamera.h"
+#include "frame_process.h"
 
 namespace {
 

@@ -1,6 +1,4 @@
 // The built library as the service sees it: seven names, C linkage, no exceptions, any thread.
-#include "frame_process.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +13,7 @@
 
 #include "JpegCodec.h"
 #include "SceneCamera.h"
+#include "frame_process.h"
 
 // The program has functions of the same names: the library must not mistake them for its own.
 namespace {

@@ -1,14 +1,14 @@
 // The commands that change the virtual camera while it runs.
 #pragma once
 
+#include <atomic>
+#include <string>
+#include <vector>
+
 #include "Journal.h"
 #include "KernelFiles.h"
 #include "SceneFile.h"
 #include "UvcCamera.h"
-
-#include <atomic>
-#include <string>
-#include <vector>
 
 /**
  * Understands one line and does it; README.md lists the commands. Each line is noted in the journal

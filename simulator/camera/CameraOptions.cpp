@@ -1,12 +1,12 @@
 // The command line of kestrel-camera.
 #include "CameraOptions.h"
 
-#include "SceneGeometry.h"
-
 #include <cstdio>
 #include <cstdlib>
 
 #include <getopt.h>
+
+#include "SceneGeometry.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // Takes commands from connections, one line each.
 #include "ControlServer.h"
 
-#include "LocalSocket.h"
-
 #include <cerrno>
 
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "LocalSocket.h"
 
 namespace {
 

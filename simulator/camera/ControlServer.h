@@ -1,13 +1,13 @@
 // Takes commands from connections, one line each.
 #pragma once
 
-#include "CameraCommands.h"
-
 #include <list>
 #include <string>
 #include <vector>
 
 #include <poll.h>
+
+#include "CameraCommands.h"
 
 /**
  * The socket control.sock: every line is a command, every answer a line. Clients that send more

@@ -1,12 +1,4 @@
 // kestrel-camera: the virtual camera that stands for a USB camera and its driver.
-#include "CameraCommands.h"
-#include "CameraOptions.h"
-#include "ControlServer.h"
-#include "DeviceServer.h"
-#include "FolderSource.h"
-#include "SceneSource.h"
-#include "TimedScript.h"
-
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -20,6 +12,14 @@
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "CameraCommands.h"
+#include "CameraOptions.h"
+#include "ControlServer.h"
+#include "DeviceServer.h"
+#include "FolderSource.h"
+#include "SceneSource.h"
+#include "TimedScript.h"
 
 namespace {
 

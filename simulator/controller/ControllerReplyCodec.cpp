@@ -1,7 +1,6 @@
 // The reply codec for the virtual controller's language, in place of the service's placeholder.
-#include "ReplyCodec.h"
-
 #include "Grammar.h"
+#include "ReplyCodec.h"
 
 // The signatures take values, as every codec's do.
 // NOLINTBEGIN(performance-unnecessary-value-param)

@@ -1,9 +1,9 @@
 // kestrel-controller: a motion controller on a pseudo terminal, for tests and demonstrations.
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
-#include <csignal>
 #include <getopt.h>
 #include <sys/signalfd.h>
 #include <unistd.h>

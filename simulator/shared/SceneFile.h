@@ -1,9 +1,9 @@
 // The shared record of the laser spot, mapped from a file.
 #pragma once
 
-#include "SceneState.h"
-
 #include <string>
+
+#include "SceneState.h"
 
 /** Maps the file, made when it is missing: then the laser is off at the origin. Any thread. */
 class SceneFile

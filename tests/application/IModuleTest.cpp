@@ -1,8 +1,9 @@
 // The guarded steps of a module's life, and the console's commands that every module sees.
 #include "IModule.h"
 
-#include <gtest/gtest.h>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "DebugCmdEvent.h"
 #include "EventBus.h"

@@ -4,9 +4,10 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "ChildProgram.h"
 #include "Eventually.h"

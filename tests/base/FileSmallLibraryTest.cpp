@@ -1,14 +1,15 @@
 // Files on a C library that knows less of fopen's mode: this program's fopen and fdopen read it as
 // some small libraries do.
-#include "TempFile.h"
-
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <string>
 
+#include <fcntl.h>
+
+#include <gtest/gtest.h>
+
 #include "ScratchFolder.h"
+#include "TempFile.h"
 
 namespace {
 

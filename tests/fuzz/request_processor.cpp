@@ -5,10 +5,9 @@
 #include <memory>
 #include <string>
 
+#include <fuzzer/FuzzedDataProvider.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <fuzzer/FuzzedDataProvider.h>
 
 #include "FakeSystem.h"
 #include "Log.h"

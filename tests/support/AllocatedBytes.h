@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+
 #include <malloc.h>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

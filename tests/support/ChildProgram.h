@@ -3,13 +3,14 @@
 
 #include <cerrno>
 #include <csignal>
+#include <string>
+#include <vector>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <string>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 extern char** environ;
 

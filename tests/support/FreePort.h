@@ -1,8 +1,9 @@
 // A TCP port that nobody listens on.
 #pragma once
 
-#include <arpa/inet.h>
 #include <cstdint>
+
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>

@@ -1,8 +1,9 @@
 // Regular expressions for tests: the C library's, since std::regex draws warnings under sanitizers.
 #pragma once
 
-#include <regex.h>
 #include <string>
+
+#include <regex.h>
 
 /** @return true when the extended POSIX expression is found in the text; anchor it with ^ and $ */
 inline bool hasPattern(const std::string& strText, const std::string& strPattern)

@@ -1,11 +1,10 @@
 // Linked to main.cpp in place of the module manager: each step prints itself and returns what the
 // environment tells it.
-#include "ModuleManager.h"
-
 #include <cstdio>
 #include <cstdlib>
 
 #include "Log.h"
+#include "ModuleManager.h"
 
 static const char* const SOURCE_NAME = "ScriptedManager.cpp";
 

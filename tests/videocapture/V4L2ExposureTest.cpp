@@ -1,12 +1,11 @@
 // The exposure command, with a recording script in place of the tool.
-#include "V4L2.h"
-
 #include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "ExposureTool.h"
+#include "V4L2.h"
 
 TEST(V4L2Exposure, AsksTheToolForManualModeAndThenTheValue)
 {

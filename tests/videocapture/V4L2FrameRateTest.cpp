@@ -1,12 +1,11 @@
 // The frame rate that a camera is asked for.
-#include "V4L2.h"
-
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "LogCapture.h"
+#include "V4L2.h"
 #include "VirtualCamera.h"
 
 namespace {

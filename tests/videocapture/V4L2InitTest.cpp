@@ -1,6 +1,4 @@
 // Opening and configuring one camera, as the kernel's driver sees it.
-#include "V4L2.h"
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +10,7 @@
 #include "DriverAnswer.h"
 #include "Fault.h"
 #include "LogCapture.h"
+#include "V4L2.h"
 #include "VirtualCamera.h"
 
 namespace {

@@ -1,6 +1,4 @@
 // Streaming from one camera: waiting, dequeuing, copying, queuing again.
-#include "V4L2.h"
-
 #include <chrono>
 #include <string>
 #include <vector>
@@ -13,6 +11,7 @@
 #include "EventBus.h"
 #include "Fault.h"
 #include "LogCapture.h"
+#include "V4L2.h"
 #include "VideoFrameEvent.h"
 #include "VirtualCamera.h"
 

@@ -1,6 +1,4 @@
 // How long the capture thread pauses: after each frame, and between attempts at a lost camera.
-#include "VideoStreamProducer.h"
-
 #include <atomic>
 
 #include <gtest/gtest.h>
@@ -8,6 +6,7 @@
 #include "FrameConsumer.h"
 #include "LogCapture.h"
 #include "Time.h"
+#include "VideoStreamProducer.h"
 #include "VirtualCamera.h"
 
 namespace {

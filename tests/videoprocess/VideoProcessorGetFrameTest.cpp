@@ -1,6 +1,4 @@
 // Taking single frames from the capture thread on demand.
-#include "VisionHost.h"
-
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -9,6 +7,7 @@
 #include "Eventually.h"
 #include "Fault.h"
 #include "VideoFrameEvent.h"
+#include "VisionHost.h"
 
 namespace {
 

@@ -1,10 +1,9 @@
 // Loading the plug-in, whole, incomplete or not at all.
-#include "VisionHost.h"
-
 #include <dlfcn.h>
 
 #include "Fault.h"
 #include "IdlePrintEvent.h"
+#include "VisionHost.h"
 
 namespace {
 

@@ -1,6 +1,4 @@
 // The measuring sequence and the idle print event.
-#include "VisionHost.h"
-
 #include <cstring>
 #include <typeinfo>
 
@@ -12,6 +10,7 @@
 #include "MeasureEvent.h"
 #include "MoveLaserEvent.h"
 #include "SetExposureEvent.h"
+#include "VisionHost.h"
 
 namespace {
 

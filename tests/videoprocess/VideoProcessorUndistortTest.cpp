@@ -1,11 +1,10 @@
 // Correcting a frame's lens distortion.
-#include "VisionHost.h"
-
 #include <cstdlib>
 #include <cstring>
 
 #include "Fault.h"
 #include "FrameConsumer.h"
+#include "VisionHost.h"
 
 namespace {
 

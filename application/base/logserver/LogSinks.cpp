@@ -1,9 +1,8 @@
 // Starts the sinks that the log is told to have. Apart from the log: it is ground for the network,
 // and the log server stands on that.
-#include "Log.h"
-
 #include <new>
 
+#include "Log.h"
 #include "LogFile.h"
 #include "LogServer.h"
 

@@ -1,8 +1,9 @@
 // An IPv4 address with its port, in the forms that texts and sockets want.
 #include "Endpoint.h"
 
-#include <arpa/inet.h>
 #include <cstdio>
+
+#include <arpa/inet.h>
 
 Endpoint::Endpoint(uint32_t u32Address, uint16_t u16Port)
     : m_u32Address(u32Address), m_u16Port(u16Port), m_address{}

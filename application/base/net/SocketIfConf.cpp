@@ -1,6 +1,4 @@
 // Socket::getIfConf: the list of network interfaces.
-#include "Socket.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +11,7 @@
 
 #include "DeviceIo.h"
 #include "Log.h"
+#include "Socket.h"
 
 static const char* const SOURCE_NAME = "Socket";
 

@@ -1,6 +1,4 @@
 // The option operations of Socket.
-#include "Socket.h"
-
 #include <cerrno>
 
 #include <fcntl.h>
@@ -10,6 +8,7 @@
 
 #include "DeviceIo.h"
 #include "Log.h"
+#include "Socket.h"
 #include "SocketError.h"
 
 static const char* const SOURCE_NAME = "Socket";

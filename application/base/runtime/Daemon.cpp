@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstdio>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>

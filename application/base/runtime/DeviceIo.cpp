@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <climits>
+
 #include <poll.h>
 #include <sys/ioctl.h>
 

@@ -2,6 +2,7 @@
 #include "FatalSignal.h"
 
 #include <cerrno>
+
 #include <unistd.h>
 #include <unwind.h>
 

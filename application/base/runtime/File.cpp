@@ -5,8 +5,9 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <new>
+
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

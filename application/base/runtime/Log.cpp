@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
+
 #include <sys/syscall.h>
 #include <unistd.h>
 

@@ -2,6 +2,7 @@
 #include "RawText.h"
 
 #include <cerrno>
+
 #include <unistd.h>
 
 RawText& RawText::append(const char* pText)

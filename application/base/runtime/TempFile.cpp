@@ -2,8 +2,9 @@
 #include "TempFile.h"
 
 #include <cstdlib>
-#include <fcntl.h>
 #include <new>
+
+#include <fcntl.h>
 #include <unistd.h>
 
 TempFile::~TempFile()

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>

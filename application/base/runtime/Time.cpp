@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <ctime>
+
 #include <sys/select.h>
 
 static const uint32_t MICROSECONDS = 1000000;

@@ -1,4 +1,6 @@
 // The private /dev and /sys/class: what is there, and that the host does not notice.
+#include "BoardNamespace.h"
+
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -11,8 +13,6 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
-
-#include "BoardNamespace.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // Device calls as text: their names, the arguments asked and granted, error and pixel-format names.
 #pragma once
 
-#include "preload/CameraProtocol.h"
-
 #include <string>
+
+#include "preload/CameraProtocol.h"
 
 using CameraRecord = decltype(CameraPage::record);
 

@@ -1,11 +1,11 @@
 // What the camera shall do wrong, as told by commands.
 #pragma once
 
-#include "preload/CameraProtocol.h"
-
 #include <cstdint>
 #include <list>
 #include <optional>
+
+#include "preload/CameraProtocol.h"
 
 /**
  * The faults in force. Counted ones wear off with use. No locking: the camera's lock covers it.

@@ -1,11 +1,11 @@
 // What frames the camera produced, for comparison with what arrived elsewhere.
 #pragma once
 
-#include "PictureSource.h"
-
 #include <cstdint>
 #include <deque>
 #include <string>
+
+#include "PictureSource.h"
 
 /**
  * Keeps the latest frames as files "frames/NUMBER.jpg" (or .yuyv; six digits at least) and a line

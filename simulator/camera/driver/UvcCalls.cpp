@@ -1,10 +1,10 @@
 // The virtual camera's driver: the device calls one by one.
-#include "UvcCamera.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "UvcCamera.h"
 
 int UvcCamera::dispatch(ICameraHandle& handle, CameraCall eCall, CameraRecord& record,
                         bool bBlocking, bool& bWait)

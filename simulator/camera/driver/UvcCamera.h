@@ -1,6 +1,13 @@
 // The virtual camera's driver: answers device calls as the kernel's UVC driver does.
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
 #include "CallText.h"
 #include "CameraFaults.h"
 #include "FrameLog.h"
@@ -9,13 +16,6 @@
 #include "VideoControls.h"
 #include "VideoFormats.h"
 #include "VideoQueue.h"
-
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <string>
-#include <vector>
 
 /**
  * One open of the camera, as the driver sees it. The driver calls it with its lock held: it must

@@ -1,11 +1,11 @@
 // The camera's video buffers: shared memory, and who has each of them.
 #pragma once
 
-#include "preload/CameraProtocol.h"
-
 #include <deque>
 #include <string>
 #include <vector>
+
+#include "preload/CameraProtocol.h"
 
 /**
  * The buffer queue of the camera, as the kernel's videobuf2 keeps it: a buffer is dequeued (the

@@ -1,13 +1,13 @@
 // Pictures from a folder of JPEG files, in a loop.
 #include "FolderSource.h"
 
-#include "Jpeg.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+
+#include "Jpeg.h"
 
 size_t FolderSource::load(const std::string& strFolder)
 {

@@ -1,10 +1,10 @@
 // Pictures from a folder of JPEG files, in a loop.
 #pragma once
 
-#include "PictureSource.h"
-
 #include <string>
 #include <vector>
+
+#include "PictureSource.h"
 
 /**
  * The folder's files *.jpg and *.jpeg in the order of their names, read once. As Motion-JPEG each

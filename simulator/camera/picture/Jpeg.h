@@ -1,10 +1,10 @@
 // JPEG pictures to and from memory.
 #pragma once
 
-#include "Raster.h"
-
 #include <cstdint>
 #include <vector>
+
+#include "Raster.h"
 
 namespace Jpeg {
 

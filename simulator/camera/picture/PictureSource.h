@@ -1,11 +1,11 @@
 // Where the camera's pictures come from.
 #pragma once
 
-#include "VideoFormats.h"
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "VideoFormats.h"
 
 /** What to draw. */
 struct PictureRequest

@@ -1,12 +1,12 @@
 // Draws the virtual workpiece with the laser spot.
 #include "SceneSource.h"
 
-#include "Jpeg.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+
+#include "Jpeg.h"
 
 namespace {
 

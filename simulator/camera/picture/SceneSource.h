@@ -1,12 +1,12 @@
 // Draws the virtual workpiece with the laser spot.
 #pragma once
 
+#include <vector>
+
 #include "PictureSource.h"
 #include "Raster.h"
 #include "SceneFile.h"
 #include "SceneGeometry.h"
-
-#include <vector>
 
 /**
  * Pictures of the scene that SceneGeometry.h describes, with the spot where the scene file has it

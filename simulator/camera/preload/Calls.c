@@ -1,12 +1,12 @@
 // Turns the camera's ioctl arguments into records of fixed layout and back.
 #define _GNU_SOURCE
-#include "Session.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/ioctl.h>
+
+#include "Session.h"
 
 static int plainCall(struct CameraSession* pSession, enum CameraCall eCall, uint32_t u32Request,
                      void* pArgument, size_t nSize)

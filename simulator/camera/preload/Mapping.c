@@ -1,13 +1,13 @@
 // The camera's buffers that this process has mapped.
 #define _GNU_SOURCE
-#include "Session.h"
-#include "Word.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include "Session.h"
+#include "Word.h"
 
 enum
 {

@@ -1,8 +1,5 @@
 // One call through the page that this process shares with kestrel-camera.
 #define _GNU_SOURCE
-#include "Session.h"
-#include "Word.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -11,6 +8,9 @@
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
+
+#include "Session.h"
+#include "Word.h"
 
 static const long WAIT_STEP_NS = 500000000; // between looks whether kestrel-camera still lives
 static const int WAIT_STEPS = 4; // after an unplug, when the connection cannot tell any more

@@ -1,7 +1,5 @@
 // The names of the C library that kestrel-camera's library stands in front of.
 #define _GNU_SOURCE
-#include "Session.h"
-
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -13,6 +11,8 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+
+#include "Session.h"
 
 /*
  * Loaded in front of the C library (and behind a sanitizer's own library). Everything but the

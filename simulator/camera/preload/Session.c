@@ -1,7 +1,6 @@
 // The open cameras of this process.
 #define _GNU_SOURCE
 #include "Session.h"
-#include "Word.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -13,6 +12,8 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include "Word.h"
 
 enum
 {

@@ -1,12 +1,12 @@
 // The open cameras of this process and their calls to kestrel-camera.
 #pragma once
 
-#include "CameraProtocol.h"
-
 #include <stdbool.h>
 #include <stddef.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+
+#include "CameraProtocol.h"
 
 /*
  * Functions of the C library that this library stands in front of, past itself. Any thread; the

@@ -1,8 +1,6 @@
 // One open of the camera by a program: its connection, its page and the thread that answers.
 #include "CameraSession.h"
 
-#include "Futex.h"
-
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -13,6 +11,8 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "Futex.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // One open of the camera by a program: its connection, its page and the thread that answers.
 #pragma once
 
-#include "UvcCamera.h"
-
 #include <atomic>
 #include <string>
 #include <thread>
+
+#include "UvcCamera.h"
 
 /**
  * Answers the calls that a program makes through the shared page, one at a time, on a thread of its

@@ -1,13 +1,13 @@
 // Accepts programs that use the camera.
 #include "DeviceServer.h"
 
-#include "LocalSocket.h"
-
 #include <algorithm>
 
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
+
+#include "LocalSocket.h"
 
 DeviceServer::DeviceServer(UvcCamera& camera, const std::string& strDir)
     : m_camera(camera), m_strDir(strDir)

@@ -1,13 +1,13 @@
 // Accepts programs that use the camera.
 #pragma once
 
-#include "CameraSession.h"
-
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <poll.h>
+
+#include "CameraSession.h"
 
 /** The socket to which the preloaded library turns for stat and open. The main thread only. */
 class DeviceServer

@@ -1,11 +1,11 @@
 // The files of /proc and /sys that tell of the camera.
 #include "KernelFiles.h"
 
-#include "preload/CameraProtocol.h"
-
 #include <cstdio>
 
 #include <unistd.h>
+
+#include "preload/CameraProtocol.h"
 
 namespace {
 

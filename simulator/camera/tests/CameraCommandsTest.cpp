@@ -1,9 +1,10 @@
 // Commands and scripts: what is understood, and when it is done.
 #include "CameraCommands.h"
-#include "ScratchFolder.h"
-#include "TimedScript.h"
 
 #include <gtest/gtest.h>
+
+#include "ScratchFolder.h"
+#include "TimedScript.h"
 
 namespace {
 

@@ -1,7 +1,4 @@
 // The driver's answers, call by call, as a program sees them.
-#include "VideoClient.h"
-#include "VirtualCamera.h"
-
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -17,6 +14,9 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "VideoClient.h"
+#include "VirtualCamera.h"
 
 TEST(CameraDevice, NodeIsACharacterDevice)
 {

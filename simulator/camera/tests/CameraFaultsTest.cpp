@@ -1,7 +1,4 @@
 // The camera misbehaving on command, as a program sees it.
-#include "VideoClient.h"
-#include "VirtualCamera.h"
-
 #include <cerrno>
 #include <fstream>
 #include <iterator>
@@ -12,6 +9,9 @@
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
+
+#include "VideoClient.h"
+#include "VirtualCamera.h"
 
 namespace {
 

@@ -1,9 +1,4 @@
 // What is in the pictures, and whether a program gets them unchanged.
-#include "Jpeg.h"
-#include "SceneGeometry.h"
-#include "VideoClient.h"
-#include "VirtualCamera.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -11,6 +6,11 @@
 #include <sstream>
 
 #include <gtest/gtest.h>
+
+#include "Jpeg.h"
+#include "SceneGeometry.h"
+#include "VideoClient.h"
+#include "VirtualCamera.h"
 
 namespace {
 

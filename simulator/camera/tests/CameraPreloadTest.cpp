@@ -1,7 +1,4 @@
 // The preloaded library leaves what it is loaded into alone.
-#include "VideoClient.h"
-#include "VirtualCamera.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +17,8 @@
 #include <gtest/gtest.h>
 
 #include "AllocatedBytes.h"
+#include "VideoClient.h"
+#include "VirtualCamera.h"
 
 // What fortified builds call instead of the plain names.
 // NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming)

@@ -1,10 +1,10 @@
 // The camera as an independent program finds it: v4l2-ctl, with the library preloaded.
-#include "VirtualCamera.h"
-
 #include <cstdio>
 #include <cstdlib>
 
 #include <gtest/gtest.h>
+
+#include "VirtualCamera.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 // The virtual controller without a port: lines in, answers out, at times of the test's choice.
+#include "Controller.h"
+
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "Controller.h"
 
 namespace {
 

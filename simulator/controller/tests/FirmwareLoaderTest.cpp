@@ -1,4 +1,6 @@
 // When a firmware image ends, and that its bytes are kept.
+#include "FirmwareLoader.h"
+
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -6,8 +8,6 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
-
-#include "FirmwareLoader.h"
 
 namespace {
 

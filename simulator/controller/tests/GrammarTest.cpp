@@ -1,9 +1,9 @@
 // What the virtual controller makes of lines and answers.
+#include "Grammar.h"
+
 #include <string>
 
 #include <gtest/gtest.h>
-
-#include "Grammar.h"
 
 TEST(Grammar, PositioningMoveHasItsWords)
 {

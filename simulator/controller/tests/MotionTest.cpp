@@ -1,7 +1,7 @@
 // The virtual arm: feed rate, queue, pause and what counts as arrived.
-#include <gtest/gtest.h>
-
 #include "Motion.h"
+
+#include <gtest/gtest.h>
 
 static const int64_t SECOND = 1000000;
 

@@ -1,21 +1,21 @@
 // Scenarios of daemons and restarts.
-#include "Scenarios.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
+
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 #include "Daemon.h"
 #include "Fault.h"
+#include "Scenarios.h"
 #include "Time.h"
 
 namespace {

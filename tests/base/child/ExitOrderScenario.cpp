@@ -1,14 +1,13 @@
 // Process exits whose singletons were first used in a given order.
-#include "Scenarios.h"
-
-#include <arpa/inet.h>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <netinet/in.h>
 #include <string>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include "LogEvent.h"
 #include "LogFile.h"
 #include "LogServer.h"
+#include "Scenarios.h"
 #include "SystemNeedQuitEvent.h"
 #include "Thread.h"
 #include "Time.h"

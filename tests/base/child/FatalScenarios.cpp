@@ -1,17 +1,17 @@
 // Scenarios of the fatal-signal report.
-#include "Scenarios.h"
-
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
+
 #include <unistd.h>
 
 #include "EventBus.h"
 #include "FatalSignal.h"
 #include "Fault.h"
+#include "Scenarios.h"
 #include "SystemNeedQuitEvent.h"
 #include "Time.h"
 

@@ -1,16 +1,16 @@
 // Scenarios of the log: its console, its sinks, its viewers.
-#include "Scenarios.h"
-
-#include <arpa/inet.h>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "Log.h"
+#include "Scenarios.h"
 
 static const char* const SOURCE_NAME = "LogScenarios";
 

@@ -1,15 +1,15 @@
 // Scenarios of mutexes, time stamps and threads.
-#include "Scenarios.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+
 #include <unistd.h>
 
 #include "Eventually.h"
 #include "LogCapture.h"
 #include "Mutex.h"
+#include "Scenarios.h"
 #include "Thread.h"
 #include "Time.h"
 

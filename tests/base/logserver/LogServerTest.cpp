@@ -2,23 +2,25 @@
 #include "LogServer.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <map>
-#include <netinet/in.h>
-#include <poll.h>
 #include <string>
-#include <sys/socket.h>
 #include <thread>
 #include <typeinfo>
-#include <unistd.h>
 #include <vector>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "AllocatedBytes.h"
 #include "ChildProgram.h"

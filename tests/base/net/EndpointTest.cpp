@@ -2,6 +2,7 @@
 #include "Endpoint.h"
 
 #include <cstring>
+
 #include <gtest/gtest.h>
 
 TEST(Endpoint, HoldsTextAndSocketAddress)

@@ -1,6 +1,4 @@
 // Socket: options, queue queries and the interface list.
-#include "Socket.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +13,7 @@
 #include "Fault.h"
 #include "LogCapture.h"
 #include "NetPair.h"
+#include "Socket.h"
 
 namespace {
 

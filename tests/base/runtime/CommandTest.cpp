@@ -6,12 +6,14 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <set>
 #include <string>
+
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "Eventually.h"
 #include "Fault.h"

@@ -3,9 +3,10 @@
 
 #include <atomic>
 #include <csignal>
-#include <gtest/gtest.h>
 #include <memory>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 #include "Eventually.h"
 #include "Fault.h"

@@ -2,8 +2,9 @@
 #include "Daemon.h"
 
 #include <csignal>
-#include <gtest/gtest.h>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "ChildProgram.h"
 #include "Pattern.h"

@@ -2,11 +2,13 @@
 #include "DeviceIo.h"
 
 #include <cerrno>
+
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "Fault.h"
 #include "Time.h"

@@ -1,8 +1,9 @@
 // Delivery on one thread: order, double subscriptions, handlers that leave or publish themselves.
 #include "EventBus.h"
 
-#include <gtest/gtest.h>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "Fault.h"
 

@@ -1,7 +1,8 @@
 // Process exits in every order in which the singletons were first used, in programs of their own.
 #include <algorithm>
-#include <gtest/gtest.h>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "ChildProgram.h"
 #include "FreePort.h"

@@ -3,9 +3,11 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <gtest/gtest.h>
 #include <string>
+
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "ChildProgram.h"
 #include "Pattern.h"

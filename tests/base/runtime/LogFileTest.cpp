@@ -5,18 +5,20 @@
 #include <atomic>
 #include <csignal>
 #include <ctime>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <map>
 #include <string>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <thread>
 #include <typeinfo>
-#include <unistd.h>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "ChildProgram.h"
 #include "EventBus.h"

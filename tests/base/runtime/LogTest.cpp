@@ -5,12 +5,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <gtest/gtest.h>
 #include <string>
-#include <sys/syscall.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "ChildProgram.h"
 #include "EventBus.h"

@@ -2,8 +2,9 @@
 #include "Mutex.h"
 
 #include <atomic>
-#include <gtest/gtest.h>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 #include "ChildProgram.h"
 #include "Fault.h"

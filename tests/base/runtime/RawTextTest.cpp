@@ -3,10 +3,12 @@
 
 #include <climits>
 #include <cstdio>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <string>
+
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "Fault.h"
 

@@ -2,10 +2,11 @@
 #include "SafePointer.h"
 
 #include <cstring>
-#include <gtest/gtest.h>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "AllocatedBytes.h"
 #include "Fault.h"

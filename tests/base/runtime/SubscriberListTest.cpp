@@ -2,9 +2,10 @@
 #include "SubscriberList.h"
 
 #include <atomic>
-#include <gtest/gtest.h>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "Eventually.h"
 

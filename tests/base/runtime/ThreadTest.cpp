@@ -8,15 +8,17 @@
 #include <cstdarg>
 #include <cstring>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <new>
-#include <sched.h>
 #include <string>
+#include <thread>
+
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <thread>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "ChildProgram.h"
 #include "Eventually.h"

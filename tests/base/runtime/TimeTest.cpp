@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+
 #include <gtest/gtest.h>
 
 #include "ChildProgram.h"

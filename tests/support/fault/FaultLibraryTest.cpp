@@ -1,20 +1,21 @@
 // The failing calls themselves: what fails, which time, and what goes on undisturbed.
-#include "Fault.h"
-
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <new>
-#include <pthread.h>
 #include <string>
+
+#include <fcntl.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include "ChildProgram.h"
+#include "Fault.h"
 
 namespace {
 

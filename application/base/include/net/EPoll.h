@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+
 #include <sys/epoll.h>
 
 #include "Callback.h"

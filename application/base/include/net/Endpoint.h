@@ -2,8 +2,9 @@
 #pragma once
 
 #include <cstdint>
-#include <netinet/in.h>
 #include <string>
+
+#include <netinet/in.h>
 
 /** All four forms agree from the construction on. */
 class Endpoint

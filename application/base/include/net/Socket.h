@@ -2,10 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <netinet/in.h>
 #include <string>
-#include <sys/types.h>
 #include <vector>
+
+#include <netinet/in.h>
+#include <sys/types.h>
 
 #include "Mutex.h"
 #include "Time.h"

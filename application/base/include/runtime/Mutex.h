@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+
 #include <pthread.h>
 
 #include "RetE.h"

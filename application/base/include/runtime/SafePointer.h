@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+
 #include <pthread.h>
 
 /** The control block of a shared buffer, whatever the buffer holds. */

@@ -5,8 +5,9 @@
 #include <cstdint>
 #include <memory>
 #include <new>
-#include <pthread.h>
 #include <string>
+
+#include <pthread.h>
 
 #include "Cond.h"
 #include "Log.h"
