@@ -40,24 +40,19 @@ int main(int argc, char** argv)
     Log::getInstance().initLogServer(nullptr, 8001);
 
     ModuleManager* pModuleManager = &ModuleManager::getInstance();
-    ASSERT_AS(RET_SUCCESS == pModuleManager->initModule(),
-              "RET_SUCCESS == pModuleManager->initModule()", FUNCTION);
-    ASSERT_AS(RET_SUCCESS == pModuleManager->startModule(),
-              "RET_SUCCESS == pModuleManager->startModule()", FUNCTION);
+    ASSERT_IN(FUNCTION, RET_SUCCESS == pModuleManager->initModule());
+    ASSERT_IN(FUNCTION, RET_SUCCESS == pModuleManager->startModule());
 
     const RET_E eRet = pModuleManager->moduleInitialize();
     if (RET_SUCCESS != eRet) {
         return eRet;
     }
 
-    ASSERT_AS(RET_SUCCESS == pModuleManager->systemLoop(argv),
-              "RET_SUCCESS == pModuleManager->systemLoop(argv)", FUNCTION);
+    ASSERT_IN(FUNCTION, RET_SUCCESS == pModuleManager->systemLoop(argv));
 
     (void)pModuleManager->moduleUnInitialize(); // going down in any case
 
-    ASSERT_AS(RET_SUCCESS == pModuleManager->stopModule(),
-              "RET_SUCCESS == pModuleManager->stopModule()", FUNCTION);
-    ASSERT_AS(RET_SUCCESS == pModuleManager->uninitModule(),
-              "RET_SUCCESS == pModuleManager->uninitModule()", FUNCTION);
+    ASSERT_IN(FUNCTION, RET_SUCCESS == pModuleManager->stopModule());
+    ASSERT_IN(FUNCTION, RET_SUCCESS == pModuleManager->uninitModule());
     return 0;
 }

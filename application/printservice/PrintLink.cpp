@@ -50,7 +50,7 @@ int PrintLink::sendCommand(const char* pCommand)
     }
     char acReply[REPLY_SIZE + 1] = {0}; // a reply may fill the buffer
     if (pUart->read(acReply, REPLY_SIZE, Time(2, 0)) > 0) {
-        Log::getInstance().log(SOURCE_NAME, __LINE__, "printSingleCmd", 7, RECEIVED, acReply);
+        LOG_AS("printSingleCmd", 7, RECEIVED, acReply);
     }
     return 0;
 }
@@ -100,7 +100,7 @@ void PrintLink::readReply(char* pBuffer, int nSize, const Time& timeout)
     }
     if (pUart->read(pBuffer, nSize, timeout) >= 1) {
         const std::string strReply(pBuffer, strnlen(pBuffer, static_cast<size_t>(nSize)));
-        Log::getInstance().log(SOURCE_NAME, __LINE__, "readUart", 7, RECEIVED, strReply.c_str());
+        LOG_AS("readUart", 7, RECEIVED, strReply.c_str());
     }
 }
 

@@ -187,9 +187,8 @@ void PrintService::sendLine(const std::string& strLine)
     const int nSent = m_link.sendLine(strLine);
     if (nSent != nLength) {
         // Named after the loop, which sends the line.
-        Log::getInstance().log(SOURCE_NAME, __LINE__, "printLoop", 7,
-                               "send: %s total bytes:%d, but send %d bytes\n", strLine.c_str(),
-                               nLength, nSent);
+        LOG_AS("printLoop", 7, "send: %s total bytes:%d, but send %d bytes\n", strLine.c_str(),
+               nLength, nSent);
         puts("send failed!");
         m_thread->stop(); // Deliberate: the state stays; the job is stuck until stopPrint().
     }

@@ -20,10 +20,6 @@
 
 static const char* const SOURCE_NAME = "videocapture/V4L2";
 
-// The steps of getVideoStream log under its name.
-#define LOG_CAPTURE(...)                                                                           \
-    Log::getInstance().log(SOURCE_NAME, __LINE__, "getVideoStream", 7, __VA_ARGS__)
-
 namespace {
 
 const uint32_t MIN_FRAME = 176; // bytes; less is no whole picture
@@ -146,13 +142,13 @@ RET_E V4L2::dequeue()
     }
     const int nErrno = errno;
     if (EAGAIN == nErrno) {
-        LOG_CAPTURE("VIDIOC_DQBUF EAGAIN!\n");
+        LOG_AS("getVideoStream", 7, "VIDIOC_DQBUF EAGAIN!\n");
         return RET_AGAIN;
     }
     if (EIO == nErrno) {
-        LOG_CAPTURE("VIDIOC_DQBUF EIO!\n");
+        LOG_AS("getVideoStream", 7, "VIDIOC_DQBUF EIO!\n");
     }
-    LOG_CAPTURE("[%d]VIDIOC_DQBUF FAILED(errno:%d)!\n", m_nStream, nErrno);
+    LOG_AS("getVideoStream", 7, "[%d]VIDIOC_DQBUF FAILED(errno:%d)!\n", m_nStream, nErrno);
     return RET_FAILED;
 }
 

@@ -14,9 +14,6 @@
 
 static const char* const SOURCE_NAME = "videocapture/V4L2";
 
-// The steps of init log under its name.
-#define LOG_INIT(...) Log::getInstance().log(SOURCE_NAME, __LINE__, "init", 7, __VA_ARGS__)
-
 namespace {
 
 const uint32_t CAMERA_VENDOR = 0x05A3;
@@ -67,7 +64,7 @@ RET_E V4L2::findDevice(char* pName, size_t uSize)
         return RET_FAILED;
     }
     snprintf(pName, uSize, "/dev/video%d", s32Index);
-    LOG_INIT("Probe: stream(%d) dev(%s)\n", m_nStream, pName);
+    LOG_AS("init", 7, "Probe: stream(%d) dev(%s)\n", m_nStream, pName);
     return RET_SUCCESS;
 }
 
@@ -85,7 +82,7 @@ RET_E V4L2::queryCapability(const char* pName)
 {
     if (ioctlRetry(m_nFd, VIDIOC_QUERYCAP, &m_cap) < 0) {
         if (EINVAL == errno) {
-            LOG_INIT("%s is no V4L2 device\n", pName);
+            LOG_AS("init", 7, "%s is no V4L2 device\n", pName);
         }
         return RET_FAILED;
     }
@@ -95,17 +92,17 @@ RET_E V4L2::queryCapability(const char* pName)
 RET_E V4L2::configure(const char* pName)
 {
     if (0 == (m_cap.capabilities & V4L2_CAP_VIDEO_CAPTURE)) {
-        LOG_INIT("%s is no video capture device\n", pName);
+        LOG_AS("init", 7, "%s is no video capture device\n", pName);
         return RET_FAILED;
     }
     if (0 == (m_cap.capabilities & V4L2_CAP_STREAMING)) {
-        LOG_INIT("%s does not support streaming i/o\n", pName);
+        LOG_AS("init", 7, "%s does not support streaming i/o\n", pName);
         return RET_FAILED;
     }
     resetCropping();
-    LOG_INIT("[%d]camera driver name is : %s\n", m_nStream, m_cap.driver);
-    LOG_INIT("[%d]camera device name is : %s\n", m_nStream, m_cap.card);
-    LOG_INIT("[%d]camera bus information: %s\n", m_nStream, m_cap.bus_info);
+    LOG_AS("init", 7, "[%d]camera driver name is : %s\n", m_nStream, m_cap.driver);
+    LOG_AS("init", 7, "[%d]camera device name is : %s\n", m_nStream, m_cap.card);
+    LOG_AS("init", 7, "[%d]camera bus information: %s\n", m_nStream, m_cap.bus_info);
     listFormats();
     if (RET_SUCCESS != setFormat()) {
         return RET_FAILED;
@@ -131,12 +128,12 @@ void V4L2::listFormats()
     v4l2_fmtdesc format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     for (format.index = 0; 0 == ioctlRetry(m_nFd, VIDIOC_ENUM_FMT, &format); ++format.index) {
-        LOG_INIT("support device %d.%c%c%c%c(%s)\n", static_cast<int>(format.index),
-                 static_cast<int>(format.pixelformat & 0xff),
-                 static_cast<int>((format.pixelformat >> 8) & 0xff),
-                 static_cast<int>((format.pixelformat >> 16) & 0xff),
-                 static_cast<int>((format.pixelformat >> 24) & 0xff), format.description);
-        LOG_INIT("\tresolution: ");
+        LOG_AS("init", 7, "support device %d.%c%c%c%c(%s)\n", static_cast<int>(format.index),
+               static_cast<int>(format.pixelformat & 0xff),
+               static_cast<int>((format.pixelformat >> 8) & 0xff),
+               static_cast<int>((format.pixelformat >> 16) & 0xff),
+               static_cast<int>((format.pixelformat >> 24) & 0xff), format.description);
+        LOG_AS("init", 7, "\tresolution: ");
         v4l2_frmsizeenum size{};
         size.pixel_format = format.pixelformat;
         for (size.index = 0; 0 == ioctlRetry(m_nFd, VIDIOC_ENUM_FRAMESIZES, &size); ++size.index) {
@@ -161,14 +158,14 @@ RET_E V4L2::setFormat()
     format.fmt.pix.height = m_nHeight;
     format.fmt.pix.field = V4L2_FIELD_INTERLACED;
     format.fmt.pix.pixelformat = pixelFormat(m_nFormat);
-    LOG_INIT("use fmt:%d\n", static_cast<int>(m_nFormat));
+    LOG_AS("init", 7, "use fmt:%d\n", static_cast<int>(m_nFormat));
     if (ioctlRetry(m_nFd, VIDIOC_S_FMT, &format) < 0) {
         return RET_FAILED;
     }
     // The usual correction of the driver's line and picture sizes is left out: a mapped buffer's
     // length comes from VIDIOC_QUERYBUF, nothing here reads those sizes.
-    LOG_INIT("[%d] resolution:%d*%d\n", m_nStream, static_cast<int>(format.fmt.pix.width),
-             static_cast<int>(format.fmt.pix.height));
+    LOG_AS("init", 7, "[%d] resolution:%d*%d\n", m_nStream, static_cast<int>(format.fmt.pix.width),
+           static_cast<int>(format.fmt.pix.height));
     m_nWidth = format.fmt.pix.width;
     m_nHeight = format.fmt.pix.height;
     return RET_SUCCESS;
@@ -182,17 +179,17 @@ RET_E V4L2::mapBuffers(const char* pName)
     request.memory = V4L2_MEMORY_MMAP;
     if (ioctlRetry(m_nFd, VIDIOC_REQBUFS, &request) < 0) {
         if (EINVAL == errno) {
-            LOG_INIT("%s does not support memory mapping\n", pName);
+            LOG_AS("init", 7, "%s does not support memory mapping\n", pName);
         }
         return RET_FAILED;
     }
     if (request.count < BUFFER_COUNT) {
-        LOG_INIT("Insufficient buffer memory on %s\n", pName);
+        LOG_AS("init", 7, "Insufficient buffer memory on %s\n", pName);
         return RET_FAILED;
     }
     m_pBuffers.reset(static_cast<MappedBuffer*>(calloc(request.count, sizeof(MappedBuffer))));
     if (nullptr == m_pBuffers) {
-        LOG_INIT("Out of memory\n");
+        LOG_AS("init", 7, "Out of memory\n");
         return RET_FAILED;
     }
     for (m_nBuffers = 0; m_nBuffers < request.count; ++m_nBuffers) {

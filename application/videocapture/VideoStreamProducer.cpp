@@ -130,9 +130,8 @@ int VideoStreamProducer::dispatchThread()
     case RET_SUCCESS:
         // A camera that goes away with its buffer in our hands ends the service, which its manager
         // starts again.
-        ASSERT_AS(RET_SUCCESS == m_v4l2->releaseVideoStream(),
-                  "RET_SUCCESS == m_v4l2->releaseVideoStream()",
-                  "int VideoStreamProducer::dispatchThread()");
+        ASSERT_IN("int VideoStreamProducer::dispatchThread()",
+                  RET_SUCCESS == m_v4l2->releaseVideoStream());
         deliver(frame);
         sleepFor(Time(0, (0 == m_nStream) ? 10000 : 20000)); // caps the frame rate
         break;

@@ -18,9 +18,6 @@ static const char* const SOURCE_NAME = "videoprocess/VideoProcessor";
 
 static const char* const LIBRARY = "./libframe_process.so";
 
-// Resolving is part of init, and logs under its name.
-#define LOG_INIT(...) Log::getInstance().log(SOURCE_NAME, __LINE__, "init", 7, __VA_ARGS__)
-
 namespace {
 
 const char* loaderError()
@@ -88,19 +85,19 @@ bool VideoProcessor::resolve(Plugin& plugin)
 {
     void* pHandle = plugin.m_pHandle;
     if (!find(pHandle, "init", plugin.pInit)) {
-        LOG_INIT("dlsym init failed(%s) !\n", loaderError());
+        LOG_AS("init", 7, "dlsym init failed(%s) !\n", loaderError());
     } else if (!find(pHandle, "uninit", plugin.pUninit)) {
-        LOG_INIT("dlsym uninit failed(%s) !\n", loaderError());
+        LOG_AS("init", 7, "dlsym uninit failed(%s) !\n", loaderError());
     } else if (!find(pHandle, "undistort", plugin.pUndistort)) {
-        LOG_INIT("dlsym undistort failed(%s) !\n", loaderError());
+        LOG_AS("init", 7, "dlsym undistort failed(%s) !\n", loaderError());
     } else if (!find(pHandle, "autoFocus", plugin.pAutoFocus)) {
-        LOG_INIT("dlsym autoFocus failed(%s) !\n", loaderError());
+        LOG_AS("init", 7, "dlsym autoFocus failed(%s) !\n", loaderError());
     } else if (!find(pHandle, "findPos", plugin.pFindPos)) {
-        LOG_INIT("dlsym findPos failed(%s) !\n", loaderError());
+        LOG_AS("init", 7, "dlsym findPos failed(%s) !\n", loaderError());
     } else if (!find(pHandle, "setExposure", plugin.pSetExposure)) {
-        LOG_INIT("dlsym setExposure failed(%s) !\n", loaderError());
+        LOG_AS("init", 7, "dlsym setExposure failed(%s) !\n", loaderError());
     } else if (!find(pHandle, "easyFun", plugin.pEasyFun)) {
-        LOG_INIT("dlsym easyFun failed(%s) !\n", loaderError());
+        LOG_AS("init", 7, "dlsym easyFun failed(%s) !\n", loaderError());
     } else {
         return true;
     }

@@ -18,12 +18,6 @@ static const uint32_t LISTENER_MASK = EPOLLET | EPOLLIN;
 static const uint32_t CLIENT_MASK = EPOLLET | EPOLLHUP | EPOLLERR | EPOLLOUT | EPOLLIN;
 static const int32_t KEEP_ALIVE[] = {5, 1, 2}; // seconds idle, seconds between probes, probes
 
-/** The steps of an accept log as one operation. */
-static void reportAccept(int nLine, const char* pText)
-{
-    Log::getInstance().log(SOURCE_NAME, nLine, "onPollAccept", 2, "%s", pText);
-}
-
 TcpServer::TcpServer(const char* pName) : EPoll(MAX_EVENTS, pName)
 {
     (void)Log::getInstance(); // outlives a server that is a singleton
@@ -154,7 +148,7 @@ void TcpServer::welcome(TcpSocket& socket)
 {
     std::unique_ptr<TcpClient> pClient(createClient());
     if (nullptr == pClient) {
-        reportAccept(__LINE__, "create(new) tcp client error !!\n");
+        LOG_AS("onPollAccept", 2, "create(new) tcp client error !!\n");
         return; // Deliberate: the connection stays open
     }
     if (!tune(socket)) {
@@ -170,27 +164,26 @@ void TcpServer::welcome(TcpSocket& socket)
     SocketAddress remote;
     (void)socket.getLocalSockAddr(local); // failures are logged there and shown empty
     (void)socket.getRemoteSockAddr(remote);
-    Log::getInstance().log(SOURCE_NAME, __LINE__, "onPollAccept", 8,
-                           "tcp client connected, local(%s:%u) remote(%s:%u)\n", local.acIp,
-                           local.u16Port, remote.acIp, remote.u16Port);
+    LOG_AS("onPollAccept", 8, "tcp client connected, local(%s:%u) remote(%s:%u)\n", local.acIp,
+           local.u16Port, remote.acIp, remote.u16Port);
 }
 
 bool TcpServer::tune(TcpSocket& socket)
 {
     if (0 != socket.setOptBlock(false)) {
-        reportAccept(__LINE__, "tcp client socket set unblock error !!\n");
+        LOG_AS("onPollAccept", 2, "tcp client socket set unblock error !!\n");
         return false;
     }
     if (0 != socket.setOptKeepAlive(true, KEEP_ALIVE)) {
-        reportAccept(__LINE__, "tcp client socket set alive error !!\n");
+        LOG_AS("onPollAccept", 2, "tcp client socket set alive error !!\n");
         return false;
     }
     if (0 != socket.setOptRcvBuf(m_nReceiveBufferSize)) {
-        reportAccept(__LINE__, "tcp client socket set recv buffer error !!\n");
+        LOG_AS("onPollAccept", 2, "tcp client socket set recv buffer error !!\n");
         return false;
     }
     if (0 != socket.setOptSndBuf(m_nSendBufferSize)) {
-        reportAccept(__LINE__, "tcp client socket set send buffer error !!\n");
+        LOG_AS("onPollAccept", 2, "tcp client socket set send buffer error !!\n");
         return false;
     }
     return true;
@@ -200,16 +193,16 @@ bool TcpServer::serve(std::unique_ptr<TcpClient> pClient, const TcpSocket& socke
 {
     pClient->setSocket(socket);
     if (0 != pClient->init()) {
-        reportAccept(__LINE__, "tcp client connected, but init failed !!\n");
+        LOG_AS("onPollAccept", 2, "tcp client connected, but init failed !!\n");
         return false;
     }
     if (0 != pClient->start()) {
-        reportAccept(__LINE__, "tcp client connected, but start failed !!\n");
+        LOG_AS("onPollAccept", 2, "tcp client connected, but start failed !!\n");
         (void)pClient->uninit();
         return false;
     }
     if (0 != addFd(socket.getFd(), CLIENT_MASK, pClient.get())) {
-        reportAccept(__LINE__, "tcp client connected, but add to epoll failed !!\n");
+        LOG_AS("onPollAccept", 2, "tcp client connected, but add to epoll failed !!\n");
         (void)pClient->stop();
         (void)pClient->uninit();
         return false;

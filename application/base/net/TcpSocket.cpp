@@ -164,25 +164,24 @@ void TcpSocket::printCurOpts()
         return;
     }
     bool bReuse = false;
-    ASSERT_AS(0 == getOptReuseAddr(bReuse), "0 == getOptReuseAddr(bReuse)", FUNCTION);
+    ASSERT_IN(FUNCTION, 0 == getOptReuseAddr(bReuse));
     bool bLingerOnOff = false;
     int32_t nLinger = 0;
-    ASSERT_AS(0 == getOptLinger(bLingerOnOff, nLinger), "0 == getOptLinger(bLingerOnOff, nLinger)",
-              FUNCTION);
+    ASSERT_IN(FUNCTION, 0 == getOptLinger(bLingerOnOff, nLinger));
     int32_t nSndTimeO = 0;
-    ASSERT_AS(0 == getOptSndTimeO(nSndTimeO), "0 == getOptSndTimeO(nSndTimeO)", FUNCTION);
+    ASSERT_IN(FUNCTION, 0 == getOptSndTimeO(nSndTimeO));
     int32_t nRcvTimeO = 0;
-    ASSERT_AS(0 == getOptRcvTimeO(nRcvTimeO), "0 == getOptRcvTimeO(nRcvTimeO)", FUNCTION);
+    ASSERT_IN(FUNCTION, 0 == getOptRcvTimeO(nRcvTimeO));
     int32_t nSndBuf = 0;
     int32_t nSndQueue = 0;
-    ASSERT_AS(0 == getOptSndBuf(nSndBuf), "0 == getOptSndBuf(nSndBuf)", FUNCTION);
+    ASSERT_IN(FUNCTION, 0 == getOptSndBuf(nSndBuf));
     (void)getSndQueue(nSndQueue); // 0 where the kernel can't tell
     int32_t nRcvBuf = 0;
     int32_t nRcvQueue = 0;
-    ASSERT_AS(0 == getOptRcvBuf(nRcvBuf), "0 == getOptRcvBuf(nRcvBuf)", FUNCTION);
+    ASSERT_IN(FUNCTION, 0 == getOptRcvBuf(nRcvBuf));
     (void)getRcvQueue(nRcvQueue); // e.g. of a listener
     bool bBlock = false;
-    ASSERT_AS(0 == getOptBlock(bBlock), "0 == getOptBlock(bBlock)", FUNCTION);
+    ASSERT_IN(FUNCTION, 0 == getOptBlock(bBlock));
     SocketAddress local;
     (void)getLocalSockAddr(local); // logged there, printed empty
     SocketAddress remote;

@@ -11,10 +11,8 @@ Cond::Cond()
     pthread_condattr_t attr;
     pthread_condattr_init(&attr);
     pthread_condattr_setpshared(&attr, PTHREAD_PROCESS_PRIVATE);
-    ASSERT_AS(0 == pthread_cond_init(&m_Cond, &attr), "0 == pthread_cond_init(&m_Cond, &attr)",
-              "Cond::Cond()");
-    ASSERT_AS(0 == pthread_condattr_destroy(&attr), "0 == pthread_condattr_destroy(&attr)",
-              "Cond::Cond()");
+    ASSERT_IN("Cond::Cond()", 0 == pthread_cond_init(&m_Cond, &attr));
+    ASSERT_IN("Cond::Cond()", 0 == pthread_condattr_destroy(&attr));
 }
 
 Cond::~Cond()
@@ -50,6 +48,6 @@ RET_E Cond::broadcast()
 
 bool Cond::isWaiting()
 {
-    ASSERT_AS(m_nWaitTimes >= 0, "m_nWaitTimes >= 0", "bool Cond::isWaiting()");
+    ASSERT_IN("bool Cond::isWaiting()", m_nWaitTimes >= 0);
     return m_nWaitTimes > 0;
 }

@@ -12,12 +12,10 @@ Mutex::Mutex(MUTEX_TYPE_E type)
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_PRIVATE);
-    ASSERT_AS(0 == pthread_mutexattr_settype(&attr, type),
-              "0 == pthread_mutexattr_settype(&attr, type)", FUNCTION);
+    ASSERT_IN(FUNCTION, 0 == pthread_mutexattr_settype(&attr, type));
     ASSERT_AS(0 == pthread_mutex_init(&m_mtx, &attr), "0 == pthread_mutex_init(&m_mtx,&attr)",
               FUNCTION);
-    ASSERT_AS(0 == pthread_mutexattr_destroy(&attr), "0 == pthread_mutexattr_destroy(&attr)",
-              FUNCTION);
+    ASSERT_IN(FUNCTION, 0 == pthread_mutexattr_destroy(&attr));
 }
 
 Mutex::~Mutex()
@@ -55,6 +53,6 @@ int Mutex::unlockQuietly() NO_THREAD_SAFETY_ANALYSIS
 
 bool Mutex::isLock()
 {
-    ASSERT_AS(m_nLockTimes >= 0, "m_nLockTimes >= 0", "bool Mutex::isLock()");
+    ASSERT_IN("bool Mutex::isLock()", m_nLockTimes >= 0);
     return m_nLockTimes > 0;
 }

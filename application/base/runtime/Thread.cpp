@@ -133,8 +133,7 @@ bool Thread::settle(State& state)
     const int nNiceRet = nice(state.nNice);
     if (-1 == nNiceRet && (EPERM == errno || EACCES == errno)) {
         // Deliberate: the text of the returned value, not of errno.
-        Log::getInstance().log(SOURCE_NAME, __LINE__, "theThread", 2, "change nice failed! %s\n",
-                               strerror(nNiceRet));
+        LOG_AS("theThread", 2, "change nice failed! %s\n", strerror(nNiceRet));
         return false;
     }
     return true;

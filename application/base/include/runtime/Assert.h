@@ -15,3 +15,6 @@
 #define ASSERT_AS(condition, expression, function)                                                 \
     ((condition) ? static_cast<void>(0)                                                            \
                  : assertionFailed(expression, SOURCE_NAME, __LINE__, function))
+
+/** The same where the expression's text is the condition as it is written. */
+#define ASSERT_IN(function, condition) ASSERT_AS(condition, #condition, function)

@@ -10,9 +10,12 @@
  * The message brings its own line end. The arguments of a line above the maximum level are not
  * evaluated.
  */
-#define LOG(level, ...)                                                                            \
+#define LOG(level, ...) LOG_AS(__func__, level, __VA_ARGS__)
+
+/** The same for a line that carries another function's name. */
+#define LOG_AS(function, level, ...)                                                               \
     (Log::isWritten(level)                                                                         \
-         ? Log::getInstance().log(SOURCE_NAME, __LINE__, __func__, level, __VA_ARGS__)             \
+         ? Log::getInstance().log(SOURCE_NAME, __LINE__, function, level, __VA_ARGS__)             \
          : static_cast<void>(0))
 
 /** Fields in front of the message, in this order (a mask). */
