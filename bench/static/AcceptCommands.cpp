@@ -50,7 +50,7 @@ int main(int nCount, char** ppArgument)
             perror("cat");
             return 1;
         }
-        uPairs++;
+        ++uPairs;
         dDone = std::chrono::duration<double>(Clock::now() - start).count();
     }
     printf("%u %.6f %.6f\n", uPairs, dDone, cpuSeconds() - dCpu);

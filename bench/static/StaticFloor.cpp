@@ -56,13 +56,13 @@ void tune(int nSocket, bool bCommands)
     setOption(nSocket, SOL_SOCKET, SO_SNDBUF, SOCKET_BUFFER);
 }
 
-void sendAll(int nSocket, const char* pBytes, size_t nBytes)
+void sendAll(int nSocket, const char* pBytes, size_t uBytes)
 {
-    while (nBytes > 0) {
-        const ssize_t nSent = ::send(nSocket, pBytes, nBytes, MSG_NOSIGNAL);
+    while (uBytes > 0) {
+        const ssize_t nSent = ::send(nSocket, pBytes, uBytes, MSG_NOSIGNAL);
         check(nSent > 0, "send");
         pBytes += nSent;
-        nBytes -= static_cast<size_t>(nSent);
+        uBytes -= static_cast<size_t>(nSent);
     }
 }
 

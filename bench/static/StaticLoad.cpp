@@ -23,21 +23,21 @@ namespace {
 ssize_t readHeader(int nSocket, const std::string& strLength)
 {
     char acHeader[2048];
-    size_t nDone = 0;
+    size_t uDone = 0;
     for (;;) {
-        const ssize_t nRead = ::recv(nSocket, acHeader + nDone, sizeof(acHeader) - nDone, 0);
+        const ssize_t nRead = ::recv(nSocket, acHeader + uDone, sizeof(acHeader) - uDone, 0);
         if (nRead <= 0) {
             return -1;
         }
-        nDone += static_cast<size_t>(nRead);
-        const std::string strHeader(acHeader, nDone);
-        const size_t nEnd = strHeader.find("\r\n\r\n");
-        if (std::string::npos != nEnd) {
-            const size_t nLength = strHeader.find(strLength);
-            const bool bGood = 0 == strHeader.find("HTTP/1.0 200 OK\r\n") && nLength < nEnd;
-            return bGood ? static_cast<ssize_t>(nDone - nEnd - 4) : -1;
+        uDone += static_cast<size_t>(nRead);
+        const std::string strHeader(acHeader, uDone);
+        const size_t uEnd = strHeader.find("\r\n\r\n");
+        if (std::string::npos != uEnd) {
+            const size_t uLength = strHeader.find(strLength);
+            const bool bGood = 0 == strHeader.find("HTTP/1.0 200 OK\r\n") && uLength < uEnd;
+            return bGood ? static_cast<ssize_t>(uDone - uEnd - 4) : -1;
         }
-        if (nDone == sizeof(acHeader)) {
+        if (uDone == sizeof(acHeader)) {
             return -1;
         }
     }
@@ -89,7 +89,7 @@ int main(int nCount, char** ppArgument)
             fprintf(stderr, "request %u: not the agreed answer\n", uRequests);
             return 1;
         }
-        uRequests++;
+        ++uRequests;
         dDone = std::chrono::duration<double>(Clock::now() - start).count();
     }
     printf("%u %.6f\n", uRequests, dDone);

@@ -75,15 +75,15 @@ bool LoadClient::start(uint16_t u16Port)
     return 0 == strAnswer.find("HTTP/1.0 200 OK\r\n") || complain("not answered with 200");
 }
 
-bool LoadClient::take(size_t nMost)
+bool LoadClient::take(size_t uMost)
 {
-    while (nMost > 0) {
-        const size_t nWhole = STATE_E::HEADER == m_eState ? HEADER_SIZE : BOUNDARY_SIZE;
-        const bool bPicture = STATE_E::PICTURE == m_eState;
-        const size_t nWanted = std::min(nMost, bPicture ? m_nLeft : nWhole - m_strText.size());
+    while (uMost > 0) {
+        const size_t uWhole = STATE_HEADER == m_eState ? HEADER_SIZE : BOUNDARY_SIZE;
+        const bool bPicture = STATE_PICTURE == m_eState;
+        const size_t uWanted = std::min(uMost, bPicture ? m_uLeft : uWhole - m_strText.size());
         char acText[128];
         const ssize_t nRead =
-            ::recv(m_nSocket, acText, nWanted, MSG_DONTWAIT | (bPicture ? MSG_TRUNC : 0));
+            ::recv(m_nSocket, acText, uWanted, MSG_DONTWAIT | (bPicture ? MSG_TRUNC : 0));
         if (nRead < 0 && (EAGAIN == errno || EINTR == errno)) {
             return true;
         }
@@ -91,21 +91,21 @@ bool LoadClient::take(size_t nMost)
             return complain(0 == nRead ? "closed by the service" : strerror(errno));
         }
         const auto nDone = static_cast<size_t>(nRead);
-        if (0 == m_strText.size() && STATE_E::HEADER == m_eState) {
+        if (0 == m_strText.size() && STATE_HEADER == m_eState) {
             m_part.u64Begin = m_u64Taken;
         }
         m_u64Taken += nDone;
-        nMost -= nDone;
+        uMost -= nDone;
         if (bPicture) {
-            m_nLeft -= nDone;
-            m_eState = 0 == m_nLeft ? STATE_E::BOUNDARY : STATE_E::PICTURE;
+            m_uLeft -= nDone;
+            m_eState = 0 == m_uLeft ? STATE_BOUNDARY : STATE_PICTURE;
         } else {
             m_strText.append(acText, nDone);
-            if (m_strText.size() == nWhole && !finishText()) {
+            if (m_strText.size() == uWhole && !finishText()) {
                 return false;
             }
         }
-        if (nDone < nWanted) {
+        if (nDone < uWanted) {
             return true; // nothing more is there: spares the call that would say so
         }
     }
@@ -114,12 +114,12 @@ bool LoadClient::take(size_t nMost)
 
 bool LoadClient::finishText()
 {
-    if (STATE_E::HEADER == m_eState) {
+    if (STATE_HEADER == m_eState) {
         if (!parseHeader()) {
             return complain(("not a part header: " + m_strText).c_str());
         }
-        m_nLeft = m_part.u32Size;
-        m_eState = STATE_E::PICTURE;
+        m_uLeft = m_part.u32Size;
+        m_eState = STATE_PICTURE;
     } else {
         if (BOUNDARY != m_strText) {
             return complain(("not a boundary: " + m_strText).c_str());
@@ -128,8 +128,8 @@ bool LoadClient::finishText()
         m_part.s64Done = monotonicMicroseconds();
         m_part.u64End = m_u64Taken;
         m_vecPart.push_back(m_part);
-        m_u32Parts++;
-        m_eState = STATE_E::HEADER;
+        ++m_u32Parts;
+        m_eState = STATE_HEADER;
     }
     m_strText.clear();
     return true;
@@ -137,7 +137,7 @@ bool LoadClient::finishText()
 
 bool LoadClient::parseHeader()
 {
-    for (size_t i = 0; i < HEADER_SIZE; i++) {
+    for (size_t i = 0; i < HEADER_SIZE; ++i) {
         const char cByte = m_strText[i];
         const bool bNumber = ' ' == cByte || (cByte >= '0' && cByte <= '9');
         if ('#' == HEADER[i] ? !bNumber : HEADER[i] != cByte) {

@@ -38,10 +38,10 @@ public:
     bool start(uint16_t u16Port);
 
     /**
-     * Read what is there, nMost bytes at most. Never blocks.
+     * Read what is there, uMost bytes at most. Never blocks.
      * @return false after a message on standard error: closed, failed, or not the agreed bytes
      */
-    bool take(size_t nMost);
+    bool take(size_t uMost);
 
     int descriptor() const;
     uint16_t localPort() const;
@@ -51,11 +51,11 @@ public:
     uint32_t parts() const;
 
 private:
-    enum class STATE_E
+    enum STATE_E
     {
-        HEADER,
-        PICTURE,
-        BOUNDARY,
+        STATE_HEADER,
+        STATE_PICTURE,
+        STATE_BOUNDARY,
     };
 
     bool complain(const char* pWhat) const;
@@ -65,10 +65,10 @@ private:
     const uint32_t m_u32Number;
     std::vector<Part>& m_vecPart;
     int m_nSocket = -1;
-    STATE_E m_eState = STATE_E::HEADER;
+    STATE_E m_eState = STATE_HEADER;
     std::string m_strText; // header or boundary as far as it has come
     Part m_part{};
-    size_t m_nLeft = 0; // bytes of the picture still to come
+    size_t m_uLeft = 0; // bytes of the picture still to come
     uint64_t m_u64Taken = 0;
     uint32_t m_u32Parts = 0;
 };

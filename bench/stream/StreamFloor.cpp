@@ -84,7 +84,7 @@ public:
         request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         request.memory = V4L2_MEMORY_MMAP;
         call(VIDIOC_REQBUFS, &request, "VIDIOC_REQBUFS");
-        for (unsigned i = 0; i < BUFFERS; i++) {
+        for (unsigned i = 0; i < BUFFERS; ++i) {
             m_buffer = {};
             m_buffer.index = i;
             m_buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -197,7 +197,7 @@ bool sendOn(Rest& rest, const Block* pBlock)
         }
         rest.nSent += static_cast<size_t>(nSent);
         if (rest.nSent == block.nBytes) {
-            rest.nBlock++;
+            ++rest.nBlock;
             rest.nSent = 0;
         }
     }
@@ -230,13 +230,13 @@ void sendFrame(const std::vector<int>& vecClient, const Block& picture)
             vecPoll.push_back({rest.nSocket, POLLOUT, 0});
         }
         check(::poll(vecPoll.data(), vecPoll.size(), 5000) > 0, "a client does not read");
-        size_t nKept = 0;
-        for (size_t i = 0; i < vecPoll.size(); i++) {
+        size_t uKept = 0;
+        for (size_t i = 0; i < vecPoll.size(); ++i) {
             if (0 == vecPoll[i].revents || !sendOn(s_vecRest[i], aBlock)) {
-                s_vecRest[nKept++] = s_vecRest[i];
+                s_vecRest[uKept++] = s_vecRest[i];
             }
         }
-        s_vecRest.resize(nKept);
+        s_vecRest.resize(uKept);
     }
 }
 

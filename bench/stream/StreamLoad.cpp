@@ -39,18 +39,18 @@ public:
 
     bool start(uint16_t u16Port, uint32_t u32Clients, size_t nRate)
     {
-        for (uint32_t i = 0; i < u32Clients + (nRate > 0 ? 1 : 0); i++) {
+        for (uint32_t i = 0; i < u32Clients + (nRate > 0 ? 1 : 0); ++i) {
             m_vecClient.push_back(std::make_unique<LoadClient>(i, m_vecPart));
             if (!m_vecClient.back()->start(u16Port)) {
                 return false;
             }
         }
         m_u32Fast = u32Clients;
-        for (uint32_t i = 0; i < u32Clients; i++) {
+        for (uint32_t i = 0; i < u32Clients; ++i) {
             watch(m_vecClient[i]->descriptor(), i);
         }
         if (nRate > 0) {
-            m_nPortion = nRate / TICKS;
+            m_uPortion = nRate / TICKS;
             m_nTimer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
             const timespec tick = {0, 1000000000 / TICKS};
             const itimerspec every = {tick, tick};
@@ -68,7 +68,7 @@ public:
         epoll_event aEvent[128];
         while (!m_bEnd) {
             const int nReady = epoll_wait(m_nEPoll, aEvent, 128, -1);
-            for (int i = 0; i < nReady; i++) {
+            for (int i = 0; i < nReady; ++i) {
                 if (!onReady(aEvent[i].data.u32)) {
                     return false;
                 }
@@ -138,7 +138,7 @@ private:
     void lookWhetherReady()
     {
         while (m_u32Had < m_u32Fast && m_vecClient[m_u32Had]->parts() > 0) {
-            m_u32Had++;
+            ++m_u32Had;
         }
         if (m_u32Had == m_u32Fast) {
             m_bReady = true;
@@ -160,7 +160,7 @@ private:
 
     bool takeSlowly()
     {
-        const bool bGood = m_vecClient.back()->take(m_nPortion);
+        const bool bGood = m_vecClient.back()->take(m_uPortion);
         timespec now{};
         clock_gettime(CLOCK_MONOTONIC, &now);
         m_vecTaken.push_back({static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000,
@@ -170,7 +170,7 @@ private:
 
     const int m_nEPoll;
     int m_nTimer = -1;
-    size_t m_nPortion = 0;  // bytes that the slow client reads at a time
+    size_t m_uPortion = 0;  // bytes that the slow client reads at a time
     uint32_t m_u32Fast = 0; // clients; the slow one stands behind them
     uint32_t m_u32Had = 0;  // so many of the first clients have had a part
     bool m_bReady = false;

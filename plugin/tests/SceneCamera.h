@@ -23,14 +23,14 @@ public:
 
     void setSpot(double dXMm, double dYMm, double dZMm)
     {
-        m_scene.state().s32XMicrometre = static_cast<int32_t>(std::lround(dXMm * 1000));
-        m_scene.state().s32YMicrometre = static_cast<int32_t>(std::lround(dYMm * 1000));
-        m_scene.state().s32ZMicrometre = static_cast<int32_t>(std::lround(dZMm * 1000));
+        m_scene.getState().s32XMicrometre = static_cast<int32_t>(std::lround(dXMm * 1000));
+        m_scene.getState().s32YMicrometre = static_cast<int32_t>(std::lround(dYMm * 1000));
+        m_scene.getState().s32ZMicrometre = static_cast<int32_t>(std::lround(dZMm * 1000));
     }
 
     void setLaser(bool bOn)
     {
-        m_scene.state().u32LaserOn = bOn ? 1 : 0;
+        m_scene.getState().u32LaserOn = bOn ? 1 : 0;
     }
 
     /** Factor on the scene's light. */

@@ -75,7 +75,7 @@ TEST_P(SpotAccuracy, PositionIsWithinThirdOfAPixel)
             const Truth& truth = camera.truth();
             const double dError =
                 std::hypot(found.x - truth.dXMillimetre, found.y - truth.dYMillimetre) *
-                camera.geometry().pixelsPerMillimetre();
+                camera.geometry().getPixelsPerMillimetre();
             EXPECT_LT(dError, dAllowed) << dX << ", " << dY;
             dWorst = std::max(dWorst, dError);
         }

@@ -20,18 +20,20 @@ bool number(const std::string& strWord, uint32_t& u32Value)
            nValue <= UINT32_MAX;
 }
 
-// A count at this place of the line: a number from 1, "always", or 1 when the line ends before.
-bool count(const std::vector<std::string>& vecWord, size_t nAt, uint32_t& u32Count)
+/**
+ * A count at this place of the line: a number from 1, "always", or 1 when the line ends before.
+ */
+bool count(const std::vector<std::string>& vecWord, size_t uAt, uint32_t& u32Count)
 {
     u32Count = 1;
-    if (nAt >= vecWord.size()) {
+    if (uAt >= vecWord.size()) {
         return true;
     }
-    if ("always" == vecWord[nAt]) {
+    if ("always" == vecWord[uAt]) {
         u32Count = CameraFaults::ALWAYS;
         return true;
     }
-    return number(vecWord[nAt], u32Count) && u32Count > 0;
+    return number(vecWord[uAt], u32Count) && u32Count > 0;
 }
 
 bool oneOf(const std::string& strWord, const char* pFirst, const char* pSecond)
@@ -58,7 +60,7 @@ CameraCommands::CameraCommands(UvcCamera& camera, KernelFiles& kernelFiles, Scen
 {
 }
 
-bool CameraCommands::quit() const
+bool CameraCommands::hasQuit() const
 {
     return m_bQuit;
 }
@@ -91,7 +93,7 @@ std::string CameraCommands::run(const std::string& strLine)
 std::string CameraCommands::change(const Words& vecWord)
 {
     const std::string& strName = vecWord[0];
-    const size_t nWords = vecWord.size();
+    const size_t uWords = vecWord.size();
     if ("unplug" == strName) {
         return unplug(vecWord);
     }
@@ -110,19 +112,19 @@ std::string CameraCommands::change(const Words& vecWord)
     if ("spot" == strName) {
         return spot(vecWord);
     }
-    if ("journal" == strName && 2 == nWords && "clear" == vecWord[1]) {
+    if ("journal" == strName && 2 == uWords && "clear" == vecWord[1]) {
         m_journal.clear();
-    } else if ("timeperframe" == strName && 2 == nWords && oneOf(vecWord[1], "on", "off")) {
+    } else if ("timeperframe" == strName && 2 == uWords && oneOf(vecWord[1], "on", "off")) {
         m_camera.changeFaults(
             [&](CameraFaults& faults) { faults.bNoTimePerFrame = "off" == vecWord[1]; });
-    } else if ("stat" == strName && 2 == nWords && oneOf(vecWord[1], "regular", "normal")) {
+    } else if ("stat" == strName && 2 == uWords && oneOf(vecWord[1], "regular", "normal")) {
         m_camera.changeFaults(
             [&](CameraFaults& faults) { faults.bRegularNode = "regular" == vecWord[1]; });
-    } else if ("capabilities" == strName && 2 == nWords) {
+    } else if ("capabilities" == strName && 2 == uWords) {
         return capabilities(vecWord[1]);
     } else if ("mark" == strName) {
         return OK; // the note in the journal is all
-    } else if (nWords > 1) {
+    } else if (uWords > 1) {
         return USAGE;
     } else if ("replug" == strName) {
         m_camera.replug();
@@ -131,7 +133,7 @@ std::string CameraCommands::change(const Words& vecWord)
     } else if ("clear" == strName) {
         m_camera.changeFaults([](CameraFaults& faults) { faults = CameraFaults(); });
         m_camera.setRate(0);
-        m_kernelFiles.setMode(KernelFiles::MODE_E::NORMAL, 2);
+        m_kernelFiles.setMode(KernelFiles::MODE_NORMAL, 2);
     } else if ("quit" == strName) {
         m_bQuit = true;
     } else {
@@ -140,7 +142,7 @@ std::string CameraCommands::change(const Words& vecWord)
     return OK;
 }
 
-// capabilities HEX|normal
+/** capabilities HEX|normal */
 std::string CameraCommands::capabilities(const std::string& strWord)
 {
     char* pEnd = nullptr;
@@ -157,7 +159,7 @@ std::string CameraCommands::capabilities(const std::string& strWord)
     return OK;
 }
 
-// unplug | unplug after CALL
+/** unplug | unplug after CALL */
 std::string CameraCommands::unplug(const Words& vecWord)
 {
     if (1 == vecWord.size()) {
@@ -175,7 +177,7 @@ std::string CameraCommands::unplug(const Words& vecWord)
     return OK;
 }
 
-// fail CALL ERRNO [COUNT|always [skip N]]
+/** fail CALL ERRNO [COUNT|always [skip N]] */
 std::string CameraCommands::fail(const Words& vecWord)
 {
     uint32_t u32Count = 1;
@@ -198,7 +200,7 @@ std::string CameraCommands::fail(const Words& vecWord)
     return OK;
 }
 
-// bytes N|overflow [COUNT|always]
+/** bytes N|overflow [COUNT|always] */
 std::string CameraCommands::bytes(const Words& vecWord)
 {
     uint32_t u32Bytes = 0;
@@ -218,7 +220,7 @@ std::string CameraCommands::bytes(const Words& vecWord)
     return OK;
 }
 
-// grant N [COUNT|always], index N [COUNT|always], coerce FPS|off, fps N|auto
+/** grant N [COUNT|always], index N [COUNT|always], coerce FPS|off, fps N|auto */
 std::string CameraCommands::counted(const Words& vecWord)
 {
     uint32_t u32Value = 0;
@@ -252,7 +254,7 @@ std::string CameraCommands::counted(const Words& vecWord)
     return OK;
 }
 
-// list normal|missing|nohandlers, list event N
+/** list normal|missing|nohandlers, list event N */
 std::string CameraCommands::list(const Words& vecWord)
 {
     const std::string strMode = vecWord.size() > 1 ? vecWord[1] : "";
@@ -261,11 +263,11 @@ std::string CameraCommands::list(const Words& vecWord)
                            : 2 != vecWord.size()) {
         return USAGE;
     }
-    KernelFiles::MODE_E eMode = KernelFiles::MODE_E::NORMAL;
+    KernelFiles::MODE_E eMode = KernelFiles::MODE_NORMAL;
     if ("missing" == strMode) {
-        eMode = KernelFiles::MODE_E::MISSING;
+        eMode = KernelFiles::MODE_MISSING;
     } else if ("nohandlers" == strMode) {
-        eMode = KernelFiles::MODE_E::NO_HANDLERS;
+        eMode = KernelFiles::MODE_NO_HANDLERS;
     } else if ("normal" != strMode && "event" != strMode) {
         return USAGE;
     }
@@ -273,19 +275,19 @@ std::string CameraCommands::list(const Words& vecWord)
     return OK;
 }
 
-// spot X Y Z on|off, in millimetres
+/** spot X Y Z on|off, in millimetres */
 std::string CameraCommands::spot(const Words& vecWord)
 {
     int32_t as32Position[3] = {};
     if (5 != vecWord.size() || !oneOf(vecWord[4], "on", "off")) {
         return USAGE;
     }
-    for (size_t i = 0; i < 3; i++) {
+    for (size_t i = 0; i < 3; ++i) {
         if (!micrometres(vecWord[i + 1], as32Position[i])) {
             return USAGE;
         }
     }
-    SceneState& state = m_scene.state();
+    SceneState& state = m_scene.getState();
     state.s32XMicrometre = as32Position[0];
     state.s32YMicrometre = as32Position[1];
     state.s32ZMicrometre = as32Position[2];

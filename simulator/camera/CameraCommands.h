@@ -24,7 +24,7 @@ public:
     std::string run(const std::string& strLine);
 
     /** Whether "quit" was given. */
-    bool quit() const;
+    bool hasQuit() const;
 
 private:
     using Words = std::vector<std::string>;

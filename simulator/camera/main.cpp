@@ -23,7 +23,7 @@
 
 namespace {
 
-// Keeps a second camera out of the directory for as long as it is open.
+/** Keeps a second camera out of the directory for as long as it is open. */
 int claim(const std::string& strDir)
 {
     std::error_code error;
@@ -37,7 +37,7 @@ int claim(const std::string& strDir)
     return nFd;
 }
 
-// What an earlier camera left when it was killed.
+/** What an earlier camera left when it was killed. */
 void sweep(const std::string& strDir)
 {
     std::error_code error;
@@ -65,9 +65,9 @@ void serve(DeviceServer& device, ControlServer& control, CameraCommands& command
            TimedScript& script, int nSignals)
 {
     const auto start = std::chrono::steady_clock::now();
-    while (!commands.quit()) {
+    while (!commands.hasQuit()) {
         const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-        for (std::string strLine; !(strLine = script.due(elapsed.count())).empty();) {
+        for (std::string strLine; !(strLine = script.takeDue(elapsed.count())).empty();) {
             const std::string strAnswer = commands.run(strLine);
             if ("ok" != strAnswer.substr(0, 2)) {
                 fprintf(stderr, "script: %s: %s\n", strLine.c_str(), strAnswer.c_str());
@@ -77,8 +77,8 @@ void serve(DeviceServer& device, ControlServer& control, CameraCommands& command
         device.watch(vecPoll);
         control.watch(vecPoll);
         double dWait = 0.5; // a program that ended after an unplug is found by looking
-        if (script.next() >= 0) {
-            dWait = std::min(dWait, std::max(script.next() - elapsed.count(), 0.0));
+        if (script.getNext() >= 0) {
+            dWait = std::min(dWait, std::max(script.getNext() - elapsed.count(), 0.0));
         }
         if (::poll(vecPoll.data(), vecPoll.size(), static_cast<int>(dWait * 1000) + 1) < 0 &&
             EINTR != errno) {
@@ -110,8 +110,8 @@ int main(int nCount, char** ppArgument)
     sweep(options.strDir);
 
     SceneFile scene(options.strScene);
-    if (!scene.mapped()) {
-        fprintf(stderr, "%s: cannot be mapped\n", options.strScene.c_str());
+    if (!scene.isMapped()) {
+        perror(options.strScene.c_str());
         return 1;
     }
     std::unique_ptr<IPictureSource> pSource;
@@ -126,7 +126,9 @@ int main(int nCount, char** ppArgument)
         pSource = std::move(pFolder);
     }
     TimedScript script;
-    if (!options.strScript.empty() && !script.load(options.strScript)) {
+    std::string strError;
+    if (!options.strScript.empty() && !script.load(options.strScript, nullptr, strError)) {
+        fprintf(stderr, "%s\n", strError.c_str());
         return 1;
     }
 
@@ -143,8 +145,9 @@ int main(int nCount, char** ppArgument)
     }
     CameraCommands commands(camera, kernelFiles, scene, journal);
     DeviceServer device(camera, options.strDir);
-    ControlServer control(commands, options.strDir);
-    if (!device.start() || !control.start()) {
+    ControlServer control(
+        [&commands](const std::string& strLine) { return commands.run(strLine); });
+    if (!device.start() || !control.start(options.strDir + "/control.sock")) {
         perror(options.strDir.c_str());
         return 1;
     }

@@ -46,15 +46,15 @@ void Controller::setTrigger(std::function<void(const std::string&)> trigger)
 void Controller::receive(const std::string& strBytes, int64_t s64NowUs)
 {
     advance(s64NowUs);
-    size_t nPos = 0;
-    while (nPos < strBytes.size()) {
+    size_t uPos = 0;
+    while (uPos < strBytes.size()) {
         if (m_loader.isActive()) {
-            nPos += m_loader.take(strBytes.data() + nPos, strBytes.size() - nPos, s64NowUs);
+            uPos += m_loader.take(strBytes.data() + uPos, strBytes.size() - uPos, s64NowUs);
             if (!m_loader.isActive()) {
-                m_wireLog.record(s64NowUs, "image", m_loader.result());
+                m_wireLog.record(s64NowUs, "image", m_loader.getResult());
             }
         } else {
-            takeByte(strBytes[nPos++], s64NowUs);
+            takeByte(strBytes[uPos++], s64NowUs);
         }
     }
 }
@@ -84,7 +84,7 @@ void Controller::advance(int64_t s64NowUs)
     }
     processLines(s64NowUs);
     if (m_loader.endIfQuiet(s64NowUs)) {
-        m_wireLog.record(s64NowUs, "image", m_loader.result());
+        m_wireLog.record(s64NowUs, "image", m_loader.getResult());
     }
 }
 
@@ -222,7 +222,7 @@ std::string Controller::move(const Command& command)
     if (COMMAND_ACCEPTED == command.eKind) {
         return formatOk();
     }
-    Point target = m_motion.destination();
+    Point target = m_motion.getDestination();
     const Point base = m_bRelative ? target : Point{};
     target[0] = command.bHasX ? base[0] + command.dX : target[0];
     target[1] = command.bHasY ? base[1] + command.dY : target[1];
@@ -285,11 +285,11 @@ int64_t Controller::nextDueUs(int64_t s64NowUs) const
     if (!m_deqAnswer.empty()) {
         s64DueUs = m_deqAnswer.front().s64DueUs;
     }
-    if (const int64_t s64LeftUs = m_motion.remainingUs(); s64LeftUs >= 0) {
+    if (const int64_t s64LeftUs = m_motion.getRemainingUs(); s64LeftUs >= 0) {
         s64DueUs = std::min(s64DueUs, s64NowUs + std::min(s64LeftUs, TICK_US));
     }
     if (m_loader.isActive()) {
-        s64DueUs = std::min(s64DueUs, m_loader.quietUs());
+        s64DueUs = std::min(s64DueUs, m_loader.getQuietUs());
     }
     return (INT64_MAX == s64DueUs) ? -1 : s64DueUs;
 }
@@ -353,7 +353,7 @@ bool Controller::instruct(const std::string& strInstruction, int64_t s64NowUs)
 
 std::string Controller::describe() const
 {
-    const Point& position = m_motion.position();
+    const Point& position = m_motion.getPosition();
     char acText[160] = {0};
     snprintf(acText, sizeof(acText),
              "x=%.3f y=%.3f z=%.3f spot=%d moving=%d held=%d locked=%d loading=%d lines=%d",

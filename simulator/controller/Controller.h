@@ -70,7 +70,7 @@ public:
      */
     bool instruct(const std::string& strInstruction, int64_t s64NowUs);
 
-    const Motion& motion() const
+    const Motion& getMotion() const
     {
         return m_motion;
     }

@@ -7,14 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
+#include <poll.h>
 
 static const double MICROMETRES_PER_MM = 1000;
+static const double US_PER_SECOND = 1e6;
 
 static int64_t monotonicUs()
 {
@@ -25,18 +23,12 @@ static int64_t monotonicUs()
 
 ControllerBoard::ControllerBoard(const ControllerBoardOptions& options)
     : m_options(options), m_s64StartUs(monotonicUs()), m_controller(options.controller, m_wireLog),
-      m_port(options.strNode)
+      m_port(options.strNode),
+      m_control([this](const std::string& strInstruction) { return answer(strInstruction); })
 {
     m_controller.setTrigger([this](const std::string& strInstruction) {
         (void)instruct(strInstruction); // was checked when it came in
     });
-}
-
-ControllerBoard::~ControllerBoard()
-{
-    if (nullptr != m_pScene) {
-        munmap(m_pScene, sizeof(*m_pScene));
-    }
 }
 
 bool ControllerBoard::init(std::string& strError)
@@ -48,13 +40,17 @@ bool ControllerBoard::init(std::string& strError)
     if (!m_options.strWireLog.empty() && !m_wireLog.open(m_options.strWireLog)) {
         return fail(m_options.strWireLog);
     }
-    if (!m_options.strScene.empty() && !mapScene()) {
-        return fail(m_options.strScene);
+    if (!m_options.strScene.empty()) {
+        m_pScene = std::make_unique<SceneFile>(m_options.strScene);
+        if (!m_pScene->isMapped()) {
+            return fail(m_options.strScene);
+        }
+        updateScene(true);
     }
     if (!m_options.strGpio.empty() && !m_gpio.open(m_options.strGpio)) {
         return fail(m_options.strGpio);
     }
-    if (!m_options.strControl.empty() && !m_control.open(m_options.strControl)) {
+    if (!m_options.strControl.empty() && !m_control.start(m_options.strControl)) {
         return fail(m_options.strControl);
     }
     if (m_options.bPlugged) {
@@ -63,58 +59,17 @@ bool ControllerBoard::init(std::string& strError)
         }
         m_wireLog.record(nowUs(), "plugged", m_options.strNode);
     }
-    return readScript(strError);
+    return m_options.strScript.empty() || loadScript(strError);
 }
 
-bool ControllerBoard::mapScene()
+bool ControllerBoard::loadScript(std::string& strError)
 {
-    const int nFd = open(m_options.strScene.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (nFd < 0) {
-        return false;
-    }
-    void* pMap = MAP_FAILED;
-    if (0 == ftruncate(nFd, sizeof(SceneState))) {
-        pMap = mmap(nullptr, sizeof(SceneState), PROT_READ | PROT_WRITE, MAP_SHARED, nFd, 0);
-    }
-    close(nFd);
-    if (MAP_FAILED == pMap) {
-        return false;
-    }
-    m_pScene = static_cast<SceneState*>(pMap);
-    updateScene(true);
-    return true;
-}
-
-bool ControllerBoard::readScript(std::string& strError)
-{
-    if (m_options.strScript.empty()) {
-        return true;
-    }
-    std::ifstream file(m_options.strScript);
-    if (!file) {
-        strError = m_options.strScript + ": " + strerror(errno);
-        return false;
-    }
-    for (std::string strLine; std::getline(file, strLine);) {
-        if (strLine.empty() || '#' == strLine[0]) {
-            continue;
-        }
-        if (0 == strLine.compare(0, 5, "line ")) {
-            if ("ok" != instruct(strLine)) {
-                strError = m_options.strScript + ": " + strLine;
-                return false;
-            }
-            continue;
-        }
-        char* pRest = nullptr;
-        const double dSeconds = strtod(strLine.c_str(), &pRest);
-        if (pRest == strLine.c_str() || ' ' != *pRest || !(dSeconds >= 0 && dSeconds < 1e6)) {
-            strError = m_options.strScript + ": " + strLine;
-            return false;
-        }
-        m_mapDue.emplace(static_cast<int64_t>(dSeconds * 1e6), pRest + 1);
-    }
-    return true;
+    return m_script.load(
+        m_options.strScript,
+        [this](const std::string& strLine) {
+            return 0 == strLine.compare(0, 5, "line ") && "ok" == instruct(strLine);
+        },
+        strError);
 }
 
 int64_t ControllerBoard::nowUs() const
@@ -125,8 +80,10 @@ int64_t ControllerBoard::nowUs() const
 int ControllerBoard::pollTimeoutMs(int64_t s64NowUs) const
 {
     int64_t s64DueUs = m_controller.nextDueUs(s64NowUs);
-    if (!m_mapDue.empty() && (s64DueUs < 0 || m_mapDue.begin()->first < s64DueUs)) {
-        s64DueUs = m_mapDue.begin()->first;
+    const double dNext = m_script.getNext();
+    const int64_t s64NextUs = static_cast<int64_t>(dNext * US_PER_SECOND);
+    if (dNext >= 0 && (s64DueUs < 0 || s64NextUs < s64DueUs)) {
+        s64DueUs = s64NextUs;
     }
     if (s64DueUs < 0) {
         return -1;
@@ -146,7 +103,7 @@ void ControllerBoard::run(int nStopFd)
         if (!m_bStalled && m_controller.wantsInput()) {
             vecPoll.push_back({m_port.getFd(), POLLIN, 0});
         }
-        m_control.addTo(vecPoll);
+        m_control.watch(vecPoll);
         if (poll(vecPoll.data(), vecPoll.size(), pollTimeoutMs(nowUs())) < 0 && EINTR != errno) {
             return;
         }
@@ -158,16 +115,18 @@ void ControllerBoard::run(int nStopFd)
         readPort(nowUs());
         m_controller.advance(nowUs());
         writeAnswers(nowUs());
-        m_control.serve([this](const std::string& strInstruction) {
-            // What the client wrote to the wire before it asked comes first.
-            readPort(nowUs());
-            std::string strResult = instruct(strInstruction);
-            writeAnswers(nowUs());
-            m_wireLog.flush();
-            return strResult;
-        });
+        m_control.handle();
         updateScene(false);
     }
+}
+
+std::string ControllerBoard::answer(const std::string& strInstruction)
+{
+    readPort(nowUs()); // what the client wrote to the wire before it asked comes first
+    std::string strResult = instruct(strInstruction);
+    writeAnswers(nowUs());
+    m_wireLog.flush();
+    return strResult;
 }
 
 void ControllerBoard::readPort(int64_t s64NowUs)
@@ -185,10 +144,10 @@ void ControllerBoard::readPort(int64_t s64NowUs)
 void ControllerBoard::writeAnswers(int64_t s64NowUs)
 {
     for (std::string strText; m_controller.takeAnswer(s64NowUs, strText);) {
-        const size_t nWritten = m_port.isPlugged() ? m_port.write(strText) : 0;
-        m_wireLog.record(s64NowUs, "tx", strText.substr(0, nWritten));
-        if (nWritten < strText.size()) {
-            m_wireLog.record(s64NowUs, "lost", strText.substr(nWritten));
+        const size_t uWritten = m_port.isPlugged() ? m_port.write(strText) : 0;
+        m_wireLog.record(s64NowUs, "tx", strText.substr(0, uWritten));
+        if (uWritten < strText.size()) {
+            m_wireLog.record(s64NowUs, "lost", strText.substr(uWritten));
         }
     }
 }
@@ -205,7 +164,8 @@ void ControllerBoard::readPins(int64_t s64NowUs)
             setPlugged(false, s64NowUs);
             m_controller.reset();
         } else if (!bLow && m_bResetLow) {
-            m_mapDue.emplace(s64NowUs + m_options.s64BootUs, "plug");
+            m_script.add(static_cast<double>(s64NowUs + m_options.s64BootUs) / US_PER_SECOND,
+                         "plug");
         }
         m_bResetLow = bLow;
     }
@@ -213,16 +173,15 @@ void ControllerBoard::readPins(int64_t s64NowUs)
 
 void ControllerBoard::runDue(int64_t s64NowUs)
 {
-    while (!m_mapDue.empty() && m_mapDue.begin()->first <= s64NowUs) {
-        const std::string strInstruction = m_mapDue.begin()->second;
-        m_mapDue.erase(m_mapDue.begin());
-        (void)instruct(strInstruction); // recorded there
+    const double dNow = static_cast<double>(s64NowUs) / US_PER_SECOND;
+    for (std::string strDue; !(strDue = m_script.takeDue(dNow)).empty();) {
+        (void)instruct(strDue); // recorded there
     }
 }
 
 void ControllerBoard::updateScene(bool bAlways)
 {
-    const Point& position = m_controller.motion().position();
+    const Point& position = m_controller.getMotion().getPosition();
     const bool bSpot = m_controller.isSpotOn();
     const bool bSame = position == m_scenePosition && bSpot == m_bSceneSpot;
     if (nullptr == m_pScene || (bSame && !bAlways)) {
@@ -233,11 +192,12 @@ void ControllerBoard::updateScene(bool bAlways)
     const auto toMicrometres = [](double dMm) {
         return static_cast<int32_t>(lround(dMm * MICROMETRES_PER_MM));
     };
+    SceneState& scene = m_pScene->getState();
     // The arm's axes point against the picture's.
-    m_pScene->s32XMicrometre = toMicrometres(-position[0]);
-    m_pScene->s32YMicrometre = toMicrometres(-position[1]);
-    m_pScene->s32ZMicrometre = toMicrometres(m_options.dFocusZ - position[2]);
-    m_pScene->u32LaserOn = bSpot ? 1 : 0;
+    scene.s32XMicrometre = toMicrometres(-position[0]);
+    scene.s32YMicrometre = toMicrometres(-position[1]);
+    scene.s32ZMicrometre = toMicrometres(m_options.dFocusZ - position[2]);
+    scene.u32LaserOn = bSpot ? 1 : 0;
 }
 
 void ControllerBoard::setPlugged(bool bPlugged, int64_t s64NowUs)
@@ -266,8 +226,8 @@ std::string ControllerBoard::instruct(const std::string& strInstruction)
     const std::vector<std::string> vecWord = splitWords(strInstruction);
     int nLine = 0;
     if (vecWord.size() >= 3 && "line" == vecWord[0] && parseCount(vecWord[1], nLine)) {
-        const size_t nRest = strInstruction.find(vecWord[2], 5 + vecWord[1].size());
-        m_controller.addTrigger(nLine, strInstruction.substr(nRest));
+        const size_t uRest = strInstruction.find(vecWord[2], 5 + vecWord[1].size());
+        m_controller.addTrigger(nLine, strInstruction.substr(uRest));
         return "ok";
     }
     m_wireLog.record(s64NowUs, "instructed", strInstruction);

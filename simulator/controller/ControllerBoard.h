@@ -2,15 +2,15 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 
-#include "ControlSocket.h"
+#include "ControlServer.h"
 #include "Controller.h"
 #include "GpioLines.h"
 #include "PtyPort.h"
-#include "SceneState.h"
+#include "SceneFile.h"
+#include "TimedScript.h"
 #include "WireLog.h"
 
 /** What the board is made of; empty paths leave a part out. */
@@ -35,7 +35,6 @@ public:
     explicit ControllerBoard(const ControllerBoardOptions& options);
     ControllerBoard(const ControllerBoard&) = delete;
     ControllerBoard& operator=(const ControllerBoard&) = delete;
-    ~ControllerBoard();
 
     /** Build the board. @param strError  what failed, without a line end */
     bool init(std::string& strError);
@@ -47,8 +46,8 @@ public:
     void run(int nStopFd);
 
 private:
-    bool mapScene();
-    bool readScript(std::string& strError);
+    bool loadScript(std::string& strError);
+    std::string answer(const std::string& strInstruction);
     int64_t nowUs() const;
     int pollTimeoutMs(int64_t s64NowUs) const;
     void readPort(int64_t s64NowUs);
@@ -65,11 +64,11 @@ private:
     Controller m_controller;
     PtyPort m_port;
     GpioLines m_gpio;
-    ControlSocket m_control;
+    ControlServer m_control;
     Point m_scenePosition{}; // as last told, to leave the scene alone while nothing moves
     bool m_bSceneSpot = false;
-    SceneState* m_pScene = nullptr;               // mapped; null without a scene
-    std::multimap<int64_t, std::string> m_mapDue; // instructions by their time
+    std::unique_ptr<SceneFile> m_pScene; // null without a scene
+    TimedScript m_script;
     bool m_bResetLow = false;
     bool m_bStalled = false;
     bool m_bQuit = false;

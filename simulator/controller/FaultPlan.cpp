@@ -52,16 +52,16 @@ bool FaultPlan::add(const std::vector<std::string>& vecWord)
             continue;
         }
         Entry entry{{kind.eKind, 0}, 1};
-        size_t nNext = 1;
+        size_t uNext = 1;
         if (kind.bHasValue) {
-            if (vecWord.size() < 2 || !parseCount(vecWord[nNext++], entry.fault.nValue)) {
+            if (vecWord.size() < 2 || !parseCount(vecWord[uNext++], entry.fault.nValue)) {
                 return false;
             }
         }
-        if (nNext < vecWord.size() && !parseCount(vecWord[nNext++], entry.nLeft)) {
+        if (uNext < vecWord.size() && !parseCount(vecWord[uNext++], entry.nLeft)) {
             return false;
         }
-        if (nNext != vecWord.size() || entry.nLeft < 1) {
+        if (uNext != vecWord.size() || entry.nLeft < 1) {
             return false;
         }
         m_deqEntry.push_back(entry);

@@ -30,34 +30,34 @@ void FirmwareLoader::begin(int64_t s64NowUs)
     }
 }
 
-size_t FirmwareLoader::take(const char* pData, size_t nLength, int64_t s64NowUs)
+size_t FirmwareLoader::take(const char* pData, size_t uLength, int64_t s64NowUs)
 {
     m_s64LastUs = s64NowUs;
-    size_t nUsed = 0;
-    while (nUsed < nLength && m_bActive) {
-        size_t nPart = 0;
+    size_t uUsed = 0;
+    while (uUsed < uLength && m_bActive) {
+        size_t uPart = 0;
         if (m_strHead.size() < HEAD_SIZE) {
-            nPart = std::min(nLength - nUsed, HEAD_SIZE - m_strHead.size());
-            m_strHead.append(pData + nUsed, nPart);
+            uPart = std::min(uLength - uUsed, HEAD_SIZE - m_strHead.size());
+            m_strHead.append(pData + uUsed, uPart);
         } else {
-            nPart =
-                static_cast<size_t>(std::min<uint64_t>(nLength - nUsed, expected() - m_u64Taken));
+            uPart = static_cast<size_t>(
+                std::min<uint64_t>(uLength - uUsed, getExpected() - m_u64Taken));
         }
         if (nullptr != m_pFile) {
-            fwrite(pData + nUsed, 1, nPart, m_pFile);
+            fwrite(pData + uUsed, 1, uPart, m_pFile);
         }
-        nUsed += nPart;
-        m_u64Taken += nPart;
-        if (m_strHead.size() == HEAD_SIZE && m_u64Taken >= expected()) {
+        uUsed += uPart;
+        m_u64Taken += uPart;
+        if (m_strHead.size() == HEAD_SIZE && m_u64Taken >= getExpected()) {
             end();
         }
     }
-    return nUsed;
+    return uUsed;
 }
 
 bool FirmwareLoader::endIfQuiet(int64_t s64NowUs)
 {
-    if (!m_bActive || s64NowUs < quietUs()) {
+    if (!m_bActive || s64NowUs < getQuietUs()) {
         return false;
     }
     end();
@@ -73,16 +73,16 @@ void FirmwareLoader::end()
     }
 }
 
-std::string FirmwareLoader::result() const
+std::string FirmwareLoader::getResult() const
 {
-    const uint64_t u64Expected = expected();
+    const uint64_t u64Expected = getExpected();
     const char* const pVerdict = (UINT64_MAX == u64Expected)   ? "raw"
                                  : (m_u64Taken == u64Expected) ? "complete"
                                                                : "cut";
     return std::to_string(m_u64Taken) + " bytes " + pVerdict;
 }
 
-uint64_t FirmwareLoader::expected() const
+uint64_t FirmwareLoader::getExpected() const
 {
     if (m_strHead.size() < HEAD_SIZE || 0 != m_strHead.compare(0, MAGIC_SIZE, MAGIC)) {
         return UINT64_MAX;

@@ -31,13 +31,13 @@ public:
     }
 
     /** Take bytes. @return how many belong to the image; the rest is not ours */
-    size_t take(const char* pData, size_t nLength, int64_t s64NowUs);
+    size_t take(const char* pData, size_t uLength, int64_t s64NowUs);
 
     /** End an image whose wire is quiet. @return true when that has just happened */
     bool endIfQuiet(int64_t s64NowUs);
 
     /** When endIfQuiet() is worth a call; only while active. */
-    int64_t quietUs() const
+    int64_t getQuietUs() const
     {
         return m_s64LastUs + m_s64QuietUs;
     }
@@ -45,10 +45,10 @@ public:
     void end();
 
     /** "N bytes", with "complete", "cut" or "raw" for an image without a length. */
-    std::string result() const;
+    std::string getResult() const;
 
 private:
-    uint64_t expected() const;
+    uint64_t getExpected() const;
 
     std::string m_strPath;
     int64_t m_s64QuietUs;

@@ -51,19 +51,19 @@ std::string squeeze(const std::string& strLine)
     return strResult;
 }
 
-/** Takes a decimal number from nPos on; false when there is none. */
-bool takeNumber(const std::string& strText, size_t& nPos, double& dValue)
+/** Takes a decimal number from uPos on; false when there is none. */
+bool takeNumber(const std::string& strText, size_t& uPos, double& dValue)
 {
     std::string strNumber;
-    if (nPos < strText.size() && ('-' == strText[nPos] || '+' == strText[nPos])) {
-        strNumber += strText[nPos++];
+    if (uPos < strText.size() && ('-' == strText[uPos] || '+' == strText[uPos])) {
+        strNumber += strText[uPos++];
     }
     bool bDigit = false;
     bool bPoint = false;
-    while (nPos < strText.size() && (isDigit(strText[nPos]) || ('.' == strText[nPos] && !bPoint))) {
-        bPoint = bPoint || '.' == strText[nPos];
-        bDigit = bDigit || isDigit(strText[nPos]);
-        strNumber += strText[nPos++];
+    while (uPos < strText.size() && (isDigit(strText[uPos]) || ('.' == strText[uPos] && !bPoint))) {
+        bPoint = bPoint || '.' == strText[uPos];
+        bDigit = bDigit || isDigit(strText[uPos]);
+        strNumber += strText[uPos++];
     }
     dValue = strtod(strNumber.c_str(), nullptr);
     return bDigit;
@@ -176,14 +176,14 @@ Command parseDollar(const std::string& strText)
 Command parseWords(const std::string& strText)
 {
     Command command;
-    size_t nPos = 0;
-    while (nPos < strText.size()) {
-        const char cLetter = strText[nPos++];
+    size_t uPos = 0;
+    while (uPos < strText.size()) {
+        const char cLetter = strText[uPos++];
         if (cLetter < 'A' || cLetter > 'Z') {
             return refused(ERROR_NOT_UNDERSTOOD);
         }
         double dValue = 0;
-        if (!takeNumber(strText, nPos, dValue)) {
+        if (!takeNumber(strText, uPos, dValue)) {
             return refused(ERROR_BAD_NUMBER);
         }
         if ('G' == cLetter || 'M' == cLetter) {
@@ -275,11 +275,11 @@ std::string formatStatus(int nCode)
 Reply parseReply(const std::string& strReply)
 {
     Reply reply;
-    size_t nStart = 0;
-    for (size_t nEnd = strReply.find('\n'); std::string::npos != nEnd;
-         nEnd = strReply.find('\n', nStart)) {
-        const std::string strLine = strReply.substr(nStart, nEnd - nStart);
-        nStart = nEnd + 1;
+    size_t uStart = 0;
+    for (size_t uEnd = strReply.find('\n'); std::string::npos != uEnd;
+         uEnd = strReply.find('\n', uStart)) {
+        const std::string strLine = strReply.substr(uStart, uEnd - uStart);
+        uStart = uEnd + 1;
         reply.bAck = reply.bAck || OK == strLine;
         if (const int nStatus = codeBehind(strLine, STATUS); 0 != nStatus) {
             reply.nStatus = nStatus;

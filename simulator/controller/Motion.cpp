@@ -40,12 +40,12 @@ void Motion::clear()
     m_deqMove.clear();
 }
 
-const Point& Motion::destination() const
+const Point& Motion::getDestination() const
 {
     return m_deqMove.empty() ? m_position : m_deqMove.back().target;
 }
 
-int64_t Motion::remainingUs() const
+int64_t Motion::getRemainingUs() const
 {
     return (m_bHeld || m_deqMove.empty()) ? -1 : m_deqMove.front().s64LeftUs;
 }

@@ -56,13 +56,13 @@ public:
         return m_deqMove.empty();
     }
 
-    const Point& position() const
+    const Point& getPosition() const
     {
         return m_position;
     }
 
     /** Where the head will be after all queued moves. */
-    const Point& destination() const;
+    const Point& getDestination() const;
 
     /** Put the head there at once. */
     void setPosition(const Point& position)
@@ -71,7 +71,7 @@ public:
     }
 
     /** Microseconds until the current move ends; -1 when nothing moves. */
-    int64_t remainingUs() const;
+    int64_t getRemainingUs() const;
 
 private:
     struct Move

@@ -1,4 +1,4 @@
-// Listening sockets in the file system.
+// Sockets in the file system.
 #pragma once
 
 #include <string>
@@ -9,3 +9,6 @@
  * @return the descriptor, or -1 with errno; ENAMETOOLONG for a path of more than 107 bytes
  */
 int listenAt(const std::string& strPath, int nType);
+
+/** Connect to what listens at a path; blocking, closed on exec; parameter and results as above. */
+int connectTo(const std::string& strPath, int nType);

@@ -33,12 +33,12 @@ SceneFile::~SceneFile()
     }
 }
 
-bool SceneFile::mapped() const
+bool SceneFile::isMapped() const
 {
     return nullptr != m_pMapped;
 }
 
-SceneState& SceneFile::state()
+SceneState& SceneFile::getState()
 {
     return nullptr == m_pMapped ? m_own : *static_cast<SceneState*>(m_pMapped);
 }

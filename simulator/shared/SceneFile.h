@@ -9,14 +9,15 @@
 class SceneFile
 {
 public:
-    /** Not mapped when the file cannot be used; then state() is a record of its own. */
+    /** Not mapped when the file cannot be used, errno says why; then the state is a record of its
+     * own. */
     explicit SceneFile(const std::string& strPath);
     ~SceneFile();
     SceneFile(const SceneFile&) = delete;
     SceneFile& operator=(const SceneFile&) = delete;
 
-    bool mapped() const;
-    SceneState& state();
+    bool isMapped() const;
+    SceneState& getState();
 
 private:
     void* m_pMapped = nullptr;

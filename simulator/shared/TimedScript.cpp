@@ -2,49 +2,66 @@
 #include "TimedScript.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 
-bool TimedScript::load(const std::string& strPath)
+namespace {
+
+const double MAX_SECONDS = 1e6;
+
+} // namespace
+
+bool TimedScript::load(const std::string& strPath, const Untimed& untimed, std::string& strError)
 {
     std::ifstream file(strPath);
     if (!file) {
-        perror(strPath.c_str());
+        strError = strPath + ": " + strerror(errno);
         return false;
     }
     int nLine = 0;
     for (std::string strLine; std::getline(file, strLine);) {
-        nLine++;
-        const size_t nStart = strLine.find_first_not_of(" \t\r");
-        if (std::string::npos == nStart || '#' == strLine[nStart]) {
+        ++nLine;
+        const size_t uStart = strLine.find_first_not_of(" \t\r");
+        if (std::string::npos == uStart || '#' == strLine[uStart]) {
             continue;
         }
         char* pEnd = nullptr;
         const double dSeconds = strtod(strLine.c_str(), &pEnd);
+        const bool bTimed = pEnd != strLine.c_str();
+        if (!bTimed && untimed && untimed(strLine)) {
+            continue;
+        }
         std::string strCommand = pEnd;
         strCommand.erase(0, strCommand.find_first_not_of(" \t"));
-        if (pEnd == strLine.c_str() || !(dSeconds >= 0) || strCommand.empty()) {
-            fprintf(stderr, "%s:%d: not a line of SECONDS COMMAND\n", strPath.c_str(), nLine);
+        if (!bTimed || !(dSeconds >= 0 && dSeconds < MAX_SECONDS) || strCommand.empty()) {
+            strError = strPath + ":" + std::to_string(nLine);
+            strError += ": not understood: " + strLine;
             return false;
         }
-        m_vecLine.push_back({dSeconds, strCommand});
+        add(dSeconds, strCommand);
     }
-    std::stable_sort(m_vecLine.begin(), m_vecLine.end(), [](const Line& left, const Line& right) {
-        return left.dSeconds < right.dSeconds;
-    });
     return true;
 }
 
-std::string TimedScript::due(double dSeconds)
+void TimedScript::add(double dSeconds, const std::string& strCommand)
 {
-    if (m_nNext >= m_vecLine.size() || m_vecLine[m_nNext].dSeconds > dSeconds) {
-        return "";
-    }
-    return m_vecLine[m_nNext++].strCommand;
+    const auto isLater = [](double dTime, const Line& line) { return dTime < line.dSeconds; };
+    const auto first = m_vecLine.begin() + static_cast<std::ptrdiff_t>(m_uNext);
+    m_vecLine.insert(std::upper_bound(first, m_vecLine.end(), dSeconds, isLater),
+                     {dSeconds, strCommand});
 }
 
-double TimedScript::next() const
+std::string TimedScript::takeDue(double dSeconds)
 {
-    return m_nNext < m_vecLine.size() ? m_vecLine[m_nNext].dSeconds : -1;
+    if (m_uNext >= m_vecLine.size() || m_vecLine[m_uNext].dSeconds > dSeconds) {
+        return "";
+    }
+    return m_vecLine[m_uNext++].strCommand;
+}
+
+double TimedScript::getNext() const
+{
+    return m_uNext < m_vecLine.size() ? m_vecLine[m_uNext].dSeconds : -1;
 }

@@ -1,6 +1,7 @@
 // The virtual camera, as a test handles it.
 #include "VirtualCamera.h"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -10,8 +11,6 @@
 
 #include <fcntl.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,17 +65,11 @@ VirtualCamera::VirtualCamera(const std::vector<std::string>& vecOption)
     EXPECT_EQ("ready " + m_folder.path().string(), readLine(anPipe[0]));
     close(anPipe[0]);
 
-    m_nControl = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    snprintf(address.sun_path, sizeof(address.sun_path), "%s/control.sock",
-             m_folder.path().c_str());
-    EXPECT_EQ(0, connect(m_nControl, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    EXPECT_TRUE(m_control.connect(m_folder.path() / "control.sock")) << strerror(errno);
 }
 
 VirtualCamera::~VirtualCamera()
 {
-    close(m_nControl);
     if (m_nPid > 0) {
         kill(m_nPid, SIGTERM);
         int nStatus = 0;
@@ -88,10 +81,8 @@ VirtualCamera::~VirtualCamera()
 
 std::string VirtualCamera::command(const std::string& strLine)
 {
-    const std::string strSent = strLine + "\n";
-    EXPECT_EQ(static_cast<ssize_t>(strSent.size()),
-              send(m_nControl, strSent.data(), strSent.size(), MSG_NOSIGNAL));
-    const std::string strAnswer = readLine(m_nControl);
+    std::string strAnswer;
+    EXPECT_TRUE(m_control.ask(strLine, strAnswer));
     EXPECT_EQ("ok", strAnswer.substr(0, 2)) << strLine << ": " << strAnswer;
     return strAnswer;
 }

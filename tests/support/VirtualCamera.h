@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include "ControlClient.h"
 #include "ScratchFolder.h"
 
 /**
@@ -52,5 +53,5 @@ public:
 private:
     ScratchFolder m_folder;
     pid_t m_nPid = -1;
-    int m_nControl = -1;
+    ControlClient m_control;
 };

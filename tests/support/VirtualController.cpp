@@ -6,15 +6,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,7 +27,7 @@ namespace {
 }
 
 /** Read up to the next line end, which is left out. */
-std::string readAnswer(int nFd)
+std::string readLine(int nFd)
 {
     std::string strLine;
     for (char c = 0;;) {
@@ -39,7 +36,7 @@ std::string readAnswer(int nFd)
             continue;
         }
         if (nRead <= 0) {
-            fail("ended while it was asked");
+            fail("ended before it was ready");
         }
         if ('\n' == c) {
             return strLine;
@@ -70,7 +67,9 @@ VirtualController::VirtualController(const std::vector<std::string>& vecOption)
     vecAll.insert(vecAll.begin(), {"--node", m_strNode});
     try {
         start(vecAll);
-        connectControl();
+        if (!m_control.connect(m_strFolder + "/control")) {
+            fail("no control socket");
+        }
     } catch (...) {
         end();
         throw;
@@ -84,9 +83,6 @@ VirtualController::~VirtualController()
 
 void VirtualController::end()
 {
-    if (m_nControl >= 0) {
-        close(m_nControl);
-    }
     if (m_nPid > 0) {
         kill(m_nPid, SIGTERM);
         while (waitpid(m_nPid, nullptr, 0) < 0 && EINTR == errno) {
@@ -120,31 +116,19 @@ void VirtualController::start(const std::vector<std::string>& vecOption)
         _exit(127);
     }
     close(anPipe[1]);
-    if (m_nPid < 0 || "ready" != readAnswer(anPipe[0])) {
+    if (m_nPid < 0 || "ready" != readLine(anPipe[0])) {
         fail("not ready");
     }
     close(anPipe[0]);
 }
 
-void VirtualController::connectControl()
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, (m_strFolder + "/control").c_str(), sizeof(address.sun_path) - 1);
-    m_nControl = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (0 != connect(m_nControl, reinterpret_cast<sockaddr*>(&address), sizeof(address))) {
-        fail("no control socket");
-    }
-}
-
 std::string VirtualController::instruct(const std::string& strInstruction)
 {
-    const std::string strLine = strInstruction + "\n";
-    if (send(m_nControl, strLine.data(), strLine.size(), MSG_NOSIGNAL) !=
-        static_cast<ssize_t>(strLine.size())) {
-        fail("does not listen");
+    std::string strAnswer;
+    if (!m_control.ask(strInstruction, strAnswer)) {
+        fail("ended while it was asked");
     }
-    return readAnswer(m_nControl);
+    return strAnswer;
 }
 
 double VirtualController::getState(const std::string& strField)

@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include "ControlClient.h"
+
 /**
  * Starts the program in a scratch folder and ends it with the object, or with the test's process.
  * Trouble with the program itself throws std::runtime_error.
@@ -70,11 +72,10 @@ public:
 
 private:
     void start(const std::vector<std::string>& vecOption);
-    void connectControl();
     void end();
 
     std::string m_strFolder;
     std::string m_strNode;
     pid_t m_nPid = -1;
-    int m_nControl = -1;
+    ControlClient m_control;
 };

@@ -18,13 +18,13 @@ namespace {
 
 size_t countEntries(const char* pFolder)
 {
-    size_t nCount = 0;
+    size_t uCount = 0;
     DIR* const pDir = opendir(pFolder);
     while (nullptr != readdir(pDir)) {
-        ++nCount;
+        ++uCount;
     }
     closedir(pDir);
-    return nCount;
+    return uCount;
 }
 
 /** Runs a body inside the namespace, in a child, whose exit status is the number of failures. */
@@ -90,8 +90,8 @@ TEST(BoardNamespace, SysClassIsEmptyAndWritable)
 
 TEST(BoardNamespace, HostDoesNotNotice)
 {
-    const size_t nDev = countEntries("/dev");
-    const size_t nClass = countEntries("/sys/class");
+    const size_t uDev = countEntries("/dev");
+    const size_t uClass = countEntries("/sys/class");
 
     const int nFailures = failuresInside([](std::vector<std::string>& vecFailure) {
         need(0 == symlink("/dev/null", "/dev/ttyACM0"), "node", vecFailure);
@@ -99,6 +99,6 @@ TEST(BoardNamespace, HostDoesNotNotice)
     });
 
     EXPECT_EQ(0, nFailures);
-    EXPECT_EQ(nDev, countEntries("/dev"));
-    EXPECT_EQ(nClass, countEntries("/sys/class"));
+    EXPECT_EQ(uDev, countEntries("/dev"));
+    EXPECT_EQ(uClass, countEntries("/sys/class"));
 }

@@ -77,7 +77,7 @@ std::string rectText(const char* pName, const v4l2_rect& rect)
 std::string controlsText(const CameraControls& controls, bool bValues)
 {
     std::string strText = text("which=0x%x count=%u", controls.u32Which, controls.u32Count);
-    for (uint32_t i = 0; i < controls.u32Count && i < CAMERA_MAX_CONTROLS; i++) {
+    for (uint32_t i = 0; i < controls.u32Count && i < CAMERA_MAX_CONTROLS; ++i) {
         strText += text(" id=0x%08x", controls.control[i].u32Id);
         strText += bValues ? text(" value=%d", controls.control[i].s32Value) : "";
     }
@@ -97,7 +97,7 @@ CameraCall callOf(const std::string& strName)
     const std::string strBare = 0 == strName.compare(0, strPrefix.size(), strPrefix)
                                     ? strName.substr(strPrefix.size())
                                     : strName;
-    for (int i = 0; i < CAMERA_CALLS; i++) {
+    for (int i = 0; i < CAMERA_CALLS; ++i) {
         if (strBare == CALL_NAMES[i]) {
             return static_cast<CameraCall>(i);
         }

@@ -13,7 +13,7 @@ int CameraFaults::failure(CameraCall eCall)
             continue;
         }
         if (it->u32Skip > 0) {
-            it->u32Skip--;
+            --it->u32Skip;
             return 0;
         }
         const int nErrno = it->nErrno;

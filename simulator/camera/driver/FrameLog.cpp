@@ -10,22 +10,22 @@
 
 namespace {
 
-uint64_t hash(const uint8_t* pBytes, size_t nBytes)
+uint64_t hash(const uint8_t* pBytes, size_t uBytes)
 {
     uint64_t u64Hash = 0xcbf29ce484222325ull; // offset basis and prime of FNV-1a, 64 bits
-    for (size_t i = 0; i < nBytes; i++) {
+    for (size_t i = 0; i < uBytes; ++i) {
         u64Hash = (u64Hash ^ pBytes[i]) * 0x100000001b3ull;
     }
     return u64Hash;
 }
 
-bool writeFile(const std::string& strPath, const uint8_t* pBytes, size_t nBytes)
+bool writeFile(const std::string& strPath, const uint8_t* pBytes, size_t uBytes)
 {
     const int nFd = ::open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (nFd < 0) {
         return false;
     }
-    const bool bDone = static_cast<ssize_t>(nBytes) == ::write(nFd, pBytes, nBytes);
+    const bool bDone = static_cast<ssize_t>(uBytes) == ::write(nFd, pBytes, uBytes);
     ::close(nFd);
     return bDone;
 }
@@ -35,7 +35,7 @@ bool writeFile(const std::string& strPath, const uint8_t* pBytes, size_t nBytes)
 FrameLog::FrameLog(const std::string& strDir, uint32_t u32Keep)
     : m_strDir(strDir + "/frames"), m_u32Keep(u32Keep)
 {
-    if (wanted()) {
+    if (isWanted()) {
         ::mkdir(m_strDir.c_str(), 0777);
         m_nFd = ::open((strDir + "/frames.log").c_str(),
                        O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666);
@@ -49,7 +49,7 @@ FrameLog::~FrameLog()
     }
 }
 
-bool FrameLog::wanted() const
+bool FrameLog::isWanted() const
 {
     return m_u32Keep > 0;
 }
@@ -63,7 +63,7 @@ void FrameLog::append(const std::string& strLine)
 
 void FrameLog::dropped(const PictureRequest& request)
 {
-    if (!wanted()) {
+    if (!isWanted()) {
         return;
     }
     char acLine[128];
@@ -74,16 +74,16 @@ void FrameLog::dropped(const PictureRequest& request)
 }
 
 void FrameLog::produced(const PictureRequest& request, const Picture& picture,
-                        uint32_t u32BytesUsed, size_t nPut, int nIndex)
+                        uint32_t u32BytesUsed, size_t uPut, int nIndex)
 {
-    if (!wanted()) {
+    if (!isWanted()) {
         return;
     }
     char acName[64];
     snprintf(acName, sizeof(acName), "/%06u.%s", request.u32Number,
              V4L2_PIX_FMT_MJPEG == request.choice.u32PixelFormat ? "jpg" : "yuyv");
     const std::string strPath = m_strDir + acName;
-    if (!writeFile(strPath, picture.vecByte.data(), nPut)) {
+    if (!writeFile(strPath, picture.vecByte.data(), uPut)) {
         perror(strPath.c_str());
     }
     m_dequeFile.push_back(strPath);
@@ -99,7 +99,7 @@ void FrameLog::produced(const PictureRequest& request, const Picture& picture,
     char acLine[256];
     snprintf(acLine, sizeof(acLine), "%u %u %u %016" PRIx64 " %d %" PRId64 ".%06" PRId64 " %s\n",
              request.u32Number, request.u32Sequence, u32BytesUsed,
-             hash(picture.vecByte.data(), nPut), nIndex, request.s64Microseconds / 1000000,
+             hash(picture.vecByte.data(), uPut), nIndex, request.s64Microseconds / 1000000,
              request.s64Microseconds % 1000000, acSpot);
     append(acLine);
 }

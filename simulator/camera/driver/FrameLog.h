@@ -27,10 +27,10 @@ public:
     FrameLog(const FrameLog&) = delete;
     FrameLog& operator=(const FrameLog&) = delete;
 
-    bool wanted() const;
+    bool isWanted() const;
     void dropped(const PictureRequest& request);
     void produced(const PictureRequest& request, const Picture& picture, uint32_t u32BytesUsed,
-                  size_t nPut, int nIndex);
+                  size_t uPut, int nIndex);
 
 private:
     void append(const std::string& strLine);

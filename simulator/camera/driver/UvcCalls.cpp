@@ -17,8 +17,8 @@ int UvcCamera::dispatch(ICameraHandle& handle, CameraCall eCall, CameraRecord& r
     case CAMERA_QUERYCAP: {
         v4l2_capability& cap = record.cap_QUERYCAP;
         cap = {};
-        const auto put = [](__u8* pField, size_t nSize, const char* pText) {
-            snprintf(reinterpret_cast<char*>(pField), nSize, "%s", pText);
+        const auto put = [](__u8* pField, size_t uSize, const char* pText) {
+            snprintf(reinterpret_cast<char*>(pField), uSize, "%s", pText);
         };
         put(cap.driver, sizeof(cap.driver), "uvcvideo");
         put(cap.card, sizeof(cap.card), "USB 2.0 Camera: USB Camera");
@@ -121,7 +121,7 @@ int UvcCamera::formatCall(ICameraHandle& handle, CameraCall eCall, CameraFormat&
         if (0 != nError) {
             return nError;
         }
-        if (m_queue.count() > 0) {
+        if (m_queue.getCount() > 0) {
             return EBUSY;
         }
         m_choice = choice;
@@ -140,7 +140,7 @@ int UvcCamera::rateCall(ICameraHandle& handle, CameraCall eCall, v4l2_streamparm
         if (0 != nError) {
             return nError;
         }
-        if (m_queue.streaming()) {
+        if (m_queue.isStreaming()) {
             return EBUSY;
         }
         m_interval = m_faults.coercedRate
@@ -154,8 +154,10 @@ int UvcCamera::rateCall(ICameraHandle& handle, CameraCall eCall, v4l2_streamparm
     return 0;
 }
 
-// The driver knows the crop rectangles, which are the whole picture, and cannot crop: S_CROP ends
-// in ENOTTY.
+/**
+ * The driver knows the crop rectangles, which are the whole picture, and cannot crop: S_CROP ends
+ * in ENOTTY.
+ */
 int UvcCamera::cropCall(CameraCall eCall, CameraRecord& record) const
 {
     const v4l2_rect whole{0, 0, m_choice.u32Width, m_choice.u32Height};
@@ -263,12 +265,12 @@ int UvcCamera::streamCall(ICameraHandle& handle, CameraCall eCall, int32_t s32Ty
         m_queue.streamOff();
         return 0;
     }
-    if (m_queue.streaming()) {
+    if (m_queue.isStreaming()) {
         return 0;
     }
     const int nError = m_queue.streamOn();
     if (0 == nError) {
-        m_u32Run++;
+        ++m_u32Run;
         m_u32Sequence = 0;
         m_bDueKnown = false;
     }

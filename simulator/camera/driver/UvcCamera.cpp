@@ -136,12 +136,14 @@ void UvcCamera::release(ICameraHandle& handle)
                       m_vecHandle.end());
 }
 
-// An open without the privilege has no queue of its own to wait for: it polls as one that does not
-// stream.
+/**
+ * An open without the privilege has no queue of its own to wait for: it polls as one that does not
+ * stream.
+ */
 void UvcCamera::settle(ICameraHandle& handle)
 {
     if (!handle.bDead) {
-        handle.setReadable(&handle != m_pOwner || m_queue.readable());
+        handle.setReadable(&handle != m_pOwner || m_queue.isReadable());
     }
 }
 
@@ -196,7 +198,7 @@ void UvcCamera::setRate(uint32_t u32Rate)
     m_condition.notify_all();
 }
 
-std::chrono::nanoseconds UvcCamera::interval() const
+std::chrono::nanoseconds UvcCamera::getInterval() const
 {
     const int64_t s64Second = 1000000000;
     return std::chrono::nanoseconds(m_u32ForcedRate > 0 ? s64Second / m_u32ForcedRate
@@ -207,9 +209,9 @@ std::chrono::nanoseconds UvcCamera::interval() const
 UvcCamera::Status UvcCamera::status()
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
-    return {m_bPlugged,       m_queue.streaming(),
+    return {m_bPlugged,       m_queue.isStreaming(),
             m_faults.bFrozen, static_cast<uint32_t>(m_vecHandle.size()),
-            m_u32Number,      1e9 / static_cast<double>(interval().count()),
+            m_u32Number,      1e9 / static_cast<double>(getInterval().count()),
             m_choice};
 }
 
@@ -236,14 +238,14 @@ bool UvcCamera::waitForFrame(PictureRequest& request)
         if (m_bQuit) {
             return false;
         }
-        if (!m_queue.streaming() || m_faults.bFrozen) {
+        if (!m_queue.isStreaming() || m_faults.bFrozen) {
             m_bDueKnown = false;
             m_condition.wait(lock);
             continue;
         }
         const Clock::time_point now = Clock::now();
-        if (!m_bDueKnown || m_due + 2 * interval() < now) { // started, or fallen behind
-            m_due = now + interval();
+        if (!m_bDueKnown || m_due + 2 * getInterval() < now) { // started, or fallen behind
+            m_due = now + getInterval();
             m_bDueKnown = true;
         }
         if (now < m_due) {
@@ -252,14 +254,14 @@ bool UvcCamera::waitForFrame(PictureRequest& request)
         }
         request.s64Microseconds =
             std::chrono::duration_cast<std::chrono::microseconds>(m_due.time_since_epoch()).count();
-        m_due += interval();
+        m_due += getInterval();
         request.u32Number = ++m_u32Number;
         request.u32Sequence = m_u32Sequence++;
         request.u32Run = m_u32Run;
         request.choice = m_choice;
-        request.dExposure = m_controls.exposureFactor();
-        request.s32Brightness = m_controls.brightness();
-        if (m_queue.hungry()) {
+        request.dExposure = m_controls.getExposureFactor();
+        request.s32Brightness = m_controls.getBrightness();
+        if (m_queue.isHungry()) {
             return true;
         }
         m_frameLog.dropped(request); // no buffer to fill: not worth drawing
@@ -269,8 +271,8 @@ bool UvcCamera::waitForFrame(PictureRequest& request)
 void UvcCamera::putFrame(const PictureRequest& request, const Picture& picture)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
-    if (!m_queue.streaming() || m_faults.bFrozen || request.u32Run != m_u32Run ||
-        !m_queue.hungry()) {
+    if (!m_queue.isStreaming() || m_faults.bFrozen || request.u32Run != m_u32Run ||
+        !m_queue.isHungry()) {
         m_frameLog.dropped(request);
         return;
     }
@@ -284,10 +286,10 @@ void UvcCamera::putFrame(const PictureRequest& request, const Picture& picture)
         changed.vecByte.resize(std::min(*bytes, u32Length));
         pPut = &changed;
     }
-    const size_t nPut = std::min<size_t>(pPut->vecByte.size(), u32Length);
+    const size_t uPut = std::min<size_t>(pPut->vecByte.size(), u32Length);
     const int nIndex =
         m_queue.fill({&pPut->vecByte, u32BytesUsed, request.u32Sequence, request.s64Microseconds});
-    m_frameLog.produced(request, *pPut, u32BytesUsed, nPut, nIndex);
+    m_frameLog.produced(request, *pPut, u32BytesUsed, uPut, nIndex);
     m_truth = picture.truth;
     m_truth.u32Number = request.u32Number;
     settle(*m_pOwner);

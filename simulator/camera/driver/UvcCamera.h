@@ -138,7 +138,7 @@ private:
     void release(ICameraHandle& handle);
     void unplugLocked();
     void settle(ICameraHandle& handle);
-    std::chrono::nanoseconds interval() const;
+    std::chrono::nanoseconds getInterval() const;
 
     Journal& m_journal;
     FrameLog& m_frameLog;

@@ -209,7 +209,7 @@ int VideoControls::get(CameraControls& controls) const
     if (!validWhich(controls.u32Which)) {
         return EINVAL;
     }
-    for (uint32_t i = 0; i < controls.u32Count; i++) {
+    for (uint32_t i = 0; i < controls.u32Count; ++i) {
         v4l2_control control{controls.control[i].u32Id, 0};
         const int nError = get(control);
         if (0 != nError) {
@@ -230,7 +230,7 @@ int VideoControls::set(CameraControls& controls, bool bTryOnly)
         return EINVAL;
     }
     VideoControls after = *this; // all of them or none
-    for (uint32_t i = 0; i < controls.u32Count; i++) {
+    for (uint32_t i = 0; i < controls.u32Count; ++i) {
         v4l2_control control{controls.control[i].u32Id, controls.control[i].s32Value};
         const int nError = after.set(control);
         if (0 != nError) {
@@ -246,14 +246,14 @@ int VideoControls::set(CameraControls& controls, bool bTryOnly)
     return 0;
 }
 
-double VideoControls::exposureFactor() const
+double VideoControls::getExposureFactor() const
 {
     return V4L2_EXPOSURE_MANUAL == m_s32ExposureAuto
                ? static_cast<double>(m_s32ExposureAbsolute) / NOMINAL_EXPOSURE
                : 1.0;
 }
 
-int32_t VideoControls::brightness() const
+int32_t VideoControls::getBrightness() const
 {
     return m_s32Brightness;
 }

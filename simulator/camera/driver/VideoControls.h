@@ -33,8 +33,8 @@ public:
     int set(CameraControls& controls, bool bTryOnly);
 
     /** Light of the picture relative to the nominal one. */
-    double exposureFactor() const;
-    int32_t brightness() const;
+    double getExposureFactor() const;
+    int32_t getBrightness() const;
 
 private:
     struct Control;

@@ -27,7 +27,7 @@ VideoQueue::~VideoQueue()
 void VideoQueue::free()
 {
     if (nullptr != m_pMemory) {
-        ::munmap(m_pMemory, static_cast<size_t>(m_u32Stride) * count());
+        ::munmap(m_pMemory, static_cast<size_t>(m_u32Stride) * getCount());
         ::unlink(m_strFile.c_str());
         m_pMemory = nullptr;
     }
@@ -51,15 +51,15 @@ int VideoQueue::allocate(uint32_t u32Session, uint32_t u32Count, uint32_t u32Len
     m_strFile = m_strDir + acName;
     m_u32Length = u32Length;
     m_u32Stride = (u32Length + PAGE - 1) / PAGE * PAGE;
-    const size_t nSize = static_cast<size_t>(m_u32Stride) * u32Count;
+    const size_t uSize = static_cast<size_t>(m_u32Stride) * u32Count;
 
     const int nFd = ::open(m_strFile.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (nFd < 0) {
         return ENOMEM;
     }
     void* pMemory = MAP_FAILED;
-    if (0 == ::ftruncate(nFd, static_cast<off_t>(nSize))) {
-        pMemory = ::mmap(nullptr, nSize, PROT_READ | PROT_WRITE, MAP_SHARED, nFd, 0);
+    if (0 == ::ftruncate(nFd, static_cast<off_t>(uSize))) {
+        pMemory = ::mmap(nullptr, uSize, PROT_READ | PROT_WRITE, MAP_SHARED, nFd, 0);
     }
     ::close(nFd);
     if (MAP_FAILED == pMemory) {
@@ -73,7 +73,7 @@ int VideoQueue::allocate(uint32_t u32Session, uint32_t u32Count, uint32_t u32Len
 
 bool VideoQueue::valid(const CameraBuffer& buffer) const
 {
-    return V4L2_BUF_TYPE_VIDEO_CAPTURE == buffer.u32Type && buffer.u32Index < count();
+    return V4L2_BUF_TYPE_VIDEO_CAPTURE == buffer.u32Type && buffer.u32Index < getCount();
 }
 
 CameraBuffer VideoQueue::report(uint32_t u32Index) const
@@ -87,8 +87,8 @@ CameraBuffer VideoQueue::report(uint32_t u32Index) const
     record.u32Length = m_u32Length;
     record.u32Flags |= TIMESTAMP_FLAGS;
     record.u32Flags |= buffer.u32Mapped > 0 ? V4L2_BUF_FLAG_MAPPED : 0;
-    record.u32Flags |= STATE_E::QUEUED == buffer.eState ? V4L2_BUF_FLAG_QUEUED : 0;
-    record.u32Flags |= STATE_E::DONE == buffer.eState ? V4L2_BUF_FLAG_DONE : 0;
+    record.u32Flags |= STATE_QUEUED == buffer.eState ? V4L2_BUF_FLAG_QUEUED : 0;
+    record.u32Flags |= STATE_DONE == buffer.eState ? V4L2_BUF_FLAG_DONE : 0;
     return record;
 }
 
@@ -104,11 +104,11 @@ int VideoQueue::query(CameraBuffer& buffer) const
 int VideoQueue::enqueue(CameraBuffer& buffer)
 {
     if (!valid(buffer) || V4L2_MEMORY_MMAP != buffer.u32Memory ||
-        STATE_E::DEQUEUED != m_vecBuffer[buffer.u32Index].eState) {
+        STATE_DEQUEUED != m_vecBuffer[buffer.u32Index].eState) {
         return EINVAL;
     }
     Buffer& own = m_vecBuffer[buffer.u32Index];
-    own.eState = STATE_E::QUEUED;
+    own.eState = STATE_QUEUED;
     own.record = {};
     m_dequeQueued.push_back(buffer.u32Index);
     m_bNeverQueued = false;
@@ -126,7 +126,7 @@ int VideoQueue::dequeue(CameraBuffer& buffer)
     }
     const uint32_t u32Index = m_dequeDone.front();
     m_dequeDone.pop_front();
-    m_vecBuffer[u32Index].eState = STATE_E::DEQUEUED;
+    m_vecBuffer[u32Index].eState = STATE_DEQUEUED;
     buffer = report(u32Index);
     return 0;
 }
@@ -147,7 +147,7 @@ void VideoQueue::streamOff()
     m_dequeQueued.clear();
     m_dequeDone.clear();
     for (Buffer& buffer : m_vecBuffer) {
-        buffer.eState = STATE_E::DEQUEUED;
+        buffer.eState = STATE_DEQUEUED;
     }
 }
 
@@ -155,25 +155,25 @@ int VideoQueue::map(CameraMapping& mapping)
 {
     const uint32_t u32Wanted = CAMERA_MAP_SHARED | CAMERA_MAP_READ;
     if (u32Wanted != (mapping.u32Flags & u32Wanted) || m_vecBuffer.empty() ||
-        0 != mapping.u32Offset % m_u32Stride || mapping.u32Offset / m_u32Stride >= count() ||
+        0 != mapping.u32Offset % m_u32Stride || mapping.u32Offset / m_u32Stride >= getCount() ||
         mapping.u32Length > m_u32Stride) {
         return EINVAL;
     }
     mapping.u32Allocation = m_u32Allocation;
-    m_vecBuffer[mapping.u32Offset / m_u32Stride].u32Mapped++;
+    ++m_vecBuffer[mapping.u32Offset / m_u32Stride].u32Mapped;
     return 0;
 }
 
 void VideoQueue::unmap(uint32_t u32Offset)
 {
-    if (m_vecBuffer.empty() || u32Offset / m_u32Stride >= count()) {
+    if (m_vecBuffer.empty() || u32Offset / m_u32Stride >= getCount()) {
         return; // of an earlier allocation
     }
     Buffer& buffer = m_vecBuffer[u32Offset / m_u32Stride];
     buffer.u32Mapped -= buffer.u32Mapped > 0 ? 1 : 0;
 }
 
-uint32_t VideoQueue::mapped() const
+uint32_t VideoQueue::getMapped() const
 {
     uint32_t u32Mapped = 0;
     for (const Buffer& buffer : m_vecBuffer) {
@@ -182,7 +182,7 @@ uint32_t VideoQueue::mapped() const
     return u32Mapped;
 }
 
-bool VideoQueue::hungry() const
+bool VideoQueue::isHungry() const
 {
     return !m_dequeQueued.empty();
 }
@@ -195,9 +195,9 @@ int VideoQueue::fill(const Fill& frame)
     const uint32_t u32Index = m_dequeQueued.front();
     m_dequeQueued.pop_front();
     Buffer& buffer = m_vecBuffer[u32Index];
-    const size_t nCopied = std::min<size_t>(frame.pBytes->size(), m_u32Length);
-    memcpy(m_pMemory + static_cast<size_t>(u32Index) * m_u32Stride, frame.pBytes->data(), nCopied);
-    buffer.eState = STATE_E::DONE;
+    const size_t uCopied = std::min<size_t>(frame.pBytes->size(), m_u32Length);
+    memcpy(m_pMemory + static_cast<size_t>(u32Index) * m_u32Stride, frame.pBytes->data(), uCopied);
+    buffer.eState = STATE_DONE;
     buffer.record.u32BytesUsed = frame.u32BytesUsed;
     buffer.record.u32Field = V4L2_FIELD_NONE;
     buffer.record.u32Sequence = frame.u32Sequence;
@@ -207,17 +207,17 @@ int VideoQueue::fill(const Fill& frame)
     return static_cast<int>(u32Index);
 }
 
-uint32_t VideoQueue::count() const
+uint32_t VideoQueue::getCount() const
 {
     return static_cast<uint32_t>(m_vecBuffer.size());
 }
 
-bool VideoQueue::streaming() const
+bool VideoQueue::isStreaming() const
 {
     return m_bStreaming;
 }
 
-bool VideoQueue::readable() const
+bool VideoQueue::isReadable() const
 {
     // The kernel answers a poll with an error while nothing streams or was ever queued.
     return !m_bStreaming || m_bNeverQueued || !m_dequeDone.empty();

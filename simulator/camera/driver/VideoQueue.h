@@ -45,7 +45,7 @@ public:
     /** One mapping of the buffer at this offset is gone. */
     void unmap(uint32_t u32Offset);
     /** Mappings that were not undone. */
-    uint32_t mapped() const;
+    uint32_t getMapped() const;
 
     struct Fill
     {
@@ -56,25 +56,25 @@ public:
     };
 
     /** Whether a buffer is queued. */
-    bool hungry() const;
+    bool isHungry() const;
     /** Fill the oldest queued buffer. @return its index, -1 when none is queued */
     int fill(const Fill& frame);
 
-    uint32_t count() const;
-    bool streaming() const;
+    uint32_t getCount() const;
+    bool isStreaming() const;
     /** Whether select would find the descriptor readable: a filled buffer, or an error to tell. */
-    bool readable() const;
+    bool isReadable() const;
 
 private:
-    enum class STATE_E
+    enum STATE_E
     {
-        DEQUEUED,
-        QUEUED,
-        DONE
+        STATE_DEQUEUED,
+        STATE_QUEUED,
+        STATE_DONE
     };
     struct Buffer
     {
-        STATE_E eState = STATE_E::DEQUEUED;
+        STATE_E eState = STATE_DEQUEUED;
         uint32_t u32Mapped = 0; // times
         CameraBuffer record{};
     };

@@ -35,8 +35,8 @@ size_t FolderSource::load(const std::string& strFolder)
 
 void FolderSource::draw(const PictureRequest& request, Picture& picture)
 {
-    const std::vector<uint8_t>& vecFile = m_vecFile[m_nNext];
-    m_nNext = (m_nNext + 1) % m_vecFile.size();
+    const std::vector<uint8_t>& vecFile = m_vecFile[m_uNext];
+    m_uNext = (m_uNext + 1) % m_vecFile.size();
     picture.truth = Truth();
     picture.truth.u32Number = request.u32Number;
     if (V4L2_PIX_FMT_MJPEG == request.choice.u32PixelFormat) {
@@ -47,8 +47,8 @@ void FolderSource::draw(const PictureRequest& request, Picture& picture)
     (void)Jpeg::decode(vecFile, file); // load() has seen it succeed
     Raster stretched;
     stretched.resize(request.choice.u32Width, request.choice.u32Height);
-    for (uint32_t y = 0; y < stretched.u32Height; y++) {
-        for (uint32_t x = 0; x < stretched.u32Width; x++) {
+    for (uint32_t y = 0; y < stretched.u32Height; ++y) {
+        for (uint32_t x = 0; x < stretched.u32Width; ++x) {
             const uint8_t* pFrom = file.pixel(x * file.u32Width / stretched.u32Width,
                                               y * file.u32Height / stretched.u32Height);
             std::copy(pFrom, pFrom + 3, stretched.pixel(x, y));

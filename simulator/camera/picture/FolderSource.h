@@ -25,5 +25,5 @@ public:
 
 private:
     std::vector<std::vector<uint8_t>> m_vecFile;
-    size_t m_nNext = 0;
+    size_t m_uNext = 0;
 };

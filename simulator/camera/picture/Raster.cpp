@@ -53,7 +53,7 @@ void Raster::box(int nX, int nY, int nWidth, int nHeight, uint8_t u8Grey)
     const int nRight = std::min(nX + nWidth, static_cast<int>(u32Width));
     const int nBottom = std::min(nY + nHeight, static_cast<int>(u32Height));
     const int nLeft = std::max(nX, 0);
-    for (int y = std::max(nY, 0); y < nBottom; y++) {
+    for (int y = std::max(nY, 0); y < nBottom; ++y) {
         if (nLeft < nRight) {
             uint8_t* pRow = pixel(static_cast<uint32_t>(nLeft), static_cast<uint32_t>(y));
             std::fill(pRow, pRow + static_cast<ptrdiff_t>(nRight - nLeft) * 3, u8Grey);
@@ -66,8 +66,8 @@ void Raster::write(int nX, int nY, int nScale, const std::string& strText)
     for (const char c : strText) {
         const Glyph* pGlyph = std::find_if(std::begin(GLYPHS), std::end(GLYPHS),
                                            [c](const Glyph& glyph) { return glyph.c == c; });
-        for (int nRow = 0; std::end(GLYPHS) != pGlyph && nRow < 7; nRow++) {
-            for (int nBit = 0; nBit < 5; nBit++) {
+        for (int nRow = 0; std::end(GLYPHS) != pGlyph && nRow < 7; ++nRow) {
+            for (int nBit = 0; nBit < 5; ++nBit) {
                 if (0 != (pGlyph->au8Row[nRow] >> (4 - nBit) & 1)) {
                     box(nX + nBit * nScale, nY + nRow * nScale, nScale, nScale, 255);
                 }

@@ -23,7 +23,7 @@ SceneGeometry::Point SceneGeometry::toMillimetre(const Point& pixel) const
     const double dV = (pixel.dY - m_dCentreY) / m_dHalfWidth;
     const double dSeen = std::hypot(dU, dV);
     double dIdeal = dSeen;
-    for (int i = 0; i < 12; i++) { // Newton's method; exact to rounding after a few steps
+    for (int i = 0; i < 12; ++i) { // Newton's method; exact to rounding after a few steps
         const double dError = dIdeal * (1.0 + m_dK1 * dIdeal * dIdeal) - dSeen;
         const double dSlope = 1.0 + 3.0 * m_dK1 * dIdeal * dIdeal;
         dIdeal -= dError / dSlope;
@@ -32,7 +32,7 @@ SceneGeometry::Point SceneGeometry::toMillimetre(const Point& pixel) const
     return {dU * dFactor, dV * dFactor};
 }
 
-double SceneGeometry::pixelsPerMillimetre() const
+double SceneGeometry::getPixelsPerMillimetre() const
 {
     return m_dScale;
 }

@@ -59,7 +59,7 @@ public:
     Point toPixel(const Point& millimetre) const;
     Point toMillimetre(const Point& pixel) const;
 
-    double pixelsPerMillimetre() const;
+    double getPixelsPerMillimetre() const;
     static double sigmaMillimetre(double dZMillimetre);
     static double peak(double dZMillimetre);
 

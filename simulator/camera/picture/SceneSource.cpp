@@ -16,7 +16,7 @@ const double LINE = 70;
 const int GRAIN = 6;
 const double SPOT_REACH = 4.5; // in sigma: beyond, the weight is below a thousandth of a grey value
 
-// A pixel's grain, always the same: -GRAIN .. GRAIN.
+/** A pixel's grain, always the same: -GRAIN .. GRAIN. */
 int grain(uint32_t u32X, uint32_t u32Y)
 {
     uint32_t u32Hash = u32X * 0x9e3779b1u ^ u32Y * 0x85ebca77u;
@@ -25,7 +25,9 @@ int grain(uint32_t u32X, uint32_t u32Y)
     return static_cast<int>(u32Hash % (2 * GRAIN + 1)) - GRAIN;
 }
 
-// How much of a pixel lies within dHalfWidth of an edge-free strip's middle at distance dDistance.
+/**
+ * How much of a pixel lies within dHalfWidth of an edge-free strip's middle at distance dDistance.
+ */
 double coverage(double dDistance, double dHalfWidth, double dPixel)
 {
     return std::clamp((dHalfWidth - dDistance) / dPixel + 0.5, 0.0, 1.0);
@@ -64,10 +66,10 @@ void SceneSource::drawBackground(const VideoFormats::Choice& choice)
     m_background.resize(choice.u32Width, choice.u32Height);
     m_vecBase.resize(static_cast<size_t>(choice.u32Width) * choice.u32Height);
     m_dExposure = -1;
-    const double dPixel = 1 / m_geometry.pixelsPerMillimetre();
+    const double dPixel = 1 / m_geometry.getPixelsPerMillimetre();
     uint8_t* pBase = m_vecBase.data();
-    for (uint32_t y = 0; y < choice.u32Height; y++) {
-        for (uint32_t x = 0; x < choice.u32Width; x++) {
+    for (uint32_t y = 0; y < choice.u32Height; ++y) {
+        for (uint32_t x = 0; x < choice.u32Width; ++x) {
             const SceneGeometry::Point pixel{static_cast<double>(x), static_cast<double>(y)};
             const double dGrey = greyAt(m_geometry.toMillimetre(pixel), dPixel);
             *pBase++ = static_cast<uint8_t>(std::lround(dGrey + grain(x, y)));
@@ -79,7 +81,7 @@ void SceneSource::expose(double dExposure, int32_t s32Brightness)
 {
     m_dExposure = dExposure;
     m_s32Brightness = s32Brightness;
-    for (int i = 0; i < 256; i++) {
+    for (int i = 0; i < 256; ++i) {
         const double dLit = std::clamp(i * dExposure + 2 * s32Brightness, 0.0, 255.0);
         m_au8Light[i] = static_cast<uint8_t>(std::lround(dLit));
     }
@@ -94,7 +96,7 @@ void SceneSource::expose(double dExposure, int32_t s32Brightness)
 
 void SceneSource::drawSpot(Truth& truth)
 {
-    SceneState& state = m_scene.state();
+    SceneState& state = m_scene.getState();
     truth.bLaserOn = 0 != state.u32LaserOn.load(std::memory_order_relaxed);
     truth.dXMillimetre = fromMicrometre(state.s32XMicrometre.load(std::memory_order_relaxed));
     truth.dYMillimetre = fromMicrometre(state.s32YMicrometre.load(std::memory_order_relaxed));
@@ -104,7 +106,7 @@ void SceneSource::drawSpot(Truth& truth)
     const double dSigma = SceneGeometry::sigmaMillimetre(truth.dZMillimetre);
     truth.dX = centre.dX;
     truth.dY = centre.dY;
-    truth.dSigma = dSigma * m_geometry.pixelsPerMillimetre();
+    truth.dSigma = dSigma * m_geometry.getPixelsPerMillimetre();
     const double dWidth = m_raster.u32Width;
     const double dHeight = m_raster.u32Height;
     truth.bInPicture = truth.bLaserOn && centre.dX >= 0 && centre.dY >= 0 &&
@@ -120,19 +122,19 @@ void SceneSource::drawSpot(Truth& truth)
     const int nRight = static_cast<int>(std::clamp(centre.dX + dReach + 1, 0.0, dWidth));
     const int nTop = static_cast<int>(std::clamp(centre.dY - dReach, 0.0, dHeight));
     const int nBottom = static_cast<int>(std::clamp(centre.dY + dReach + 1, 0.0, dHeight));
-    for (int y = nTop; y < nBottom; y++) {
-        for (int x = nLeft; x < nRight; x++) {
+    for (int y = nTop; y < nBottom; ++y) {
+        for (int x = nLeft; x < nRight; ++x) {
             const SceneGeometry::Point at =
                 m_geometry.toMillimetre({static_cast<double>(x), static_cast<double>(y)});
             const double dX = at.dX - truth.dXMillimetre;
             const double dY = at.dY - truth.dYMillimetre;
             const double dWeight = dPeak * std::exp(-(dX * dX + dY * dY) / (2 * dSigma * dSigma));
-            const size_t nAt = static_cast<size_t>(y) * m_raster.u32Width + static_cast<size_t>(x);
-            const double dBase = m_vecBase[nAt];
+            const size_t uAt = static_cast<size_t>(y) * m_raster.u32Width + static_cast<size_t>(x);
+            const double dBase = m_vecBase[uAt];
             const auto mix = [&](int nColour) {
                 return m_au8Light[std::lround(dWeight * nColour + (1 - dWeight) * dBase)];
             };
-            uint8_t* pPixel = m_raster.vecByte.data() + nAt * 3;
+            uint8_t* pPixel = m_raster.vecByte.data() + uAt * 3;
             pPixel[0] = mix(SceneGeometry::SPOT_RED);
             pPixel[1] = mix(SceneGeometry::SPOT_GREEN);
             pPixel[2] = pPixel[1];

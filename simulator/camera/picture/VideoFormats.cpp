@@ -43,7 +43,7 @@ const Format* formatOf(uint32_t u32PixelFormat)
     return nullptr;
 }
 
-// A video class interval: units of 100 ns, saturated.
+/** A video class interval: units of 100 ns, saturated. */
 uint32_t units(const v4l2_fract& fract)
 {
     const uint64_t u64Maximum = std::numeric_limits<uint32_t>::max();

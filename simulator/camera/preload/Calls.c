@@ -8,21 +8,21 @@
 
 #include "Session.h"
 
-static int plainCall(struct CameraSession* pSession, enum CameraCall eCall, uint32_t u32Request,
-                     void* pArgument, size_t nSize)
+static int plainCall(struct OpenCamera* pSession, enum CameraCall eCall, uint32_t u32Request,
+                     void* pArgument, size_t uSize)
 {
     uint8_t au8Record[sizeof(((struct CameraPage*)0)->record)] = {0};
     if (_IOC_DIR(u32Request) & _IOC_WRITE) {
-        memcpy(au8Record, pArgument, nSize);
+        memcpy(au8Record, pArgument, uSize);
     }
-    const int nError = cameraCall(pSession, eCall, au8Record, nSize, false, NULL);
+    const int nError = cameraCall(pSession, eCall, au8Record, uSize, false, NULL);
     if (0 == nError && (_IOC_DIR(u32Request) & _IOC_READ)) {
-        memcpy(pArgument, au8Record, nSize);
+        memcpy(pArgument, au8Record, uSize);
     }
     return nError;
 }
 
-static int formatCall(struct CameraSession* pSession, enum CameraCall eCall, void* pArgument)
+static int formatCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pArgument)
 {
     struct v4l2_format* pFormat = pArgument;
     struct CameraFormat record = {.u32Type = pFormat->type, .pix = pFormat->fmt.pix};
@@ -49,7 +49,7 @@ static void bufferBack(struct v4l2_buffer* pBuffer, const struct CameraBuffer* p
     pBuffer->length = pRecord->u32Length;
 }
 
-static int bufferCall(struct CameraSession* pSession, enum CameraCall eCall, void* pArgument,
+static int bufferCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pArgument,
                       bool* pWait)
 {
     struct v4l2_buffer* pBuffer = pArgument;
@@ -71,7 +71,7 @@ static int bufferCall(struct CameraSession* pSession, enum CameraCall eCall, voi
 }
 
 // A blocking dequeue waits on the descriptor between its questions, with no lock held.
-static int dequeueCall(struct CameraSession* pSession, int nFd, void* pArgument)
+static int dequeueCall(struct OpenCamera* pSession, int nFd, void* pArgument)
 {
     for (;;) {
         bool bWait = false;
@@ -86,7 +86,7 @@ static int dequeueCall(struct CameraSession* pSession, int nFd, void* pArgument)
     }
 }
 
-static int controlsCall(struct CameraSession* pSession, enum CameraCall eCall, void* pArgument)
+static int controlsCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pArgument)
 {
     struct v4l2_ext_controls* pControls = pArgument;
     struct CameraControls record = {
@@ -97,7 +97,7 @@ static int controlsCall(struct CameraSession* pSession, enum CameraCall eCall, v
     if (pControls->count > CAMERA_MAX_CONTROLS) {
         return EINVAL;
     }
-    for (uint32_t i = 0; i < pControls->count; i++) {
+    for (uint32_t i = 0; i < pControls->count; ++i) {
         record.control[i].u32Id = pControls->controls[i].id;
         record.control[i].s32Value = pControls->controls[i].value;
     }
@@ -105,19 +105,19 @@ static int controlsCall(struct CameraSession* pSession, enum CameraCall eCall, v
     const int nError = cameraCall(pSession, eCall, &record, sizeof(record), true, NULL);
     pControls->error_idx = record.u32ErrorIndex;
     if (0 == nError) {
-        for (uint32_t i = 0; i < pControls->count; i++) {
+        for (uint32_t i = 0; i < pControls->count; ++i) {
             pControls->controls[i].value = record.control[i].s32Value;
         }
     }
     return nError;
 }
 
-static int otherCall(struct CameraSession* pSession, enum CameraCall eCall, uint32_t u32Value)
+static int otherCall(struct OpenCamera* pSession, enum CameraCall eCall, uint32_t u32Value)
 {
     return cameraCall(pSession, eCall, &u32Value, sizeof(u32Value), false, NULL);
 }
 
-int cameraIoctl(struct CameraSession* pSession, int nFd, uint32_t u32Request, void* pArgument)
+int cameraIoctl(struct OpenCamera* pSession, int nFd, uint32_t u32Request, void* pArgument)
 {
     bool bWait = false;
     if ('V' == _IOC_TYPE(u32Request) && NULL == pArgument) {

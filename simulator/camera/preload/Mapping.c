@@ -19,18 +19,18 @@ struct Mapping
     void* pStart; // null: free
     uint32_t u32Offset;
     uint32_t u32Length;
-    struct CameraSession* pSession;
+    struct OpenCamera* pSession;
 };
 
 static struct Mapping g_mapping[MAX_MAPPINGS];
 static uint32_t g_u32Mapped; // mappings in use
 static uint32_t g_u32Lock;   // of both
 
-static void rememberMapping(struct CameraSession* pSession, void* pStart, uint32_t u32Offset,
+static void rememberMapping(struct OpenCamera* pSession, void* pStart, uint32_t u32Offset,
                             uint32_t u32Length)
 {
     lockWord(&g_u32Lock);
-    for (int i = 0; i < MAX_MAPPINGS; i++) {
+    for (int i = 0; i < MAX_MAPPINGS; ++i) {
         struct Mapping* pMapping = &g_mapping[i];
         if (NULL == pMapping->pStart) {
             pMapping->pStart = pStart;
@@ -44,12 +44,12 @@ static void rememberMapping(struct CameraSession* pSession, void* pStart, uint32
     unlockWord(&g_u32Lock);
 }
 
-void* cameraMmap(struct CameraSession* pSession, void* pAddress, size_t nLength, int nProt,
-                 int nFlags, int64_t s64Offset)
+void* cameraMmap(struct OpenCamera* pSession, void* pAddress, size_t uLength, int nProt, int nFlags,
+                 int64_t s64Offset)
 {
     struct CameraMapping mapping = {
         .u32Offset = (uint32_t)s64Offset,
-        .u32Length = (uint32_t)nLength,
+        .u32Length = (uint32_t)uLength,
         .u32Flags = (nProt & PROT_READ ? CAMERA_MAP_READ : 0) |
                     (nProt & PROT_WRITE ? CAMERA_MAP_WRITE : 0) |
                     (MAP_SHARED == (nFlags & MAP_TYPE) ? CAMERA_MAP_SHARED : 0),
@@ -68,7 +68,7 @@ void* cameraMmap(struct CameraSession* pSession, void* pAddress, size_t nLength,
     if (nFile < 0) {
         return MAP_FAILED;
     }
-    void* pStart = realMmap(pAddress, nLength, nProt, nFlags, nFile, (off_t)s64Offset);
+    void* pStart = realMmap(pAddress, uLength, nProt, nFlags, nFile, (off_t)s64Offset);
     const int nSaved = errno;
     realClose(nFile);
     errno = nSaved;
@@ -85,7 +85,7 @@ int cameraMunmap(void* pAddress)
     }
     struct Mapping* pFound = NULL;
     lockWord(&g_u32Lock);
-    for (int i = 0; i < MAX_MAPPINGS && NULL == pFound; i++) {
+    for (int i = 0; i < MAX_MAPPINGS && NULL == pFound; ++i) {
         pFound = pAddress == g_mapping[i].pStart ? &g_mapping[i] : NULL;
     }
     unlockWord(&g_u32Lock);
@@ -103,10 +103,10 @@ int cameraMunmap(void* pAddress)
     return 0;
 }
 
-void cameraForgetMappings(const struct CameraSession* pSession)
+void cameraForgetMappings(const struct OpenCamera* pSession)
 {
     lockWord(&g_u32Lock);
-    for (int i = 0; i < MAX_MAPPINGS; i++) {
+    for (int i = 0; i < MAX_MAPPINGS; ++i) {
         if (NULL != g_mapping[i].pStart && pSession == g_mapping[i].pSession) {
             g_mapping[i].pStart = NULL;
             __atomic_fetch_sub(&g_u32Mapped, 1, __ATOMIC_RELAXED);

@@ -16,7 +16,7 @@ static const long WAIT_STEP_NS = 500000000; // between looks whether kestrel-cam
 static const int WAIT_STEPS = 4; // after an unplug, when the connection cannot tell any more
 
 // Whether nobody is left to answer.
-static bool deserted(const struct CameraSession* pSession, int nSteps)
+static bool deserted(const struct OpenCamera* pSession, int nSteps)
 {
     const struct CameraPage* pPage = pSession->pPage;
     if (0 != __atomic_load_n(&pPage->u32Gone, __ATOMIC_ACQUIRE)) {
@@ -29,7 +29,7 @@ static bool deserted(const struct CameraSession* pSession, int nSteps)
     return 1 == poll(&look, 1, 0) && 0 != (look.revents & POLLHUP) && nSteps > 0;
 }
 
-static bool answered(const struct CameraSession* pSession, uint32_t u32Request)
+static bool answered(const struct OpenCamera* pSession, uint32_t u32Request)
 {
     struct CameraPage* pPage = pSession->pPage;
     for (int nSteps = 0;;) {
@@ -55,7 +55,7 @@ static uint32_t microsecondsSince(const struct timespec* pStart)
                       (now.tv_nsec - pStart->tv_nsec + 500) / 1000);
 }
 
-int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRecord, size_t nSize,
+int cameraCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pRecord, size_t uSize,
                bool bAlwaysBack, bool* pWait)
 {
     const int nSaved = errno;
@@ -67,7 +67,7 @@ int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRec
     int nCancel = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nCancel); // not with the page locked
     lockWord(&pPage->u32Lock);
-    memcpy(&pPage->record, pRecord, nSize);
+    memcpy(&pPage->record, pRecord, uSize);
     pPage->u32Call = eCall;
     pPage->u32Pid = (uint32_t)getpid();
     pPage->u32Blocking = 0 == (fcntl(nFd, F_GETFL) & O_NONBLOCK);
@@ -78,12 +78,12 @@ int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRec
     if (answered(pSession, u32Request)) {
         nError = pPage->s32Errno;
         if (0 == nError || bAlwaysBack) {
-            memcpy(pRecord, &pPage->record, nSize);
+            memcpy(pRecord, &pPage->record, uSize);
         }
         if (NULL != pWait) {
             *pWait = 0 != pPage->u32Wait;
         }
-        for (uint32_t i = 0; i < pPage->u32Packets; i++) {
+        for (uint32_t i = 0; i < pPage->u32Packets; ++i) {
             char cPacket = 0;
             (void)recv(nFd, &cPacket, sizeof(cPacket),
                        MSG_DONTWAIT); // it was sent before the reply

@@ -60,14 +60,14 @@ int realClose(int nFd)
     return NEXT(CloseFunction, "close")(nFd);
 }
 
-void* realMmap(void* pAddress, size_t nLength, int nProt, int nFlags, int nFd, off_t nOffset)
+void* realMmap(void* pAddress, size_t uLength, int nProt, int nFlags, int nFd, off_t nOffset)
 {
-    return NEXT(MmapFunction, "mmap")(pAddress, nLength, nProt, nFlags, nFd, nOffset);
+    return NEXT(MmapFunction, "mmap")(pAddress, uLength, nProt, nFlags, nFd, nOffset);
 }
 
-int realMunmap(void* pAddress, size_t nLength)
+int realMunmap(void* pAddress, size_t uLength)
 {
-    return NEXT(MunmapFunction, "munmap")(pAddress, nLength);
+    return NEXT(MunmapFunction, "munmap")(pAddress, uLength);
 }
 
 int realFstat(int nFd, struct stat* pStatus)
@@ -81,14 +81,14 @@ static bool isNode(const char* pPath)
 }
 
 // The file to open in place of pPath: one that tells of the virtual camera, or pPath itself.
-static const char* fileFor(const char* pPath, char* pBuffer, size_t nSize)
+static const char* fileFor(const char* pPath, char* pBuffer, size_t uSize)
 {
     static const char* const PATHS[][2] = {
         {CAMERA_INPUT_LIST, CAMERA_INPUTS_FILE},
         {CAMERA_UEVENT, CAMERA_UEVENT_FILE},
     };
-    for (size_t i = 0; NULL != pPath && i < sizeof(PATHS) / sizeof(PATHS[0]); i++) {
-        if (0 == strcmp(pPath, PATHS[i][0]) && cameraPath(pBuffer, nSize, PATHS[i][1])) {
+    for (size_t i = 0; NULL != pPath && i < sizeof(PATHS) / sizeof(PATHS[0]); ++i) {
+        if (0 == strcmp(pPath, PATHS[i][0]) && cameraPath(pBuffer, uSize, PATHS[i][1])) {
             return pBuffer;
         }
     }
@@ -272,7 +272,7 @@ EXPORT int ioctl(int nFd, IoctlRequest request, ...)
     void* pArgument = va_arg(arguments, void*);
     va_end(arguments);
 
-    struct CameraSession* pSession = cameraOf(nFd);
+    struct OpenCamera* pSession = cameraOf(nFd);
     const bool bOfDescriptor = FIOCLEX == (uint32_t)request || FIONCLEX == (uint32_t)request ||
                                FIONBIO == (uint32_t)request; // not the driver's: ioctl(2) itself
     if (NULL == pSession || bOfDescriptor) {
@@ -286,39 +286,39 @@ EXPORT int ioctl(int nFd, IoctlRequest request, ...)
     return 0;
 }
 
-EXPORT void* mmap(void* pAddress, size_t nLength, int nProt, int nFlags, int nFd, off_t nOffset)
+EXPORT void* mmap(void* pAddress, size_t uLength, int nProt, int nFlags, int nFd, off_t nOffset)
 {
-    struct CameraSession* pSession = cameraOf(nFd);
+    struct OpenCamera* pSession = cameraOf(nFd);
     if (NULL == pSession || (nFlags & MAP_ANONYMOUS)) {
-        return realMmap(pAddress, nLength, nProt, nFlags, nFd, nOffset);
+        return realMmap(pAddress, uLength, nProt, nFlags, nFd, nOffset);
     }
-    return cameraMmap(pSession, pAddress, nLength, nProt, nFlags, nOffset);
+    return cameraMmap(pSession, pAddress, uLength, nProt, nFlags, nOffset);
 }
 
 #ifdef __GLIBC__
-EXPORT void* mmap64(void* pAddress, size_t nLength, int nProt, int nFlags, int nFd, off64_t nOffset)
+EXPORT void* mmap64(void* pAddress, size_t uLength, int nProt, int nFlags, int nFd, off64_t nOffset)
 {
-    struct CameraSession* pSession = cameraOf(nFd);
+    struct OpenCamera* pSession = cameraOf(nFd);
     if (NULL == pSession || (nFlags & MAP_ANONYMOUS)) {
         return NEXT(void* (*)(void*, size_t, int, int, int, off64_t),
-                    "mmap64")(pAddress, nLength, nProt, nFlags, nFd, nOffset);
+                    "mmap64")(pAddress, uLength, nProt, nFlags, nFd, nOffset);
     }
-    return cameraMmap(pSession, pAddress, nLength, nProt, nFlags, nOffset);
+    return cameraMmap(pSession, pAddress, uLength, nProt, nFlags, nOffset);
 }
 #endif
 
-EXPORT int munmap(void* pAddress, size_t nLength)
+EXPORT int munmap(void* pAddress, size_t uLength)
 {
     const int nError = cameraMunmap(pAddress);
     if (0 != nError) {
         errno = nError;
         return -1;
     }
-    return realMunmap(pAddress, nLength);
+    return realMunmap(pAddress, uLength);
 }
 
 EXPORT int close(int nFd)
 {
-    struct CameraSession* pSession = cameraOf(nFd);
+    struct OpenCamera* pSession = cameraOf(nFd);
     return NULL == pSession ? realClose(nFd) : cameraClose(pSession, nFd);
 }

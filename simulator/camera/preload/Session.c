@@ -20,7 +20,7 @@ enum
     MAX_SESSIONS = 16, // of one process; the next open fails with EMFILE
 };
 
-static struct CameraSession g_session[MAX_SESSIONS];
+static struct OpenCamera g_session[MAX_SESSIONS];
 static uint32_t g_u32Open; // sessions in use
 static uint32_t g_u32TableLock;
 
@@ -30,13 +30,13 @@ bool cameraWanted(void)
     return NULL != pDir && '\0' != pDir[0];
 }
 
-bool cameraPath(char* pPath, size_t nSize, const char* pName)
+bool cameraPath(char* pPath, size_t uSize, const char* pName)
 {
     if (!cameraWanted()) {
         return false;
     }
-    const int nLength = snprintf(pPath, nSize, "%s/%s", getenv(CAMERA_DIR_VARIABLE), pName);
-    return nLength > 0 && (size_t)nLength < nSize;
+    const int nLength = snprintf(pPath, uSize, "%s/%s", getenv(CAMERA_DIR_VARIABLE), pName);
+    return nLength > 0 && (size_t)nLength < uSize;
 }
 
 // A connection on which the node was asked for; the descriptor, or -1 with errno.
@@ -112,7 +112,7 @@ static struct CameraPage* mapPage(uint32_t u32Session)
 // Free the slots whose descriptor was closed past this library, dup2(2) for one.
 static void forgetStale(int nFd)
 {
-    for (int i = 0; i < MAX_SESSIONS; i++) {
+    for (int i = 0; i < MAX_SESSIONS; ++i) {
         if (nFd + 1 == g_session[i].s32FdPlusOne) {
             cameraForgetMappings(&g_session[i]);
             realMunmap(g_session[i].pPage, CAMERA_PAGE_SIZE);
@@ -132,8 +132,8 @@ static bool enter(int nFd, uint32_t u32Session, struct CameraPage* pPage)
     bool bEntered = false;
     lockWord(&g_u32TableLock);
     forgetStale(nFd);
-    for (int i = 0; i < MAX_SESSIONS && !bEntered; i++) {
-        struct CameraSession* pSession = &g_session[i];
+    for (int i = 0; i < MAX_SESSIONS && !bEntered; ++i) {
+        struct OpenCamera* pSession = &g_session[i];
         if (0 == pSession->s32FdPlusOne) {
             pSession->pid = getpid();
             pSession->inode = status.st_ino;
@@ -191,13 +191,13 @@ int cameraOpen(int nFlags)
     return nFd;
 }
 
-struct CameraSession* cameraOf(int nFd)
+struct OpenCamera* cameraOf(int nFd)
 {
     if (0 == __atomic_load_n(&g_u32Open, __ATOMIC_ACQUIRE) || nFd < 0) {
         return NULL;
     }
-    for (int i = 0; i < MAX_SESSIONS; i++) {
-        struct CameraSession* pSession = &g_session[i];
+    for (int i = 0; i < MAX_SESSIONS; ++i) {
+        struct OpenCamera* pSession = &g_session[i];
         if (nFd + 1 == __atomic_load_n(&pSession->s32FdPlusOne, __ATOMIC_ACQUIRE)) {
             struct stat status;
             const int nSaved = errno;
@@ -209,7 +209,7 @@ struct CameraSession* cameraOf(int nFd)
     return NULL;
 }
 
-int cameraClose(struct CameraSession* pSession, int nFd)
+int cameraClose(struct OpenCamera* pSession, int nFd)
 {
     int nError = 0;
     // A forked child holds a copy: the camera stays open in the parent.

@@ -14,15 +14,15 @@
  */
 int realOpen(const char* pPath, int nFlags, mode_t mode);
 int realClose(int nFd);
-void* realMmap(void* pAddress, size_t nLength, int nProt, int nFlags, int nFd, off_t nOffset);
-int realMunmap(void* pAddress, size_t nLength);
+void* realMmap(void* pAddress, size_t uLength, int nProt, int nFlags, int nFd, off_t nOffset);
+int realMunmap(void* pAddress, size_t uLength);
 int realFstat(int nFd, struct stat* pStatus);
 
 /* Of a file below the camera's directory; a socket's path holds 108, unix(7). */
 #define CAMERA_MAX_PATH 160
 
 /* One open of the camera. Its place in memory is fixed; free ones are used again. */
-struct CameraSession
+struct OpenCamera
 {
     int32_t s32FdPlusOne; // 0: free
     pid_t pid;            // that opened it
@@ -36,7 +36,7 @@ struct CameraSession
 bool cameraWanted(void);
 
 /* Build the path of a file below the camera's directory; false without one or when it is cut. */
-bool cameraPath(char* pPath, size_t nSize, const char* pName);
+bool cameraPath(char* pPath, size_t uSize, const char* pName);
 
 /*
  * Ask for the node. One short connection.
@@ -55,7 +55,7 @@ int cameraOpen(int nFlags);
  * The open camera behind a descriptor, or a null pointer for any other descriptor. Costs one load
  * while no camera is open. Errno stays.
  */
-struct CameraSession* cameraOf(int nFd);
+struct OpenCamera* cameraOf(int nFd);
 
 /*
  * Make one call: take pRecord along, have it filled when the call succeeded (or bAlwaysBack).
@@ -63,29 +63,29 @@ struct CameraSession* cameraOf(int nFd);
  * @param pWait  set when the call shall be made again once the descriptor is readable; may be null
  * @return 0 or an error number; ENODEV when kestrel-camera has ended
  */
-int cameraCall(struct CameraSession* pSession, enum CameraCall eCall, void* pRecord, size_t nSize,
+int cameraCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pRecord, size_t uSize,
                bool bAlwaysBack, bool* pWait);
 
 /*
  * Make the call of an ioctl(2) on nFd, the session's descriptor.
  * @return 0 or an error number; ENOTTY for an ioctl the driver does not know
  */
-int cameraIoctl(struct CameraSession* pSession, int nFd, uint32_t u32Request, void* pArgument);
+int cameraIoctl(struct OpenCamera* pSession, int nFd, uint32_t u32Request, void* pArgument);
 
 /*
  * End the session of a descriptor of this process, then close it; a forked child only closes. Like
  * close(2) on Linux it has closed the descriptor also when it fails.
  */
-int cameraClose(struct CameraSession* pSession, int nFd);
+int cameraClose(struct OpenCamera* pSession, int nFd);
 
 /* mmap(2) and munmap(2) of the camera's buffers; MAP_FAILED or -1 with errno. */
-void* cameraMmap(struct CameraSession* pSession, void* pAddress, size_t nLength, int nProt,
-                 int nFlags, int64_t s64Offset);
+void* cameraMmap(struct OpenCamera* pSession, void* pAddress, size_t uLength, int nProt, int nFlags,
+                 int64_t s64Offset);
 /*
  * Tell of the unmapping when pAddress is where a buffer of the camera is mapped.
  * @return 0, or the error number that munmap(2) shall fail with
  */
 int cameraMunmap(void* pAddress);
 
-/* No munmap of its own buffers is told any more; they stay mapped. */
-void cameraForgetMappings(const struct CameraSession* pSession);
+/* Stop reporting munmap for the buffers of this session; they stay mapped. */
+void cameraForgetMappings(const struct OpenCamera* pSession);

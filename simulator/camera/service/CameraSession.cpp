@@ -16,7 +16,7 @@
 
 namespace {
 
-// The process at the other end, 0 when it lives where we cannot see it.
+/** The process at the other end, 0 when it lives where we cannot see it. */
 pid_t peerOf(int nSocket)
 {
     ucred credentials{};
@@ -87,12 +87,12 @@ bool CameraSession::start(CameraNode& node)
     return bOpen;
 }
 
-int CameraSession::socket() const
+int CameraSession::getSocket() const
 {
     return m_nSocket;
 }
 
-bool CameraSession::over() const
+bool CameraSession::isOver() const
 {
     if (m_bClosed) {
         return true;
@@ -111,7 +111,7 @@ void CameraSession::setReadable(bool bReadable)
         m_bPacket = 1 == ::send(m_nSocket, &cPacket, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
     } else if (!bReadable && m_bPacket) {
         m_bPacket = false;
-        m_u32TakeOff++;
+        ++m_u32TakeOff;
     }
 }
 

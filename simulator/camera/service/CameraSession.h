@@ -27,11 +27,11 @@ public:
      */
     bool start(CameraNode& node);
 
-    int socket() const;
+    int getSocket() const;
     /** Whether an unplug ended the connection: hanging up can no longer be seen on it. */
     bool shutDown() const;
     /** Whether the program closed the camera, hung up or, where that cannot be seen, has ended. */
-    bool over() const;
+    bool isOver() const;
 
     void setReadable(bool bReadable) override;
     uint32_t takeOff() override;

@@ -34,7 +34,7 @@ void DeviceServer::watch(std::vector<pollfd>& vecPoll) const
     vecPoll.push_back({m_nListener, POLLIN, 0});
     for (const auto& pSession : m_vecSession) {
         if (!pSession->shutDown()) { // would be found hung up each time
-            vecPoll.push_back({pSession->socket(), 0, 0});
+            vecPoll.push_back({pSession->getSocket(), 0, 0});
         }
     }
 }
@@ -42,7 +42,7 @@ void DeviceServer::watch(std::vector<pollfd>& vecPoll) const
 void DeviceServer::handle()
 {
     m_vecSession.erase(std::remove_if(m_vecSession.begin(), m_vecSession.end(),
-                                      [](const auto& pSession) { return pSession->over(); }),
+                                      [](const auto& pSession) { return pSession->isOver(); }),
                        m_vecSession.end());
     accept();
 }

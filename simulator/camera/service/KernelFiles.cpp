@@ -46,7 +46,7 @@ const char* const CAMERA_TAIL = "B: PROP=0\n"
 
 const char* const UEVENT = "MAJOR=81\nMINOR=0\nDEVNAME=video0\n";
 
-// A reader sees the old file or the new one.
+/** A reader sees the old file or the new one. */
 void replace(const std::string& strPath, const std::string& strText)
 {
     const std::string strNew = strPath + ".new";
@@ -98,14 +98,14 @@ void KernelFiles::write()
     } else {
         ::unlink(m_strUevent.c_str());
     }
-    if (MODE_E::MISSING == m_eMode) {
+    if (MODE_MISSING == m_eMode) {
         ::unlink(m_strInputs.c_str());
         return;
     }
     std::string strText = BEFORE;
     if (m_bPlugged) {
         strText += CAMERA_HEAD;
-        if (MODE_E::NO_HANDLERS != m_eMode) {
+        if (MODE_NO_HANDLERS != m_eMode) {
             strText += "H: Handlers=kbd event" + std::to_string(m_u32Event) + " \n";
         }
         strText += CAMERA_TAIL;

@@ -13,11 +13,11 @@
 class KernelFiles
 {
 public:
-    enum class MODE_E
+    enum MODE_E
     {
-        NORMAL,
-        MISSING,     // no file at all
-        NO_HANDLERS, // the camera's entry lacks its "H:" line
+        MODE_NORMAL,
+        MODE_MISSING,     // no file at all
+        MODE_NO_HANDLERS, // the camera's entry lacks its "H:" line
     };
 
     /** Writes the files of a camera that is plugged in. */
@@ -38,6 +38,6 @@ private:
     const std::string m_strUevent;
     std::mutex m_mutex; // guards all below
     bool m_bPlugged = true;
-    MODE_E m_eMode = MODE_E::NORMAL;
+    MODE_E m_eMode = MODE_NORMAL;
     uint32_t m_u32Event = 2;
 };

@@ -1,10 +1,9 @@
-// Commands and scripts: what is understood, and when it is done.
+// Commands: what is understood, and what the journal keeps of it.
 #include "CameraCommands.h"
 
 #include <gtest/gtest.h>
 
 #include "ScratchFolder.h"
-#include "TimedScript.h"
 
 namespace {
 
@@ -78,10 +77,10 @@ TEST(CameraCommands, SpotIsWrittenToTheScene)
 
     EXPECT_EQ("ok", board.commands.run("spot 1.5 -2.25 0.001 on"));
 
-    EXPECT_EQ(1500, board.scene.state().s32XMicrometre);
-    EXPECT_EQ(-2250, board.scene.state().s32YMicrometre);
-    EXPECT_EQ(1, board.scene.state().s32ZMicrometre);
-    EXPECT_EQ(1u, board.scene.state().u32LaserOn);
+    EXPECT_EQ(1500, board.scene.getState().s32XMicrometre);
+    EXPECT_EQ(-2250, board.scene.getState().s32YMicrometre);
+    EXPECT_EQ(1, board.scene.getState().s32ZMicrometre);
+    EXPECT_EQ(1u, board.scene.getState().u32LaserOn);
 }
 
 TEST(CameraCommands, StatusTellsRateAndPlug)
@@ -117,48 +116,4 @@ TEST(CameraCommands, AreNotedInTheJournalUntilItIsCleared)
     EXPECT_EQ("", board.folder.read("journal"));
     board.commands.run("mark there");
     EXPECT_NE(std::string::npos, board.folder.read("journal").find(" 0 0 # mark there\n"));
-}
-
-TEST(Journal, StartsOverWhenItIsFull)
-{
-    ScratchFolder folder;
-    Journal journal((folder.path() / "journal").string(), 100);
-    for (int i = 0; i < 10; i++) {
-        journal.note("this line has forty characters, or so");
-    }
-
-    const std::string strText = folder.read("journal");
-
-    EXPECT_LT(strText.size(), 300u);
-    EXPECT_NE(std::string::npos, strText.find(" 0 0 # started over\n"));
-    EXPECT_EQ('\n', strText.back());
-}
-
-TEST(TimedScript, LinesComeAtTheirTimesInOrder)
-{
-    ScratchFolder folder;
-    folder.write("script", "# comment\n\n  2.5 replug\n1 unplug\n1 freeze now\n");
-    TimedScript script;
-    ASSERT_TRUE(script.load((folder.path() / "script").string()));
-
-    EXPECT_EQ(1, script.next());
-    EXPECT_EQ("", script.due(0.99));
-    EXPECT_EQ("unplug", script.due(1.2));
-    EXPECT_EQ("freeze now", script.due(1.2));
-    EXPECT_EQ("", script.due(1.2));
-    EXPECT_EQ("replug", script.due(3));
-    EXPECT_EQ("", script.due(100));
-    EXPECT_LT(script.next(), 0);
-}
-
-TEST(TimedScript, BrokenFilesAreRefused)
-{
-    ScratchFolder folder;
-    for (const char* pText : {"unplug\n", "-1 unplug\n", "1\n", "nan unplug\n"}) {
-        folder.write("script", pText);
-        TimedScript script;
-        EXPECT_FALSE(script.load((folder.path() / "script").string())) << pText;
-    }
-    TimedScript script;
-    EXPECT_FALSE(script.load((folder.path() / "missing").string()));
 }

@@ -259,17 +259,17 @@ TEST(CameraDevice, MappingMustBeSharedAndStartAtABuffer)
 {
     VirtualCamera camera;
     VideoClient client;
-    const size_t nLength = 614400;
+    const size_t uLength = 614400;
     const int nFd = client.descriptor();
-    EXPECT_EQ(MAP_FAILED, mmap(nullptr, nLength, PROT_READ, MAP_SHARED, nFd, 0));
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, uLength, PROT_READ, MAP_SHARED, nFd, 0));
     EXPECT_EQ(EINVAL, errno);
     ASSERT_EQ(0, client.requestBuffers(2));
 
-    EXPECT_EQ(MAP_FAILED, mmap(nullptr, nLength, PROT_READ, MAP_PRIVATE, nFd, 0));
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, uLength, PROT_READ, MAP_PRIVATE, nFd, 0));
     EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ(MAP_FAILED, mmap(nullptr, nLength, PROT_READ, MAP_SHARED, nFd, 4096));
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, uLength, PROT_READ, MAP_SHARED, nFd, 4096));
     EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ(MAP_FAILED, mmap(nullptr, nLength, PROT_READ, MAP_SHARED, nFd, 2 * nLength));
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, uLength, PROT_READ, MAP_SHARED, nFd, 2 * uLength));
     EXPECT_EQ(EINVAL, errno);
     EXPECT_EQ(0, client.mapBuffers(2));
     EXPECT_EQ(0, client.unmapBuffers());
@@ -375,7 +375,7 @@ TEST(CameraDevice, BlockingDequeueWaits)
     VideoClient client(O_RDWR);
     ASSERT_EQ(0, client.startStreaming());
 
-    for (uint32_t i = 0; i < 5; i++) {
+    for (uint32_t i = 0; i < 5; ++i) {
         v4l2_buffer buffer{};
         ASSERT_EQ(0, client.dequeue(buffer));
         EXPECT_GT(buffer.bytesused, 176u);
@@ -554,7 +554,7 @@ TEST(CameraDevice, CpuTellsTheProcessorTimeSpentInTheLibrarysCalls)
     timespec after{};
 
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
-    for (int i = 0; i < 2000; i++) {
+    for (int i = 0; i < 2000; ++i) {
         ASSERT_EQ(0, client.control(VIDIOC_QUERYCAP, cap));
     }
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);

@@ -30,7 +30,7 @@ std::vector<uint8_t> nextFrame(VideoClient& client)
 /** A frame that was drawn after all that was commanded before. */
 std::vector<uint8_t> freshFrame(VideoClient& client)
 {
-    for (int i = 0; i < 3; i++) { // two may be filled, one on its way
+    for (int i = 0; i < 3; ++i) { // two may be filled, one on its way
         (void)nextFrame(client);
     }
     return nextFrame(client);
@@ -59,8 +59,8 @@ double field(const std::string& strAnswer, const std::string& strName)
 double meanGreen(Raster& raster)
 {
     double dSum = 0;
-    for (uint32_t y = 100; y < 400; y++) {
-        for (uint32_t x = 100; x < 500; x++) {
+    for (uint32_t y = 100; y < 400; ++y) {
+        for (uint32_t x = 100; x < 500; ++x) {
             dSum += raster.pixel(x, y)[1];
         }
     }
@@ -75,19 +75,19 @@ SceneGeometry::Point redCentroid(Raster& raster, double dReach)
     };
     SceneGeometry::Point centre{NAN, NAN};
     int nReddest = 20; // less is noise of the compression
-    for (uint32_t y = 0; y < raster.u32Height; y++) {
-        for (uint32_t x = 0; x < raster.u32Width; x++) {
+    for (uint32_t y = 0; y < raster.u32Height; ++y) {
+        for (uint32_t x = 0; x < raster.u32Width; ++x) {
             if (red(x, y) > nReddest) {
                 nReddest = red(x, y);
                 centre = {static_cast<double>(x), static_cast<double>(y)};
             }
         }
     }
-    for (int nPass = 0; nPass < 5 && !std::isnan(centre.dX); nPass++) { // let the window settle
+    for (int nPass = 0; nPass < 5 && !std::isnan(centre.dX); ++nPass) { // let the window settle
         double dWeight = 0;
         SceneGeometry::Point sum{0, 0};
-        for (uint32_t y = 0; y < raster.u32Height; y++) {
-            for (uint32_t x = 0; x < raster.u32Width; x++) {
+        for (uint32_t y = 0; y < raster.u32Height; ++y) {
+            for (uint32_t x = 0; x < raster.u32Width; ++x) {
                 if (std::hypot(x - centre.dX, y - centre.dY) < dReach) {
                     dWeight += red(x, y);
                     sum.dX += red(x, y) * static_cast<double>(x);
@@ -105,7 +105,7 @@ double darkCentre(Raster& raster, bool bAcross, uint32_t u32At, int nFrom, int n
 {
     double dWeight = 0;
     double dSum = 0;
-    for (int i = nFrom; i <= nTo; i++) {
+    for (int i = nFrom; i <= nTo; ++i) {
         const uint32_t u32Other = static_cast<uint32_t>(i);
         const uint8_t* pPixel =
             bAcross ? raster.pixel(u32At, u32Other) : raster.pixel(u32Other, u32At);
@@ -133,7 +133,7 @@ TEST(CameraPicture, HundredFramesArriveUnchangedAndInOrder)
 
     const std::vector<VirtualCamera::Frame> vecKept = camera.frames();
     ASSERT_GE(vecKept.size(), vecGot.size());
-    for (size_t i = 0; i < vecGot.size(); i++) {
+    for (size_t i = 0; i < vecGot.size(); ++i) {
         ASSERT_EQ(vecKept[i].strPicture, std::string(vecGot[i].begin(), vecGot[i].end())) << i;
     }
     EXPECT_GT(setSize.size(), 20u); // bytesused follows the picture
@@ -165,10 +165,10 @@ TEST(CameraPicture, UncompressedFrameHasTwoBytesPerPixel)
     const std::vector<uint8_t> vecBytes = nextFrame(client);
 
     ASSERT_EQ(1280u * 720 * 2, vecBytes.size());
-    const size_t nPlate = 769460; // pixel (730, 300), between the grid lines
-    EXPECT_NEAR(150, vecBytes[nPlate], 8);
-    EXPECT_NEAR(128, vecBytes[nPlate + 1], 2);
-    EXPECT_NEAR(128, vecBytes[nPlate + 3], 2);
+    const size_t uPlate = 769460; // pixel (730, 300), between the grid lines
+    EXPECT_NEAR(150, vecBytes[uPlate], 8);
+    EXPECT_NEAR(128, vecBytes[uPlate + 1], 2);
+    EXPECT_NEAR(128, vecBytes[uPlate + 3], 2);
 }
 
 TEST(CameraPicture, SpotLiesWhereTheStateSays)
@@ -217,7 +217,7 @@ TEST(CameraPicture, GridLiesEveryFiveMillimetres)
 
     Raster raster = decoded(nextFrame(client));
 
-    for (int nLine = -5; nLine <= 5; nLine++) {
+    for (int nLine = -5; nLine <= 5; ++nLine) {
         const double dExpected = 319.5 + nLine * 50;
         const int nAround = static_cast<int>(dExpected);
         EXPECT_NEAR(dExpected, darkCentre(raster, false, 215, nAround - 5, nAround + 6), 0.25);
@@ -289,12 +289,12 @@ TEST(CameraPicture, FolderIsDeliveredByteForByteInALoop)
     ASSERT_EQ(0, client.startStreaming());
 
     const std::vector<uint8_t> vecFirst = nextFrame(client);
-    size_t nFile = 0;
-    while (nFile < 3 && vecFile[nFile] != std::string(vecFirst.begin(), vecFirst.end())) {
-        nFile++;
+    size_t uFile = 0;
+    while (uFile < 3 && vecFile[uFile] != std::string(vecFirst.begin(), vecFirst.end())) {
+        ++uFile;
     }
-    ASSERT_EQ(0u, nFile);
-    for (size_t i = 1; i < 7; i++) {
+    ASSERT_EQ(0u, uFile);
+    for (size_t i = 1; i < 7; ++i) {
         const std::vector<uint8_t> vecBytes = nextFrame(client);
         EXPECT_EQ(vecFile[i % 3], std::string(vecBytes.begin(), vecBytes.end())) << i;
     }

@@ -35,12 +35,12 @@ const char* const LIST = "/proc/bus/input/devices";
 
 size_t entries(const char* pFolder)
 {
-    size_t nCount = 0;
+    size_t uCount = 0;
     for (const auto& entry : std::filesystem::directory_iterator(pFolder)) {
         (void)entry;
-        nCount++;
+        ++uCount;
     }
-    return nCount;
+    return uCount;
 }
 
 size_t descriptors()
@@ -77,8 +77,8 @@ bool hasCamera(int nFd)
 TEST(CameraPreload, OpenTakesOneDescriptorAndNoThread)
 {
     VirtualCamera camera;
-    const size_t nDescriptors = descriptors();
-    const size_t nThreads = entries("/proc/self/task");
+    const size_t uDescriptors = descriptors();
+    const size_t uThreads = entries("/proc/self/task");
     {
         VideoClient client;
         ASSERT_EQ(0, client.startStreaming());
@@ -86,11 +86,11 @@ TEST(CameraPreload, OpenTakesOneDescriptorAndNoThread)
         ASSERT_TRUE(client.readable(30000));
         ASSERT_EQ(0, client.dequeue(buffer));
 
-        EXPECT_EQ(nDescriptors + 1, descriptors());
-        EXPECT_EQ(nThreads, entries("/proc/self/task"));
+        EXPECT_EQ(uDescriptors + 1, descriptors());
+        EXPECT_EQ(uThreads, entries("/proc/self/task"));
     }
 
-    EXPECT_EQ(nDescriptors, descriptors());
+    EXPECT_EQ(uDescriptors, descriptors());
 }
 
 TEST(CameraPreload, UseAllocatesNothing)
@@ -105,10 +105,10 @@ TEST(CameraPreload, UseAllocatesNothing)
     };
     use(); // symbols are looked up once
 
-    const size_t nBefore = allocatedBytes();
+    const size_t uBefore = allocatedBytes();
     use();
 
-    EXPECT_EQ(nBefore, allocatedBytes());
+    EXPECT_EQ(uBefore, allocatedBytes());
 }
 
 TEST(CameraPreload, WorksFromOtherNamespaces)
@@ -128,14 +128,14 @@ TEST(CameraPreload, RepeatedOpensLeaveNothingMapped)
     VirtualCamera camera;
     const auto mappings = [] {
         std::ifstream maps("/proc/self/maps");
-        size_t nCount = 0;
+        size_t uCount = 0;
         for (std::string strLine; std::getline(maps, strLine);) {
-            nCount += std::string::npos != strLine.find("/kestrel-test-") ? 1 : 0;
+            uCount += std::string::npos != strLine.find("/kestrel-test-") ? 1 : 0;
         }
-        return nCount;
+        return uCount;
     };
 
-    for (int i = 0; i < 50; i++) {
+    for (int i = 0; i < 50; ++i) {
         VideoClient client;
         ASSERT_EQ(0, client.startStreaming());
         EXPECT_EQ(3u, mappings());
@@ -239,7 +239,7 @@ TEST(CameraPreload, KilledProcessGivesTheCameraBack)
 
     VideoClient client;
     int nError = EBUSY;
-    for (int i = 0; i < 3000 && EBUSY == nError; i++) {
+    for (int i = 0; i < 3000 && EBUSY == nError; ++i) {
         nError = client.requestBuffers(2);
         usleep(10000);
     }
@@ -294,7 +294,7 @@ TEST(CameraPreload, SixteenOpensAreTheMost)
 {
     VirtualCamera camera;
     std::vector<std::unique_ptr<VideoClient>> vecClient;
-    for (int i = 0; i < 16; i++) {
+    for (int i = 0; i < 16; ++i) {
         vecClient.push_back(std::make_unique<VideoClient>());
         EXPECT_EQ(0, vecClient.back()->error());
     }

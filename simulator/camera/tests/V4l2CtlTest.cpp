@@ -42,11 +42,11 @@ protected:
 
     static size_t count(const std::string& strText, const std::string& strPart)
     {
-        size_t nCount = 0;
-        for (size_t nAt = 0; std::string::npos != (nAt = strText.find(strPart, nAt)); nAt++) {
-            nCount++;
+        size_t uCount = 0;
+        for (size_t uAt = 0; std::string::npos != (uAt = strText.find(strPart, uAt)); ++uAt) {
+            ++uCount;
         }
-        return nCount;
+        return uCount;
     }
 
     static std::string streamed(int nFrames)
@@ -113,7 +113,7 @@ TEST_F(V4l2Ctl, StreamsTheFramesThatWereProduced)
     std::string strExpected;
     const std::vector<VirtualCamera::Frame> vecFrame = camera.frames();
     ASSERT_GE(vecFrame.size(), 30u) << strOutput;
-    for (size_t i = 0; i < 30; i++) {
+    for (size_t i = 0; i < 30; ++i) {
         strExpected += vecFrame[i].strPicture;
     }
     EXPECT_TRUE(strExpected == folder.read("stream"));

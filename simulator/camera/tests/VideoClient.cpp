@@ -99,7 +99,7 @@ int VideoClient::queryBuffer(uint32_t u32Index, v4l2_buffer& buffer)
 
 int VideoClient::mapBuffers(uint32_t u32Count)
 {
-    for (uint32_t i = 0; i < u32Count; i++) {
+    for (uint32_t i = 0; i < u32Count; ++i) {
         v4l2_buffer buffer{};
         const int nError = queryBuffer(i, buffer);
         if (0 != nError) {
@@ -118,7 +118,7 @@ int VideoClient::mapBuffers(uint32_t u32Count)
 int VideoClient::unmapBuffers()
 {
     for (const Mapping& mapping : m_vecMapping) {
-        if (0 != ::munmap(mapping.pStart, mapping.nLength)) {
+        if (0 != ::munmap(mapping.pStart, mapping.uLength)) {
             return errno;
         }
     }
@@ -179,5 +179,5 @@ std::vector<uint8_t> VideoClient::bytes(const v4l2_buffer& buffer) const
 {
     const Mapping& mapping = m_vecMapping.at(buffer.index);
     const uint8_t* pStart = static_cast<const uint8_t*>(mapping.pStart);
-    return {pStart, pStart + std::min<size_t>(buffer.bytesused, mapping.nLength)};
+    return {pStart, pStart + std::min<size_t>(buffer.bytesused, mapping.uLength)};
 }

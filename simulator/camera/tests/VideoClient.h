@@ -59,7 +59,7 @@ private:
     struct Mapping
     {
         void* pStart;
-        size_t nLength;
+        size_t uLength;
     };
     int m_nFd = -1;
     int m_nError = 0;

@@ -59,7 +59,7 @@ TEST_F(ControllerTest, StreamedMoveIsAnsweredOnce)
     EXPECT_EQ("ok\n|", say("G1 X1 F600\n"));
 
     EXPECT_EQ("", wait(1000 * MS));
-    EXPECT_DOUBLE_EQ(1, m_controller.motion().position()[0]);
+    EXPECT_DOUBLE_EQ(1, m_controller.getMotion().getPosition()[0]);
 }
 
 TEST_F(ControllerTest, PositioningMoveIsAnsweredTwice)
@@ -75,7 +75,7 @@ TEST_F(ControllerTest, SpotCommandWaitsForTheMoveAndIsAnsweredWithItsEnd)
     EXPECT_EQ("ok\n|", say("G05 X-12.50 Y3.00 F2000 \nM18 S1\n"));
 
     EXPECT_EQ("done\nok\n|", wait(1000 * MS));
-    EXPECT_EQ((Point{-12.5, 3, 0}), m_controller.motion().position());
+    EXPECT_EQ((Point{-12.5, 3, 0}), m_controller.getMotion().getPosition());
     EXPECT_TRUE(m_controller.isSpotOn());
 }
 
@@ -86,7 +86,7 @@ TEST_F(ControllerTest, HomingGoesToTheOriginAndIsAnsweredTwice)
 
     EXPECT_EQ("ok\n|", say("$H\n"));
     EXPECT_EQ("done\n|", wait(10000 * MS));
-    EXPECT_EQ((Point{0, 0, 0}), m_controller.motion().position());
+    EXPECT_EQ((Point{0, 0, 0}), m_controller.getMotion().getPosition());
 }
 
 TEST_F(ControllerTest, OnceLeavesTheSecondAnswerOut)
@@ -155,7 +155,7 @@ TEST_F(ControllerTest, RelativeMovesAddUpAndStayInReach)
     EXPECT_EQ("ok\n|", say("G90 X-1500\n"));
     wait(1000000 * MS);
 
-    EXPECT_DOUBLE_EQ(-1500, m_controller.motion().position()[0]);
+    EXPECT_DOUBLE_EQ(-1500, m_controller.getMotion().getPosition()[0]);
 }
 
 TEST_F(ControllerTest, LaserCommandsSwitchTheSpot)
@@ -177,7 +177,7 @@ TEST_F(ControllerTest, HeldControllerTakesNoLineAndSaysWhenItGoesOn)
     EXPECT_TRUE(instruct("hold"));
     EXPECT_EQ("status:1\n|", say("G1 X1\n"));
     EXPECT_EQ("", wait(1000 * MS));
-    EXPECT_DOUBLE_EQ(50, m_controller.motion().position()[0]);
+    EXPECT_DOUBLE_EQ(50, m_controller.getMotion().getPosition()[0]);
     EXPECT_TRUE(instruct("go"));
 
     EXPECT_EQ("status:4\nok\n|", say("G1 X1\n"));
@@ -248,7 +248,7 @@ TEST_F(ControllerTest, RefusedLineIsNotCarriedOut)
 
     say("G1 X1\n");
 
-    EXPECT_TRUE(m_controller.motion().isIdle());
+    EXPECT_TRUE(m_controller.getMotion().isIdle());
 }
 
 TEST_F(ControllerTest, AlarmStopsTheArmAndLocks)
@@ -260,7 +260,7 @@ TEST_F(ControllerTest, AlarmStopsTheArmAndLocks)
     EXPECT_EQ("alarm:1\n|", say("G1 X1\n"));
     EXPECT_EQ("error:9\n|", say("G1 X1\n"));
     wait(1000 * MS);
-    EXPECT_DOUBLE_EQ(50, m_controller.motion().position()[0]);
+    EXPECT_DOUBLE_EQ(50, m_controller.getMotion().getPosition()[0]);
     EXPECT_EQ("ok\n|", say("$X\n"));
     EXPECT_EQ("ok\n|", say("G1 X1\n"));
 }
@@ -278,7 +278,7 @@ TEST_F(ControllerTest, LineOnWhichTheCableIsPulledIsLost)
 
     EXPECT_EQ("", say("G21\nG1 X1\n"));
 
-    EXPECT_TRUE(m_controller.motion().isIdle());
+    EXPECT_TRUE(m_controller.getMotion().isIdle());
 }
 
 TEST_F(ControllerTest, NonsenseInstructionsAreRefused)
@@ -308,7 +308,7 @@ TEST_F(ControllerTest, ResetForgetsEverythingButThePosition)
     m_controller.reset();
 
     EXPECT_EQ("ok\n|", say("G21\n"));
-    EXPECT_TRUE(m_controller.motion().isIdle());
+    EXPECT_TRUE(m_controller.getMotion().isIdle());
     EXPECT_TRUE(m_controller.isSpotOn());
-    EXPECT_DOUBLE_EQ(50, m_controller.motion().position()[0]);
+    EXPECT_DOUBLE_EQ(50, m_controller.getMotion().getPosition()[0]);
 }

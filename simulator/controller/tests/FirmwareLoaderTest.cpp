@@ -28,18 +28,18 @@ TEST(FirmwareLoader, ImageWithLengthEndsCutAfterEveryByte)
 {
     const std::string strWhole("KFW1\x05\0\0\0ab\n\0c", 13);
     const std::string strStream = strWhole + "M5\n";
-    for (size_t nCut = 0; nCut <= strStream.size(); ++nCut) {
+    for (size_t uCut = 0; uCut <= strStream.size(); ++uCut) {
         FirmwareLoader loader(imagePath(), 1000);
         loader.begin(0);
 
-        size_t nTaken = loader.take(strStream.data(), nCut, 1);
-        if (nTaken == nCut) {
-            nTaken += loader.take(strStream.data() + nCut, strStream.size() - nCut, 2);
+        size_t uTaken = loader.take(strStream.data(), uCut, 1);
+        if (uTaken == uCut) {
+            uTaken += loader.take(strStream.data() + uCut, strStream.size() - uCut, 2);
         }
 
-        EXPECT_EQ(strWhole.size(), nTaken) << nCut;
+        EXPECT_EQ(strWhole.size(), uTaken) << uCut;
         EXPECT_FALSE(loader.isActive());
-        EXPECT_EQ("13 bytes complete", loader.result());
+        EXPECT_EQ("13 bytes complete", loader.getResult());
         EXPECT_EQ(strWhole, readFile(imagePath()));
     }
     unlink(imagePath().c_str());
@@ -54,7 +54,7 @@ TEST(FirmwareLoader, ImageWithoutLengthEndsWithSilence)
     EXPECT_FALSE(loader.endIfQuiet(1499));
     EXPECT_TRUE(loader.endIfQuiet(1500));
 
-    EXPECT_EQ("10 bytes raw", loader.result());
+    EXPECT_EQ("10 bytes raw", loader.getResult());
     EXPECT_EQ("any bytes\n", readFile(imagePath()));
     unlink(imagePath().c_str());
 }
@@ -67,7 +67,7 @@ TEST(FirmwareLoader, ImageThatFallsShortIsCut)
 
     EXPECT_TRUE(loader.endIfQuiet(1000));
 
-    EXPECT_EQ("11 bytes cut", loader.result());
+    EXPECT_EQ("11 bytes cut", loader.getResult());
 }
 
 TEST(FirmwareLoader, EmptyImageWithLengthEndsAtOnce)
@@ -77,5 +77,5 @@ TEST(FirmwareLoader, EmptyImageWithLengthEndsAtOnce)
 
     EXPECT_EQ(8U, loader.take("KFW1\0\0\0\0ok", 10, 0));
 
-    EXPECT_EQ("8 bytes complete", loader.result());
+    EXPECT_EQ("8 bytes complete", loader.getResult());
 }

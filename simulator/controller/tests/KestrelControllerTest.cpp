@@ -163,11 +163,11 @@ TEST(KestrelController, StalledControllerLetsThePipeFillUp)
 
     const std::string strBlock(4096, 'x');
     ssize_t nWritten = 0;
-    size_t nTotal = 0;
+    size_t uTotal = 0;
     do {
         nWritten = port.say(strBlock);
-        nTotal += (nWritten > 0) ? static_cast<size_t>(nWritten) : 0;
-        ASSERT_LT(nTotal, 1000000U);
+        uTotal += (nWritten > 0) ? static_cast<size_t>(nWritten) : 0;
+        ASSERT_LT(uTotal, 1000000U);
     } while (nWritten > 0);
     EXPECT_EQ(EAGAIN, errno);
 

@@ -10,11 +10,11 @@ TEST(Motion, FeedRateGivesTheTime)
     Motion motion(1, 0);
 
     motion.queueMove({10, 0, 0}, 600, false); // 10 mm at 10 mm per second
-    EXPECT_EQ(SECOND, motion.remainingUs());
+    EXPECT_EQ(SECOND, motion.getRemainingUs());
     motion.advance(SECOND / 4);
 
-    EXPECT_DOUBLE_EQ(2.5, motion.position()[0]);
-    EXPECT_EQ(SECOND * 3 / 4, motion.remainingUs());
+    EXPECT_DOUBLE_EQ(2.5, motion.getPosition()[0]);
+    EXPECT_EQ(SECOND * 3 / 4, motion.getRemainingUs());
 }
 
 TEST(Motion, LengthIsThatOfTheStraightLine)
@@ -23,7 +23,7 @@ TEST(Motion, LengthIsThatOfTheStraightLine)
 
     motion.queueMove({3, 4, 0}, 300, false); // 5 mm at 5 mm per second
 
-    EXPECT_EQ(SECOND, motion.remainingUs());
+    EXPECT_EQ(SECOND, motion.getRemainingUs());
 }
 
 TEST(Motion, SpeedUpShortensMovesButNotTheSettling)
@@ -33,7 +33,7 @@ TEST(Motion, SpeedUpShortensMovesButNotTheSettling)
     motion.queueMove({10, 0, 0}, 600, false);
     motion.queueMove({20, 0, 0}, 600, true);
 
-    EXPECT_EQ(SECOND / 10, motion.remainingUs());
+    EXPECT_EQ(SECOND / 10, motion.getRemainingUs());
     EXPECT_EQ(0U, motion.advance(SECOND / 10 + SECOND / 2 - 1));
     EXPECT_EQ(1U, motion.advance(SECOND / 10 + SECOND / 2));
 }
@@ -48,7 +48,7 @@ TEST(Motion, MovesFollowEachOtherWithinOneStep)
     const unsigned uEnded = motion.advance(2 * SECOND + SECOND / 2);
 
     EXPECT_EQ(2U, uEnded);
-    EXPECT_EQ((Point{10, 10, 5}), motion.position());
+    EXPECT_EQ((Point{10, 10, 5}), motion.getPosition());
     EXPECT_FALSE(motion.isIdle());
 }
 
@@ -60,12 +60,12 @@ TEST(Motion, HeldArmStandsStillAndGoesOn)
 
     motion.setHeld(true);
     motion.advance(10 * SECOND);
-    EXPECT_DOUBLE_EQ(5, motion.position()[0]);
-    EXPECT_EQ(-1, motion.remainingUs());
+    EXPECT_DOUBLE_EQ(5, motion.getPosition()[0]);
+    EXPECT_EQ(-1, motion.getRemainingUs());
     motion.setHeld(false);
     motion.advance(10 * SECOND + SECOND / 2);
 
-    EXPECT_DOUBLE_EQ(10, motion.position()[0]);
+    EXPECT_DOUBLE_EQ(10, motion.getPosition()[0]);
     EXPECT_TRUE(motion.isIdle());
 }
 
@@ -89,5 +89,5 @@ TEST(Motion, ClearedArmStaysWhereItIs)
     motion.clear();
 
     EXPECT_EQ(0U, motion.advance(10 * SECOND));
-    EXPECT_DOUBLE_EQ(5, motion.position()[0]);
+    EXPECT_DOUBLE_EQ(5, motion.getPosition()[0]);
 }

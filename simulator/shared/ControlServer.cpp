@@ -2,6 +2,7 @@
 #include "ControlServer.h"
 
 #include <cerrno>
+#include <utility>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,14 +11,11 @@
 
 namespace {
 
-const size_t MAX_LINE = 4096;
+const size_t MAX_PENDING = 4096;
 
 } // namespace
 
-ControlServer::ControlServer(CameraCommands& commands, const std::string& strDir)
-    : m_commands(commands), m_strPath(strDir + "/control.sock")
-{
-}
+ControlServer::ControlServer(Handler handler) : m_handler(std::move(handler)) {}
 
 ControlServer::~ControlServer()
 {
@@ -30,15 +28,18 @@ ControlServer::~ControlServer()
     }
 }
 
-bool ControlServer::start()
+bool ControlServer::start(const std::string& strPath)
 {
-    m_nListener = listenAt(m_strPath, SOCK_STREAM);
+    m_strPath = strPath;
+    m_nListener = listenAt(strPath, SOCK_STREAM);
     return m_nListener >= 0;
 }
 
 void ControlServer::watch(std::vector<pollfd>& vecPoll) const
 {
-    vecPoll.push_back({m_nListener, POLLIN, 0});
+    if (m_nListener >= 0) {
+        vecPoll.push_back({m_nListener, POLLIN, 0});
+    }
     for (const Client& client : m_listClient) {
         vecPoll.push_back({client.nFd, POLLIN, 0});
     }
@@ -46,12 +47,11 @@ void ControlServer::watch(std::vector<pollfd>& vecPoll) const
 
 void ControlServer::handle()
 {
-    for (;;) {
-        const int nFd = ::accept4(m_nListener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (nFd < 0) {
-            break;
+    for (int nFd = 0; m_nListener >= 0 && nFd >= 0;) {
+        nFd = ::accept4(m_nListener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (nFd >= 0) {
+            m_listClient.push_back({nFd, {}});
         }
-        m_listClient.push_back({nFd, ""});
     }
     for (auto it = m_listClient.begin(); it != m_listClient.end();) {
         if (serve(*it)) {
@@ -75,12 +75,15 @@ bool ControlServer::serve(Client& client)
             return false;
         }
         client.strPending.append(acBytes, static_cast<size_t>(nRead));
-        for (size_t nEnd = 0; std::string::npos != (nEnd = client.strPending.find('\n'));) {
-            const std::string strAnswer = m_commands.run(client.strPending.substr(0, nEnd)) + "\n";
-            client.strPending.erase(0, nEnd + 1);
-            (void)::send(client.nFd, strAnswer.data(), strAnswer.size(), MSG_NOSIGNAL);
+        for (size_t uEnd = 0; std::string::npos != (uEnd = client.strPending.find('\n'));) {
+            const std::string strAnswer = m_handler(client.strPending.substr(0, uEnd)) + "\n";
+            client.strPending.erase(0, uEnd + 1);
+            if (::send(client.nFd, strAnswer.data(), strAnswer.size(), MSG_NOSIGNAL) !=
+                static_cast<ssize_t>(strAnswer.size())) {
+                return false;
+            }
         }
-        if (client.strPending.size() > MAX_LINE) {
+        if (client.strPending.size() > MAX_PENDING) {
             return false;
         }
     }
