@@ -421,7 +421,7 @@ TEST_F(PrintServiceHazard, DeliberateFullDiskCutsTheJobWithTheLaserOn)
 
     EXPECT_EQ(0, service().startPrint());
 
-    EXPECT_TRUE(eventually([this] { return "G1 X" == received().back(); }));
+    EXPECT_TRUE(eventually([this] { return hasReceived("G1 X"); }));
     EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
     EXPECT_TRUE(waitUntilStill());
     EXPECT_TRUE(isLaserOn());
