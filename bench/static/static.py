@@ -11,9 +11,8 @@ import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [os.path.join(HERE, ".."), os.path.join(HERE, "../../tests/system")]
-# pylint: disable=wrong-import-position
-import figures  # noqa: E402
-import harness  # noqa: E402
+import figures
+import harness
 
 SIZES = (20000, 300000)
 SECONDS = 3

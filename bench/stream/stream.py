@@ -17,10 +17,9 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [os.path.join(HERE, ".."), os.path.join(HERE, "../../tests/system")]
-# pylint: disable=wrong-import-position
-import figures  # noqa: E402
-import harness  # noqa: E402
-import pictures  # noqa: E402
+import figures
+import harness
+import pictures
 
 CLIENTS = (1, 8, 32, 64, 128)
 RATE = 25         # frames per second

@@ -6,7 +6,7 @@ import tempfile
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../bench"))
-import report  # noqa: E402, pylint: disable=wrong-import-position
+import report
 
 
 def row(value, floor=None, goal=None, better="less", figure="CPU", **more):

@@ -16,7 +16,7 @@ import sys
 FOLDER = os.path.dirname(os.path.abspath(__file__))
 sys.path.append(os.path.join(FOLDER, "..", "system"))
 
-from harness import CARD, Board, Server  # pylint: disable=wrong-import-position
+from harness import CARD, Board, Server
 
 
 # What the programs print goes elsewhere than the answers.

@@ -4,7 +4,8 @@ usage: run.py full|quick [--table FILE] [--workers N] [--call NAME]...
 KESTREL_BUILD names the build folder.
 
 A call's first positions lie in the start: each of them fails, with each error, in a process of its
-own. The later ones, to the 200th call (3,000th allocation), fail while clients stream and ask: every STEP-th in a run, and
+own. The later ones, to the 200th call (3,000th allocation), fail while clients stream and ask:
+every STEP-th in a run, and
 as many runs as bring every error to every position. Quick: only every STEP-th position, with the
 errors by turns, in one run for each call, and one error for each position of the start.
 
@@ -106,7 +107,7 @@ def do_all(tasks):
 def count_start(calls):
     """How often each call comes until the service listens, by name."""
     plan = ";".join(f"{call.rule}:{FOREVER}:EIO" for call in calls)
-    ((_, result),) = do_all([{"plan": plan, "until": 0, "load": ""}])
+    result = do_all([{"plan": plan, "until": 0, "load": ""}])[0][1]
     if not result["listens"] or result["failing"]:
         raise SystemExit(f"the service does not serve undisturbed: {result}")
     return {call.name: count for call, count in zip(calls, result["at_start"])}

@@ -14,8 +14,8 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "system"))
 
-import harness  # noqa: E402
-from harness import BUILD, CARD, HTTP_PORT, LOG_PORT, Camera, LiveStream, Server  # noqa: E402
+import harness
+from harness import BUILD, CARD, HTTP_PORT, LOG_PORT, Camera, LiveStream, Server
 
 FAULT_LIBRARY = f"{BUILD}/tests/support/fault/libkestrel_fault_preload.so"
 CONTENT = bytes(range(256)) * 40
@@ -201,8 +201,7 @@ def what_fails(server, pictures):
                     break
                 time.sleep(0.05)
             finally:
-                while harness._connections:
-                    harness._connections.pop().close()
+                harness.close_connections()
     return failing
 
 

@@ -69,7 +69,7 @@ class Camera:
         self.process = subprocess.Popen(
             [f"{TOOLS}/simulator/camera/kestrel-camera", "--dir", self.folder, *arguments],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
-        wait_until(lambda: self._answers(), "the virtual camera answers")
+        wait_until(self._answers, "the virtual camera answers")
 
     def _answers(self):
         if self.process.poll() is not None:
@@ -234,8 +234,7 @@ class Board:
         return self
 
     def __exit__(self, *_):
-        while _connections:
-            _connections.pop().close()
+        close_connections()
         try:
             self.server.close()
         finally:
@@ -243,6 +242,11 @@ class Board:
 
 
 _connections = []  # closed with the board at the latest
+
+
+def close_connections():
+    while _connections:
+        _connections.pop().close()
 
 
 def connect(port=HTTP_PORT, receive_buffer=None):

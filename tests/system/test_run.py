@@ -128,7 +128,7 @@ class Run(unittest.TestCase):
         self.assertEqual(0, run.wait(30))
         self.assertEqual(2, len(started))
         for process in started:
-            wait_until(lambda: not os.path.exists(f"/proc/{process}"), "the child has gone")
+            wait_until(lambda path=f"/proc/{process}": not os.path.exists(path), "the child has gone")
 
     def test_a_taken_port_is_named_with_its_holder(self):
         for port in (HTTP_PORT, LOG_PORT):
@@ -138,8 +138,8 @@ class Run(unittest.TestCase):
 
     def test_a_second_start_leaves_the_first_one_alone(self):
         self.until_running(self.start())
-        before = (self.checkout.file("kestrel-server.out"), os.stat(f"{CARD}/www/index.html").st_mtime_ns,
-                  sorted(os.listdir("/tmp")))
+        before = (self.checkout.file("kestrel-server.out"),
+                  os.stat(f"{CARD}/www/index.html").st_mtime_ns, sorted(os.listdir("/tmp")))
 
         self.assert_refused(self.start(), f"TCP port {HTTP_PORT} is taken by kestrel-server (process ")
 
@@ -189,7 +189,8 @@ class Run(unittest.TestCase):
         os.kill(next(p for p in children(run) if os.readlink(f"/proc/{p}/exe") ==
                      os.path.realpath(SERVICE)), signal.SIGKILL)
 
-        self.assertIn("scripts/run: kestrel-server has ended with status 137", run.communicate(timeout=60)[0])
+        self.assertIn("scripts/run: kestrel-server has ended with status 137",
+                      run.communicate(timeout=60)[0])
         self.assertEqual(1, run.returncode)
 
     def test_a_card_folder_that_leads_elsewhere_is_refused(self):
