@@ -1,6 +1,7 @@
 // The responder of every other path: a file of the web application.
 #include "HttpFileClient.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -10,9 +11,10 @@
 
 #include "AnswerBlock.h"
 #include "File.h"
-#include "WebCameraClient.h"
+#include "SendQueueTcpClient.h"
 
 static const char* const FOLDER = "/tmp/run/mountd/mmcblk0p1/kestrel-server/www";
+static const int PIECE = 32 * 1024; // bytes of a file that are read at once
 
 namespace {
 
@@ -41,7 +43,7 @@ const char* findContentType(const char* pExtension)
 
 } // namespace
 
-HttpFileClient::HttpFileClient(WebCameraClient& client, const std::string& strPath)
+HttpFileClient::HttpFileClient(SendQueueTcpClient& client, const std::string& strPath)
     : m_client(client), m_strPath(FOLDER + strPath)
 {
 }
@@ -70,7 +72,9 @@ int HttpFileClient::sendFile(const char* pContentType)
     {
     };
     if (0 != stat(m_strPath.c_str(), &info) || !S_ISREG(info.st_mode) || info.st_size > INT_MAX) {
-        return 1; // opening a FIFO would hold up the reactor
+        // Opening a FIFO would hold up the reactor.
+        // Deliberate: nothing is answered either when the file has just gone, not even a header.
+        return 1;
     }
     const auto nSize = static_cast<int>(info.st_size);
     const SafePointer_C<char> header = makeAnswerBlock(
@@ -80,24 +84,50 @@ int HttpFileClient::sendFile(const char* pContentType)
     if (nullptr == header.get()) {
         return 1;
     }
-    m_client.send(header, static_cast<int>(strlen(header.get())));
+    SendQueueTcpClient::Item aItem[2];
+    aItem[0].data = header;
+    aItem[0].nLength = static_cast<int>(strlen(header.get()));
+    m_nLeft = nSize;
+    const bool bRead = 0 == m_file.open(m_strPath.c_str(), FILE_FLAG_READ | FILE_FLAG_BINARY) &&
+                       readPiece(aItem[1]) && aItem[1].nLength == std::min(nSize, PIECE);
+    const bool bSent = m_client.sendTogether(aItem, bRead ? 2 : 1);
+    if (!bRead) {
+        m_nLeft = 0;
+    }
+    return (bRead && bSent) ? 0 : 1;
+}
 
-    const auto uSize = static_cast<size_t>(nSize);
-    char* pContent = static_cast<char*>(malloc((0 == nSize) ? 1 : uSize));
-    if (nullptr == pContent) {
-        return 1;
+/** The next piece, shorter than it should be when the file ends. @return false without memory */
+bool HttpFileClient::readPiece(SendQueueTcpClient::Item& item)
+{
+    const int nWanted = std::min(m_nLeft, PIECE);
+    char* pPiece = static_cast<char*>(malloc((0 == nWanted) ? 1 : static_cast<size_t>(nWanted)));
+    if (nullptr == pPiece) {
+        return false;
     }
-    const SafePointer_C<char> content(pContent);
-    File file;
-    if (0 != file.open(m_strPath.c_str(), FILE_FLAG_READ | FILE_FLAG_BINARY)) {
-        return 1;
+    item.data = SafePointer_C<char>(pPiece);
+    if (nullptr == item.data.get()) {
+        return false;
     }
-    if (nullptr == content.get() || file.read(pContent, uSize) < uSize) {
-        return 1;
+    item.nLength = static_cast<int>(m_file.read(pPiece, static_cast<size_t>(nWanted)));
+    m_nLeft -= item.nLength;
+    if (0 == m_nLeft) {
+        m_file.close();
     }
-    file.close();
-    m_client.send(content, nSize);
-    return 0;
+    return true;
+}
+
+IClient::PROGRESS_E HttpFileClient::goOn()
+{
+    if (0 == m_nLeft) {
+        return PROGRESS_DONE;
+    }
+    SendQueueTcpClient::Item item;
+    if (!readPiece(item) || 0 == item.nLength) {
+        return PROGRESS_FAILED;
+    }
+    m_client.send(item.data, item.nLength);
+    return PROGRESS_SENT;
 }
 
 int HttpFileClient::stop()

@@ -3,12 +3,14 @@
 
 #include <string>
 
+#include "File.h"
 #include "IClient.h"
-
-class WebCameraClient;
+#include "SendQueueTcpClient.h"
 
 /**
- * Reads a whole file and queues it behind its header. Files are expected to be small.
+ * Queues a file behind its header, in pieces: the next one is read when the last has left, so that
+ * a file of any size binds one piece. The header tells the size that the file has at first; later
+ * bytes are left out, and when there are fewer the connection closes behind those.
  *
  * Deliberate: the path goes to the file system as it is (".." included), extensions are compared
  * with case, and there is no error answer: whatever fails closes the connection.
@@ -20,21 +22,26 @@ public:
      * @param client   the connection, which outlives the responder
      * @param strPath  the request's path, appended to the web application's folder
      */
-    HttpFileClient(WebCameraClient& client, const std::string& strPath);
+    HttpFileClient(SendQueueTcpClient& client, const std::string& strPath);
 
     /**
-     * Queue the file; blocks while it is read.
+     * Queue the header and the first piece; blocks while that is read.
      * @return 0; 1 for what can't be read, is no regular file, is larger than an int can say, or
      * has none of the known extensions. The header has been queued when only the reading fails.
      */
     int start() override;
+
+    PROGRESS_E goOn() override;
 
     /** @return 0 */
     int stop() override;
 
 private:
     int sendFile(const char* pContentType);
+    bool readPiece(SendQueueTcpClient::Item& item);
 
-    WebCameraClient& m_client;
+    SendQueueTcpClient& m_client;
     const std::string m_strPath; // in the file system
+    File m_file;                 // open while there is more to read
+    int m_nLeft = 0;             // bytes not yet read
 };

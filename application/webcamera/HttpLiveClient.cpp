@@ -12,9 +12,9 @@
 #include "AnswerBlock.h"
 #include "Callback.h"
 #include "Log.h"
+#include "SendQueueTcpClient.h"
 #include "SystemModule.h"
 #include "VideoFrameEvent.h"
-#include "WebCameraClient.h"
 
 static const char* const SOURCE_NAME = "webcamera/HttpLiveClient";
 
@@ -62,7 +62,7 @@ SafePointer_C<char> makePartHeader(int nSize, int nSeconds, int nMicroseconds)
 
 } // namespace
 
-HttpLiveClient::HttpLiveClient(WebCameraClient& client, int32_t s32Stream) : m_client(client)
+HttpLiveClient::HttpLiveClient(SendQueueTcpClient& client, int32_t s32Stream) : m_client(client)
 {
     m_consumer.setCallback(
         std::make_unique<CB<HttpLiveClient, int>>(this, &HttpLiveClient::onLiveFrameEvent));
@@ -102,30 +102,34 @@ int HttpLiveClient::onLiveFrameEvent(Event* pEvent)
         // Not written into the frame, which other threads read, and never beyond its block.
         u32Size = std::min(u32Size, frame.u32Width * frame.u32Height);
     }
-    if (!constructFrameHeadEntry(frame.u32Format, u32Size)) {
+    SendQueueTcpClient::Item aItem[3];
+    if (!constructFrameHeadEntry(frame.u32Format, u32Size, aItem[0])) {
         return 0; // without memory the frame is dropped whole
     }
-    m_client.send(event.m_frame.castTo<char>(), static_cast<int>(u32Size));
-    m_client.send(m_trailer, static_cast<int>(strlen(m_trailer.get())));
+    aItem[1].data = event.m_frame.castTo<char>();
+    aItem[1].nLength = static_cast<int>(u32Size);
+    aItem[2].data = m_trailer;
+    aItem[2].nLength = static_cast<int>(strlen(m_trailer.get()));
+    (void)m_client.sendTogether(aItem, 3); // likewise
     return 0;
 }
 
-/** Queue a part's header; an empty one for a type that has none. @return false without memory */
-bool HttpLiveClient::constructFrameHeadEntry(uint32_t u32Type, uint32_t u32Size)
+/** Make a part's header; an empty one for a type that has none. @return false without memory */
+bool HttpLiveClient::constructFrameHeadEntry(uint32_t u32Type, uint32_t u32Size,
+                                             SendQueueTcpClient::Item& item)
 {
-    SafePointer_C<char> header;
     if (FRAME_FORMAT_MJPEG == u32Type) {
         timeval now{};
         gettimeofday(&now, nullptr); // the time of sending
-        header = makePartHeader(static_cast<int>(u32Size), static_cast<int>(now.tv_sec),
-                                static_cast<int>(now.tv_usec));
+        item.data = makePartHeader(static_cast<int>(u32Size), static_cast<int>(now.tv_sec),
+                                   static_cast<int>(now.tv_usec));
     } else {
         LOG(7, "unsport frame type !\n"); // sic
-        header = makeAnswerBlock(HEADER_BLOCK, "%s", "");
+        item.data = makeAnswerBlock(HEADER_BLOCK, "%s", "");
     }
-    if (nullptr == header.get()) {
+    if (nullptr == item.data.get()) {
         return false;
     }
-    m_client.send(header, static_cast<int>(strlen(header.get())));
+    item.nLength = static_cast<int>(strlen(item.data.get()));
     return true;
 }

@@ -6,14 +6,14 @@
 #include "Event.h"
 #include "IClient.h"
 #include "SafePointer.h"
+#include "SendQueueTcpClient.h"
 #include "VideoConsumer.h"
-
-class WebCameraClient;
 
 /**
  * Queues the stream's header when it starts and then, on the capture thread, each frame as a part:
  * part header, the frame's own block, boundary. While two or more items wait in the connection's
- * send queue, frames are dropped whole, so that a slow client holds two frames at most.
+ * send queue, frames are dropped whole, so that a slow client holds two frames at most: one that is
+ * being sent, and one that waits. A part enters the queue as a whole, or not at all.
  *
  * Deliberate: no boundary precedes the first part.
  */
@@ -21,7 +21,7 @@ class HttpLiveClient : public IClient
 {
 public:
     /** @param client  the connection, which outlives the responder */
-    HttpLiveClient(WebCameraClient& client, int32_t s32Stream);
+    HttpLiveClient(SendQueueTcpClient& client, int32_t s32Stream);
 
     /** @return 0, also without a camera; 1 without memory */
     int start() override;
@@ -37,9 +37,10 @@ public:
     int onLiveFrameEvent(Event* pEvent);
 
 private:
-    bool constructFrameHeadEntry(uint32_t u32Type, uint32_t u32Size);
+    bool constructFrameHeadEntry(uint32_t u32Type, uint32_t u32Size,
+                                 SendQueueTcpClient::Item& item);
 
-    WebCameraClient& m_client;
+    SendQueueTcpClient& m_client;
     VideoConsumer m_consumer;
     SafePointer_C<char> m_trailer; // behind each frame; one block, made by start()
     uint8_t m_u8Divisor = 1;       // a frame is used when the counter is a multiple

@@ -14,15 +14,15 @@
 #include "File.h"
 #include "Log.h"
 #include "OpenBelow.h"
+#include "SendQueueTcpClient.h"
 #include "SystemModule.h"
 #include "VideoFrameEvent.h"
-#include "WebCameraClient.h"
 
 static const char* const SOURCE_NAME = "webcamera/HttpSnapClient";
 
 static const char* const FOLDER = "/tmp/run/mountd/mmcblk0p1/kestrel-server/camera/";
 
-HttpSnapClient::HttpSnapClient(WebCameraClient& client, int32_t s32Stream,
+HttpSnapClient::HttpSnapClient(SendQueueTcpClient& client, int32_t s32Stream,
                                const std::string& strFileName, bool bCorrection)
     : m_client(client), m_strFileName(strFileName), m_bCorrection(bCorrection)
 {
@@ -76,10 +76,14 @@ void HttpSnapClient::answer(const PVENC_FRAME_T& picture)
     if (nullptr == header.get()) {
         return; // the next frame tries again
     }
-    m_client.send(header, static_cast<int>(strlen(header.get())));
+    SendQueueTcpClient::Item aItem[2];
+    aItem[0].data = header;
+    aItem[0].nLength = static_cast<int>(strlen(header.get()));
     if (nullptr != picture.get()) {
-        m_client.send(picture.castTo<char>(), nSize);
+        aItem[1].data = picture.castTo<char>();
+        aItem[1].nLength = nSize;
     }
+    (void)m_client.sendTogether(aItem, (nullptr == picture.get()) ? 1 : 2); // else the next frame
 }
 
 void HttpSnapClient::save(const VENC_FRAME_T& frame)

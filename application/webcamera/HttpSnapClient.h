@@ -9,7 +9,7 @@
 #include "VideoConsumer.h"
 #include "VideoFrame.h"
 
-class WebCameraClient;
+class SendQueueTcpClient;
 
 /**
  * Answers on the capture thread, with a frame that finds the connection's send queue empty, and
@@ -27,7 +27,7 @@ public:
      *                     that openBelow() refuses is answered and not saved
      * @param bCorrection  answer the lens-corrected picture
      */
-    HttpSnapClient(WebCameraClient& client, int32_t s32Stream, const std::string& strFileName,
+    HttpSnapClient(SendQueueTcpClient& client, int32_t s32Stream, const std::string& strFileName,
                    bool bCorrection);
 
     /** @return 0, also without a camera */
@@ -49,7 +49,7 @@ private:
     void answer(const PVENC_FRAME_T& picture);
     void save(const VENC_FRAME_T& frame);
 
-    WebCameraClient& m_client;
+    SendQueueTcpClient& m_client;
     VideoConsumer m_consumer;
     const std::string m_strFileName;
     const bool m_bCorrection;

@@ -4,7 +4,9 @@
 #include "SystemModule.h"
 #include "WebCameraClient.h"
 
-WebCamera::WebCamera() : TcpServer("webcamera")
+static const int MOST_CLIENTS = 512;
+
+WebCamera::WebCamera() : TcpServer("webcamera", MOST_CLIENTS)
 {
     (void)
         SystemModule::getInstance(); // connections that end with the server cancel consumers there
@@ -24,4 +26,12 @@ WebCamera& WebCamera::getInstance()
 TcpClient* WebCamera::createClient()
 {
     return new WebCameraClient();
+}
+
+bool WebCamera::makeRoom()
+{
+    const uint32_t u32NowMs = monotonicMs32();
+    return endHighest([u32NowMs](TcpClient& client) {
+        return static_cast<WebCameraClient&>(client).getIdleRank(u32NowMs);
+    });
 }

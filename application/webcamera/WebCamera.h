@@ -3,7 +3,8 @@
 
 #include "TcpServer.h"
 
-/** The server's reactor thread is "webcamera"; its connections are WebCameraClients. */
+/** The server's reactor thread is "webcamera"; its connections are WebCameraClients, 512 at most.
+ */
 class WebCamera : public TcpServer
 {
 public:
@@ -12,6 +13,10 @@ public:
     ~WebCamera() override;
 
     TcpClient* createClient() override;
+
+protected:
+    /** Ends the connection that can be spared best; with all of them at work there is none. */
+    bool makeRoom() override;
 
 private:
     WebCamera();

@@ -1,17 +1,25 @@
 // A connection of the HTTP camera service.
 #include "WebCameraClient.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
+// A connection without a request: its object and buffer, and what is left over in the blocks of two
+// part heads.
+static const uint32_t OWN_BYTES = 8192;
 static const int ANSWER_MS = 5000; // for a direct answer to leave
 
 WebCameraClient::WebCameraClient() : m_processor(*this, *this) {}
 
 int WebCameraClient::init()
 {
+    m_u32HeardMs = monotonicMs32();
+    if (!take(OWN_BYTES)) {
+        return 1;
+    }
     m_nBufferSize = 2048;
     char* pBuffer = static_cast<char*>(malloc(static_cast<size_t>(m_nBufferSize)));
     if (nullptr == pBuffer) {
@@ -47,8 +55,10 @@ int WebCameraClient::onRead(EPollEvent&)
         return 1;
     }
     if (0 == nRead) {
-        return 0; // the reactor looks once too often; only bytes are a chunk, to be routed again
+        // Deliberate: the reactor looks once too often; only bytes are a chunk, to be routed again.
+        return 0;
     }
+    m_u32HeardMs = monotonicMs32();
     try {
         return m_processor.parse(m_buffer.get(), nRead);
     } catch (const std::bad_alloc&) {
@@ -82,11 +92,27 @@ bool WebCameraClient::mayRead()
 
 int WebCameraClient::onTurn()
 {
-    if (!m_bAnswering || !isDrained()) {
+    if (m_bAnswering) {
+        if (!isDrained()) {
+            return 0;
+        }
+        m_bAnswering = false;
+        return TURN_AGAIN; // what has come meanwhile
+    }
+    try {
+        return m_processor.goOn();
+    } catch (const std::bad_alloc&) {
+        return 1; // as for a chunk
+    }
+}
+
+uint32_t WebCameraClient::getIdleRank(uint32_t u32NowMs) const
+{
+    if (m_bAnswering || m_processor.isAnswering()) {
         return 0;
     }
-    m_bAnswering = false;
-    return TURN_AGAIN; // what has come meanwhile
+    const uint32_t u32SilentMs = std::min(u32NowMs - m_u32HeardMs, UINT32_MAX / 2 - 1);
+    return 1 + u32SilentMs + (m_processor.hasRequest() ? 0 : UINT32_MAX / 2);
 }
 
 int WebCameraClient::getTimeLeft(uint32_t u32NowMs)

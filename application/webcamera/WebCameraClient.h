@@ -47,10 +47,18 @@ public:
     int onTurn() override;
     int getTimeLeft(uint32_t u32NowMs) override;
 
+    /**
+     * How well it can be spared for a new connection: without a complete request, then with all of
+     * it answered; of equals the one that has been silent longest.
+     * @return 0 while it is being answered
+     */
+    uint32_t getIdleRank(uint32_t u32NowMs) const;
+
 private:
     WebCameraHttpDataProcessor m_processor;
     int m_nBufferSize = 0; // bytes
     SafePointer_C<char> m_buffer;
     bool m_bAnswering = false;  // a direct answer is not gone yet
     uint32_t m_u32AnswerMs = 0; // when it began, of monotonicMs32
+    uint32_t m_u32HeardMs = 0;  // when the last bytes came, likewise
 };

@@ -12,14 +12,18 @@
 #include "HttpSnapClient.h"
 #include "Log.h"
 #include "SystemModule.h"
-#include "WebCameraClient.h"
 
 static const char* const SOURCE_NAME = "webcamera/WebCameraHttpDataProcessor";
 
 static const int32_t STREAM = 0; // Deliberate: whatever "stream" asks for
 
+static const uint32_t MOST_BODY = 64 * 1024;  // bytes that are kept
+static const uint32_t PARAM_BYTES = 160;      // what a parameter binds beside its texts
+static const uint32_t RESPONDER_BYTES = 8192; // what a responder binds, an open file's buffer
+static const int MOST_STEPS = 16;             // of answering in one turn
+
 WebCameraHttpDataProcessor::WebCameraHttpDataProcessor(ICommucation& commucation,
-                                                       WebCameraClient& client)
+                                                       SendQueueTcpClient& client)
     : m_commucation(commucation), m_client(client)
 {
 }
@@ -38,7 +42,44 @@ int WebCameraHttpDataProcessor::parse(const char* pData, int nLength)
     if (0 != feed(pData, nLength)) {
         return 1;
     }
-    return isComplete() ? route() : 0;
+    if (!isComplete()) {
+        return 0;
+    }
+    if (m_bFile && !m_vecResponder.empty()) {
+        m_u32Repeats += (UINT32_MAX == m_u32Repeats) ? 0 : 1;
+        return 0;
+    }
+    return route();
+}
+
+int WebCameraHttpDataProcessor::goOn()
+{
+    for (int i = 0; i < MOST_STEPS; ++i) {
+        if (!isAnswering() || !m_client.isDrained()) {
+            return 0;
+        }
+        if (m_vecResponder.empty()) {
+            --m_u32Repeats;
+            if (0 != route()) {
+                return 1;
+            }
+            continue;
+        }
+        switch (m_vecResponder.back()->goOn()) {
+        case IClient::PROGRESS_NONE:
+            return 0;
+        case IClient::PROGRESS_FAILED:
+            return 1;
+        case IClient::PROGRESS_SENT:
+            break;
+        case IClient::PROGRESS_DONE:
+            (void)m_vecResponder.back()->stop(); // a file's can't fail
+            m_vecResponder.pop_back();
+            m_client.give(RESPONDER_BYTES);
+            break;
+        }
+    }
+    return TcpClient::TURN_AGAIN;
 }
 
 int WebCameraHttpDataProcessor::feed(const char* pData, int nLength)
@@ -50,11 +91,22 @@ int WebCameraHttpDataProcessor::feed(const char* pData, int nLength)
     }
     const auto u32Length =
         static_cast<uint32_t>(std::min<size_t>(m_pending.size(), m_u32Expected - m_u32Received));
-    if (0 != u32Length) {
-        memcpy(m_body.get() + m_u32Received, m_pending.data(), u32Length);
-        m_u32Received += u32Length;
+    m_u32Received += u32Length;
+    return keepBody(m_pending.substr(0, u32Length)) ? 0 : 1;
+}
+
+/** @return false when the connection has been given up */
+bool WebCameraHttpDataProcessor::keepBody(std::string_view body)
+{
+    body = body.substr(0, MOST_BODY - m_vecBody.size());
+    if (body.empty()) {
+        return true;
     }
-    return 0;
+    if (!m_client.take(2 * static_cast<uint32_t>(body.size()))) { // the vector doubles as it grows
+        return false;
+    }
+    m_vecBody.insert(m_vecBody.end(), body.begin(), body.end());
+    return true;
 }
 
 int WebCameraHttpDataProcessor::feedHeader(const char* pData, int nLength)
@@ -70,22 +122,17 @@ int WebCameraHttpDataProcessor::feedHeader(const char* pData, int nLength)
     m_mapParam.clear();
     std::string_view key;
     std::string_view value;
+    uint32_t u32Bytes = static_cast<uint32_t>(m_strPath.size());
     while (m_parser.nextParam(key, value)) {
         m_mapParam[std::string(key)] = value;
+        u32Bytes += static_cast<uint32_t>(key.size() + value.size()) + PARAM_BYTES;
+    }
+    if (!m_client.take(u32Bytes)) {
+        return 1;
     }
     m_pending = m_parser.getBody();
     m_u32Expected = static_cast<uint32_t>(m_parser.getContentLength());
     m_u32Received = 0;
-    if (0 != m_u32Expected) {
-        char* pBody = static_cast<char*>(malloc(m_u32Expected));
-        if (nullptr == pBody) {
-            return 1;
-        }
-        m_body = SafePointer_C<char>(pBody);
-        if (nullptr == m_body.get()) {
-            return 1;
-        }
-    }
     m_bHeader = false; // Deliberate: for the rest of the connection
     return 0;
 }
@@ -110,6 +157,7 @@ int WebCameraHttpDataProcessor::route()
     if (m_strPath.empty()) {
         return 1;
     }
+    m_bFile = true;
     return startResponder(std::make_unique<HttpFileClient>(m_client, m_strPath));
 }
 
@@ -151,6 +199,9 @@ int WebCameraHttpDataProcessor::reply(const char* pText)
 
 int WebCameraHttpDataProcessor::startResponder(std::unique_ptr<IClient> pResponder)
 {
+    if (!m_client.take(RESPONDER_BYTES)) {
+        return 1;
+    }
     // Deliberate: the earlier responder answers on; it is stopped with the connection.
     m_vecResponder.push_back(std::move(pResponder));
     return m_vecResponder.back()->start();

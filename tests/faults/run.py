@@ -218,7 +218,7 @@ def main():
     reached = {name: max(count, at_start[name]) for name, count in count_all(calls).items()}
     # A sanitizer's wrapper of these hides whether the service or the virtual camera calls, which it
     # does while it is opened.
-    tasks = [task for call in calls if not (sanitizer and call.name in ("send", "recv", "poll"))
+    tasks = [task for call in calls if not (sanitizer and call.name in ("send", "sendmsg", "recv", "poll"))
              for task in start_tasks(call, at_start[call.name], quick)]
     tasks += [task for call in calls if reached[call.name] > at_start[call.name]
               for task in stream_tasks(call, at_start[call.name], quick)]

@@ -10,6 +10,7 @@
 #include "CardFolder.h"
 #include "Connection.h"
 #include "FakeSystem.h"
+#include "Fault.h"
 
 namespace {
 
@@ -173,6 +174,101 @@ TEST_F(HttpFileClientTest, FileThatCannotBeReadWholeIsAHeaderThatLeavesBeforeThe
     std::filesystem::create_symlink(pShort, m_www.path() / "f.txt");
 
     EXPECT_EQ("closed " + header("text/plain", uSize), get("/f.txt"));
+}
+
+TEST_F(HttpFileClientTest, FileOfAnySizeBindsOnePiece)
+{
+    m_www.write("f.png", "");
+    std::filesystem::resize_file(m_www.path() / "f.png", 100 << 20);
+    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
+    Connection connection;
+
+    EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
+
+    EXPECT_LT(ClientMemory::getInstance().getBytes(), u32Before + 100000);
+    EXPECT_EQ(0u, connection.receive(1000).find("HTTP/1.0 200 OK\r\n"));
+}
+
+TEST_F(HttpFileClientTest, FileThatShrinksClosesBehindWhatThereIs)
+{
+    const std::string strContent = payload(500001);
+    m_www.write("f.png", payload(1000000));
+    Connection connection(4096);
+    EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
+    std::filesystem::resize_file(m_www.path() / "f.png", 500001);
+
+    std::string strGot;
+    int nResult = 0;
+    while (0 == nResult) {
+        strGot += connection.receive();
+        nResult = connection.writeOn();
+    }
+    strGot += connection.receive();
+
+    EXPECT_EQ(1, nResult) << "closed";
+    EXPECT_EQ(header("image/png", 1000000).size() + 500001, strGot.size());
+    EXPECT_TRUE(header("image/png", 1000000) + strContent == strGot);
+}
+
+TEST_F(HttpFileClientTest, FileThatGrowsIsSentInItsFirstSize)
+{
+    m_www.write("f.png", payload(300000));
+    Connection connection(4096);
+    EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
+    m_www.write("f.png", payload(900000));
+
+    EXPECT_TRUE(header("image/png", 300000) + payload(300000) == connection.receiveAll());
+}
+
+TEST_F(HttpFileClientTest, RepeatsAreAnsweredInOrderOneAtATime)
+{
+    const std::string strAnswer = header("image/png", 300000) + payload(300000);
+    m_www.write("f.png", payload(300000));
+    Connection connection(4096);
+    EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
+    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
+    for (int i = 0; i < 300; ++i) {
+        EXPECT_EQ(0, connection.request("x"));
+    }
+    EXPECT_EQ(u32Before, ClientMemory::getInstance().getBytes()) << "a repeat binds nothing";
+
+    std::string strGot;
+    while (strGot.size() < 4 * strAnswer.size()) {
+        const std::string strMore = connection.receive();
+        EXPECT_EQ(0, connection.writeOn());
+        strGot += strMore;
+    }
+    EXPECT_TRUE(strAnswer + strAnswer + strAnswer + strAnswer ==
+                strGot.substr(0, 4 * strAnswer.size()));
+}
+
+TEST_F(HttpFileClientTest, DescriptorIsClosedOnceTheFileHasBeenRead)
+{
+    const auto openFiles = [] {
+        size_t uCount = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code error;
+            const std::string strTarget = std::filesystem::read_symlink(entry.path(), error);
+            uCount += (std::string::npos != strTarget.find("/f.txt")) ? 1 : 0;
+        }
+        return uCount;
+    };
+    m_www.write("f.txt", payload(100000));
+    Connection connection(4096);
+    EXPECT_EQ(0, connection.request("GET /f.txt HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(1u, openFiles());
+
+    (void)connection.receiveAll();
+
+    EXPECT_EQ(0u, openFiles());
+}
+
+TEST_F(HttpFileClientTest, DeliberateSilenceWithoutAFile)
+{
+    m_www.write("f.txt", "x");
+    FaultScope fault("stat=/tmp/run/mountd:1:EIO");
+
+    EXPECT_EQ("closed ", get("/f.txt")) << "no header with a length of -1";
 }
 
 TEST_F(HttpFileClientTest, StopReturnsSuccess)

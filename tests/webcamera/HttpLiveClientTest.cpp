@@ -158,7 +158,9 @@ TEST_F(HttpLiveClientTest, OneWaitingItemDoesNotDropAFrameAndTwoDo)
     Connection slow(2048);
     start(slow);
     PVENC_FRAME_T frame = makeFrame(50000);
-    FakeSystem::deliver(frame); // its header left, the frame is being sent, the trailer waits
+    FakeSystem::deliver(frame); // being sent
+    ASSERT_EQ(0, slow.client().getQueueLength());
+    slow.client().send(makeFrame(1).castTo<char>(), 1);
     ASSERT_EQ(1, slow.client().getQueueLength());
 
     FakeSystem::deliver(frame);
@@ -190,7 +192,7 @@ TEST_F(HttpLiveClientTest, EmptyHeaderWaitsAsAnItemOfItsOwn)
     PVENC_FRAME_T other = makeFrame(200, 13);
     FakeSystem::deliver(other);
 
-    EXPECT_EQ(4, slow.client().getQueueLength());
+    EXPECT_EQ(3, slow.client().getQueueLength());
 }
 
 TEST_F(HttpLiveClientTest, PlainFrameIsAsLargeAsItsPicture)
@@ -231,14 +233,39 @@ TEST_F(HttpLiveClientTest, OtherEventIsABadCast)
     EXPECT_THROW((void)live.onLiveFrameEvent(&other), std::bad_cast);
 }
 
-TEST_F(HttpLiveClientTest, SizeBeyondItsPlacesWidensTheHeader)
+TEST_F(HttpLiveClientTest, FrameBeyondTheClientsMemoryEndsTheConnection)
 {
     PVENC_FRAME_T frame = makeFrame(100000000);
+    (void)m_connection.receive();
 
     FakeSystem::deliver(frame);
 
-    EXPECT_EQ(0u, m_connection.receive().find(
-                      "Content-Type: image/jpeg\r\nContent-Length: 100000000\r\nX-Timestamp: "));
+    EXPECT_EQ("", m_connection.receive());
+    EXPECT_EQ(1, m_connection.read()) << "the reactor hears of it";
+}
+
+TEST_F(HttpLiveClientTest, PartEntersTheQueueWholeOrNotAtAll)
+{
+    // Where the allocations are is not the test's business: each of them fails once.
+    for (int nWhich = 1; nWhich < 20; ++nWhich) {
+        Connection connection;
+        start(connection);
+        (void)connection.receive();
+        PVENC_FRAME_T frame = makeFrame(300);
+        {
+            FaultScope fault(("malloc:" + std::to_string(nWhich) + ":ENOMEM").c_str());
+            FakeSystem::deliver(frame);
+            if (0 == faultHits()) {
+                EXPECT_GT(nWhich, 3) << "header, its handle, and three places in the queue";
+                return;
+            }
+        }
+        const std::string strGot = connection.receive(); // or the fixture's connection went without
+        EXPECT_TRUE(strGot.empty() || 26u + 26 + 48 + 2 + 300 + 24 == strGot.size()) << nWhich;
+
+        FakeSystem::deliver(frame);
+        EXPECT_EQ(26u + 26 + 48 + 2 + 300 + 24, connection.receive().size()) << nWhich;
+    }
 }
 
 TEST_F(HttpLiveClientTest, StartFailsWithoutMemory)

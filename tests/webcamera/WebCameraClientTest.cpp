@@ -359,7 +359,7 @@ TEST_F(WebCameraClientTest, DirectWriteWithoutMemoryFails)
 
 TEST_F(WebCameraClientTest, DirectWriteThatFailsIsToldAtOnce)
 {
-    FaultScope fault("send:1:ECONNRESET");
+    FaultScope fault("sendmsg:1:ECONNRESET");
 
     EXPECT_EQ(1, m_connection.client().write("x", 1));
 }

@@ -177,12 +177,51 @@ TEST_F(WebCameraHttpDataProcessorTest, HugeContentLengthWaitsWhereItCanBeAllocat
     }
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, BodyBufferThatCannotBeAllocatedClosesTheConnection)
+TEST_F(WebCameraHttpDataProcessorTest, NothingIsReservedForADeclaredLength)
 {
-    FaultScope fault("malloc=54321:1-:ENOMEM");
+    FaultScope fault("malloc>=3000:1-:ENOMEM");
 
-    EXPECT_EQ(1, feed("POST /live HTTP/1.1\r\nContent-Length: 54321\r\n\r\n"));
-    EXPECT_EQ(1u, faultHits());
+    EXPECT_EQ(0, feed("POST /live HTTP/1.1\r\nContent-Length: 2147483647\r\n\r\n"));
+    EXPECT_EQ(0, feed("some body"));
+
+    EXPECT_EQ(0u, faultHits());
+    EXPECT_FALSE(m_processor.isComplete());
+    EXPECT_EQ("some body", m_processor.getBody());
+}
+
+TEST_F(WebCameraHttpDataProcessorTest, BodyIsCountedAndItsFirst64KiBAreKept)
+{
+    const std::string strChunk(2048, 'b');
+    const uint32_t u32Length = 10 * 1024 * 1024;
+    EXPECT_EQ(0, feed("POST /live HTTP/1.1\r\nContent-Length: 10485760\r\n\r\n"));
+    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
+
+    for (uint32_t u = 0; u < u32Length; u += 2048) {
+        EXPECT_FALSE(m_processor.isComplete()) << u;
+        EXPECT_EQ(0, feed(strChunk));
+    }
+
+    EXPECT_TRUE(m_processor.isComplete());
+    EXPECT_EQ(u32Length, m_processor.getReceived());
+    EXPECT_TRUE(std::string(64 * 1024, 'b') == m_processor.getBody());
+    EXPECT_EQ(u32Before + 2 * 64 * 1024, ClientMemory::getInstance().getBytes()) << "counted";
+}
+
+TEST_F(WebCameraHttpDataProcessorTest, WhatParametersBindIsCounted)
+{
+    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
+
+    EXPECT_EQ(0, feed("GET /live?a=1&b=2&c=3 HTTP/1.1\r\n\r\n"));
+
+    EXPECT_GE(ClientMemory::getInstance().getBytes(), u32Before + 3 * 100);
+}
+
+TEST_F(WebCameraHttpDataProcessorTest, WithoutMemoryForTheBodyItThrows)
+{
+    EXPECT_EQ(0, feed("POST /live HTTP/1.1\r\nContent-Length: 2000\r\n\r\n"));
+    FaultScope fault("malloc=1500:1:ENOMEM");
+
+    EXPECT_THROW((void)m_processor.feed(std::string(1500, 'b').c_str(), 1500), std::bad_alloc);
 }
 
 TEST_F(WebCameraHttpDataProcessorTest, UrlWithoutPathFails)

@@ -8,7 +8,9 @@
 
 static const int SOCKET_BUFFER = 4096; // bytes, for each direction of a viewer's socket
 
-LogServer::LogServer() : TcpServer("LogServer")
+static const int MOST_VIEWERS = 32; // the newest is refused
+
+LogServer::LogServer() : TcpServer("LogServer", MOST_VIEWERS)
 {
     (void)Log::getInstance(); // outlives this singleton, with the bus and the log file
 }

@@ -295,18 +295,43 @@ int Socket::write(const void* pData, int nLength, int& nDone, const sockaddr_in*
         nSent = sendOnce(pData, nLength, pAddr);
         nErrno = errno;
     }
+    return finishWrite(nSent, nErrno, 0 == nLength, nDone, __LINE__);
+}
+
+int Socket::write(iovec* pPieces, int nCount, int& nDone)
+{
+    nDone = 0;
+    if (!isValid()) {
+        return -1;
+    }
+    msghdr message{};
+    message.msg_iov = pPieces;
+    message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(nCount);
+    ssize_t nSent = 0;
+    int nErrno = 0;
+    {
+        MutexGuard guard(m_writeMutex);
+        nSent = sendmsg(m_fd, &message, 0);
+        nErrno = errno;
+    }
+    return finishWrite(nSent, nErrno, false, nDone, __LINE__);
+}
+
+/** @param bEmpty  there was nothing to send */
+int Socket::finishWrite(ssize_t nSent, int nErrno, bool bEmpty, int& nDone, int nLine)
+{
     if (nSent > 0) {
         nDone = static_cast<int>(nSent);
         return 0;
     }
     if (0 == nSent) {
-        return (0 == nLength) ? 0 : -1;
+        return bEmpty ? 0 : -1;
     }
     if (EINTR == nErrno || EAGAIN == nErrno) {
         errno = nErrno; // the caller may want to tell them apart
         return 0;
     }
-    return report(nErrno, __LINE__, "write");
+    return report(nErrno, nLine, "write");
 }
 
 int Socket::writeE(const void* pData, const int& nLength, const sockaddr_in* pAddr)

@@ -84,7 +84,7 @@ int TcpClient::onWrite(EPollEvent&)
     for (;;) {
         if (isRestLeft()) {
             if (0 != sendRest()) {
-                // A producer's thread can't end the connection: after e.g. ENOMEM, which breaks
+                // Deliberate: a producer's thread can't end it: after e.g. ENOMEM, which breaks
                 // nothing, the reactor would otherwise never hear of it.
                 (void)m_socket.shutdown(SHUT_RDWR);
                 return 1;
@@ -95,9 +95,10 @@ int TcpClient::onWrite(EPollEvent&)
             }
         }
         if (0 != fetchBuffer()) {
-            return 1; // the guard unlocks: a lock held for ever would hang every later send
+            // Deliberate: the guard unlocks; a lock held for ever would hang every later send.
+            return 1;
         }
-        if (nullptr == m_pData) {
+        if (!hasBuffer()) {
             if (!m_bSending.exchange(false)) {
                 return 0;
             }
@@ -106,7 +107,7 @@ int TcpClient::onWrite(EPollEvent&)
             if (0 != fetchBuffer()) {
                 return 1;
             }
-            if (nullptr == m_pData) {
+            if (!hasBuffer()) {
                 return 0;
             }
         }
@@ -114,9 +115,14 @@ int TcpClient::onWrite(EPollEvent&)
     }
 }
 
+bool TcpClient::hasBuffer() const
+{
+    return nullptr != m_pData;
+}
+
 bool TcpClient::isRestLeft() const
 {
-    return nullptr != m_pData && m_nSent < m_nLength;
+    return hasBuffer() && m_nSent < m_nLength;
 }
 
 int TcpClient::sendRest()

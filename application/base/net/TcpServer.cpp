@@ -6,6 +6,10 @@
 #include <climits>
 #include <new>
 
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include "ClientMemory.h"
 #include "Log.h"
 
 static const char* const SOURCE_NAME = "TcpServer";
@@ -18,9 +22,11 @@ static const uint32_t LISTENER_MASK = EPOLLET | EPOLLIN;
 static const uint32_t CLIENT_MASK = EPOLLET | EPOLLHUP | EPOLLERR | EPOLLOUT | EPOLLIN;
 static const int32_t KEEP_ALIVE[] = {5, 1, 2}; // seconds idle, seconds between probes, probes
 
-TcpServer::TcpServer(const char* pName) : EPoll(MAX_EVENTS, pName)
+TcpServer::TcpServer(const char* pName, int nMostClients)
+    : EPoll(MAX_EVENTS, pName), m_nMostClients(nMostClients)
 {
-    (void)Log::getInstance(); // outlives a server that is a singleton
+    (void)Log::getInstance(); // outlives a server that is a singleton, as does the next one
+    (void)ClientMemory::getInstance();
 }
 
 TcpServer::~TcpServer()
@@ -119,6 +125,34 @@ int TcpServer::getTimeLeft(EPollEvent& event)
     return nLeft;
 }
 
+bool TcpServer::makeRoom()
+{
+    return false;
+}
+
+bool TcpServer::endHighest(const std::function<uint32_t(TcpClient&)>& rank)
+{
+    struct Highest
+    {
+        const std::function<uint32_t(TcpClient&)>& rank;
+        uint32_t u32Rank;
+        TcpClient* pClient;
+    } highest{rank, 0, nullptr};
+    forEach([&highest](EPollEvent& event) {
+        const uint32_t u32Rank = highest.rank(**event.m_ppClient);
+        if (u32Rank > highest.u32Rank) {
+            highest.u32Rank = u32Rank;
+            highest.pClient = *event.m_ppClient;
+        }
+    });
+    forEach([this, &highest](EPollEvent& event) {
+        if (*event.m_ppClient == highest.pClient) {
+            (void)onPollError(&event);
+        }
+    });
+    return nullptr != highest.pClient;
+}
+
 RET_E TcpServer::onPollAccept(Event*)
 {
     for (;;) {
@@ -133,6 +167,10 @@ RET_E TcpServer::onPollAccept(Event*)
                 acceptAgain(); // e.g. out of descriptors, with connections still pending
             }
             return RET_SUCCESS;
+        }
+        if (m_nClients >= m_nMostClients && !makeRoom()) {
+            (void)socket.close();
+            continue;
         }
         try {
             welcome(socket);
@@ -186,6 +224,10 @@ bool TcpServer::tune(TcpSocket& socket)
         LOG_AS("onPollAccept", 2, "tcp client socket set send buffer error !!\n");
         return false;
     }
+    // What belongs together is handed over together, so that nothing is gained by waiting for
+    // more. Without it things are only slower.
+    const int nOn = 1;
+    (void)setsockopt(socket.getFd(), IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
     return true;
 }
 
@@ -207,6 +249,7 @@ bool TcpServer::serve(std::unique_ptr<TcpClient> pClient, const TcpSocket& socke
         (void)pClient->uninit();
         return false;
     }
+    ++m_nClients;
     (void)pClient.release(); // its registration's, until onPollError
     return true;
 }
@@ -277,6 +320,7 @@ RET_E TcpServer::onPollError(Event* pEvent)
     }
     LOG(8, "tcp client error, delete from epoll and close !!\n");
     delete pClient;
+    --m_nClients;
     *event.m_ppClient = nullptr;
     TcpSocket socket(*event.m_pFd);
     (void)deleteFd(socket.getFd(), event.m_ppClient); // the event's pointers end here

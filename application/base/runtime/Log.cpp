@@ -220,6 +220,10 @@ void Log::write(const char* pFile, int nLine, const char* pFunction, uint32_t u3
         uLength = line.length();
         if (uLength >= LINE_CAPACITY) {
             pLine = extendCutLine(pLine, uLength);
+        } else {
+            // Log viewers may keep it for a while.
+            char* pShort = static_cast<char*>(realloc(pLine, uLength + 1));
+            pLine = (nullptr == pShort) ? pLine : pShort;
         }
     }
     const SafePointer_C<char> text(pLine); // reports a null line on standard output

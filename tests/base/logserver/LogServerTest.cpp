@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +32,7 @@
 #include "LogCapture.h"
 #include "LogClient.h"
 #include "ScratchFolder.h"
+#include "Time.h"
 
 namespace {
 
@@ -111,6 +113,13 @@ public:
         logLine("!\n");
         ASSERT_TRUE(readUntil("!\n")); // the last one
         m_strText.clear();
+    }
+
+    /** The server has not closed; what waits to be read stays. */
+    bool isOpen() const
+    {
+        pollfd entry{m_nFd, POLLRDHUP, 0};
+        return 0 == poll(&entry, 1, 0);
     }
 
     const std::string& text() const
@@ -428,7 +437,7 @@ TEST_F(LogServerTest, WithoutItsPortTheServerIsNotStarted)
 TEST_F(LogServerTest, ViewersThatStayedHaveEveryLineWhileOthersComeAndGo)
 {
     const int THREADS = 4;
-    const int LINES = 10000;
+    const int LINES = 3000; // what all viewers lag behind by stays inside the clients' memory
     RecordingServer server;
     const uint16_t u16Port = server.open();
     const int nDescriptors = countDescriptors();
@@ -502,6 +511,88 @@ TEST_F(LogServerTest, ViewerThatStopsReadingHoldsTheLinesUntilItLeaves)
 
     EXPECT_TRUE(eventually([&] { return allocatedBytes() < uBefore + LINES * size_t{1000}; }))
         << allocatedBytes() << " after " << uBefore;
+}
+
+TEST_F(LogServerTest, ViewerBeyondThe32ndIsRefused)
+{
+    LogServer& server = LogServer::getInstance();
+    const uint16_t u16Port = freePort();
+    ASSERT_EQ(0, server.setUp("127.0.0.1", u16Port));
+    {
+        std::vector<std::unique_ptr<Viewer>> vecViewer;
+        for (int i = 0; i < 32; ++i) {
+            vecViewer.push_back(std::make_unique<Viewer>(u16Port));
+            vecViewer.back()->waitUntilServed();
+        }
+        Viewer newest(u16Port);
+        EXPECT_FALSE(newest.readMore()) << "closed";
+        for (const auto& pViewer : vecViewer) {
+            EXPECT_TRUE(pViewer->isOpen());
+        }
+    }
+    EXPECT_EQ(0, server.stop());
+    EXPECT_EQ(0, server.uninit());
+}
+
+TEST_F(LogServerTest, ViewerThatTakesNothingForFiveSecondsIsClosed)
+{
+    RecordingServer server;
+    const uint16_t u16Port = server.open();
+    Viewer reader(u16Port);
+    reader.waitUntilServed();
+    Viewer sleeper(u16Port, 4096);
+    sleeper.waitUntilServed();
+    const int nDescriptors = countDescriptors();
+    const uint32_t u32StartMs = monotonicMs32();
+    const std::string strLine = std::string(4000, 'x') + "\n";
+    std::thread other([&] { EXPECT_TRUE(reader.readUntil("the end\n", true)); });
+    for (int i = 0; i < 400; ++i) {
+        logLine(strLine);
+    }
+    logLine("the end\n");
+    other.join();
+
+    EXPECT_TRUE(eventually([&] { return nDescriptors - 1 == countDescriptors(); }));
+    EXPECT_GE(monotonicMs32() - u32StartMs, 5000U);
+    EXPECT_TRUE(reader.isOpen());
+}
+
+TEST_F(LogServerTest, ViewerThatStopsWithLessThanAMebibyteWaitingStays)
+{
+    RecordingServer server;
+    Viewer sleeper(server.open(), 4096);
+    sleeper.waitUntilServed();
+    LogClient* pSleeper = server.m_pLast;
+    const std::string strLine = std::string(4000, 'x') + "\n";
+    for (int i = 0; i < 250; ++i) { // 1,000,250 bytes
+        logLine(strLine);
+    }
+    const uint32_t u32NowMs = monotonicMs32();
+
+    EXPECT_EQ(INT_MAX, pSleeper->getTimeLeft(u32NowMs));
+    EXPECT_EQ(INT_MAX, pSleeper->getTimeLeft(u32NowMs + 60000));
+}
+
+TEST(LogClient, SlowReaderHasFiveSecondsForEachByte)
+{
+    int anPair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, anPair));
+    LogClient client;
+    client.setSocket(TcpSocket(anPair[0]));
+    std::string strLines(2 * 1024 * 1024, 'x');
+    for (int i = 0; i < 2; ++i) { // one is being sent, one waits
+        LogEvent line(SafePointer_C<char>(strdup(strLines.c_str())), 2 * 1024 * 1024, 2);
+        EXPECT_EQ(0, client.onLog(&line));
+    }
+
+    EXPECT_EQ(5000, client.getTimeLeft(1000));
+    EXPECT_EQ(1, client.getTimeLeft(5999));
+    std::string strTaken(300000, ' '); // the reader takes something
+    ASSERT_GT(recv(anPair[1], strTaken.data(), strTaken.size(), 0), 0);
+    EXPECT_EQ(5000, client.getTimeLeft(6000));
+    EXPECT_EQ(0, client.getTimeLeft(11000));
+    close(anPair[0]);
+    close(anPair[1]);
 }
 
 TEST(LogClient, AnotherEventTypeIsABadCast)

@@ -85,7 +85,7 @@ public:
 
 std::string faultOnSend(NetPair& pair, const char* pWhich, int nError)
 {
-    return "send=" + std::to_string(pair.m_near.getFd()) + ":" + pWhich + ":" +
+    return "sendmsg=" + std::to_string(pair.m_near.getFd()) + ":" + pWhich + ":" +
            std::to_string(nError);
 }
 
@@ -110,16 +110,107 @@ TEST(SendQueueTcpClient, QueueThatCannotGrowEndsTheConnection)
     NetPair pair;
     QueueClient client(pair);
     client.sendText(LARGE); // most of it waits
+    const SafePointer_C<char> data = block("x");
     {
-        FaultScope fault("malloc>=1024:1-:ENOMEM");
-        for (int i = 0; i < 5000; ++i) {
-            client.sendText("x");
-        }
-        EXPECT_GE(faultHits(), 1u);
+        FaultScope fault("malloc:1:ENOMEM");
+        client.send(data, 1);
+        EXPECT_EQ(1u, faultHits());
     }
 
     EXPECT_LT(readBytes(pair.m_far, LARGE.size()).size(), LARGE.size()) << "the peer sees the end";
     EXPECT_EQ(1, client.write()) << "the reactor ends it";
+}
+
+TEST(SendQueueTcpClient, ConstructionAllocatesNothing)
+{
+    const SendQueueTcpClient first; // the singletons are there
+    const unsigned long ulBefore = faultThreadAllocations();
+
+    SendQueueTcpClient client;
+
+    EXPECT_EQ(ulBefore, faultThreadAllocations());
+}
+
+TEST(SendQueueTcpClient, WhatWaitsLeavesInOneCall)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    SendQueueTcpClient::Item aItem[3];
+    const char* const aText[] = {"head", "picture", "boundary"};
+    for (int i = 0; i < 3; ++i) {
+        aItem[i].data = block(aText[i]);
+        aItem[i].nLength = static_cast<int>(strlen(aText[i]));
+    }
+    FaultScope fault("sendmsg:2-:EPIPE");
+
+    EXPECT_TRUE(client.sendTogether(aItem, 3));
+
+    EXPECT_EQ("headpictureboundary", readBytes(pair.m_far, 19));
+    EXPECT_EQ(0U, faultHits()) << "one call";
+    EXPECT_TRUE(client.isDrained());
+}
+
+TEST(SendQueueTcpClient, ItemsThatCannotAllEnterTheQueueDoNotBegin)
+{
+    for (const char* pPlan : {"malloc:1:ENOMEM", "malloc:2:ENOMEM", "malloc:3:ENOMEM"}) {
+        NetPair pair;
+        QueueClient client(pair);
+        SendQueueTcpClient::Item aItem[3];
+        for (SendQueueTcpClient::Item& item : aItem) {
+            item.data = block("x");
+            item.nLength = 1;
+        }
+        {
+            FaultScope fault(pPlan);
+            EXPECT_FALSE(client.sendTogether(aItem, 3));
+        }
+
+        client.sendText("goes on");
+        EXPECT_EQ("goes on", readBytes(pair.m_far, 7));
+    }
+}
+
+TEST(SendQueueTcpClient, BatchThatIsCutAnywhereGoesOnWhereItWas)
+{
+    const std::string strPiece(3000, 'p');
+    NetPair pair;
+    QueueClient client(pair);
+    std::string strExpected;
+    client.sendText(std::string(100000, 'x'));
+    strExpected += std::string(100000, 'x');
+    for (int i = 0; i < 50; ++i) { // three batches and a bit
+        const std::string strText = std::to_string(i) + strPiece;
+        client.sendText(strText);
+        client.send(SafePointer_C<char>(), 10); // passed over
+        client.sendText("");
+        strExpected += strText;
+    }
+
+    std::string strGot;
+    while (strGot.size() < strExpected.size()) {
+        strGot += readPending(pair.m_far);
+        if (pair.m_near.waitWritable(Time(0, 1000))) {
+            ASSERT_EQ(0, client.write()); // the out event
+        }
+    }
+    EXPECT_TRUE(strExpected == strGot);
+    EXPECT_TRUE(client.isDrained());
+}
+
+TEST(SendQueueTcpClient, WhatIsBeingSentDoesNotWait)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    SendQueueTcpClient::Item aItem[3];
+    for (SendQueueTcpClient::Item& item : aItem) {
+        item.data = block(LARGE);
+        item.nLength = static_cast<int>(LARGE.size());
+    }
+
+    EXPECT_TRUE(client.sendTogether(aItem, 3));
+
+    EXPECT_EQ(0, client.getQueueLength());
+    EXPECT_FALSE(client.isDrained());
 }
 
 TEST(SendQueueTcpClient, OnlyTheGivenBytesBehindTheDataOffsetAreSent)
@@ -310,7 +401,7 @@ TEST(SendQueueTcpClient, AFailingDirectWriteDoesNotHangTheConnection)
     LogViewer viewer(pair);
     LogCapture log;
     int nDone = 0;
-    FaultScope fault(faultOnSend(pair, "1", EPIPE).c_str());
+    FaultScope fault("send:1:EPIPE");
 
     EXPECT_EQ(-1, viewer.getSocket().writeTimeOut("x", 1, nDone, nullptr, Time(5, 0)));
 

@@ -54,7 +54,7 @@ private:
 class JournalServer : public TcpServer
 {
 public:
-    JournalServer() = default;
+    explicit JournalServer(int nMostClients = INT_MAX) : TcpServer(nullptr, nMostClients) {}
     ~JournalServer() override;
 
     TcpClient* createClient() override;
@@ -72,8 +72,15 @@ public:
     bool poll(const std::string& strStep, int nCount = 1);
 
     Journal m_journal;
-    std::set<std::string> m_failing;  // steps that return 1; "create" gives no client
-    std::atomic<int> m_nClients{0};   // made so far
-    JournalClient* m_pLast = nullptr; // made last
-    std::function<void()> m_onCreate; // called once a client has been made
+    std::set<std::string> m_failing;            // steps that return 1; "create" gives no client
+    std::atomic<int> m_nClients{0};             // made so far
+    JournalClient* m_pLast = nullptr;           // made last
+    std::function<void()> m_onCreate;           // called once a client has been made
+    std::function<uint32_t(TcpClient&)> m_rank; // of makeRoom; without, there is none
+
+protected:
+    bool makeRoom() override
+    {
+        return m_rank && endHighest(m_rank);
+    }
 };

@@ -481,6 +481,77 @@ TEST(TcpServer, PassAcceptsSixteenConnectionsAndTheNextOneTheRest)
     }
 }
 
+TEST(TcpServer, BeyondItsMostConnectionsTheNewestIsRefused)
+{
+    JournalServer server(2);
+    server.listen();
+    TcpSocket first = connectTo(server.getPort());
+    TcpSocket second = connectTo(server.getPort());
+    TcpSocket third = connectTo(server.getPort());
+
+    ASSERT_TRUE(eventually([&] { return 0 == server.pollOnce() && third.waitReadable(Time()); }));
+
+    EXPECT_TRUE(sawEnd(third));
+    EXPECT_TRUE(isSilent(first));
+    EXPECT_TRUE(isSilent(second));
+    EXPECT_EQ(2, server.m_journal.count("create"));
+
+    (void)first.close();
+    ASSERT_TRUE(server.poll("delete"));
+    TcpSocket fourth = connectTo(server.getPort());
+    EXPECT_TRUE(server.poll("start", 3)) << "there is room again";
+    for (TcpSocket* pPeer : {&second, &third, &fourth}) {
+        (void)pPeer->close();
+    }
+}
+
+TEST(TcpServer, BeyondItsMostConnectionsOneMayMakeRoom)
+{
+    JournalServer server(2);
+    server.listen();
+    TcpSocket first = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    TcpClient* pFirst = server.m_pLast;
+    TcpSocket second = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start", 2));
+    server.m_rank = [pFirst](TcpClient& client) { return (&client == pFirst) ? 2 : 1; };
+    TcpSocket third = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start", 3));
+
+    EXPECT_TRUE(sawEnd(first));
+    EXPECT_TRUE(isSilent(second));
+    for (TcpSocket* pPeer : {&first, &second, &third}) {
+        (void)pPeer->close();
+    }
+}
+
+TEST(TcpServer, AcceptedSocketsDoNotWaitForMoreToSend)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+
+    EXPECT_EQ(1, optionOf(server.m_pLast->getSocket().getFd(), IPPROTO_TCP, TCP_NODELAY));
+    (void)peer.close();
+}
+
+TEST(TcpServer, SocketThatWaitsForMoreToSendIsServedAllTheSame)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    LogCapture log;
+    FaultScope fault("setsockopt:7:ENOMEM"); // the last one, behind the buffers
+
+    ASSERT_TRUE(server.poll("start"));
+
+    EXPECT_EQ(1U, faultHits());
+    EXPECT_EQ(0, optionOf(server.m_pLast->getSocket().getFd(), IPPROTO_TCP, TCP_NODELAY));
+    EXPECT_EQ(Lines(), takeLines(log, "nRet"));
+    (void)peer.close();
+}
+
 TEST(TcpServer, AHangUpEndsTheConnectionOnce)
 {
     JournalServer server;
@@ -611,7 +682,7 @@ TEST(TcpServer, AWriteThatFailsOnAnotherThreadEndsTheConnection)
     ASSERT_TRUE(server.poll("start"));
     (void)server.pollOnce(); // the first out event
     (void)server.m_journal.take();
-    FaultScope fault("send:1:ENOMEM");
+    FaultScope fault("sendmsg:1:ENOMEM");
 
     std::thread producer([&] {
         char* pData = static_cast<char*>(malloc(4));

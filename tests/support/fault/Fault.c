@@ -692,6 +692,7 @@ BY_FD(ssize_t, read, (int fd, void* pBuffer, size_t uCount), (fd, pBuffer, uCoun
 BY_FD(ssize_t, write, (int fd, const void* pData, size_t uCount), (fd, pData, uCount), -1)
 BY_FD(int, close, (int fd), (fd), -1)
 BY_TEXT(int, access, (const char* text, int nMode), (text, nMode), -1)
+BY_TEXT(int, stat, (const char* text, struct stat* pStat), (text, pStat), -1)
 PLAIN(int, pipe, (int anFd[2]), (anFd), -1)
 PLAIN(int, munmap, (void* pStart, size_t uLength), (pStart, uLength), -1)
 BY_TEXT(void*, dlopen, (const char* text, int nFlags), (text, nFlags), NULL)
@@ -720,6 +721,8 @@ BY_FD(ssize_t, send, (int fd, const void* pData, size_t uCount, int nFlags),
       (fd, pData, uCount, nFlags), -1)
 BY_FD(ssize_t, recv, (int fd, void* pBuffer, size_t uCount, int nFlags),
       (fd, pBuffer, uCount, nFlags), -1)
+BY_FD(ssize_t, sendmsg, (int fd, const struct msghdr* pMessage, int nFlags), (fd, pMessage, nFlags),
+      -1)
 BY_FD(ssize_t, sendto,
       (int fd, const void* pData, size_t uCount, int nFlags, const struct sockaddr* pAddress,
        socklen_t uLength),

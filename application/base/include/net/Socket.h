@@ -7,6 +7,7 @@
 
 #include <netinet/in.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include "Mutex.h"
 #include "Time.h"
@@ -163,6 +164,9 @@ public:
      */
     int write(const void* pData, int nLength, int& nDone, const sockaddr_in* pAddr = nullptr);
 
+    /** As write, of several pieces in one call (sendmsg(2)): bytes that follow each other. */
+    int write(iovec* pPieces, int nCount, int& nDone);
+
     /** Send everything; while the kernel's buffer is full it tries every 3 ms, for ever. */
     int writeE(const void* pData, const int& nLength, const sockaddr_in* pAddr = nullptr);
 
@@ -177,6 +181,7 @@ protected:
     int m_fd = -1; // -1: none
 
 private:
+    int finishWrite(ssize_t nSent, int nErrno, bool bEmpty, int& nDone, int nLine);
     static int report(int nErrno, int nLine, const char* pOperation);
     static int finish(int nResult, int nLine, const char* pOperation);
     static int checkError(int nRet);

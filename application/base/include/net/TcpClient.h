@@ -110,9 +110,15 @@ protected:
     TcpSocket m_socket;
 
 private:
-    int fetchBuffer() REQUIRES(m_mtxSend);
-    int sendRest() REQUIRES(m_mtxSend);
-    bool isRestLeft() const REQUIRES(m_mtxSend);
+    // The engine's steps, for a class that has its buffers otherwise than by getNextBuffer.
+
+    /** There is a current buffer, whether or not it has been written whole. */
+    virtual bool hasBuffer() const REQUIRES(m_mtxSend);
+    virtual bool isRestLeft() const REQUIRES(m_mtxSend);
+    /** Write once, again after a signal. @return non-zero fails the write */
+    virtual int sendRest() REQUIRES(m_mtxSend);
+    /** The next buffer, if there is one. @return non-zero fails the write */
+    virtual int fetchBuffer() REQUIRES(m_mtxSend);
 
     // Guards the current buffer; error-checking. The lock of a queue may be taken inside, and the
     // socket's write lock.

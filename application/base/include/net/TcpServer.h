@@ -1,7 +1,9 @@
 // A listening TCP socket on its own reactor, and the connections accepted from it.
 #pragma once
 
+#include <climits>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -23,8 +25,11 @@
 class TcpServer : public EPoll
 {
 public:
-    /** @param pName  the reactor thread's name; null gives "epoll" */
-    explicit TcpServer(const char* pName = nullptr);
+    /**
+     * @param pName         the reactor thread's name; null gives "epoll"
+     * @param nMostClients  connections at a time; further ones are closed unless makeRoom helps
+     */
+    explicit TcpServer(const char* pName = nullptr, int nMostClients = INT_MAX);
     ~TcpServer() override;
 
     /**
@@ -59,6 +64,12 @@ protected:
      */
     void endService();
 
+    /** End a connection for a new one. @return false when there is none to end, as here */
+    virtual bool makeRoom();
+
+    /** End the connection that has the highest rank above 0. @return false when none has */
+    bool endHighest(const std::function<uint32_t(TcpClient&)>& rank);
+
     /** Ends the connections whose time is over. */
     int getWaitMs() override;
 
@@ -78,6 +89,8 @@ private:
     int m_nReceiveBufferSize = 0;
     int m_nSendBufferSize = 0;
     int m_nAccepted = 0; // in this pass
+    const int m_nMostClients;
+    int m_nClients = 0;
     // Made for connections whose set-up then failed; they live as long as the server.
     std::vector<std::unique_ptr<TcpClient>> m_vecRetired;
 };
