@@ -1,9 +1,10 @@
 // JPEG pictures to pixels and back, by libjpeg.
 #include "JpegCodec.h"
 
+#include <algorithm>
 #include <csetjmp>
 #include <cstdio>
-#include <cstdlib>
+#include <exception>
 
 #include <jerror.h>
 #include <jpeglib.h>
@@ -93,6 +94,10 @@ private:
     Failure m_failure{};
 };
 
+/**
+ * Writes into a vector of its own. Not jpeg_mem_dest(): when memory runs out while its buffer
+ * grows, the caller is left with the address of the buffer before, which has been freed.
+ */
 class Encoder
 {
 public:
@@ -100,11 +105,13 @@ public:
     {
         setUp(m_failure);
         m_info.err = &m_failure.manager;
+        m_target.manager.init_destination = begin;
+        m_target.manager.empty_output_buffer = grow;
+        m_target.manager.term_destination = end;
     }
     ~Encoder()
     {
         jpeg_destroy_compress(&m_info);
-        free(m_pOut);
     }
     Encoder(const Encoder&) = delete;
     Encoder& operator=(const Encoder&) = delete;
@@ -115,7 +122,7 @@ public:
             return false;
         }
         jpeg_create_compress(&m_info);
-        jpeg_mem_dest(&m_info, &m_pOut, &m_nOut);
+        m_info.dest = &m_target.manager;
         m_info.image_width = static_cast<JDIMENSION>(rgb.cols);
         m_info.image_height = static_cast<JDIMENSION>(rgb.rows);
         m_info.input_components = 3;
@@ -131,16 +138,64 @@ public:
         return true;
     }
 
-    void copyTo(std::vector<uint8_t>& vecOut) const
+    /** Hand the bytes out after a write(). */
+    void moveTo(std::vector<uint8_t>& vecOut)
     {
-        vecOut.assign(m_pOut, m_pOut + m_nOut);
+        vecOut.swap(m_target.vecByte);
     }
 
 private:
+    struct Target
+    {
+        jpeg_destination_mgr manager; // first: libjpeg knows only this part
+        std::vector<uint8_t> vecByte;
+    };
+
+    static Target& targetOf(j_compress_ptr pInfo)
+    {
+        return *reinterpret_cast<Target*>(pInfo->dest);
+    }
+
+    // Double the vector and let libjpeg write into the new half. No exception may cross libjpeg.
+    static bool enlarge(Target& target)
+    {
+        const size_t nUsed = target.vecByte.size();
+        try {
+            target.vecByte.resize(std::max(2 * nUsed, FIRST_SIZE));
+        } catch (const std::exception&) {
+            return false;
+        }
+        target.manager.next_output_byte = target.vecByte.data() + nUsed;
+        target.manager.free_in_buffer = target.vecByte.size() - nUsed;
+        return true;
+    }
+
+    static void begin(j_compress_ptr pInfo)
+    {
+        targetOf(pInfo).vecByte.clear();
+        (void)grow(pInfo); // jumps when it fails
+    }
+
+    // Called when the buffer is full; what the manager says about its rest is of no account.
+    static boolean grow(j_compress_ptr pInfo)
+    {
+        if (!enlarge(targetOf(pInfo))) {
+            errorExit(reinterpret_cast<j_common_ptr>(pInfo));
+        }
+        return TRUE;
+    }
+
+    static void end(j_compress_ptr pInfo)
+    {
+        Target& target = targetOf(pInfo);
+        target.vecByte.resize(target.vecByte.size() - target.manager.free_in_buffer);
+    }
+
+    static constexpr size_t FIRST_SIZE = 65536; // bytes; about a picture of 640 x 480
+
     jpeg_compress_struct m_info{};
     Failure m_failure{};
-    unsigned char* m_pOut = nullptr; // libjpeg's, by malloc
-    unsigned long m_nOut = 0;
+    Target m_target{};
 };
 
 } // namespace
@@ -161,6 +216,6 @@ bool JpegCodec::encode(const cv::Mat& rgb, int nQuality, std::vector<uint8_t>& v
     if (!encoder.write(rgb, nQuality)) {
         return false;
     }
-    encoder.copyTo(vecOut);
+    encoder.moveTo(vecOut);
     return true;
 }

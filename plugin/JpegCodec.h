@@ -8,8 +8,8 @@
 #include <opencv2/core.hpp>
 
 /**
- * No state; any thread. Both functions print nothing and may throw std::bad_alloc or cv::Exception
- * when memory runs out.
+ * No state; any thread. Both functions print nothing. When memory runs out they return false, or
+ * decode() throws cv::Exception.
  */
 class JpegCodec
 {
@@ -27,7 +27,8 @@ public:
     /**
      * @param rgb       8 bits per channel, red first
      * @param nQuality  1 to 100
-     * @return false when the picture has no JPEG form (empty, or a side above 65500)
+     * @return false when the picture has no JPEG form (empty, or a side above 65500), or when
+     *         memory runs out; vecOut is then as it was
      */
     static bool encode(const cv::Mat& rgb, int nQuality, std::vector<uint8_t>& vecOut);
 };

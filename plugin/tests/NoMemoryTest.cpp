@@ -1,45 +1,19 @@
-// The plug-in when memory runs out at any of its allocations: nothing is thrown at a C caller.
-#include <cstdlib>
+// The plug-in when memory runs out at any of its allocations: each is answered by a failure.
+#include <algorithm>
+#include <cmath>
 #include <cstring>
-#include <new>
+#include <random>
+#include <string>
+#include <vector>
 
 #include <dlfcn.h>
 
 #include <gtest/gtest.h>
 
+#include "Fault.h"
+#include "JpegCodec.h"
 #include "SceneCamera.h"
 #include "frame_process.h"
-
-namespace {
-
-thread_local int t_nAllowed = -1; // allocations until one fails; -1: all succeed
-
-} // namespace
-
-// Every library of the program takes its memory here. Not inlined: the compiler takes free() of
-// what it sees come from operator new for a mistake.
-__attribute__((noinline)) void* operator new(size_t nSize)
-{
-    if (0 == t_nAllowed) {
-        throw std::bad_alloc();
-    }
-    t_nAllowed -= t_nAllowed > 0 ? 1 : 0;
-    void* const pMemory = malloc(0 == nSize ? 1 : nSize);
-    if (nullptr == pMemory) {
-        throw std::bad_alloc();
-    }
-    return pMemory;
-}
-
-__attribute__((noinline)) void operator delete(void* pMemory) noexcept
-{
-    free(pMemory);
-}
-
-__attribute__((noinline)) void operator delete(void* pMemory, size_t) noexcept
-{
-    free(pMemory);
-}
 
 // When an allocation inside OpenCV fails, it loses what it had allocated for the same picture.
 extern "C" const char* __lsan_default_suppressions(); // NOLINT(*-reserved-identifier,*-naming)
@@ -49,6 +23,9 @@ extern "C" const char* __lsan_default_suppressions()  // NOLINT(*-reserved-ident
 }
 
 namespace {
+
+// operator new is among those of malloc.
+const char* const ALLOCATORS[] = {"malloc", "calloc", "realloc", "posix_memalign"};
 
 template <typename FUNCTION> FUNCTION* entryPoint(const char* pName)
 {
@@ -61,20 +38,45 @@ template <typename FUNCTION> FUNCTION* entryPoint(const char* pName)
     return pFunction;
 }
 
-// Lets the first, the second, ... allocation of a call fail until the call gets by with those that
-// succeed. Returns how many failures the call reported.
-template <typename CALL> int failEachAllocation(const CALL& call)
+/**
+ * Let the first, the second, ... allocation of a call fail, alone and with all that follow, until
+ * the call gets by without it. Returns how many failures the call reported. libjpeg asks again for
+ * less, so that a call may succeed with one failed allocation, but then as if nothing had been.
+ * @param call       the entry point's result
+ * @param untouched  whether the caller's values are as before the call
+ * @param good       whether they are what an undisturbed call writes
+ */
+template <typename CALL, typename UNTOUCHED, typename GOOD>
+int failEachAllocation(const CALL& call, const UNTOUCHED& untouched, const GOOD& good)
 {
     EXPECT_EQ(0, call()); // what is allocated once and kept
-    for (int nAllowed = 0;; nAllowed++) {
-        t_nAllowed = nAllowed;
-        const int nResult = call();
-        t_nAllowed = -1;
-        if (0 == nResult) {
-            return nAllowed;
+    int nFailures = 0;
+    for (const char* const pAllocator : ALLOCATORS) {
+        for (const char* const pEnd : {"", "-"}) {
+            for (int nWhich = 1;; ++nWhich) {
+                const std::string strPlan =
+                    std::string(pAllocator) + ":" + std::to_string(nWhich) + pEnd + ":ENOMEM";
+                EXPECT_EQ(0, faultPlan(strPlan.c_str()));
+                const int nResult = call();
+                const unsigned uHits = faultHits();
+                EXPECT_EQ(0, faultPlan(""));
+                if (0 == uHits) {
+                    EXPECT_EQ(0, nResult) << strPlan;
+                    break;
+                }
+                if (0 == nResult && '\0' == *pEnd) {
+                    EXPECT_TRUE(good()) << strPlan;
+                    continue;
+                }
+                EXPECT_GT(nResult, 0) << strPlan;
+                EXPECT_TRUE(untouched()) << strPlan;
+                ++nFailures;
+            }
         }
-        EXPECT_GT(nResult, 0);
     }
+    EXPECT_EQ(0, call());
+    EXPECT_TRUE(good());
+    return nFailures;
 }
 
 } // namespace
@@ -83,33 +85,38 @@ TEST(PluginWithoutMemory, FindPosFails)
 {
     auto* const pFindPos = entryPoint<decltype(::findPos)>("findPos");
     SceneCamera camera;
+    camera.setSpot(3, 4, 0);
     const JpegPicture picture = camera.take();
+    float fX = 0;
+    float fY = 0;
 
-    const int nFailures = failEachAllocation([&] {
-        float fX = 7;
-        float fY = 8;
-        const int nResult = pFindPos(picture.u32Size, 640, 480, picture.pData, &fX, &fY);
-        EXPECT_TRUE(0 == nResult || (7 == fX && 8 == fY));
-        return nResult;
-    });
+    const int nFailures = failEachAllocation(
+        [&] {
+            fX = 7;
+            fY = 8;
+            return pFindPos(picture.u32Size, 640, 480, picture.pData, &fX, &fY);
+        },
+        [&] { return 7 == fX && 8 == fY; }, [&] { return std::hypot(fX - 3, fY - 4) < 0.03F; });
 
-    EXPECT_GT(nFailures, 10);
+    EXPECT_GT(nFailures, 50);
 }
 
 TEST(PluginWithoutMemory, AutoFocusFails)
 {
     auto* const pAutoFocus = entryPoint<decltype(::autoFocus)>("autoFocus");
     SceneCamera camera;
+    camera.setSpot(3, 4, 2);
     const JpegPicture picture = camera.take();
+    float fMeasure = 0;
 
-    const int nFailures = failEachAllocation([&] {
-        float fMeasure = 7;
-        const int nResult = pAutoFocus(picture.u32Size, 640, 480, picture.pData, &fMeasure);
-        EXPECT_TRUE(0 == nResult || 7 == fMeasure);
-        return nResult;
-    });
+    const int nFailures = failEachAllocation(
+        [&] {
+            fMeasure = 7;
+            return pAutoFocus(picture.u32Size, 640, 480, picture.pData, &fMeasure);
+        },
+        [&] { return 7 == fMeasure; }, [&] { return std::fabs(std::fabs(fMeasure) - 2) < 0.1F; });
 
-    EXPECT_GT(nFailures, 10);
+    EXPECT_GT(nFailures, 50);
 }
 
 TEST(PluginWithoutMemory, UndistortFails)
@@ -117,13 +124,44 @@ TEST(PluginWithoutMemory, UndistortFails)
     auto* const pUndistort = entryPoint<decltype(::undistort)>("undistort");
     SceneCamera camera;
     const JpegPicture picture = camera.take();
+    FRAME_PROCESS_UNDISTORT_T record{};
+    ASSERT_EQ(0, pUndistort(picture.u32Size, 640, 480, picture.pData, &record));
+    const std::vector<uint8_t> vecGood(record.pData, record.pData + record.s32Size);
 
-    const int nFailures = failEachAllocation([&] {
-        FRAME_PROCESS_UNDISTORT_T record{};
-        const int nResult = pUndistort(picture.u32Size, 640, 480, picture.pData, &record);
-        EXPECT_TRUE(0 == nResult || nullptr == record.pData);
-        return nResult;
-    });
+    const int nFailures = failEachAllocation(
+        [&] {
+            record = {};
+            return pUndistort(picture.u32Size, 640, 480, picture.pData, &record);
+        },
+        [&] { return nullptr == record.pData; },
+        [&] { return vecGood == std::vector(record.pData, record.pData + record.s32Size); });
 
-    EXPECT_GT(nFailures, 3);
+    EXPECT_GT(nFailures, 20);
+}
+
+// A picture of noise takes a megabyte: the encoder's buffer grows again and again.
+TEST(JpegCodecWithoutMemory, GrowthThatFailsIsAFailure)
+{
+    cv::Mat noise(480, 640, CV_8UC3);
+    std::mt19937 random(3);
+    std::generate(noise.data, noise.data + 3 * noise.total(),
+                  [&] { return static_cast<uint8_t>(random()); });
+    std::vector<uint8_t> vecJpeg;
+    ASSERT_TRUE(JpegCodec::encode(noise, 90, vecJpeg));
+    const std::vector<uint8_t> vecWhole = vecJpeg;
+
+    for (size_t nSize = 4096; nSize < 2 * vecWhole.size(); nSize *= 2) {
+        const std::string strPlan = "malloc=" + std::to_string(nSize) + ":1:ENOMEM";
+        std::vector<uint8_t> vecOut;
+        ASSERT_EQ(0, faultPlan(strPlan.c_str()));
+        const bool bEncoded = JpegCodec::encode(noise, 90, vecOut);
+        const bool bHit = 0 != faultHits();
+        ASSERT_EQ(0, faultPlan(""));
+
+        EXPECT_EQ(nSize >= 65536 && nSize / 2 < vecWhole.size(), bHit) << nSize;
+        EXPECT_EQ(!bHit, bEncoded) << nSize;
+        EXPECT_EQ(bHit, vecOut.empty()) << nSize;
+    }
+    EXPECT_TRUE(JpegCodec::encode(noise, 90, vecJpeg));
+    EXPECT_EQ(vecWhole, vecJpeg);
 }

@@ -599,6 +599,20 @@ EXPORT void* realloc(void* pBlock, size_t uSize)
     return counted(pNew);
 }
 
+EXPORT int posix_memalign(void** ppBlock, size_t uAlignment, size_t uSize)
+{
+    static int (*s_pReal)(void**, size_t, size_t);
+    ++t_ulAllocations;
+    const int nError = faultOf("posix_memalign", FILTER_NUMBER, (long)uSize, NULL);
+    if (0 != nError) {
+        return nError;
+    }
+    if (NULL == s_pReal) {
+        resolveAllocator(&s_pReal, "posix_memalign");
+    }
+    return s_pReal(ppBlock, uAlignment, uSize);
+}
+
 // The first of the program's: those of C++ free what they built.
 __attribute__((constructor(101))) static void findFree(void)
 {

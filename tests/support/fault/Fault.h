@@ -44,7 +44,7 @@ int faultPlan(const char* pPlan);
 /** Calls that the current plan made fail. */
 unsigned faultHits(void);
 
-/** Successful and failed malloc, calloc and realloc calls of this thread so far. */
+/** Successful and failed malloc, calloc, realloc and posix_memalign calls of this thread so far. */
 unsigned long faultThreadAllocations(void);
 
 #ifdef __cplusplus
