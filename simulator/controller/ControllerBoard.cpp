@@ -21,6 +21,15 @@ static int64_t monotonicUs()
     return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
+static bool parseMillimetres(const std::string& strText, double& dMillimetres)
+{
+    char* pRest = nullptr;
+    const double dValue = strtod(strText.c_str(), &pRest);
+    const bool bGood = !strText.empty() && '\0' == *pRest && std::isfinite(dValue);
+    dMillimetres = bGood ? dValue : dMillimetres;
+    return bGood;
+}
+
 ControllerBoard::ControllerBoard(const ControllerBoardOptions& options)
     : m_options(options), m_s64StartUs(monotonicUs()), m_controller(options.controller, m_wireLog),
       m_port(options.strNode),
@@ -143,6 +152,7 @@ void ControllerBoard::readPort(int64_t s64NowUs)
 
 void ControllerBoard::writeAnswers(int64_t s64NowUs)
 {
+    updateScene(false); // whoever hears that a move has ended finds the spot there
     for (std::string strText; m_controller.takeAnswer(s64NowUs, strText);) {
         const size_t uWritten = m_port.isPlugged() ? m_port.write(strText) : 0;
         m_wireLog.record(s64NowUs, "tx", strText.substr(0, uWritten));
@@ -235,6 +245,9 @@ std::string ControllerBoard::instruct(const std::string& strInstruction)
         setPlugged("plug" == strInstruction, s64NowUs);
     } else if ("stall" == strInstruction || "unstall" == strInstruction) {
         m_bStalled = "stall" == strInstruction;
+    } else if (2 == vecWord.size() && "focus-z" == vecWord[0] &&
+               parseMillimetres(vecWord[1], m_options.dFocusZ)) {
+        updateScene(true);
     } else if ("quit" == strInstruction) {
         m_bQuit = true;
     } else if (!m_controller.instruct(strInstruction, s64NowUs)) {

@@ -233,11 +233,13 @@ TEST(KestrelController, MovesTheSceneSpotAgainstItsAxes)
     port.say("G05 X-12.5 Y3 Z0.25 F2000\nM18 S0\n");
 
     EXPECT_EQ("ok\ndone\nok\n", port.hear(11));
-    EXPECT_EQ((std::vector<std::string>{"ok\n", "done\nok\n"}), controller.readTexts("tx"));
-    EXPECT_TRUE(VirtualController::waitUntil([pScene] { return 0 == pScene->u32LaserOn; }));
+    EXPECT_EQ(0U, pScene->u32LaserOn); // at once: the answers come after it
     EXPECT_EQ(12500, pScene->s32XMicrometre);
     EXPECT_EQ(-3000, pScene->s32YMicrometre);
     EXPECT_EQ(4750, pScene->s32ZMicrometre);
+    EXPECT_EQ((std::vector<std::string>{"ok\n", "done\nok\n"}), controller.readTexts("tx"));
+    controller.instruct("focus-z -1.5"); // another workpiece
+    EXPECT_EQ(-1750, pScene->s32ZMicrometre);
 
     controller.instruct("state");
     auto* const pWritable = static_cast<SceneState*>(
