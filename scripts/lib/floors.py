@@ -18,9 +18,6 @@ TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))
 KNOWN_CIRCLES = [
     # A failing lock is logged; the log publishes its lines, and the bus and the log's file take locks.
     {"EventBus", "Log", "LogFile", "Mutex", "SubscriberList"},
-    # A connection has a responder, which sends by the connection.
-    {"HttpFileClient", "HttpLiveClient", "HttpSnapClient", "WebCameraClient",
-     "WebCameraHttpDataProcessor"},
 ]
 
 
