@@ -78,7 +78,7 @@ class Clients(unittest.TestCase):
         self.assertEqual(b'{"measure":"0.0000"}', self.run_documented("curl", "/camera"))
 
     def test_curl_records_the_stream_until_its_time_limit(self):
-        self.run_documented("curl", "/live", status=28)
+        self.run_documented("curl", "--max-time 3", status=28)
 
         stream = self.content("stream.bin")
         self.assertTrue(stream.startswith(b"Content-Type: image/jpeg\r\n"), "no boundary in front")
