@@ -188,7 +188,7 @@ TEST_F(WebCameraClientTest, FurtherBytesAddALiveResponderAndAllEndWithTheConnect
     EXPECT_EQ("", m_connection.receive());
 }
 
-TEST_F(WebCameraClientTest, NothingToReadIsNoChunk)
+TEST_F(WebCameraClientTest, DeliberateNothingToReadIsNoChunk)
 {
     EXPECT_EQ(0, m_connection.read());
     EXPECT_EQ(0, m_connection.request("GET /live HTTP/1.1\r\n\r\n"));

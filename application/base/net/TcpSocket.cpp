@@ -40,7 +40,7 @@ LIMITS_E readLimits(const char* pFile, const char* pCommand, Limits& limits)
     }
     unsigned int uDefault = 0;
     if (3 != sscanf(acOutput, "%u %u %u", &limits.uMinimum, &uDefault, &limits.uMaximum)) {
-        return LIMITS_UNREADABLE; // nothing to compare with
+        return LIMITS_UNREADABLE; // Deliberate: no three numbers, nothing to compare with
     }
     return LIMITS_READ;
 }
@@ -113,7 +113,7 @@ int TcpSocket::checkState() const
     entry.fd = m_fd;
     entry.events = POLLIN | POLLOUT | POLLPRI;
     if (poll(&entry, 1, 0) < 0 || 0 != (entry.revents & POLLNVAL)) {
-        return 4;
+        return 4; // Deliberate: also when a signal interrupts it, the state is unknown then
     }
     // The classes that select(2) forms: an error makes both directions ready.
     int nState = 0;

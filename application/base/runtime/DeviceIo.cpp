@@ -19,7 +19,7 @@ static bool waitFor(int nFd, short sEvents, uint32_t u32Seconds, uint32_t u32Mic
     entry.fd = nFd;
     entry.events = sEvents;
     int nReady = 0;
-    do {
+    do { // Deliberate: the whole time again; the service has no handlers that could keep it up
         nReady = poll(&entry, 1, nTimeoutMs);
     } while (nReady < 0 && EINTR == errno);
     return 0 != nReady;

@@ -216,7 +216,7 @@ TEST(TcpClient, AFailedSendUnlocksTheEngine)
     EXPECT_EQ(1, nRet);
 }
 
-TEST(TcpClient, AFailedSendShutsTheConnectionDown)
+TEST(TcpClient, DeliberateFailedSendShutsTheConnectionDown)
 {
     NetPair pair;
     ScriptedClient client(pair);
@@ -230,7 +230,7 @@ TEST(TcpClient, AFailedSendShutsTheConnectionDown)
     EXPECT_TRUE(isOpen(pair.m_near.getFd()));
 }
 
-TEST(TcpClient, AFailingGetNextBufferUnlocksTheEngine)
+TEST(TcpClient, DeliberateFailingGetNextBufferUnlocksTheEngine)
 {
     NetPair pair;
     ScriptedClient client(pair);

@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -20,6 +22,7 @@
 #include "Fault.h"
 #include "LogCapture.h"
 #include "NetPair.h"
+#include "ScratchFolder.h"
 
 namespace {
 
@@ -232,6 +235,17 @@ TEST(TcpSocket, CheckStateOfAClosedSocketIsAnException)
     EXPECT_EQ(4, TcpSocket().checkState());
 }
 
+TEST(TcpSocket, DeliberateInterruptedCheckStateIsAnException)
+{
+    NetPair pair;
+    FaultScope fault("poll:1:EINTR");
+
+    EXPECT_EQ(4, pair.m_near.checkState());
+    EXPECT_EQ(1U, faultHits());
+
+    EXPECT_EQ(2, pair.m_near.checkState());
+}
+
 TEST(TcpSocket, AReceiveBufferBelowTheMinimumIsCorrected)
 {
     const Limits limits("/proc/sys/net/ipv4/tcp_rmem");
@@ -311,6 +325,28 @@ TEST(TcpSocket, WithoutReadableLimitsBothSetTheReceiveBuffer)
     EXPECT_EQ(0, pair.m_near.setOptSndBuf(5000)); // Deliberate: the receive buffer
     EXPECT_EQ(2U, faultHits());
 
+    EXPECT_EQ(receiveBufferFor(5000), receiveBuffer(pair.m_near));
+    EXPECT_EQ(nSendBefore, sendBuffer(pair.m_near));
+    EXPECT_EQ(Lines(), takeLines(log));
+}
+
+TEST(TcpSocket, DeliberateLimitsWithoutNumbersCountAsUnreadable)
+{
+    const ScratchFolder folder;
+    folder.write("cat", "#!/bin/sh\nprintf '4096 many'\n"); // the limits' command
+    std::filesystem::permissions(folder.path() / "cat", std::filesystem::perms::owner_all);
+    NetPair pair;
+    const int32_t nSendBefore = sendBuffer(pair.m_near);
+    LogCapture log;
+
+    const std::string strPath = getenv("PATH");
+    setenv("PATH", (folder.path().string() + ":" + strPath).c_str(), 1);
+    EXPECT_EQ(0, pair.m_near.setOptRcvBuf(3000)); // below the minimum, taken as it is
+    const int32_t nReceive = receiveBuffer(pair.m_near);
+    EXPECT_EQ(0, pair.m_near.setOptSndBuf(5000));
+    setenv("PATH", strPath.c_str(), 1);
+
+    EXPECT_EQ(receiveBufferFor(3000), nReceive);
     EXPECT_EQ(receiveBufferFor(5000), receiveBuffer(pair.m_near));
     EXPECT_EQ(nSendBefore, sendBuffer(pair.m_near));
     EXPECT_EQ(Lines(), takeLines(log));

@@ -2,10 +2,12 @@
 #include "DeviceIo.h"
 
 #include <cerrno>
+#include <csignal>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -109,7 +111,7 @@ TEST(DeviceIo, DescriptorsAbove1023AreWaitedFor)
     (void)setrlimit(RLIMIT_NOFILE, &old);
 }
 
-TEST(DeviceIo, SignalBeginsTheWaitAnew)
+TEST(DeviceIo, SignalsDoNotEndTheWait)
 {
     const Pipe pipe;
     FaultScope fault("poll:1-3:EINTR");
@@ -117,6 +119,28 @@ TEST(DeviceIo, SignalBeginsTheWaitAnew)
     EXPECT_FALSE(waitReadable(pipe.reader(), 0, 1000));
 
     EXPECT_EQ(3u, faultHits());
+}
+
+TEST(DeviceIo, DeliberateSignalBeginsTheWholeWaitAnew)
+{
+    const Pipe pipe;
+    struct sigaction action
+    {
+    };
+    struct sigaction old
+    {
+    };
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGALRM, &action, &old));
+    itimerval once{};
+    once.it_value.tv_usec = 200000;
+    const Time before = monotonicNow();
+    ASSERT_EQ(0, setitimer(ITIMER_REAL, &once, nullptr));
+
+    EXPECT_FALSE(waitReadable(pipe.reader(), 0, 300000));
+
+    EXPECT_GE(monotonicNow() - before, Time(0, 500000));
+    ASSERT_EQ(0, sigaction(SIGALRM, &old, nullptr));
 }
 
 TEST(DeviceIo, AnotherErrorOfTheWaitCountsAsReady)

@@ -28,7 +28,10 @@ public:
      */
     int accept(TcpSocket& peer);
 
-    /** @return mask: 1 readable, 2 writable, 4 exception; 4 without a descriptor. Never blocks */
+    /**
+     * @return mask: 1 readable, 2 writable, 4 exception; 4 without a descriptor, or when a signal
+     * interrupts it. Never blocks
+     */
     int checkState() const;
 
     /**

@@ -6,8 +6,8 @@
 /**
  * Wait until nFd is readable.
  *
- * A signal begins the wait anew. Any descriptor number is fine; poll(2) is underneath, since a
- * select(2) set ends at 1023.
+ * Deliberate: a signal begins the whole wait anew. Any descriptor number is fine; poll(2) is
+ * underneath, since a select(2) set ends at 1023.
  * @return true when ready or in error (closed or negative descriptor included), false on time-out
  */
 bool waitReadable(int nFd, uint32_t u32Seconds, uint32_t u32Microseconds);
