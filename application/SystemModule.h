@@ -56,7 +56,11 @@ public:
 
     // To the print service, which is made by the first of these calls; PrintService.h tells more.
 
-    /** Send a command and read its reply, 2 s at most. @return 1 without a port or cut short */
+    /**
+     * Send a command and read its reply: 2 s at most, 2.5 s behind a line that was cut short, and
+     * as long as it takes for one with a '0', which sends the firmware.
+     * @return 1 without a port or cut short
+     */
     int sendPrintCommand(const char* pCommand, int nLength);
 
     /** Keep a job; half a second, and as long as stopPrintJob() over an open one. @return 0 */
@@ -68,10 +72,11 @@ public:
     /** Start the job that waits or go on with a paused one. @return 1 when refused */
     int startPrintJob();
 
-    /** Stop behind the line under way, laser off; up to 15.5 s. @return 0 */
+    /** Stop behind the line under way and send "M5", which the placeholder codec leaves empty; up
+     * to 15.5 s. @return 0 */
     int pausePrintJob();
 
-    /** Give the job up, laser off; up to 15.5 s. @return 0 */
+    /** Give the job up; the rest as pausePrintJob(). @return 0 */
     int stopPrintJob();
 
     /** @param pProgress  gets the share of the job that is through, 0 to 1 @return 0 */

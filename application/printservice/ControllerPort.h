@@ -10,8 +10,8 @@
 /**
  * Owns the port that the print service and the controller object borrow.
  *
- * Made on first use; whoever uses the port obtains it in the constructor, so that it outlives them
- * whatever was used first.
+ * Made on first use; whoever uses the port in a thread or a destructor obtains it in the
+ * constructor, so that it outlives them whatever was used first.
  */
 class ControllerPort
 {

@@ -15,7 +15,7 @@ public:
     ElectricController& operator=(const ElectricController&) = delete;
     virtual ~ElectricController() = default;
 
-    /** Borrows the port, which the system module owns. */
+    /** Borrows the port, which ControllerPort owns. */
     void setUart(UART* pUart);
 
     /** Deliberate: both operations have no effect. @return 0 */

@@ -21,7 +21,10 @@ void JobFile::save(const void* pData, int nLength)
     if (nullptr != pFile) {
         fwrite(pData, 1, (nLength > 0) ? static_cast<size_t>(nLength) : 0, pFile);
         fclose(pFile);
-        (void)rename(NEW_FILE, JOB_FILE); // a job that is open goes on reading its own
+    }
+    // A job that is open goes on reading its own.
+    if (nullptr == pFile || 0 != rename(NEW_FILE, JOB_FILE)) {
+        remove(JOB_FILE); // the next start must not burn the former job
     }
 }
 

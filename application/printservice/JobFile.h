@@ -29,8 +29,8 @@ public:
 
     /**
      * Write a new file and let it take the name, so that a job that is open keeps its own.
-     * Deliberate: no result is looked at, a full disk cuts the file; only when the new file can't
-     * be made the former one stays.
+     * Deliberate: what is written isn't looked at, a full disk cuts the file. When the new file
+     * can't be made there is none: the former job is removed all the same.
      */
     void save(const void* pData, int nLength);
 

@@ -82,28 +82,40 @@ void PrintService::readUart(char* pBuffer, int nSize, int nSeconds, int nMicrose
 
 int PrintService::saveGcode(const void* pData, int nLength)
 {
-    const PRINT_STATE_E eFormer = m_nState;
-    if (PRINT_STATE_PRINTING == eFormer || PRINT_STATE_PAUSED == eFormer) {
+    while (!replaceJob(pData, nLength)) {
         (void)stopPrint(); // always 0
     }
-    m_jobFile.save(pData, nLength);
     puts("receive file successed!"); // sic
     sleepFor(HALF_A_SECOND);
+    MutexGuard guard(m_mtxStart);
     if (m_jobFile.measure()) { // else it has been started in the meantime
         m_nState = PRINT_STATE_FILE_READY;
     }
     return 0;
 }
 
+/** @return false when there is a job to end first, which waits for the thread: not with the lock */
+bool PrintService::replaceJob(const void* pData, int nLength)
+{
+    MutexGuard guard(m_mtxStart);
+    const PRINT_STATE_E eState = m_nState;
+    if (PRINT_STATE_PRINTING == eState || PRINT_STATE_PAUSED == eState) {
+        return false;
+    }
+    m_jobFile.save(pData, nLength);
+    return true;
+}
+
 int PrintService::startPrint()
 {
+    MutexGuard guard(m_mtxStart);
     PRINT_STATE_E eFormer = m_nState;
     do {
         if (PRINT_STATE_PRINTING == eFormer) {
             puts("printer is working");
             return 1;
         }
-        // In one step: of two callers one starts. Deliberate: stays so when the start fails.
+        // The thread sets the state, too. Deliberate: stays so when the start fails.
     } while (!m_nState.compare_exchange_weak(eFormer, PRINT_STATE_PRINTING));
     if (PRINT_STATE_PAUSED == eFormer && m_jobFile.isOpen()) {
         m_thread->start();

@@ -8,6 +8,7 @@
 
 #include "FirmwareUpload.h"
 #include "JobFile.h"
+#include "Mutex.h"
 #include "PrintLink.h"
 
 class ControllerPort;
@@ -44,7 +45,7 @@ enum PRINT_STATE_E : int32_t
 class PrintService
 {
 public:
-    /** Made on first use; before or after the system module, whose port outlives both. */
+    /** Made on first use; before or after the system module; the port outlives both. */
     static PrintService& getInstance();
     PrintService(const PrintService&) = delete;
     PrintService& operator=(const PrintService&) = delete;
@@ -115,7 +116,7 @@ public:
     /** Reset the controller by 500 ms low on its reset line. @return 0 */
     int resetStm32();
 
-    /** Make the reset line an output, high. */
+    /** Make the reset line an output, high; that alone may reset the controller, see ResetLine. */
     void exportResetGpio();
 
     /**
@@ -144,6 +145,7 @@ protected:
     PrintService();
 
 private:
+    bool replaceJob(const void* pData, int nLength);
     void sendLine(const std::string& strLine);
     void switchLaserOff();
     void takeReply(bool bAfterEnd);
@@ -154,6 +156,9 @@ private:
 
     ControllerPort& m_port; // for the reset; outlives the service
     PrintLink m_link;
+    // One start or upload at a time: a start opens the job that the state speaks of. Outside the
+    // job file's lock; the thread is not waited for with it.
+    Mutex m_mtxStart{MUTEX_TYPE_NORMAL};
     JobFile m_jobFile;
     FirmwareUpload m_firmware{m_link};
     std::atomic<PRINT_STATE_E> m_nState{PRINT_STATE_IDLE};

@@ -12,7 +12,12 @@
 class ResetLine
 {
 public:
-    /** Make the line an output, high; tells standard output. Leaves three descriptors open. */
+    /**
+     * Make the line an output, high; tells standard output. Leaves three descriptors open.
+     *
+     * Between the two the kernel drives the line low ("out" of sysfs starts low), so that this may
+     * reset the controller, too.
+     */
     void makeOutput();
 
     /** makeOutput(), then 500 ms low and high again; takes that long. Leaves four open. */

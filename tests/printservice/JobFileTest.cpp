@@ -125,7 +125,7 @@ TEST(JobFile, SavingLeavesNothingBeside)
     EXPECT_EQ(1, std::distance(begin(files), end(files)));
 }
 
-TEST(JobFile, FormerJobStaysWhenTheNewFileCannotBeMade)
+TEST(JobFile, FormerJobIsGoneWhenTheNewFileCannotBeMade)
 {
     JobFileInFolder job;
     job.saveText("G1 X1\n");
@@ -133,7 +133,7 @@ TEST(JobFile, FormerJobStaysWhenTheNewFileCannotBeMade)
 
     job.saveText("G1 X2\n");
 
-    EXPECT_EQ("G1 X1\n", job.m_folder.read("tmp.gcode"));
+    EXPECT_FALSE(job.exists()) << "a start would burn the former job";
 }
 
 TEST(JobFile, LineIsGivenOutAgainAfterSeekingBack)
