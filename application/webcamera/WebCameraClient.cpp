@@ -14,6 +14,11 @@ static const int ANSWER_MS = 5000; // for a direct answer to leave
 
 WebCameraClient::WebCameraClient() : m_processor(*this, *this) {}
 
+WebCameraClient::~WebCameraClient()
+{
+    leave();
+}
+
 int WebCameraClient::init()
 {
     m_u32HeardMs = monotonicMs32();

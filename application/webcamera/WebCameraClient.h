@@ -15,6 +15,7 @@ class WebCameraClient : public SendQueueTcpClient, public ICommucation
 {
 public:
     WebCameraClient();
+    ~WebCameraClient() override;
 
     /** @return 0; 1 without memory for the receive buffer */
     int init() override;

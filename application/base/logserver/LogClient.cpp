@@ -12,6 +12,11 @@ static const uint32_t OWN_BYTES = 4096;           // a viewer without lines: obj
 static const uint32_t MOST_WAITING = 1024 * 1024; // bytes of lines
 static const int LAG_MS = 5000;
 
+LogClient::~LogClient()
+{
+    leave();
+}
+
 int LogClient::init()
 {
     if (!take(OWN_BYTES)) {

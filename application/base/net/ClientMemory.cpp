@@ -35,7 +35,9 @@ ClientMemory::Share* ClientMemory::choose(const Share& asker)
     uint32_t u32ChosenMs = 0;
     for (Share* pShare = m_pFirst; nullptr != pShare; pShare = pShare->m_pNext) {
         const int nClass = sizeClass(pShare->m_u32Bytes);
-        const uint32_t u32Ms = u32NowMs - pShare->m_u32TakenMs;
+        // Another thread may have noted a later moment than the one looked at.
+        const auto s32Ms = static_cast<int32_t>(u32NowMs - pShare->m_u32TakenMs);
+        const uint32_t u32Ms = (s32Ms < 0) ? 0 : static_cast<uint32_t>(s32Ms);
         if (pShare == &asker || nClass < nMost ||
             (nClass == nMost && nullptr != pChosen && u32Ms <= u32ChosenMs)) {
             continue;

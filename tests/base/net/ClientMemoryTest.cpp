@@ -115,6 +115,36 @@ TEST(ClientMemory, OfEqualsTheOneThatHasTakenNothingForLongestIsClosedFirst)
     EXPECT_EQ(0, reading.m_nGivenUp);
 }
 
+TEST(ClientMemory, WhoTakesSomethingMeanwhileIsNotTheIdleOne)
+{
+    for (int i = 0; i < 300; ++i) {
+        TestShare stalled;
+        TestShare reading;
+        TestShare asker;
+        EXPECT_TRUE(stalled.take(12 * MIB));
+        EXPECT_TRUE(reading.take(12 * MIB));
+        tick();
+        std::atomic<bool> bEnd{false};
+        std::atomic<bool> bNoted{false};
+        std::thread reader([&] {
+            do {
+                reading.noteTaken();
+                bNoted = true;
+            } while (!bEnd);
+        });
+        while (!bNoted) {
+            std::this_thread::yield();
+        }
+
+        EXPECT_TRUE(asker.take(10 * MIB));
+
+        bEnd = true;
+        reader.join();
+        ASSERT_EQ(0, reading.m_nGivenUp) << "in round " << i;
+        ASSERT_EQ(1, stalled.m_nGivenUp);
+    }
+}
+
 TEST(ClientMemory, AskerIsClosedLast)
 {
     TestShare first;

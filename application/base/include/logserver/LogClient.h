@@ -16,6 +16,9 @@
 class LogClient : public SendQueueTcpClient
 {
 public:
+    LogClient() = default;
+    ~LogClient() override;
+
     int init() override;
     int start() override;
 

@@ -51,7 +51,10 @@ public:
          */
         virtual void giveUp() = 0;
 
-        /** First thing in the destructor of the class that has giveUp: it is not called again. */
+        /**
+         * First thing in the destructor of the most derived class: giveUp is not called again, and
+         * never on an object that is half gone. Again: nothing.
+         */
         void leave();
 
     private:
