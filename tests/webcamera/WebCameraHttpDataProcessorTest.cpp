@@ -158,7 +158,7 @@ TEST_F(WebCameraHttpDataProcessorTest, LaterChunksAreNeverParsed)
     EXPECT_TRUE(m_processor.isComplete());
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, HugeContentLengthWaitsWhereItCanBeAllocated)
+TEST_F(WebCameraHttpDataProcessorTest, HugeContentLengthWaits)
 {
     // -1 counts as unsigned: four gigabytes. The other two do not fit an int: two gigabytes.
     for (const char* pHeader :
@@ -166,10 +166,6 @@ TEST_F(WebCameraHttpDataProcessorTest, HugeContentLengthWaitsWhereItCanBeAllocat
         WebCameraHttpDataProcessor processor(m_commucation, m_client);
         const std::string strFirst = std::string("POST /live HTTP/1.1\r\n") + pHeader + "\r\n\r\n";
         const int nResult = processor.feed(strFirst.data(), static_cast<int>(strFirst.size()));
-        if (sizeof(size_t) <= 4) {
-            EXPECT_EQ(1, nResult) << pHeader << ": no process of the board has so much memory";
-            continue;
-        }
         EXPECT_EQ(0, nResult) << pHeader;
         EXPECT_EQ(0, processor.feed("some", 4)) << pHeader;
         EXPECT_FALSE(processor.isComplete()) << pHeader;
