@@ -87,5 +87,5 @@ void* cameraMmap(struct OpenCamera* pSession, void* pAddress, size_t uLength, in
  */
 int cameraMunmap(void* pAddress);
 
-/* Stop reporting munmap for the buffers of this session; they stay mapped. */
+/* Stop reporting munmap for its buffers; they stay mapped. */
 void cameraForgetMappings(const struct OpenCamera* pSession);
