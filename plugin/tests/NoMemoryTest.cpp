@@ -22,6 +22,13 @@ extern "C" const char* __lsan_default_suppressions()  // NOLINT(*-reserved-ident
     return "leak:libopencv_core\n";
 }
 
+// What OpenCV's start allocates and keeps is told apart by whole stacks only.
+extern "C" const char* __asan_default_options(); // NOLINT(*-reserved-identifier,*-naming)
+extern "C" const char* __asan_default_options()  // NOLINT(*-reserved-identifier,*-naming)
+{
+    return "fast_unwind_on_malloc=0";
+}
+
 namespace {
 
 // operator new is among those of malloc.
