@@ -1,6 +1,7 @@
 // The camera as an independent program finds it: v4l2-ctl, with the library preloaded.
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -143,16 +144,32 @@ TEST_F(V4l2Ctl, CoercesFormatAndRate)
 
 TEST_F(V4l2Ctl, EndsWithAnUnplugWhileStreaming)
 {
-    ScratchFolder folder;
-    folder.write("script", "# as if someone tripped over the cable\n3 unplug\n");
-    VirtualCamera camera({"--script", (folder.path() / "script").string()});
+    VirtualCamera camera;
+    std::string strOutput;
+    std::thread program([&strOutput] { strOutput = streamed(100000); });
 
-    const std::string strOutput = streamed(100000);
+    const bool bStreams = camera.waitForCalls("DQBUF type=1 memory=1 = 0", 3);
+    camera.command("unplug");
+    program.join();
 
+    EXPECT_TRUE(bStreams);
     EXPECT_TRUE(holds(strOutput, "No such device")) << strOutput;
     EXPECT_TRUE(holds(run("--all"), "Cannot open device /dev/video0"));
     camera.command("replug");
     EXPECT_EQ(3u, count(streamed(3), "bytesused: "));
+}
+
+TEST_F(V4l2Ctl, ScriptUnplugsTheCamera)
+{
+    ScratchFolder folder;
+    folder.write("script", "# as if someone tripped over the cable\n0.5 unplug\n");
+    VirtualCamera camera({"--script", (folder.path() / "script").string()});
+
+    const std::string strOutput = streamed(100000);
+
+    // A loaded machine may open it after the unplug only.
+    EXPECT_TRUE(holds(strOutput, "No such device") || holds(strOutput, "Cannot open device"))
+        << strOutput;
 }
 
 TEST_F(V4l2Ctl, EndsWithAnUnplugBetweenDequeueAndQueue)
