@@ -1,38 +1,90 @@
-// Turns the sharpness of the spot into the way to the focus.
+// Turns the width of the spot into the height of the laser.
 #include "FocusJudge.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
-// A correction to the wrong side doubles the height, to the right one leaves nothing of it; one
-// that was not carried out leaves it as it was.
-const double WRONG_SIDE_GROWTH = 1.5;
+// What a picture's distance may be off, in millimetres and in parts of itself.
+const double DISTANCE_ERROR = 0.1;
+const double DISTANCE_ERROR_SHARE = 0.2;
+
+// Of what the two sides would have shown, in millimetres.
+const double LEAST_DIFFERENCE = 0.05;
+
+// Within which the first picture, nearly sharp, tells the rest of the way better than the second.
+const double NEARLY_THERE = 0.2; // millimetres
+const double SHARP = 0.05;       // millimetres; what a sharp picture may be off
+
+// A spot that much narrower than in focus, in millimetres of height, isn't the laser's.
+const double TOO_NARROW = -0.5;
 
 } // namespace
 
 FocusJudge::FocusJudge(const Parameters& parameters)
-    : m_parameters(parameters), m_dSide(parameters.dFirstSide)
+    : m_parameters(parameters), m_dSide(parameters.nFirstSide < 0 ? -1 : 1)
 {
 }
 
-double FocusJudge::sharpness(double dSigmaMm) const
+double FocusJudge::distance(double dSigmaMm) const
 {
-    return std::min(m_parameters.dFocusedSigmaMm / dSigmaMm, 1.0);
+    return (dSigmaMm - m_parameters.dFocusedSigmaMm) / m_parameters.dBlurPerMm;
 }
 
-double FocusJudge::correction(double dSigmaMm)
+void FocusJudge::seeBefore(double dSigmaMm)
 {
-    const double dSigmaRatio = 1 / sharpness(dSigmaMm);
-    const double dHeight =
-        (dSigmaRatio - 1) * m_parameters.dFocusedSigmaMm / m_parameters.dBlurPerMm;
-    if (dHeight < m_parameters.dFocusToleranceMm) {
-        m_dLastHeight = 0;
-        return 0;
+    m_bSeenBefore = dSigmaMm > 0;
+    m_dDistanceBefore = std::max(distance(dSigmaMm), 0.0);
+    m_dZBefore = m_dZ;
+    m_dZ = 0;
+}
+
+double FocusJudge::side(double dDistance) const
+{
+    if (0 != m_parameters.nKnownSide) {
+        return m_parameters.nKnownSide < 0 ? -1 : 1;
     }
-    if (m_dLastHeight > 0 && dHeight > m_dLastHeight * WRONG_SIDE_GROWTH) {
-        m_dSide = -m_dSide;
+    if (!m_bSeenBefore) {
+        return m_dSide;
     }
-    m_dLastHeight = dHeight;
-    return -m_dSide * dHeight;
+    const double dErrorAbove = std::fabs(std::fabs(m_dZBefore - dDistance) - m_dDistanceBefore);
+    const double dErrorBelow = std::fabs(std::fabs(m_dZBefore + dDistance) - m_dDistanceBefore);
+    const double dBest = std::min(dErrorAbove, dErrorBelow);
+    if (dBest > DISTANCE_ERROR + DISTANCE_ERROR_SHARE * m_dDistanceBefore ||
+        std::fabs(dErrorAbove - dErrorBelow) < LEAST_DIFFERENCE) {
+        return m_dSide; // it was not where it was sent to, or that makes no difference
+    }
+    return dErrorAbove < dErrorBelow ? 1 : -1;
+}
+
+double FocusJudge::refined(double dFocusZ) const
+{
+    const double dWay = dFocusZ - m_dZBefore;
+    if (!m_bSeenBefore || std::fabs(dWay) > NEARLY_THERE || m_dDistanceBefore > NEARLY_THERE) {
+        return dFocusZ;
+    }
+    if (m_dDistanceBefore < SHARP) {
+        return m_dZBefore;
+    }
+    return m_dZBefore + std::copysign(std::min(m_dDistanceBefore, std::fabs(dWay)), dWay);
+}
+
+bool FocusJudge::judge(double dSigmaMm, double& dHomed)
+{
+    const double dDistance = distance(dSigmaMm);
+    m_dZ = 0;
+    if (dDistance > m_parameters.dMaxHeightMm || dDistance < TOO_NARROW) {
+        m_bSeenBefore = false;
+        return false;
+    }
+    if (dDistance < m_parameters.dFocusToleranceMm) {
+        dHomed = 0;
+    } else {
+        m_dSide = side(dDistance);
+        dHomed = -refined(m_dSide * dDistance);
+    }
+    m_bSeenBefore = false;
+    m_dZ = -dHomed;
+    return true;
 }

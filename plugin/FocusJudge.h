@@ -1,33 +1,56 @@
-// Turns the sharpness of the spot into the way to the focus.
+// Turns the width of the spot into the height of the laser.
 #pragma once
 
 #include "Parameters.h"
 
 /**
- * The spot's width tells how far the laser is out of focus, but a spot too high and a spot too low
- * look alike. So the first correction assumes a side (Parameters.h); when the spot has become much
- * wider since the last correction, it was the wrong one, and the other is taken from then on. Two
- * corrections at most lead into focus.
+ * The spot's width tells how far the laser is from its focus, but a spot too high and a spot too
+ * low look alike. Two pictures at different heights tell them apart, and the service takes two for
+ * each measurement: the first where the last measurement left the arm, the second after the arm has
+ * been homed. When the first doesn't show an arm that could be where it was sent to, the side stays
+ * what it was; until one is known, Parameters.h has it. So a wrong first side is put right by the
+ * second measurement.
  *
- * Not thread-safe.
+ * Heights are in millimetres along the arm's Z axis, which is 0 when homed. Not thread-safe.
  */
 class FocusJudge
 {
 public:
     explicit FocusJudge(const Parameters& parameters);
 
-    /** Focused width by present width: 1 in focus, towards 0 as the spot blurs. */
-    double sharpness(double dSigmaMm) const;
+    /**
+     * A measurement begins: note its first picture. The arm is homed after it.
+     * @param dSigmaMm  standard deviation of the spot, in millimetres on the workpiece; 0 when the
+     *                  picture doesn't tell it
+     */
+    void seeBefore(double dSigmaMm);
 
     /**
-     * Call once per picture that shows the last correction carried out.
-     * @param dSigmaMm  standard deviation of the spot, in millimetres on the workpiece; above 0
-     * @return millimetres to add to z, 0 when it is in focus
+     * The homed arm's picture.
+     * @param dHomed  how high the homed laser stands over its focus; its Z is to become -dHomed,
+     *                where the next measurement's first picture expects it
+     * @return false when the width cannot be that of the laser, or is too large to be told exactly;
+     *         the arm is then believed to stay at home
      */
-    double correction(double dSigmaMm);
+    bool judge(double dSigmaMm, double& dHomed);
 
 private:
+    /** How far from its focus, to either side; below 0 when narrower than in focus. */
+    double distance(double dSigmaMm) const;
+
+    /** 1 when the focus is above the homed laser, -1 when below, as the pictures have it. */
+    double side(double dDistance) const;
+
+    /**
+     * A sharp spot tells its distance better than a blurred one: when the first picture was nearly
+     * in focus, the way from there is no longer than it tells, and none when it was sharp.
+     */
+    double refined(double dFocusZ) const;
+
     Parameters m_parameters;
-    double m_dSide;           // of the focus, where the laser is believed: 1 or -1
-    double m_dLastHeight = 0; // |z| at the last correction, 0 when none was needed
+    double m_dSide;  // last known, or the parameters'
+    double m_dZ = 0; // where the arm was left
+    bool m_bSeenBefore = false;
+    double m_dZBefore = 0;        // where the arm stood in the first picture
+    double m_dDistanceBefore = 0; // what that picture showed
 };

@@ -1,11 +1,17 @@
 // The plug-in's operations, on whole JPEG pictures.
 #include "FrameProcessor.h"
 
+#include <cmath>
+
 #include "JpegCodec.h"
+#include "LensModel.h"
 #include "SpotFinder.h"
 
+static const cv::Point2d NOWHERE(NAN, NAN);
+
 FrameProcessor::FrameProcessor(const Parameters& parameters)
-    : m_parameters(parameters), m_exposureAdvisor(parameters), m_focusJudge(parameters)
+    : m_parameters(parameters), m_exposureAdvisor(parameters), m_focusJudge(parameters),
+      m_lastMillimetre(NOWHERE)
 {
     cv::setNumThreads(0); // the service's threads are the service's
 }
@@ -15,9 +21,11 @@ void FrameProcessor::reset()
     const std::lock_guard<std::mutex> guard(m_mtxState);
     m_exposureAdvisor = ExposureAdvisor(m_parameters);
     m_focusJudge = FocusJudge(m_parameters);
+    m_lastMillimetre = NOWHERE;
 }
 
-bool FrameProcessor::read(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken, cv::Mat& rgb)
+bool FrameProcessor::read(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken, cv::Mat& rgb,
+                          JpegCoding* pCoding)
 {
     const uint32_t u32MaxSide = static_cast<uint32_t>(m_parameters.nMaxSide);
     if (0 == picture.u32Width || picture.u32Width > u32MaxSide || 0 == picture.u32Height ||
@@ -25,7 +33,7 @@ bool FrameProcessor::read(const JpegPicture& picture, ExposureAdvisor::TAKEN_E e
         return false;
     }
     const cv::Size size(static_cast<int>(picture.u32Width), static_cast<int>(picture.u32Height));
-    if (!JpegCodec::decode(picture.pData, picture.u32Size, size, rgb)) {
+    if (!JpegCodec::decode(picture.pData, picture.u32Size, size, rgb, pCoding)) {
         return false;
     }
     const int nMedian = ExposureAdvisor::median(rgb);
@@ -48,42 +56,63 @@ FrameProcessor::RESULT_E FrameProcessor::undistort(const JpegPicture& picture,
 }
 
 FrameProcessor::RESULT_E FrameProcessor::findSpot(const JpegPicture& picture,
-                                                  ExposureAdvisor::TAKEN_E eTaken,
-                                                  cv::Point2d& millimetre, double& dSigmaMm)
+                                                  ExposureAdvisor::TAKEN_E eTaken, SpotSeen& seen)
 {
     cv::Mat rgb;
-    if (!read(picture, eTaken, rgb)) {
+    JpegCoding coding;
+    if (!read(picture, eTaken, rgb, &coding)) {
         return RESULT_BAD_PICTURE;
     }
     const LensModel lens(m_parameters, rgb.size());
     Spot spot;
-    if (!SpotFinder::find(rgb, lens, m_parameters, spot)) {
-        return RESULT_NO_SPOT;
+    const SpotFinder::RESULT_E eFound = SpotFinder::find(rgb, coding, lens, m_parameters, spot);
+    if (SpotFinder::FOUND != eFound) {
+        return SpotFinder::OVEREXPOSED == eFound ? RESULT_TOO_BRIGHT : RESULT_NO_SPOT;
     }
-    millimetre = lens.toMillimetre(spot.ideal);
-    dSigmaMm = spot.dSigma / lens.pixelsPerMillimetre();
-    return RESULT_OK;
+    seen.millimetre = lens.toMillimetre(spot.ideal);
+    seen.dSigmaMm = spot.dSigma / lens.pixelsPerMillimetre();
+    seen.dRedness = spot.dRedness;
+    seen.dClipped = spot.dClipped;
+    // The same light on less of the workpiece.
+    const double dRatio = seen.dSigmaMm / m_parameters.dFocusedSigmaMm;
+    return seen.dRedness * dRatio * dRatio < m_parameters.dMinFocusedRedness ? RESULT_TOO_DARK
+                                                                             : RESULT_OK;
 }
 
-FrameProcessor::RESULT_E FrameProcessor::autoFocus(const JpegPicture& picture, double& dCorrection)
+FrameProcessor::RESULT_E FrameProcessor::autoFocus(const JpegPicture& picture, double& dHomed)
 {
-    cv::Point2d millimetre;
-    double dSigmaMm = 0;
-    const RESULT_E eResult =
-        findSpot(picture, ExposureAdvisor::TAKEN_AFTER_SUGGESTION, millimetre, dSigmaMm);
-    if (RESULT_OK == eResult) {
-        const std::lock_guard<std::mutex> guard(m_mtxState);
-        dCorrection = m_focusJudge.correction(dSigmaMm);
+    SpotSeen seen{};
+    const RESULT_E eResult = findSpot(picture, ExposureAdvisor::TAKEN_AFTER_SUGGESTION, seen);
+    if (RESULT_OK != eResult) {
+        return eResult;
     }
-    return eResult;
+    if (seen.dClipped > m_parameters.dMaxClippedForFocus) {
+        return RESULT_TOO_BRIGHT;
+    }
+    if (seen.dRedness < m_parameters.dMinFocusRedness) {
+        return RESULT_NO_FOCUS;
+    }
+    const std::lock_guard<std::mutex> guard(m_mtxState);
+    return m_focusJudge.judge(seen.dSigmaMm, dHomed) ? RESULT_OK : RESULT_NO_FOCUS;
 }
 
 FrameProcessor::RESULT_E FrameProcessor::findPosition(const JpegPicture& picture,
                                                       cv::Point2d& millimetre)
 {
     // The service fetches the picture first, then asks for an exposure, then for the position.
-    double dSigmaMm = 0;
-    return findSpot(picture, ExposureAdvisor::TAKEN_BEFORE_SUGGESTION, millimetre, dSigmaMm);
+    SpotSeen seen{};
+    const RESULT_E eResult = findSpot(picture, ExposureAdvisor::TAKEN_BEFORE_SUGGESTION, seen);
+    if (RESULT_OK != eResult) {
+        return eResult;
+    }
+    const bool bWidthKnown = seen.dClipped <= m_parameters.dMaxClippedForFocus;
+    const std::lock_guard<std::mutex> guard(m_mtxState);
+    m_focusJudge.seeBefore(bWidthKnown ? seen.dSigmaMm : 0);
+    if (!(cv::norm(seen.millimetre - m_lastMillimetre) <= m_parameters.dStillMm)) {
+        m_lastMillimetre = seen.millimetre;
+    }
+    millimetre = m_lastMillimetre;
+    return RESULT_OK;
 }
 
 FrameProcessor::RESULT_E FrameProcessor::look(const JpegPicture& picture)

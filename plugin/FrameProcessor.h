@@ -9,6 +9,7 @@
 
 #include "ExposureAdvisor.h"
 #include "FocusJudge.h"
+#include "JpegCodec.h"
 #include "Parameters.h"
 
 /** A picture as the service hands it over; borrowed for the call. */
@@ -36,7 +37,10 @@ public:
         RESULT_OK = 0,
         RESULT_BAD_PICTURE = 1, // not a whole JPEG picture of the size told
         RESULT_NO_SPOT = 2,
-        RESULT_ERROR = 3, // anything unforeseen
+        RESULT_ERROR = 3,      // anything unforeseen
+        RESULT_TOO_BRIGHT = 4, // clipped: the spot cannot be told from what is cut off
+        RESULT_TOO_DARK = 5,
+        RESULT_NO_FOCUS = 6, // blurred beyond use, or narrower than the laser's spot can be
     };
 
     explicit FrameProcessor(const Parameters& parameters);
@@ -47,10 +51,18 @@ public:
     /** Correct the lens's distortion; the picture keeps its size. @param vecOut  JPEG bytes */
     RESULT_E undistort(const JpegPicture& picture, std::vector<uint8_t>& vecOut);
 
-    /** @param dCorrection  millimetres to add to the laser's z, FocusJudge.h tells more */
-    RESULT_E autoFocus(const JpegPicture& picture, double& dCorrection);
+    /**
+     * The second picture of a measurement: the arm has been homed since findPosition().
+     * @param dHomed  millimetres of the homed laser over its focus; FocusJudge.h tells more
+     */
+    RESULT_E autoFocus(const JpegPicture& picture, double& dHomed);
 
-    /** @param millimetre  the spot on the workpiece, from the picture's centre, y downwards */
+    /**
+     * The first picture of a measurement, with the arm where the last one left it.
+     * @param millimetre  the spot on the workpiece, from the picture's centre, y downwards; the
+     *                    same as last time when it has hardly moved, so that an arm that is sent
+     *                    to where its own spot was seen doesn't wander
+     */
     RESULT_E findPosition(const JpegPicture& picture, cv::Point2d& millimetre);
 
     /** Take note of a picture's brightness only. */
@@ -60,12 +72,21 @@ public:
     int suggestExposure();
 
 private:
-    bool read(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken, cv::Mat& rgb);
-    RESULT_E findSpot(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken,
-                      cv::Point2d& millimetre, double& dSigmaMm);
+    bool read(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken, cv::Mat& rgb,
+              JpegCoding* pCoding = nullptr);
+    struct SpotSeen
+    {
+        cv::Point2d millimetre;
+        double dSigmaMm;
+        double dRedness; // at the centre
+        double dClipped; // 0 to 1
+    };
+
+    RESULT_E findSpot(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken, SpotSeen& seen);
 
     const Parameters m_parameters;
     std::mutex m_mtxState;
     ExposureAdvisor m_exposureAdvisor; // guarded by m_mtxState
     FocusJudge m_focusJudge;           // guarded by m_mtxState
+    cv::Point2d m_lastMillimetre;      // guarded by m_mtxState; not a number before the first
 };

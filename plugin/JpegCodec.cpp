@@ -74,6 +74,28 @@ public:
                static_cast<int64_t>(m_info.image_height) == size.height;
     }
 
+    /** After readHeader(). */
+    void tellCoding(JpegCoding& coding) const
+    {
+        coding = JpegCoding();
+        if (3 != m_info.num_components) {
+            return;
+        }
+        for (int i = 0; i < 2; ++i) {
+            const jpeg_component_info& component = m_info.comp_info[i];
+            const int nTable = component.quant_tbl_no;
+            if (nTable < 0 || nTable >= NUM_QUANT_TBLS ||
+                nullptr == m_info.quant_tbl_ptrs[nTable]) {
+                coding = JpegCoding();
+                return;
+            }
+            const UINT16* const pTable = m_info.quant_tbl_ptrs[nTable]->quantval;
+            std::copy(pTable, pTable + 64, coding.auTable[i]);
+        }
+        coding.nAcross = m_info.comp_info[0].h_samp_factor / m_info.comp_info[1].h_samp_factor;
+        coding.nDown = m_info.comp_info[0].v_samp_factor / m_info.comp_info[1].v_samp_factor;
+    }
+
     bool readPixels(cv::Mat& rgb)
     {
         if (0 != setjmp(m_failure.jump)) {
@@ -116,7 +138,8 @@ public:
     Encoder(const Encoder&) = delete;
     Encoder& operator=(const Encoder&) = delete;
 
-    bool write(const cv::Mat& rgb, int nQuality)
+    /** @param pCoding  in place of the quality; may be null */
+    bool write(const cv::Mat& rgb, int nQuality, const JpegCoding* pCoding)
     {
         if (0 != setjmp(m_failure.jump)) {
             return false;
@@ -129,6 +152,12 @@ public:
         m_info.in_color_space = JCS_RGB;
         jpeg_set_defaults(&m_info);
         jpeg_set_quality(&m_info, nQuality, TRUE);
+        if (nullptr != pCoding) {
+            jpeg_add_quant_table(&m_info, 0, pCoding->auTable[0], 100, TRUE);
+            jpeg_add_quant_table(&m_info, 1, pCoding->auTable[1], 100, TRUE);
+            m_info.comp_info[0].h_samp_factor = pCoding->nAcross;
+            m_info.comp_info[0].v_samp_factor = pCoding->nDown;
+        }
         jpeg_start_compress(&m_info, TRUE);
         while (m_info.next_scanline < m_info.image_height) {
             JSAMPROW pRow = const_cast<JSAMPROW>(rgb.ptr(static_cast<int>(m_info.next_scanline)));
@@ -200,20 +229,34 @@ private:
 
 } // namespace
 
-bool JpegCodec::decode(const uint8_t* pData, size_t nSize, cv::Size size, cv::Mat& rgbOut)
+bool JpegCodec::decode(const uint8_t* pData, size_t nSize, cv::Size size, cv::Mat& rgbOut,
+                       JpegCoding* pCoding)
 {
     Decoder decoder;
     if (nullptr == pData || !decoder.readHeader(pData, nSize) || !decoder.measures(size)) {
         return false;
     }
     rgbOut.create(size, CV_8UC3);
+    if (nullptr != pCoding) {
+        decoder.tellCoding(*pCoding);
+    }
     return decoder.readPixels(rgbOut);
 }
 
 bool JpegCodec::encode(const cv::Mat& rgb, int nQuality, std::vector<uint8_t>& vecOut)
 {
     Encoder encoder;
-    if (!encoder.write(rgb, nQuality)) {
+    if (!encoder.write(rgb, nQuality, nullptr)) {
+        return false;
+    }
+    encoder.moveTo(vecOut);
+    return true;
+}
+
+bool JpegCodec::encode(const cv::Mat& rgb, const JpegCoding& coding, std::vector<uint8_t>& vecOut)
+{
+    Encoder encoder;
+    if (!encoder.write(rgb, 100, &coding)) {
         return false;
     }
     encoder.moveTo(vecOut);

@@ -6,6 +6,9 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+// The default of five rounds leaves up to a pixel in the corners of a strong lens.
+static const cv::TermCriteria ENOUGH(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, 50, 1e-4);
+
 LensModel::LensModel(const Parameters& parameters, cv::Size size)
     : m_size(size), m_dPixelsPerMillimetre(size.width / parameters.dFieldWidthMm),
       m_camera(parameters.dFocalLength * size.width, 0, (size.width - 1) / 2.0,  //
@@ -17,12 +20,36 @@ LensModel::LensModel(const Parameters& parameters, cv::Size size)
 
 cv::Point2d LensModel::toIdeal(cv::Point2d seen) const
 {
-    // The default of five rounds leaves up to a pixel in the corners of a strong lens.
-    const cv::TermCriteria enough(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, 50, 1e-4);
     const std::vector<cv::Point2d> vecSeen{seen};
     std::vector<cv::Point2d> vecIdeal;
-    cv::undistortPoints(vecSeen, vecIdeal, m_camera, m_distortion, cv::noArray(), m_camera, enough);
+    cv::undistortPoints(vecSeen, vecIdeal, m_camera, m_distortion, cv::noArray(), m_camera, ENOUGH);
     return vecIdeal[0];
+}
+
+cv::Point2d LensModel::toSeen(cv::Point2d ideal) const
+{
+    const std::vector<cv::Point3d> vecRay{{(ideal.x - m_camera(0, 2)) / m_camera(0, 0),
+                                           (ideal.y - m_camera(1, 2)) / m_camera(1, 1), 1}};
+    std::vector<cv::Point2d> vecSeen;
+    cv::projectPoints(vecRay, cv::Vec3d(), cv::Vec3d(), m_camera, m_distortion, vecSeen);
+    return vecSeen[0];
+}
+
+void LensModel::idealOf(const cv::Rect& area, cv::Mat& ideal) const
+{
+    cv::Mat seen(area.size(), CV_64FC2);
+    for (int y = 0; y < area.height; ++y) {
+        for (int x = 0; x < area.width; ++x) {
+            seen.at<cv::Point2d>(y, x) = cv::Point2d(area.x + x, area.y + y);
+        }
+    }
+    if (area.empty() || 0 == cv::norm(m_distortion)) {
+        ideal = seen;
+        return;
+    }
+    cv::undistortPoints(seen.reshape(2, 1), ideal, m_camera, m_distortion, cv::noArray(), m_camera,
+                        ENOUGH);
+    ideal = ideal.reshape(2, area.height);
 }
 
 cv::Point2d LensModel::toMillimetre(cv::Point2d ideal) const

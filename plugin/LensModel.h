@@ -22,6 +22,12 @@ public:
     /** Ideal pixel of a pixel in the picture. */
     cv::Point2d toIdeal(cv::Point2d seen) const;
 
+    /** Where an ideal pixel appears in the picture. */
+    cv::Point2d toSeen(cv::Point2d ideal) const;
+
+    /** The ideal pixels of an area of the picture, as CV_64FC2. */
+    void idealOf(const cv::Rect& area, cv::Mat& ideal) const;
+
     /** Millimetres on the workpiece of an ideal pixel. */
     cv::Point2d toMillimetre(cv::Point2d ideal) const;
     double pixelsPerMillimetre() const;

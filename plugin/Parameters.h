@@ -8,8 +8,7 @@
  *
  * Pictures of any size are taken as the same field of view: lengths in the picture are told in
  * parts of its width. Positions on the workpiece are in millimetres from the point in the picture's
- * centre, x to the right, y downwards; z is the laser's height above the workpiece less the height
- * at which the spot is in focus.
+ * centre, x to the right, y downwards; heights are in millimetres of the arm's Z axis.
  */
 struct Parameters
 {
@@ -25,26 +24,41 @@ struct Parameters
     double dFocalLength = 0.5;
     double dRadialK1 = 0.0;
 
-    // Spot. Redness is red less the larger of green and blue, 0 to 255.
+    // Spot. Redness is red less what else is there, 0 to 255.
 
-    /** A weaker spot is taken for noise. At 10 it is found up to 7 mm out of focus. */
-    double dMinRedness = 10.0;
+    /** A weaker spot is taken for noise. At 8 it is found up to 7 mm out of focus. */
+    double dMinRedness = 8.0;
     /**
-     * Standard deviation, in pixels, of the blur that the picture itself adds: USB cameras store
-     * one colour for two pixels. Measured on the virtual camera's pictures.
+     * Redness that the spot would have in focus; less is too dark to tell its place. Of the virtual
+     * camera it is 215 at the start exposure.
      */
-    double dPictureBlurPixels = 0.7;
+    double dMinFocusedRedness = 50.0;
+    /** Redness that a spot must have for its width to be told. */
+    double dMinFocusRedness = 25.0;
+    /** Largest part of the spot's light on clipped pixels for telling its place, and its width. */
+    double dMaxClipped = 0.93;
+    double dMaxClippedForFocus = 0.5;
+    /** A spot that is found so close to where it was last counts as not moved, in millimetres. */
+    double dStillMm = 0.02;
 
-    // Focus: the spot is a Gaussian whose standard deviation grows in proportion to |z|.
+    // Focus: the spot is a Gaussian whose standard deviation grows in proportion to the distance of
+    // the laser from its focus, to either side.
 
     /** Standard deviation in focus, in millimetres on the workpiece. */
     double dFocusedSigmaMm = 0.3;
-    /** Growth of the standard deviation per millimetre of |z|. */
+    /** Growth of the standard deviation per millimetre of distance. */
     double dBlurPerMm = 0.15;
-    /** Heights below count as in focus, in millimetres; about what the spot's width can tell. */
+    /** Homed so close to its focus the laser stays there, in millimetres; what a width can tell. */
     double dFocusToleranceMm = 0.1;
-    /** The side of the focus that is tried first: 1 when the laser usually stands too high. */
-    double dFirstSide = 1.0;
+    /**
+     * Larger distances are refused, in millimetres. A first measurement that takes the wrong side
+     * doubles the distance: the spot must still be found then.
+     */
+    double dMaxHeightMm = 3.5;
+    /** 1 when the focus is always above the homed laser (at a positive Z), -1 below, 0 unknown. */
+    int nKnownSide = 0;
+    /** While the side is unknown: what the first measurement takes for it. */
+    int nFirstSide = 1;
 
     // Exposure, in units of the camera's exposure_absolute (100 us).
 

@@ -71,11 +71,11 @@ int autoFocus(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uin
               float* pMeasure)
 {
     return guarded([&] {
-        double dCorrection = 0;
+        double dHomed = 0;
         const FrameProcessor::RESULT_E eResult =
-            processor().autoFocus({pData, u32Size, u32Width, u32Height}, dCorrection);
+            processor().autoFocus({pData, u32Size, u32Width, u32Height}, dHomed);
         if (FrameProcessor::RESULT_OK == eResult) {
-            *pMeasure = static_cast<float>(dCorrection);
+            *pMeasure = static_cast<float>(dHomed);
         }
         return eResult;
     });

@@ -48,18 +48,25 @@ FRAME_PROCESS_API int undistort(uint32_t u32Size, uint32_t u32Width, uint32_t u3
                                 const uint8_t* pData, struct FRAME_PROCESS_UNDISTORT_T* pOut);
 
 /**
- * Measure the laser's height, from a picture taken after the laser was told to move to its spot.
- * @param pMeasure  sent to the print service, which moves the arm's Z axis to the negated value in
- *                  its own units
- * @return 0 or below when *pMeasure was written, above 0 on failure
+ * Measure the laser's height, from a picture taken after the arm was homed and then moved, in X and
+ * Y only, to where findPos() saw the spot: Z is 0.
+ * @param pMeasure  how high the homed laser stands over its focus, in millimetres along the arm's Z
+ *                  axis. The print service moves Z to the negated value, an absolute position over
+ *                  the homed one, and the laser is in focus there. The value says nothing about
+ *                  where Z is now or was before: measuring twice gives the same value twice, as
+ *                  far as docs/plugin.md tells its accuracy.
+ * @return 0 or below when *pMeasure was written, above 0 on failure: nothing is moved then
  */
 FRAME_PROCESS_API int autoFocus(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height,
                                 const uint8_t* pData, float* pMeasure);
 
 /**
- * Find the laser spot.
- * @param pX, pY  sent to the print service, which moves the arm to the negated values
- * @return 0 or below when *pX and *pY were written, above 0 on failure
+ * Find the laser spot, in a picture taken with the arm where the last measurement left it: in focus
+ * when that succeeded, at Z 0 when its autoFocus() failed.
+ * @param pX, pY  millimetres of the workpiece from the point in the picture's centre, x to the
+ *                right, y downwards. The print service homes the arm and moves it to the negated
+ *                values, absolute positions: the arm's axes point against the picture's.
+ * @return 0 or below when *pX and *pY were written, above 0 on failure: nothing is moved then
  */
 FRAME_PROCESS_API int findPos(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height,
                               const uint8_t* pData, float* pX, float* pY);

@@ -1,4 +1,4 @@
-// Whether the corrections lead into focus.
+// Whether measurements lead into focus, in the order in which the service makes them.
 #include <cmath>
 
 #include <gtest/gtest.h>
@@ -6,96 +6,149 @@
 #include "FocusJudge.h"
 #include "FrameProcessor.h"
 #include "SceneCamera.h"
+#include "ServiceLoop.h"
 
 namespace {
 
-double correctionAt(FrameProcessor& processor, SceneCamera& camera, double dZ)
+const double STARTS[] = {-3, -1.5, -0.5, 0.5, 1.5, 3};
+const double IN_FOCUS = 0.1; // millimetres
+
+double homedAt(FrameProcessor& processor, SceneCamera& camera, double dZ)
 {
     camera.setSpot(3.21, -4.56, dZ);
-    double dCorrection = NAN;
-    EXPECT_EQ(FrameProcessor::RESULT_OK, processor.autoFocus(camera.take(), dCorrection));
-    return dCorrection;
+    double dHomed = NAN;
+    EXPECT_EQ(FrameProcessor::RESULT_OK, processor.autoFocus(camera.take(), dHomed));
+    return dHomed;
+}
+
+double sigmaAt(double dDistance)
+{
+    return 0.3 + 0.15 * std::fabs(dDistance);
+}
+
+// A measurement with pictures that tell their widths exactly; the arm's Z afterwards.
+double measure(FocusJudge& judge, double dZ, double dFocusZ)
+{
+    double dHomed = NAN;
+    judge.seeBefore(sigmaAt(dZ - dFocusZ));
+    EXPECT_TRUE(judge.judge(sigmaAt(dFocusZ), dHomed));
+    return -dHomed;
 }
 
 } // namespace
 
-TEST(FrameProcessor, SpotInFocusNeedsNoCorrection)
+TEST(FrameProcessor, TwoMeasurementsLeadIntoFocusAndFiveMoreStayThere)
 {
     SceneCamera camera;
-    FrameProcessor processor{Parameters()};
+    for (const double dFocusZ : STARTS) {
+        ServiceLoop loop(camera, dFocusZ);
 
-    EXPECT_EQ(0, correctionAt(processor, camera, 0));
-}
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
 
-TEST(FrameProcessor, TooHighIsCorrectedAtOnce)
-{
-    SceneCamera camera;
-    for (const double dZ : {0.5, 1.0, 2.7, 5.0}) {
-        FrameProcessor processor{Parameters()};
-
-        const double dCorrection = correctionAt(processor, camera, dZ);
-
-        EXPECT_LT(dCorrection, 0);
-        EXPECT_NEAR(0, dZ + dCorrection, 0.2) << "from " << dZ;
-        EXPECT_EQ(0, correctionAt(processor, camera, 0));
-    }
-}
-
-TEST(FrameProcessor, TooLowIsTurnedRoundOnTheSecondPicture)
-{
-    SceneCamera camera;
-    for (const double dStart : {-0.5, -1.0, -2.2}) {
-        FrameProcessor processor{Parameters()};
-        double dZ = dStart;
-
-        dZ += correctionAt(processor, camera, dZ);
-        EXPECT_NEAR(2 * dStart, dZ, 0.2);
-        const double dSecond = correctionAt(processor, camera, dZ);
-        dZ += dSecond;
-
-        EXPECT_GT(dSecond, 0);
-        EXPECT_NEAR(0, dZ, 0.3) << "from " << dStart;
-    }
-}
-
-TEST(FrameProcessor, RepeatedCorrectionsSettleInFocus)
-{
-    SceneCamera camera;
-    for (const double dStart : {-3.0, -1.6, -0.3, 0.3, 1.9, 3.4, 6.0}) {
-        FrameProcessor processor{Parameters()};
-        double dZ = dStart;
-
-        for (int i = 0; i < 3; i++) {
-            dZ += correctionAt(processor, camera, dZ);
+        EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "focus at " << dFocusZ;
+        for (int i = 0; i < 5; ++i) {
+            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+            EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "focus at " << dFocusZ;
         }
-
-        EXPECT_NEAR(0, dZ, 0.15) << "from " << dStart;
-        EXPECT_EQ(0, correctionAt(processor, camera, dZ)) << "from " << dStart;
     }
 }
 
-TEST(FrameProcessor, SideIsRememberedUntilReset)
+TEST(FrameProcessor, FirstSideNeedsOneMeasurement)
 {
     SceneCamera camera;
-    FrameProcessor processor{Parameters()};
-    correctionAt(processor, camera, -1);
-    correctionAt(processor, camera, -2);
+    for (const double dFocusZ : {0.5, 1.5}) {
+        ServiceLoop loop(camera, dFocusZ);
 
-    EXPECT_NEAR(1.5, correctionAt(processor, camera, -1.5), 0.2);
-    processor.reset();
-    EXPECT_NEAR(-1.5, correctionAt(processor, camera, -1.5), 0.2);
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+
+        EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "focus at " << dFocusZ;
+    }
 }
 
-TEST(FrameProcessor, CorrectionThatWasNotCarriedOutIsAskedForAgain)
+TEST(FrameProcessor, WorkpieceOfAnotherHeightNeedsTwoMeasurementsMore)
+{
+    SceneCamera camera;
+    for (const double dFocusZ : STARTS) {
+        for (const double dNext : {-dFocusZ, dFocusZ / 3}) {
+            ServiceLoop loop(camera, dFocusZ);
+            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+
+            loop.m_dFocusZ = dNext;
+            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+
+            EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "from " << dFocusZ << " to " << dNext;
+        }
+    }
+}
+
+TEST(FrameProcessor, FocusAtHomeIsLeftForEitherSide)
+{
+    SceneCamera camera;
+    for (const double dNext : {-2.0, 2.0}) {
+        ServiceLoop loop(camera, 0);
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+        EXPECT_EQ(0, loop.m_dZ);
+
+        loop.m_dFocusZ = dNext;
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+
+        EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "to " << dNext;
+    }
+}
+
+TEST(FrameProcessor, SpotStaysWhereItIsMeasuredAgain)
+{
+    SceneCamera camera;
+    ServiceLoop loop(camera, 1.5);
+    ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+    ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+    const double dX = loop.m_dX;
+    const double dY = loop.m_dY;
+
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+        EXPECT_EQ(dX, loop.m_dX);
+        EXPECT_EQ(dY, loop.m_dY);
+    }
+}
+
+TEST(FrameProcessor, BlurBeyondUseIsAFailure)
+{
+    SceneCamera camera;
+    for (const double dZ : {-12.0, -8.0, -4.5, 4.5, 6.0, 9.0, 20.0}) {
+        FrameProcessor processor{Parameters()};
+        camera.setSpot(3.21, -4.56, dZ);
+        double dHomed = 77;
+
+        EXPECT_LT(0, processor.autoFocus(camera.take(), dHomed)) << "at " << dZ;
+
+        EXPECT_EQ(77, dHomed);
+    }
+}
+
+TEST(FrameProcessor, SpotInFocusNeedsNoMove)
 {
     SceneCamera camera;
     FrameProcessor processor{Parameters()};
 
-    const double dFirst = correctionAt(processor, camera, 2);
-    const double dSecond = correctionAt(processor, camera, 2);
+    EXPECT_EQ(0, homedAt(processor, camera, 0));
+}
 
-    EXPECT_NEAR(-2, dFirst, 0.2);
-    EXPECT_NEAR(dFirst, dSecond, 0.05);
+TEST(FrameProcessor, ResetForgetsTheSide)
+{
+    SceneCamera camera;
+    ServiceLoop loop(camera, -1.5);
+    ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+    ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+    EXPECT_NEAR(1.5, homedAt(loop.m_processor, loop.m_camera, -1.5), 0.1);
+
+    loop.m_processor.reset();
+
+    EXPECT_NEAR(-1.5, homedAt(loop.m_processor, loop.m_camera, -1.5), 0.1);
 }
 
 TEST(FrameProcessor, LensDoesNotBlur)
@@ -105,28 +158,111 @@ TEST(FrameProcessor, LensDoesNotBlur)
     FrameProcessor processor{parameters};
     SceneCamera camera(-0.12);
     camera.setSpot(24, 17, 2); // where the lens shrinks most
-    double dCorrection = 0;
+    double dHomed = 0;
 
-    ASSERT_EQ(FrameProcessor::RESULT_OK, processor.autoFocus(camera.take(), dCorrection));
+    ASSERT_EQ(FrameProcessor::RESULT_OK, processor.autoFocus(camera.take(), dHomed));
 
-    EXPECT_NEAR(-2, dCorrection, 0.2);
+    EXPECT_NEAR(-2, dHomed, 0.15);
 }
 
-TEST(FocusJudge, SharpnessFallsAsTheSpotWidens)
+TEST(FocusJudge, PictureWhereTheArmWasLeftTellsTheSide)
 {
-    const FocusJudge judge{Parameters()};
+    FocusJudge judge{Parameters()};
 
-    EXPECT_EQ(1.0, judge.sharpness(0.3));
-    EXPECT_EQ(1.0, judge.sharpness(0.2));
-    EXPECT_DOUBLE_EQ(0.5, judge.sharpness(0.6));
-    EXPECT_DOUBLE_EQ(0.1, judge.sharpness(3.0));
+    EXPECT_NEAR(2, measure(judge, 0, -2), 1e-9); // nothing is known
+    EXPECT_NEAR(-2, measure(judge, 2, -2), 1e-9);
+    EXPECT_NEAR(-2, measure(judge, -2, -2), 1e-9);
+    EXPECT_NEAR(1, measure(judge, -2, 1), 1e-9); // another workpiece
+}
+
+TEST(FocusJudge, NearlySharpPictureTellsTheRestOfTheWay)
+{
+    FocusJudge judge{Parameters()};
+    double dHomed = NAN;
+    judge.seeBefore(sigmaAt(1.5));
+    EXPECT_TRUE(judge.judge(sigmaAt(1.4), dHomed)); // the focus is at 1.5
+    EXPECT_NEAR(-1.4, dHomed, 1e-9);
+
+    judge.seeBefore(sigmaAt(0.1));
+    EXPECT_TRUE(judge.judge(sigmaAt(1.57), dHomed));
+    EXPECT_NEAR(-1.5, dHomed, 1e-9);
+
+    for (const double dNoise : {-0.1, 0.02, 0.1}) { // it was sharp: it stays
+        judge.seeBefore(sigmaAt(0.02));
+        EXPECT_TRUE(judge.judge(sigmaAt(1.5 + dNoise), dHomed));
+        EXPECT_NEAR(-1.5, dHomed, 1e-9);
+    }
+}
+
+TEST(FocusJudge, ArmThatWasNotMovedLeavesTheSide)
+{
+    FocusJudge judge{Parameters()};
+    EXPECT_NEAR(2, measure(judge, 0, -2), 1e-9);
+    EXPECT_NEAR(-2, measure(judge, 2, -2), 1e-9);
+
+    EXPECT_NEAR(-2, measure(judge, 0, -2), 1e-9); // where it was sent to it would be sharp
+    EXPECT_NEAR(-2, measure(judge, 0, -2), 1e-9);
+}
+
+TEST(FocusJudge, PictureThatTellsNoWidthLeavesTheSide)
+{
+    FocusJudge judge{Parameters()};
+    EXPECT_NEAR(2, measure(judge, 0, -2), 1e-9);
+    EXPECT_NEAR(-2, measure(judge, 2, -2), 1e-9);
+    double dHomed = NAN;
+
+    judge.seeBefore(0);
+
+    EXPECT_TRUE(judge.judge(sigmaAt(1), dHomed));
+    EXPECT_NEAR(1, dHomed, 1e-9);
+}
+
+// The service homes the arm before the picture and sends no height when it fails.
+TEST(FocusJudge, ArmIsAtHomeAfterAFailure)
+{
+    FocusJudge judge{Parameters()};
+    double dHomed = NAN;
+    judge.seeBefore(sigmaAt(2));
+    EXPECT_TRUE(judge.judge(sigmaAt(2), dHomed));
+    judge.seeBefore(sigmaAt(4));
+    EXPECT_FALSE(judge.judge(sigmaAt(5), dHomed));
+
+    // From z = 2 these would tell that the focus is below; from home they tell nothing.
+    EXPECT_NEAR(2, measure(judge, 0, -2), 1e-9);
+}
+
+TEST(FocusJudge, WidthThatCannotBeTheLasersIsRefused)
+{
+    FocusJudge judge{Parameters()};
+    double dHomed = 7;
+
+    EXPECT_FALSE(judge.judge(sigmaAt(3.6), dHomed));
+    EXPECT_FALSE(judge.judge(0.2, dHomed));
+
+    EXPECT_EQ(7, dHomed);
+}
+
+TEST(FocusJudge, KnownSideNeverChanges)
+{
+    for (const int nSide : {-1, 1}) {
+        Parameters parameters;
+        parameters.nKnownSide = nSide;
+        FocusJudge judge{parameters};
+
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_NEAR(2 * nSide, measure(judge, 2 * nSide, -2 * nSide), 1e-9);
+        }
+    }
 }
 
 TEST(FocusJudge, FirstSideIsTheParameters)
 {
     Parameters parameters;
-    parameters.dFirstSide = -1;
+    parameters.nFirstSide = -1;
     FocusJudge judge{parameters};
+    double dHomed = NAN;
 
-    EXPECT_NEAR(2.0, judge.correction(0.6), 1e-9);
+    EXPECT_TRUE(judge.judge(0.6, dHomed));
+
+    EXPECT_NEAR(2.0, dHomed, 1e-9);
 }

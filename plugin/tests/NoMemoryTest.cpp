@@ -91,8 +91,8 @@ int failEachAllocation(const CALL& call, const UNTOUCHED& untouched, const GOOD&
 TEST(PluginWithoutMemory, FindPosFails)
 {
     auto* const pFindPos = entryPoint<decltype(::findPos)>("findPos");
-    SceneCamera camera;
-    camera.setSpot(3, 4, 0);
+    SceneCamera camera(0, 320, 240); // small, as there are hundreds of calls
+    camera.setSpot(3, 4, 2);
     const JpegPicture picture = camera.take();
     float fX = 0;
     float fY = 0;
@@ -101,9 +101,9 @@ TEST(PluginWithoutMemory, FindPosFails)
         [&] {
             fX = 7;
             fY = 8;
-            return pFindPos(picture.u32Size, 640, 480, picture.pData, &fX, &fY);
+            return pFindPos(picture.u32Size, 320, 240, picture.pData, &fX, &fY);
         },
-        [&] { return 7 == fX && 8 == fY; }, [&] { return std::hypot(fX - 3, fY - 4) < 0.03F; });
+        [&] { return 7 == fX && 8 == fY; }, [&] { return std::hypot(fX - 3, fY - 4) < 0.1F; });
 
     EXPECT_GT(nFailures, 50);
 }
@@ -111,7 +111,7 @@ TEST(PluginWithoutMemory, FindPosFails)
 TEST(PluginWithoutMemory, AutoFocusFails)
 {
     auto* const pAutoFocus = entryPoint<decltype(::autoFocus)>("autoFocus");
-    SceneCamera camera;
+    SceneCamera camera(0, 320, 240); // small, as there are hundreds of calls
     camera.setSpot(3, 4, 2);
     const JpegPicture picture = camera.take();
     float fMeasure = 0;
@@ -119,9 +119,9 @@ TEST(PluginWithoutMemory, AutoFocusFails)
     const int nFailures = failEachAllocation(
         [&] {
             fMeasure = 7;
-            return pAutoFocus(picture.u32Size, 640, 480, picture.pData, &fMeasure);
+            return pAutoFocus(picture.u32Size, 320, 240, picture.pData, &fMeasure);
         },
-        [&] { return 7 == fMeasure; }, [&] { return std::fabs(std::fabs(fMeasure) - 2) < 0.1F; });
+        [&] { return 7 == fMeasure; }, [&] { return std::fabs(std::fabs(fMeasure) - 2) < 0.3F; });
 
     EXPECT_GT(nFailures, 50);
 }
@@ -129,16 +129,16 @@ TEST(PluginWithoutMemory, AutoFocusFails)
 TEST(PluginWithoutMemory, UndistortFails)
 {
     auto* const pUndistort = entryPoint<decltype(::undistort)>("undistort");
-    SceneCamera camera;
+    SceneCamera camera(0, 320, 240); // small, as there are hundreds of calls
     const JpegPicture picture = camera.take();
     FRAME_PROCESS_UNDISTORT_T record{};
-    ASSERT_EQ(0, pUndistort(picture.u32Size, 640, 480, picture.pData, &record));
+    ASSERT_EQ(0, pUndistort(picture.u32Size, 320, 240, picture.pData, &record));
     const std::vector<uint8_t> vecGood(record.pData, record.pData + record.s32Size);
 
     const int nFailures = failEachAllocation(
         [&] {
             record = {};
-            return pUndistort(picture.u32Size, 640, 480, picture.pData, &record);
+            return pUndistort(picture.u32Size, 320, 240, picture.pData, &record);
         },
         [&] { return nullptr == record.pData; },
         [&] { return vecGood == std::vector(record.pData, record.pData + record.s32Size); });

@@ -96,14 +96,14 @@ class Vision(unittest.TestCase):
             self.assertAlmostEqual(y, float(move.group(2)), delta=0.03)
             self.assertEqual("0.0000", answer)
 
-    def test_measures_lead_into_focus(self):
-        z = -2.0
-        for _ in range(3):
-            self.place(5, 5, z)
-            answer, _ = self.measure()
-            z += float(answer)
+    def test_workpiece_of_another_height_does_not_turn_the_side_round(self):
+        # The spot does not move, as if nobody had carried out the moves: nothing tells the side.
+        for z in (1.0, 1.0, 3.0, 3.0, 1.0, 1.0):
+            self.place(0, 0, z)
 
-        self.assertAlmostEqual(0, z, delta=0.15)
+            answer, _ = self.measure()
+
+            self.assertAlmostEqual(-z, float(answer), delta=0.3)
 
     def test_exposure_reaches_the_camera_before_the_answer(self):
         self.place(1, 1, 0)
