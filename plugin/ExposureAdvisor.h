@@ -7,7 +7,8 @@
 
 /**
  * Takes it that the camera follows each suggestion and that brightness is proportional to exposure.
- * Where it is not (a clipped picture, a camera on automatic), repeating leads there all the same.
+ * Where it is not, because the picture is clipped, repeating leads there all the same. A camera
+ * whose brightness doesn't follow is led to the shortest or the longest exposure.
  *
  * Not thread-safe.
  */

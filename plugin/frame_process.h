@@ -4,6 +4,9 @@
 
 #include <stdint.h>
 
+/** Changes when an entry point or the record does; 1 is what stands below. */
+#define FRAME_PROCESS_ABI_VERSION 1
+
 #ifdef __cplusplus
 extern "C" {
 #endif
