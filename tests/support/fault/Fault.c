@@ -12,6 +12,7 @@
 #include <malloc.h>
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -27,8 +28,10 @@
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include "CallNote.h"
 #include "LibraryCall.h"
 
 #define MAX_RULES 24
@@ -321,7 +324,8 @@ __attribute__((constructor)) static void takePlanFromEnvironment(void)
 {
     const char* pPlan = getenv("KESTREL_FAULT");
     const char* pProgram = getenv("KESTREL_FAULT_PROGRAM");
-    if (NULL == pPlan ||
+    const char* pJournal = getenv("KESTREL_FAULT_JOURNAL");
+    if ((NULL == pPlan && NULL == pJournal) ||
         (NULL != pProgram && 0 != strcmp(pProgram, program_invocation_short_name))) {
         return;
     }
@@ -340,6 +344,12 @@ __attribute__((constructor)) static void takePlanFromEnvironment(void)
         _exit(2);
     }
     unsetenv("KESTREL_FAULT");
+    if (NULL != pJournal && 0 != journalTo(pJournal, getenv("KESTREL_FAULT_JOURNAL_CALLS"))) {
+        static const char TEXT[] = "KESTREL_FAULT_JOURNAL is not a file\n";
+        (void)!write(STDERR_FILENO, TEXT, sizeof(TEXT) - 1);
+        _exit(2);
+    }
+    unsetenv("KESTREL_FAULT_JOURNAL");
 }
 
 static int matches(const struct Rule* pRule, enum FILTER_E eFilter, long lNumber, const char* pText)
@@ -401,11 +411,20 @@ static void resolve(void* ppReal, const char* pName)
 
 #define EXPORT __attribute__((visibility("default")))
 
+// The journal's line of a call: a format and its values, made in the intercepting function.
+#define NOTE_CALL(NAME, ...)                                                                       \
+    do {                                                                                           \
+        if (journalWants(NAME) && !isExcepted(__builtin_return_address(0))) {                      \
+            journalNote(NAME, __VA_ARGS__);                                                        \
+        }                                                                                          \
+    } while (0)
+
 // A call that sets errno and returns FAILURE.
-#define INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER, NUMBER, TEXT)              \
+#define INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER, NUMBER, TEXT, ...)         \
     EXPORT RESULT NAME PARAMETERS                                                                  \
     {                                                                                              \
         static RESULT(*s_pReal) PARAMETERS;                                                        \
+        NOTE_CALL(#NAME, __VA_ARGS__);                                                             \
         const int nError = faultOf(#NAME, FILTER, NUMBER, TEXT);                                   \
         if (0 != nError) {                                                                         \
             errno = nError;                                                                        \
@@ -418,10 +437,11 @@ static void resolve(void* ppReal, const char* pName)
     }
 
 // A call that returns its error.
-#define INTERCEPT_RETURNED(NAME, PARAMETERS, ARGUMENTS)                                            \
+#define INTERCEPT_RETURNED(NAME, PARAMETERS, ARGUMENTS, ...)                                       \
     EXPORT int NAME PARAMETERS                                                                     \
     {                                                                                              \
         static int(*s_pReal) PARAMETERS;                                                           \
+        NOTE_CALL(#NAME, __VA_ARGS__);                                                             \
         const int nError = faultOf(#NAME, FILTER_NONE, 0, NULL);                                   \
         if (0 != nError) {                                                                         \
             return nError;                                                                         \
@@ -432,12 +452,16 @@ static void resolve(void* ppReal, const char* pName)
         return s_pReal ARGUMENTS;                                                                  \
     }
 
+#define BY_FD_NOTED(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, ...)                             \
+    INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_NUMBER, fd, NULL, __VA_ARGS__)
 #define BY_FD(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE)                                        \
-    INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_NUMBER, fd, NULL)
+    BY_FD_NOTED(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, "%d", fd)
 #define BY_TEXT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE)                                      \
-    INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_PREFIX, 0, text)
+    INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_PREFIX, 0, text, "%s", text)
+#define PLAIN_NOTED(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, ...)                             \
+    INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_NONE, 0, NULL, __VA_ARGS__)
 #define PLAIN(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE)                                        \
-    INTERCEPT(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, FILTER_NONE, 0, NULL)
+    PLAIN_NOTED(RESULT, NAME, PARAMETERS, ARGUMENTS, FAILURE, "%s", "")
 
 // Allocations. Looking up the real ones may allocate: that is served from a pool, never reused.
 // Volatile: dlsym is declared as a function that calls nothing of ours, and yet it allocates.
@@ -644,6 +668,7 @@ EXPORT int open(const char* text, int nFlags, ...)
     va_start(args, nFlags);
     const int nMode = (0 != (nFlags & (O_CREAT | O_TMPFILE))) ? va_arg(args, int) : 0;
     va_end(args);
+    NOTE_CALL("open", "%s", text);
     const int nError = faultOf("open", FILTER_PREFIX, 0, text);
     if (0 != nError) {
         errno = nError;
@@ -662,6 +687,7 @@ EXPORT int fcntl(int fd, int nCommand, ...)
     va_start(args, nCommand);
     void* pArgument = va_arg(args, void*);
     va_end(args);
+    NOTE_CALL("fcntl", "%d %d", fd, nCommand);
     const int nError = faultOf("fcntl", FILTER_NUMBER, fd, NULL);
     if (0 != nError) {
         errno = nError;
@@ -680,6 +706,7 @@ EXPORT int ioctl(int fd, IoctlRequest request, ...)
     va_start(args, request);
     void* pArgument = va_arg(args, void*);
     va_end(args);
+    NOTE_CALL("ioctl", "%d 0x%lx", fd, (unsigned long)request);
     const int nError = faultOf("ioctl", FILTER_NUMBER, fd, NULL);
     if (0 != nError) {
         errno = nError;
@@ -702,8 +729,10 @@ PLAIN(int, fflush, (FILE * pFile), (pFile), EOF)
 BY_TEXT(int, mkostemp, (char* text, int nFlags), (text, nFlags), -1)
 BY_TEXT(int, mkdir, (const char* text, mode_t uMode), (text, uMode), -1)
 BY_TEXT(int, chdir, (const char* text), (text), -1)
-BY_FD(ssize_t, read, (int fd, void* pBuffer, size_t uCount), (fd, pBuffer, uCount), -1)
-BY_FD(ssize_t, write, (int fd, const void* pData, size_t uCount), (fd, pData, uCount), -1)
+BY_FD_NOTED(ssize_t, read, (int fd, void* pBuffer, size_t uCount), (fd, pBuffer, uCount), -1,
+            "%d %zu", fd, uCount)
+BY_FD_NOTED(ssize_t, write, (int fd, const void* pData, size_t uCount), (fd, pData, uCount), -1,
+            "%d %zu", fd, uCount)
 BY_FD(int, close, (int fd), (fd), -1)
 BY_TEXT(int, access, (const char* text, int nMode), (text, nMode), -1)
 BY_TEXT(int, stat, (const char* text, struct stat* pStat), (text, pStat), -1)
@@ -717,7 +746,7 @@ BY_FD(int, bind, (int fd, const struct sockaddr* pAddress, socklen_t uLength),
       (fd, pAddress, uLength), -1)
 BY_FD(int, connect, (int fd, const struct sockaddr* pAddress, socklen_t uLength),
       (fd, pAddress, uLength), -1)
-BY_FD(int, listen, (int fd, int nBacklog), (fd, nBacklog), -1)
+BY_FD_NOTED(int, listen, (int fd, int nBacklog), (fd, nBacklog), -1, "%d %d", fd, nBacklog)
 BY_FD(int, accept, (int fd, struct sockaddr* pAddress, socklen_t* pLength), (fd, pAddress, pLength),
       -1)
 BY_FD(int, accept4, (int fd, struct sockaddr* pAddress, socklen_t* pLength, int nFlags),
@@ -726,37 +755,63 @@ BY_FD(int, getsockname, (int fd, struct sockaddr* pAddress, socklen_t* pLength),
       (fd, pAddress, pLength), -1)
 BY_FD(int, getpeername, (int fd, struct sockaddr* pAddress, socklen_t* pLength),
       (fd, pAddress, pLength), -1)
-BY_FD(int, setsockopt, (int fd, int nLevel, int nName, const void* pValue, socklen_t uLength),
-      (fd, nLevel, nName, pValue, uLength), -1)
-BY_FD(int, getsockopt, (int fd, int nLevel, int nName, void* pValue, socklen_t* pLength),
-      (fd, nLevel, nName, pValue, pLength), -1)
-BY_FD(int, shutdown, (int fd, int nHow), (fd, nHow), -1)
-BY_FD(ssize_t, send, (int fd, const void* pData, size_t uCount, int nFlags),
-      (fd, pData, uCount, nFlags), -1)
-BY_FD(ssize_t, recv, (int fd, void* pBuffer, size_t uCount, int nFlags),
-      (fd, pBuffer, uCount, nFlags), -1)
+BY_FD_NOTED(int, setsockopt, (int fd, int nLevel, int nName, const void* pValue, socklen_t uLength),
+            (fd, nLevel, nName, pValue, uLength), -1, "%d %d %d", fd, nLevel, nName)
+BY_FD_NOTED(int, getsockopt, (int fd, int nLevel, int nName, void* pValue, socklen_t* pLength),
+            (fd, nLevel, nName, pValue, pLength), -1, "%d %d %d", fd, nLevel, nName)
+BY_FD_NOTED(int, shutdown, (int fd, int nHow), (fd, nHow), -1, "%d %d", fd, nHow)
+BY_FD_NOTED(ssize_t, send, (int fd, const void* pData, size_t uCount, int nFlags),
+            (fd, pData, uCount, nFlags), -1, "%d %zu", fd, uCount)
+BY_FD_NOTED(ssize_t, recv, (int fd, void* pBuffer, size_t uCount, int nFlags),
+            (fd, pBuffer, uCount, nFlags), -1, "%d %zu", fd, uCount)
 BY_FD(ssize_t, sendmsg, (int fd, const struct msghdr* pMessage, int nFlags), (fd, pMessage, nFlags),
       -1)
-BY_FD(ssize_t, sendto,
-      (int fd, const void* pData, size_t uCount, int nFlags, const struct sockaddr* pAddress,
-       socklen_t uLength),
-      (fd, pData, uCount, nFlags, pAddress, uLength), -1)
-BY_FD(ssize_t, recvfrom,
-      (int fd, void* pBuffer, size_t uCount, int nFlags, struct sockaddr* pAddress,
-       socklen_t* pLength),
-      (fd, pBuffer, uCount, nFlags, pAddress, pLength), -1)
+BY_FD_NOTED(ssize_t, sendto,
+            (int fd, const void* pData, size_t uCount, int nFlags, const struct sockaddr* pAddress,
+             socklen_t uLength),
+            (fd, pData, uCount, nFlags, pAddress, uLength), -1, "%d %zu", fd, uCount)
+BY_FD_NOTED(ssize_t, recvfrom,
+            (int fd, void* pBuffer, size_t uCount, int nFlags, struct sockaddr* pAddress,
+             socklen_t* pLength),
+            (fd, pBuffer, uCount, nFlags, pAddress, pLength), -1, "%d %zu", fd, uCount)
 
 // Waiting.
 PLAIN(int, epoll_create, (int nSize), (nSize), -1)
 PLAIN(int, epoll_create1, (int nFlags), (nFlags), -1)
-INTERCEPT(int, epoll_ctl, (int nEpoll, int nOperation, int fd, struct epoll_event* pEvent),
-          (nEpoll, nOperation, fd, pEvent), -1, FILTER_NUMBER, fd, NULL)
-BY_FD(int, epoll_wait, (int fd, struct epoll_event* pEvents, int nMaxEvents, int nTimeout),
-      (fd, pEvents, nMaxEvents, nTimeout), -1)
+EXPORT int epoll_ctl(int nEpoll, int nOperation, int fd, struct epoll_event* pEvent)
+{
+    static int (*s_pReal)(int, int, int, struct epoll_event*);
+    if (EPOLL_CTL_DEL == nOperation || NULL == pEvent) {
+        NOTE_CALL("epoll_ctl", "del %d", fd);
+    } else {
+        const char* const pOperation = (EPOLL_CTL_ADD == nOperation) ? "add" : "mod";
+        NOTE_CALL("epoll_ctl", "%s %d 0x%x", pOperation, fd, pEvent->events);
+    }
+    const int nError = faultOf("epoll_ctl", FILTER_NUMBER, fd, NULL);
+    if (0 != nError) {
+        errno = nError;
+        return -1;
+    }
+    if (NULL == s_pReal) {
+        resolve(&s_pReal, "epoll_ctl");
+    }
+    return s_pReal(nEpoll, nOperation, fd, pEvent);
+}
+BY_FD_NOTED(int, epoll_wait, (int fd, struct epoll_event* pEvents, int nMaxEvents, int nTimeout),
+            (fd, pEvents, nMaxEvents, nTimeout), -1, "%d %d", nMaxEvents, nTimeout)
 EXPORT int select(int nCount, fd_set* pRead, fd_set* pWrite, fd_set* pError,
                   struct timeval* pTimeout)
 {
     static int (*s_pReal)(int, fd_set*, fd_set*, fd_set*, struct timeval*);
+    if (journalWants("select")) {
+        const char* const pFor = (0 == nCount) ? "" : "fd ";
+        if (NULL == pTimeout) {
+            NOTE_CALL("select", "%s-", pFor);
+        } else {
+            NOTE_CALL("select", "%s%lld.%06lld", pFor, (long long)pTimeout->tv_sec,
+                      (long long)pTimeout->tv_usec);
+        }
+    }
     const int nError = faultOf("select", FILTER_NONE, 0, NULL);
     if (0 != nError) {
         errno = nError;
@@ -772,8 +827,18 @@ EXPORT int select(int nCount, fd_set* pRead, fd_set* pWrite, fd_set* pError,
     }
     return s_pReal(nCount, pRead, pWrite, pError, pTimeout);
 }
-PLAIN(int, poll, (struct pollfd * pEntries, nfds_t uCount, int nTimeout),
-      (pEntries, uCount, nTimeout), -1)
+PLAIN_NOTED(int, poll, (struct pollfd * pEntries, nfds_t uCount, int nTimeout),
+            (pEntries, uCount, nTimeout), -1, "%d", nTimeout)
+PLAIN_NOTED(int, nanosleep, (const struct timespec* pTime, struct timespec* pLeft), (pTime, pLeft),
+            -1, "%lld.%09ld", (long long)pTime->tv_sec, (long)pTime->tv_nsec)
+INTERCEPT_RETURNED(clock_nanosleep,
+                   (clockid_t clock, int nFlags, const struct timespec* pTime,
+                    struct timespec* pLeft),
+                   (clock, nFlags, pTime, pLeft), "%s%lld.%09ld",
+                   (0 != (nFlags & TIMER_ABSTIME)) ? "until " : "", (long long)pTime->tv_sec,
+                   (long)pTime->tv_nsec)
+PLAIN_NOTED(int, usleep, (useconds_t uTime), (uTime), -1, "%u", (unsigned)uTime)
+PLAIN_NOTED(unsigned, sleep, (unsigned uTime), (uTime), uTime, "%u", uTime)
 
 // Processes and threads.
 PLAIN(pid_t, fork, (void), (), -1)
@@ -782,13 +847,15 @@ PLAIN(pid_t, waitpid, (pid_t nPid, int* pStatus, int nOptions), (nPid, pStatus, 
 BY_TEXT(FILE*, popen, (const char* text, const char* pMode), (text, pMode), NULL)
 PLAIN(int, pclose, (FILE * pFile), (pFile), -1)
 BY_TEXT(int, system, (const char* text), (text), -1)
-PLAIN(int, nice, (int nIncrement), (nIncrement), -1)
+PLAIN_NOTED(int, nice, (int nIncrement), (nIncrement), -1, "%d", nIncrement)
+PLAIN_NOTED(int, kill, (pid_t nPid, int nSignal), (nPid, nSignal), -1, "%d %d", (int)nPid, nSignal)
 
 EXPORT int posix_spawn(pid_t* pPid, const char* pPath, const posix_spawn_file_actions_t* pActions,
                        const posix_spawnattr_t* pAttributes, char* const argv[], char* const envp[])
 {
     static int (*s_pReal)(pid_t*, const char*, const posix_spawn_file_actions_t*,
                           const posix_spawnattr_t*, char* const[], char* const[]);
+    NOTE_CALL("posix_spawn", "%s", pPath);
     const int nError = faultOf("posix_spawn", FILTER_PREFIX, 0, pPath);
     if (0 != nError) {
         return nError;
@@ -799,30 +866,42 @@ EXPORT int posix_spawn(pid_t* pPid, const char* pPath, const posix_spawn_file_ac
     return s_pReal(pPid, pPath, pActions, pAttributes, argv, envp);
 }
 
+static const char* stateOf(const pthread_attr_t* pAttributes)
+{
+    int nState = PTHREAD_CREATE_JOINABLE;
+    if (NULL != pAttributes) {
+        (void)pthread_attr_getdetachstate(pAttributes, &nState);
+    }
+    return (PTHREAD_CREATE_JOINABLE == nState) ? "joinable" : "detached";
+}
+
 INTERCEPT_RETURNED(pthread_create,
                    (pthread_t * pThread, const pthread_attr_t* pAttributes, void* (*pBody)(void*),
                     void* pArgument),
-                   (pThread, pAttributes, pBody, pArgument))
+                   (pThread, pAttributes, pBody, pArgument), "%s", stateOf(pAttributes))
+INTERCEPT_RETURNED(pthread_join, (pthread_t thread, void** ppResult), (thread, ppResult), "%s", "")
 INTERCEPT_RETURNED(pthread_attr_getinheritsched, (const pthread_attr_t* pAttributes, int* pInherit),
-                   (pAttributes, pInherit))
+                   (pAttributes, pInherit), "%s", "")
 INTERCEPT_RETURNED(pthread_attr_setinheritsched, (pthread_attr_t * pAttributes, int nInherit),
-                   (pAttributes, nInherit))
+                   (pAttributes, nInherit), "%s", "")
 INTERCEPT_RETURNED(pthread_attr_setschedpolicy, (pthread_attr_t * pAttributes, int nPolicy),
-                   (pAttributes, nPolicy))
+                   (pAttributes, nPolicy), "%s", "")
 INTERCEPT_RETURNED(pthread_attr_setschedparam,
                    (pthread_attr_t * pAttributes, const struct sched_param* pParameter),
-                   (pAttributes, pParameter))
+                   (pAttributes, pParameter), "%s", "")
 INTERCEPT_RETURNED(pthread_mutexattr_settype, (pthread_mutexattr_t * pAttributes, int nType),
-                   (pAttributes, nType))
-INTERCEPT_RETURNED(pthread_mutexattr_destroy, (pthread_mutexattr_t * pAttributes), (pAttributes))
+                   (pAttributes, nType), "%s", "")
+INTERCEPT_RETURNED(pthread_mutexattr_destroy, (pthread_mutexattr_t * pAttributes), (pAttributes),
+                   "%s", "")
 INTERCEPT_RETURNED(pthread_mutex_init,
                    (pthread_mutex_t * pMutex, const pthread_mutexattr_t* pAttributes),
-                   (pMutex, pAttributes))
-INTERCEPT_RETURNED(pthread_condattr_destroy, (pthread_condattr_t * pAttributes), (pAttributes))
+                   (pMutex, pAttributes), "%s", "")
+INTERCEPT_RETURNED(pthread_condattr_destroy, (pthread_condattr_t * pAttributes), (pAttributes),
+                   "%s", "")
 INTERCEPT_RETURNED(pthread_cond_init,
                    (pthread_cond_t * pCond, const pthread_condattr_t* pAttributes),
-                   (pCond, pAttributes))
-INTERCEPT_RETURNED(pthread_cond_signal, (pthread_cond_t * pCond), (pCond))
-INTERCEPT_RETURNED(pthread_cond_broadcast, (pthread_cond_t * pCond), (pCond))
+                   (pCond, pAttributes), "%s", "")
+INTERCEPT_RETURNED(pthread_cond_signal, (pthread_cond_t * pCond), (pCond), "%s", "")
+INTERCEPT_RETURNED(pthread_cond_broadcast, (pthread_cond_t * pCond), (pCond), "%s", "")
 INTERCEPT_RETURNED(pthread_cond_wait, (pthread_cond_t * pCond, pthread_mutex_t* pMutex),
-                   (pCond, pMutex))
+                   (pCond, pMutex), "%s", "")

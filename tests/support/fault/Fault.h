@@ -1,4 +1,5 @@
-// Makes chosen library calls of a test program, or of a whole service, fail on demand.
+// Makes chosen library calls of a test program, or of a whole service, fail on demand. What the
+// calls were asked for is noted by CallJournal.h.
 #pragma once
 
 #ifdef __cplusplus

@@ -1,0 +1,127 @@
+// Notes chosen library calls of a test program, or of a whole service, with their arguments.
+#define _GNU_SOURCE
+#include "CallJournal.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "CallNote.h"
+
+#define MAX_LINES 8192
+#define MAX_LINE 112
+
+struct Line
+{
+    int bReady;        // written by its thread, atomically, when the rest is complete
+    char acThread[16]; // prctl(2), PR_GET_NAME
+    char acText[MAX_LINE];
+};
+
+static struct Line g_aLine[MAX_LINES + 1]; // the last says that it is full
+static size_t g_uLines;                    // claimed
+static char g_acCalls[512];                // " poll select "
+static int g_bOn;
+static int g_nFile = -1; // where a preloaded program's lines go
+
+void journalStart(const char* pCalls)
+{
+    __atomic_store_n(&g_bOn, 0, __ATOMIC_SEQ_CST);
+    const size_t uLines = __atomic_exchange_n(&g_uLines, 0, __ATOMIC_SEQ_CST);
+    for (size_t i = 0; i < uLines && i <= MAX_LINES; ++i) {
+        __atomic_store_n(&g_aLine[i].bReady, 0, __ATOMIC_SEQ_CST);
+    }
+    if (NULL == pCalls || '\0' == *pCalls) {
+        return;
+    }
+    (void)snprintf(g_acCalls, sizeof(g_acCalls), " %s ", pCalls);
+    __atomic_store_n(&g_bOn, 1, __ATOMIC_SEQ_CST);
+}
+
+int journalTo(const char* pPath, const char* pCalls)
+{
+    g_nFile =
+        (int)syscall(SYS_openat, AT_FDCWD, pPath, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    journalStart(pCalls);
+    return (g_nFile < 0) ? -1 : 0;
+}
+
+size_t journalCount(void)
+{
+    const size_t uClaimed = __atomic_load_n(&g_uLines, __ATOMIC_SEQ_CST);
+    size_t uReady = 0;
+    while (uReady < uClaimed && uReady <= MAX_LINES &&
+           __atomic_load_n(&g_aLine[uReady].bReady, __ATOMIC_SEQ_CST)) {
+        ++uReady;
+    }
+    return uReady;
+}
+
+const char* journalLine(size_t uIndex)
+{
+    return (uIndex < journalCount()) ? g_aLine[uIndex].acText : "";
+}
+
+const char* journalThread(size_t uIndex)
+{
+    return (uIndex < journalCount()) ? g_aLine[uIndex].acThread : "";
+}
+
+int journalWants(const char* pCall)
+{
+    if (!__atomic_load_n(&g_bOn, __ATOMIC_SEQ_CST)) {
+        return 0;
+    }
+    const size_t uLength = strlen(pCall);
+    for (const char* p = strstr(g_acCalls, pCall); NULL != p; p = strstr(p + 1, pCall)) {
+        if (' ' == p[-1] && ' ' == p[uLength]) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+static void writeToFile(const struct Line* pLine)
+{
+    char acText[sizeof(pLine->acThread) + sizeof(pLine->acText) + 2];
+    const int nLength = snprintf(acText, sizeof(acText), "%s|%s\n", pLine->acThread, pLine->acText);
+    (void)!syscall(SYS_write, g_nFile, acText, (size_t)nLength);
+}
+
+void journalNote(const char* pCall, const char* pFormat, ...)
+{
+    const int nError = errno;
+    struct Line line;
+    memset(&line, 0, sizeof(line));
+    (void)prctl(PR_GET_NAME, line.acThread);
+    const int nName = snprintf(line.acText, sizeof(line.acText), "%s ", pCall);
+    va_list arguments;
+    va_start(arguments, pFormat);
+    const int nText =
+        vsnprintf(line.acText + nName, sizeof(line.acText) - (size_t)nName, pFormat, arguments);
+    va_end(arguments);
+    if (0 == nText) {
+        line.acText[nName - 1] = '\0';
+    }
+    line.bReady = 1;
+    if (g_nFile >= 0) {
+        writeToFile(&line);
+        errno = nError;
+        return;
+    }
+    const size_t uIndex = __atomic_fetch_add(&g_uLines, 1, __ATOMIC_SEQ_CST);
+    if (uIndex <= MAX_LINES) {
+        if (MAX_LINES == uIndex) {
+            strcpy(line.acText, "journal full");
+        }
+        memcpy(g_aLine[uIndex].acThread, line.acThread, sizeof(line.acThread));
+        memcpy(g_aLine[uIndex].acText, line.acText, sizeof(line.acText));
+        __atomic_store_n(&g_aLine[uIndex].bReady, 1, __ATOMIC_SEQ_CST);
+    }
+    errno = nError;
+}
