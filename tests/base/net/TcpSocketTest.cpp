@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -233,6 +234,42 @@ TEST(TcpSocket, CheckStateOfAClosedSocketIsAnException)
     EXPECT_EQ(4, pair.m_near.checkState());
     EXPECT_EQ(4, view.checkState()); // the number is not open any more
     EXPECT_EQ(4, TcpSocket().checkState());
+}
+
+// TCP reports data beside every hang-up and error: these two come without it.
+TEST(TcpSocket, CheckStateCountsHangUpAndErrorAsReadiness)
+{
+    TcpSocket unconnected;
+    ASSERT_EQ(0, unconnected.create());
+    EXPECT_EQ(3, unconnected.checkState()) << "hung up, and writable";
+    (void)unconnected.close();
+
+    int anPipe[2];
+    ASSERT_EQ(0, pipe2(anPipe, O_CLOEXEC | O_NONBLOCK));
+    char acBlock[4096] = {0};
+    while (write(anPipe[1], acBlock, sizeof(acBlock)) > 0) {
+    }
+    ASSERT_EQ(0, close(anPipe[0]));
+    TcpSocket broken(anPipe[1]); // full and without a reader: an error alone
+    EXPECT_EQ(3, broken.checkState());
+    (void)broken.close();
+}
+
+TEST(TcpSocket, ShutdownOfOneDirectionLeavesTheOther)
+{
+    NetPair pair;
+    ASSERT_EQ(0, pair.m_near.setOptBlock(false));
+    ASSERT_EQ(0, pair.m_far.setOptBlock(false));
+    char cByte = 0;
+    int nDone = 0;
+
+    EXPECT_EQ(0, pair.m_near.shutdown(SHUT_RD));
+    EXPECT_EQ(0, pair.m_near.write("x", 1, nDone));
+    EXPECT_EQ(1, nDone);
+
+    EXPECT_EQ(0, pair.m_far.shutdown(SHUT_WR));
+    EXPECT_EQ("x", readBytes(pair.m_far, 1));
+    EXPECT_EQ(0, pair.m_far.read(&cByte, 1, nDone)) << "nothing there, but open";
 }
 
 TEST(TcpSocket, DeliberateInterruptedCheckStateIsAnException)

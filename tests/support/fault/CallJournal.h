@@ -35,6 +35,7 @@ extern "C" {
  *   send|recv|read|write FD BYTES
  *   kill PID SIGNAL
  *   pthread_create joinable|detached
+ *   pthread_mutex_lock            std::mutex as well; a line behind which nothing follows is a wait
  *   the others                    the descriptor or the path that Fault.h filters them by
  *
  * Calls that the C library makes of its own are not noted: std::this_thread::sleep_for is

@@ -889,6 +889,7 @@ INTERCEPT_RETURNED(pthread_attr_setschedpolicy, (pthread_attr_t * pAttributes, i
 INTERCEPT_RETURNED(pthread_attr_setschedparam,
                    (pthread_attr_t * pAttributes, const struct sched_param* pParameter),
                    (pAttributes, pParameter), "%s", "")
+INTERCEPT_RETURNED(pthread_mutex_lock, (pthread_mutex_t * pMutex), (pMutex), "%s", "")
 INTERCEPT_RETURNED(pthread_mutexattr_settype, (pthread_mutexattr_t * pAttributes, int nType),
                    (pAttributes, nType), "%s", "")
 INTERCEPT_RETURNED(pthread_mutexattr_destroy, (pthread_mutexattr_t * pAttributes), (pAttributes),
