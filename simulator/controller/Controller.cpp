@@ -8,7 +8,8 @@
 
 static const double POWER_UP_FEED = 1000; // millimetres per minute
 static const double HOMING_FEED = 3000;
-static const int64_t TICK_US = 5000; // how often a moving arm's position is told
+static const double FULL_POWER = 1000; // of a laser that nobody has told a power
+static const int64_t TICK_US = 5000;   // how often a moving arm's position is told
 static const size_t MAX_INPUT = 4096;
 static const size_t MAX_WAITING = 64;
 
@@ -16,6 +17,18 @@ static const int STATUS_HELD = 1;
 static const int STATUS_RUNNING = 4;
 
 namespace {
+
+/** Whether a line without a motion waits for its turn behind the queued moves. */
+bool usesQueue(const Command& command)
+{
+    return LASER_AS_IT_IS != command.eLaser || command.bHasS || command.bDwell;
+}
+
+/** M5 and nothing else. */
+bool isLaserOff(const Command& command)
+{
+    return COMMAND_ACCEPTED == command.eKind && LASER_OFF == command.eLaser && !command.bDwell;
+}
 
 /** As long as the service's reply buffer, a zero byte in the middle. */
 std::string garbage()
@@ -32,10 +45,14 @@ std::string garbage()
 } // namespace
 
 Controller::Controller(const ControllerSettings& settings, WireLog& wireLog)
-    : m_settings(settings), m_wireLog(wireLog), m_motion(settings.dSpeedUp, settings.s64SettleUs),
-      m_loader(settings.strImagePath, settings.s64ImageQuietUs), m_dFeed(POWER_UP_FEED)
+    : m_settings(settings), m_wireLog(wireLog), m_beamLog(wireLog),
+      m_motion(settings.dSpeedUp, settings.s64SettleUs),
+      m_loader(settings.strImagePath, settings.s64ImageQuietUs), m_bPilotOn(!settings.bPilotOff),
+      m_dFeed(POWER_UP_FEED)
 {
     m_motion.setPosition(settings.powerUpPosition);
+    m_laser = {settings.bPowerUpLaserOn, settings.bPowerUpLaserOn ? FULL_POWER : 0};
+    m_motion.setLaser(m_laser);
 }
 
 void Controller::setTrigger(std::function<void(const std::string&)> trigger)
@@ -61,6 +78,16 @@ void Controller::receive(const std::string& strBytes, int64_t s64NowUs)
 
 void Controller::takeByte(char c, int64_t s64NowUs)
 {
+    if (BYTE_HOLD == c || BYTE_RESET == c) {
+        m_wireLog.record(s64NowUs, "byte", std::string(1, c));
+        if (BYTE_HOLD == c) {
+            hold(true, s64NowUs);
+            m_bAfterLine = m_strInput.empty() && !m_settings.bAnswerEmptyLines;
+        } else {
+            softReset(s64NowUs);
+        }
+        return;
+    }
     if ('\n' != c) {
         if (m_strInput.size() < MAX_INPUT) {
             m_strInput += c;
@@ -70,7 +97,7 @@ void Controller::takeByte(char c, int64_t s64NowUs)
     const std::string strLine = std::exchange(m_strInput, {});
     m_wireLog.record(s64NowUs, "rx", strLine);
     const bool bBelongsToLine = strLine.empty() && m_bAfterLine;
-    m_bAfterLine = !strLine.empty();
+    m_bAfterLine = !strLine.empty() && !m_settings.bAnswerEmptyLines;
     if (!bBelongsToLine) {
         m_deqLine.push_back(strLine);
         processLines(s64NowUs);
@@ -83,13 +110,80 @@ void Controller::advance(int64_t s64NowUs)
         endMove(s64NowUs);
     }
     processLines(s64NowUs);
+    tellBeam(s64NowUs);
     if (m_loader.endIfQuiet(s64NowUs)) {
         m_wireLog.record(s64NowUs, "image", m_loader.getResult());
     }
 }
 
+void Controller::tellBeam(int64_t s64NowUs)
+{
+    for (const Motion::Change& change : m_motion.takeChanges()) {
+        updateBeam(change.s64AtUs, change.laser, change.bMoving);
+    }
+    updateBeam(s64NowUs, m_motion.getLaser(), m_motion.isMoving());
+}
+
+void Controller::updateBeam(int64_t s64AtUs, const Laser& laser, bool bMoving)
+{
+    const bool bDark = m_bHeld && !m_settings.bHoldKeepsLaser;
+    m_beamLog.update(s64AtUs, {laser.bOn && laser.dPower > 0 && !bDark, laser.dPower, bMoving});
+}
+
+void Controller::hold(bool bHeld, int64_t s64NowUs)
+{
+    advance(s64NowUs);
+    m_bHeld = bHeld;
+    m_motion.setHeld(bHeld);
+    tellBeam(s64NowUs);
+}
+
+void Controller::softReset(int64_t s64NowUs)
+{
+    forgetJob();
+    m_bHomed = false;
+    m_strInput.clear();
+    m_bAfterLine = false;
+    m_deqLine.clear();
+    m_deqAnswer.clear();
+    m_pEndAnswer = nullptr;
+    m_laser = {};
+    m_motion.setLaser({});
+    tellBeam(s64NowUs);
+    m_deqAnswer.push_back({s64NowUs, formatGreeting()});
+}
+
+/** What is queued and what was modal. */
+void Controller::forgetJob()
+{
+    m_motion.clear();
+    m_deqHoming.clear();
+    m_motion.setHeld(false);
+    m_bHeld = false;
+    m_bHoldTold = false;
+    m_bLocked = false;
+    m_bRelative = false;
+    m_dFeed = POWER_UP_FEED;
+}
+
+void Controller::alarm()
+{
+    m_motion.clear();
+    m_deqHoming.clear();
+    m_bHomed = false;
+    m_bLocked = true;
+    if (!m_settings.bAlarmKeepsLaser) {
+        m_laser.bOn = false;
+        m_motion.setLaser(m_laser);
+    }
+}
+
 void Controller::endMove(int64_t s64NowUs)
 {
+    if (!m_deqHoming.empty()) { // an alarm may have come with the move before
+        m_bHomed = m_bHomed || m_deqHoming.front();
+        m_deqHoming.pop_front();
+    }
     if (m_bOnce) {
         return;
     }
@@ -121,6 +215,8 @@ bool Controller::mustWait(const Command& command) const
     case COMMAND_POSITION:
     case COMMAND_HOME:
         return m_motion.isFull() && !m_bHeld;
+    case COMMAND_ACCEPTED:
+        return usesQueue(command) && m_motion.isFull() && !m_bHeld;
     case COMMAND_SPOT:
         return !m_motion.isIdle() && !m_bHeld;
     default:
@@ -160,21 +256,20 @@ std::string Controller::answerFor(const Command& command, const Fault& fault, in
         return formatError(fault.nValue);
     }
     if (FAULT_ALARM == fault.eKind) {
-        m_motion.clear();
-        return lockWith(formatAlarm(fault.nValue));
+        alarm();
+        return formatAlarm(fault.nValue);
     }
     if (COMMAND_UNLOCK == command.eKind) {
         m_bLocked = false;
         return formatOk();
     }
-    if (COMMAND_LASER_OFF == command.eKind) { // safe at any time
-        m_bSpotOn = false;
-        return formatOk();
+    if (isLaserOff(command) && !(m_bHeld && m_motion.isFull())) { // taken at any time
+        return carryOut(command);
     }
     if (m_bLocked) {
         return formatError(ERROR_LOCKED);
     }
-    if (m_bHeld && COMMAND_RESUME != command.eKind && COMMAND_HOLD != command.eKind) {
+    if (m_bHeld && COMMAND_RESUME != command.eKind) {
         m_bHoldTold = true;
         return formatStatus(STATUS_HELD);
     }
@@ -193,46 +288,54 @@ std::string Controller::execute(const Command& command, int64_t s64NowUs)
             return lockWith(formatError(command.nError));
         }
         return formatError(command.nError);
-    case COMMAND_HOLD:
     case COMMAND_RESUME:
-        m_bHeld = COMMAND_HOLD == command.eKind;
-        m_motion.setHeld(m_bHeld);
+        hold(false, s64NowUs);
         return formatOk();
     case COMMAND_HOME:
         m_motion.queueMove({}, HOMING_FEED, true);
+        m_deqHoming.push_back(true);
         return formatOk();
-    case COMMAND_LASER_ON:
     case COMMAND_SPOT:
-        m_bSpotOn = !command.bHasS || command.dS > 0;
+        m_bPilotOn = !command.bHasS || command.dS > 0;
         return formatOk();
     case COMMAND_LOADER:
         m_loader.begin(s64NowUs);
         return formatOk();
     default:
-        return move(command);
+        return carryOut(command);
     }
 }
 
-std::string Controller::move(const Command& command)
+std::string Controller::carryOut(const Command& command)
 {
-    m_bRelative = command.bRelative || (m_bRelative && !command.bAbsolute);
-    if (command.bHasF) {
-        m_dFeed = command.dF;
-    }
-    if (COMMAND_ACCEPTED == command.eKind) {
-        return formatOk();
-    }
+    const bool bRelative = command.bRelative || (m_bRelative && !command.bAbsolute);
     Point target = m_motion.getDestination();
-    const Point base = m_bRelative ? target : Point{};
+    const Point base = bRelative ? target : Point{};
     target[0] = command.bHasX ? base[0] + command.dX : target[0];
     target[1] = command.bHasY ? base[1] + command.dY : target[1];
     target[2] = command.bHasZ ? base[2] + command.dZ : target[2];
     for (const double dAxis : target) {
         if (std::fabs(dAxis) > MAX_TRAVEL_MM) {
-            return formatError(ERROR_OUT_OF_RANGE);
+            return formatError(ERROR_OUT_OF_RANGE); // nothing of the line is carried out
         }
     }
-    m_motion.queueMove(target, m_dFeed, COMMAND_POSITION == command.eKind);
+    m_bRelative = bRelative;
+    m_dFeed = command.bHasF ? command.dF : m_dFeed;
+    if (command.bHasS || LASER_AS_IT_IS != command.eLaser) {
+        m_laser.dPower = command.bHasS ? command.dS : m_laser.dPower;
+        m_laser.bOn = (LASER_AS_IT_IS == command.eLaser) ? m_laser.bOn : LASER_ON == command.eLaser;
+        m_motion.queueLaser(m_laser);
+    }
+    if (command.bDwell) {
+        m_motion.queueDwell(command.dP);
+    }
+    if (COMMAND_ACCEPTED != command.eKind) {
+        const bool bPositioning = COMMAND_POSITION == command.eKind;
+        m_motion.queueMove(target, m_dFeed, bPositioning);
+        if (bPositioning) {
+            m_deqHoming.push_back(false);
+        }
+    }
     return formatOk();
 }
 
@@ -242,22 +345,28 @@ std::string Controller::lockWith(const std::string& strAnswer)
     return strAnswer;
 }
 
+void Controller::say(int64_t s64DueUs, const std::string& strText)
+{
+    const int64_t s64LastUs = m_deqAnswer.empty() ? 0 : m_deqAnswer.back().s64DueUs;
+    m_deqAnswer.push_back({std::max(s64DueUs, s64LastUs) + m_settings.s64AnswerUs, strText});
+}
+
 void Controller::sendAnswer(const std::string& strText, const Fault& fault, int64_t s64NowUs)
 {
     switch (fault.eKind) {
     case FAULT_NO_ANSWER:
         return;
     case FAULT_LATE:
-        m_deqAnswer.push_back({s64NowUs + static_cast<int64_t>(fault.nValue) * 1000, strText});
+        say(s64NowUs + static_cast<int64_t>(fault.nValue) * 1000, strText);
         return;
     case FAULT_HALF:
-        m_deqAnswer.push_back({s64NowUs, strText.substr(0, strText.size() / 2)});
+        say(s64NowUs, strText.substr(0, strText.size() / 2));
         return;
     case FAULT_DOUBLE:
-        m_deqAnswer.push_back({s64NowUs, strText});
+        say(s64NowUs, strText);
         break;
     case FAULT_GARBAGE:
-        m_deqAnswer.push_back({s64NowUs, garbage()});
+        say(s64NowUs, garbage());
         return;
     default:
         break;
@@ -266,7 +375,7 @@ void Controller::sendAnswer(const std::string& strText, const Fault& fault, int6
         m_pEndAnswer->strText += strText;
         return;
     }
-    m_deqAnswer.push_back({s64NowUs, strText});
+    say(s64NowUs, strText);
 }
 
 bool Controller::takeAnswer(int64_t s64NowUs, std::string& strText)
@@ -276,7 +385,7 @@ bool Controller::takeAnswer(int64_t s64NowUs, std::string& strText)
     }
     strText = std::move(m_deqAnswer.front().strText);
     m_deqAnswer.pop_front();
-    return true;
+    return !m_bMuted || takeAnswer(s64NowUs, strText);
 }
 
 int64_t Controller::nextDueUs(int64_t s64NowUs) const
@@ -310,17 +419,15 @@ void Controller::dropWire()
     m_pEndAnswer = nullptr;
 }
 
-void Controller::reset()
+void Controller::reset(int64_t s64NowUs)
 {
     dropWire();
-    m_motion.clear();
-    m_motion.setHeld(false);
-    m_bHeld = false;
-    m_bHoldTold = false;
-    m_bLocked = false;
-    m_bRelative = false;
-    m_bSpotOn = true;
-    m_dFeed = POWER_UP_FEED;
+    forgetJob();
+    m_bHomed = false;
+    m_bPilotOn = !m_settings.bPilotOff;
+    m_laser = {m_settings.bResetLaserOn, m_settings.bResetLaserOn ? FULL_POWER : 0};
+    m_motion.setLaser(m_laser);
+    tellBeam(s64NowUs);
 }
 
 void Controller::addTrigger(int nLine, const std::string& strInstruction)
@@ -335,9 +442,24 @@ bool Controller::instruct(const std::string& strInstruction, int64_t s64NowUs)
         return false;
     }
     if ("hold" == strInstruction || "go" == strInstruction) {
+        hold("hold" == strInstruction, s64NowUs);
+        return true;
+    }
+    if ("mute" == strInstruction || "unmute" == strInstruction) {
+        m_bMuted = "mute" == strInstruction;
+        return true;
+    }
+    if ("restart" == strInstruction) {
         advance(s64NowUs);
-        m_bHeld = "hold" == strInstruction;
-        m_motion.setHeld(m_bHeld);
+        softReset(s64NowUs);
+        return true;
+    }
+    if (int nCode = 0;
+        2 == vecWord.size() && "alarm-now" == vecWord[0] && parseCount(vecWord[1], nCode)) {
+        advance(s64NowUs);
+        alarm();
+        tellBeam(s64NowUs);
+        m_deqAnswer.push_back({s64NowUs, formatAlarm(nCode)});
         return true;
     }
     if ("once on" == strInstruction || "once off" == strInstruction) {
@@ -354,10 +476,12 @@ bool Controller::instruct(const std::string& strInstruction, int64_t s64NowUs)
 std::string Controller::describe() const
 {
     const Point& position = m_motion.getPosition();
-    char acText[160] = {0};
+    char acText[200] = {0};
     snprintf(acText, sizeof(acText),
-             "x=%.3f y=%.3f z=%.3f spot=%d moving=%d held=%d locked=%d loading=%d lines=%d",
-             position[0], position[1], position[2], m_bSpotOn ? 1 : 0, m_motion.isIdle() ? 0 : 1,
-             m_bHeld ? 1 : 0, m_bLocked ? 1 : 0, m_loader.isActive() ? 1 : 0, m_nLines);
+             "x=%.3f y=%.3f z=%.3f laser=%d power=%.0f pilot=%d moving=%d held=%d locked=%d "
+             "homed=%d loading=%d lines=%d",
+             position[0], position[1], position[2], m_beamLog.get().bOn ? 1 : 0,
+             m_beamLog.get().dPower, m_bPilotOn ? 1 : 0, m_motion.isIdle() ? 0 : 1, m_bHeld ? 1 : 0,
+             m_bLocked ? 1 : 0, m_bHomed ? 1 : 0, m_loader.isActive() ? 1 : 0, m_nLines);
     return acText;
 }

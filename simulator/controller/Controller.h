@@ -8,17 +8,26 @@
 #include <string>
 #include <vector>
 
+#include "BeamLog.h"
 #include "FaultPlan.h"
 #include "FirmwareLoader.h"
 #include "Grammar.h"
 #include "Motion.h"
 #include "WireLog.h"
 
-/** How a controller behaves; times in microseconds. */
+/** How a controller behaves; times in microseconds. Controllers differ in the habits. */
 struct ControllerSettings
 {
+    bool bAnswerEmptyLines = false; // a second line end behind a line is a line as well
+    bool bAlarmKeepsLaser = false;  // else it is off, as in a hold
+    bool bHoldKeepsLaser = false;
+    bool bResetLaserOn = false; // the reset line switches the laser on
+    bool bPowerUpLaserOn = false;
+    bool bPilotOff = false; // the pilot spot is off at power-up and after a reset
+
     double dSpeedUp = 1;               // the arm moves that many times faster
     int64_t s64SettleUs = 100000;      // least time between a move's two answers
+    int64_t s64AnswerUs = 0;           // what each line takes it to answer
     int64_t s64ImageQuietUs = 1000000; // silence that ends a firmware image of unknown length
     Point powerUpPosition{};           // where the head stands, in millimetres
     std::string strImagePath;          // where a received firmware image is kept
@@ -28,8 +37,9 @@ struct ControllerSettings
  * Knows nothing of ports and clocks: bytes and the time come in, answers are fetched.
  *
  * Every line is answered once, positioning moves and homing a second time when the arm is there. A
- * second line end right behind a line belongs to that line; any other empty line is answered "ok".
- * README.md tells the rest. Not thread-safe; times are microseconds of one clock.
+ * second line end right behind a line belongs to that line, unless the settings say otherwise; any
+ * other empty line is answered "ok". The bytes of a hold and a reset act as they come. README.md
+ * tells the rest. Not thread-safe; times are microseconds of one clock.
  */
 class Controller
 {
@@ -57,15 +67,15 @@ public:
     /** Forget what is in the lines: the cable was pulled. The arm moves on. */
     void dropWire();
 
-    /** As after power-up, except that the head stays where it is. */
-    void reset();
+    /** The reset line: as after power-up, except that the head stays where it is. */
+    void reset(int64_t s64NowUs);
 
     /** Carry out an instruction before line number nLine (from 1, over all lines answered). */
     void addTrigger(int nLine, const std::string& strInstruction);
 
     /**
      * Instructions that concern the protocol: the faults of FaultPlan, "hold", "go", "once on",
-     * "once off", "say TEXT".
+     * "once off", "say TEXT", "mute", "unmute", "alarm-now CODE", "restart".
      * @return false when it is none of them or makes no sense
      */
     bool instruct(const std::string& strInstruction, int64_t s64NowUs);
@@ -74,9 +84,13 @@ public:
     {
         return m_motion;
     }
-    bool isSpotOn() const
+    bool isPilotOn() const
     {
-        return m_bSpotOn;
+        return m_bPilotOn;
+    }
+    const BeamLog& getBeam() const
+    {
+        return m_beamLog;
     }
 
     /** One line for people and tests: position, flags, lines answered. */
@@ -90,18 +104,26 @@ private:
     };
 
     void takeByte(char c, int64_t s64NowUs);
+    void hold(bool bHeld, int64_t s64NowUs);
+    void softReset(int64_t s64NowUs);
+    void forgetJob();
+    void alarm();
+    void tellBeam(int64_t s64NowUs);
+    void updateBeam(int64_t s64AtUs, const Laser& laser, bool bMoving);
     void processLines(int64_t s64NowUs);
     bool mustWait(const Command& command) const;
     void processLine(const std::string& strLine, int64_t s64NowUs);
     std::string answerFor(const Command& command, const Fault& fault, int64_t s64NowUs);
     std::string execute(const Command& command, int64_t s64NowUs);
-    std::string move(const Command& command);
+    std::string carryOut(const Command& command);
     std::string lockWith(const std::string& strAnswer);
+    void say(int64_t s64DueUs, const std::string& strText);
     void sendAnswer(const std::string& strText, const Fault& fault, int64_t s64NowUs);
     void endMove(int64_t s64NowUs);
 
     ControllerSettings m_settings;
     WireLog& m_wireLog;
+    BeamLog m_beamLog;
     std::function<void(const std::string&)> m_trigger;
     std::multimap<int, std::string> m_mapTrigger;
     FaultPlan m_faultPlan;
@@ -120,7 +142,11 @@ private:
     bool m_bHoldTold = false;  // the client has been told status 1
     bool m_bLocked = false;    // refuses everything until $X
     bool m_bRelative = false;
-    bool m_bSpotOn = true;
+    std::deque<bool> m_deqHoming; // per positioning move under way: whether it is a homing
+    bool m_bHomed = false;
+    bool m_bMuted = false; // says nothing at all
+    bool m_bPilotOn;
+    Laser m_laser; // as the lines so far tell it, in front of the queue
     double m_dFeed;
     Answer* m_pEndAnswer = nullptr; // while a move's end is handled: what an M18 behind it joins
 };

@@ -49,6 +49,7 @@ bool ControllerBoard::init(std::string& strError)
     if (!m_options.strWireLog.empty() && !m_wireLog.open(m_options.strWireLog)) {
         return fail(m_options.strWireLog);
     }
+    m_controller.advance(nowUs()); // so that the log begins with a beam that is on
     if (!m_options.strScene.empty()) {
         m_pScene = std::make_unique<SceneFile>(m_options.strScene);
         if (!m_pScene->isMapped()) {
@@ -172,7 +173,7 @@ void ControllerBoard::readPins(int64_t s64NowUs)
         const bool bLow = "0" == store.strText;
         if (bLow && !m_bResetLow) {
             setPlugged(false, s64NowUs);
-            m_controller.reset();
+            m_controller.reset(s64NowUs);
         } else if (!bLow && m_bResetLow) {
             m_script.add(static_cast<double>(s64NowUs + m_options.s64BootUs) / US_PER_SECOND,
                          "plug");
@@ -192,7 +193,8 @@ void ControllerBoard::runDue(int64_t s64NowUs)
 void ControllerBoard::updateScene(bool bAlways)
 {
     const Point& position = m_controller.getMotion().getPosition();
-    const bool bSpot = m_controller.isSpotOn();
+    // The camera sees both: the pilot spot and the laser's own light.
+    const bool bSpot = m_controller.isPilotOn() || m_controller.getBeam().get().bOn;
     const bool bSame = position == m_scenePosition && bSpot == m_bSceneSpot;
     if (nullptr == m_pScene || (bSame && !bAlways)) {
         return;
@@ -232,6 +234,10 @@ std::string ControllerBoard::instruct(const std::string& strInstruction)
     if ("state" == strInstruction) {
         m_controller.advance(s64NowUs);
         return m_controller.describe() + (m_port.isPlugged() ? " plugged=1" : " plugged=0");
+    }
+    if ("beam" == strInstruction) {
+        m_controller.advance(s64NowUs);
+        return m_controller.getBeam().describe(s64NowUs);
     }
     const std::vector<std::string> vecWord = splitWords(strInstruction);
     int nLine = 0;

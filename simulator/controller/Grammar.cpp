@@ -2,8 +2,11 @@
 #include "Grammar.h"
 
 #include <cctype>
+#include <cmath>
 #include <cstdlib>
+#include <utility>
 
+static const char* const GREETING = "ready";
 static const char* const OK = "ok";
 static const char* const DONE = "done";
 static const char* const ERROR = "error:";
@@ -69,35 +72,47 @@ bool takeNumber(const std::string& strText, size_t& uPos, double& dValue)
     return bDigit;
 }
 
-/** G and M words. @return false for one that the controller does not know */
-bool applyCode(char cLetter, int nCode, Command& command)
+/** Makes the line what a motion word says. @return false when it is something already */
+bool become(COMMAND_E eKind, Command& command)
 {
-    if ('G' == cLetter) {
-        switch (nCode) {
-        case 0:
-        case 1:
-        case 2: // arcs run along their chord
-        case 3:
-            command.eKind = COMMAND_MOVE;
-            return true;
-        case 5:
-            command.eKind = COMMAND_POSITION;
-            return true;
-        case 4:
-        case 17:
-        case 21:
-        case 54:
-            return true;
-        case 90:
-            command.bAbsolute = true;
-            return true;
-        case 91:
-            command.bRelative = true;
-            return true;
-        default:
-            return false;
-        }
+    const bool bFirst = COMMAND_ACCEPTED == command.eKind;
+    command.eKind = eKind;
+    return bFirst;
+}
+
+bool setOnce(bool& bFlag)
+{
+    return !std::exchange(bFlag, true);
+}
+
+/** @return false for a word that is not known or does not go with those before it */
+bool applyG(int nCode, Command& command)
+{
+    switch (nCode) {
+    case 0:
+    case 1:
+    case 2: // arcs run along their chord
+    case 3:
+        return become(COMMAND_MOVE, command);
+    case 5:
+        return become(COMMAND_POSITION, command);
+    case 4:
+        return setOnce(command.bDwell);
+    case 17:
+    case 21:
+    case 54:
+        return true;
+    case 90:
+        return !command.bRelative && setOnce(command.bAbsolute);
+    case 91:
+        return !command.bAbsolute && setOnce(command.bRelative);
+    default:
+        return false;
     }
+}
+
+bool applyM(int nCode, Command& command)
+{
     switch (nCode) {
     case 0:
     case 1:
@@ -105,58 +120,72 @@ bool applyCode(char cLetter, int nCode, Command& command)
         return true;
     case 3:
     case 4:
-        command.eKind = COMMAND_LASER_ON;
-        return true;
     case 5:
-        command.eKind = COMMAND_LASER_OFF;
+        if (LASER_AS_IT_IS != command.eLaser) {
+            return false;
+        }
+        command.eLaser = (5 == nCode) ? LASER_OFF : LASER_ON;
         return true;
     case 18:
-        command.eKind = COMMAND_SPOT;
-        return true;
+        return become(COMMAND_SPOT, command);
     case 21:
-        command.eKind = COMMAND_LOADER;
-        return true;
+        return become(COMMAND_LOADER, command);
     default:
         return false;
     }
 }
 
-/** Axis, feed and power words. @return 0 or the error code */
-int applyValue(char cLetter, double dValue, Command& command)
+/** Takes a value that may stand once. @return 0 or the error code */
+int takeValue(double dGiven, bool bInRange, bool& bHas, double& dValue)
 {
-    const bool bAxis = 'X' == cLetter || 'Y' == cLetter || 'Z' == cLetter;
-    if (bAxis && (dValue > MAX_TRAVEL_MM || dValue < -MAX_TRAVEL_MM)) {
-        return ERROR_OUT_OF_RANGE;
+    if (!setOnce(bHas)) {
+        return ERROR_NOT_UNDERSTOOD;
     }
+    dValue = dGiven;
+    return bInRange ? 0 : ERROR_OUT_OF_RANGE;
+}
+
+/** Axis, feed and power words. @return 0 or the error code */
+int applyValue(char cLetter, double dValue, Command& command, bool& bHasP)
+{
+    const bool bInReach = dValue <= MAX_TRAVEL_MM && dValue >= -MAX_TRAVEL_MM;
     switch (cLetter) {
     case 'X':
-        command.bHasX = true;
-        command.dX = dValue;
-        return 0;
+        return takeValue(dValue, bInReach, command.bHasX, command.dX);
     case 'Y':
-        command.bHasY = true;
-        command.dY = dValue;
-        return 0;
+        return takeValue(dValue, bInReach, command.bHasY, command.dY);
     case 'Z':
-        command.bHasZ = true;
-        command.dZ = dValue;
-        return 0;
+        return takeValue(dValue, bInReach, command.bHasZ, command.dZ);
     case 'F':
-        command.bHasF = true;
-        command.dF = dValue;
-        return (dValue > 0 && dValue <= 1e6) ? 0 : ERROR_OUT_OF_RANGE;
+        return takeValue(dValue, dValue > 0 && dValue <= 1e6, command.bHasF, command.dF);
     case 'S':
-        command.bHasS = true;
-        command.dS = dValue;
-        return 0;
+        return takeValue(dValue, dValue >= 0 && dValue <= 1e6, command.bHasS, command.dS);
+    case 'P':
+        return takeValue(dValue, dValue >= 0 && dValue <= 1e6, bHasP, command.dP);
     case 'N': // line number
-    case 'P': // dwell
     case 'I': // arc centre
     case 'J':
     case 'R':
         return 0;
     default:
         return ERROR_NOT_UNDERSTOOD;
+    }
+}
+
+/** Whether the words of a line can all be carried out. */
+bool isConsistent(const Command& command)
+{
+    const bool bAxis = command.bHasX || command.bHasY || command.bHasZ;
+    const bool bModal = command.bAbsolute || command.bRelative || command.bHasF;
+    switch (command.eKind) {
+    case COMMAND_ACCEPTED:
+        return !(command.bDwell && bAxis);
+    case COMMAND_MOVE:
+    case COMMAND_POSITION:
+        return !command.bDwell;
+    default: // M18, M21
+        return !bAxis && !bModal && !command.bDwell && LASER_AS_IT_IS == command.eLaser &&
+               (COMMAND_SPOT == command.eKind || !command.bHasS);
     }
 }
 
@@ -176,6 +205,7 @@ Command parseDollar(const std::string& strText)
 Command parseWords(const std::string& strText)
 {
     Command command;
+    bool bHasP = false;
     size_t uPos = 0;
     while (uPos < strText.size()) {
         const char cLetter = strText[uPos++];
@@ -187,16 +217,17 @@ Command parseWords(const std::string& strText)
             return refused(ERROR_BAD_NUMBER);
         }
         if ('G' == cLetter || 'M' == cLetter) {
-            if (dValue < 0 || dValue > 999 ||
-                !applyCode(cLetter, static_cast<int>(dValue), command)) {
+            const bool bWhole = dValue >= 0 && dValue <= 999 && floor(dValue) == dValue;
+            const int nCode = bWhole ? static_cast<int>(dValue) : -1;
+            if (!(('G' == cLetter) ? applyG(nCode, command) : applyM(nCode, command))) {
                 return refused(ERROR_NOT_UNDERSTOOD);
             }
-        } else {
-            const int nError = applyValue(cLetter, dValue, command);
-            if (0 != nError) {
-                return refused(nError);
-            }
+        } else if (const int nError = applyValue(cLetter, dValue, command, bHasP); 0 != nError) {
+            return refused(nError);
         }
+    }
+    if (!isConsistent(command)) {
+        return refused(ERROR_NOT_UNDERSTOOD);
     }
     const bool bAxis = command.bHasX || command.bHasY || command.bHasZ;
     if (COMMAND_ACCEPTED == command.eKind && bAxis) {
@@ -235,16 +266,17 @@ Command parseLine(const std::string& strLine)
     if (!strText.empty() && '$' == strText[0]) {
         return parseDollar(strText);
     }
-    Command command;
-    if ("!" == strText) {
-        command.eKind = COMMAND_HOLD;
-        return command;
-    }
     if ("~" == strText) {
+        Command command;
         command.eKind = COMMAND_RESUME;
         return command;
     }
     return parseWords(strText);
+}
+
+std::string formatGreeting()
+{
+    return std::string(GREETING) + "\n";
 }
 
 std::string formatOk()

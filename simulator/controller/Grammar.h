@@ -5,19 +5,27 @@
 
 enum COMMAND_E
 {
-    COMMAND_ACCEPTED,  // understood, nothing to do: comments, G4, G17, G21, G54, M0 to M2
-    COMMAND_MOVE,      // G0, G1, G2, G3 or bare axis words: streamed, answered once
-    COMMAND_POSITION,  // G05: answered when accepted and again when the arm is there
-    COMMAND_HOME,      // $H: the same
-    COMMAND_UNLOCK,    // $X
-    COMMAND_HOLD,      // !
-    COMMAND_RESUME,    // ~
-    COMMAND_LASER_ON,  // M3, M4
-    COMMAND_LASER_OFF, // M5
-    COMMAND_SPOT,      // M18: pilot spot, S0 off, else on; waits for the motion before it
-    COMMAND_LOADER,    // M21: a firmware image follows
-    COMMAND_REFUSED    // see nError
+    COMMAND_ACCEPTED, // no motion: modal words, comments, the laser, a dwell
+    COMMAND_MOVE,     // G0, G1, G2, G3 or bare axis words: streamed, answered once
+    COMMAND_POSITION, // G05: answered when accepted and again when the arm is there
+    COMMAND_HOME,     // $H: the same
+    COMMAND_UNLOCK,   // $X
+    COMMAND_RESUME,   // ~
+    COMMAND_SPOT,     // M18: pilot spot, S0 off, else on; waits for the motion before it
+    COMMAND_LOADER,   // M21: a firmware image follows
+    COMMAND_REFUSED   // see nError
 };
+
+enum LASER_E
+{
+    LASER_AS_IT_IS,
+    LASER_ON, // M3, M4
+    LASER_OFF // M5
+};
+
+// Bytes that act when they come, wherever they stand; they are no part of a line.
+static const char BYTE_HOLD = '!';
+static const char BYTE_RESET = 0x18;
 
 // Error codes of the answer "error:N".
 static const int ERROR_NOT_UNDERSTOOD = 1;
@@ -44,21 +52,28 @@ struct Command
     bool bHasZ = false;
     bool bHasF = false;
     bool bHasS = false;
+    bool bDwell = false; // G4, dP seconds
+    LASER_E eLaser = LASER_AS_IT_IS;
     double dX = 0;
     double dY = 0;
     double dZ = 0;
     double dF = 0;
     double dS = 0;
+    double dP = 0;
 };
 
 /**
  * Read one line, without its line end. Any bytes are fine.
  *
  * Words are a letter and a decimal number ("X-12.50"; no exponent), blanks anywhere between words,
- * letters in either case; "(...)" and ";..." are comments. A word given twice counts the last time.
+ * letters in either case; "(...)" and ";..." are comments. All words of a line are carried out:
+ * feed rate and laser before the dwell, the dwell before the motion. What cannot be combined is
+ * refused: a word given twice, two motions, two laser words, a dwell and a motion, M18 and M21 with
+ * others.
  */
 Command parseLine(const std::string& strLine);
 
+std::string formatGreeting();
 std::string formatOk();
 std::string formatDone();
 std::string formatError(int nCode);

@@ -3,11 +3,43 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 void Motion::queueMove(const Point& target, double dFeed, bool bPositioning)
 {
-    m_deqMove.push_back({target, 0, dFeed, bPositioning, false});
+    m_deqMove.push_back({KIND_MOVE, target, 0, dFeed, bPositioning, false, {}});
     timeFront();
+}
+
+void Motion::queueDwell(double dSeconds)
+{
+    const auto s64LeftUs = static_cast<int64_t>(dSeconds * 1e6);
+    m_deqMove.push_back({KIND_DWELL, getDestination(), s64LeftUs, 0, false, true, {}});
+}
+
+void Motion::queueLaser(const Laser& laser)
+{
+    if (m_deqMove.empty() && !m_bHeld) {
+        setLaser(laser);
+        return;
+    }
+    m_deqMove.push_back({KIND_LASER, getDestination(), 0, 0, false, true, laser});
+}
+
+void Motion::setLaser(const Laser& laser)
+{
+    m_laser = laser;
+    noteChange(m_s64LastUs);
+}
+
+void Motion::noteChange(int64_t s64AtUs)
+{
+    m_vecChange.push_back({s64AtUs, m_laser, isMoving()});
+}
+
+std::vector<Motion::Change> Motion::takeChanges()
+{
+    return std::exchange(m_vecChange, {});
 }
 
 unsigned Motion::advance(int64_t s64NowUs)
@@ -29,7 +61,12 @@ unsigned Motion::advance(int64_t s64NowUs)
         s64LeftUs -= move.s64LeftUs;
         m_position = move.target;
         uEnded += move.bPositioning ? 1 : 0;
+        const bool bLaser = KIND_LASER == move.eKind;
+        m_laser = bLaser ? move.laser : m_laser;
         m_deqMove.pop_front();
+        if (m_deqMove.empty() || KIND_LASER != m_deqMove.front().eKind) {
+            noteChange(m_s64LastUs - s64LeftUs);
+        }
         timeFront();
     }
     return uEnded;

@@ -5,12 +5,21 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <vector>
 
 /** A point of the arm in millimetres: x, y, z. */
 using Point = std::array<double, 3>;
 
+/** The laser as it was told to be; light comes out when it is on and has power. */
+struct Laser
+{
+    bool bOn = false;
+    double dPower = 0;
+};
+
 /**
- * Carries out queued moves one after the other, in a straight line at constant speed.
+ * Carries out what is queued one after the other: moves, in a straight line at constant speed,
+ * dwells and what the laser is told.
  *
  * Time comes in from outside, in microseconds of any clock that never runs backwards; not
  * thread-safe.
@@ -18,7 +27,7 @@ using Point = std::array<double, 3>;
 class Motion
 {
 public:
-    static const size_t MAX_QUEUED = 16; // moves that wait while one is carried out
+    static const size_t MAX_QUEUED = 16; // what waits while a move is carried out
 
     /**
      * @param dSpeedUp    the arm moves that many times faster than the feed rate says
@@ -34,6 +43,12 @@ public:
      * @param bPositioning  counted by advance() when it ends
      */
     void queueMove(const Point& target, double dFeed, bool bPositioning);
+
+    /** Stand still for so long, not sped up. */
+    void queueDwell(double dSeconds);
+
+    /** Tell the laser something behind all that is queued; at once when nothing is and not held. */
+    void queueLaser(const Laser& laser);
 
     /** Let the time pass up to s64NowUs. @return positioning moves that ended in it */
     unsigned advance(int64_t s64NowUs);
@@ -55,6 +70,30 @@ public:
     {
         return m_deqMove.empty();
     }
+    bool isMoving() const
+    {
+        return !m_bHeld && !m_deqMove.empty() && KIND_MOVE == m_deqMove.front().eKind;
+    }
+
+    /** What the laser was told last. */
+    const Laser& getLaser() const
+    {
+        return m_laser;
+    }
+
+    /** Tell the laser something at once. */
+    void setLaser(const Laser& laser);
+
+    /** Laser and motion from a moment on that has passed. */
+    struct Change
+    {
+        int64_t s64AtUs;
+        Laser laser;
+        bool bMoving;
+    };
+
+    /** What has changed since the last call, in order. */
+    std::vector<Change> takeChanges();
 
     const Point& getPosition() const
     {
@@ -74,21 +113,33 @@ public:
     int64_t getRemainingUs() const;
 
 private:
+    enum KIND_E
+    {
+        KIND_MOVE,
+        KIND_DWELL,
+        KIND_LASER
+    };
+
     struct Move
     {
+        KIND_E eKind;
         Point target;
         int64_t s64LeftUs;
         double dFeed;
         bool bPositioning;
         bool bTimed; // s64LeftUs is known; that takes the starting point
+        Laser laser; // with KIND_LASER
     };
 
     void timeFront();
+    void noteChange(int64_t s64AtUs);
 
     double m_dSpeedUp;
     int64_t m_s64SettleUs;
     int64_t m_s64LastUs = 0;
     bool m_bHeld = false;
     Point m_position{};
-    std::deque<Move> m_deqMove; // at most MAX_QUEUED and the current one
+    Laser m_laser;
+    std::vector<Change> m_vecChange;
+    std::deque<Move> m_deqMove; // MAX_QUEUED, the current one and what its line adds
 };

@@ -25,7 +25,15 @@ static const char* const USAGE =
     "  --image-quiet-ms N silence that ends an image of unknown length (1000)\n"
     "  --speed-up FACTOR  move that many times faster than the feed rate says (1)\n"
     "  --settle-ms N      least time between a move's two answers (100)\n"
-    "  --position X,Y,Z   where the head stands at power-up, in millimetres (0,0,0)\n";
+    "  --answer-ms N      what each line takes the controller to answer (0)\n"
+    "  --position X,Y,Z   where the head stands at power-up, in millimetres (0,0,0)\n"
+    "habits in which controllers differ:\n"
+    "  --answer-empty-lines   a second line end behind a line is answered, too\n"
+    "  --alarm-keeps-laser    an alarm does not switch the laser off\n"
+    "  --hold-keeps-laser     a hold does not\n"
+    "  --reset-laser-on       the reset line switches the laser on\n"
+    "  --power-up-laser-on    it is on at power-up\n"
+    "  --pilot-off            the pilot spot is off at power-up and after the reset line\n";
 
 namespace {
 
@@ -44,7 +52,14 @@ enum OPTION_E
     OPTION_IMAGE_QUIET,
     OPTION_SPEED_UP,
     OPTION_SETTLE,
-    OPTION_POSITION
+    OPTION_ANSWER,
+    OPTION_POSITION,
+    OPTION_ANSWER_EMPTY_LINES,
+    OPTION_ALARM_KEEPS_LASER,
+    OPTION_HOLD_KEEPS_LASER,
+    OPTION_RESET_LASER_ON,
+    OPTION_POWER_UP_LASER_ON,
+    OPTION_PILOT_OFF
 };
 
 const option OPTIONS[] = {{"node", required_argument, nullptr, OPTION_NODE},
@@ -60,7 +75,14 @@ const option OPTIONS[] = {{"node", required_argument, nullptr, OPTION_NODE},
                           {"image-quiet-ms", required_argument, nullptr, OPTION_IMAGE_QUIET},
                           {"speed-up", required_argument, nullptr, OPTION_SPEED_UP},
                           {"settle-ms", required_argument, nullptr, OPTION_SETTLE},
+                          {"answer-ms", required_argument, nullptr, OPTION_ANSWER},
                           {"position", required_argument, nullptr, OPTION_POSITION},
+                          {"answer-empty-lines", no_argument, nullptr, OPTION_ANSWER_EMPTY_LINES},
+                          {"alarm-keeps-laser", no_argument, nullptr, OPTION_ALARM_KEEPS_LASER},
+                          {"hold-keeps-laser", no_argument, nullptr, OPTION_HOLD_KEEPS_LASER},
+                          {"reset-laser-on", no_argument, nullptr, OPTION_RESET_LASER_ON},
+                          {"power-up-laser-on", no_argument, nullptr, OPTION_POWER_UP_LASER_ON},
+                          {"pilot-off", no_argument, nullptr, OPTION_PILOT_OFF},
                           {nullptr, 0, nullptr, 0}};
 
 bool parseMs(const char* pText, int64_t& s64Us)
@@ -75,6 +97,27 @@ bool parsePosition(const char* pText, Point& position)
 {
     char cRest = 0;
     return 3 == sscanf(pText, "%lf,%lf,%lf%c", &position[0], &position[1], &position[2], &cRest);
+}
+
+/** The habit that an option switches on; null for any other option. */
+bool* habitOf(int nOption, ControllerSettings& settings)
+{
+    switch (nOption) {
+    case OPTION_ANSWER_EMPTY_LINES:
+        return &settings.bAnswerEmptyLines;
+    case OPTION_ALARM_KEEPS_LASER:
+        return &settings.bAlarmKeepsLaser;
+    case OPTION_HOLD_KEEPS_LASER:
+        return &settings.bHoldKeepsLaser;
+    case OPTION_RESET_LASER_ON:
+        return &settings.bResetLaserOn;
+    case OPTION_POWER_UP_LASER_ON:
+        return &settings.bPowerUpLaserOn;
+    case OPTION_PILOT_OFF:
+        return &settings.bPilotOff;
+    default:
+        return nullptr;
+    }
 }
 
 bool applyOption(int nOption, const char* pValue, ControllerBoardOptions& options)
@@ -116,10 +159,17 @@ bool applyOption(int nOption, const char* pValue, ControllerBoardOptions& option
         return options.controller.dSpeedUp > 0;
     case OPTION_SETTLE:
         return parseMs(pValue, options.controller.s64SettleUs);
+    case OPTION_ANSWER:
+        return parseMs(pValue, options.controller.s64AnswerUs);
     case OPTION_POSITION:
         return parsePosition(pValue, options.controller.powerUpPosition);
-    default:
-        return false;
+    default: {
+        bool* const pHabit = habitOf(nOption, options.controller);
+        if (nullptr != pHabit) {
+            *pHabit = true;
+        }
+        return nullptr != pHabit;
+    }
     }
 }
 

@@ -14,11 +14,21 @@
 
 namespace {
 
-/** An arm at its real speed, with its reset line. */
+/** An arm at its real speed, with its reset line and without a care for the laser. */
 class PrintServiceHazard : public PrintTest
 {
 protected:
-    PrintServiceHazard() : PrintTest({"--gpio", "/sys/class/gpio", "--boot-ms", "100"}) {}
+    explicit PrintServiceHazard(const Texts& vecHabit = {"--alarm-keeps-laser",
+                                                         "--hold-keeps-laser", "--reset-laser-on"})
+        : PrintTest(makeOptions(vecHabit))
+    {
+    }
+
+    static Texts makeOptions(Texts vecOption)
+    {
+        vecOption.insert(vecOption.end(), {"--gpio", "/sys/class/gpio", "--boot-ms", "100"});
+        return vecOption;
+    }
 
     /** The laser on, then moves of 0.2 s each. */
     static std::string makeMoves(int nMoves)
@@ -38,12 +48,17 @@ protected:
 
     bool isLaserOn()
     {
-        return 1 == m_controller.getState("spot");
+        return 1 == m_controller.getState("laser");
     }
 
     bool isMoving()
     {
         return 1 == m_controller.getState("moving");
+    }
+
+    bool waitUntilDark()
+    {
+        return eventually([this] { return !isLaserOn(); });
     }
 
     bool waitUntilStill()
@@ -64,6 +79,22 @@ protected:
     }
 
     LogCapture m_log;
+};
+
+/** A controller that takes care of the laser itself. */
+class PrintServiceCarefulArm : public PrintServiceHazard
+{
+protected:
+    PrintServiceCarefulArm() : PrintServiceHazard(Texts{}) {}
+};
+
+/** One that answers every line end, and takes its time for that. */
+class PrintServiceAnsweringArm : public PrintServiceHazard
+{
+protected:
+    PrintServiceAnsweringArm() : PrintServiceHazard({"--answer-empty-lines", "--answer-ms", "40"})
+    {
+    }
 };
 
 /** A controller that answers as the test says, line by line. */
@@ -164,7 +195,7 @@ TEST_F(PrintServiceHazard, DeliberatePulledCableLeavesTheLaserOn)
     EXPECT_TRUE(contains(output(), "laser off could not be sent!\n"));
     ASSERT_EQ(1, m_uart.open(m_controller.getNode()));
     EXPECT_EQ(0, service().stopPrint());
-    EXPECT_FALSE(isLaserOn());
+    EXPECT_TRUE(waitUntilDark()); // behind what was queued
 }
 
 TEST_F(PrintServiceHazard, DeliberateResetInAJobEndsNothingAndHomesNothing)
@@ -201,11 +232,12 @@ TEST_F(PrintServiceHazard, DeliberateQueuedMovesGoOnBehindAPause)
 
     EXPECT_EQ(0, service().pausePrint());
 
-    EXPECT_FALSE(isLaserOn());
+    EXPECT_TRUE(isLaserOn()); // the M5 has its place behind them
     EXPECT_TRUE(isMoving());
+    EXPECT_TRUE(waitUntilStill());
+    EXPECT_FALSE(isLaserOn());
     EXPECT_EQ(0, service().stopPrint());
     EXPECT_FALSE(isLaserOn());
-    EXPECT_TRUE(waitUntilStill());
 }
 
 TEST_F(PrintServiceHazard, DeliberateStopWaitsForASilentControllerWithTheLaserOn)
@@ -281,7 +313,43 @@ TEST_F(PrintServiceHazard, DeliberatePauseByTheControllerLeavesTheLaserOn)
     EXPECT_TRUE(waitForLines(8)); // the held line again
     EXPECT_TRUE(isLaserOn());
     EXPECT_EQ(0, service().stopPrint());
+    EXPECT_EQ("M5", received().back());
+    EXPECT_TRUE(isLaserOn()); // its place is behind the held moves
+    m_controller.instruct("go");
+    EXPECT_TRUE(waitUntilDark());
+}
+
+TEST_F(PrintServiceCarefulArm, HoldAlarmAndResetAreDark)
+{
+    m_controller.instruct("line 3 hold");
+    startJob(makeMoves(5));
+    EXPECT_TRUE(waitForState(PRINT_STATE_PAUSED));
     EXPECT_FALSE(isLaserOn());
+    m_controller.instruct("go");
+    EXPECT_TRUE(eventually([this] { return isLaserOn(); }));
+
+    m_controller.instruct("alarm-now 1");
+
+    EXPECT_FALSE(isLaserOn());
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED)); // it unlocks, and goes on dark
+    EXPECT_TRUE(waitUntilStill());
+    EXPECT_EQ(0, service().printSingleCmd("M3 S100", 7));
+    EXPECT_TRUE(isLaserOn());
+    EXPECT_EQ(0, service().resetStm32());
+    EXPECT_TRUE(waitUntilDark());
+}
+
+TEST_F(PrintServiceAnsweringArm, DeliberateAnsweredLineEndsLoseARefusedLineAndRepeatAnother)
+{
+    m_controller.instruct("line 7 refuse 5"); // the fourth, each with an empty line behind it
+
+    runJob("G1 X1 F60000\nG1 X2\nG1 X3\nG1 X4\nG1 X5\nG1 X6\nG1 X7\nG1 X8\n");
+
+    Texts vecLine = received();
+    vecLine.erase(std::remove(vecLine.begin(), vecLine.end(), ""), vecLine.end());
+    EXPECT_EQ((Texts{"G1 X1 F60000", "G1 X2", "G1 X3", "G1 X4", "G1 X5", "G1 X6", "G1 X7", "G1 X7",
+                     "G1 X8"}),
+              vecLine);
 }
 
 TEST_F(PrintServiceHazard, TakenLineMovesTheArmTwiceASecondWhilePaused)
@@ -326,7 +394,7 @@ TEST_F(PrintServiceHazard, UploadInAJobSwitchesTheLaserOff)
 
     saveJob(makeMoves(1));
 
-    EXPECT_FALSE(isLaserOn());
+    EXPECT_EQ("M5", received().back());
     EXPECT_TRUE(waitUntilStill());
     EXPECT_FALSE(isLaserOn());
 }
@@ -358,7 +426,7 @@ TEST_F(PrintServiceHazard, DeliberateMoveGoesOutAlthoughHomingWasRefused)
 
     EXPECT_TRUE(eventually([this] { return -12.5 == m_controller.getState("x"); }));
     EXPECT_TRUE(waitUntilStill());
-    EXPECT_TRUE(isLaserOn());
+    EXPECT_EQ(0, m_controller.getState("homed"));
 }
 
 TEST_F(PrintServiceHazard, DeliberateNumbersOutsideTheFieldGoOut)

@@ -154,7 +154,7 @@ TEST_F(PrintServiceJob, LongLineGoesOutInPieces)
 {
     std::string strLine = "G1 ";
     while (strLine.size() < 300) {
-        strLine += "X01.0 ";
+        strLine += "N01.0 ";
     }
     strLine.resize(300);
 

@@ -84,7 +84,7 @@ TEST_F(PrintServiceLink, CommandBehindACutCommandStandsAlone)
     EXPECT_EQ(0, service().stopPrint());
 
     EXPECT_EQ("M3 S100\nG1 X\nM5\n", m_controller.readReceivedBytes());
-    EXPECT_EQ(0, m_controller.getState("spot"));
+    EXPECT_EQ(0, m_controller.getState("laser"));
     EXPECT_EQ("M3 S100\n\nsend length:8\n"
               "G1 X5\n\nsend length:6\nnWriteLength:-1\n"
               "M5\n\nsend length:3\n", // the lone line end is in no printed length

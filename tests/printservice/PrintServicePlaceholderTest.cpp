@@ -161,7 +161,7 @@ TEST_F(PrintServicePlaceholder, DeliberateStopNeverSwitchesTheLaserOff)
     EXPECT_EQ(0, service().pausePrint());
     EXPECT_EQ(0, service().stopPrint());
 
-    EXPECT_EQ(1, m_controller.getState("spot"));
+    EXPECT_EQ(1, m_controller.getState("laser"));
     EXPECT_FALSE(contains(m_controller.readReceivedBytes(), "M5"));
     EXPECT_FALSE(contains(output(), "could not be sent")); // the empty line was
 }
@@ -177,7 +177,7 @@ TEST_F(PrintServicePlaceholder, DeliberateRefusedLineAndAlarmAreAcknowledged)
         return "M3 S100\n\nG1 X1\n\nG1 X2\n\nG1 X3\n\nG1 X4\n\n\n" ==
                m_controller.readReceivedBytes();
     }));
-    EXPECT_EQ(1, m_controller.getState("spot"));
+    EXPECT_EQ(0, m_controller.getState("laser")); // by the controller itself
     EXPECT_EQ(1, m_controller.getState("locked"));
     EXPECT_EQ(0, m_controller.getState("moving"));
 }
@@ -192,5 +192,5 @@ TEST_F(PrintServicePlaceholder, DeliberateSilenceCountsAsAcknowledgedAfterTenSec
     EXPECT_LE(10U * 1000 - 1, monotonicMs() - u64Start);
     EXPECT_TRUE(eventually(
         [this] { return "M3 S100\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
-    EXPECT_EQ(1, m_controller.getState("spot"));
+    EXPECT_EQ(1, m_controller.getState("laser"));
 }

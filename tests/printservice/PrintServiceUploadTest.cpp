@@ -65,7 +65,7 @@ TEST_F(PrintServiceUpload, OverAJobEndsItWithTheLaserOff)
     EXPECT_EQ(PRINT_STATE_FILE_READY, service().getState());
     EXPECT_EQ("M5", received().back());
     EXPECT_EQ(0U, count("(B"));
-    EXPECT_EQ(0, m_controller.getState("spot"));
+    EXPECT_EQ(0, m_controller.getState("laser"));
     EXPECT_EQ(0.0F, progress());
     // Every line of the old job is whole.
     int nNext = 1;

@@ -13,7 +13,8 @@ const int64_t MS = 1000;
 class ControllerTest : public testing::Test
 {
 protected:
-    ControllerTest() : m_controller(ControllerSettings(), m_wireLog)
+    explicit ControllerTest(const ControllerSettings& settings = {})
+        : m_controller(settings, m_wireLog)
     {
         m_controller.setTrigger([this](const std::string& strInstruction) {
             if ("unplug" == strInstruction) {
@@ -47,9 +48,50 @@ protected:
         return m_controller.instruct(strInstruction, m_s64Now);
     }
 
+    const Beam& beam() const
+    {
+        return m_controller.getBeam().get();
+    }
+
+    bool isHomed() const
+    {
+        return std::string::npos != m_controller.describe().find(" homed=1");
+    }
+
     int64_t m_s64Now = 0;
     WireLog m_wireLog;
     Controller m_controller;
+};
+
+/** Controllers that differ in one habit. */
+class AnsweringControllerTest : public ControllerTest
+{
+protected:
+    AnsweringControllerTest() : ControllerTest(makeSettings()) {}
+
+    static ControllerSettings makeSettings()
+    {
+        ControllerSettings settings;
+        settings.bAnswerEmptyLines = true;
+        return settings;
+    }
+};
+
+class CarelessControllerTest : public ControllerTest
+{
+protected:
+    CarelessControllerTest() : ControllerTest(makeSettings()) {}
+
+    static ControllerSettings makeSettings()
+    {
+        ControllerSettings settings;
+        settings.bAlarmKeepsLaser = true;
+        settings.bHoldKeepsLaser = true;
+        settings.bResetLaserOn = true;
+        settings.bPowerUpLaserOn = true;
+        settings.bPilotOff = true;
+        return settings;
+    }
 };
 
 } // namespace
@@ -76,7 +118,7 @@ TEST_F(ControllerTest, SpotCommandWaitsForTheMoveAndIsAnsweredWithItsEnd)
 
     EXPECT_EQ("done\nok\n|", wait(1000 * MS));
     EXPECT_EQ((Point{-12.5, 3, 0}), m_controller.getMotion().getPosition());
-    EXPECT_TRUE(m_controller.isSpotOn());
+    EXPECT_TRUE(m_controller.isPilotOn());
 }
 
 TEST_F(ControllerTest, HomingGoesToTheOriginAndIsAnsweredTwice)
@@ -158,15 +200,220 @@ TEST_F(ControllerTest, RelativeMovesAddUpAndStayInReach)
     EXPECT_DOUBLE_EQ(-1500, m_controller.getMotion().getPosition()[0]);
 }
 
-TEST_F(ControllerTest, LaserCommandsSwitchTheSpot)
+TEST_F(ControllerTest, RefusedRelativeMoveChangesNothing)
 {
-    EXPECT_TRUE(m_controller.isSpotOn());
-    say("M5\n");
-    EXPECT_FALSE(m_controller.isSpotOn());
-    say("M3 S100\n");
-    EXPECT_TRUE(m_controller.isSpotOn());
-    say("M18 S0\n");
-    EXPECT_FALSE(m_controller.isSpotOn());
+    say("G1 X1900 F1000000\n");
+    wait(1000 * MS);
+
+    EXPECT_EQ("error:4\n|", say("G91 X1500 F60 M3 S100\n"));
+
+    EXPECT_EQ("ok\n|", say("G1 X1890\n")); // absolute, at the former rate
+    EXPECT_EQ("", wait(1 * MS));
+    EXPECT_DOUBLE_EQ(1890, m_controller.getMotion().getPosition()[0]);
+    EXPECT_FALSE(beam().bOn);
+}
+
+TEST_F(ControllerTest, LaserAndPilotSpotAreTwoThings)
+{
+    EXPECT_TRUE(m_controller.isPilotOn());
+    EXPECT_FALSE(beam().bOn);
+
+    say("M18 S0\nM3 S100\n");
+    EXPECT_FALSE(m_controller.isPilotOn());
+    EXPECT_TRUE(beam().bOn);
+
+    say("M18 S1\nM5\n");
+    EXPECT_TRUE(m_controller.isPilotOn());
+    EXPECT_FALSE(beam().bOn);
+}
+
+TEST_F(ControllerTest, LaserHasTheLastPowerAndIsDarkWithoutAny)
+{
+    say("M3\n");
+    EXPECT_FALSE(beam().bOn);
+    say("S100\n");
+    EXPECT_TRUE(beam().bOn);
+    say("M5\nM4\n");
+    EXPECT_TRUE(beam().bOn);
+    EXPECT_DOUBLE_EQ(100, beam().dPower);
+    say("M3 S0\n");
+    EXPECT_FALSE(beam().bOn);
+}
+
+TEST_F(ControllerTest, LaserWordsTakeEffectBehindQueuedMoves)
+{
+    say("G1 X10 F600\nM3 S100\nG1 X20\nM5\nG1 X30\n"); // a second each
+
+    wait(999 * MS);
+    EXPECT_FALSE(beam().bOn);
+    wait(2 * MS);
+    EXPECT_TRUE(beam().bOn);
+    wait(998 * MS);
+    EXPECT_TRUE(beam().bOn);
+    wait(2 * MS);
+    EXPECT_FALSE(beam().bOn);
+    EXPECT_TRUE(beam().bMoving);
+}
+
+TEST_F(ControllerTest, BeamIsToldWithTheMomentOfItsChange)
+{
+    say("M3 S100\nG1 X10 F600\nM5\n");
+
+    wait(1500 * MS); // nobody looked at the end of the move, after a second
+
+    EXPECT_EQ("on=0 power=100 moving=0 since=1.000000 moving-since=1.000000 now=1.500000",
+              m_controller.getBeam().describe(m_s64Now));
+}
+
+TEST_F(ControllerTest, CombinedWordsAreAllCarriedOut)
+{
+    EXPECT_EQ("ok\n|", say("M3 S100 G1 X10 F600\n"));
+    EXPECT_TRUE(beam().bOn && beam().bMoving);
+    EXPECT_EQ("ok\n|", say("G05 X20 M5\n"));
+
+    EXPECT_EQ("", wait(1500 * MS));
+    EXPECT_FALSE(beam().bOn);
+    EXPECT_EQ("done\n|", wait(500 * MS));
+    EXPECT_DOUBLE_EQ(20, m_controller.getMotion().getPosition()[0]);
+}
+
+TEST_F(ControllerTest, DwellHasItsPlaceInTheQueue)
+{
+    say("M3 S100\nG4 P2\nM5\n");
+
+    wait(1999 * MS);
+    EXPECT_TRUE(beam().bOn);
+    wait(1 * MS);
+    EXPECT_FALSE(beam().bOn);
+}
+
+TEST_F(ControllerTest, LaserOffIsTakenWhileLocked)
+{
+    say("M3 S100\nG1 X\n");
+    EXPECT_EQ("error:9\n|", say("G21\n"));
+
+    EXPECT_EQ("ok\n|", say("M5\n"));
+
+    EXPECT_FALSE(beam().bOn);
+}
+
+TEST_F(ControllerTest, HoldByteActsPastAFullQueueWithTheBeamOff)
+{
+    say("M3 S100\nG91\n");
+    for (int i = 0; i < 40; ++i) {
+        say("G1 X10 F600\n");
+    }
+    wait(500 * MS);
+
+    say("G1 !X1"); // in the middle of a line, behind lines that wait
+
+    EXPECT_FALSE(beam().bOn);
+    EXPECT_FALSE(beam().bMoving);
+    wait(1000 * MS);
+    EXPECT_DOUBLE_EQ(5, m_controller.getMotion().getPosition()[0]);
+    EXPECT_TRUE(instruct("go"));
+    wait(0);
+    EXPECT_TRUE(beam().bOn && beam().bMoving); // as it was
+}
+
+TEST_F(ControllerTest, ResetByteDropsTheQueueAndGreets)
+{
+    say("$H\n");
+    EXPECT_EQ("done\n|", wait(100 * MS));
+    EXPECT_TRUE(isHomed());
+    say("M3 S100\nG91\n");
+    for (int i = 0; i < 40; ++i) {
+        say("G1 X10 F600\n");
+    }
+    wait(500 * MS);
+
+    EXPECT_EQ("ready\n|", say("G1 X\x18"));
+
+    EXPECT_FALSE(beam().bOn);
+    EXPECT_FALSE(isHomed());
+    EXPECT_EQ("", wait(10000 * MS));
+    EXPECT_DOUBLE_EQ(5, m_controller.getMotion().getPosition()[0]);
+    EXPECT_EQ("ok\n|", say("G21\n"));
+}
+
+TEST_F(ControllerTest, HeldControllerKeepsLaserOffForItsPlace)
+{
+    say("M3 S100\nG1 X10 F600\n");
+    wait(500 * MS);
+    say("!");
+
+    EXPECT_EQ("ok\n|", say("M5\n"));
+    EXPECT_TRUE(instruct("go"));
+
+    wait(499 * MS);
+    EXPECT_TRUE(beam().bOn);
+    wait(1 * MS);
+    EXPECT_FALSE(beam().bOn);
+}
+
+TEST_F(ControllerTest, AlarmOfItsOwnComesUnasked)
+{
+    say("M3 S100\nG1 X10 F600\n");
+    wait(500 * MS);
+
+    EXPECT_TRUE(instruct("alarm-now 2"));
+
+    EXPECT_EQ("alarm:2\n|", wait(0));
+    EXPECT_FALSE(beam().bOn || beam().bMoving);
+    EXPECT_EQ("error:9\n|", say("G21\n"));
+}
+
+TEST_F(ControllerTest, RestartGreetsWithTheBeamOff)
+{
+    say("M3 S100\nG1 X10 F600\n");
+
+    EXPECT_TRUE(instruct("restart"));
+
+    EXPECT_EQ("ready\n|", wait(0));
+    EXPECT_FALSE(beam().bOn || beam().bMoving);
+}
+
+TEST_F(ControllerTest, MutedControllerSaysNothingButWorks)
+{
+    EXPECT_TRUE(instruct("mute"));
+    EXPECT_EQ("", say("M3 S100\nG21\n"));
+    EXPECT_TRUE(instruct("unmute"));
+
+    EXPECT_EQ("ok\n|", say("G21\n")); // what was lost stays lost
+    EXPECT_TRUE(beam().bOn);
+}
+
+TEST_F(AnsweringControllerTest, EveryLineEndIsAnswered)
+{
+    EXPECT_EQ("ok\n|ok\n|", say("G21\n\n"));
+    EXPECT_EQ("ok\n|", say("\n"));
+}
+
+TEST_F(CarelessControllerTest, LaserIsOnAtPowerUpAndAfterReset)
+{
+    wait(0);
+    EXPECT_TRUE(beam().bOn);
+    EXPECT_FALSE(m_controller.isPilotOn());
+    say("M5\nM18 S1\n");
+
+    m_controller.reset(m_s64Now);
+
+    EXPECT_TRUE(beam().bOn);
+    EXPECT_FALSE(m_controller.isPilotOn());
+    say("\x18"); // always dark
+    EXPECT_FALSE(beam().bOn);
+}
+
+TEST_F(CarelessControllerTest, HoldAndAlarmKeepTheLaser)
+{
+    say("M3 S100\nG1 X10 F600\n");
+    say("!");
+    EXPECT_TRUE(beam().bOn);
+    EXPECT_FALSE(beam().bMoving);
+
+    EXPECT_TRUE(instruct("alarm-now 1"));
+
+    EXPECT_TRUE(beam().bOn);
 }
 
 TEST_F(ControllerTest, HeldControllerTakesNoLineAndSaysWhenItGoesOn)
@@ -186,7 +433,8 @@ TEST_F(ControllerTest, HeldControllerTakesNoLineAndSaysWhenItGoesOn)
 
 TEST_F(ControllerTest, HoldAndResumeLines)
 {
-    EXPECT_EQ("ok\n|", say("!\n"));
+    EXPECT_EQ("ok\n|", say("G21\n"));
+    EXPECT_EQ("", say("!\n")); // a byte has no answer
     EXPECT_EQ("status:1\n|", say("G1 X1\n"));
     EXPECT_EQ("status:4\nok\n|", say("~\n"));
     EXPECT_EQ("ok\n|", say("G1 X1\n"));
@@ -255,9 +503,11 @@ TEST_F(ControllerTest, AlarmStopsTheArmAndLocks)
 {
     say("G1 X100 F6000\n");
     wait(500 * MS);
+    say("M3 S100\n");
     EXPECT_TRUE(instruct("alarm 1"));
 
     EXPECT_EQ("alarm:1\n|", say("G1 X1\n"));
+    EXPECT_FALSE(beam().bOn);
     EXPECT_EQ("error:9\n|", say("G1 X1\n"));
     wait(1000 * MS);
     EXPECT_DOUBLE_EQ(50, m_controller.getMotion().getPosition()[0]);
@@ -305,10 +555,11 @@ TEST_F(ControllerTest, ResetForgetsEverythingButThePosition)
     say("G1 Xnan\n");
     say("M5\n");
 
-    m_controller.reset();
+    m_controller.reset(m_s64Now);
 
     EXPECT_EQ("ok\n|", say("G21\n"));
     EXPECT_TRUE(m_controller.getMotion().isIdle());
-    EXPECT_TRUE(m_controller.isSpotOn());
+    EXPECT_TRUE(m_controller.isPilotOn());
+    EXPECT_FALSE(beam().bOn);
     EXPECT_DOUBLE_EQ(50, m_controller.getMotion().getPosition()[0]);
 }

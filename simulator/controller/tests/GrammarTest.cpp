@@ -30,10 +30,11 @@ TEST(Grammar, KindsOfLines)
 {
     EXPECT_EQ(COMMAND_HOME, parseLine("$H").eKind);
     EXPECT_EQ(COMMAND_UNLOCK, parseLine("$X").eKind);
-    EXPECT_EQ(COMMAND_HOLD, parseLine("!").eKind);
     EXPECT_EQ(COMMAND_RESUME, parseLine("~").eKind);
-    EXPECT_EQ(COMMAND_LASER_ON, parseLine("m3 s500").eKind);
-    EXPECT_EQ(COMMAND_LASER_OFF, parseLine("M5").eKind);
+    EXPECT_EQ(LASER_ON, parseLine("m3 s500").eLaser);
+    EXPECT_EQ(LASER_ON, parseLine("M4").eLaser);
+    EXPECT_EQ(LASER_OFF, parseLine("M5").eLaser);
+    EXPECT_EQ(LASER_AS_IT_IS, parseLine("G1 X1 S500").eLaser);
     EXPECT_EQ(COMMAND_SPOT, parseLine("M18 S1").eKind);
     EXPECT_EQ(COMMAND_LOADER, parseLine("M21").eKind);
     EXPECT_EQ(COMMAND_MOVE, parseLine("G1X1Y2").eKind);
@@ -44,6 +45,30 @@ TEST(Grammar, KindsOfLines)
     EXPECT_EQ(COMMAND_ACCEPTED, parseLine("; a comment").eKind);
     EXPECT_EQ(COMMAND_ACCEPTED, parseLine("(a comment) G21").eKind);
     EXPECT_EQ(COMMAND_ACCEPTED, parseLine("G90\r").eKind);
+}
+
+TEST(Grammar, CombinedWordsAreAllKept)
+{
+    const Command command = parseLine("G1 X20 F600 M3 S100 G91");
+
+    EXPECT_EQ(COMMAND_MOVE, command.eKind);
+    EXPECT_EQ(LASER_ON, command.eLaser);
+    EXPECT_TRUE(command.bHasX && command.bHasF && command.bHasS && command.bRelative);
+    EXPECT_EQ(COMMAND_POSITION, parseLine("M5 G05 X5").eKind);
+    EXPECT_EQ(LASER_OFF, parseLine("M5 G05 X5").eLaser);
+    EXPECT_TRUE(parseLine("M3 S1 G4 P2").bDwell);
+    EXPECT_DOUBLE_EQ(2, parseLine("M3 S1 G4 P2").dP);
+}
+
+TEST(Grammar, WordsThatDoNotGoTogetherAreRefused)
+{
+    for (const char* const pLine :
+         {"G0 G1 X1", "G05 G1 X1",    "X1 X2",      "F100 F200",   "S1 M3 S2",  "M3 M5",
+          "M3 M3",    "G90 G91",      "G91 G91 X1", "G4 P1 G1 X1", "G4 P1 X1",  "G4 G4",
+          "P1 P2",    "M18 S1 G1 X1", "G05 X1 M18", "M18 M5",      "M3 S1 M18", "M18 M18",
+          "M18 F100", "M21 X1",       "M21 M5",     "M21 S1",      "G1.5 X1"}) {
+        EXPECT_EQ(1, parseLine(pLine).nError) << pLine;
+    }
 }
 
 TEST(Grammar, RefusedLinesSayWhy)
