@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -54,6 +55,10 @@ void reportDaemon(FILE* pReport, pid_t caller)
     fprintf(pReport, "mask %o\n", static_cast<unsigned>(umask(0)));
     fprintf(pReport, "0 %s\n1 %s\n2 %s\n", linkOf("/proc/self/fd/0").c_str(),
             linkOf("/proc/self/fd/1").c_str(), linkOf("/proc/self/fd/2").c_str());
+    for (int nFd = 0; nFd < 3; ++nFd) {
+        fprintf(pReport, "%d %s\n", nFd,
+                (O_RDWR == (fcntl(nFd, F_GETFL) & O_ACCMODE)) ? "reads and writes" : "is one-way");
+    }
     fprintf(pReport, "%s session\n", (getsid(0) != getsid(caller)) ? "own" : "caller's");
     fprintf(pReport, "%s leader\n", (getsid(0) == getpid()) ? "session" : "no");
     fflush(pReport);
@@ -90,11 +95,19 @@ int runRestart(int argc, char** argv)
     FILE* pMark = fopen(argv[2], "r");
     if (nullptr != pMark) {
         fclose(pMark);
-        printf("restarted %s %s, descriptor 3 %s\n", argv[1], argv[argc - 1],
-               (0 == access("/proc/self/fd/3", F_OK)) ? "open" : "closed");
+        printf("restarted %s %s, open:", argv[1], argv[argc - 1]);
+        for (int nFd = 3; nFd < 300; ++nFd) {
+            if (-1 != fcntl(nFd, F_GETFD)) {
+                printf(" %d", nFd);
+            }
+        }
+        printf("\n");
         return 0;
     }
     pMark = fopen(argv[2], "w"); // no close-on-exec: open in the restarted program unless closed
+    for (const int nFd : {3, 4, 100, 255, 256}) {
+        (void)dup2(fileno(pMark), nFd);
+    }
     restartProcess(argv, Time(0, 100000));
     for (;;) {
         pause(); // until it is killed

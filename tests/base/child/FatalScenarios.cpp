@@ -6,6 +6,7 @@
 #include <cstring>
 #include <thread>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "EventBus.h"
@@ -33,6 +34,8 @@ public:
     int onQuit(Event*)
     {
         ++m_nQuits;
+        const char acText[] = "quit\n";
+        (void)!write(STDOUT_FILENO, acText, sizeof(acText) - 1);
         return 0;
     }
     std::atomic<int> m_nQuits{0};
@@ -56,6 +59,55 @@ int runFatal(int argc, char** argv)
                fatal.isSeen() ? 1 : 0, quits.m_nQuits.load(), ulAfter - ulBefore);
     }
     return 0;
+}
+
+/** Installed, met, and installed anew: it counts from zero. */
+int runFatalAgain(int, char** argv)
+{
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    FatalSignal& fatal = FatalSignal::getInstance();
+    for (int i = 0; i < 3; ++i) {
+        fatal.install(false, argv, Time(), 2);
+        printf("count %d seen %d\n", fatal.getCount(), fatal.isSeen() ? 1 : 0);
+        raise(SIGTERM);
+        printf("count %d seen %d\n", fatal.getCount(), fatal.isSeen() ? 1 : 0);
+    }
+    return 0;
+}
+
+static void tellHandlers()
+{
+    for (const int nSignal : {SIGTERM, SIGXFSZ, SIGINT, SIGPIPE}) {
+        struct sigaction current = {};
+        (void)sigaction(nSignal, nullptr, &current);
+        const auto pHandler = current.sa_handler;
+        printf("%s\n", (SIG_DFL == pHandler)   ? "default"
+                       : (SIG_IGN == pHandler) ? "ignored"
+                                               : "a handler");
+    }
+}
+
+/** Its own handlers before the object and after it; another's handler stays. */
+int runFatalEnd(int, char** argv)
+{
+    (void)atexit(tellHandlers); // after the object's end, which is registered later
+    FatalSignal::getInstance().install(false, argv, Time(), 5);
+    (void)signal(SIGINT, [](int) {});
+    tellHandlers();
+    return 0;
+}
+
+/** With a restart, and no child process to be had. */
+int runFatalRestartFails(int, char** argv)
+{
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_NPROC, &none);
+    if (0 == geteuid() && 0 != setuid(65534)) { // nobody: the limit does not bind root
+        return 100;
+    }
+    FatalSignal::getInstance().install(true, argv, Time(), 50);
+    raise(SIGTERM);
+    return 100;
 }
 
 /** Reads what is not there; the report comes once, then the default effect. */

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -15,9 +16,11 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "Eventually.h"
 #include "Fault.h"
 #include "File.h"
+#include "Pattern.h"
 #include "ScratchFolder.h"
 #include "Time.h"
 
@@ -162,20 +165,46 @@ TEST(RunCommandTimed, CommandIsAScriptOfTheShell)
     EXPECT_EQ(30u, strText.size());
 }
 
+TEST(RunCommandTimed, ShellIsCalledByItsShortName)
+{
+    ScratchFolder folder;
+    const std::string strCommand =
+        "tr '\\0' '|' < /proc/$$/cmdline > " + (folder.path() / "out").string();
+
+    EXPECT_EQ(0, runCommandTimed(strCommand.c_str(), Time(30, 0)));
+
+    EXPECT_TRUE(hasPattern(folder.read("out"), "^sh\\|/tmp/temp_file\\.[^|]{6}\\|$"))
+        << folder.read("out");
+}
+
+TEST(RunCommandTimed, ShellThatCannotBeRunReturns127)
+{
+    const FaultScope fault("execv=/bin/sh:1:ENOENT");
+
+    EXPECT_EQ(127, runCommandTimed("true", Time(30, 0)));
+}
+
 TEST(RunCommandTimed, CommandIsKilledWhenTheBudgetIsUsedUp)
 {
-    const Time before = monotonicNow();
+    const CallJournal journal("select kill");
 
-    EXPECT_EQ(255, runCommandTimed("while :; do :; done", Time(0, 50000)));
+    EXPECT_EQ(255, runCommandTimed("while :; do :; done", Time(0, 25000)));
 
-    EXPECT_GE(monotonicNow() - before, Time(0, 50000));
+    std::vector<std::string> vecLine = CallJournal::lines();
+    ASSERT_EQ(4u, vecLine.size());
+    EXPECT_TRUE(hasPattern(vecLine[3], "^kill [0-9]+ 9$")) << vecLine[3];
+    vecLine.pop_back();
+    EXPECT_EQ((std::vector<std::string>{"select 0.010000", "select 0.010000", "select 0.005000"}),
+              vecLine);
     EXPECT_TRUE(hasNoChildren());
 }
 
 TEST(RunCommandTimed, WithoutBudgetACommandIsKilledAtOnce)
 {
+    const CallJournal journal("select");
     EXPECT_EQ(255, runCommandTimed("while :; do :; done", Time()));
     EXPECT_TRUE(hasNoChildren());
+    EXPECT_TRUE(CallJournal::lines().empty());
 }
 
 TEST(RunCommandTimed, CommandEndedByASignalCountsAsZero)

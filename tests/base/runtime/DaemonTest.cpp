@@ -31,6 +31,7 @@ TEST(Daemonise, GoesOnInASessionOfItsOwn)
     EXPECT_EQ("directory /\n"
               "mask 0\n"
               "0 /dev/null\n1 /dev/null\n2 /dev/null\n"
+              "0 reads and writes\n1 reads and writes\n2 reads and writes\n"
               "own session\n"
               "no leader\n",
               folder.read("report"));
@@ -84,10 +85,29 @@ TEST(RestartProcess, KillsTheProcessAndStartsTheProgramAgain)
     EXPECT_EQ(SIGKILL, result.nSignal);
     EXPECT_TRUE(hasPattern(result.strOutput,
                            "^kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\nrestarted restart last, "
-                           "descriptor 3 closed\n$"))
+                           "open: 256\n$"))
         << result.strOutput;
     EXPECT_EQ(std::string::npos, result.strOutput.find("(sub_fd:" + strPid + ")"))
         << "its own number, not its parent's";
+}
+
+TEST(RestartProcess, PausesForTheDelayAndForThreeSeconds)
+{
+    ScratchFolder folder;
+    const std::string strJournal = (folder.path() / "journal").string();
+
+    const ChildResult result = runChild({"/usr/bin/env", "KESTREL_FAULT_JOURNAL=" + strJournal,
+                                         "KESTREL_FAULT_JOURNAL_CALLS=setsid select waitpid execvp",
+                                         "KESTREL_FAULT_HURRY=100", BASE_CHILD, "restart",
+                                         (folder.path() / "mark").string(), "last"});
+
+    EXPECT_EQ(SIGKILL, result.nSignal);
+    EXPECT_EQ("base_child|setsid\n"
+              "base_child|select 0.100000\n" // the delay
+              "base_child|waitpid\n"         // for the kill
+              "base_child|select 3.000000\n"
+              "base_child|execvp " BASE_CHILD "\n",
+              folder.read("journal"));
 }
 
 TEST(RestartProcess, FailedForkExitsWithOne)

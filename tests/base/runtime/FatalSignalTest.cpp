@@ -43,7 +43,7 @@ TEST(FatalSignal, EverySignalIsReportedPublishedAndReturned)
                               SIGSEGV, SIGIO, SIGSYS, SIGTRAP, SIGTSTP, SIGXCPU, SIGXFSZ}) {
         const ChildResult result = runFatal(5, {nSignal});
 
-        EXPECT_EQ("no SIGPIPE\n" + report(nSignal) + "count 1 seen 1 quits 1 allocations 0\n",
+        EXPECT_EQ("no SIGPIPE\n" + report(nSignal) + "quit\ncount 1 seen 1 quits 1 allocations 0\n",
                   masked(result.strOutput));
         EXPECT_EQ(0, result.nStatus) << nSignal;
     }
@@ -53,10 +53,37 @@ TEST(FatalSignal, LimitEndsTheProcessWithStatusNine)
 {
     const ChildResult result = runFatal(2, {SIGTERM, SIGINT});
 
-    EXPECT_EQ("no SIGPIPE\n" + report(SIGTERM) + "count 1 seen 1 quits 1 allocations 0\n" +
-                  report(SIGINT),
+    EXPECT_EQ("no SIGPIPE\n" + report(SIGTERM) + "quit\ncount 1 seen 1 quits 1 allocations 0\n" +
+                  report(SIGINT) + "quit\n",
               masked(result.strOutput));
     EXPECT_EQ(9, result.nStatus);
+}
+
+TEST(FatalSignal, InstalledAnewItCountsFromZero)
+{
+    const ChildResult result = runChild({BASE_CHILD, "fatal-again"});
+
+    const std::string strRound = "count 0 seen 0\n" + report(SIGTERM) + "count 1 seen 1\n";
+    EXPECT_EQ(strRound + strRound + strRound, masked(result.strOutput));
+    EXPECT_EQ(0, result.nStatus);
+}
+
+TEST(FatalSignal, ItsEndPutsBackWhatItHasInstalled)
+{
+    const ChildResult result = runChild({BASE_CHILD, "fatal-end"});
+
+    EXPECT_EQ("a handler\na handler\na handler\nignored\n"
+              "default\ndefault\na handler\nignored\n",
+              result.strOutput);
+}
+
+TEST(FatalSignal, RestartComesBeforeTheReport)
+{
+    const ChildResult result = runChild({BASE_CHILD, "fatal-restart-fails"});
+
+    EXPECT_EQ("fork() failed\n", result.strError);
+    EXPECT_EQ("", result.strOutput);
+    EXPECT_EQ(1, result.nStatus);
 }
 
 TEST(FatalSignal, SecondArrivalOfASignalTakesTheDefaultEffect)

@@ -15,6 +15,7 @@
 
 #define MAX_LINES 8192
 #define MAX_LINE 112
+#define FIRST_DESCRIPTOR 300 // of those that a program leaves alone
 
 struct Line
 {
@@ -45,8 +46,10 @@ void journalStart(const char* pCalls)
 
 int journalTo(const char* pPath, const char* pCalls)
 {
-    g_nFile =
+    const int nFile =
         (int)syscall(SYS_openat, AT_FDCWD, pPath, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    g_nFile = fcntl(nFile, F_DUPFD_CLOEXEC, FIRST_DESCRIPTOR);
+    syscall(SYS_close, nFile);
     journalStart(pCalls);
     return (g_nFile < 0) ? -1 : 0;
 }

@@ -843,6 +843,8 @@ PLAIN_NOTED(unsigned, sleep, (unsigned uTime), (uTime), uTime, "%u", uTime)
 // Processes and threads.
 PLAIN(pid_t, fork, (void), (), -1)
 PLAIN(pid_t, setsid, (void), (), -1)
+BY_TEXT(int, execv, (const char* text, char* const argv[]), (text, argv), -1)
+BY_TEXT(int, execvp, (const char* text, char* const argv[]), (text, argv), -1)
 PLAIN(pid_t, waitpid, (pid_t nPid, int* pStatus, int nOptions), (nPid, pStatus, nOptions), -1)
 BY_TEXT(FILE*, popen, (const char* text, const char* pMode), (text, pMode), NULL)
 PLAIN(int, pclose, (FILE * pFile), (pFile), -1)
