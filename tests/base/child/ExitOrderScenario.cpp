@@ -14,10 +14,12 @@
 #include "EventBus.h"
 #include "Eventually.h"
 #include "FatalSignal.h"
+#include "ListeningPort.h"
 #include "Log.h"
 #include "LogEvent.h"
 #include "LogFile.h"
 #include "LogServer.h"
+#include "SafePointer.h"
 #include "Scenarios.h"
 #include "SystemNeedQuitEvent.h"
 #include "Thread.h"
@@ -69,13 +71,30 @@ private:
     Thread m_thread;
 };
 
+/** Made before the log, so that it ends after it; its end is a line that no log is left for. */
+class Latecomer
+{
+public:
+    Latecomer()
+    {
+        (void)EventBus<LogEvent>::getInstance(); // outlives it
+    }
+    Latecomer(const Latecomer&) = delete;
+    Latecomer& operator=(const Latecomer&) = delete;
+    ~Latecomer()
+    {
+        LogEvent event(SafePointer_C<char>(strdup("too late\n")), 9, 2);
+        EventBus<LogEvent>::publish(event);
+    }
+};
+
 /** Connects a viewer that stays until the process is gone. */
-void connectViewer(uint16_t u16Port)
+void connectViewer()
 {
     const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(u16Port);
+    address.sin_port = htons(listeningPort());
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (0 != connect(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address))) {
         printf("no viewer\n");
@@ -88,7 +107,7 @@ void connectViewer(uint16_t u16Port)
     });
 }
 
-void use(char cWhat, const char* pPath, int nPort)
+void use(char cWhat, const char* pPath)
 {
     switch (cWhat) {
     case 'l': // log
@@ -113,13 +132,15 @@ void use(char cWhat, const char* pPath, int nPort)
         (void)LogServer::getInstance();
         break;
     case 'S': // log server by the log
-        Log::getInstance()
-            .setSinks(LOG_SINK_FILE | LOG_SINK_SERVER)
-            .initLogServer("127.0.0.1", nPort);
+        Log::getInstance().setSinks(LOG_SINK_FILE | LOG_SINK_SERVER).initLogServer("127.0.0.1", 0);
         break;
     case 'v': // a viewer that is still there at the end
-        connectViewer(static_cast<uint16_t>(nPort));
+        connectViewer();
         break;
+    case 'x': { // a line after the log's end
+        static Latecomer s_latecomer;
+        break;
+    }
     case 'm': // module with a thread
         (void)Module::getInstance();
         break;
@@ -134,16 +155,16 @@ void use(char cWhat, const char* pPath, int nPort)
 
 } // namespace
 
-/** Letters of what is used, in order (see use()); a path for log files; a port. */
+/** Letters of what is used, in order (see use()); a path for log files. */
 int runExitOrder(int argc, char** argv)
 {
-    if (5 != argc) {
+    if (4 != argc) {
         return 100;
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);
     signal(SIGPIPE, SIG_IGN); // as the service does
     for (const char* p = argv[2]; '\0' != *p; ++p) {
-        use(*p, argv[3], atoi(argv[4]));
+        use(*p, argv[3]);
     }
     return 0;
 }

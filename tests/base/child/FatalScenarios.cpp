@@ -77,7 +77,7 @@ int runFatalAgain(int, char** argv)
 
 static void tellHandlers()
 {
-    for (const int nSignal : {SIGTERM, SIGXFSZ, SIGINT, SIGPIPE}) {
+    for (const int nSignal : {SIGTERM, SIGXFSZ, SIGINT, SIGQUIT, SIGPIPE}) {
         struct sigaction current = {};
         (void)sigaction(nSignal, nullptr, &current);
         const auto pHandler = current.sa_handler;
@@ -93,6 +93,10 @@ int runFatalEnd(int, char** argv)
     (void)atexit(tellHandlers); // after the object's end, which is registered later
     FatalSignal::getInstance().install(false, argv, Time(), 5);
     (void)signal(SIGINT, [](int) {});
+    struct sigaction action = {};
+    action.sa_sigaction = [](int, siginfo_t*, void*) {};
+    action.sa_flags = SA_SIGINFO;
+    (void)sigaction(SIGQUIT, &action, nullptr);
     tellHandlers();
     return 0;
 }

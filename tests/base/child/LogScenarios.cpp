@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "ListeningPort.h"
 #include "Log.h"
 #include "Scenarios.h"
 
@@ -57,13 +58,17 @@ int runSinks(int argc, char** argv)
     return 0;
 }
 
-/** A port: a log server that logs each line of standard input, until its end. */
+/** A port, 0 for any, which is printed: a log server that logs each line of standard input, until
+ * its end. */
 int runServer(int, char** argv)
 {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     signal(SIGPIPE, SIG_IGN); // as the service does
     Log::getInstance().setLevel(5).setLayout(0).setSinks(LOG_SINK_SERVER);
     Log::getInstance().initLogServer("127.0.0.1", atoi(argv[2]));
+    if (0 == atoi(argv[2])) {
+        printf("port %d\n", listeningPort());
+    }
     printf("ready\n");
     char acLine[256];
     while (nullptr != fgets(acLine, sizeof(acLine), stdin)) {

@@ -1,27 +1,31 @@
 // Process exits in every order in which the singletons were first used, in programs of their own.
 #include <algorithm>
+#include <filesystem>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "ChildProgram.h"
-#include "FreePort.h"
+#include "Pattern.h"
 #include "ScratchFolder.h"
 
 namespace {
 
-ChildResult exitAfter(const std::string& strOrder)
+/** @return what the log file holds, the newest when there are two */
+std::string expectCleanExit(const std::string& strOrder)
 {
-    ScratchFolder folder;
-    return runChild({BASE_CHILD, "exit-order", strOrder, (folder.path() / "log").string(),
-                     std::to_string(freePort())});
-}
-
-void expectCleanExit(const std::string& strOrder)
-{
-    const ChildResult result = exitAfter(strOrder);
+    const ScratchFolder folder;
+    const ChildResult result =
+        runChild({BASE_CHILD, "exit-order", strOrder, (folder.path() / "log").string()});
     EXPECT_EQ(0, result.nStatus) << strOrder << ": " << result.strOutput << result.strError;
     EXPECT_EQ("", result.strError) << strOrder;
+    EXPECT_EQ(std::string::npos, result.strOutput.find("no viewer")) << strOrder;
+    std::set<std::string> setFile;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+        setFile.insert(entry.path().filename().string());
+    }
+    return setFile.empty() ? "" : folder.read(setFile.rbegin()->c_str());
 }
 
 } // namespace
@@ -48,6 +52,25 @@ TEST(ExitOrder, EachAloneEndsWithZero)
     for (const char* pOne : {"l", "b", "q", "f", "F", "s", "S", "m", "g"}) {
         expectCleanExit(pOne);
     }
+}
+
+// The log file outlives whoever logs in its destructor, whichever was used first.
+TEST(ExitOrder, LastLinesOfAModuleReachTheLogFile)
+{
+    for (const char* pOrder : {"mF", "lmF", "mlF", "Fm", "fmF", "mfF", "lmFS", "mSF", "qmF"}) {
+        const std::string strFile = expectCleanExit(pOrder);
+
+        EXPECT_TRUE(hasPattern(strFile, "module goes\n(.*\n)*.*destory thread.* name:module\\)\n"))
+            << pOrder << ": " << strFile;
+    }
+}
+
+TEST(ExitOrder, LogsEndClosesTheLogFile)
+{
+    const std::string strFile = expectCleanExit("fxFl");
+
+    EXPECT_NE(std::string::npos, strFile.find("line\n")) << strFile;
+    EXPECT_EQ(std::string::npos, strFile.find("too late")) << strFile;
 }
 
 TEST(ExitOrder, ServiceOrderWithAViewerConnectedEndsWithZero)

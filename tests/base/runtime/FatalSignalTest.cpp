@@ -72,8 +72,8 @@ TEST(FatalSignal, ItsEndPutsBackWhatItHasInstalled)
 {
     const ChildResult result = runChild({BASE_CHILD, "fatal-end"});
 
-    EXPECT_EQ("a handler\na handler\na handler\nignored\n"
-              "default\ndefault\na handler\nignored\n",
+    EXPECT_EQ("a handler\na handler\na handler\na handler\nignored\n"
+              "default\ndefault\na handler\na handler\nignored\n",
               result.strOutput);
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -20,6 +21,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "ChildProgram.h"
 #include "EventBus.h"
 #include "Fault.h"
@@ -388,6 +390,21 @@ TEST_F(LogFileTest, AnotherEventTypeIsABadCast)
 }
 
 // Deliberate: no line lost, none torn, none written to a closed stream while files change.
+TEST_F(LogFileTest, LineIsWrittenUnderTheLock)
+{
+    ASSERT_EQ(RET_SUCCESS, init(4096, 2));
+    LogEvent event(SafePointer_C<char>(strdup("one\n")), 4, 2);
+    const CallJournal journal("pthread_mutex_lock fwrite");
+
+    EXPECT_EQ(0, LogFile::getInstance().onLog(&event));
+
+    const std::vector<std::string> vecLine = CallJournal::lines();
+    // The handle's own lock, the file's, the write, the handle's again.
+    EXPECT_EQ((std::vector<std::string>{"pthread_mutex_lock", "pthread_mutex_lock", "fwrite",
+                                        "pthread_mutex_lock"}),
+              vecLine);
+}
+
 TEST_F(LogFileTest, RotationWhileSeveralThreadsLogLosesNothing)
 {
     const int THREADS = 4;

@@ -259,6 +259,17 @@ TEST(Log, CutLineWithoutMemoryForItsLengthIsCutForGood)
     EXPECT_EQ(std::string(4093, 'x'), log.text());
 }
 
+TEST(Log, MessageThatCannotBeFormattedCountsAsEmpty)
+{
+    const wchar_t aInvalid[] = {0x7fffffff, 0}; // no character: the formatting returns -1
+    LogCapture log(LOG_LAYOUT_LEVEL);
+
+    LOG_LINE(2, "%ls", aInvalid);
+    LOG_LINE(2, "next\n");
+
+    EXPECT_EQ((std::vector<std::string>{"[error] ", "[error] next\n"}), log.lines());
+}
+
 TEST(Log, LineWithoutMemoryIsReportedOnStandardOutputOnly)
 {
     LogCapture log(0);

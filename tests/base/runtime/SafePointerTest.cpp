@@ -1,6 +1,7 @@
 // Shared buffers: who frees them, what empty handles do, and the offset that all handles see.
 #include "SafePointer.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 #include <utility>
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "AllocatedBytes.h"
+#include "CallJournal.h"
 #include "Fault.h"
 
 namespace {
@@ -177,4 +179,16 @@ TEST(SafePointer_C, HandlesComeAndGoOnSeveralThreads)
     }
 
     EXPECT_STREQ("frame", origin.get());
+}
+
+TEST(SafePointer_C, CountIsChangedUnderTheLock)
+{
+    const SafePointer_C<char> first(static_cast<char*>(malloc(1)));
+    const CallJournal journal("pthread_mutex_lock");
+    {
+        const SafePointer_C<char> second(first);
+        EXPECT_EQ(1U, CallJournal::lines().size());
+    }
+
+    EXPECT_EQ(2U, CallJournal::lines().size());
 }

@@ -160,6 +160,50 @@ TEST(SubscriberList, RemovedEntriesAreFreedWhilePublishingGoesOn)
     }));
 }
 
+// A publisher that is there again is another visit, though it stands in the same place.
+TEST(SubscriberList, EntryIsFreedOnceItsVisitorHasLeftAndAnotherHasCome)
+{
+    class Resident
+    {
+    public:
+        int onEvent(Event*)
+        {
+            ++m_nEntered;
+            EXPECT_TRUE(eventually([this] { return m_nMayLeave >= m_nEntered; }));
+            return 0;
+        }
+        bool waitInside(int nTime) const
+        {
+            return eventually([this, nTime] { return m_nEntered == nTime; });
+        }
+        std::atomic<int> m_nEntered{0};
+        std::atomic<int> m_nMayLeave{0};
+    };
+    const int nBefore = g_nCallbacks;
+    SubscriberList list;
+    Resident resident;
+    list.add(std::make_unique<CB<Resident, int>>(&resident, &Resident::onEvent));
+    std::thread publisher([&list] {
+        NumberEvent event;
+        list.publish(event, PUBLISH_NESTED);
+        list.publish(event, PUBLISH_NESTED);
+    });
+    ASSERT_TRUE(resident.waitInside(1));
+    Visitor first;
+    add(list, first);
+    remove(list, first);
+    EXPECT_EQ(nBefore + 1, g_nCallbacks) << "the visitor may still come to it";
+
+    resident.m_nMayLeave = 1;
+    ASSERT_TRUE(resident.waitInside(2));
+    Visitor second;
+    add(list, second);
+
+    EXPECT_EQ(nBefore + 1, g_nCallbacks) << "the second alone";
+    resident.m_nMayLeave = 2;
+    publisher.join();
+}
+
 TEST(SubscriberList, WithoutPublishersRemovedEntriesAreFreedAtOnce)
 {
     SubscriberList list;
