@@ -78,7 +78,7 @@ TEST(ExposureAdvisor, StepsAndRangeAreBounded)
     EXPECT_EQ(1, advisor.suggest());
 }
 
-TEST(FrameProcessor, ExposureLeadsToAMiddlingBrightness)
+TEST(Exposure, ExposureLeadsToAMiddlingBrightness)
 {
     for (const int nStart : {20, 60, 157, 300, 400}) {
         Parameters parameters;
@@ -106,7 +106,7 @@ TEST(FrameProcessor, ExposureLeadsToAMiddlingBrightness)
 
 // The service's order: picture, suggestion, position on that picture. When no spot is found it
 // stays at that.
-TEST(FrameProcessor, ExposureSettlesWhileNoSpotIsFound)
+TEST(Exposure, ExposureSettlesWhileNoSpotIsFound)
 {
     Parameters parameters;
     parameters.nStartExposure = 20;

@@ -37,7 +37,7 @@ double measure(FocusJudge& judge, double dZ, double dFocusZ)
 
 } // namespace
 
-TEST(FrameProcessor, TwoMeasurementsLeadIntoFocusAndFiveMoreStayThere)
+TEST(Focus, TwoMeasurementsLeadIntoFocusAndFiveMoreStayThere)
 {
     SceneCamera camera;
     for (const double dFocusZ : STARTS) {
@@ -54,7 +54,7 @@ TEST(FrameProcessor, TwoMeasurementsLeadIntoFocusAndFiveMoreStayThere)
     }
 }
 
-TEST(FrameProcessor, FirstSideNeedsOneMeasurement)
+TEST(Focus, FirstSideNeedsOneMeasurement)
 {
     SceneCamera camera;
     for (const double dFocusZ : {0.5, 1.5}) {
@@ -66,7 +66,7 @@ TEST(FrameProcessor, FirstSideNeedsOneMeasurement)
     }
 }
 
-TEST(FrameProcessor, WorkpieceOfAnotherHeightNeedsTwoMeasurementsMore)
+TEST(Focus, WorkpieceOfAnotherHeightNeedsTwoMeasurementsMore)
 {
     SceneCamera camera;
     for (const double dFocusZ : STARTS) {
@@ -84,7 +84,7 @@ TEST(FrameProcessor, WorkpieceOfAnotherHeightNeedsTwoMeasurementsMore)
     }
 }
 
-TEST(FrameProcessor, FocusAtHomeIsLeftForEitherSide)
+TEST(Focus, FocusAtHomeIsLeftForEitherSide)
 {
     SceneCamera camera;
     for (const double dNext : {-2.0, 2.0}) {
@@ -100,7 +100,7 @@ TEST(FrameProcessor, FocusAtHomeIsLeftForEitherSide)
     }
 }
 
-TEST(FrameProcessor, SpotStaysWhereItIsMeasuredAgain)
+TEST(Focus, SpotStaysWhereItIsMeasuredAgain)
 {
     SceneCamera camera;
     ServiceLoop loop(camera, 1.5);
@@ -116,7 +116,7 @@ TEST(FrameProcessor, SpotStaysWhereItIsMeasuredAgain)
     }
 }
 
-TEST(FrameProcessor, BlurBeyondUseIsAFailure)
+TEST(Focus, BlurBeyondUseIsAFailure)
 {
     SceneCamera camera;
     for (const double dZ : {-12.0, -8.0, -4.5, 4.5, 6.0, 9.0, 20.0}) {
@@ -130,7 +130,7 @@ TEST(FrameProcessor, BlurBeyondUseIsAFailure)
     }
 }
 
-TEST(FrameProcessor, SpotInFocusNeedsNoMove)
+TEST(Focus, SpotInFocusNeedsNoMove)
 {
     SceneCamera camera;
     FrameProcessor processor{Parameters()};
@@ -138,7 +138,7 @@ TEST(FrameProcessor, SpotInFocusNeedsNoMove)
     EXPECT_EQ(0, homedAt(processor, camera, 0));
 }
 
-TEST(FrameProcessor, ResetForgetsTheSide)
+TEST(Focus, ResetForgetsTheSide)
 {
     SceneCamera camera;
     ServiceLoop loop(camera, -1.5);
@@ -151,7 +151,7 @@ TEST(FrameProcessor, ResetForgetsTheSide)
     EXPECT_NEAR(-1.5, homedAt(loop.m_processor, loop.m_camera, -1.5), 0.1);
 }
 
-TEST(FrameProcessor, LensDoesNotBlur)
+TEST(Focus, LensDoesNotBlur)
 {
     Parameters parameters;
     parameters.dRadialK1 = -0.12;

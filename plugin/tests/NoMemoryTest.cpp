@@ -88,7 +88,7 @@ int failEachAllocation(const CALL& call, const UNTOUCHED& untouched, const GOOD&
 
 } // namespace
 
-TEST(PluginWithoutMemory, FindPosFails)
+TEST(NoMemory, FindPosFails)
 {
     auto* const pFindPos = entryPoint<decltype(::findPos)>("findPos");
     SceneCamera camera(0, 320, 240); // small, as there are hundreds of calls
@@ -108,7 +108,7 @@ TEST(PluginWithoutMemory, FindPosFails)
     EXPECT_GT(nFailures, 50);
 }
 
-TEST(PluginWithoutMemory, AutoFocusFails)
+TEST(NoMemory, AutoFocusFails)
 {
     auto* const pAutoFocus = entryPoint<decltype(::autoFocus)>("autoFocus");
     SceneCamera camera(0, 320, 240); // small, as there are hundreds of calls
@@ -126,7 +126,7 @@ TEST(PluginWithoutMemory, AutoFocusFails)
     EXPECT_GT(nFailures, 50);
 }
 
-TEST(PluginWithoutMemory, UndistortFails)
+TEST(NoMemory, UndistortFails)
 {
     auto* const pUndistort = entryPoint<decltype(::undistort)>("undistort");
     SceneCamera camera(0, 320, 240); // small, as there are hundreds of calls
@@ -147,7 +147,7 @@ TEST(PluginWithoutMemory, UndistortFails)
 }
 
 // A picture of noise takes a megabyte: the encoder's buffer grows again and again.
-TEST(JpegCodecWithoutMemory, GrowthThatFailsIsAFailure)
+TEST(NoMemoryJpegCodec, GrowthThatFailsIsAFailure)
 {
     cv::Mat noise(480, 640, CV_8UC3);
     std::mt19937 random(3);

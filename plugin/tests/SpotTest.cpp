@@ -90,7 +90,7 @@ INSTANTIATE_TEST_SUITE_P(Views, SpotAccuracy,
                                          View{-0.12, 640, 480, 2, 1}, View{0, 640, 480, 0, 0.4},
                                          View{0, 640, 480, 0, 1.4}));
 
-TEST(FrameProcessor, LaserOffIsNoSpot)
+TEST(Spot, LaserOffIsNoSpot)
 {
     SceneCamera camera;
     camera.setLaser(false);
@@ -105,7 +105,7 @@ TEST(FrameProcessor, LaserOffIsNoSpot)
     EXPECT_EQ(13, dCorrection);
 }
 
-TEST(FrameProcessor, SpotThatThePicturesEdgeCutsIsNoSpot)
+TEST(Spot, SpotThatThePicturesEdgeCutsIsNoSpot)
 {
     SceneCamera camera;
     FrameProcessor processor{Parameters()};
@@ -119,7 +119,7 @@ TEST(FrameProcessor, SpotThatThePicturesEdgeCutsIsNoSpot)
     }
 }
 
-TEST(FrameProcessor, SpotOutOfSightIsNoSpot)
+TEST(Spot, SpotOutOfSightIsNoSpot)
 {
     SceneCamera camera;
     camera.setSpot(100, 0, 0);
@@ -129,7 +129,7 @@ TEST(FrameProcessor, SpotOutOfSightIsNoSpot)
     EXPECT_EQ(FrameProcessor::RESULT_NO_SPOT, processor.findPosition(camera.take(), found));
 }
 
-TEST(LensModel, IdealPixelsAreThoseOfTheScenesLens)
+TEST(Spot, IdealPixelsAreThoseOfTheScenesLens)
 {
     for (const double dK1 : {-0.09, -0.05, 0.0, 0.2}) {
         const SceneGeometry geometry(640, 480, dK1);

@@ -136,7 +136,7 @@ TEST_P(Undistort, GridLinesAreStraightWithinHalfAPixel)
 
 INSTANTIATE_TEST_SUITE_P(Lenses, Undistort, testing::Values(-0.12, -0.05, 0.0, 0.08));
 
-TEST(FrameProcessor, CorrectedPictureKeepsSizeAndLooks)
+TEST(UndistortPicture, CorrectedPictureKeepsSizeAndLooks)
 {
     FrameProcessor processor{Parameters()}; // no distortion
     SceneCamera camera;

@@ -211,41 +211,41 @@ TEST(ModuleManager, WithoutItsThreadStartedTheConsoleReadsNothing)
     EXPECT_EQ(0, result.nStatus);
 }
 
-TEST(Console, QuitAndItsShortFormEndTheService)
+TEST(ModuleManagerConsole, QuitAndItsShortFormEndTheService)
 {
     EXPECT_EQ("", console("q\n"));
     EXPECT_EQ("", console("quit\n"));
 }
 
-TEST(Console, NearlyAQuitIsNone)
+TEST(ModuleManagerConsole, NearlyAQuitIsNone)
 {
     EXPECT_EQ("", console("Q\nquit \nqq\nq\n")); // one word each: ignored
 }
 
-TEST(Console, EmptyLinesAndSingleWordsPublishNothing)
+TEST(ModuleManagerConsole, EmptyLinesAndSingleWordsPublishNothing)
 {
     EXPECT_EQ("", console("\n \t \nword\n  word  \nSystemManager\nq\n"));
 }
 
-TEST(Console, WordsArePublished)
+TEST(ModuleManagerConsole, WordsArePublished)
 {
     EXPECT_EQ(words(2, {"two", "words"}) + words(3, {"and", "three", "more"}),
               console("two words\n  and\t three   more \nq\n"));
 }
 
-TEST(Console, TenWordsAreTheMost)
+TEST(ModuleManagerConsole, TenWordsAreTheMost)
 {
     EXPECT_EQ(words(10, {"1", "2", "3", "4", "5", "6", "7", "8", "9", "10"}),
               console("1 2 3 4 5 6 7 8 9 10 11 12\nq\n"));
 }
 
-TEST(Console, WordsOfTheLastLineAreCleared)
+TEST(ModuleManagerConsole, WordsOfTheLastLineAreCleared)
 {
     EXPECT_EQ(words(3, {"long", "first", "line"}) + words(2, {"a", "b"}),
               console("long first line\na b\nq\n"));
 }
 
-TEST(Console, LastLineNeedsALineEndToQuit)
+TEST(ModuleManagerConsole, LastLineNeedsALineEndToQuit)
 {
     // "q" alone is no quit; the end of the input that follows is a failure of the console only.
     ChildProgram child(program({"CONSOLE=1"}));
@@ -262,7 +262,7 @@ TEST(Console, LastLineNeedsALineEndToQuit)
 }
 
 // Deliberate: words are not bounded by their buffers of 128 bytes, only by the end of the table.
-TEST(Console, LongWordRunsIntoTheNextBuffers)
+TEST(ModuleManagerConsole, LongWordRunsIntoTheNextBuffers)
 {
     const std::string strLong(200, 'a');
     // The second word overwrites the long one's tail, from byte 128 on.
@@ -271,21 +271,21 @@ TEST(Console, LongWordRunsIntoTheNextBuffers)
     EXPECT_EQ(words(2, {"b", strLong, std::string(72, 'a')}), console("b " + strLong + "\nq\n"));
 }
 
-TEST(Console, LongWordIsCutAtTheEndOfTheTable)
+TEST(ModuleManagerConsole, LongWordIsCutAtTheEndOfTheTable)
 {
     const std::string strLong(200, 'z');
     EXPECT_EQ(words(10, {"1", "2", "3", "4", "5", "6", "7", "8", "9", std::string(127, 'z')}),
               console("1 2 3 4 5 6 7 8 9 " + strLong + "\nq\n"));
 }
 
-TEST(Console, LineLongerThanItsBufferGoesOnAsTheNextLine)
+TEST(ModuleManagerConsole, LineLongerThanItsBufferGoesOnAsTheNextLine)
 {
     // 255 characters are one read: "a " and 253 times b; the rest is "bb c".
     EXPECT_EQ(words(2, {"a", std::string(253, 'b'), std::string(125, 'b')}) + words(2, {"bb", "c"}),
               console("a " + std::string(255, 'b') + " c\nq\n"));
 }
 
-TEST(Console, ShellCommandRunsAnInteractiveShell)
+TEST(ModuleManagerConsole, ShellCommandRunsAnInteractiveShell)
 {
     ChildProgram child(program({"CONSOLE=1"}));
     child.write("SystemManager shell\n");
@@ -309,7 +309,7 @@ TEST(Console, ShellCommandRunsAnInteractiveShell)
     EXPECT_EQ(0, child.wait().nStatus);
 }
 
-TEST(Console, OtherCommandsOfTheManagerDoNothing)
+TEST(ModuleManagerConsole, OtherCommandsOfTheManagerDoNothing)
 {
     EXPECT_EQ(words(2, {"SystemManager", "other"}) + words(2, {"Other", "shell"}),
               console("SystemManager other\nOther shell\nq\n"));

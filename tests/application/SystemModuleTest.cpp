@@ -15,10 +15,10 @@
 
 namespace {
 
-class SystemModuleTest : public testing::Test
+class SystemModuleCamera : public testing::Test
 {
 protected:
-    ~SystemModuleTest() override
+    ~SystemModuleCamera() override
     {
         if (MODULE_STATUS_RUNNING == m_module.getStatus()) {
             EXPECT_EQ(RET_SUCCESS, m_module.stop());
@@ -49,7 +49,7 @@ protected:
 
 } // namespace
 
-TEST_F(SystemModuleTest, LifeIsThatOfTheCaptureSide)
+TEST_F(SystemModuleCamera, LifeIsThatOfTheCaptureSide)
 {
     ASSERT_EQ(RET_SUCCESS, m_module.init());
     EXPECT_EQ(1U, m_camera.count("open "));
@@ -66,7 +66,7 @@ TEST_F(SystemModuleTest, LifeIsThatOfTheCaptureSide)
     EXPECT_EQ(1U, m_camera.count("close"));
 }
 
-TEST_F(SystemModuleTest, MissingCameraDoesNotKeepTheModuleDown)
+TEST_F(SystemModuleCamera, MissingCameraDoesNotKeepTheModuleDown)
 {
     m_camera.command("unplug");
 
@@ -78,7 +78,7 @@ TEST_F(SystemModuleTest, MissingCameraDoesNotKeepTheModuleDown)
     EXPECT_EQ(RET_SUCCESS, m_module.cancelConsumer(&m_consumer));
 }
 
-TEST_F(SystemModuleTest, ConsumersReachTheCaptureSide)
+TEST_F(SystemModuleCamera, ConsumersReachTheCaptureSide)
 {
     EXPECT_EQ(RET_FAILED, m_module.registerConsumer(&m_consumer));
     bringUp();
@@ -90,7 +90,7 @@ TEST_F(SystemModuleTest, ConsumersReachTheCaptureSide)
     EXPECT_EQ(RET_FAILED, m_module.cancelConsumer(&m_consumer));
 }
 
-TEST_F(SystemModuleTest, WithoutThePluginNothingIsMeasuredOrCorrected)
+TEST_F(SystemModuleCamera, WithoutThePluginNothingIsMeasuredOrCorrected)
 {
     bringUp();
     ASSERT_EQ(RET_SUCCESS, m_module.registerConsumer(&m_consumer));
@@ -107,7 +107,7 @@ TEST_F(SystemModuleTest, WithoutThePluginNothingIsMeasuredOrCorrected)
     EXPECT_EQ(in.get(), out.get());
 }
 
-TEST_F(SystemModuleTest, DebugCommandsAreAcceptedAndDoNothing)
+TEST_F(SystemModuleCamera, DebugCommandsAreAcceptedAndDoNothing)
 {
     EXPECT_EQ(0, debugCommand({"shell"}));
     EXPECT_EQ(0, debugCommand({"shell", "SystemModule"}));
@@ -118,7 +118,7 @@ TEST_F(SystemModuleTest, DebugCommandsAreAcceptedAndDoNothing)
     EXPECT_EQ(std::vector<std::string>{}, m_camera.journal());
 }
 
-TEST_F(SystemModuleTest, ProcessMayExitWhileTheModuleRuns)
+TEST_F(SystemModuleCamera, ProcessMayExitWhileTheModuleRuns)
 {
     EXPECT_EXIT(
         {

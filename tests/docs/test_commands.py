@@ -59,7 +59,7 @@ class Commands(unittest.TestCase):
                 self.assertEqual(1, sum(word in program for word in PROGRAMS.get(language, ())),
                                  f"{name}: {program}")
 
-    def test_the_reference_plugin_builds_alone(self):
+    def test_reference_plugin_builds_alone(self):
         # cmake -S plugin -B build/plugin && cmake --build build/plugin
         command = next(each for each in listed() if each.startswith("cmake -S plugin"))
         with tempfile.TemporaryDirectory(prefix="kestrel-docs.") as folder:

@@ -242,7 +242,7 @@ class Answers(unittest.TestCase):
             except BlockingIOError:
                 pass
 
-    def test_the_first_read_alone_is_parsed(self):
+    def test_first_read_alone_is_parsed(self):
         for first in (b"G", b"GET /li"):
             client = connect()
             client.sendall(first)

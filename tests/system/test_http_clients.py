@@ -113,7 +113,7 @@ class Clients(unittest.TestCase):
         self.assertIn(b"Invalid data found", done.stderr)
         self.assertFalse(os.path.exists(os.path.join(self.folder, "now.jpg")))
 
-    def test_the_recording_holds_the_pictures_alone_and_keeps_time(self):
+    def test_recording_holds_the_pictures_alone_and_keeps_time(self):
         recipe = re.search(r"### Recording\n+```sh\n(.*?)```", document(), re.S).group(1)
         start = time.monotonic()
         recording = subprocess.Popen(recipe, shell=True, cwd=self.folder, stdin=subprocess.DEVNULL)
@@ -134,7 +134,7 @@ class Clients(unittest.TestCase):
         self.assertGreater(film, 6)  # the gap of three seconds is in it
         self.assertLess(film, lasted + 1)
 
-    def test_the_connection_stays_open_behind_an_answer(self):
+    def test_connection_stays_open_behind_an_answer(self):
         client = connect()
         client.sendall(b"GET /camera?focus=1 HTTP/1.1\r\n\r\n")
         answer = b""
@@ -175,7 +175,7 @@ class Clients(unittest.TestCase):
                 answer += data
             client.close()
 
-    def test_a_file_name_is_taken_as_it_stands(self):
+    def test_file_name_is_taken_as_it_stands(self):
         self.run_shell("curl -s -o x.jpg 'http://127.0.0.1:8329/snap?filename=a%20b+c.jpg'")
 
         self.board.wait_for_saved("a%20b+c.jpg")

@@ -80,7 +80,7 @@ class Stream(unittest.TestCase):
 
 
 class Unplugging(unittest.TestCase):
-    def test_the_same_connection_goes_on_after_six_seconds_without_a_camera(self):
+    def test_same_connection_goes_on_after_six_seconds_without_a_camera(self):
         with Board() as board:
             live = LiveStream()
             live.frame()

@@ -113,7 +113,7 @@ class ReverseProxy(unittest.TestCase):
             for headers in ({}, wrong):
                 self.assertEqual(401, request(target, headers=headers)[0], target)
 
-    def test_the_page_and_all_its_files(self):
+    def test_page_and_all_its_files(self):
         with open(f"{SOURCE}/www/index.html", "rb") as file:
             self.assertEqual((200, file.read()), request("/"))
 
@@ -140,13 +140,13 @@ class ReverseProxy(unittest.TestCase):
         numbers = [kept[picture] for picture in pictures]
         self.assertEqual(sorted(set(numbers)), numbers)
 
-    def test_a_player_opens_the_stream_without_an_option(self):
+    def test_player_opens_the_stream_without_an_option(self):
         shown = run("ffprobe", "-v", "error", "-headers", f"Authorization: {AUTHORIZATION['Authorization']}\r\n",
                     "-show_entries", "stream=codec_name,width,height", "-of", "csv=p=0",
                     f"https://127.0.0.1:{PORT}/live")
         self.assertEqual("mjpeg,640,480\n", shown)
 
-    def test_a_viewer_that_leaves_leaves_the_service_too(self):
+    def test_viewer_that_leaves_leaves_the_service_too(self):
         wait_until(lambda: sockets(self.board) == self.idle, "all other clients have gone")
         connection, response = open_request("/live")
         response.read(100)
@@ -155,14 +155,14 @@ class ReverseProxy(unittest.TestCase):
         response.close()
         wait_until(lambda: sockets(self.board) == self.idle, "the service has lost the viewer")
 
-    def test_a_snapshot_is_one_picture_and_saved_under_its_name(self):
+    def test_snapshot_is_one_picture_and_saved_under_its_name(self):
         connection, response = open_request("/snap?filename=proxied.jpg&mode=correction")
         with contextlib.closing(connection):
             self.assertEqual(200, response.status)
             self.assertIn(response.read(), self.board.camera.frames())
         self.board.wait_for_saved("proxied.jpg")
 
-    def test_a_measurement_is_answered(self):
+    def test_measurement_is_answered(self):
         self.assertEqual((200, b'{"measure":"0.0000"}'), request("/camera?focus=1"))
 
     def test_headers_and_bodies_that_the_service_does_not_stand_stay_outside(self):
@@ -192,7 +192,7 @@ class ReverseProxy(unittest.TestCase):
             self.assertEqual(403, self.status("/camera?focus=1", Origin=origin), origin)
         self.assertFalse(os.path.exists(f"{CARD}/camera/evil.jpg"))
 
-    def test_the_pages_own_requests_and_links_to_it_pass(self):
+    def test_pages_own_requests_and_links_to_it_pass(self):
         for site in ("same-origin", "none"):
             self.assertEqual(200, self.status("/camera?focus=1", Sec_Fetch_Site=site,
                                               Sec_Fetch_Dest="empty"))
@@ -267,7 +267,7 @@ class Firewall(unittest.TestCase):
                  f"raise SystemExit(s.connect_ex(('{self.OUTER}', {port})) != 0)")
         return subprocess.run([*self.inside, "python3", "-c", probe], check=False).returncode == 0
 
-    def test_the_services_ports_are_closed_to_other_machines_alone(self):
+    def test_services_ports_are_closed_to_other_machines_alone(self):
         self.assertTrue(self.reaches(8329))
         self.assertTrue(self.reaches(8001))
 

@@ -118,7 +118,7 @@ class Run(unittest.TestCase):
         self.assertIn("listening on:  127.0.0.1 10.94.0.1 (TCP 8329; the log on 8001)\n", reached)
         self.assertIn("reached by:    every machine of these networks", reached)
 
-    def test_an_interrupt_ends_it_with_its_service_and_camera(self):
+    def test_interrupt_ends_it_with_its_service_and_camera(self):
         run = self.start()
         self.until_running(run)
         started = children(run)
@@ -130,13 +130,13 @@ class Run(unittest.TestCase):
         for process in started:
             wait_until(lambda path=f"/proc/{process}": not os.path.exists(path), "the child has gone")
 
-    def test_a_taken_port_is_named_with_its_holder(self):
+    def test_taken_port_is_named_with_its_holder(self):
         for port in (HTTP_PORT, LOG_PORT):
             with socket.create_server(("0.0.0.0", port)):
                 self.assert_refused(self.start(), f"TCP port {port} is taken by python3")
         self.assertFalse(os.path.exists(f"{self.checkout.folder}/build/run"))
 
-    def test_a_second_start_leaves_the_first_one_alone(self):
+    def test_second_start_leaves_the_first_one_alone(self):
         self.until_running(self.start())
         before = (self.checkout.file("kestrel-server.out"),
                   os.stat(f"{CARD}/www/index.html").st_mtime_ns, sorted(os.listdir("/tmp")))
@@ -148,14 +148,14 @@ class Run(unittest.TestCase):
                                   sorted(os.listdir("/tmp"))))
         self.assertEqual(200, request("/index.html")[0].status)
 
-    def test_a_second_start_while_the_first_one_builds_is_refused(self):
+    def test_second_start_while_the_first_one_builds_is_refused(self):
         write(f"{self.checkout.folder}/bin/cmake", "#!/bin/sh\nexec sleep 600\n")
         first = self.start()
         self.assertIn("building", first.stdout.readline())
 
         self.assert_refused(self.start(), "already at work in this folder")
 
-    def test_a_service_that_fails_is_not_called_running(self):
+    def test_service_that_fails_is_not_called_running(self):
         self.checkout.replace_service("#!/bin/sh\necho no luck >&2\nexit 3\n")
 
         run = self.start()
@@ -182,7 +182,7 @@ class Run(unittest.TestCase):
         self.assertEqual(1, run.returncode)
         self.assertNotIn("running:", output)
 
-    def test_a_service_that_ends_later_is_told_with_its_last_words(self):
+    def test_service_that_ends_later_is_told_with_its_last_words(self):
         run = self.start()
         self.until_running(run)
 
@@ -193,7 +193,7 @@ class Run(unittest.TestCase):
                       run.communicate(timeout=60)[0])
         self.assertEqual(1, run.returncode)
 
-    def test_a_card_folder_that_leads_elsewhere_is_refused(self):
+    def test_card_folder_that_leads_elsewhere_is_refused(self):
         shutil.rmtree("/tmp/run", ignore_errors=True)
         target = f"{self.checkout.folder}/elsewhere"
         os.mkdir(target)
@@ -204,7 +204,7 @@ class Run(unittest.TestCase):
 
         self.assertEqual([], os.listdir(target))
 
-    def test_a_card_folder_that_cannot_be_made_is_one_line(self):
+    def test_card_folder_that_cannot_be_made_is_one_line(self):
         shutil.rmtree("/tmp/run", ignore_errors=True)
         write("/tmp/run", "")
         self.addCleanup(os.unlink, "/tmp/run")
@@ -216,7 +216,7 @@ class Run(unittest.TestCase):
         self.assertEqual(1, run.returncode, output)
         self.assertIn(text, output.splitlines()[-1])
 
-    def test_a_checkout_that_cannot_be_written_is_one_line(self):
+    def test_checkout_that_cannot_be_written_is_one_line(self):
         shutil.rmtree(f"{self.checkout.folder}/build")
         write(f"{self.checkout.folder}/build", "")
 
@@ -230,7 +230,7 @@ class Run(unittest.TestCase):
             self.assertTrue(output.startswith("usage: scripts/run\n"), output)
         self.assertFalse(os.path.exists(f"{self.checkout.folder}/build/run"))
 
-    def test_an_unknown_word_is_answered_with_the_usage(self):
+    def test_unknown_word_is_answered_with_the_usage(self):
         run = self.start("--halp")
         output = run.communicate(timeout=60)[0]
         self.assertEqual(2, run.returncode)

@@ -145,7 +145,7 @@ class Console(unittest.TestCase):
                     client.frame()
         self.assertEqual(b"", idle.recv(1))
 
-    def test_the_service_can_be_started_again_after_it_went_down(self):
+    def test_service_can_be_started_again_after_it_went_down(self):
         for _ in range(2):
             board = Board(program="kestrel-server-console", stdin=subprocess.PIPE)
             try:
@@ -238,7 +238,7 @@ def connect_listener():
 
 
 class Signals(unittest.TestCase):
-    def test_a_fatal_signal_ends_the_service_without_a_report(self):
+    def test_fatal_signal_ends_the_service_without_a_report(self):
         import signal
         with Board() as board:
             board.server.process.send_signal(signal.SIGTERM)
@@ -246,7 +246,7 @@ class Signals(unittest.TestCase):
             self.assertNotIn("System is terminated", board.server.output())
         self.assertFalse(listening(HTTP_PORT))
 
-    def test_a_write_to_a_closed_socket_does_not_end_the_service(self):
+    def test_write_to_a_closed_socket_does_not_end_the_service(self):
         with Board() as board:
             for _ in range(5):
                 client = LiveStream()

@@ -60,7 +60,7 @@ std::string heard(VirtualController& controller)
     return transcript.toText();
 }
 
-class TranscriptTest : public testing::Test
+class TranscriptPlayed : public testing::Test
 {
 protected:
     void SetUp() override
@@ -92,12 +92,12 @@ protected:
 };
 
 /** The same with a service on the port. */
-class SpokenTranscriptTest : public TranscriptTest
+class TranscriptSpoken : public TranscriptPlayed
 {
 protected:
     void SetUp() override
     {
-        TranscriptTest::SetUp();
+        TranscriptPlayed::SetUp();
         m_pService = std::make_unique<FreshPrintService>();
         m_pService->setUart(&m_uart);
     }
@@ -105,7 +105,7 @@ protected:
     void TearDown() override
     {
         m_pService.reset(); // its thread uses the port
-        TranscriptTest::TearDown();
+        TranscriptPlayed::TearDown();
     }
 
     void runJob(const std::string& strJob)
@@ -149,7 +149,7 @@ TEST(Transcript, TextWithoutBlocksIsOneDialogue)
     EXPECT_EQ("> $H\n< ok\n< done\n", vecTranscript[0].toText());
 }
 
-TEST_F(TranscriptTest, EveryDocumentedDialogueCanBePlayed)
+TEST_F(TranscriptPlayed, EveryDocumentedDialogueCanBePlayed)
 {
     const std::vector<Transcript> vecTranscript = documented();
     EXPECT_EQ(6U, vecTranscript.size());
@@ -160,26 +160,26 @@ TEST_F(TranscriptTest, EveryDocumentedDialogueCanBePlayed)
     }
 }
 
-TEST_F(TranscriptTest, OtherAnswerIsTold)
+TEST_F(TranscriptPlayed, OtherAnswerIsTold)
 {
     EXPECT_EQ("expected: ok\ncame: error:1", play("> G77\n< ok\n"));
 }
 
-TEST_F(TranscriptTest, MissingAnswerIsTold)
+TEST_F(TranscriptPlayed, MissingAnswerIsTold)
 {
     m_controller.instruct("half");
 
     EXPECT_EQ("expected: ok\nonly came: o", play("> M5\n< ok\n", 5));
 }
 
-TEST_F(TranscriptTest, DeadPortIsTold)
+TEST_F(TranscriptPlayed, DeadPortIsTold)
 {
     m_controller.instruct("unplug");
 
     EXPECT_EQ("not sent: M5", play("> M5\n< ok\n"));
 }
 
-TEST_F(SpokenTranscriptTest, Move)
+TEST_F(TranscriptSpoken, Move)
 {
     MoveLaserEvent event(12.5F, -3);
     EventBus<MoveLaserEvent>::publish(event);
@@ -187,7 +187,7 @@ TEST_F(SpokenTranscriptTest, Move)
     EXPECT_EQ(documented("Move"), heard(m_controller));
 }
 
-TEST_F(SpokenTranscriptTest, Height)
+TEST_F(TranscriptSpoken, Height)
 {
     MeasureEvent event(0.25F);
     EventBus<MeasureEvent>::publish(event);
@@ -195,7 +195,7 @@ TEST_F(SpokenTranscriptTest, Height)
     EXPECT_EQ(documented("Height"), heard(m_controller));
 }
 
-TEST_F(SpokenTranscriptTest, Job)
+TEST_F(TranscriptSpoken, Job)
 {
     runJob("G1 X1 F6000\nG1 X2\nG1 X0\n");
 
@@ -203,14 +203,14 @@ TEST_F(SpokenTranscriptTest, Job)
         << heard(m_controller);
 }
 
-TEST_F(SpokenTranscriptTest, LaserOff)
+TEST_F(TranscriptSpoken, LaserOff)
 {
     EXPECT_EQ(0, m_pService->pausePrint());
 
     EXPECT_EQ(documented("Laser off"), heard(m_controller));
 }
 
-TEST_F(SpokenTranscriptTest, RefusedLine)
+TEST_F(TranscriptSpoken, RefusedLine)
 {
     runJob("G1 X\n");
 
@@ -220,7 +220,7 @@ TEST_F(SpokenTranscriptTest, RefusedLine)
     EXPECT_EQ(0U, heard(m_controller).find(strDialogue)) << heard(m_controller);
 }
 
-TEST_F(SpokenTranscriptTest, Resume)
+TEST_F(TranscriptSpoken, Resume)
 {
     EXPECT_EQ(0, m_pService->saveGcode("", 0));
     unlink("tmp.gcode");

@@ -298,11 +298,11 @@ void PrintTo(const FailingStep& step, std::ostream* pStream)
     *pStream << step.pLastCall;
 }
 
-class V4L2FailingStep : public V4L2Init, public testing::WithParamInterface<FailingStep>
+class V4L2InitFailingStep : public V4L2Init, public testing::WithParamInterface<FailingStep>
 {
 };
 
-TEST_P(V4L2FailingStep, ClosesTheDeviceAndLeavesNothingBehind)
+TEST_P(V4L2InitFailingStep, ClosesTheDeviceAndLeavesNothingBehind)
 {
     const size_t uBefore = openDescriptors();
     if ('\0' != *GetParam().pCommand) {
@@ -328,7 +328,7 @@ TEST_P(V4L2FailingStep, ClosesTheDeviceAndLeavesNothingBehind)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Steps, V4L2FailingStep,
+    Steps, V4L2InitFailingStep,
     testing::Values(
         FailingStep{"fail S_FMT EINVAL", "",
                     "S_FMT type=1 width=640 height=480 "

@@ -342,11 +342,11 @@ TEST_F(V4L2Stream, BufferThatWasNeverMappedAborts)
 }
 
 /** A frame that counts as an empty buffer. */
-class V4L2EmptyBuffer : public V4L2Stream, public testing::WithParamInterface<const char*>
+class V4L2StreamEmptyBuffer : public V4L2Stream, public testing::WithParamInterface<const char*>
 {
 };
 
-TEST_P(V4L2EmptyBuffer, IsDroppedAndQueuedAgain)
+TEST_P(V4L2StreamEmptyBuffer, IsDroppedAndQueuedAgain)
 {
     command(GetParam());
     startStream(0);
@@ -362,7 +362,7 @@ TEST_P(V4L2EmptyBuffer, IsDroppedAndQueuedAgain)
     EXPECT_EQ(RET_SUCCESS, get());
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, V4L2EmptyBuffer,
+INSTANTIATE_TEST_SUITE_P(Sizes, V4L2StreamEmptyBuffer,
                          testing::Values("bytes 0", "bytes 175", "bytes overflow"));
 
 TEST_F(V4L2Stream, FrameThatTheDriverFlagsAsBrokenIsAnEmptyBuffer)

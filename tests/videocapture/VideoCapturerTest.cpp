@@ -19,10 +19,10 @@
 
 namespace {
 
-class VideoCapturerTest : public testing::Test
+class VideoCapturerStream : public testing::Test
 {
 protected:
-    ~VideoCapturerTest() override
+    ~VideoCapturerStream() override
     {
         EXPECT_EQ(RET_SUCCESS, m_capturer.stop());
         EXPECT_EQ(RET_SUCCESS, m_capturer.uninit());
@@ -42,7 +42,7 @@ protected:
 
 } // namespace
 
-TEST_F(VideoCapturerTest, FramesReachTheConsumerOfStreamZero)
+TEST_F(VideoCapturerStream, FramesReachTheConsumerOfStreamZero)
 {
     start();
 
@@ -53,7 +53,7 @@ TEST_F(VideoCapturerTest, FramesReachTheConsumerOfStreamZero)
     EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
 }
 
-TEST_F(VideoCapturerTest, DeliberateSecondInitFirstGivesTheCameraBack)
+TEST_F(VideoCapturerStream, DeliberateSecondInitFirstGivesTheCameraBack)
 {
     ASSERT_EQ(RET_SUCCESS, m_capturer.init()); // and no uninit
 
@@ -67,7 +67,7 @@ TEST_F(VideoCapturerTest, DeliberateSecondInitFirstGivesTheCameraBack)
     }
 }
 
-TEST_F(VideoCapturerTest, OnlyStreamZeroExists)
+TEST_F(VideoCapturerStream, OnlyStreamZeroExists)
 {
     start();
 
@@ -78,7 +78,7 @@ TEST_F(VideoCapturerTest, OnlyStreamZeroExists)
     }
 }
 
-TEST_F(VideoCapturerTest, AnythingButAVideoConsumerIsRefused)
+TEST_F(VideoCapturerStream, AnythingButAVideoConsumerIsRefused)
 {
     start();
     IConsumer plain;
@@ -88,7 +88,7 @@ TEST_F(VideoCapturerTest, AnythingButAVideoConsumerIsRefused)
     EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(nullptr));
 }
 
-TEST_F(VideoCapturerTest, ConsumersAreRefusedBeforeInitAndAfterUninit)
+TEST_F(VideoCapturerStream, ConsumersAreRefusedBeforeInitAndAfterUninit)
 {
     EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(&m_consumer));
     EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
@@ -101,12 +101,12 @@ TEST_F(VideoCapturerTest, ConsumersAreRefusedBeforeInitAndAfterUninit)
     EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
 }
 
-TEST_F(VideoCapturerTest, StartBeforeInitFails)
+TEST_F(VideoCapturerStream, StartBeforeInitFails)
 {
     EXPECT_EQ(RET_FAILED, m_capturer.start());
 }
 
-TEST_F(VideoCapturerTest, NextLifeBeginsWithoutConsumers)
+TEST_F(VideoCapturerStream, NextLifeBeginsWithoutConsumers)
 {
     start();
     ASSERT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer));
@@ -122,7 +122,7 @@ TEST_F(VideoCapturerTest, NextLifeBeginsWithoutConsumers)
     EXPECT_TRUE(m_consumer.waitForMore(1));
 }
 
-TEST_F(VideoCapturerTest, ExposureEventRunsTheToolBeforePublishReturns)
+TEST_F(VideoCapturerStream, ExposureEventRunsTheToolBeforePublishReturns)
 {
     const ExposureTool tool;
     start();
@@ -135,7 +135,7 @@ TEST_F(VideoCapturerTest, ExposureEventRunsTheToolBeforePublishReturns)
                              "set exposure(156)\n"));
 }
 
-TEST_F(VideoCapturerTest, ExposureEventsAreFollowedFromStartToStop)
+TEST_F(VideoCapturerStream, ExposureEventsAreFollowedFromStartToStop)
 {
     const ExposureTool tool;
     SetExposureEvent event(0, 1);
@@ -155,7 +155,7 @@ TEST_F(VideoCapturerTest, ExposureEventsAreFollowedFromStartToStop)
     EXPECT_EQ(strCalls, tool.calls());
 }
 
-TEST_F(VideoCapturerTest, ExposureOfAnUnknownStreamFails)
+TEST_F(VideoCapturerStream, ExposureOfAnUnknownStreamFails)
 {
     const ExposureTool tool;
     start();
@@ -170,21 +170,21 @@ TEST_F(VideoCapturerTest, ExposureOfAnUnknownStreamFails)
                              "set exposure(5)\n"));
 }
 
-TEST_F(VideoCapturerTest, ExposureBeforeInitFails)
+TEST_F(VideoCapturerStream, ExposureBeforeInitFails)
 {
     SetExposureEvent event(0, 5);
 
     EXPECT_EQ(RET_FAILED, m_capturer.setExposure(&event));
 }
 
-TEST_F(VideoCapturerTest, ExposureTakesNoOtherEvent)
+TEST_F(VideoCapturerStream, ExposureTakesNoOtherEvent)
 {
     Event event;
 
     EXPECT_THROW((void)m_capturer.setExposure(&event), std::bad_cast);
 }
 
-TEST_F(VideoCapturerTest, ConsumersComeAndGoWhileTheCaptureSideStartsAndEnds)
+TEST_F(VideoCapturerStream, ConsumersComeAndGoWhileTheCaptureSideStartsAndEnds)
 {
     std::atomic<bool> bQuit{false};
     std::vector<std::thread> vecThread;
@@ -215,7 +215,7 @@ TEST_F(VideoCapturerTest, ConsumersComeAndGoWhileTheCaptureSideStartsAndEnds)
     EXPECT_EQ(5U, m_camera.count("close"));
 }
 
-TEST_F(VideoCapturerTest, ProcessMayExitWhileFramesFlow)
+TEST_F(VideoCapturerStream, ProcessMayExitWhileFramesFlow)
 {
     EXPECT_EXIT(
         {

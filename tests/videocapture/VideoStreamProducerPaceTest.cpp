@@ -11,10 +11,10 @@
 
 namespace {
 
-class CapturePace : public testing::Test
+class VideoStreamProducerPace : public testing::Test
 {
 protected:
-    ~CapturePace() override
+    ~VideoStreamProducerPace() override
     {
         EXPECT_EQ(RET_SUCCESS, m_producer.stop());
     }
@@ -63,7 +63,7 @@ protected:
 
 } // namespace
 
-TEST_F(CapturePace, FramesOfStreamZeroAreTenMillisecondsApart)
+TEST_F(VideoStreamProducerPace, FramesOfStreamZeroAreTenMillisecondsApart)
 {
     m_camera.command("fps 200");
 
@@ -72,7 +72,7 @@ TEST_F(CapturePace, FramesOfStreamZeroAreTenMillisecondsApart)
     EXPECT_EQ("videocapture0", m_consumer.thread());
 }
 
-TEST_F(CapturePace, FramesOfOtherStreamsAreTwentyMillisecondsApart)
+TEST_F(VideoStreamProducerPace, FramesOfOtherStreamsAreTwentyMillisecondsApart)
 {
     m_camera.command("fps 100");
 
@@ -81,7 +81,7 @@ TEST_F(CapturePace, FramesOfOtherStreamsAreTwentyMillisecondsApart)
     EXPECT_EQ("videocapture1", m_consumer.thread());
 }
 
-TEST_F(CapturePace, FrozenCameraIsLostAfterFourSeconds)
+TEST_F(VideoStreamProducerPace, FrozenCameraIsLostAfterFourSeconds)
 {
     m_camera.command("freeze");
     const Time before = monotonicNow();
@@ -94,7 +94,7 @@ TEST_F(CapturePace, FrozenCameraIsLostAfterFourSeconds)
     m_camera.command("thaw");
 }
 
-TEST_F(CapturePace, LostCameraIsTriedOnceASecond)
+TEST_F(VideoStreamProducerPace, LostCameraIsTriedOnceASecond)
 {
     m_camera.command("fail DQBUF ENODEV 1 skip 2");
     m_camera.command("fail stat ENOENT 2 skip 1");
@@ -109,7 +109,7 @@ TEST_F(CapturePace, LostCameraIsTriedOnceASecond)
     expectSince(before, Time(3, 500000), Time(10, 0));
 }
 
-TEST_F(CapturePace, CameraThatDoesNotStreamIsTriedOnceASecond)
+TEST_F(VideoStreamProducerPace, CameraThatDoesNotStreamIsTriedOnceASecond)
 {
     m_camera.command("fail STREAMON EIO 3"); // at the start, and at two recoveries
     const Time before = monotonicNow();

@@ -52,10 +52,10 @@ public:
     std::atomic<int> m_nFrames{0};
 };
 
-class VideoStreamProducerTest : public testing::Test
+class VideoStreamProducerStream : public testing::Test
 {
 protected:
-    ~VideoStreamProducerTest() override
+    ~VideoStreamProducerStream() override
     {
         EXPECT_EQ(RET_SUCCESS, m_producer.stop());
     }
@@ -87,7 +87,7 @@ protected:
 
 } // namespace
 
-TEST_F(VideoStreamProducerTest, ConsumersGetEveryFrameOnTheCaptureThread)
+TEST_F(VideoStreamProducerStream, ConsumersGetEveryFrameOnTheCaptureThread)
 {
     start();
 
@@ -99,7 +99,7 @@ TEST_F(VideoStreamProducerTest, ConsumersGetEveryFrameOnTheCaptureThread)
                                     "add video consumer, stream=0, Total consumer num=1\n")));
 }
 
-TEST_F(VideoStreamProducerTest, ConsumersAreCalledInOrderOfRegistrationWithTheSameFrame)
+TEST_F(VideoStreamProducerStream, ConsumersAreCalledInOrderOfRegistrationWithTheSameFrame)
 {
     std::vector<std::pair<int, const VENC_FRAME_T*>> vecCall; // capture thread, then this one
     m_consumer.m_onFrame = [&](VideoFrameEvent& event) {
@@ -124,7 +124,7 @@ TEST_F(VideoStreamProducerTest, ConsumersAreCalledInOrderOfRegistrationWithTheSa
     }
 }
 
-TEST_F(VideoStreamProducerTest, BufferIsQueuedAgainBeforeDelivery)
+TEST_F(VideoStreamProducerStream, BufferIsQueuedAgainBeforeDelivery)
 {
     std::vector<std::string> vecLastCall; // capture thread, then this one
     m_consumer.m_onFrame = [&](VideoFrameEvent&) {
@@ -141,7 +141,7 @@ TEST_F(VideoStreamProducerTest, BufferIsQueuedAgainBeforeDelivery)
     }
 }
 
-TEST_F(VideoStreamProducerTest, FrameStaysWithWhoKeepsItsHolder)
+TEST_F(VideoStreamProducerStream, FrameStaysWithWhoKeepsItsHolder)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     start();
@@ -158,7 +158,7 @@ TEST_F(VideoStreamProducerTest, FrameStaysWithWhoKeepsItsHolder)
     }
 }
 
-TEST_F(VideoStreamProducerTest, DeliberateLinesAreLoggedWithoutTheListsLock)
+TEST_F(VideoStreamProducerStream, DeliberateLinesAreLoggedWithoutTheListsLock)
 {
     // A log sink that needs the list, as one that takes a consumer's lock would.
     struct Sink
@@ -191,7 +191,7 @@ TEST_F(VideoStreamProducerTest, DeliberateLinesAreLoggedWithoutTheListsLock)
     EXPECT_EQ((std::vector<RET_E>{RET_SUCCESS, RET_SUCCESS}), sink.m_vecResult);
 }
 
-TEST_F(VideoStreamProducerTest, SecondRegistrationIsRefused)
+TEST_F(VideoStreamProducerStream, SecondRegistrationIsRefused)
 {
     EXPECT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     EXPECT_EQ(RET_FAILED, m_producer.registerConsumer(&m_consumer));
@@ -204,7 +204,7 @@ TEST_F(VideoStreamProducerTest, SecondRegistrationIsRefused)
         m_log.lines());
 }
 
-TEST_F(VideoStreamProducerTest, CancelledConsumerIsNotCalledAnyMore)
+TEST_F(VideoStreamProducerStream, CancelledConsumerIsNotCalledAnyMore)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_second));
@@ -220,7 +220,7 @@ TEST_F(VideoStreamProducerTest, CancelledConsumerIsNotCalledAnyMore)
                                     "delete video consumer, stream=0, Total consumer num=1\n")));
 }
 
-TEST_F(VideoStreamProducerTest, CancelWaitsForTheDeliveryUnderWay)
+TEST_F(VideoStreamProducerStream, CancelWaitsForTheDeliveryUnderWay)
 {
     std::atomic<bool> bInside{false};
     std::atomic<bool> bGoOn{false};
@@ -247,14 +247,14 @@ TEST_F(VideoStreamProducerTest, CancelWaitsForTheDeliveryUnderWay)
     EXPECT_TRUE(bLeftBeforeCancelled);
 }
 
-TEST_F(VideoStreamProducerTest, CancelOfAnUnknownConsumerFailsInSilence)
+TEST_F(VideoStreamProducerStream, CancelOfAnUnknownConsumerFailsInSilence)
 {
     EXPECT_EQ(RET_FAILED, m_producer.cancelConsumer(&m_consumer));
 
     EXPECT_EQ(Lines{}, m_log.lines());
 }
 
-TEST_F(VideoStreamProducerTest, AnythingButAVideoConsumerIsABadCast)
+TEST_F(VideoStreamProducerStream, AnythingButAVideoConsumerIsABadCast)
 {
     IConsumer plain;
 
@@ -262,7 +262,7 @@ TEST_F(VideoStreamProducerTest, AnythingButAVideoConsumerIsABadCast)
     EXPECT_THROW((void)m_producer.cancelConsumer(&plain), std::bad_cast);
 }
 
-TEST_F(VideoStreamProducerTest, ConsumerMayNotComeOrGoDuringDelivery)
+TEST_F(VideoStreamProducerStream, ConsumerMayNotComeOrGoDuringDelivery)
 {
     std::atomic<int> nRegister{-1};
     std::atomic<int> nCancel{-1};
@@ -280,7 +280,7 @@ TEST_F(VideoStreamProducerTest, ConsumerMayNotComeOrGoDuringDelivery)
     EXPECT_EQ(0U, m_second.total());
 }
 
-TEST_F(VideoStreamProducerTest, WithoutConsumersFramesAreTakenAndPublished)
+TEST_F(VideoStreamProducerStream, WithoutConsumersFramesAreTakenAndPublished)
 {
     const FrameCounter counter;
 
@@ -290,7 +290,7 @@ TEST_F(VideoStreamProducerTest, WithoutConsumersFramesAreTakenAndPublished)
     EXPECT_LE(5U, m_camera.count("DQBUF type=1 memory=1 = 0"));
 }
 
-TEST_F(VideoStreamProducerTest, StopEndsStreamingAndStartResumesIt)
+TEST_F(VideoStreamProducerStream, StopEndsStreamingAndStartResumesIt)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     start();
@@ -305,7 +305,7 @@ TEST_F(VideoStreamProducerTest, StopEndsStreamingAndStartResumesIt)
     EXPECT_TRUE(m_consumer.waitForMore(1));
 }
 
-TEST_F(VideoStreamProducerTest, UninitClosesTheCamera)
+TEST_F(VideoStreamProducerStream, UninitClosesTheCamera)
 {
     start();
     ASSERT_EQ(RET_SUCCESS, m_producer.stop());
@@ -318,7 +318,7 @@ TEST_F(VideoStreamProducerTest, UninitClosesTheCamera)
     EXPECT_EQ(RET_SUCCESS, m_producer.init(0)); // and can be opened again
 }
 
-TEST_F(VideoStreamProducerTest, StepsOutOfOrderDoNothing)
+TEST_F(VideoStreamProducerStream, StepsOutOfOrderDoNothing)
 {
     EXPECT_EQ(RET_SUCCESS, m_producer.start());
     EXPECT_EQ(RET_SUCCESS, m_producer.stop());
@@ -334,7 +334,7 @@ TEST_F(VideoStreamProducerTest, StepsOutOfOrderDoNothing)
     EXPECT_EQ(1U, m_camera.count("STREAMON "));
 }
 
-TEST_F(VideoStreamProducerTest, CameraThatComesAfterTheStartIsOpened)
+TEST_F(VideoStreamProducerStream, CameraThatComesAfterTheStartIsOpened)
 {
     m_camera.command("unplug");
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
@@ -345,7 +345,7 @@ TEST_F(VideoStreamProducerTest, CameraThatComesAfterTheStartIsOpened)
     EXPECT_TRUE(m_consumer.waitForMore(2));
 }
 
-TEST_F(VideoStreamProducerTest, LostCameraIsClosedOnceAndOpenedAgainWhenItIsThere)
+TEST_F(VideoStreamProducerStream, LostCameraIsClosedOnceAndOpenedAgainWhenItIsThere)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     m_camera.command("fail DQBUF ENODEV 1 skip 3");
@@ -366,7 +366,7 @@ TEST_F(VideoStreamProducerTest, LostCameraIsClosedOnceAndOpenedAgainWhenItIsTher
                              "FAILED(errno:19)!\n"));
 }
 
-TEST_F(VideoStreamProducerTest, FrozenCameraIsClosedAfterFourTimeouts)
+TEST_F(VideoStreamProducerStream, FrozenCameraIsClosedAfterFourTimeouts)
 {
     m_camera.command("freeze");
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
@@ -386,7 +386,7 @@ TEST_F(VideoStreamProducerTest, FrozenCameraIsClosedAfterFourTimeouts)
               }());
 }
 
-TEST_F(VideoStreamProducerTest, CameraThatDoesNotStreamIsClosedAndTriedAgain)
+TEST_F(VideoStreamProducerStream, CameraThatDoesNotStreamIsClosedAndTriedAgain)
 {
     m_camera.command("fail STREAMON EIO 2"); // at the start, and at the first recovery
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
@@ -408,7 +408,7 @@ TEST_F(VideoStreamProducerTest, CameraThatDoesNotStreamIsClosedAndTriedAgain)
               vecCall);
 }
 
-TEST_F(VideoStreamProducerTest, CameraThatIsLostTwiceIsClosedTwice)
+TEST_F(VideoStreamProducerStream, CameraThatIsLostTwiceIsClosedTwice)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     m_camera.command("fail DQBUF ENODEV 1 skip 2");
@@ -423,7 +423,7 @@ TEST_F(VideoStreamProducerTest, CameraThatIsLostTwiceIsClosedTwice)
     EXPECT_EQ(2U, m_camera.count("close"));
 }
 
-TEST_F(VideoStreamProducerTest, NodeThatAnswersNothingIsOpenedAnewEachTime)
+TEST_F(VideoStreamProducerStream, NodeThatAnswersNothingIsOpenedAnewEachTime)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     m_camera.command("fail DQBUF ENODEV 1 skip 2");
@@ -438,7 +438,7 @@ TEST_F(VideoStreamProducerTest, NodeThatAnswersNothingIsOpenedAnewEachTime)
     EXPECT_EQ(1U, m_camera.count("STREAMOFF")); // at the loss; not on a node that never streamed
 }
 
-TEST_F(VideoStreamProducerTest, FrameThatIsDroppedDoesNotDisturbTheStream)
+TEST_F(VideoStreamProducerStream, FrameThatIsDroppedDoesNotDisturbTheStream)
 {
     m_camera.command("bytes 175 3");
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
@@ -452,7 +452,7 @@ TEST_F(VideoStreamProducerTest, FrameThatIsDroppedDoesNotDisturbTheStream)
 }
 
 // Deliberate: the service ends, and its manager starts it again.
-TEST_F(VideoStreamProducerTest, UnplugWithABufferInHandAborts)
+TEST_F(VideoStreamProducerStream, UnplugWithABufferInHandAborts)
 {
     m_camera.command("unplug after dequeue");
 

@@ -160,12 +160,12 @@ void PrintTo(const MissingName& missing, std::ostream* pStream)
     *pStream << missing.pName;
 }
 
-class VideoProcessorMissingName : public VideoProcessorLoading,
-                                  public testing::WithParamInterface<MissingName>
+class VideoProcessorLoadingMissingName : public VideoProcessorLoading,
+                                         public testing::WithParamInterface<MissingName>
 {
 };
 
-TEST_P(VideoProcessorMissingName, IsLoggedAndRefusesWhatNeedsItOrALaterOne)
+TEST_P(VideoProcessorLoadingMissingName, IsLoggedAndRefusesWhatNeedsItOrALaterOne)
 {
     const std::string strName = GetParam().pName;
     load("test_plugin_without_" + strName);
@@ -187,7 +187,7 @@ TEST_P(VideoProcessorMissingName, IsLoggedAndRefusesWhatNeedsItOrALaterOne)
     EXPECT_EQ(uCalls + (GetParam().bUninit ? 1 : 0), plugin().names().size());
 }
 
-INSTANTIATE_TEST_SUITE_P(Names, VideoProcessorMissingName,
+INSTANTIATE_TEST_SUITE_P(Names, VideoProcessorLoadingMissingName,
                          testing::Values(MissingName{"init", false, false, false},
                                          MissingName{"uninit", false, false, false},
                                          MissingName{"undistort", false, false, true},

@@ -31,7 +31,7 @@ std::string header(const std::string& strType, size_t uSize)
            "\r\n";
 }
 
-class HttpFileClientTest : public testing::Test
+class HttpFileClientAnswer : public testing::Test
 {
 protected:
     /** @return the answer, "closed " in front when the connection is to be closed */
@@ -48,7 +48,7 @@ protected:
 
 } // namespace
 
-TEST_F(HttpFileClientTest, EveryKnownExtensionHasItsContentType)
+TEST_F(HttpFileClientAnswer, EveryKnownExtensionHasItsContentType)
 {
     const char* const aType[][2] = {
         {".html", "text/html"},     {".htm", "text/html"},  {".css", "text/css"},
@@ -61,7 +61,7 @@ TEST_F(HttpFileClientTest, EveryKnownExtensionHasItsContentType)
     }
 }
 
-TEST_F(HttpFileClientTest, OtherExtensionsAreRefused)
+TEST_F(HttpFileClientAnswer, OtherExtensionsAreRefused)
 {
     for (const char* pName :
          {"f.HTML", "f.Html", "f.svg", "f.json", "f.", "f.htmlx", "f.html.gz", "f", "f.tx"}) {
@@ -70,7 +70,7 @@ TEST_F(HttpFileClientTest, OtherExtensionsAreRefused)
     }
 }
 
-TEST_F(HttpFileClientTest, LastDotBeginsTheExtension)
+TEST_F(HttpFileClientAnswer, LastDotBeginsTheExtension)
 {
     m_www.write("a.b.txt", "x");
     EXPECT_EQ(header("text/plain", 1) + "x", get("/a.b.txt"));
@@ -80,33 +80,33 @@ TEST_F(HttpFileClientTest, LastDotBeginsTheExtension)
     EXPECT_EQ("closed ", get("/a.txt/c")) << "its extension is \".txt/c\"";
 }
 
-TEST_F(HttpFileClientTest, RootIsRefused)
+TEST_F(HttpFileClientAnswer, RootIsRefused)
 {
     m_www.write("index.html", "x");
 
     EXPECT_EQ("closed ", get("/"));
 }
 
-TEST_F(HttpFileClientTest, MissingFileIsRefused)
+TEST_F(HttpFileClientAnswer, MissingFileIsRefused)
 {
     EXPECT_EQ("closed ", get("/missing.html"));
 }
 
-TEST_F(HttpFileClientTest, QueryIsNotPartOfThePath)
+TEST_F(HttpFileClientAnswer, QueryIsNotPartOfThePath)
 {
     m_www.write("f.txt", "x");
 
     EXPECT_EQ(header("text/plain", 1) + "x", get("/f.txt?v=2"));
 }
 
-TEST_F(HttpFileClientTest, DotDotIsResolvedByTheFileSystem)
+TEST_F(HttpFileClientAnswer, DotDotIsResolvedByTheFileSystem)
 {
     m_www.write("../outside.txt", "out");
 
     EXPECT_EQ(header("text/plain", 3) + "out", get("/../outside.txt"));
 }
 
-TEST_F(HttpFileClientTest, NothingIsDecoded)
+TEST_F(HttpFileClientAnswer, NothingIsDecoded)
 {
     m_www.write("a%20b.txt", "x");
     m_www.write("a b.txt", "y");
@@ -114,14 +114,14 @@ TEST_F(HttpFileClientTest, NothingIsDecoded)
     EXPECT_EQ(header("text/plain", 1) + "x", get("/a%20b.txt"));
 }
 
-TEST_F(HttpFileClientTest, EmptyFileIsAHeader)
+TEST_F(HttpFileClientAnswer, EmptyFileIsAHeader)
 {
     m_www.write("f.txt", "");
 
     EXPECT_EQ(header("text/plain", 0), get("/f.txt"));
 }
 
-TEST_F(HttpFileClientTest, BinaryContentIsServedByteForByte)
+TEST_F(HttpFileClientAnswer, BinaryContentIsServedByteForByte)
 {
     const std::string strContent = payload(300000);
     m_www.write("f.png", strContent);
@@ -129,7 +129,7 @@ TEST_F(HttpFileClientTest, BinaryContentIsServedByteForByte)
     EXPECT_EQ(header("image/png", 300000) + strContent, get("/f.png"));
 }
 
-TEST_F(HttpFileClientTest, FurtherBytesServeTheFileAgain)
+TEST_F(HttpFileClientAnswer, FurtherBytesServeTheFileAgain)
 {
     m_www.write("f.txt", "x");
     Connection connection;
@@ -141,14 +141,14 @@ TEST_F(HttpFileClientTest, FurtherBytesServeTheFileAgain)
               connection.receiveAll());
 }
 
-TEST_F(HttpFileClientTest, FifoIsRefusedWithoutBlocking)
+TEST_F(HttpFileClientAnswer, FifoIsRefusedWithoutBlocking)
 {
     ASSERT_EQ(0, mkfifo((m_www.path() / "f.txt").c_str(), 0666));
 
     EXPECT_EQ("closed ", get("/f.txt"));
 }
 
-TEST_F(HttpFileClientTest, FolderAndDeviceAreRefused)
+TEST_F(HttpFileClientAnswer, FolderAndDeviceAreRefused)
 {
     std::filesystem::create_directory(m_www.path() / "f.txt");
     EXPECT_EQ("closed ", get("/f.txt"));
@@ -157,7 +157,7 @@ TEST_F(HttpFileClientTest, FolderAndDeviceAreRefused)
     EXPECT_EQ("closed ", get("/zero.txt"));
 }
 
-TEST_F(HttpFileClientTest, FileLargerThanAnIntIsRefused)
+TEST_F(HttpFileClientAnswer, FileLargerThanAnIntIsRefused)
 {
     m_www.write("f.txt", "");
     std::filesystem::resize_file(m_www.path() / "f.txt", static_cast<uintmax_t>(INT_MAX) + 1);
@@ -165,7 +165,7 @@ TEST_F(HttpFileClientTest, FileLargerThanAnIntIsRefused)
     EXPECT_EQ("closed ", get("/f.txt"));
 }
 
-TEST_F(HttpFileClientTest, FileThatCannotBeReadWholeIsAHeaderThatLeavesBeforeTheClose)
+TEST_F(HttpFileClientAnswer, FileThatCannotBeReadWholeIsAHeaderThatLeavesBeforeTheClose)
 {
     // A kernel's file tells a page as its size and has fewer bytes.
     const char* const pShort = "/sys/devices/system/cpu/online";
@@ -176,7 +176,7 @@ TEST_F(HttpFileClientTest, FileThatCannotBeReadWholeIsAHeaderThatLeavesBeforeThe
     EXPECT_EQ("closed " + header("text/plain", uSize), get("/f.txt"));
 }
 
-TEST_F(HttpFileClientTest, FileOfAnySizeBindsOnePiece)
+TEST_F(HttpFileClientAnswer, FileOfAnySizeBindsOnePiece)
 {
     m_www.write("f.png", "");
     std::filesystem::resize_file(m_www.path() / "f.png", 100 << 20);
@@ -189,7 +189,7 @@ TEST_F(HttpFileClientTest, FileOfAnySizeBindsOnePiece)
     EXPECT_EQ(0u, connection.receive(1000).find("HTTP/1.0 200 OK\r\n"));
 }
 
-TEST_F(HttpFileClientTest, FileThatShrinksClosesBehindWhatThereIs)
+TEST_F(HttpFileClientAnswer, FileThatShrinksClosesBehindWhatThereIs)
 {
     const std::string strContent = payload(500001);
     m_www.write("f.png", payload(1000000));
@@ -210,7 +210,7 @@ TEST_F(HttpFileClientTest, FileThatShrinksClosesBehindWhatThereIs)
     EXPECT_TRUE(header("image/png", 1000000) + strContent == strGot);
 }
 
-TEST_F(HttpFileClientTest, FileThatGrowsIsSentInItsFirstSize)
+TEST_F(HttpFileClientAnswer, FileThatGrowsIsSentInItsFirstSize)
 {
     m_www.write("f.png", payload(300000));
     Connection connection(4096);
@@ -220,7 +220,7 @@ TEST_F(HttpFileClientTest, FileThatGrowsIsSentInItsFirstSize)
     EXPECT_TRUE(header("image/png", 300000) + payload(300000) == connection.receiveAll());
 }
 
-TEST_F(HttpFileClientTest, RepeatsAreAnsweredInOrderOneAtATime)
+TEST_F(HttpFileClientAnswer, RepeatsAreAnsweredInOrderOneAtATime)
 {
     const std::string strAnswer = header("image/png", 300000) + payload(300000);
     m_www.write("f.png", payload(300000));
@@ -242,7 +242,7 @@ TEST_F(HttpFileClientTest, RepeatsAreAnsweredInOrderOneAtATime)
                 strGot.substr(0, 4 * strAnswer.size()));
 }
 
-TEST_F(HttpFileClientTest, DescriptorIsClosedOnceTheFileHasBeenRead)
+TEST_F(HttpFileClientAnswer, DescriptorIsClosedOnceTheFileHasBeenRead)
 {
     const auto openFiles = [] {
         size_t uCount = 0;
@@ -263,7 +263,7 @@ TEST_F(HttpFileClientTest, DescriptorIsClosedOnceTheFileHasBeenRead)
     EXPECT_EQ(0u, openFiles());
 }
 
-TEST_F(HttpFileClientTest, DeliberateSilenceWithoutAFile)
+TEST_F(HttpFileClientAnswer, DeliberateSilenceWithoutAFile)
 {
     m_www.write("f.txt", "x");
     FaultScope fault("stat=/tmp/run/mountd:1:EIO");
@@ -271,7 +271,7 @@ TEST_F(HttpFileClientTest, DeliberateSilenceWithoutAFile)
     EXPECT_EQ("closed ", get("/f.txt")) << "no header with a length of -1";
 }
 
-TEST_F(HttpFileClientTest, StopReturnsSuccess)
+TEST_F(HttpFileClientAnswer, StopReturnsSuccess)
 {
     Connection connection;
     HttpFileClient responder(connection.client(), "/f.txt");

@@ -19,7 +19,7 @@ const char* const REQUEST = "GET /live HTTP/1.1\r\n\r\n";
 const char* const TRAILER = "\r\n--boundarydonotcross\r\n";
 
 /** A responder whose header has already been received. */
-class HttpLiveClientTest : public testing::Test
+class HttpLiveClientStream : public testing::Test
 {
 protected:
     void SetUp() override
@@ -40,7 +40,7 @@ protected:
 
 } // namespace
 
-TEST_F(HttpLiveClientTest, HeaderIsTheGoldenText)
+TEST_F(HttpLiveClientStream, HeaderIsTheGoldenText)
 {
     Connection connection;
     EXPECT_EQ(0, connection.request(REQUEST));
@@ -58,7 +58,7 @@ TEST_F(HttpLiveClientTest, HeaderIsTheGoldenText)
     EXPECT_EQ(strGolden, connection.receive());
 }
 
-TEST_F(HttpLiveClientTest, FrameIsAPartBetweenHeaderAndBoundary)
+TEST_F(HttpLiveClientStream, FrameIsAPartBetweenHeaderAndBoundary)
 {
     PVENC_FRAME_T frame = makeFrame(1234);
 
@@ -83,7 +83,7 @@ TEST_F(HttpLiveClientTest, FrameIsAPartBetweenHeaderAndBoundary)
     EXPECT_EQ(payload(1234) + TRAILER, strPart.substr(uHead));
 }
 
-TEST_F(HttpLiveClientTest, EveryFrameFollowsTheBoundaryOfTheOneBefore)
+TEST_F(HttpLiveClientStream, EveryFrameFollowsTheBoundaryOfTheOneBefore)
 {
     for (unsigned i = 0; i < 3; ++i) {
         PVENC_FRAME_T frame = makeFrame(300, 28, 640, 480, i);
@@ -102,7 +102,7 @@ TEST_F(HttpLiveClientTest, EveryFrameFollowsTheBoundaryOfTheOneBefore)
     EXPECT_EQ(uPos, strStream.size());
 }
 
-TEST_F(HttpLiveClientTest, FrameIsSharedNotCopied)
+TEST_F(HttpLiveClientStream, FrameIsSharedNotCopied)
 {
     Connection slow(2048);
     start(slow);
@@ -118,7 +118,7 @@ TEST_F(HttpLiveClientTest, FrameIsSharedNotCopied)
     EXPECT_EQ(std::string("Z") + TRAILER, strStream.substr(strStream.size() - 25));
 }
 
-TEST_F(HttpLiveClientTest, SlowClientGetsWholeFramesOnly)
+TEST_F(HttpLiveClientStream, SlowClientGetsWholeFramesOnly)
 {
     Connection slow(2048);
     start(slow);
@@ -153,7 +153,7 @@ TEST_F(HttpLiveClientTest, SlowClientGetsWholeFramesOnly)
     EXPECT_LT(nFrames, 50);
 }
 
-TEST_F(HttpLiveClientTest, OneWaitingItemDoesNotDropAFrameAndTwoDo)
+TEST_F(HttpLiveClientStream, OneWaitingItemDoesNotDropAFrameAndTwoDo)
 {
     Connection slow(2048);
     start(slow);
@@ -169,7 +169,7 @@ TEST_F(HttpLiveClientTest, OneWaitingItemDoesNotDropAFrameAndTwoDo)
     EXPECT_EQ(4, slow.client().getQueueLength());
 }
 
-TEST_F(HttpLiveClientTest, OtherFrameTypeHasAnEmptyHeader)
+TEST_F(HttpLiveClientStream, OtherFrameTypeHasAnEmptyHeader)
 {
     for (const uint32_t u32Format : {0u, 5u, 13u, 27u, 29u, 0xffffffffu}) {
         m_log.clear();
@@ -183,7 +183,7 @@ TEST_F(HttpLiveClientTest, OtherFrameTypeHasAnEmptyHeader)
     }
 }
 
-TEST_F(HttpLiveClientTest, EmptyHeaderWaitsAsAnItemOfItsOwn)
+TEST_F(HttpLiveClientStream, EmptyHeaderWaitsAsAnItemOfItsOwn)
 {
     Connection slow(2048);
     start(slow);
@@ -195,7 +195,7 @@ TEST_F(HttpLiveClientTest, EmptyHeaderWaitsAsAnItemOfItsOwn)
     EXPECT_EQ(3, slow.client().getQueueLength());
 }
 
-TEST_F(HttpLiveClientTest, PlainFrameIsAsLargeAsItsPicture)
+TEST_F(HttpLiveClientStream, PlainFrameIsAsLargeAsItsPicture)
 {
     PVENC_FRAME_T frame = makeFrame(200, 10, 10, 7);
 
@@ -205,7 +205,7 @@ TEST_F(HttpLiveClientTest, PlainFrameIsAsLargeAsItsPicture)
     EXPECT_EQ(200u, frame.get()->u32Size) << "other threads may be reading it";
 }
 
-TEST_F(HttpLiveClientTest, PlainFrameIsNeverSentBeyondItsBlock)
+TEST_F(HttpLiveClientStream, PlainFrameIsNeverSentBeyondItsBlock)
 {
     PVENC_FRAME_T frame = makeFrame(200, 10, 640, 480);
 
@@ -214,7 +214,7 @@ TEST_F(HttpLiveClientTest, PlainFrameIsNeverSentBeyondItsBlock)
     EXPECT_EQ(payload(200) + TRAILER, m_connection.receive());
 }
 
-TEST_F(HttpLiveClientTest, StoppedResponderIsNotReached)
+TEST_F(HttpLiveClientStream, StoppedResponderIsNotReached)
 {
     EXPECT_EQ(0, m_connection.client().stop());
     EXPECT_EQ(0, m_connection.client().stop());
@@ -225,7 +225,7 @@ TEST_F(HttpLiveClientTest, StoppedResponderIsNotReached)
     EXPECT_EQ(0, m_connection.client().getQueueLength());
 }
 
-TEST_F(HttpLiveClientTest, OtherEventIsABadCast)
+TEST_F(HttpLiveClientStream, OtherEventIsABadCast)
 {
     HttpLiveClient live(m_connection.client(), 0);
     Event other;
@@ -233,7 +233,7 @@ TEST_F(HttpLiveClientTest, OtherEventIsABadCast)
     EXPECT_THROW((void)live.onLiveFrameEvent(&other), std::bad_cast);
 }
 
-TEST_F(HttpLiveClientTest, FrameBeyondTheClientsMemoryEndsTheConnection)
+TEST_F(HttpLiveClientStream, FrameBeyondTheClientsMemoryEndsTheConnection)
 {
     PVENC_FRAME_T frame = makeFrame(100000000);
     (void)m_connection.receive();
@@ -244,7 +244,7 @@ TEST_F(HttpLiveClientTest, FrameBeyondTheClientsMemoryEndsTheConnection)
     EXPECT_EQ(1, m_connection.read()) << "the reactor hears of it";
 }
 
-TEST_F(HttpLiveClientTest, PartEntersTheQueueWholeOrNotAtAll)
+TEST_F(HttpLiveClientStream, PartEntersTheQueueWholeOrNotAtAll)
 {
     // Where the allocations are is not the test's business: each of them fails once.
     for (int nWhich = 1; nWhich < 20; ++nWhich) {
@@ -268,7 +268,7 @@ TEST_F(HttpLiveClientTest, PartEntersTheQueueWholeOrNotAtAll)
     }
 }
 
-TEST_F(HttpLiveClientTest, StartFailsWithoutMemory)
+TEST_F(HttpLiveClientStream, StartFailsWithoutMemory)
 {
     for (const char* pPlan : {"calloc=1024:1:ENOMEM", "calloc=256:1:ENOMEM"}) {
         HttpLiveClient live(m_connection.client(), 0);
@@ -279,7 +279,7 @@ TEST_F(HttpLiveClientTest, StartFailsWithoutMemory)
     EXPECT_EQ("", m_connection.receive());
 }
 
-TEST_F(HttpLiveClientTest, FrameTakesNoMemoryForItsBoundary)
+TEST_F(HttpLiveClientStream, FrameTakesNoMemoryForItsBoundary)
 {
     PVENC_FRAME_T frame = makeFrame(200);
     FaultScope fault("calloc=256:1-:ENOMEM");
@@ -290,7 +290,7 @@ TEST_F(HttpLiveClientTest, FrameTakesNoMemoryForItsBoundary)
     EXPECT_NE(std::string::npos, m_connection.receive().find(TRAILER));
 }
 
-TEST_F(HttpLiveClientTest, FrameIsDroppedWholeWithoutMemory)
+TEST_F(HttpLiveClientStream, FrameIsDroppedWholeWithoutMemory)
 {
     PVENC_FRAME_T frame = makeFrame(200);
     {

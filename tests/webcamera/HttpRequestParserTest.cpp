@@ -43,7 +43,7 @@ std::string paramsOf(const std::string& strQuery)
     return Parsed("GET /live?" + strQuery + " HTTP/1.1\r\n\r\n").params();
 }
 
-class HttpRequestParserTest : public testing::Test
+class HttpRequestParserChunk : public testing::Test
 {
 protected:
     LogCapture m_log;
@@ -51,7 +51,7 @@ protected:
 
 } // namespace
 
-TEST_F(HttpRequestParserTest, RequestLineGivesPathAndParameter)
+TEST_F(HttpRequestParserChunk, RequestLineGivesPathAndParameter)
 {
     Parsed parsed("GET /live?stream=1 HTTP/1.1\r\n\r\n");
 
@@ -63,7 +63,7 @@ TEST_F(HttpRequestParserTest, RequestLineGivesPathAndParameter)
     EXPECT_EQ(0, parsed.parser.getContentLength());
 }
 
-TEST_F(HttpRequestParserTest, UrlWithoutQueryHasNoPair)
+TEST_F(HttpRequestParserChunk, UrlWithoutQueryHasNoPair)
 {
     Parsed parsed("GET /live HTTP/1.1\r\n\r\n");
 
@@ -71,7 +71,7 @@ TEST_F(HttpRequestParserTest, UrlWithoutQueryHasNoPair)
     EXPECT_EQ("", parsed.params());
 }
 
-TEST_F(HttpRequestParserTest, AbsoluteUrlAndFragmentLeaveThePath)
+TEST_F(HttpRequestParserChunk, AbsoluteUrlAndFragmentLeaveThePath)
 {
     Parsed parsed("GET http://board:8329/a/b.html?x=1#top HTTP/1.1\r\n\r\n");
 
@@ -80,7 +80,7 @@ TEST_F(HttpRequestParserTest, AbsoluteUrlAndFragmentLeaveThePath)
     EXPECT_EQ("x=1;", parsed.params());
 }
 
-TEST_F(HttpRequestParserTest, AbsoluteUrlWithoutPathHasNone)
+TEST_F(HttpRequestParserChunk, AbsoluteUrlWithoutPathHasNone)
 {
     Parsed parsed("GET http://board HTTP/1.1\r\n\r\n");
 
@@ -88,41 +88,41 @@ TEST_F(HttpRequestParserTest, AbsoluteUrlWithoutPathHasNone)
     EXPECT_EQ(nullptr, parsed.parser.getPath().data());
 }
 
-TEST_F(HttpRequestParserTest, PairsComeInOrder)
+TEST_F(HttpRequestParserChunk, PairsComeInOrder)
 {
     EXPECT_EQ("a=1;b=2;c=3;", paramsOf("a=1&b=2&c=3"));
 }
 
-TEST_F(HttpRequestParserTest, WordWithoutEqualsSignIsNoPair)
+TEST_F(HttpRequestParserChunk, WordWithoutEqualsSignIsNoPair)
 {
     EXPECT_EQ("x=1;", paramsOf("x=1&y"));
     EXPECT_EQ("", paramsOf("x"));
 }
 
-TEST_F(HttpRequestParserTest, SecondEqualsSignMovesTheKey)
+TEST_F(HttpRequestParserChunk, SecondEqualsSignMovesTheKey)
 {
     EXPECT_EQ("b=c;", paramsOf("a=b=c"));
 }
 
-TEST_F(HttpRequestParserTest, AmpersandAtTheEndStaysInTheValue)
+TEST_F(HttpRequestParserChunk, AmpersandAtTheEndStaysInTheValue)
 {
     EXPECT_EQ("a=1&;", paramsOf("a=1&"));
     EXPECT_EQ("a=1;b=2&;", paramsOf("a=1&b=2&"));
 }
 
-TEST_F(HttpRequestParserTest, EmptyValueEndsTheIteration)
+TEST_F(HttpRequestParserChunk, EmptyValueEndsTheIteration)
 {
     EXPECT_EQ("", paramsOf("a=&b=1"));
     EXPECT_EQ("x=1;", paramsOf("x=1&a=&b=1"));
     EXPECT_EQ("", paramsOf("a="));
 }
 
-TEST_F(HttpRequestParserTest, EmptyKeyEndsTheIteration)
+TEST_F(HttpRequestParserChunk, EmptyKeyEndsTheIteration)
 {
     EXPECT_EQ("", paramsOf("=1&b=2"));
 }
 
-TEST_F(HttpRequestParserTest, OneAmpersandTooManyIsSteppedOver)
+TEST_F(HttpRequestParserChunk, OneAmpersandTooManyIsSteppedOver)
 {
     EXPECT_EQ("a=1;b=2;", paramsOf("&a=1&&b=2"));
     EXPECT_EQ("a=1;", paramsOf("a=1&&&b=2"));
@@ -131,17 +131,17 @@ TEST_F(HttpRequestParserTest, OneAmpersandTooManyIsSteppedOver)
     EXPECT_EQ("a=1;", paramsOf("a=1&&"));
 }
 
-TEST_F(HttpRequestParserTest, WordBeforeAPairBecomesItsValue)
+TEST_F(HttpRequestParserChunk, WordBeforeAPairBecomesItsValue)
 {
     EXPECT_EQ("y&x=y;", paramsOf("y&x=1"));
 }
 
-TEST_F(HttpRequestParserTest, NothingIsDecoded)
+TEST_F(HttpRequestParserChunk, NothingIsDecoded)
 {
     EXPECT_EQ("a=%20+x;", paramsOf("a=%20+x"));
 }
 
-TEST_F(HttpRequestParserTest, QueryIsNeverReadBeyondItsEnd)
+TEST_F(HttpRequestParserChunk, QueryIsNeverReadBeyondItsEnd)
 {
     // Each cut makes another end of the query; the copy's end is the chunk's.
     const std::string strRequest = "GET /live?&aa=11&&b=2=3&c=&=x&";
@@ -154,7 +154,7 @@ TEST_F(HttpRequestParserTest, QueryIsNeverReadBeyondItsEnd)
     }
 }
 
-TEST_F(HttpRequestParserTest, HeadersAreRead)
+TEST_F(HttpRequestParserChunk, HeadersAreRead)
 {
     Parsed parsed("POST /camera HTTP/1.1\r\nHost: board\r\nContent-Type: text/plain\r\n"
                   "Content-Length: 5\r\n\r\nhello");
@@ -165,7 +165,7 @@ TEST_F(HttpRequestParserTest, HeadersAreRead)
     EXPECT_EQ("hello", parsed.parser.getBody());
 }
 
-TEST_F(HttpRequestParserTest, HeaderNameInOtherCaseIsNotRecognised)
+TEST_F(HttpRequestParserChunk, HeaderNameInOtherCaseIsNotRecognised)
 {
     Parsed parsed("POST /camera HTTP/1.1\r\ncontent-type: text/plain\r\n"
                   "content-length: 5\r\n\r\nhello");
@@ -175,7 +175,7 @@ TEST_F(HttpRequestParserTest, HeaderNameInOtherCaseIsNotRecognised)
     EXPECT_EQ("hello", parsed.parser.getBody()) << "the library knows the length";
 }
 
-TEST_F(HttpRequestParserTest, BeginningOfAHeaderNameCountsAsTheName)
+TEST_F(HttpRequestParserChunk, BeginningOfAHeaderNameCountsAsTheName)
 {
     Parsed both("GET / HTTP/1.1\r\nContent-: 7\r\n\r\n");
     EXPECT_EQ("7", both.parser.getContentType());
@@ -190,7 +190,7 @@ TEST_F(HttpRequestParserTest, BeginningOfAHeaderNameCountsAsTheName)
     EXPECT_EQ(0, longer.parser.getContentLength());
 }
 
-TEST_F(HttpRequestParserTest, ContentLengthBeyondAnIntIsTheLargestInt)
+TEST_F(HttpRequestParserChunk, ContentLengthBeyondAnIntIsTheLargestInt)
 {
     for (const char* pLength : {"2147483648", "4294967295", "99999999999", "1844674407370955160"}) {
         Parsed parsed(std::string("POST / HTTP/1.1\r\nContent-Length: ") + pLength + "\r\n\r\n");
@@ -203,7 +203,7 @@ TEST_F(HttpRequestParserTest, ContentLengthBeyondAnIntIsTheLargestInt)
     EXPECT_EQ(INT_MIN, negative.parser.getContentLength());
 }
 
-TEST_F(HttpRequestParserTest, NegativeContentLengthIsMalformed)
+TEST_F(HttpRequestParserChunk, NegativeContentLengthIsMalformed)
 {
     Parsed parsed("POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n");
 
@@ -212,14 +212,14 @@ TEST_F(HttpRequestParserTest, NegativeContentLengthIsMalformed)
     EXPECT_NE(std::string::npos, m_log.text().find("HPE_INVALID_CONTENT_LENGTH:"));
 }
 
-TEST_F(HttpRequestParserTest, LongContentLengthValueIsReadWhole)
+TEST_F(HttpRequestParserChunk, LongContentLengthValueIsReadWhole)
 {
     Parsed parsed("POST / HTTP/1.1\r\nContent-Length: " + std::string(60, '0') + "12\r\n\r\n");
 
     EXPECT_EQ(12, parsed.parser.getContentLength());
 }
 
-TEST_F(HttpRequestParserTest, ContentLengthIsReadAsANumberIsInC)
+TEST_F(HttpRequestParserChunk, ContentLengthIsReadAsANumberIsInC)
 {
     const std::pair<const char*, int> aCase[] = {
         {"12", 12},
@@ -251,7 +251,7 @@ TEST_F(HttpRequestParserTest, ContentLengthIsReadAsANumberIsInC)
     }
 }
 
-TEST_F(HttpRequestParserTest, NothingIsThrownWithoutMemory)
+TEST_F(HttpRequestParserChunk, NothingIsThrownWithoutMemory)
 {
     const std::string strLong(1500, '1');
     HttpRequestParser parser;
@@ -264,7 +264,7 @@ TEST_F(HttpRequestParserTest, NothingIsThrownWithoutMemory)
     EXPECT_EQ(1, parser.parse(strType.data(), static_cast<int>(strType.size())));
 }
 
-TEST_F(HttpRequestParserTest, ContentTypeOfAnyLengthIsWhole)
+TEST_F(HttpRequestParserChunk, ContentTypeOfAnyLengthIsWhole)
 {
     for (const size_t uLength : {35u, 36u, 37u, 1500u}) {
         const std::string strType(uLength, 'x');
@@ -278,7 +278,7 @@ TEST_F(HttpRequestParserTest, ContentTypeOfAnyLengthIsWhole)
     }
 }
 
-TEST_F(HttpRequestParserTest, LastUrlOfTheChunkCounts)
+TEST_F(HttpRequestParserChunk, LastUrlOfTheChunkCounts)
 {
     Parsed parsed("GET /first?a=1 HTTP/1.1\r\n\r\nGET /second?b=2 HTTP/1.1\r\n\r\n");
 
@@ -287,7 +287,7 @@ TEST_F(HttpRequestParserTest, LastUrlOfTheChunkCounts)
     EXPECT_EQ("b=2;", parsed.params());
 }
 
-TEST_F(HttpRequestParserTest, ChunkedBodyGivesItsLastPiece)
+TEST_F(HttpRequestParserChunk, ChunkedBodyGivesItsLastPiece)
 {
     Parsed parsed("POST /camera HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
                   "3\r\nabc\r\n2\r\nde\r\n0\r\n\r\n");
@@ -297,7 +297,7 @@ TEST_F(HttpRequestParserTest, ChunkedBodyGivesItsLastPiece)
     EXPECT_EQ(0, parsed.parser.getContentLength());
 }
 
-TEST_F(HttpRequestParserTest, GarbageIsLoggedWithTheBytesReceived)
+TEST_F(HttpRequestParserChunk, GarbageIsLoggedWithTheBytesReceived)
 {
     // No zero byte behind the chunk: only a bounded print can log this.
     Parsed parsed("\x01\x02garbage");
@@ -309,7 +309,7 @@ TEST_F(HttpRequestParserTest, GarbageIsLoggedWithTheBytesReceived)
               m_log.lines()[0]);
 }
 
-TEST_F(HttpRequestParserTest, ChunkWithoutUrlIsLogged)
+TEST_F(HttpRequestParserChunk, ChunkWithoutUrlIsLogged)
 {
     for (const char* pChunk : {"G", "GET", "GET ", "\r\n", "\r\n\r\n"}) {
         m_log.clear();
@@ -322,7 +322,7 @@ TEST_F(HttpRequestParserTest, ChunkWithoutUrlIsLogged)
     }
 }
 
-TEST_F(HttpRequestParserTest, ConnectRequestHasNoUrlToSplit)
+TEST_F(HttpRequestParserChunk, ConnectRequestHasNoUrlToSplit)
 {
     Parsed parsed("CONNECT board:80 HTTP/1.1\r\n\r\n");
 
@@ -330,7 +330,7 @@ TEST_F(HttpRequestParserTest, ConnectRequestHasNoUrlToSplit)
     EXPECT_EQ("[debug] [webcamera/HttpRequestParser ] [parse] url parse error !\n", m_log.text());
 }
 
-TEST_F(HttpRequestParserTest, UrlCutByTheChunkCountsAsItIs)
+TEST_F(HttpRequestParserChunk, UrlCutByTheChunkCountsAsItIs)
 {
     const std::string strRequest = "GET /live?stream=1 HTTP/1.1\r\nHost: board\r\n\r\n";
     for (size_t uCut = 5; uCut <= strRequest.size(); ++uCut) {
@@ -344,7 +344,7 @@ TEST_F(HttpRequestParserTest, UrlCutByTheChunkCountsAsItIs)
     }
 }
 
-TEST_F(HttpRequestParserTest, HeadersCutByTheChunkAreNotReadBeyondIt)
+TEST_F(HttpRequestParserChunk, HeadersCutByTheChunkAreNotReadBeyondIt)
 {
     const std::string strRequest = "POST /x HTTP/1.1\r\nContent-Type: a/b\r\n"
                                    "Content-Length: 12\r\n\r\n";

@@ -62,7 +62,7 @@ std::string takeAnswer(std::string& strStream, size_t uSize, const std::string& 
     return strPicture;
 }
 
-class HttpSnapClientTest : public testing::Test
+class HttpSnapClientAnswer : public testing::Test
 {
 protected:
     void SetUp() override
@@ -93,7 +93,7 @@ protected:
 
 } // namespace
 
-TEST_F(HttpSnapClientTest, AnswersAndSavesThePicture)
+TEST_F(HttpSnapClientAnswer, AnswersAndSavesThePicture)
 {
     CardFolder card("camera");
 
@@ -102,7 +102,7 @@ TEST_F(HttpSnapClientTest, AnswersAndSavesThePicture)
     EXPECT_EQ(payload(5000), card.read("a.jpg"));
 }
 
-TEST_F(HttpSnapClientTest, NoFileNameIsPhoto)
+TEST_F(HttpSnapClientAnswer, NoFileNameIsPhoto)
 {
     for (const char* pQuery : {"", "?filename=", "?filename", "?mode=correction"}) {
         CardFolder card("camera");
@@ -115,7 +115,7 @@ TEST_F(HttpSnapClientTest, NoFileNameIsPhoto)
     }
 }
 
-TEST_F(HttpSnapClientTest, EveryFrameThatFindsTheQueueEmptyIsAnotherAnswer)
+TEST_F(HttpSnapClientAnswer, EveryFrameThatFindsTheQueueEmptyIsAnotherAnswer)
 {
     CardFolder card("camera");
     ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));
@@ -132,7 +132,7 @@ TEST_F(HttpSnapClientTest, EveryFrameThatFindsTheQueueEmptyIsAnotherAnswer)
     EXPECT_EQ("", strStream);
 }
 
-TEST_F(HttpSnapClientTest, FrameIsSkippedWhileAnAnswerWaits)
+TEST_F(HttpSnapClientAnswer, FrameIsSkippedWhileAnAnswerWaits)
 {
     CardFolder card("camera");
     Connection slow(2048);
@@ -154,7 +154,7 @@ TEST_F(HttpSnapClientTest, FrameIsSkippedWhileAnAnswerWaits)
     }
 }
 
-TEST_F(HttpSnapClientTest, CorrectionAnswersTheCorrectedPictureAndSavesTheRawOne)
+TEST_F(HttpSnapClientAnswer, CorrectionAnswersTheCorrectedPictureAndSavesTheRawOne)
 {
     CardFolder card("camera");
     FakeSystem::setCorrection([](PVENC_FRAME_T& in, PVENC_FRAME_T& out) {
@@ -171,7 +171,7 @@ TEST_F(HttpSnapClientTest, CorrectionAnswersTheCorrectedPictureAndSavesTheRawOne
     EXPECT_EQ(payload(5000), card.read("a.jpg"));
 }
 
-TEST_F(HttpSnapClientTest, OtherModesDoNotCorrect)
+TEST_F(HttpSnapClientAnswer, OtherModesDoNotCorrect)
 {
     FakeSystem::setCorrection([](PVENC_FRAME_T&, PVENC_FRAME_T&) { FAIL(); });
     for (const char* pMode : {"Correction", "correction2", "1", "correctio"}) {
@@ -183,7 +183,7 @@ TEST_F(HttpSnapClientTest, OtherModesDoNotCorrect)
     }
 }
 
-TEST_F(HttpSnapClientTest, EmptyCorrectedPictureIsAnsweredWithoutABody)
+TEST_F(HttpSnapClientAnswer, EmptyCorrectedPictureIsAnsweredWithoutABody)
 {
     CardFolder card("camera");
     FakeSystem::setCorrection([](PVENC_FRAME_T&, PVENC_FRAME_T&) {});
@@ -199,7 +199,7 @@ TEST_F(HttpSnapClientTest, EmptyCorrectedPictureIsAnsweredWithoutABody)
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
 }
 
-TEST_F(HttpSnapClientTest, WithoutTheCardItIsAnsweredAndNothingIsSavedOrLogged)
+TEST_F(HttpSnapClientAnswer, WithoutTheCardItIsAnsweredAndNothingIsSavedOrLogged)
 {
     ASSERT_FALSE(std::filesystem::exists("/tmp/run"));
     ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));
@@ -212,7 +212,7 @@ TEST_F(HttpSnapClientTest, WithoutTheCardItIsAnsweredAndNothingIsSavedOrLogged)
     EXPECT_FALSE(std::filesystem::exists("/tmp/run"));
 }
 
-TEST_F(HttpSnapClientTest, ReadOnlyCardIsAnsweredAndNothingIsLogged)
+TEST_F(HttpSnapClientAnswer, ReadOnlyCardIsAnsweredAndNothingIsLogged)
 {
     CardFolder card("camera");
     ASSERT_TRUE(card.mountTmpfs(MS_RDONLY, ""));
@@ -226,7 +226,7 @@ TEST_F(HttpSnapClientTest, ReadOnlyCardIsAnsweredAndNothingIsLogged)
     EXPECT_TRUE(card.isEmpty());
 }
 
-TEST_F(HttpSnapClientTest, FullCardIsLoggedWithThePathAndAnswered)
+TEST_F(HttpSnapClientAnswer, FullCardIsLoggedWithThePathAndAnswered)
 {
     CardFolder card("camera");
     ASSERT_TRUE(card.mountTmpfs(0, "size=8k"));
@@ -245,7 +245,7 @@ TEST_F(HttpSnapClientTest, FullCardIsLoggedWithThePathAndAnswered)
     }
 }
 
-TEST_F(HttpSnapClientTest, PictureThatJustFitsIsSavedWithoutALine)
+TEST_F(HttpSnapClientAnswer, PictureThatJustFitsIsSavedWithoutALine)
 {
     CardFolder card("camera");
     ASSERT_TRUE(card.mountTmpfs(0, "size=8k"));
@@ -257,7 +257,7 @@ TEST_F(HttpSnapClientTest, PictureThatJustFitsIsSavedWithoutALine)
     EXPECT_EQ(payload(8192), card.read("a.jpg"));
 }
 
-TEST_F(HttpSnapClientTest, SlashInTheFileNameReachesASubfolder)
+TEST_F(HttpSnapClientAnswer, SlashInTheFileNameReachesASubfolder)
 {
     CardFolder card("camera");
     std::filesystem::create_directory(card.path() / "sub");
@@ -266,7 +266,7 @@ TEST_F(HttpSnapClientTest, SlashInTheFileNameReachesASubfolder)
     EXPECT_EQ(payload(5000), card.read("sub/a.jpg"));
 }
 
-TEST_F(HttpSnapClientTest, FileNameIsUsedUnchangedBelowTheFolder)
+TEST_F(HttpSnapClientAnswer, FileNameIsUsedUnchangedBelowTheFolder)
 {
     CardFolder card("camera");
     std::filesystem::create_directory(card.path() / "sub");
@@ -279,7 +279,7 @@ TEST_F(HttpSnapClientTest, FileNameIsUsedUnchangedBelowTheFolder)
     EXPECT_EQ(payload(5000), card.read("a.jpg"));
 }
 
-TEST_F(HttpSnapClientTest, FileNameThatLeavesTheFolderIsAnsweredAndNotSaved)
+TEST_F(HttpSnapClientAnswer, FileNameThatLeavesTheFolderIsAnsweredAndNotSaved)
 {
     CardFolder card("camera");
     card.write("../outside.jpg", "old");
@@ -296,7 +296,7 @@ TEST_F(HttpSnapClientTest, FileNameThatLeavesTheFolderIsAnsweredAndNotSaved)
     EXPECT_EQ(std::string::npos, m_log.text().find("Save"));
 }
 
-TEST_F(HttpSnapClientTest, SymbolicLinkIsAnsweredAndNotSavedThrough)
+TEST_F(HttpSnapClientAnswer, SymbolicLinkIsAnsweredAndNotSavedThrough)
 {
     CardFolder card("camera");
     card.write("file.jpg", "old");
@@ -316,7 +316,7 @@ TEST_F(HttpSnapClientTest, SymbolicLinkIsAnsweredAndNotSavedThrough)
     EXPECT_TRUE(std::filesystem::is_symlink(card.path() / "link.jpg"));
 }
 
-TEST_F(HttpSnapClientTest, SmallerPictureReplacesALargerOne)
+TEST_F(HttpSnapClientAnswer, SmallerPictureReplacesALargerOne)
 {
     CardFolder card("camera");
     expectAnswered("a.jpg", 5000);
@@ -326,7 +326,7 @@ TEST_F(HttpSnapClientTest, SmallerPictureReplacesALargerOne)
     EXPECT_EQ(payload(300), card.read("a.jpg"));
 }
 
-TEST_F(HttpSnapClientTest, WithoutMemoryForAStreamTheFormerPictureStays)
+TEST_F(HttpSnapClientAnswer, WithoutMemoryForAStreamTheFormerPictureStays)
 {
     CardFolder card("camera");
     card.write("a.jpg", "old");
@@ -339,7 +339,7 @@ TEST_F(HttpSnapClientTest, WithoutMemoryForAStreamTheFormerPictureStays)
     EXPECT_EQ("old", card.read("a.jpg"));
 }
 
-TEST_F(HttpSnapClientTest, FileNameThatCannotBeOpenedIsAnsweredAndNothingIsLogged)
+TEST_F(HttpSnapClientAnswer, FileNameThatCannotBeOpenedIsAnsweredAndNothingIsLogged)
 {
     CardFolder card("camera");
     ASSERT_EQ(0, m_connection.request(request("?filename=missing/a.jpg")));
@@ -352,7 +352,7 @@ TEST_F(HttpSnapClientTest, FileNameThatCannotBeOpenedIsAnsweredAndNothingIsLogge
     EXPECT_TRUE(card.isEmpty());
 }
 
-TEST_F(HttpSnapClientTest, FifoAsTheTargetDoesNotBlockAndStays)
+TEST_F(HttpSnapClientAnswer, FifoAsTheTargetDoesNotBlockAndStays)
 {
     CardFolder card("camera");
     ASSERT_EQ(0, mkfifo((card.path() / "pipe").c_str(), 0666));
@@ -362,7 +362,7 @@ TEST_F(HttpSnapClientTest, FifoAsTheTargetDoesNotBlockAndStays)
     EXPECT_TRUE(std::filesystem::is_fifo(card.path() / "pipe"));
 }
 
-TEST_F(HttpSnapClientTest, FolderAsTheTargetIsNotSavedTo)
+TEST_F(HttpSnapClientAnswer, FolderAsTheTargetIsNotSavedTo)
 {
     CardFolder card("camera");
     std::filesystem::create_directory(card.path() / "sub");
@@ -371,12 +371,12 @@ TEST_F(HttpSnapClientTest, FolderAsTheTargetIsNotSavedTo)
     EXPECT_TRUE(std::filesystem::is_empty(card.path() / "sub"));
 }
 
-TEST_F(HttpSnapClientTest, FileNameLongerThanTheHeadersBlockIsWhole)
+TEST_F(HttpSnapClientAnswer, FileNameLongerThanTheHeadersBlockIsWhole)
 {
     expectAnswered(std::string(1800, 'n'));
 }
 
-TEST_F(HttpSnapClientTest, WithoutMemoryForTheNameItIsAnsweredAndNotSaved)
+TEST_F(HttpSnapClientAnswer, WithoutMemoryForTheNameItIsAnsweredAndNotSaved)
 {
     CardFolder card("camera");
     const std::string strFolder(200, 'd');
@@ -397,7 +397,7 @@ TEST_F(HttpSnapClientTest, WithoutMemoryForTheNameItIsAnsweredAndNotSaved)
     EXPECT_EQ(payload(5000), card.read(strFolder + "/a.jpg")) << "the next picture is saved";
 }
 
-TEST_F(HttpSnapClientTest, StoppedResponderIsNotReached)
+TEST_F(HttpSnapClientAnswer, StoppedResponderIsNotReached)
 {
     CardFolder card("camera");
     ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));
@@ -408,7 +408,7 @@ TEST_F(HttpSnapClientTest, StoppedResponderIsNotReached)
     EXPECT_TRUE(card.isEmpty());
 }
 
-TEST_F(HttpSnapClientTest, OtherEventIsABadCast)
+TEST_F(HttpSnapClientAnswer, OtherEventIsABadCast)
 {
     HttpSnapClient snap(m_connection.client(), 0, "a.jpg", false);
     Event other;

@@ -25,7 +25,7 @@ std::string textAnswer(const std::string& strText)
 }
 
 /** A connection without its server. */
-class WebCameraClientTest : public testing::Test
+class WebCameraClientConnection : public testing::Test
 {
 protected:
     void SetUp() override
@@ -39,7 +39,7 @@ protected:
 
 } // namespace
 
-TEST_F(WebCameraClientTest, LiveIsAnsweredWithTheStream)
+TEST_F(WebCameraClientConnection, LiveIsAnsweredWithTheStream)
 {
     EXPECT_EQ(0, m_connection.request("GET /live HTTP/1.1\r\n\r\n"));
 
@@ -47,7 +47,7 @@ TEST_F(WebCameraClientTest, LiveIsAnsweredWithTheStream)
     EXPECT_EQ("0 ", FakeSystem::streams());
 }
 
-TEST_F(WebCameraClientTest, RequestWithoutMemoryForItsTextsEndsTheConnection)
+TEST_F(WebCameraClientConnection, RequestWithoutMemoryForItsTextsEndsTheConnection)
 {
     const std::string strLong(1500, 'x');
     const std::string aRequest[] = {
@@ -67,7 +67,7 @@ TEST_F(WebCameraClientTest, RequestWithoutMemoryForItsTextsEndsTheConnection)
     }
 }
 
-TEST_F(WebCameraClientTest, AnyStreamIsStream0)
+TEST_F(WebCameraClientConnection, AnyStreamIsStream0)
 {
     for (const char* pQuery :
          {"stream=3", "stream=-1", "stream=x", "stream=", "stream=99999999999"}) {
@@ -83,7 +83,7 @@ TEST_F(WebCameraClientTest, AnyStreamIsStream0)
               m_log.text());
 }
 
-TEST_F(WebCameraClientTest, MethodIsNotLookedAt)
+TEST_F(WebCameraClientConnection, MethodIsNotLookedAt)
 {
     for (const char* pMethod : {"HEAD", "POST", "DELETE", "M-SEARCH"}) {
         Connection connection;
@@ -92,7 +92,7 @@ TEST_F(WebCameraClientTest, MethodIsNotLookedAt)
     }
 }
 
-TEST_F(WebCameraClientTest, PathsAreComparedWithCaseAndWhole)
+TEST_F(WebCameraClientConnection, PathsAreComparedWithCaseAndWhole)
 {
     for (const char* pPath :
          {"/LIVE", "/Live", "/live/", "/lives", "/snap/", "/CAMERA", "/", "*"}) {
@@ -104,7 +104,7 @@ TEST_F(WebCameraClientTest, PathsAreComparedWithCaseAndWhole)
     EXPECT_EQ(0u, FakeSystem::consumerCount());
 }
 
-TEST_F(WebCameraClientTest, SnapLogsItsFileName)
+TEST_F(WebCameraClientConnection, SnapLogsItsFileName)
 {
     m_log.clear();
     EXPECT_EQ(0, m_connection.request("GET /snap?filename=a.jpg&mode=correction HTTP/1.1\r\n\r\n"));
@@ -116,7 +116,7 @@ TEST_F(WebCameraClientTest, SnapLogsItsFileName)
     EXPECT_EQ("0 ", FakeSystem::streams());
 }
 
-TEST_F(WebCameraClientTest, EmptyFileNameIsPhoto)
+TEST_F(WebCameraClientConnection, EmptyFileNameIsPhoto)
 {
     m_log.clear();
     EXPECT_EQ(0, m_connection.request("GET /snap?filename= HTTP/1.1\r\n\r\n"));
@@ -124,7 +124,7 @@ TEST_F(WebCameraClientTest, EmptyFileNameIsPhoto)
     EXPECT_NE(std::string::npos, m_log.text().find(" s8FileName:photo.jpg\n"));
 }
 
-TEST_F(WebCameraClientTest, CameraWithFocusMeasures)
+TEST_F(WebCameraClientConnection, CameraWithFocusMeasures)
 {
     FakeSystem::setMeasure(12.34567F);
 
@@ -135,14 +135,14 @@ TEST_F(WebCameraClientTest, CameraWithFocusMeasures)
     EXPECT_EQ(0u, FakeSystem::consumerCount());
 }
 
-TEST_F(WebCameraClientTest, FailedMeasureAnswersWhatItLeft)
+TEST_F(WebCameraClientConnection, FailedMeasureAnswersWhatItLeft)
 {
     EXPECT_EQ(0, m_connection.request("GET /camera?focus=no HTTP/1.1\r\n\r\n"));
 
     EXPECT_EQ(textAnswer("{\"measure\":\"0.0000\"}"), m_connection.receive());
 }
 
-TEST_F(WebCameraClientTest, LongestMeasureFits)
+TEST_F(WebCameraClientConnection, LongestMeasureFits)
 {
     FakeSystem::setMeasure(std::numeric_limits<float>::lowest());
 
@@ -152,7 +152,7 @@ TEST_F(WebCameraClientTest, LongestMeasureFits)
               m_connection.receive());
 }
 
-TEST_F(WebCameraClientTest, CameraWithoutFocusIsAnInvalidRequestAnswered200)
+TEST_F(WebCameraClientConnection, CameraWithoutFocusIsAnInvalidRequestAnswered200)
 {
     for (const char* pTarget : {"/camera", "/camera?focus", "/camera?focus=", "/camera?Focus=1"}) {
         Connection connection;
@@ -162,7 +162,7 @@ TEST_F(WebCameraClientTest, CameraWithoutFocusIsAnInvalidRequestAnswered200)
     EXPECT_EQ(0, FakeSystem::measureCount());
 }
 
-TEST_F(WebCameraClientTest, FurtherBytesRouteTheSamePathAgain)
+TEST_F(WebCameraClientConnection, FurtherBytesRouteTheSamePathAgain)
 {
     EXPECT_EQ(0, m_connection.request("GET /camera?focus=1 HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(0, m_connection.request("GET /live HTTP/1.1\r\n\r\n"));
@@ -173,7 +173,7 @@ TEST_F(WebCameraClientTest, FurtherBytesRouteTheSamePathAgain)
     EXPECT_EQ(3, FakeSystem::measureCount());
 }
 
-TEST_F(WebCameraClientTest, FurtherBytesAddALiveResponderAndAllEndWithTheConnection)
+TEST_F(WebCameraClientConnection, FurtherBytesAddALiveResponderAndAllEndWithTheConnection)
 {
     EXPECT_EQ(0, m_connection.request("GET /live HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(0, m_connection.request("more"));
@@ -188,7 +188,7 @@ TEST_F(WebCameraClientTest, FurtherBytesAddALiveResponderAndAllEndWithTheConnect
     EXPECT_EQ("", m_connection.receive());
 }
 
-TEST_F(WebCameraClientTest, DeliberateNothingToReadIsNoChunk)
+TEST_F(WebCameraClientConnection, DeliberateNothingToReadIsNoChunk)
 {
     EXPECT_EQ(0, m_connection.read());
     EXPECT_EQ(0, m_connection.request("GET /live HTTP/1.1\r\n\r\n"));
@@ -198,7 +198,7 @@ TEST_F(WebCameraClientTest, DeliberateNothingToReadIsNoChunk)
     EXPECT_EQ(1u, FakeSystem::consumerCount());
 }
 
-TEST_F(WebCameraClientTest, IncompleteBodyIsNotRouted)
+TEST_F(WebCameraClientConnection, IncompleteBodyIsNotRouted)
 {
     EXPECT_EQ(0, m_connection.request("POST /live HTTP/1.1\r\nContent-Length: 10\r\n\r\n"));
     EXPECT_EQ(0, m_connection.request("12345"));
@@ -209,7 +209,7 @@ TEST_F(WebCameraClientTest, IncompleteBodyIsNotRouted)
     EXPECT_EQ(1u, FakeSystem::consumerCount());
 }
 
-TEST_F(WebCameraClientTest, EachCutOfALiveRequest)
+TEST_F(WebCameraClientConnection, EachCutOfALiveRequest)
 {
     const std::string strRequest = "GET /live?stream=1 HTTP/1.1\r\nHost: board\r\n\r\n";
     for (size_t uCut = 1; uCut < strRequest.size(); ++uCut) {
@@ -228,7 +228,7 @@ TEST_F(WebCameraClientTest, EachCutOfALiveRequest)
     }
 }
 
-TEST_F(WebCameraClientTest, EachCutOfARequestWithBody)
+TEST_F(WebCameraClientConnection, EachCutOfARequestWithBody)
 {
     const std::string strRequest =
         "POST /camera?focus=1 HTTP/1.1\r\nContent-Length: 5\r\n\r\nhello";
@@ -251,7 +251,7 @@ TEST_F(WebCameraClientTest, EachCutOfARequestWithBody)
     }
 }
 
-TEST_F(WebCameraClientTest, MalformedRequestsCloseWithoutAnAnswer)
+TEST_F(WebCameraClientConnection, MalformedRequestsCloseWithoutAnAnswer)
 {
     for (const char* pRequest :
          {"\r\n", "garbage\r\n\r\n", "GET\r\n\r\n", "GET / HTTP/9.x\r\n\r\n", "\x16\x03\x01",
@@ -265,7 +265,7 @@ TEST_F(WebCameraClientTest, MalformedRequestsCloseWithoutAnAnswer)
     EXPECT_EQ(0u, FakeSystem::consumerCount());
 }
 
-TEST_F(WebCameraClientTest, HeadersLargerThanAReadRouteForEachRead)
+TEST_F(WebCameraClientConnection, HeadersLargerThanAReadRouteForEachRead)
 {
     const std::string strRequest =
         "GET /live HTTP/1.1\r\nX: " + std::string(5000, 'x') + "\r\n\r\n";
@@ -277,7 +277,7 @@ TEST_F(WebCameraClientTest, HeadersLargerThanAReadRouteForEachRead)
     EXPECT_EQ(3u, FakeSystem::consumerCount()) << "2048 + 2048 + 929 bytes";
 }
 
-TEST_F(WebCameraClientTest, ReadTakes2048Bytes)
+TEST_F(WebCameraClientConnection, ReadTakes2048Bytes)
 {
     const std::string strStart = "GET /live HTTP/1.1\r\nX: ";
     const std::string strEnd = "\r\n\r\n";
@@ -291,14 +291,14 @@ TEST_F(WebCameraClientTest, ReadTakes2048Bytes)
     }
 }
 
-TEST_F(WebCameraClientTest, PeerThatClosesFailsTheRead)
+TEST_F(WebCameraClientConnection, PeerThatClosesFailsTheRead)
 {
     m_connection.closePeer();
 
     EXPECT_EQ(1, m_connection.read());
 }
 
-TEST_F(WebCameraClientTest, ConnectionWithoutASocketFailsTheRead)
+TEST_F(WebCameraClientConnection, ConnectionWithoutASocketFailsTheRead)
 {
     WebCameraClient client;
     ASSERT_EQ(0, client.init());
@@ -310,7 +310,7 @@ TEST_F(WebCameraClientTest, ConnectionWithoutASocketFailsTheRead)
     EXPECT_EQ(1, client.write("x", 1));
 }
 
-TEST_F(WebCameraClientTest, DirectWriteHoldsNobody)
+TEST_F(WebCameraClientConnection, DirectWriteHoldsNobody)
 {
     Connection connection(4096);
     const std::string strLarge = payload(1000000);
@@ -325,7 +325,7 @@ TEST_F(WebCameraClientTest, DirectWriteHoldsNobody)
     EXPECT_EQ(INT_MAX, connection.client().getTimeLeft(monotonicMs32()));
 }
 
-TEST_F(WebCameraClientTest, DirectWriteThatIsTakenAtOnceLeavesNothingBehind)
+TEST_F(WebCameraClientConnection, DirectWriteThatIsTakenAtOnceLeavesNothingBehind)
 {
     EXPECT_EQ(0, m_connection.client().write("x", 1));
 
@@ -334,7 +334,7 @@ TEST_F(WebCameraClientTest, DirectWriteThatIsTakenAtOnceLeavesNothingBehind)
     EXPECT_EQ(0, m_connection.client().onTurn());
 }
 
-TEST_F(WebCameraClientTest, DirectWriteHasFiveSeconds)
+TEST_F(WebCameraClientConnection, DirectWriteHasFiveSeconds)
 {
     Connection connection(4096);
     const std::string strLarge(1000000, 'x');
@@ -349,7 +349,7 @@ TEST_F(WebCameraClientTest, DirectWriteHasFiveSeconds)
     EXPECT_LE(connection.client().getTimeLeft(u32BegunMs + 5000), 0);
 }
 
-TEST_F(WebCameraClientTest, DirectWriteWithoutMemoryFails)
+TEST_F(WebCameraClientConnection, DirectWriteWithoutMemoryFails)
 {
     FaultScope fault("malloc=1:1:ENOMEM");
 
@@ -357,7 +357,7 @@ TEST_F(WebCameraClientTest, DirectWriteWithoutMemoryFails)
     EXPECT_EQ(1U, faultHits());
 }
 
-TEST_F(WebCameraClientTest, DirectWriteThatFailsIsToldAtOnce)
+TEST_F(WebCameraClientConnection, DirectWriteThatFailsIsToldAtOnce)
 {
     FaultScope fault("sendmsg:1:ECONNRESET");
 

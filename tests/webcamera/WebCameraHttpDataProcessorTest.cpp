@@ -69,7 +69,7 @@ private:
 };
 
 /** The processor by itself; responders are not reached. */
-class WebCameraHttpDataProcessorTest : public testing::Test
+class WebCameraHttpDataProcessorRequest : public testing::Test
 {
 protected:
     int feed(const std::string& strChunk)
@@ -87,7 +87,7 @@ protected:
 
 } // namespace
 
-TEST_F(WebCameraHttpDataProcessorTest, RequestWithoutBodyIsCompleteAtOnce)
+TEST_F(WebCameraHttpDataProcessorRequest, RequestWithoutBodyIsCompleteAtOnce)
 {
     EXPECT_EQ(0, feed("GET /live?stream=1 HTTP/1.1\r\n\r\n"));
 
@@ -96,7 +96,7 @@ TEST_F(WebCameraHttpDataProcessorTest, RequestWithoutBodyIsCompleteAtOnce)
     EXPECT_EQ((std::map<std::string, std::string>{{"stream", "1"}}), m_processor.getParams());
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, LaterDuplicateOfAKeyOverwrites)
+TEST_F(WebCameraHttpDataProcessorRequest, LaterDuplicateOfAKeyOverwrites)
 {
     EXPECT_EQ(0, feed("GET /snap?filename=a&mode=x&filename=b HTTP/1.1\r\n\r\n"));
 
@@ -104,7 +104,7 @@ TEST_F(WebCameraHttpDataProcessorTest, LaterDuplicateOfAKeyOverwrites)
               m_processor.getParams());
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, BodyIsCollectedOverAnyNumberOfChunks)
+TEST_F(WebCameraHttpDataProcessorRequest, BodyIsCollectedOverAnyNumberOfChunks)
 {
     const std::string strBody = "hello body";
     for (size_t uFirst = 0; uFirst <= strBody.size(); ++uFirst) {
@@ -128,7 +128,7 @@ TEST_F(WebCameraHttpDataProcessorTest, BodyIsCollectedOverAnyNumberOfChunks)
     }
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, BytesBeyondTheContentLengthAreNotTaken)
+TEST_F(WebCameraHttpDataProcessorRequest, BytesBeyondTheContentLengthAreNotTaken)
 {
     EXPECT_EQ(0, feed("POST /x HTTP/1.1\r\nContent-Length: 4\r\n\r\nab"));
     EXPECT_FALSE(m_processor.isComplete());
@@ -140,7 +140,7 @@ TEST_F(WebCameraHttpDataProcessorTest, BytesBeyondTheContentLengthAreNotTaken)
     EXPECT_TRUE(m_processor.isComplete());
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, BodyOfAnUnrecognisedLengthIsIgnored)
+TEST_F(WebCameraHttpDataProcessorRequest, BodyOfAnUnrecognisedLengthIsIgnored)
 {
     EXPECT_EQ(0, feed("POST /x HTTP/1.1\r\ncontent-length: 4\r\n\r\nabcd"));
 
@@ -148,7 +148,7 @@ TEST_F(WebCameraHttpDataProcessorTest, BodyOfAnUnrecognisedLengthIsIgnored)
     EXPECT_EQ("", m_processor.getBody());
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, LaterChunksAreNeverParsed)
+TEST_F(WebCameraHttpDataProcessorRequest, LaterChunksAreNeverParsed)
 {
     EXPECT_EQ(0, feed("GET /live HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(0, feed("GET /snap HTTP/1.1\r\n\r\n"));
@@ -158,7 +158,7 @@ TEST_F(WebCameraHttpDataProcessorTest, LaterChunksAreNeverParsed)
     EXPECT_TRUE(m_processor.isComplete());
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, HugeContentLengthWaits)
+TEST_F(WebCameraHttpDataProcessorRequest, HugeContentLengthWaits)
 {
     // -1 counts as unsigned: four gigabytes. The other two do not fit an int: two gigabytes.
     for (const char* pHeader :
@@ -173,7 +173,7 @@ TEST_F(WebCameraHttpDataProcessorTest, HugeContentLengthWaits)
     }
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, NothingIsReservedForADeclaredLength)
+TEST_F(WebCameraHttpDataProcessorRequest, NothingIsReservedForADeclaredLength)
 {
     FaultScope fault("malloc>=3000:1-:ENOMEM");
 
@@ -185,7 +185,7 @@ TEST_F(WebCameraHttpDataProcessorTest, NothingIsReservedForADeclaredLength)
     EXPECT_EQ("some body", m_processor.getBody());
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, BodyIsCountedAndItsFirst64KiBAreKept)
+TEST_F(WebCameraHttpDataProcessorRequest, BodyIsCountedAndItsFirst64KiBAreKept)
 {
     const std::string strChunk(2048, 'b');
     const uint32_t u32Length = 10 * 1024 * 1024;
@@ -203,7 +203,7 @@ TEST_F(WebCameraHttpDataProcessorTest, BodyIsCountedAndItsFirst64KiBAreKept)
     EXPECT_EQ(u32Before + 2 * 64 * 1024, ClientMemory::getInstance().getBytes()) << "counted";
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, WhatParametersBindIsCounted)
+TEST_F(WebCameraHttpDataProcessorRequest, WhatParametersBindIsCounted)
 {
     const uint32_t u32Before = ClientMemory::getInstance().getBytes();
 
@@ -212,7 +212,7 @@ TEST_F(WebCameraHttpDataProcessorTest, WhatParametersBindIsCounted)
     EXPECT_GE(ClientMemory::getInstance().getBytes(), u32Before + 3 * 100);
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, WithoutMemoryForTheBodyItThrows)
+TEST_F(WebCameraHttpDataProcessorRequest, WithoutMemoryForTheBodyItThrows)
 {
     EXPECT_EQ(0, feed("POST /live HTTP/1.1\r\nContent-Length: 2000\r\n\r\n"));
     FaultScope fault("malloc=1500:1:ENOMEM");
@@ -220,12 +220,12 @@ TEST_F(WebCameraHttpDataProcessorTest, WithoutMemoryForTheBodyItThrows)
     EXPECT_THROW((void)m_processor.feed(std::string(1500, 'b').c_str(), 1500), std::bad_alloc);
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, UrlWithoutPathFails)
+TEST_F(WebCameraHttpDataProcessorRequest, UrlWithoutPathFails)
 {
     EXPECT_EQ(1, feed("GET http://board HTTP/1.1\r\n\r\n"));
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, ReplyIsTheGoldenText)
+TEST_F(WebCameraHttpDataProcessorRequest, ReplyIsTheGoldenText)
 {
     EXPECT_EQ(0, m_processor.reply("some text"));
 
@@ -243,7 +243,7 @@ TEST_F(WebCameraHttpDataProcessorTest, ReplyIsTheGoldenText)
         m_commucation.m_strWritten);
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, ReplyReturnsTheConnectionsResult)
+TEST_F(WebCameraHttpDataProcessorRequest, ReplyReturnsTheConnectionsResult)
 {
     m_commucation.m_nResult = 7;
 
@@ -251,7 +251,7 @@ TEST_F(WebCameraHttpDataProcessorTest, ReplyReturnsTheConnectionsResult)
     EXPECT_EQ(textAnswer(""), m_commucation.m_strWritten);
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, ReplyLongerThanItsBlockIsWhole)
+TEST_F(WebCameraHttpDataProcessorRequest, ReplyLongerThanItsBlockIsWhole)
 {
     const std::string strLong(3000, 'x');
 
@@ -260,7 +260,7 @@ TEST_F(WebCameraHttpDataProcessorTest, ReplyLongerThanItsBlockIsWhole)
     EXPECT_EQ(textAnswer(strLong), m_commucation.m_strWritten);
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, RespondersAreStoppedThenDeletedWithTheProcessor)
+TEST_F(WebCameraHttpDataProcessorRequest, RespondersAreStoppedThenDeletedWithTheProcessor)
 {
     std::string strNotes;
     {
@@ -281,7 +281,7 @@ TEST_F(WebCameraHttpDataProcessorTest, RespondersAreStoppedThenDeletedWithThePro
     EXPECT_LT(strNotes.find("stopB"), strNotes.find("~B"));
 }
 
-TEST_F(WebCameraHttpDataProcessorTest, ResponderWhoseStopFailsIsNotDeleted)
+TEST_F(WebCameraHttpDataProcessorRequest, ResponderWhoseStopFailsIsNotDeleted)
 {
     std::string strNotes;
     auto pResponder = std::make_unique<FakeResponder>(strNotes, "A", 0, 1);

@@ -126,7 +126,7 @@ bool hasThread(const std::string& strName)
 }
 
 /** The module up and running. */
-class WebCameraTest : public testing::Test
+class WebCameraServer : public testing::Test
 {
 protected:
     void SetUp() override
@@ -158,12 +158,12 @@ const size_t LIVE_HEADER_SIZE = 281;
 
 } // namespace
 
-TEST_F(WebCameraTest, ReactorThreadHasItsName)
+TEST_F(WebCameraServer, ReactorThreadHasItsName)
 {
     EXPECT_TRUE(hasThread("webcamera"));
 }
 
-TEST_F(WebCameraTest, ListensOnAllAddresses)
+TEST_F(WebCameraServer, ListensOnAllAddresses)
 {
     std::ifstream table("/proc/net/tcp");
     const std::string strTable{std::istreambuf_iterator<char>(table),
@@ -172,7 +172,7 @@ TEST_F(WebCameraTest, ListensOnAllAddresses)
     EXPECT_NE(std::string::npos, strTable.find(" 00000000:2089 00000000:0000 0A "));
 }
 
-TEST_F(WebCameraTest, ConnectionsHaveTheirBuffers)
+TEST_F(WebCameraServer, ConnectionsHaveTheirBuffers)
 {
     const Peer peer;
     ASSERT_TRUE(peer.isConnected());
@@ -198,7 +198,7 @@ TEST_F(WebCameraTest, ConnectionsHaveTheirBuffers)
     }));
 }
 
-TEST_F(WebCameraTest, ClientThatLeavesWithoutARequestIsRemovedWithoutAnAnswer)
+TEST_F(WebCameraServer, ClientThatLeavesWithoutARequestIsRemovedWithoutAnAnswer)
 {
     {
         Peer peer;
@@ -215,7 +215,7 @@ TEST_F(WebCameraTest, ClientThatLeavesWithoutARequestIsRemovedWithoutAnAnswer)
     EXPECT_TRUE(listener.isClosed());
 }
 
-TEST_F(WebCameraTest, AnyAllocationOfAnAcceptAndARequestMayFail)
+TEST_F(WebCameraServer, AnyAllocationOfAnAcceptAndARequestMayFail)
 {
     CardFolder www("www");
     www.write("f.txt", "x");
@@ -249,7 +249,7 @@ TEST_F(WebCameraTest, AnyAllocationOfAnAcceptAndARequestMayFail)
     EXPECT_EQ(LIVE_HEADER_SIZE, live.readUntil(LIVE_HEADER_SIZE).size());
 }
 
-TEST_F(WebCameraTest, TwoClientsAreIndependent)
+TEST_F(WebCameraServer, TwoClientsAreIndependent)
 {
     Peer half;
     half.send("POST /camera?focus=1 HTTP/1.1\r\nContent-Length: 4\r\n\r\nab");
@@ -269,7 +269,7 @@ TEST_F(WebCameraTest, TwoClientsAreIndependent)
     EXPECT_NE(std::string::npos, half.readUntil(200).find("\r\n\r\n{\"measure\":\"0.0000\"}"));
 }
 
-TEST_F(WebCameraTest, RequestOverSeveralReadsIsRoutedWhenComplete)
+TEST_F(WebCameraServer, RequestOverSeveralReadsIsRoutedWhenComplete)
 {
     const std::string strBody(10000, 'b');
     Peer peer;
@@ -286,7 +286,7 @@ TEST_F(WebCameraTest, RequestOverSeveralReadsIsRoutedWhenComplete)
     EXPECT_EQ(1, FakeSystem::measureCount());
 }
 
-TEST_F(WebCameraTest, OneMegabyteOfHeadersDoesNoHarm)
+TEST_F(WebCameraServer, OneMegabyteOfHeadersDoesNoHarm)
 {
     {
         Peer peer;
@@ -298,7 +298,7 @@ TEST_F(WebCameraTest, OneMegabyteOfHeadersDoesNoHarm)
     EXPECT_EQ(LIVE_HEADER_SIZE, other.readUntil(LIVE_HEADER_SIZE).size());
 }
 
-TEST_F(WebCameraTest, LargeFileReachesASlowClientWhole)
+TEST_F(WebCameraServer, LargeFileReachesASlowClientWhole)
 {
     CardFolder www("www");
     const std::string strContent = payload(2000000);
@@ -311,7 +311,7 @@ TEST_F(WebCameraTest, LargeFileReachesASlowClientWhole)
     EXPECT_TRUE(strContent == peer.readUntil(uHead + strContent.size()).substr(uHead));
 }
 
-TEST_F(WebCameraTest, RefusedFileClosesTheConnection)
+TEST_F(WebCameraServer, RefusedFileClosesTheConnection)
 {
     Peer peer;
     peer.send("GET /missing.html HTTP/1.1\r\n\r\n");
@@ -320,7 +320,7 @@ TEST_F(WebCameraTest, RefusedFileClosesTheConnection)
     EXPECT_TRUE(peer.isClosed());
 }
 
-TEST_F(WebCameraTest, HeaderOfAFileThatCannotBeReadArrivesBeforeTheClose)
+TEST_F(WebCameraServer, HeaderOfAFileThatCannotBeReadArrivesBeforeTheClose)
 {
     CardFolder www("www");
     std::filesystem::create_symlink("/sys/devices/system/cpu/online", www.path() / "f.txt");
@@ -333,7 +333,7 @@ TEST_F(WebCameraTest, HeaderOfAFileThatCannotBeReadArrivesBeforeTheClose)
     EXPECT_EQ(strAnswer.size() - 4, strAnswer.find("\r\n\r\n"));
 }
 
-TEST_F(WebCameraTest, ClientThatDoesNotReadItsAnswersHoldsNobodyAndIsClosed)
+TEST_F(WebCameraServer, ClientThatDoesNotReadItsAnswersHoldsNobodyAndIsClosed)
 {
     Peer deaf(2048);
     deaf.send("GET /camera?focus=1 HTTP/1.1\r\n\r\n");
@@ -358,7 +358,7 @@ TEST_F(WebCameraTest, ClientThatDoesNotReadItsAnswersHoldsNobodyAndIsClosed)
     EXPECT_LT(FakeSystem::measureCount(), 2000) << "it was closed for not reading";
 }
 
-TEST_F(WebCameraTest, ClientThatReadsItsAnswersSlowlyGetsEachOne)
+TEST_F(WebCameraServer, ClientThatReadsItsAnswersSlowlyGetsEachOne)
 {
     const int ANSWERS = 1000; // of 300 bytes and more: more than both sockets hold
     Peer slow(2048);
@@ -384,7 +384,7 @@ TEST_F(WebCameraTest, ClientThatReadsItsAnswersSlowlyGetsEachOne)
     EXPECT_GE(FakeSystem::measureCount(), ANSWERS);
 }
 
-TEST_F(WebCameraTest, ThousandClientsAtRandomMomentsLeaveNothing)
+TEST_F(WebCameraServer, ThousandClientsAtRandomMomentsLeaveNothing)
 {
     std::atomic<bool> bEnd{false};
     std::thread capture([&bEnd] {
@@ -428,7 +428,7 @@ TEST_F(WebCameraTest, ThousandClientsAtRandomMomentsLeaveNothing)
     capture.join();
 }
 
-TEST_F(WebCameraTest, ConnectionsStayOpenWhileTheServerIsStopped)
+TEST_F(WebCameraServer, ConnectionsStayOpenWhileTheServerIsStopped)
 {
     Peer live;
     live.send(LIVE);

@@ -10,10 +10,10 @@ namespace {
 
 const int64_t MS = 1000;
 
-class ControllerTest : public testing::Test
+class ControllerDialogue : public testing::Test
 {
 protected:
-    explicit ControllerTest(const ControllerSettings& settings = {})
+    explicit ControllerDialogue(const ControllerSettings& settings = {})
         : m_controller(settings, m_wireLog)
     {
         m_controller.setTrigger([this](const std::string& strInstruction) {
@@ -64,10 +64,10 @@ protected:
 };
 
 /** Controllers that differ in one habit. */
-class AnsweringControllerTest : public ControllerTest
+class AnsweringControllerTest : public ControllerDialogue
 {
 protected:
-    AnsweringControllerTest() : ControllerTest(makeSettings()) {}
+    AnsweringControllerTest() : ControllerDialogue(makeSettings()) {}
 
     static ControllerSettings makeSettings()
     {
@@ -77,10 +77,10 @@ protected:
     }
 };
 
-class CarelessControllerTest : public ControllerTest
+class CarelessControllerTest : public ControllerDialogue
 {
 protected:
-    CarelessControllerTest() : ControllerTest(makeSettings()) {}
+    CarelessControllerTest() : ControllerDialogue(makeSettings()) {}
 
     static ControllerSettings makeSettings()
     {
@@ -96,7 +96,7 @@ protected:
 
 } // namespace
 
-TEST_F(ControllerTest, StreamedMoveIsAnsweredOnce)
+TEST_F(ControllerDialogue, StreamedMoveIsAnsweredOnce)
 {
     EXPECT_EQ("ok\n|", say("G1 X1 F600\n"));
 
@@ -104,7 +104,7 @@ TEST_F(ControllerTest, StreamedMoveIsAnsweredOnce)
     EXPECT_DOUBLE_EQ(1, m_controller.getMotion().getPosition()[0]);
 }
 
-TEST_F(ControllerTest, PositioningMoveIsAnsweredTwice)
+TEST_F(ControllerDialogue, PositioningMoveIsAnsweredTwice)
 {
     EXPECT_EQ("ok\n|", say("G05 X1 F600\n"));
 
@@ -112,7 +112,7 @@ TEST_F(ControllerTest, PositioningMoveIsAnsweredTwice)
     EXPECT_EQ("done\n|", wait(1 * MS));
 }
 
-TEST_F(ControllerTest, SpotCommandWaitsForTheMoveAndIsAnsweredWithItsEnd)
+TEST_F(ControllerDialogue, SpotCommandWaitsForTheMoveAndIsAnsweredWithItsEnd)
 {
     EXPECT_EQ("ok\n|", say("G05 X-12.50 Y3.00 F2000 \nM18 S1\n"));
 
@@ -121,7 +121,7 @@ TEST_F(ControllerTest, SpotCommandWaitsForTheMoveAndIsAnsweredWithItsEnd)
     EXPECT_TRUE(m_controller.isPilotOn());
 }
 
-TEST_F(ControllerTest, HomingGoesToTheOriginAndIsAnsweredTwice)
+TEST_F(ControllerDialogue, HomingGoesToTheOriginAndIsAnsweredTwice)
 {
     say("G1 X5 Y5 Z5 F60000\n");
     wait(1000 * MS);
@@ -131,7 +131,7 @@ TEST_F(ControllerTest, HomingGoesToTheOriginAndIsAnsweredTwice)
     EXPECT_EQ((Point{0, 0, 0}), m_controller.getMotion().getPosition());
 }
 
-TEST_F(ControllerTest, OnceLeavesTheSecondAnswerOut)
+TEST_F(ControllerDialogue, OnceLeavesTheSecondAnswerOut)
 {
     EXPECT_TRUE(instruct("once on"));
 
@@ -139,21 +139,21 @@ TEST_F(ControllerTest, OnceLeavesTheSecondAnswerOut)
     EXPECT_EQ("", wait(10000 * MS));
 }
 
-TEST_F(ControllerTest, SecondLineEndBelongsToItsLine)
+TEST_F(ControllerDialogue, SecondLineEndBelongsToItsLine)
 {
     EXPECT_EQ("ok\n|", say("G21\n\n"));
     EXPECT_EQ("ok\n|", say("\n"));
     EXPECT_EQ("ok\n|", say("\n"));
 }
 
-TEST_F(ControllerTest, LineMayComeInPieces)
+TEST_F(ControllerDialogue, LineMayComeInPieces)
 {
     EXPECT_EQ("", say("G2"));
     EXPECT_EQ("", say("1"));
     EXPECT_EQ("ok\n|", say("\n"));
 }
 
-TEST_F(ControllerTest, FullQueueHoldsTheAnswerBack)
+TEST_F(ControllerDialogue, FullQueueHoldsTheAnswerBack)
 {
     for (size_t i = 0; i <= Motion::MAX_QUEUED; ++i) {
         EXPECT_EQ("ok\n|", say("G91 G1 X1 F600\n"));
@@ -163,7 +163,7 @@ TEST_F(ControllerTest, FullQueueHoldsTheAnswerBack)
     EXPECT_EQ("ok\n|", wait(100 * MS)); // the first move has ended
 }
 
-TEST_F(ControllerTest, WaitingLinesPushBack)
+TEST_F(ControllerDialogue, WaitingLinesPushBack)
 {
     say("G05 X100 F60\n"); // a long move
     for (int i = 0; i < 64; ++i) {
@@ -174,7 +174,7 @@ TEST_F(ControllerTest, WaitingLinesPushBack)
     EXPECT_FALSE(m_controller.wantsInput());
 }
 
-TEST_F(ControllerTest, BadNumberLocksUntilUnlocked)
+TEST_F(ControllerDialogue, BadNumberLocksUntilUnlocked)
 {
     EXPECT_EQ("error:2\n|", say("G1 Xnan\n"));
     EXPECT_EQ("error:9\n|", say("G1 X1\n"));
@@ -183,13 +183,13 @@ TEST_F(ControllerTest, BadNumberLocksUntilUnlocked)
     EXPECT_EQ("ok\n|", say("G1 X1\n"));
 }
 
-TEST_F(ControllerTest, UnknownLineIsRefusedWithoutALock)
+TEST_F(ControllerDialogue, UnknownLineIsRefusedWithoutALock)
 {
     EXPECT_EQ("error:1\n|", say("G77\n"));
     EXPECT_EQ("ok\n|", say("G1 X1\n"));
 }
 
-TEST_F(ControllerTest, RelativeMovesAddUpAndStayInReach)
+TEST_F(ControllerDialogue, RelativeMovesAddUpAndStayInReach)
 {
     EXPECT_EQ("ok\n|", say("G91\n"));
     EXPECT_EQ("ok\n|", say("X1500 F1000000\n"));
@@ -200,7 +200,7 @@ TEST_F(ControllerTest, RelativeMovesAddUpAndStayInReach)
     EXPECT_DOUBLE_EQ(-1500, m_controller.getMotion().getPosition()[0]);
 }
 
-TEST_F(ControllerTest, RefusedRelativeMoveChangesNothing)
+TEST_F(ControllerDialogue, RefusedRelativeMoveChangesNothing)
 {
     say("G1 X1900 F1000000\n");
     wait(1000 * MS);
@@ -213,7 +213,7 @@ TEST_F(ControllerTest, RefusedRelativeMoveChangesNothing)
     EXPECT_FALSE(beam().bOn);
 }
 
-TEST_F(ControllerTest, LaserAndPilotSpotAreTwoThings)
+TEST_F(ControllerDialogue, LaserAndPilotSpotAreTwoThings)
 {
     EXPECT_TRUE(m_controller.isPilotOn());
     EXPECT_FALSE(beam().bOn);
@@ -227,7 +227,7 @@ TEST_F(ControllerTest, LaserAndPilotSpotAreTwoThings)
     EXPECT_FALSE(beam().bOn);
 }
 
-TEST_F(ControllerTest, LaserHasTheLastPowerAndIsDarkWithoutAny)
+TEST_F(ControllerDialogue, LaserHasTheLastPowerAndIsDarkWithoutAny)
 {
     say("M3\n");
     EXPECT_FALSE(beam().bOn);
@@ -240,7 +240,7 @@ TEST_F(ControllerTest, LaserHasTheLastPowerAndIsDarkWithoutAny)
     EXPECT_FALSE(beam().bOn);
 }
 
-TEST_F(ControllerTest, LaserWordsTakeEffectBehindQueuedMoves)
+TEST_F(ControllerDialogue, LaserWordsTakeEffectBehindQueuedMoves)
 {
     say("G1 X10 F600\nM3 S100\nG1 X20\nM5\nG1 X30\n"); // a second each
 
@@ -255,7 +255,7 @@ TEST_F(ControllerTest, LaserWordsTakeEffectBehindQueuedMoves)
     EXPECT_TRUE(beam().bMoving);
 }
 
-TEST_F(ControllerTest, BeamIsToldWithTheMomentOfItsChange)
+TEST_F(ControllerDialogue, BeamIsToldWithTheMomentOfItsChange)
 {
     say("M3 S100\nG1 X10 F600\nM5\n");
 
@@ -265,7 +265,7 @@ TEST_F(ControllerTest, BeamIsToldWithTheMomentOfItsChange)
               m_controller.getBeam().describe(m_s64Now));
 }
 
-TEST_F(ControllerTest, CombinedWordsAreAllCarriedOut)
+TEST_F(ControllerDialogue, CombinedWordsAreAllCarriedOut)
 {
     EXPECT_EQ("ok\n|", say("M3 S100 G1 X10 F600\n"));
     EXPECT_TRUE(beam().bOn && beam().bMoving);
@@ -277,7 +277,7 @@ TEST_F(ControllerTest, CombinedWordsAreAllCarriedOut)
     EXPECT_DOUBLE_EQ(20, m_controller.getMotion().getPosition()[0]);
 }
 
-TEST_F(ControllerTest, DwellHasItsPlaceInTheQueue)
+TEST_F(ControllerDialogue, DwellHasItsPlaceInTheQueue)
 {
     say("M3 S100\nG4 P2\nM5\n");
 
@@ -287,7 +287,7 @@ TEST_F(ControllerTest, DwellHasItsPlaceInTheQueue)
     EXPECT_FALSE(beam().bOn);
 }
 
-TEST_F(ControllerTest, LaserOffIsTakenWhileLocked)
+TEST_F(ControllerDialogue, LaserOffIsTakenWhileLocked)
 {
     say("M3 S100\nG1 X\n");
     EXPECT_EQ("error:9\n|", say("G21\n"));
@@ -297,7 +297,7 @@ TEST_F(ControllerTest, LaserOffIsTakenWhileLocked)
     EXPECT_FALSE(beam().bOn);
 }
 
-TEST_F(ControllerTest, HoldByteActsPastAFullQueueWithTheBeamOff)
+TEST_F(ControllerDialogue, HoldByteActsPastAFullQueueWithTheBeamOff)
 {
     say("M3 S100\nG91\n");
     for (int i = 0; i < 40; ++i) {
@@ -316,7 +316,7 @@ TEST_F(ControllerTest, HoldByteActsPastAFullQueueWithTheBeamOff)
     EXPECT_TRUE(beam().bOn && beam().bMoving); // as it was
 }
 
-TEST_F(ControllerTest, ResetByteDropsTheQueueAndGreets)
+TEST_F(ControllerDialogue, ResetByteDropsTheQueueAndGreets)
 {
     say("$H\n");
     EXPECT_EQ("done\n|", wait(100 * MS));
@@ -336,7 +336,7 @@ TEST_F(ControllerTest, ResetByteDropsTheQueueAndGreets)
     EXPECT_EQ("ok\n|", say("G21\n"));
 }
 
-TEST_F(ControllerTest, HeldControllerKeepsLaserOffForItsPlace)
+TEST_F(ControllerDialogue, HeldControllerKeepsLaserOffForItsPlace)
 {
     say("M3 S100\nG1 X10 F600\n");
     wait(500 * MS);
@@ -351,7 +351,7 @@ TEST_F(ControllerTest, HeldControllerKeepsLaserOffForItsPlace)
     EXPECT_FALSE(beam().bOn);
 }
 
-TEST_F(ControllerTest, AlarmOfItsOwnComesUnasked)
+TEST_F(ControllerDialogue, AlarmOfItsOwnComesUnasked)
 {
     say("M3 S100\nG1 X10 F600\n");
     wait(500 * MS);
@@ -363,7 +363,7 @@ TEST_F(ControllerTest, AlarmOfItsOwnComesUnasked)
     EXPECT_EQ("error:9\n|", say("G21\n"));
 }
 
-TEST_F(ControllerTest, RestartGreetsWithTheBeamOff)
+TEST_F(ControllerDialogue, RestartGreetsWithTheBeamOff)
 {
     say("M3 S100\nG1 X10 F600\n");
 
@@ -373,7 +373,7 @@ TEST_F(ControllerTest, RestartGreetsWithTheBeamOff)
     EXPECT_FALSE(beam().bOn || beam().bMoving);
 }
 
-TEST_F(ControllerTest, MutedControllerSaysNothingButWorks)
+TEST_F(ControllerDialogue, MutedControllerSaysNothingButWorks)
 {
     EXPECT_TRUE(instruct("mute"));
     EXPECT_EQ("", say("M3 S100\nG21\n"));
@@ -416,7 +416,7 @@ TEST_F(CarelessControllerTest, HoldAndAlarmKeepTheLaser)
     EXPECT_TRUE(beam().bOn);
 }
 
-TEST_F(ControllerTest, HeldControllerTakesNoLineAndSaysWhenItGoesOn)
+TEST_F(ControllerDialogue, HeldControllerTakesNoLineAndSaysWhenItGoesOn)
 {
     say("G1 X100 F6000\n");
     wait(500 * MS);
@@ -431,7 +431,7 @@ TEST_F(ControllerTest, HeldControllerTakesNoLineAndSaysWhenItGoesOn)
     EXPECT_EQ("ok\n|", say("G1 X2\n"));
 }
 
-TEST_F(ControllerTest, HoldAndResumeLines)
+TEST_F(ControllerDialogue, HoldAndResumeLines)
 {
     EXPECT_EQ("ok\n|", say("G21\n"));
     EXPECT_EQ("", say("!\n")); // a byte has no answer
@@ -440,7 +440,7 @@ TEST_F(ControllerTest, HoldAndResumeLines)
     EXPECT_EQ("ok\n|", say("G1 X1\n"));
 }
 
-TEST_F(ControllerTest, FaultsChangeTheAnswer)
+TEST_F(ControllerDialogue, FaultsChangeTheAnswer)
 {
     EXPECT_TRUE(instruct("no-answer"));
     EXPECT_EQ("", say("G21\n"));
@@ -458,7 +458,7 @@ TEST_F(ControllerTest, FaultsChangeTheAnswer)
     EXPECT_EQ("ok\n|", say("G21\n"));
 }
 
-TEST_F(ControllerTest, GarbageFillsAReplyBufferAndIsNoAcknowledgement)
+TEST_F(ControllerDialogue, GarbageFillsAReplyBufferAndIsNoAcknowledgement)
 {
     EXPECT_TRUE(instruct("garbage"));
 
@@ -469,7 +469,7 @@ TEST_F(ControllerTest, GarbageFillsAReplyBufferAndIsNoAcknowledgement)
     EXPECT_FALSE(parseReply(strAnswer).bAck);
 }
 
-TEST_F(ControllerTest, LateAnswerKeepsItsPlaceInLine)
+TEST_F(ControllerDialogue, LateAnswerKeepsItsPlaceInLine)
 {
     EXPECT_TRUE(instruct("late 300"));
 
@@ -479,7 +479,7 @@ TEST_F(ControllerTest, LateAnswerKeepsItsPlaceInLine)
     EXPECT_EQ("error:1\n|ok\n|", wait(1 * MS));
 }
 
-TEST_F(ControllerTest, FaultsAreUsedUpInOrder)
+TEST_F(ControllerDialogue, FaultsAreUsedUpInOrder)
 {
     EXPECT_TRUE(instruct("refuse 5 2"));
     EXPECT_TRUE(instruct("half"));
@@ -490,7 +490,7 @@ TEST_F(ControllerTest, FaultsAreUsedUpInOrder)
     EXPECT_EQ("ok\n|", say("G21\n"));
 }
 
-TEST_F(ControllerTest, RefusedLineIsNotCarriedOut)
+TEST_F(ControllerDialogue, RefusedLineIsNotCarriedOut)
 {
     EXPECT_TRUE(instruct("refuse 5"));
 
@@ -499,7 +499,7 @@ TEST_F(ControllerTest, RefusedLineIsNotCarriedOut)
     EXPECT_TRUE(m_controller.getMotion().isIdle());
 }
 
-TEST_F(ControllerTest, AlarmStopsTheArmAndLocks)
+TEST_F(ControllerDialogue, AlarmStopsTheArmAndLocks)
 {
     say("G1 X100 F6000\n");
     wait(500 * MS);
@@ -515,14 +515,14 @@ TEST_F(ControllerTest, AlarmStopsTheArmAndLocks)
     EXPECT_EQ("ok\n|", say("G1 X1\n"));
 }
 
-TEST_F(ControllerTest, TriggerComesWithItsLine)
+TEST_F(ControllerDialogue, TriggerComesWithItsLine)
 {
     m_controller.addTrigger(2, "refuse 5");
 
     EXPECT_EQ("ok\n|error:5\n|ok\n|", say("G21\nG21\nG21\n"));
 }
 
-TEST_F(ControllerTest, LineOnWhichTheCableIsPulledIsLost)
+TEST_F(ControllerDialogue, LineOnWhichTheCableIsPulledIsLost)
 {
     m_controller.addTrigger(2, "unplug");
 
@@ -531,7 +531,7 @@ TEST_F(ControllerTest, LineOnWhichTheCableIsPulledIsLost)
     EXPECT_TRUE(m_controller.getMotion().isIdle());
 }
 
-TEST_F(ControllerTest, NonsenseInstructionsAreRefused)
+TEST_F(ControllerDialogue, NonsenseInstructionsAreRefused)
 {
     for (const char* const pInstruction :
          {"", "late", "late x", "refuse", "half 0", "half 1 2", "say", "once", "fly"}) {
@@ -539,7 +539,7 @@ TEST_F(ControllerTest, NonsenseInstructionsAreRefused)
     }
 }
 
-TEST_F(ControllerTest, ImageIsNotTakenForLines)
+TEST_F(ControllerDialogue, ImageIsNotTakenForLines)
 {
     EXPECT_EQ("ok\n|", say("M21\n"));
     EXPECT_EQ("", say(std::string("KFW1\x04\0\0\0G1\n\n", 12)));
@@ -548,7 +548,7 @@ TEST_F(ControllerTest, ImageIsNotTakenForLines)
     EXPECT_NE(std::string::npos, m_controller.describe().find("lines=2"));
 }
 
-TEST_F(ControllerTest, ResetForgetsEverythingButThePosition)
+TEST_F(ControllerDialogue, ResetForgetsEverythingButThePosition)
 {
     say("G1 X100 F6000\n");
     wait(500 * MS);

@@ -223,22 +223,22 @@ void expectAllInOrder(const std::string& strText, int nThreads, int nLines)
 
 } // namespace
 
-class LogServerTest : public testing::Test
+class LogServerViewers : public testing::Test
 {
 protected:
-    LogServerTest()
+    LogServerViewers()
     {
         Log::getInstance().setLayout(0).setSinks(0).setLevel(5);
         signal(SIGPIPE, SIG_IGN); // as the service does
     }
-    ~LogServerTest() override
+    ~LogServerViewers() override
     {
         Log::getInstance().setLayout(127).setSinks(LOG_SINK_CONSOLE).setLevel(8);
         signal(SIGPIPE, SIG_DFL);
     }
 };
 
-TEST_F(LogServerTest, TwoViewersGetTheSameLinesInTheSameOrder)
+TEST_F(LogServerViewers, TwoViewersGetTheSameLinesInTheSameOrder)
 {
     RecordingServer server;
     const uint16_t u16Port = server.open();
@@ -261,7 +261,7 @@ TEST_F(LogServerTest, TwoViewersGetTheSameLinesInTheSameOrder)
     EXPECT_EQ(strExpected, first.text().substr(first.text().size() - strExpected.size()));
 }
 
-TEST_F(LogServerTest, LinesOfBeforeAreNotReplayed)
+TEST_F(LogServerViewers, LinesOfBeforeAreNotReplayed)
 {
     RecordingServer server;
     const uint16_t u16Port = server.open();
@@ -275,7 +275,7 @@ TEST_F(LogServerTest, LinesOfBeforeAreNotReplayed)
     EXPECT_EQ("after\n", viewer.text());
 }
 
-TEST_F(LogServerTest, AnyAllocationOfAnAcceptMayFail)
+TEST_F(LogServerViewers, AnyAllocationOfAnAcceptMayFail)
 {
     RecordingServer server; // its reactor is this thread
     const uint16_t u16Port = freePort();
@@ -297,7 +297,7 @@ TEST_F(LogServerTest, AnyAllocationOfAnAcceptMayFail)
     viewer.waitUntilServed();
 }
 
-TEST_F(LogServerTest, CutLineIsSentWithItsZeros)
+TEST_F(LogServerViewers, CutLineIsSentWithItsZeros)
 {
     RecordingServer server;
     Viewer viewer(server.open());
@@ -401,7 +401,7 @@ TEST(LogServer, TakenPortIsLoggedAndTheProgramGoesOn)
     EXPECT_EQ(0, result.nStatus);
 }
 
-TEST_F(LogServerTest, ThreadHasItsNameAndViewersHaveSmallBuffers)
+TEST_F(LogServerViewers, ThreadHasItsNameAndViewersHaveSmallBuffers)
 {
     LogServer& server = LogServer::getInstance();
     const uint16_t u16Port = freePort();
@@ -416,7 +416,7 @@ TEST_F(LogServerTest, ThreadHasItsNameAndViewersHaveSmallBuffers)
     EXPECT_EQ(0, server.uninit());
 }
 
-TEST_F(LogServerTest, WithoutItsPortTheServerIsNotStarted)
+TEST_F(LogServerViewers, WithoutItsPortTheServerIsNotStarted)
 {
     RecordingServer other;
     const uint16_t u16Taken = other.open();
@@ -434,7 +434,7 @@ TEST_F(LogServerTest, WithoutItsPortTheServerIsNotStarted)
     EXPECT_EQ(0, server.uninit());
 }
 
-TEST_F(LogServerTest, ViewersThatStayedHaveEveryLineWhileOthersComeAndGo)
+TEST_F(LogServerViewers, ViewersThatStayedHaveEveryLineWhileOthersComeAndGo)
 {
     const int THREADS = 4;
     const int LINES = 3000; // what all viewers lag behind by stays inside the clients' memory
@@ -485,7 +485,7 @@ TEST_F(LogServerTest, ViewersThatStayedHaveEveryLineWhileOthersComeAndGo)
     EXPECT_TRUE(eventually([&] { return nDescriptors == countDescriptors(); }));
 }
 
-TEST_F(LogServerTest, ViewerThatStopsReadingHoldsTheLinesUntilItLeaves)
+TEST_F(LogServerViewers, ViewerThatStopsReadingHoldsTheLinesUntilItLeaves)
 {
     const int LINES = 2000;
     RecordingServer server;
@@ -513,7 +513,7 @@ TEST_F(LogServerTest, ViewerThatStopsReadingHoldsTheLinesUntilItLeaves)
         << allocatedBytes() << " after " << uBefore;
 }
 
-TEST_F(LogServerTest, ViewerBeyondThe32ndIsRefused)
+TEST_F(LogServerViewers, ViewerBeyondThe32ndIsRefused)
 {
     LogServer& server = LogServer::getInstance();
     const uint16_t u16Port = freePort();
@@ -534,7 +534,7 @@ TEST_F(LogServerTest, ViewerBeyondThe32ndIsRefused)
     EXPECT_EQ(0, server.uninit());
 }
 
-TEST_F(LogServerTest, ViewerThatTakesNothingForFiveSecondsIsClosed)
+TEST_F(LogServerViewers, ViewerThatTakesNothingForFiveSecondsIsClosed)
 {
     RecordingServer server;
     const uint16_t u16Port = server.open();

@@ -174,7 +174,7 @@ TEST(EPoll, ReadinessIsDispatchedInOrder)
     EXPECT_EQ(Names({"in", "out", "err", "hup", "pri"}), recorder.takeNames());
 }
 
-TEST(EPoll, ANonZeroResultFinishesTheEntry)
+TEST(EPoll, NonZeroResultFinishesTheEntry)
 {
     EPoll epoll(20);
     Recorder recorder(epoll);
@@ -223,7 +223,7 @@ TEST(EPoll, WithoutHandlersNothingIsCalled)
     EXPECT_EQ(0, epoll.pollOnce());
 }
 
-TEST(EPoll, AnEntryWithoutARegistrationIsSkipped)
+TEST(EPoll, EntryWithoutARegistrationIsSkipped)
 {
     const std::set<int> before = epollFds();
     EPoll epoll(20);
@@ -247,7 +247,7 @@ TEST(EPoll, AnEntryWithoutARegistrationIsSkipped)
     EXPECT_EQ(pair.m_near.getFd(), recorder.m_nFd);
 }
 
-TEST(EPoll, AnInEventOfTheAcceptDescriptorGoesToTheAcceptHandlerOnly)
+TEST(EPoll, InEventOfTheAcceptDescriptorGoesToTheAcceptHandlerOnly)
 {
     EPoll epoll(20);
     Recorder recorder(epoll);
@@ -346,7 +346,7 @@ TEST(EPoll, OneWaitTakesNoMoreThanTheMaximum)
     EXPECT_NE(nFirst, recorder.m_nFd);
 }
 
-TEST(EPoll, AnIdleWaitLastsASecond)
+TEST(EPoll, IdleWaitLastsASecond)
 {
     EPoll epoll(20);
     const Time start = monotonicNow();
@@ -356,7 +356,7 @@ TEST(EPoll, AnIdleWaitLastsASecond)
     EXPECT_GE(monotonicNow() - start, Time(0, 990000)); // the kernel's clock may be coarser
 }
 
-TEST(EPoll, AFailedWaitDispatchesNothing)
+TEST(EPoll, FailedWaitDispatchesNothing)
 {
     EPoll epoll(20);
     Recorder recorder(epoll);
@@ -504,7 +504,7 @@ TEST(EPoll, DeleteFdOfNoDescriptorWarnsAndFreesNothing)
     EXPECT_EQ(&owner, *recorder.m_ppClient);
 }
 
-TEST(EPoll, AHandlerMayDeleteWhatItIsCalledFor)
+TEST(EPoll, HandlerMayDeleteWhatItIsCalledFor)
 {
     struct Deleter
     {
@@ -599,7 +599,7 @@ TEST(EPoll, InterruptedWaitIsRepeatedAtOnce)
     EXPECT_LT(monotonicMs32() - u32StartMs, 1000U);
 }
 
-TEST(EPoll, AHandlerSetAgainReplacesTheFirst)
+TEST(EPoll, HandlerSetAgainReplacesTheFirst)
 {
     EPoll epoll(20);
     Recorder first(epoll);
@@ -613,7 +613,7 @@ TEST(EPoll, AHandlerSetAgainReplacesTheFirst)
     EXPECT_EQ(Names({"out"}), second.takeNames());
 }
 
-TEST(EPoll, TheThreadDispatchesBetweenStartAndStop)
+TEST(EPoll, ThreadDispatchesBetweenStartAndStop)
 {
     EPoll epoll(20, "my reactor");
     Recorder recorder(epoll);
@@ -633,7 +633,7 @@ TEST(EPoll, TheThreadDispatchesBetweenStartAndStop)
     EXPECT_EQ(0, epoll.stop());
 }
 
-TEST(EPoll, TheThreadBearsTheName)
+TEST(EPoll, ThreadBearsTheName)
 {
     const int nBefore = countThreads("epoll");
     EPoll named(20, "reactor");
@@ -642,7 +642,7 @@ TEST(EPoll, TheThreadBearsTheName)
     EXPECT_EQ(nBefore + 1, countThreads("epoll"));
 }
 
-TEST(EPoll, TheDescriptorIsCloseOnExecAndClosedAtTheEnd)
+TEST(EPoll, DescriptorIsCloseOnExecAndClosedAtTheEnd)
 {
     const std::set<int> before = epollFds();
     {

@@ -249,7 +249,7 @@ TEST(SendQueueTcpClient, SendDuringAPartialWriteReturnsAtOnce)
     EXPECT_EQ(0, client.getQueueLength());
 }
 
-TEST(SendQueueTcpClient, TheQueueKeepsTheBlocksAlive)
+TEST(SendQueueTcpClient, QueueKeepsTheBlocksAlive)
 {
     NetPair pair;
     QueueClient client(pair);
@@ -273,7 +273,7 @@ TEST(SendQueueTcpClient, TheQueueKeepsTheBlocksAlive)
     EXPECT_EQ(0, memcmp("kept", pData, 4));
 }
 
-TEST(SendQueueTcpClient, AnItemWithoutABlockIsTakenOutAndGivesNothing)
+TEST(SendQueueTcpClient, ItemWithoutABlockIsTakenOutAndGivesNothing)
 {
     NetPair pair;
     QueueClient client(pair);
@@ -291,7 +291,7 @@ TEST(SendQueueTcpClient, AnItemWithoutABlockIsTakenOutAndGivesNothing)
     EXPECT_EQ(1, client.getQueueLength());
 }
 
-TEST(SendQueueTcpClient, AFailureIsNotReported)
+TEST(SendQueueTcpClient, FailureIsNotReported)
 {
     NetPair pair;
     QueueClient client(pair);
@@ -356,7 +356,7 @@ TEST(SendQueueTcpClient, ManyProducersLoseNothing)
     }
 }
 
-TEST(SendQueueTcpClient, AConnectionThatCarriesTheLogSurvivesItsOwnFailure)
+TEST(SendQueueTcpClient, ConnectionThatCarriesTheLogSurvivesItsOwnFailure)
 {
     NetPair pair;
     LogCapture log;
@@ -379,7 +379,7 @@ TEST(SendQueueTcpClient, AConnectionThatCarriesTheLogSurvivesItsOwnFailure)
     EXPECT_EQ(1, viewer.getQueueLength());
 }
 
-TEST(SendQueueTcpClient, AReactorsFailingWriteDoesNotReenterTheConnection)
+TEST(SendQueueTcpClient, ReactorsFailingWriteDoesNotReenterTheConnection)
 {
     NetPair pair;
     LogViewer viewer(pair);
@@ -395,7 +395,7 @@ TEST(SendQueueTcpClient, AReactorsFailingWriteDoesNotReenterTheConnection)
     EXPECT_EQ(1U, takeLines(log).size());  // no "mutex lock error !!"
 }
 
-TEST(SendQueueTcpClient, AFailingDirectWriteDoesNotHangTheConnection)
+TEST(SendQueueTcpClient, FailingDirectWriteDoesNotHangTheConnection)
 {
     NetPair pair;
     LogViewer viewer(pair);

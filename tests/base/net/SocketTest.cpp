@@ -100,7 +100,7 @@ TEST(Socket, EachErrorOfAReadHasItsText)
     }
 }
 
-TEST(Socket, AConnectReportsInterruptionsToo)
+TEST(Socket, ConnectReportsInterruptionsToo)
 {
     NetPair pair;
     LogCapture log;
@@ -298,7 +298,7 @@ TEST(Socket, AddressesConvertBothWays)
     EXPECT_EQ(-1, Socket::toSockAddr("1.2.3", 1, raw));
 }
 
-TEST(Socket, AnAddressThatCantBeAskedForIsEmpty)
+TEST(Socket, AddressThatCantBeAskedForIsEmpty)
 {
     Socket socket = datagramSocket();
     SocketAddress address;
@@ -658,7 +658,7 @@ TEST(Socket, WritersTakeTurnsForWholeOperations)
     EXPECT_TRUE(strA + strB == strGot || strB + strA == strGot);
 }
 
-TEST(Socket, ATimeOutRunsWhileAnotherOperationHasTheSocket)
+TEST(Socket, TimeOutRunsWhileAnotherOperationHasTheSocket)
 {
     NetPair pair;
     ASSERT_EQ(0, pair.m_near.setOptBlock(false));
@@ -722,7 +722,7 @@ TEST(Socket, NothingToTransferIsATransferToo)
     (void)sender.close();
 }
 
-TEST(Socket, ALogSinkMayUseTheSocketWhoseFailureItIsTold)
+TEST(Socket, LogSinkMayUseTheSocketWhoseFailureItIsTold)
 {
     struct Sink
     {

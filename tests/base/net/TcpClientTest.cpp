@@ -75,7 +75,7 @@ std::string faultOnSend(NetPair& pair, const char* pWhich, int nError)
 
 } // namespace
 
-TEST(TcpClient, TheBaseDoesNothing)
+TEST(TcpClient, BaseDoesNothing)
 {
     NetPair pair;
     TcpClient client;
@@ -116,7 +116,7 @@ TEST(TcpClient, BuffersAreSentInOrder)
     EXPECT_EQ("!", readBytes(pair.m_far, 1));
 }
 
-TEST(TcpClient, ABufferOfNoLengthIsPassedOver)
+TEST(TcpClient, BufferOfNoLengthIsPassedOver)
 {
     NetPair pair;
     ScriptedClient client(pair);
@@ -127,7 +127,7 @@ TEST(TcpClient, ABufferOfNoLengthIsPassedOver)
     EXPECT_EQ("onetwo", readBytes(pair.m_far, 6));
 }
 
-TEST(TcpClient, APartialWriteIsContinuedByTheNextOutEvent)
+TEST(TcpClient, PartialWriteIsContinuedByTheNextOutEvent)
 {
     NetPair pair;
     ScriptedClient client(pair);
@@ -152,7 +152,7 @@ TEST(TcpClient, APartialWriteIsContinuedByTheNextOutEvent)
     EXPECT_EQ("more", readBytes(pair.m_far, 4));
 }
 
-TEST(TcpClient, AFullSocketLeavesTheBufferPending)
+TEST(TcpClient, FullSocketLeavesTheBufferPending)
 {
     NetPair pair;
     ScriptedClient client(pair);
@@ -171,7 +171,7 @@ TEST(TcpClient, AFullSocketLeavesTheBufferPending)
     EXPECT_EQ(0, client.trySend());
 }
 
-TEST(TcpClient, ASendInterruptedByASignalIsRepeated)
+TEST(TcpClient, SendInterruptedByASignalIsRepeated)
 {
     NetPair pair;
     ScriptedClient client(pair);
@@ -184,7 +184,7 @@ TEST(TcpClient, ASendInterruptedByASignalIsRepeated)
     EXPECT_EQ("data", readBytes(pair.m_far, 4)); // no out event was needed
 }
 
-TEST(TcpClient, AFailedSendEndsTheEngine)
+TEST(TcpClient, FailedSendEndsTheEngine)
 {
     NetPair pair;
     ScriptedClient client(pair);
@@ -200,7 +200,7 @@ TEST(TcpClient, AFailedSendEndsTheEngine)
     EXPECT_EQ(Lines(), takeLines(log));
 }
 
-TEST(TcpClient, AFailedSendUnlocksTheEngine)
+TEST(TcpClient, FailedSendUnlocksTheEngine)
 {
     NetPair pair;
     ScriptedClient client(pair);
@@ -269,7 +269,7 @@ TEST(TcpClient, WhatIsEnqueuedWhileTheQueueIsFoundEmptyIsSent)
     EXPECT_EQ("firstsecond", readBytes(pair.m_far, 11));
 }
 
-TEST(TcpClient, TheFlagIsSetUntilTheQueueWasFoundEmpty)
+TEST(TcpClient, FlagIsSetUntilTheQueueWasFoundEmpty)
 {
     NetPair pair;
     ScriptedClient client(pair);
@@ -287,7 +287,7 @@ TEST(TcpClient, TheFlagIsSetUntilTheQueueWasFoundEmpty)
     EXPECT_EQ(5, nDuring);
 }
 
-TEST(TcpClient, TheEngineIsNotReenteredOnItsOwnThread)
+TEST(TcpClient, EngineIsNotReenteredOnItsOwnThread)
 {
     NetPair pair;
     ScriptedClient client(pair);

@@ -179,7 +179,7 @@ TEST(TcpServer, EachFailedStepOfInitIsLogged)
     }
 }
 
-TEST(TcpServer, ATakenPortIsRefused)
+TEST(TcpServer, TakenPortIsRefused)
 {
     JournalServer first;
     first.listen();
@@ -216,7 +216,7 @@ TEST(TcpServer, UninitStopsListening)
     (void)peer.close();
 }
 
-TEST(TcpServer, AConnectionIsTunedServedAndAnnounced)
+TEST(TcpServer, ConnectionIsTunedServedAndAnnounced)
 {
     JournalServer server;
     server.listen();
@@ -553,7 +553,7 @@ TEST(TcpServer, SocketThatWaitsForMoreToSendIsServedAllTheSame)
     (void)peer.close();
 }
 
-TEST(TcpServer, AHangUpEndsTheConnectionOnce)
+TEST(TcpServer, HangUpEndsTheConnectionOnce)
 {
     JournalServer server;
     server.listen();
@@ -572,7 +572,7 @@ TEST(TcpServer, AHangUpEndsTheConnectionOnce)
     EXPECT_EQ(Lines({CONNECTION_LINE}), takeLines(log));
 }
 
-TEST(TcpServer, AResetEndsTheConnectionOnce)
+TEST(TcpServer, ResetEndsTheConnectionOnce)
 {
     JournalServer server;
     server.listen();
@@ -590,7 +590,7 @@ TEST(TcpServer, AResetEndsTheConnectionOnce)
     EXPECT_FALSE(isOpen(nFd));
 }
 
-TEST(TcpServer, AFailedStopLeavesOutUninit)
+TEST(TcpServer, FailedStopLeavesOutUninit)
 {
     JournalServer server;
     server.listen();
@@ -605,7 +605,7 @@ TEST(TcpServer, AFailedStopLeavesOutUninit)
     EXPECT_EQ(Steps({"onError 1", "stop 1", "delete 1"}), server.m_journal.take());
 }
 
-TEST(TcpServer, AFailedReadOrWriteEndsTheConnection)
+TEST(TcpServer, FailedReadOrWriteEndsTheConnection)
 {
     JournalServer server;
     server.listen();
@@ -631,7 +631,7 @@ TEST(TcpServer, AFailedReadOrWriteEndsTheConnection)
     (void)writer.close();
 }
 
-TEST(TcpServer, AReadMayLetGoOfTheConnection)
+TEST(TcpServer, ReadMayLetGoOfTheConnection)
 {
     class OneByteClient : public TcpClient
     {
@@ -675,7 +675,7 @@ TEST(TcpServer, AReadMayLetGoOfTheConnection)
     (void)peer.close();
 }
 
-TEST(TcpServer, AWriteThatFailsOnAnotherThreadEndsTheConnection)
+TEST(TcpServer, WriteThatFailsOnAnotherThreadEndsTheConnection)
 {
     JournalServer server;
     server.listen();
@@ -700,7 +700,7 @@ TEST(TcpServer, AWriteThatFailsOnAnotherThreadEndsTheConnection)
     (void)peer.close();
 }
 
-TEST(TcpServer, ASocketThatCantBeTunedIsClosedAndItsClientKept)
+TEST(TcpServer, SocketThatCantBeTunedIsClosedAndItsClientKept)
 {
     struct Case
     {
@@ -771,7 +771,7 @@ TEST(TcpServer, KeptClientsAreFreedWithTheServer)
     EXPECT_EQ(Steps({"delete 7"}), journal.take());
 }
 
-TEST(TcpServer, AnInterruptedAcceptIsLoggedAndTheLoopGoesOn)
+TEST(TcpServer, InterruptedAcceptIsLoggedAndTheLoopGoesOn)
 {
     JournalServer server;
     server.listen();
@@ -893,7 +893,7 @@ TEST(TcpServer, EachFailedStepOfAClientEndsIt)
     }
 }
 
-TEST(TcpServer, AFailedAcceptIsTriedAgainWithoutANewConnection)
+TEST(TcpServer, FailedAcceptIsTriedAgainWithoutANewConnection)
 {
     for (const int nError : {ECONNABORTED, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO}) {
         JournalServer server;
@@ -908,7 +908,7 @@ TEST(TcpServer, AFailedAcceptIsTriedAgainWithoutANewConnection)
     }
 }
 
-TEST(TcpServer, AnAcceptThatKeepsFailingIsTriedInEachPass)
+TEST(TcpServer, AcceptThatKeepsFailingIsTriedInEachPass)
 {
     JournalServer server;
     server.listen();
@@ -1031,7 +1031,7 @@ TEST(TcpServer, ItsEndEndsTheOpenConnections)
     }
 }
 
-TEST(TcpServer, AnOpenConnectionEndsAsAnErrorWouldEndIt)
+TEST(TcpServer, OpenConnectionEndsAsAnErrorWouldEndIt)
 {
     Journal journal;
     const std::set<std::string> none;

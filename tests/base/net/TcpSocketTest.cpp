@@ -114,7 +114,7 @@ TEST(TcpSocket, CreateOpensAStreamSocketOnce)
     EXPECT_EQ(0, socket.close());
 }
 
-TEST(TcpSocket, AFailedCreateIsLoggedAndTold)
+TEST(TcpSocket, FailedCreateIsLoggedAndTold)
 {
     TcpSocket socket;
     LogCapture log;
@@ -129,7 +129,7 @@ TEST(TcpSocket, AFailedCreateIsLoggedAndTold)
     EXPECT_FALSE(socket.isValid());
 }
 
-TEST(TcpSocket, AFailedListenIsToldUnlogged)
+TEST(TcpSocket, FailedListenIsToldUnlogged)
 {
     TcpSocket socket;
     LogCapture log;
@@ -178,7 +178,7 @@ TEST(TcpSocket, AcceptWithoutAConnectionFails)
     EXPECT_EQ(Lines(), takeLines(log));
 }
 
-TEST(TcpSocket, AnInterruptedAcceptSucceedsWithoutADescriptor)
+TEST(TcpSocket, InterruptedAcceptSucceedsWithoutADescriptor)
 {
     Listener listener;
     struct sigaction action
@@ -283,7 +283,7 @@ TEST(TcpSocket, DeliberateInterruptedCheckStateIsAnException)
     EXPECT_EQ(2, pair.m_near.checkState());
 }
 
-TEST(TcpSocket, AReceiveBufferBelowTheMinimumIsCorrected)
+TEST(TcpSocket, ReceiveBufferBelowTheMinimumIsCorrected)
 {
     const Limits limits("/proc/sys/net/ipv4/tcp_rmem");
     NetPair pair;
@@ -301,7 +301,7 @@ TEST(TcpSocket, AReceiveBufferBelowTheMinimumIsCorrected)
     EXPECT_EQ(receiveBufferFor(limits.nMinimum), receiveBuffer(pair.m_near));
 }
 
-TEST(TcpSocket, ASendBufferBeyondTheMaximumIsCorrected)
+TEST(TcpSocket, SendBufferBeyondTheMaximumIsCorrected)
 {
     const Limits limits("/proc/sys/net/ipv4/tcp_wmem");
     NetPair pair;
@@ -319,7 +319,7 @@ TEST(TcpSocket, ASendBufferBeyondTheMaximumIsCorrected)
     EXPECT_EQ(sendBufferFor(limits.nMaximum), sendBuffer(pair.m_near));
 }
 
-TEST(TcpSocket, ANegativeBufferSizeBecomesTheMinimum)
+TEST(TcpSocket, NegativeBufferSizeBecomesTheMinimum)
 {
     const Limits limits("/proc/sys/net/ipv4/tcp_wmem");
     NetPair pair;
@@ -438,7 +438,7 @@ TEST(TcpSocket, OptionsAreDumpedInOrder)
     EXPECT_EQ(Lines(), takeLines(log));
 }
 
-TEST(TcpSocketDeathTest, AnOptionThatCantBeReadIsAnAssertion)
+TEST(TcpSocket, OptionThatCantBeReadIsAnAssertion)
 {
     // Which of the reads fails, and what the assertion then says.
     const char* const apExpression[] = {

@@ -42,7 +42,7 @@ public:
 
 } // namespace
 
-TEST(CB, CallReachesTheFunctionWithTheEventAndReturnsItsResult)
+TEST(Callback, CallReachesTheFunctionWithTheEventAndReturnsItsResult)
 {
     Target target;
     CB<Target, int> cb(&target, &Target::onEvent);
@@ -52,7 +52,7 @@ TEST(CB, CallReachesTheFunctionWithTheEventAndReturnsItsResult)
     EXPECT_EQ(&event, target.m_pSeen);
 }
 
-TEST(CB, NullObjectReturnsZeroAndCallsNothing)
+TEST(Callback, NullObjectReturnsZeroAndCallsNothing)
 {
     CB<Target, int> cb(nullptr, &Target::onEvent);
     Event event;
@@ -60,7 +60,7 @@ TEST(CB, NullObjectReturnsZeroAndCallsNothing)
     EXPECT_EQ(0, cb.call(&event));
 }
 
-TEST(CB, NullFunctionReturnsZeroAndCallsNothing)
+TEST(Callback, NullFunctionReturnsZeroAndCallsNothing)
 {
     Target target;
     CB<Target, int> cb(&target, nullptr);
@@ -70,7 +70,7 @@ TEST(CB, NullFunctionReturnsZeroAndCallsNothing)
     EXPECT_EQ(nullptr, target.m_pSeen);
 }
 
-TEST(CB, VirtualFunctionReachesTheOverrideOfTheObject)
+TEST(Callback, VirtualFunctionReachesTheOverrideOfTheObject)
 {
     DerivedTarget target;
     CB<Target, int> cb(&target, &Target::onEvent);
@@ -79,7 +79,7 @@ TEST(CB, VirtualFunctionReachesTheOverrideOfTheObject)
     EXPECT_EQ(70, cb.call(&event));
 }
 
-TEST(CB, EqualWithSameObjectAndFunction)
+TEST(Callback, EqualWithSameObjectAndFunction)
 {
     Target target;
     Target other;
@@ -90,14 +90,14 @@ TEST(CB, EqualWithSameObjectAndFunction)
     EXPECT_FALSE(cb.equals(CB<Target, int>(&target, &Target::onOther)));
 }
 
-TEST(CB, TwoNullFunctionsOfOneObjectAreEqual)
+TEST(Callback, TwoNullFunctionsOfOneObjectAreEqual)
 {
     Target target;
 
     EXPECT_TRUE((CB<Target, int>(&target, nullptr).equals(CB<Target, int>(&target, nullptr))));
 }
 
-TEST(CB, CallbackOfAnotherClassIsNeverEqual)
+TEST(Callback, CallbackOfAnotherClassIsNeverEqual)
 {
     Target target;
     Stranger stranger;

@@ -65,7 +65,7 @@ bool hasNoChildren()
 
 } // namespace
 
-TEST(RunCommand, TrueOnlyWhenItExitedWithZero)
+TEST(CommandRun, TrueOnlyWhenItExitedWithZero)
 {
     EXPECT_TRUE(runCommand("exit 0"));
     EXPECT_FALSE(runCommand("exit 1"));
@@ -73,14 +73,14 @@ TEST(RunCommand, TrueOnlyWhenItExitedWithZero)
     EXPECT_FALSE(runCommand("no-such-command 2> /dev/null"));
 }
 
-TEST(RunCommand, ShellThatCannotRunIsAFailure)
+TEST(CommandRun, ShellThatCannotRunIsAFailure)
 {
     FaultScope fault("system:1:EAGAIN");
 
     EXPECT_FALSE(runCommand("exit 0"));
 }
 
-TEST(RunCommand, BackgroundCommandReturnsAtOnce)
+TEST(CommandRun, BackgroundCommandReturnsAtOnce)
 {
     ScratchFolder folder;
     const std::string strMark = (folder.path() / "mark").string();
@@ -93,29 +93,29 @@ TEST(RunCommand, BackgroundCommandReturnsAtOnce)
     EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(strMark); }));
 }
 
-TEST(CaptureCommand, KeepsTheOutputWithItsLineEnd)
+TEST(CommandCapture, KeepsTheOutputWithItsLineEnd)
 {
     EXPECT_EQ("4096\t87380\n", capture("printf '4096\\t87380\\n'", 64));
 }
 
-TEST(CaptureCommand, KeepsTheFirstBytesOnly)
+TEST(CommandCapture, KeepsTheFirstBytesOnly)
 {
     EXPECT_EQ("abcdefg", capture("echo abcdefghijk", 8));
     EXPECT_EQ("y\ny", capture("yes", 4)); // and the endless rest ends with a broken pipe
     EXPECT_EQ("", capture("echo abc", 1));
 }
 
-TEST(CaptureCommand, SlowOutputIsWaitedFor)
+TEST(CommandCapture, SlowOutputIsWaitedFor)
 {
     EXPECT_EQ("one two", capture("printf one; sleep 0.05; printf ' two'", 64));
 }
 
-TEST(CaptureCommand, SilentCommandGivesAnEmptyText)
+TEST(CommandCapture, SilentCommandGivesAnEmptyText)
 {
     EXPECT_EQ("", capture("true", 64));
 }
 
-TEST(CaptureCommand, MissingProgramOrPipeIsAFailure)
+TEST(CommandCapture, MissingProgramOrPipeIsAFailure)
 {
     char acOutput[64] = "old";
     EXPECT_FALSE(captureCommand("no-such-command 2> /dev/null", acOutput, sizeof(acOutput)));
@@ -126,7 +126,7 @@ TEST(CaptureCommand, MissingProgramOrPipeIsAFailure)
     EXPECT_FALSE(captureCommand("echo abc", acOutput, sizeof(acOutput)));
 }
 
-TEST(CaptureCommand, ReadingGoesOnAfterASignalAndEndsWithAnError)
+TEST(CommandCapture, ReadingGoesOnAfterASignalAndEndsWithAnError)
 {
     char acOutput[64];
     {
@@ -140,7 +140,7 @@ TEST(CaptureCommand, ReadingGoesOnAfterASignalAndEndsWithAnError)
     EXPECT_TRUE(hasNoChildren());
 }
 
-TEST(RunCommandTimed, ReturnsTheExitStatus)
+TEST(CommandRunTimed, ReturnsTheExitStatus)
 {
     const std::set<std::string> setBefore = tempFiles();
 
@@ -151,7 +151,7 @@ TEST(RunCommandTimed, ReturnsTheExitStatus)
     EXPECT_TRUE(noneLeftSince(setBefore));
 }
 
-TEST(RunCommandTimed, CommandIsAScriptOfTheShell)
+TEST(CommandRunTimed, CommandIsAScriptOfTheShell)
 {
     ScratchFolder folder;
     const std::string strOut = (folder.path() / "out").string();
@@ -165,7 +165,7 @@ TEST(RunCommandTimed, CommandIsAScriptOfTheShell)
     EXPECT_EQ(30u, strText.size());
 }
 
-TEST(RunCommandTimed, ShellIsCalledByItsShortName)
+TEST(CommandRunTimed, ShellIsCalledByItsShortName)
 {
     ScratchFolder folder;
     const std::string strCommand =
@@ -177,14 +177,14 @@ TEST(RunCommandTimed, ShellIsCalledByItsShortName)
         << folder.read("out");
 }
 
-TEST(RunCommandTimed, ShellThatCannotBeRunReturns127)
+TEST(CommandRunTimed, ShellThatCannotBeRunReturns127)
 {
     const FaultScope fault("execv=/bin/sh:1:ENOENT");
 
     EXPECT_EQ(127, runCommandTimed("true", Time(30, 0)));
 }
 
-TEST(RunCommandTimed, CommandIsKilledWhenTheBudgetIsUsedUp)
+TEST(CommandRunTimed, CommandIsKilledWhenTheBudgetIsUsedUp)
 {
     const CallJournal journal("select kill");
 
@@ -199,7 +199,7 @@ TEST(RunCommandTimed, CommandIsKilledWhenTheBudgetIsUsedUp)
     EXPECT_TRUE(hasNoChildren());
 }
 
-TEST(RunCommandTimed, WithoutBudgetACommandIsKilledAtOnce)
+TEST(CommandRunTimed, WithoutBudgetACommandIsKilledAtOnce)
 {
     const CallJournal journal("select");
     EXPECT_EQ(255, runCommandTimed("while :; do :; done", Time()));
@@ -207,17 +207,17 @@ TEST(RunCommandTimed, WithoutBudgetACommandIsKilledAtOnce)
     EXPECT_TRUE(CallJournal::lines().empty());
 }
 
-TEST(RunCommandTimed, CommandEndedByASignalCountsAsZero)
+TEST(CommandRunTimed, CommandEndedByASignalCountsAsZero)
 {
     EXPECT_EQ(0, runCommandTimed("kill -9 $$", Time(30, 0)));
 }
 
-TEST(RunCommandTimed, NullCommandReturnsMinusOne)
+TEST(CommandRunTimed, NullCommandReturnsMinusOne)
 {
     EXPECT_EQ(-1, runCommandTimed(nullptr, Time(1, 0)));
 }
 
-TEST(RunCommandTimed, FailuresBeforeTheCommandReturn255)
+TEST(CommandRunTimed, FailuresBeforeTheCommandReturn255)
 {
     for (const char* pPlan :
          {"fork:1:EAGAIN", "mkostemp:1:ENOSPC", "fdopen:1:ENOMEM", "fflush:1:ENOSPC"}) {
@@ -233,7 +233,7 @@ TEST(RunCommandTimed, FailuresBeforeTheCommandReturn255)
     }
 }
 
-TEST(RunCommandTimed, IgnoredChildSignalLosesTheStatusAndStillKills)
+TEST(CommandRunTimed, IgnoredChildSignalLosesTheStatusAndStillKills)
 {
     signal(SIGCHLD, SIG_IGN);
     const int nExited = runCommandTimed("exit 3", Time(30, 0));
@@ -249,7 +249,7 @@ TEST(RunCommandTimed, IgnoredChildSignalLosesTheStatusAndStillKills)
     EXPECT_FALSE(bRun);
 }
 
-TEST(RunCommandTimed, WaitingGoesOnAfterASignal)
+TEST(CommandRunTimed, WaitingGoesOnAfterASignal)
 {
     FaultScope fault("waitpid:1-2:EINTR");
 

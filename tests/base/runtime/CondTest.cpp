@@ -126,7 +126,7 @@ TEST(Cond, FailedBroadcastInTheDestructorIsLogged)
     EXPECT_EQ("[debug] [Cond.cpp ] [~Cond] cond Broadcast failed !!!\n", log.text());
 }
 
-TEST(CondDeathTest, WaitWithATimeOutAborts)
+TEST(Cond, WaitWithATimeOutAborts)
 {
     Mutex mutex(MUTEX_TYPE_ERRORCHECK);
     Cond cond;
@@ -136,7 +136,7 @@ TEST(CondDeathTest, WaitWithATimeOutAborts)
                 "`0' failed");
 }
 
-TEST(CondDeathTest, FailedSetUpNamesExpressionFileAndFunction)
+TEST(Cond, FailedSetUpNamesExpressionFileAndFunction)
 {
     EXPECT_DEATH(
         {

@@ -19,7 +19,7 @@ ChildResult runDaemon(const ScratchFolder& folder, const char* pPlan)
 
 } // namespace
 
-TEST(Daemonise, GoesOnInASessionOfItsOwn)
+TEST(Daemon, GoesOnInASessionOfItsOwn)
 {
     ScratchFolder folder;
 
@@ -37,7 +37,7 @@ TEST(Daemonise, GoesOnInASessionOfItsOwn)
               folder.read("report"));
 }
 
-TEST(Daemonise, FailedForkExitsWithOne)
+TEST(Daemon, FailedForkExitsWithOne)
 {
     ScratchFolder folder;
 
@@ -51,7 +51,7 @@ TEST(Daemonise, FailedForkExitsWithOne)
     EXPECT_EQ("", folder.read("report"));
 }
 
-TEST(Daemonise, FailedSessionExitsWithOne)
+TEST(Daemon, FailedSessionExitsWithOne)
 {
     ScratchFolder folder;
 
@@ -61,7 +61,7 @@ TEST(Daemonise, FailedSessionExitsWithOne)
     EXPECT_EQ("buffered\nstatuses 0 1\n", result.strOutput);
 }
 
-TEST(Daemonise, FailedChangeOfDirectoryExitsWithZero)
+TEST(Daemon, FailedChangeOfDirectoryExitsWithZero)
 {
     ScratchFolder folder;
 
@@ -72,7 +72,7 @@ TEST(Daemonise, FailedChangeOfDirectoryExitsWithZero)
     EXPECT_EQ("", folder.read("report"));
 }
 
-TEST(RestartProcess, KillsTheProcessAndStartsTheProgramAgain)
+TEST(DaemonRestart, KillsTheProcessAndStartsTheProgramAgain)
 {
     ScratchFolder folder;
 
@@ -91,7 +91,7 @@ TEST(RestartProcess, KillsTheProcessAndStartsTheProgramAgain)
         << "its own number, not its parent's";
 }
 
-TEST(RestartProcess, PausesForTheDelayAndForThreeSeconds)
+TEST(DaemonRestart, PausesForTheDelayAndForThreeSeconds)
 {
     ScratchFolder folder;
     const std::string strJournal = (folder.path() / "journal").string();
@@ -110,7 +110,7 @@ TEST(RestartProcess, PausesForTheDelayAndForThreeSeconds)
               folder.read("journal"));
 }
 
-TEST(RestartProcess, FailedForkExitsWithOne)
+TEST(DaemonRestart, FailedForkExitsWithOne)
 {
     const ChildResult result = runChild({BASE_CHILD, "restart-fails", "fork"});
 
@@ -119,7 +119,7 @@ TEST(RestartProcess, FailedForkExitsWithOne)
     EXPECT_EQ(1, result.nStatus);
 }
 
-TEST(RestartProcess, FailedSessionEndsTheRestartWithOne)
+TEST(DaemonRestart, FailedSessionEndsTheRestartWithOne)
 {
     const ChildResult result = runChild({BASE_CHILD, "restart-fails", "setsid"});
 

@@ -27,7 +27,7 @@ bool exists(const std::string& strPath)
 
 } // namespace
 
-class FileTest : public testing::Test
+class FileOnDisk : public testing::Test
 {
 protected:
     std::string at(const char* pName) const
@@ -39,7 +39,7 @@ protected:
     File m_file;
 };
 
-TEST_F(FileTest, ModeFollowsTheFlags)
+TEST_F(FileOnDisk, ModeFollowsTheFlags)
 {
     EXPECT_EQ("wt", File::mode(70));
     EXPECT_EQ("wt", File::mode(2));
@@ -55,7 +55,7 @@ TEST_F(FileTest, ModeFollowsTheFlags)
     EXPECT_EQ("ab+", File::mode(3 | 8 | 16));
 }
 
-TEST_F(FileTest, WriteThenRead)
+TEST_F(FileOnDisk, WriteThenRead)
 {
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_WRITE));
     EXPECT_EQ(5u, m_file.write("hello", 5));
@@ -78,7 +78,7 @@ TEST_F(FileTest, WriteThenRead)
     EXPECT_TRUE(m_file.isEnd());
 }
 
-TEST_F(FileTest, AppendGoesOnAtTheEndAndWriteTruncates)
+TEST_F(FileOnDisk, AppendGoesOnAtTheEndAndWriteTruncates)
 {
     m_folder.write("file", "old");
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_APPEND));
@@ -91,7 +91,7 @@ TEST_F(FileTest, AppendGoesOnAtTheEndAndWriteTruncates)
     EXPECT_EQ("", m_folder.read("file"));
 }
 
-TEST_F(FileTest, OpenFailures)
+TEST_F(FileOnDisk, OpenFailures)
 {
     EXPECT_EQ(-1, m_file.open(nullptr, FILE_FLAG_READ));
     EXPECT_EQ(-1, m_file.open(at("missing").c_str(), FILE_FLAG_READ));
@@ -99,7 +99,7 @@ TEST_F(FileTest, OpenFailures)
     EXPECT_EQ(nullptr, m_file.getStream());
 }
 
-TEST_F(FileTest, WithoutMemoryOpeningFails)
+TEST_F(FileOnDisk, WithoutMemoryOpeningFails)
 {
     const std::string strPath = m_folder.path().string() + "/" + std::string(200, 'n');
     File file;
@@ -113,7 +113,7 @@ TEST_F(FileTest, WithoutMemoryOpeningFails)
     EXPECT_EQ(0, file.open(strPath.c_str(), FILE_FLAG_WRITE));
 }
 
-TEST_F(FileTest, SecondOpenClosesTheFirstFile)
+TEST_F(FileOnDisk, SecondOpenClosesTheFirstFile)
 {
     m_folder.write("one", "1");
     m_folder.write("two", "2");
@@ -125,14 +125,14 @@ TEST_F(FileTest, SecondOpenClosesTheFirstFile)
     EXPECT_EQ(nFirst, fileno(m_file.getStream())); // the lowest free number again
 }
 
-TEST_F(FileTest, DescriptorIsCloseOnExec)
+TEST_F(FileOnDisk, DescriptorIsCloseOnExec)
 {
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_WRITE | FILE_FLAG_READ));
 
     EXPECT_EQ(FD_CLOEXEC, fcntl(fileno(m_file.getStream()), F_GETFD));
 }
 
-TEST_F(FileTest, ReadLineKeepsLineEndsAndEndsWithMinusOne)
+TEST_F(FileOnDisk, ReadLineKeepsLineEndsAndEndsWithMinusOne)
 {
     m_folder.write("file", "first\nsecond line\nlast");
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_READ));
@@ -152,7 +152,7 @@ TEST_F(FileTest, ReadLineKeepsLineEndsAndEndsWithMinusOne)
     EXPECT_EQ(0, memcmp(acZero, acLine, sizeof(acLine)));
 }
 
-TEST_F(FileTest, ReadLineBehindTheLastLineEndClearsTheBuffer)
+TEST_F(FileOnDisk, ReadLineBehindTheLastLineEndClearsTheBuffer)
 {
     m_folder.write("file", "only\n");
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_READ));
@@ -164,7 +164,7 @@ TEST_F(FileTest, ReadLineBehindTheLastLineEndClearsTheBuffer)
     EXPECT_EQ(-1, m_file.readLine(acLine, 0));
 }
 
-TEST_F(FileTest, SeekCountsFromTheCurrentPositionWhateverTheOrigin)
+TEST_F(FileOnDisk, SeekCountsFromTheCurrentPositionWhateverTheOrigin)
 {
     m_folder.write("file", std::string(105, '.'));
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_READ));
@@ -179,7 +179,7 @@ TEST_F(FileTest, SeekCountsFromTheCurrentPositionWhateverTheOrigin)
     EXPECT_EQ(0, m_file.tell()); // clamped to 0
 }
 
-TEST_F(FileTest, SeekHandsTheTargetOverWithTheOriginUnchanged)
+TEST_F(FileOnDisk, SeekHandsTheTargetOverWithTheOriginUnchanged)
 {
     m_folder.write("file", std::string(105, '.'));
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_READ));
@@ -192,7 +192,7 @@ TEST_F(FileTest, SeekHandsTheTargetOverWithTheOriginUnchanged)
     EXPECT_EQ(155, m_file.tell());
 }
 
-TEST_F(FileTest, SeekByTheLargestOffsetsIsClamped)
+TEST_F(FileOnDisk, SeekByTheLargestOffsetsIsClamped)
 {
     m_folder.write("file", std::string(105, '.'));
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_READ));
@@ -204,7 +204,7 @@ TEST_F(FileTest, SeekByTheLargestOffsetsIsClamped)
     EXPECT_EQ(0, m_file.tell());
 }
 
-TEST_F(FileTest, LengthLeavesThePositionAlone)
+TEST_F(FileOnDisk, LengthLeavesThePositionAlone)
 {
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_WRITE));
     ASSERT_EQ(10u, m_file.write("0123456789", 10));
@@ -214,7 +214,7 @@ TEST_F(FileTest, LengthLeavesThePositionAlone)
     EXPECT_EQ(4, m_file.tell());
 }
 
-TEST_F(FileTest, WithoutAStreamEverythingFailsQuietly)
+TEST_F(FileOnDisk, WithoutAStreamEverythingFailsQuietly)
 {
     char acBuffer[8] = "old";
     int nNumber = 0;
@@ -233,7 +233,7 @@ TEST_F(FileTest, WithoutAStreamEverythingFailsQuietly)
     m_file.close();
 }
 
-TEST_F(FileTest, SizeAndAccessOfAPath)
+TEST_F(FileOnDisk, SizeAndAccessOfAPath)
 {
     m_folder.write("file", "12345");
 
@@ -243,7 +243,7 @@ TEST_F(FileTest, SizeAndAccessOfAPath)
     EXPECT_EQ(-1, File::access(at("missing").c_str(), F_OK));
 }
 
-TEST_F(FileTest, SizeBeyondAnIntIsTold)
+TEST_F(FileOnDisk, SizeBeyondAnIntIsTold)
 {
     m_folder.write("sparse", "");
     ASSERT_EQ(0, truncate(at("sparse").c_str(), off_t{3} << 30));
@@ -251,7 +251,7 @@ TEST_F(FileTest, SizeBeyondAnIntIsTold)
     EXPECT_EQ(int64_t{3} << 30, File::size(at("sparse").c_str()));
 }
 
-TEST_F(FileTest, MakeDirectoryReportsItsFailure)
+TEST_F(FileOnDisk, MakeDirectoryReportsItsFailure)
 {
     const mode_t oldMask = umask(0);
     EXPECT_EQ(0, File::makeDirectory(at("new").c_str()));
@@ -265,7 +265,7 @@ TEST_F(FileTest, MakeDirectoryReportsItsFailure)
     EXPECT_EQ("mkdir: File exists\n", testing::internal::GetCapturedStderr());
 }
 
-TEST_F(FileTest, DirectoryPathIsMadeStepByStep)
+TEST_F(FileOnDisk, DirectoryPathIsMadeStepByStep)
 {
     const std::string strPath = at("x/y/z/");
     EXPECT_EQ(0, File::makeDirectoryPath(strPath.c_str(), 1));
@@ -277,7 +277,7 @@ TEST_F(FileTest, DirectoryPathIsMadeStepByStep)
     EXPECT_TRUE(exists(at("x/y/z")));
 }
 
-TEST_F(FileTest, LastComponentWithoutASlashIsNotMade)
+TEST_F(FileOnDisk, LastComponentWithoutASlashIsNotMade)
 {
     EXPECT_EQ(0, File::makeDirectoryPath(at("x/y").c_str(), 1));
 
@@ -285,7 +285,7 @@ TEST_F(FileTest, LastComponentWithoutASlashIsNotMade)
     EXPECT_FALSE(exists(at("x/y")));
 }
 
-TEST_F(FileTest, EmptyComponentOrPathEndsTheWalk)
+TEST_F(FileOnDisk, EmptyComponentOrPathEndsTheWalk)
 {
     EXPECT_EQ(0, File::makeDirectoryPath(nullptr, 0));
     EXPECT_EQ(0, File::makeDirectoryPath("", 0));
@@ -296,7 +296,7 @@ TEST_F(FileTest, EmptyComponentOrPathEndsTheWalk)
     EXPECT_FALSE(exists(at("x")));
 }
 
-TEST_F(FileTest, FailedDirectoryIsPrintedAndReturned)
+TEST_F(FileOnDisk, FailedDirectoryIsPrintedAndReturned)
 {
     m_folder.write("file", "");
     testing::internal::CaptureStderr();
@@ -306,7 +306,7 @@ TEST_F(FileTest, FailedDirectoryIsPrintedAndReturned)
     EXPECT_EQ("mkdir: Not a directory\n", testing::internal::GetCapturedStderr());
 }
 
-TEST_F(FileTest, RemoveReportsItsFailure)
+TEST_F(FileOnDisk, RemoveReportsItsFailure)
 {
     m_folder.write("file", "");
     EXPECT_EQ(0, File::remove(at("file").c_str()));
@@ -317,7 +317,7 @@ TEST_F(FileTest, RemoveReportsItsFailure)
     EXPECT_EQ("remove: No such file or directory\n", testing::internal::GetCapturedStderr());
 }
 
-TEST_F(FileTest, CanonicalPathResolvesLinksAndDots)
+TEST_F(FileOnDisk, CanonicalPathResolvesLinksAndDots)
 {
     m_folder.write("file", "");
     ASSERT_EQ(0, symlink("file", at("link").c_str()));
@@ -330,7 +330,7 @@ TEST_F(FileTest, CanonicalPathResolvesLinksAndDots)
     EXPECT_EQ(-1, File::canonicalPath(at("missing").c_str(), acResult));
 }
 
-TEST_F(FileTest, FullDiskIsAShortWriteOrAFailedFlush)
+TEST_F(FileOnDisk, FullDiskIsAShortWriteOrAFailedFlush)
 {
     ASSERT_EQ(0, m_file.open("/dev/full", FILE_FLAG_WRITE));
 

@@ -128,7 +128,7 @@ TEST(MutexGuard, RefusedLockIsNotUnlocked)
     EXPECT_EQ("[error] [Mutex.cpp ] [lock] mutex lock error !!\n", log.text());
 }
 
-TEST(MutexDeathTest, FailedSetUpNamesExpressionFileAndFunction)
+TEST(Mutex, FailedSetUpNamesExpressionFileAndFunction)
 {
     EXPECT_DEATH(
         {

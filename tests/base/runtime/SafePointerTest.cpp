@@ -24,7 +24,7 @@ char* newText(const char* pText)
 
 } // namespace
 
-TEST(SafePointer_C, HandlesShareTheBuffer)
+TEST(SafePointer, HandlesShareTheBuffer)
 {
     char* pText = newText("frame");
     SafePointer_C<char> first(pText);
@@ -38,7 +38,7 @@ TEST(SafePointer_C, HandlesShareTheBuffer)
 }
 
 // Freed twice is the allocator's to find; what is never freed piles up.
-TEST(SafePointer_C, BufferAndBlockAreFreedOnce)
+TEST(SafePointer, BufferAndBlockAreFreedOnce)
 {
     const size_t uBefore = allocatedBytes();
 
@@ -51,7 +51,7 @@ TEST(SafePointer_C, BufferAndBlockAreFreedOnce)
     EXPECT_GT(uBefore + 10000, allocatedBytes()); // a block alone has more than ten bytes
 }
 
-TEST(SafePointer_C, LastHandleFreesTheBuffer)
+TEST(SafePointer, LastHandleFreesTheBuffer)
 {
     SafePointer_C<char> last;
     {
@@ -64,7 +64,7 @@ TEST(SafePointer_C, LastHandleFreesTheBuffer)
     EXPECT_STREQ("frame", last.get());
 }
 
-TEST(SafePointer_C, HandlesMoveAndAssignToThemselves)
+TEST(SafePointer, HandlesMoveAndAssignToThemselves)
 {
     SafePointer_C<char> first(newText("frame"));
     SafePointer_C<char>& alias = first;
@@ -79,7 +79,7 @@ TEST(SafePointer_C, HandlesMoveAndAssignToThemselves)
     EXPECT_STREQ("frame", third.get());
 }
 
-TEST(SafePointer_C, NullPointerIsReportedAndHoldsNothing)
+TEST(SafePointer, NullPointerIsReportedAndHoldsNothing)
 {
     testing::internal::CaptureStdout();
     SafePointer_C<char> handle(nullptr);
@@ -88,7 +88,7 @@ TEST(SafePointer_C, NullPointerIsReportedAndHoldsNothing)
     EXPECT_EQ(nullptr, handle.get());
 }
 
-TEST(SafePointer_C, CopyOfAHandleMadeFromNullIsReportedToo)
+TEST(SafePointer, CopyOfAHandleMadeFromNullIsReportedToo)
 {
     testing::internal::CaptureStdout();
     const SafePointer_C<char> handle(nullptr);
@@ -102,7 +102,7 @@ TEST(SafePointer_C, CopyOfAHandleMadeFromNullIsReportedToo)
     EXPECT_EQ(nullptr, assigned.get());
 }
 
-TEST(SafePointer_C, HandleMadeEmptyIsSilent)
+TEST(SafePointer, HandleMadeEmptyIsSilent)
 {
     testing::internal::CaptureStdout();
     const SafePointer_C<char> handle;
@@ -115,7 +115,7 @@ TEST(SafePointer_C, HandleMadeEmptyIsSilent)
     EXPECT_EQ(nullptr, assigned.get());
 }
 
-TEST(SafePointer_C, ControlBlockThatCannotBeAllocatedLeavesItEmpty)
+TEST(SafePointer, ControlBlockThatCannotBeAllocatedLeavesItEmpty)
 {
     char* pText = newText("frame");
     const std::string strPlan = "malloc=" + std::to_string(sizeof(SafePointerBlock)) + ":1:ENOMEM";
@@ -129,7 +129,7 @@ TEST(SafePointer_C, ControlBlockThatCannotBeAllocatedLeavesItEmpty)
     EXPECT_EQ(NULL_LINE, testing::internal::GetCapturedStdout());
 }
 
-TEST(SafePointer_C, DataOffsetBelongsToTheBuffer)
+TEST(SafePointer, DataOffsetBelongsToTheBuffer)
 {
     SafePointer_C<char> first(newText("header and data"));
     const SafePointer_C<char> second(first);
@@ -141,7 +141,7 @@ TEST(SafePointer_C, DataOffsetBelongsToTheBuffer)
     EXPECT_EQ(0u, SafePointer_C<char>().getDataOffset());
 }
 
-TEST(SafePointer_C, HandleOfAnotherTypeSharesBufferAndOffset)
+TEST(SafePointer, HandleOfAnotherTypeSharesBufferAndOffset)
 {
     struct Frame
     {
@@ -162,7 +162,7 @@ TEST(SafePointer_C, HandleOfAnotherTypeSharesBufferAndOffset)
     EXPECT_EQ('A', *bytes.get());
 }
 
-TEST(SafePointer_C, HandlesComeAndGoOnSeveralThreads)
+TEST(SafePointer, HandlesComeAndGoOnSeveralThreads)
 {
     const SafePointer_C<char> origin(newText("frame"));
     std::vector<std::thread> vecThread;
@@ -181,7 +181,7 @@ TEST(SafePointer_C, HandlesComeAndGoOnSeveralThreads)
     EXPECT_STREQ("frame", origin.get());
 }
 
-TEST(SafePointer_C, CountIsChangedUnderTheLock)
+TEST(SafePointer, CountIsChangedUnderTheLock)
 {
     const SafePointer_C<char> first(static_cast<char*>(malloc(1)));
     const CallJournal journal("pthread_mutex_lock");

@@ -455,7 +455,7 @@ TEST(Thread, RefusedNiceValueEndsItBeforeTheGate)
 }
 
 // Deliberate: three waits of the destruction have no limit. The alarm is what ends them here.
-TEST(ThreadDeathTest, DestructionWaitsForAThreadThatWasNeverCreated)
+TEST(Thread, DestructionWaitsForAThreadThatWasNeverCreated)
 {
     EXPECT_EXIT(
         {
@@ -470,7 +470,7 @@ TEST(ThreadDeathTest, DestructionWaitsForAThreadThatWasNeverCreated)
         testing::KilledBySignal(SIGALRM), "");
 }
 
-TEST(ThreadDeathTest, DestructionWaitsForAThreadThatNeverReachedItsGate)
+TEST(Thread, DestructionWaitsForAThreadThatNeverReachedItsGate)
 {
     EXPECT_EXIT(
         {
@@ -485,7 +485,7 @@ TEST(ThreadDeathTest, DestructionWaitsForAThreadThatNeverReachedItsGate)
         testing::KilledBySignal(SIGALRM), "");
 }
 
-TEST(ThreadDeathTest, DestructionWaitsForABodyThatNeverReturns)
+TEST(Thread, DestructionWaitsForABodyThatNeverReturns)
 {
     EXPECT_EXIT(
         {

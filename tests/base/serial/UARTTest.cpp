@@ -158,7 +158,7 @@ private:
 };
 
 /** An open port on a pseudo terminal. */
-class UARTTest : public testing::Test
+class UARTPort : public testing::Test
 {
 protected:
     void SetUp() override
@@ -175,19 +175,19 @@ protected:
 };
 
 /** The same with the chip behind it. */
-class UARTChipTest : public UARTTest
+class UARTChip : public UARTPort
 {
 protected:
     void SetUp() override
     {
-        UARTTest::SetUp();
+        UARTPort::SetUp();
         s_chip = {};
         s_chip.nFd = m_uart.getFd();
     }
     void TearDown() override
     {
         s_chip = {};
-        UARTTest::TearDown();
+        UARTPort::TearDown();
     }
 
     static tcflag_t controlFlags(tcflag_t mask)
@@ -287,7 +287,7 @@ TEST(UART, DestructorLeavesTheDescriptorOpen)
     close(nFd);
 }
 
-TEST_F(UARTTest, SecondCloseDoesNothing)
+TEST_F(UARTPort, SecondCloseDoesNothing)
 {
     const int nFd = m_uart.getFd();
     m_uart.close();
@@ -301,13 +301,13 @@ TEST_F(UARTTest, SecondCloseDoesNothing)
     close(nOther);
 }
 
-TEST_F(UARTTest, DescriptorDoesNotBlockAndIsNotInherited)
+TEST_F(UARTPort, DescriptorDoesNotBlockAndIsNotInherited)
 {
     EXPECT_EQ(O_RDWR | O_NONBLOCK, fcntl(m_uart.getFd(), F_GETFL) & (O_ACCMODE | O_NONBLOCK));
     EXPECT_EQ(FD_CLOEXEC, fcntl(m_uart.getFd(), F_GETFD));
 }
 
-TEST_F(UARTTest, SetBlockReplacesAllStatusFlags)
+TEST_F(UARTPort, SetBlockReplacesAllStatusFlags)
 {
     fcntl(m_uart.getFd(), F_SETFL, O_NONBLOCK | O_APPEND);
 
@@ -317,7 +317,7 @@ TEST_F(UARTTest, SetBlockReplacesAllStatusFlags)
     EXPECT_EQ(O_NONBLOCK, fcntl(m_uart.getFd(), F_GETFL) & (O_NONBLOCK | O_APPEND));
 }
 
-TEST_F(UARTTest, RawModeSetsItsFlagsAndLeavesTheOthers)
+TEST_F(UARTPort, RawModeSetsItsFlagsAndLeavesTheOthers)
 {
     termios before{};
     before.c_cflag = CS7 | CSTOPB | PARENB | CRTSCTS | B1200;
@@ -343,7 +343,7 @@ TEST_F(UARTTest, RawModeSetsItsFlagsAndLeavesTheOthers)
     EXPECT_EQ(1, after.c_cc[VMIN]);
 }
 
-TEST_F(UARTTest, RawModeThrowsQueuedInputAway)
+TEST_F(UARTPort, RawModeThrowsQueuedInputAway)
 {
     m_line.feed("old");
     ASSERT_EQ(0, m_uart.setBlock(false));
@@ -355,7 +355,7 @@ TEST_F(UARTTest, RawModeThrowsQueuedInputAway)
     EXPECT_EQ("", contentOf(acBuffer, 8));
 }
 
-TEST_F(UARTTest, BytesPassUnchanged)
+TEST_F(UARTPort, BytesPassUnchanged)
 {
     std::string strAll;
     for (int i = 0; i < 256; ++i) {
@@ -371,7 +371,7 @@ TEST_F(UARTTest, BytesPassUnchanged)
     EXPECT_EQ(strAll, m_line.drain());
 }
 
-TEST_F(UARTTest, ControllerParametersGiveItsCharacterRate)
+TEST_F(UARTPort, ControllerParametersGiveItsCharacterRate)
 {
     EXPECT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
 
@@ -384,7 +384,7 @@ TEST_F(UARTTest, ControllerParametersGiveItsCharacterRate)
     EXPECT_EQ(static_cast<tcflag_t>(CS8), attr.c_cflag & (CSIZE | CSTOPB | PARENB));
 }
 
-TEST_F(UARTChipTest, ParityCountsAsABit)
+TEST_F(UARTChip, ParityCountsAsABit)
 {
     EXPECT_EQ(1, m_uart.setParam(9600, 7, 2, 2));
 
@@ -392,7 +392,7 @@ TEST_F(UARTChipTest, ParityCountsAsABit)
     EXPECT_EQ(((3 * 8 + 7 - 1) * 1000) / (7 * (9600 / 11)), m_uart.txTime(3));
 }
 
-TEST_F(UARTChipTest, LargeBlocksDoNotOverflowTheTime)
+TEST_F(UARTChip, LargeBlocksDoNotOverflowTheTime)
 {
     ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
 
@@ -401,7 +401,7 @@ TEST_F(UARTChipTest, LargeBlocksDoNotOverflowTheTime)
     EXPECT_TRUE(Time() == m_uart.txTimeValue(-100));
 }
 
-TEST_F(UARTChipTest, ParametersStopAtTheFirstFailure)
+TEST_F(UARTChip, ParametersStopAtTheFirstFailure)
 {
     ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
 
@@ -414,7 +414,7 @@ TEST_F(UARTChipTest, ParametersStopAtTheFirstFailure)
     EXPECT_EQ(11520, m_uart.getCharRate());
 }
 
-TEST_F(UARTTest, EverySpeedOfTheTable)
+TEST_F(UARTPort, EverySpeedOfTheTable)
 {
     const std::vector<std::pair<int32_t, speed_t>> vecSpeed = {
         {115200, B115200}, {57600, B57600}, {38400, B38400}, {19200, B19200}, {9600, B9600},
@@ -429,7 +429,7 @@ TEST_F(UARTTest, EverySpeedOfTheTable)
     }
 }
 
-TEST_F(UARTTest, DeliberateUnknownSpeedSucceedsAndChangesNothing)
+TEST_F(UARTPort, DeliberateUnknownSpeedSucceedsAndChangesNothing)
 {
     ASSERT_EQ(1, m_uart.setSpeed(19200));
 
@@ -440,7 +440,7 @@ TEST_F(UARTTest, DeliberateUnknownSpeedSucceedsAndChangesNothing)
     EXPECT_EQ(static_cast<speed_t>(B19200), cfgetospeed(&attr));
 }
 
-TEST_F(UARTChipTest, DataBitsFiveToEight)
+TEST_F(UARTChip, DataBitsFiveToEight)
 {
     const std::vector<std::pair<int32_t, tcflag_t>> vecSize = {
         {5, CS5}, {6, CS6}, {7, CS7}, {8, CS8}};
@@ -456,7 +456,7 @@ TEST_F(UARTChipTest, DataBitsFiveToEight)
     }
 }
 
-TEST_F(UARTTest, SizeThatTheDeviceRefusesIsTold)
+TEST_F(UARTPort, SizeThatTheDeviceRefusesIsTold)
 {
     testing::internal::CaptureStderr();
 
@@ -466,7 +466,7 @@ TEST_F(UARTTest, SizeThatTheDeviceRefusesIsTold)
               testing::internal::GetCapturedStderr());
 }
 
-TEST_F(UARTChipTest, RawModeAndSpeedFlushAroundTheirChange)
+TEST_F(UARTChip, RawModeAndSpeedFlushAroundTheirChange)
 {
     EXPECT_EQ(1, m_uart.setRawMode());
     EXPECT_EQ("get flush-io flush-io set get ", s_chip.strJournal);
@@ -480,7 +480,7 @@ TEST_F(UARTChipTest, RawModeAndSpeedFlushAroundTheirChange)
     EXPECT_EQ("get ", s_chip.strJournal);
 }
 
-TEST_F(UARTTest, OtherDataBitsFailSilently)
+TEST_F(UARTPort, OtherDataBitsFailSilently)
 {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
@@ -493,7 +493,7 @@ TEST_F(UARTTest, OtherDataBitsFailSilently)
     EXPECT_EQ(7, m_uart.getDataBits());
 }
 
-TEST_F(UARTChipTest, StopBitsOneAndTwo)
+TEST_F(UARTChip, StopBitsOneAndTwo)
 {
     EXPECT_EQ(1, m_uart.setStopBits(2));
     EXPECT_EQ(static_cast<tcflag_t>(CSTOPB), controlFlags(CSTOPB));
@@ -502,7 +502,7 @@ TEST_F(UARTChipTest, StopBitsOneAndTwo)
     EXPECT_EQ(1, m_uart.getStopBits());
 }
 
-TEST_F(UARTTest, OtherStopBitsAreTold)
+TEST_F(UARTPort, OtherStopBitsAreTold)
 {
     testing::internal::CaptureStderr();
 
@@ -512,7 +512,7 @@ TEST_F(UARTTest, OtherStopBitsAreTold)
     EXPECT_EQ(0, m_uart.getStopBits());
 }
 
-TEST_F(UARTChipTest, ParityCodesSetTheirFlags)
+TEST_F(UARTChip, ParityCodesSetTheirFlags)
 {
     s_chip.attr.c_iflag = PARMRK | IGNPAR;
     s_chip.attr.c_cflag = CS8;
@@ -531,7 +531,7 @@ TEST_F(UARTChipTest, ParityCodesSetTheirFlags)
     EXPECT_EQ(0, m_uart.getParity());
 }
 
-TEST_F(UARTChipTest, DeliberateParityCodesThreeAndFourLeaveTheInputFlags)
+TEST_F(UARTChip, DeliberateParityCodesThreeAndFourLeaveTheInputFlags)
 {
     for (const int32_t s32Code : {3, 4}) {
         ASSERT_EQ(1, m_uart.setParity(1));
@@ -544,7 +544,7 @@ TEST_F(UARTChipTest, DeliberateParityCodesThreeAndFourLeaveTheInputFlags)
     }
 }
 
-TEST_F(UARTTest, OtherParityCodesAreTold)
+TEST_F(UARTPort, OtherParityCodesAreTold)
 {
     for (const int32_t s32Code : {5, 100, -1}) {
         testing::internal::CaptureStderr();
@@ -576,7 +576,7 @@ TEST(UART, ClosedPortTellsEachFailure)
     EXPECT_EQ(-1, uart.read(acBuffer, 4, Time(0, 0)));
 }
 
-TEST_F(UARTTest, DeliberateReadReturnsZeroWhenBytesArrived)
+TEST_F(UARTPort, DeliberateReadReturnsZeroWhenBytesArrived)
 {
     m_line.feed("0123456789");
 
@@ -586,7 +586,7 @@ TEST_F(UARTTest, DeliberateReadReturnsZeroWhenBytesArrived)
     EXPECT_EQ("0123456789", contentOf(acBuffer, 64));
 }
 
-TEST_F(UARTTest, ReadTakesAtMostWhatIsAskedFor)
+TEST_F(UARTPort, ReadTakesAtMostWhatIsAskedFor)
 {
     m_line.feed("0123456789");
 
@@ -597,7 +597,7 @@ TEST_F(UARTTest, ReadTakesAtMostWhatIsAskedFor)
     EXPECT_EQ("0123", contentOf(acBuffer, 8));
 }
 
-TEST_F(UARTTest, ReadTakesOneReadOnly)
+TEST_F(UARTPort, ReadTakesOneReadOnly)
 {
     m_line.feed("one");
     char acBuffer[8] = {0};
@@ -609,7 +609,7 @@ TEST_F(UARTTest, ReadTakesOneReadOnly)
     EXPECT_EQ("one", contentOf(acBuffer, 8));
 }
 
-TEST_F(UARTTest, ReadWithZeroTimeOutLooksOnce)
+TEST_F(UARTPort, ReadWithZeroTimeOutLooksOnce)
 {
     char acBuffer[8] = {0};
     EXPECT_EQ(0, m_uart.read(acBuffer, 8, Time(0, 0)));
@@ -621,7 +621,7 @@ TEST_F(UARTTest, ReadWithZeroTimeOutLooksOnce)
     EXPECT_EQ("x", contentOf(acBuffer, 8));
 }
 
-TEST_F(UARTTest, ReadWaitsItsTime)
+TEST_F(UARTPort, ReadWaitsItsTime)
 {
     const uint64_t u64Start = monotonicMs();
 
@@ -631,7 +631,7 @@ TEST_F(UARTTest, ReadWaitsItsTime)
     EXPECT_LE(199U, monotonicMs() - u64Start);
 }
 
-TEST_F(UARTTest, ReadOfAPortThatWentAwayBringsNothing)
+TEST_F(UARTPort, ReadOfAPortThatWentAwayBringsNothing)
 {
     m_line.unplug();
 
@@ -640,7 +640,7 @@ TEST_F(UARTTest, ReadOfAPortThatWentAwayBringsNothing)
     EXPECT_EQ("", contentOf(acBuffer, 8));
 }
 
-TEST_F(UARTTest, SendToAPortThatWentAwayIsTold)
+TEST_F(UARTPort, SendToAPortThatWentAwayIsTold)
 {
     m_line.unplug();
     testing::internal::CaptureStdout();
@@ -650,7 +650,7 @@ TEST_F(UARTTest, SendToAPortThatWentAwayIsTold)
     EXPECT_EQ("nWriteLength:-1\n", testing::internal::GetCapturedStdout());
 }
 
-TEST_F(UARTTest, FullPortCutsTheSendShort)
+TEST_F(UARTPort, FullPortCutsTheSendShort)
 {
     const std::string strBlock(1000000, 'x');
     testing::internal::CaptureStdout();
@@ -669,7 +669,7 @@ TEST_F(UARTTest, FullPortCutsTheSendShort)
     EXPECT_EQ(s32Sent, s32Arrived);
 }
 
-TEST_F(UARTTest, SendWithoutDrainAsksNothing)
+TEST_F(UARTPort, SendWithoutDrainAsksNothing)
 {
     ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
     const LogCapture log;
@@ -682,7 +682,7 @@ TEST_F(UARTTest, SendWithoutDrainAsksNothing)
     EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(UARTTest, DrainOnAPortWithoutLineStatusFails)
+TEST_F(UARTPort, DrainOnAPortWithoutLineStatusFails)
 {
     ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
     const LogCapture log;
@@ -695,7 +695,7 @@ TEST_F(UARTTest, DrainOnAPortWithoutLineStatusFails)
     EXPECT_EQ(vecExpected, log.lines());
 }
 
-TEST_F(UARTChipTest, DrainEndsWhenTheTransmitterIsEmpty)
+TEST_F(UARTChip, DrainEndsWhenTheTransmitterIsEmpty)
 {
     ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
     s_chip.vecStatus = {TIOCSER_TEMT};
@@ -705,7 +705,7 @@ TEST_F(UARTChipTest, DrainEndsWhenTheTransmitterIsEmpty)
     EXPECT_EQ(1U, s_chip.uQueries);
 }
 
-TEST_F(UARTChipTest, DrainGivesUpAfterTwoRounds)
+TEST_F(UARTChip, DrainGivesUpAfterTwoRounds)
 {
     ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
     s_chip.vecStatus = {0, 0};
@@ -715,7 +715,7 @@ TEST_F(UARTChipTest, DrainGivesUpAfterTwoRounds)
     EXPECT_EQ(2U, s_chip.uQueries);
 }
 
-TEST_F(UARTChipTest, DrainWaitsOneTransmissionTimePerRound)
+TEST_F(UARTChip, DrainWaitsOneTransmissionTimePerRound)
 {
     ASSERT_EQ(1, m_uart.setParam(300, 8, 1, 0)); // 30 characters per second
     s_chip.vecStatus = {0, TIOCSER_TEMT};
@@ -727,7 +727,7 @@ TEST_F(UARTChipTest, DrainWaitsOneTransmissionTimePerRound)
     EXPECT_EQ(2U, s_chip.uQueries);
 }
 
-TEST_F(UARTChipTest, FlushesNameTheirQueues)
+TEST_F(UARTChip, FlushesNameTheirQueues)
 {
     EXPECT_EQ(0, m_uart.flushIn());
     EXPECT_EQ(0, m_uart.flushOut());
@@ -736,7 +736,7 @@ TEST_F(UARTChipTest, FlushesNameTheirQueues)
     EXPECT_EQ("flush-in flush-out flush-io ", s_chip.strJournal);
 }
 
-TEST_F(UARTTest, FlushesThrowTheirQueueAway)
+TEST_F(UARTPort, FlushesThrowTheirQueueAway)
 {
     char acBuffer[8] = {0};
     m_line.feed("in");
@@ -760,7 +760,7 @@ TEST_F(UARTTest, FlushesThrowTheirQueueAway)
     EXPECT_EQ(-1, m_uart.flushIO());
 }
 
-TEST_F(UARTTest, AttributesArePrintedInHex)
+TEST_F(UARTPort, AttributesArePrintedInHex)
 {
     const termios attr = m_line.attributes();
     char acExpected[128] = {0};

@@ -61,7 +61,7 @@ class Vision(unittest.TestCase):
         self.assertAlmostEqual(-7.89, float(move.group(2)), delta=0.03)
         self.assertAlmostEqual(-1.5, float(answer), delta=0.2)
 
-    def test_a_running_measurement_waits_without_limit_and_holds_the_other_answers_back(self):
+    def test_running_measurement_waits_without_limit_and_holds_the_other_answers_back(self):
         self.place(1, 1, 0)
         self.board.camera.unplug()
         wait_until(lambda: any("STREAMOFF" in line for line in self.board.camera.journal()),
