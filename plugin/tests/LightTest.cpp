@@ -67,7 +67,7 @@ Found lookAtBrightLaser(double dGain, double dLeak)
 
 } // namespace
 
-TEST(FrameProcessor, PositionIsRightFromAQuarterOfTheLightToHalfAsMuchAgain)
+TEST(Light, PositionIsRightFromAQuarterOfTheLightToHalfAsMuchAgain)
 {
     SceneCamera camera;
     for (const double dLight : {0.25, 0.3, 0.4, 0.6, 0.86, 1.0, 1.2, 1.4}) {
@@ -78,7 +78,7 @@ TEST(FrameProcessor, PositionIsRightFromAQuarterOfTheLightToHalfAsMuchAgain)
 }
 
 // Over the whole range of exposures, 1 to 400.
-TEST(FrameProcessor, WhatIsToldIsRightInAnyLight)
+TEST(Light, WhatIsToldIsRightInAnyLight)
 {
     SceneCamera camera;
     for (const int nExposure :
@@ -98,7 +98,7 @@ TEST(FrameProcessor, WhatIsToldIsRightInAnyLight)
     }
 }
 
-TEST(FrameProcessor, OverexposedPictureIsAFailure)
+TEST(Light, OverexposedPictureIsAFailure)
 {
     SceneCamera camera;
     for (const double dLight : {1.6, 1.8, 2.0, 2.5, 10.0}) {
@@ -110,7 +110,7 @@ TEST(FrameProcessor, OverexposedPictureIsAFailure)
     }
 }
 
-TEST(FrameProcessor, PictureTooDarkIsAFailure)
+TEST(Light, PictureTooDarkIsAFailure)
 {
     SceneCamera camera;
     for (const double dLight : {0.0, 0.01, 0.05, 0.2}) {
@@ -122,7 +122,7 @@ TEST(FrameProcessor, PictureTooDarkIsAFailure)
     }
 }
 
-TEST(FrameProcessor, BrightLasersPlaceIsToldButNotItsWidth)
+TEST(Light, BrightLasersPlaceIsToldButNotItsWidth)
 {
     for (const double dGain : {2.0, 4.0, 8.0}) {
         for (const double dLeak : {0.0, 0.15, 0.3}) {
@@ -134,7 +134,7 @@ TEST(FrameProcessor, BrightLasersPlaceIsToldButNotItsWidth)
     }
 }
 
-TEST(FrameProcessor, LaserThatIsHardlyClippedTellsItsWidth)
+TEST(Light, LaserThatIsHardlyClippedTellsItsWidth)
 {
     for (const double dLeak : {0.0, 0.15, 0.3}) {
         const Found found = lookAtBrightLaser(1, dLeak);
@@ -144,7 +144,7 @@ TEST(FrameProcessor, LaserThatIsHardlyClippedTellsItsWidth)
 }
 
 // The exposure that the first picture asks for is in force for the third.
-TEST(FrameProcessor, LightThatChangesCostsTwoMeasurementsAtMost)
+TEST(Light, LightThatChangesCostsTwoMeasurementsAtMost)
 {
     SceneCamera camera;
     for (const double dLight : {0.15, 0.5, 1.5, 2.0, 2.5}) {

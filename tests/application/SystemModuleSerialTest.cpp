@@ -21,6 +21,7 @@
 
 #include "BoardEnvironment.h"
 #include "ControllerPort.h"
+#include "Descriptors.h"
 #include "ElectricController.h"
 #include "EventBus.h"
 #include "Eventually.h"
@@ -142,18 +143,16 @@ size_t countPorts()
         return 0;
     }
     size_t uCount = 0;
-    DIR* const pDir = opendir("/proc/self/fd");
-    while (const dirent* const pEntry = readdir(pDir)) {
+    for (const auto& [nFd, strTarget] : openDescriptors()) {
         struct stat opened
         {
         };
-        const bool bOpen = '.' != pEntry->d_name[0] && 0 == fstat(atoi(pEntry->d_name), &opened);
+        const bool bOpen = 0 == fstat(nFd, &opened);
         uCount += (bOpen && S_ISCHR(opened.st_mode) && port.st_rdev == opened.st_rdev &&
                    port.st_dev == opened.st_dev)
                       ? 1
                       : 0;
     }
-    closedir(pDir);
     return uCount;
 }
 

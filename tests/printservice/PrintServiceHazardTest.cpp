@@ -82,17 +82,18 @@ protected:
 };
 
 /** A controller that takes care of the laser itself. */
-class PrintServiceCarefulArm : public PrintServiceHazard
+class PrintServiceHazardCarefulArm : public PrintServiceHazard
 {
 protected:
-    PrintServiceCarefulArm() : PrintServiceHazard(Texts{}) {}
+    PrintServiceHazardCarefulArm() : PrintServiceHazard(Texts{}) {}
 };
 
 /** One that answers every line end, and takes its time for that. */
-class PrintServiceAnsweringArm : public PrintServiceHazard
+class PrintServiceHazardAnsweringArm : public PrintServiceHazard
 {
 protected:
-    PrintServiceAnsweringArm() : PrintServiceHazard({"--answer-empty-lines", "--answer-ms", "40"})
+    PrintServiceHazardAnsweringArm()
+        : PrintServiceHazard({"--answer-empty-lines", "--answer-ms", "40"})
     {
     }
 };
@@ -319,7 +320,7 @@ TEST_F(PrintServiceHazard, DeliberatePauseByTheControllerLeavesTheLaserOn)
     EXPECT_TRUE(waitUntilDark());
 }
 
-TEST_F(PrintServiceCarefulArm, HoldAlarmAndResetAreDark)
+TEST_F(PrintServiceHazardCarefulArm, HoldAlarmAndResetAreDark)
 {
     m_controller.instruct("line 3 hold");
     startJob(makeMoves(5));
@@ -339,7 +340,7 @@ TEST_F(PrintServiceCarefulArm, HoldAlarmAndResetAreDark)
     EXPECT_TRUE(waitUntilDark());
 }
 
-TEST_F(PrintServiceAnsweringArm, DeliberateAnsweredLineEndsLoseARefusedLineAndRepeatAnother)
+TEST_F(PrintServiceHazardAnsweringArm, DeliberateAnsweredLineEndsLoseARefusedLineAndRepeatAnother)
 {
     m_controller.instruct("line 7 refuse 5"); // the fourth, each with an empty line behind it
 

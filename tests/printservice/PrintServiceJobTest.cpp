@@ -6,7 +6,9 @@
 
 #include <fcntl.h>
 
+#include "Descriptors.h"
 #include "PrintTest.h"
+#include "Threads.h"
 #include "Time.h"
 
 namespace {
@@ -221,23 +223,10 @@ TEST_F(PrintServiceJob, JobRunsOnItsThreadAndItsFileIsNotInherited)
     EXPECT_EQ(0, service().startPrint());
     EXPECT_TRUE(waitForLines(1));
 
-    bool bThread = false;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string strName;
-        std::getline(std::ifstream(entry.path() / "comm"), strName);
-        bThread = bThread || "printservice" == strName;
-    }
-    EXPECT_TRUE(bThread);
-    size_t uOpen = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code error; // the listing's own descriptor is gone by now
-        const std::string strTarget = std::filesystem::read_symlink(entry.path(), error).string();
-        if (contains(strTarget, "/tmp.gcode")) {
-            ++uOpen;
-            EXPECT_EQ(FD_CLOEXEC, fcntl(std::stoi(entry.path().filename()), F_GETFD));
-        }
-    }
-    EXPECT_EQ(1U, uOpen);
+    EXPECT_EQ(1, countThreads("printservice"));
+    const auto mapOpen = openDescriptors("/tmp.gcode");
+    ASSERT_EQ(1U, mapOpen.size());
+    EXPECT_EQ(FD_CLOEXEC, fcntl(mapOpen.begin()->first, F_GETFD));
     m_controller.instruct("go");
     EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
 }

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "BoardEnvironment.h"
+#include "Descriptors.h"
 #include "PrintTest.h"
 
 namespace {
@@ -32,20 +33,6 @@ protected:
         return vecStore;
     }
 };
-
-/** The numbers of this process's descriptors. */
-std::set<int> descriptors()
-{
-    std::set<int> setFd;
-    DIR* const pDir = opendir("/proc/self/fd");
-    while (const dirent* const pEntry = readdir(pDir)) {
-        if ('.' != pEntry->d_name[0] && dirfd(pDir) != atoi(pEntry->d_name)) {
-            setFd.insert(atoi(pEntry->d_name));
-        }
-    }
-    closedir(pDir);
-    return setFd;
-}
 
 } // namespace
 
@@ -87,14 +74,14 @@ TEST_F(PrintServiceReset, ExportAloneDrivesTheLineHigh)
 
 TEST_F(PrintServiceReset, DeliberateDescriptorsStayOpen)
 {
-    const std::set<int> setBefore = descriptors();
+    const auto mapBefore = openDescriptors();
 
     EXPECT_EQ(0, service().resetStm32());
 
-    const std::set<int> setAfter = descriptors();
-    EXPECT_EQ(setBefore.size() + 4, setAfter.size());
-    for (const int nFd : setAfter) {
-        if (0 == setBefore.count(nFd)) {
+    const auto mapAfter = openDescriptors();
+    EXPECT_EQ(mapBefore.size() + 4, mapAfter.size());
+    for (const auto& [nFd, strTarget] : mapAfter) {
+        if (0 == mapBefore.count(nFd)) {
             EXPECT_EQ(FD_CLOEXEC, fcntl(nFd, F_GETFD)) << nFd; // yet no command inherits them
         }
     }

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Descriptors.h"
 #include "DriverAnswer.h"
 #include "Fault.h"
 #include "LogCapture.h"
@@ -16,17 +17,6 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-
-/** Descriptors of this process. */
-size_t openDescriptors()
-{
-    size_t uCount = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        (void)entry;
-        ++uCount;
-    }
-    return uCount;
-}
 
 /** Video buffers that are mapped into this process. */
 size_t mappedBuffers()
@@ -64,7 +54,7 @@ protected:
         return vecLine;
     }
 
-    size_t m_uDescriptors = openDescriptors(); // the camera's own come later
+    size_t m_uDescriptors = openDescriptors().size(); // the camera's own come later
     VirtualCamera m_camera;
     LogCapture m_log;
     V4L2 m_v4l2;
@@ -304,7 +294,7 @@ class V4L2InitFailingStep : public V4L2Init, public testing::WithParamInterface<
 
 TEST_P(V4L2InitFailingStep, ClosesTheDeviceAndLeavesNothingBehind)
 {
-    const size_t uBefore = openDescriptors();
+    const size_t uBefore = openDescriptors().size();
     if ('\0' != *GetParam().pCommand) {
         m_camera.command(GetParam().pCommand);
     }
@@ -319,7 +309,7 @@ TEST_P(V4L2InitFailingStep, ClosesTheDeviceAndLeavesNothingBehind)
     EXPECT_EQ(1U, m_camera.count(GetParam().pLastCall))
         << testing::PrintToString(m_camera.journal());
     EXPECT_TRUE(endsWith(m_log.lines().back(), GetParam().pMessage)) << m_log.lines().back();
-    EXPECT_EQ(uBefore, openDescriptors());
+    EXPECT_EQ(uBefore, openDescriptors().size());
     EXPECT_EQ(0U, mappedBuffers());
     EXPECT_EQ(RET_FAILED, m_v4l2.uninit()); // closed already
     EXPECT_EQ(RET_FAILED, m_v4l2.streamOff());
@@ -368,23 +358,23 @@ TEST_F(V4L2Init, MoreBuffersThanAskedForAreAllMapped)
 TEST_F(V4L2Init, InitOfAnOpenCameraBeginsAnew)
 {
     EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
-    const size_t uOpen = openDescriptors();
+    const size_t uOpen = openDescriptors().size();
 
     EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
 
-    EXPECT_EQ(uOpen, openDescriptors());
+    EXPECT_EQ(uOpen, openDescriptors().size());
     EXPECT_EQ(2U, mappedBuffers());
 }
 
 TEST_F(V4L2Init, ObjectReleasesAnOpenCamera)
 {
-    const size_t uBefore = openDescriptors();
+    const size_t uBefore = openDescriptors().size();
     {
         V4L2 other;
         EXPECT_EQ(RET_SUCCESS, other.init(0));
     }
 
-    EXPECT_EQ(uBefore, openDescriptors());
+    EXPECT_EQ(uBefore, openDescriptors().size());
     EXPECT_EQ(0U, mappedBuffers());
 }
 

@@ -9,6 +9,7 @@
 
 #include "CardFolder.h"
 #include "Connection.h"
+#include "Descriptors.h"
 #include "FakeSystem.h"
 #include "Fault.h"
 
@@ -244,23 +245,14 @@ TEST_F(HttpFileClientAnswer, RepeatsAreAnsweredInOrderOneAtATime)
 
 TEST_F(HttpFileClientAnswer, DescriptorIsClosedOnceTheFileHasBeenRead)
 {
-    const auto openFiles = [] {
-        size_t uCount = 0;
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-            std::error_code error;
-            const std::string strTarget = std::filesystem::read_symlink(entry.path(), error);
-            uCount += (std::string::npos != strTarget.find("/f.txt")) ? 1 : 0;
-        }
-        return uCount;
-    };
     m_www.write("f.txt", payload(100000));
     Connection connection(4096);
     EXPECT_EQ(0, connection.request("GET /f.txt HTTP/1.1\r\n\r\n"));
-    EXPECT_EQ(1u, openFiles());
+    EXPECT_EQ(1u, openDescriptors("/f.txt").size());
 
     (void)connection.receiveAll();
 
-    EXPECT_EQ(0u, openFiles());
+    EXPECT_EQ(0u, openDescriptors("/f.txt").size());
 }
 
 TEST_F(HttpFileClientAnswer, DeliberateSilenceWithoutAFile)

@@ -17,11 +17,12 @@
 
 #include "CardFolder.h"
 #include "CommucationModule.h"
-#include "DebugCmdEvent.h"
+#include "Descriptors.h"
 #include "Eventually.h"
 #include "FakeSystem.h"
 #include "Fault.h"
 #include "LogCapture.h"
+#include "Threads.h"
 
 namespace {
 
@@ -101,30 +102,6 @@ private:
     std::string m_strReceived;
 };
 
-size_t descriptorCount()
-{
-    size_t uCount = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        (void)entry;
-        ++uCount;
-    }
-    return uCount;
-}
-
-/** The service's threads by name. */
-bool hasThread(const std::string& strName)
-{
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream file(entry.path() / "comm");
-        std::string strComm;
-        std::getline(file, strComm);
-        if (strName == strComm) {
-            return true;
-        }
-    }
-    return false;
-}
-
 /** The module up and running. */
 class WebCameraServer : public testing::Test
 {
@@ -137,12 +114,12 @@ protected:
         ASSERT_EQ(RET_SUCCESS, m_module.start());
         Peer first; // what the first use opens
         first.send("garbage\r\n\r\n");
-        first.readToEnd();                      // the service has closed its end too
-        m_uDescriptors = descriptorCount() - 1; // without the first peer's
+        first.readToEnd();                             // the service has closed its end too
+        m_uDescriptors = openDescriptors().size() - 1; // without the first peer's
     }
     void TearDown() override
     {
-        EXPECT_TRUE(eventually([this] { return m_uDescriptors >= descriptorCount(); }));
+        EXPECT_TRUE(eventually([this] { return m_uDescriptors >= openDescriptors().size(); }));
         EXPECT_EQ(0u, FakeSystem::consumerCount());
         EXPECT_EQ(RET_SUCCESS, m_module.stop());
         EXPECT_EQ(RET_SUCCESS, m_module.uninit());
@@ -160,7 +137,7 @@ const size_t LIVE_HEADER_SIZE = 281;
 
 TEST_F(WebCameraServer, ReactorThreadHasItsName)
 {
-    EXPECT_TRUE(hasThread("webcamera"));
+    EXPECT_EQ(1, countThreads("webcamera"));
 }
 
 TEST_F(WebCameraServer, ListensOnAllAddresses)
@@ -177,25 +154,7 @@ TEST_F(WebCameraServer, ConnectionsHaveTheirBuffers)
     const Peer peer;
     ASSERT_TRUE(peer.isConnected());
 
-    EXPECT_TRUE(eventually([] {
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-            const int nFd = atoi(entry.path().filename().c_str());
-            sockaddr_in address{};
-            socklen_t uLength = sizeof(address);
-            int nSend = 0;
-            int nReceive = 0;
-            if (0 == getsockname(nFd, reinterpret_cast<sockaddr*>(&address), &uLength) &&
-                htons(8329) == address.sin_port) {
-                uLength = sizeof(int);
-                getsockopt(nFd, SOL_SOCKET, SO_SNDBUF, &nSend, &uLength);
-                getsockopt(nFd, SOL_SOCKET, SO_RCVBUF, &nReceive, &uLength);
-            }
-            if (2 * 35840 == nSend && 2 * 35840 == nReceive) { // socket(7): doubled
-                return true;
-            }
-        }
-        return false;
-    }));
+    EXPECT_TRUE(eventually([] { return hasSocketWithBuffers(8329, 35840); }));
 }
 
 TEST_F(WebCameraServer, ClientThatLeavesWithoutARequestIsRemovedWithoutAnAnswer)
@@ -203,9 +162,9 @@ TEST_F(WebCameraServer, ClientThatLeavesWithoutARequestIsRemovedWithoutAnAnswer)
     {
         Peer peer;
         ASSERT_TRUE(peer.isConnected());
-        EXPECT_TRUE(eventually([this] { return descriptorCount() == m_uDescriptors + 2; }));
+        EXPECT_TRUE(eventually([this] { return openDescriptors().size() == m_uDescriptors + 2; }));
     }
-    EXPECT_TRUE(eventually([this] { return descriptorCount() == m_uDescriptors; }));
+    EXPECT_TRUE(eventually([this] { return openDescriptors().size() == m_uDescriptors; }));
     EXPECT_NE(std::string::npos,
               m_log.text().find("tcp client error, delete from epoll and close !!\n"));
 
@@ -352,7 +311,7 @@ TEST_F(WebCameraServer, ClientThatDoesNotReadItsAnswersHoldsNobodyAndIsClosed)
     }
     EXPECT_LT(monotonicMs32() - u32StartMs, 5000U) << "the deaf one's time";
     flood.join();
-    EXPECT_TRUE(eventually([this] { return descriptorCount() == m_uDescriptors + 1; }))
+    EXPECT_TRUE(eventually([this] { return openDescriptors().size() == m_uDescriptors + 1; }))
         << "the deaf one is closed: left is its own descriptor";
     EXPECT_GE(monotonicMs32() - u32StartMs, 5000U);
     EXPECT_LT(FakeSystem::measureCount(), 2000) << "it was closed for not reading";
@@ -442,39 +401,4 @@ TEST_F(WebCameraServer, ConnectionsStayOpenWhileTheServerIsStopped)
     PVENC_FRAME_T frame = makeFrame(300);
     FakeSystem::deliver(frame);
     EXPECT_GT(live.readUntil(LIVE_HEADER_SIZE + 300).size(), LIVE_HEADER_SIZE);
-}
-
-TEST(CommucationModule, PortInUseFailsAndIsLogged)
-{
-    LogCapture log(0);
-    const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(8329);
-    const int nReuse = 1;
-    setsockopt(nFd, SOL_SOCKET, SO_REUSEADDR, &nReuse, sizeof(nReuse));
-    ASSERT_EQ(0, bind(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-    ASSERT_EQ(0, listen(nFd, 1));
-
-    EXPECT_EQ(RET_FAILED, CommucationModule::getInstance().init());
-
-    EXPECT_NE(std::string::npos,
-              log.text().find("accept socket bind error !!   accept ip:(null) port:8329\n"))
-        << log.text();
-    (void)WebCamera::getInstance().uninit();
-    ::close(nFd);
-}
-
-TEST(CommucationModule, DebugCommandDoesNothing)
-{
-    LogCapture log;
-    const char* apWords[] = {"CommucationModule", "x"};
-    const int nOne = 1;
-    const int nTwo = 2;
-    DebugCmdEvent one(&nOne, apWords);
-    DebugCmdEvent two(&nTwo, apWords);
-
-    EXPECT_EQ(0, CommucationModule::getInstance().onDebugCmd(&one));
-    EXPECT_EQ(0, CommucationModule::getInstance().onDebugCmd(&two));
-    EXPECT_EQ("", log.text());
 }

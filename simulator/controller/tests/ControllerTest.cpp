@@ -64,10 +64,10 @@ protected:
 };
 
 /** Controllers that differ in one habit. */
-class AnsweringControllerTest : public ControllerDialogue
+class ControllerAnswering : public ControllerDialogue
 {
 protected:
-    AnsweringControllerTest() : ControllerDialogue(makeSettings()) {}
+    ControllerAnswering() : ControllerDialogue(makeSettings()) {}
 
     static ControllerSettings makeSettings()
     {
@@ -77,10 +77,10 @@ protected:
     }
 };
 
-class CarelessControllerTest : public ControllerDialogue
+class ControllerCareless : public ControllerDialogue
 {
 protected:
-    CarelessControllerTest() : ControllerDialogue(makeSettings()) {}
+    ControllerCareless() : ControllerDialogue(makeSettings()) {}
 
     static ControllerSettings makeSettings()
     {
@@ -383,13 +383,13 @@ TEST_F(ControllerDialogue, MutedControllerSaysNothingButWorks)
     EXPECT_TRUE(beam().bOn);
 }
 
-TEST_F(AnsweringControllerTest, EveryLineEndIsAnswered)
+TEST_F(ControllerAnswering, EveryLineEndIsAnswered)
 {
     EXPECT_EQ("ok\n|ok\n|", say("G21\n\n"));
     EXPECT_EQ("ok\n|", say("\n"));
 }
 
-TEST_F(CarelessControllerTest, LaserIsOnAtPowerUpAndAfterReset)
+TEST_F(ControllerCareless, LaserIsOnAtPowerUpAndAfterReset)
 {
     wait(0);
     EXPECT_TRUE(beam().bOn);
@@ -404,7 +404,7 @@ TEST_F(CarelessControllerTest, LaserIsOnAtPowerUpAndAfterReset)
     EXPECT_FALSE(beam().bOn);
 }
 
-TEST_F(CarelessControllerTest, HoldAndAlarmKeepTheLaser)
+TEST_F(ControllerCareless, HoldAndAlarmKeepTheLaser)
 {
     say("M3 S100\nG1 X10 F600\n");
     say("!");

@@ -1,4 +1,4 @@
-// Server and client of the control socket.
+// The server of the control socket.
 #include "ControlServer.h"
 
 #include <cerrno>
@@ -107,25 +107,4 @@ TEST(ControlServer, ClientThatDoesNotReadIsClosed)
     EXPECT_EQ(-1, nSent);
     EXPECT_TRUE(EPIPE == errno || ECONNRESET == errno) << errno;
     ::close(nFd);
-}
-
-TEST(ControlClient, LongPathIsRefused)
-{
-    ControlClient client;
-
-    EXPECT_FALSE(client.connect("/tmp/" + std::string(108, 'x')));
-
-    EXPECT_EQ(ENAMETOOLONG, errno);
-}
-
-TEST(ControlClient, BrokenConnectionIsTold)
-{
-    ScratchFolder folder;
-    const int nListener = listenAt(folder.path() / "control", SOCK_STREAM);
-    ControlClient client;
-    ASSERT_TRUE(client.connect(folder.path() / "control"));
-    ::close(nListener);
-    std::string strAnswer;
-
-    EXPECT_FALSE(client.ask("anything", strAnswer));
 }

@@ -21,11 +21,13 @@
 #include <gtest/gtest.h>
 
 #include "AllocatedBytes.h"
+#include "Descriptors.h"
 #include "Eventually.h"
 #include "Fault.h"
 #include "LogCapture.h"
 #include "NetPair.h"
 #include "TcpClient.h"
+#include "Threads.h"
 
 namespace {
 
@@ -118,33 +120,9 @@ private:
 };
 
 /** The epoll descriptors that this process has. */
-std::set<int> epollFds()
+std::map<int, std::string> epollFds()
 {
-    std::set<int> result;
-    DIR* pDir = opendir("/proc/self/fd");
-    while (const dirent* pEntry = readdir(pDir)) {
-        char acTarget[64] = {0};
-        const std::string strPath = std::string("/proc/self/fd/") + pEntry->d_name;
-        (void)!readlink(strPath.c_str(), acTarget, sizeof(acTarget) - 1);
-        if (0 == strcmp(acTarget, "anon_inode:[eventpoll]")) {
-            result.insert(std::stoi(pEntry->d_name));
-        }
-    }
-    closedir(pDir);
-    return result;
-}
-
-int countThreads(const std::string& strName)
-{
-    int nCount = 0;
-    DIR* pDir = opendir("/proc/self/task");
-    while (const dirent* pEntry = readdir(pDir)) {
-        std::string strComm;
-        std::ifstream(std::string("/proc/self/task/") + pEntry->d_name + "/comm") >> strComm;
-        nCount += (strComm == strName) ? 1 : 0;
-    }
-    closedir(pDir);
-    return nCount;
+    return openDescriptors("anon_inode:[eventpoll]");
 }
 
 /** Make the near end ready for everything: data, urgent data, reset by its peer. */
@@ -225,11 +203,11 @@ TEST(EPoll, WithoutHandlersNothingIsCalled)
 
 TEST(EPoll, EntryWithoutARegistrationIsSkipped)
 {
-    const std::set<int> before = epollFds();
+    const auto before = epollFds();
     EPoll epoll(20);
     Recorder recorder(epoll);
     int nEPollFd = -1;
-    for (const int nFd : epollFds()) {
+    for (const auto& [nFd, strTarget] : epollFds()) {
         nEPollFd = (0 == before.count(nFd)) ? nFd : nEPollFd;
     }
     NetPair nobodys;
@@ -644,15 +622,15 @@ TEST(EPoll, ThreadBearsTheName)
 
 TEST(EPoll, DescriptorIsCloseOnExecAndClosedAtTheEnd)
 {
-    const std::set<int> before = epollFds();
+    const auto before = epollFds();
     {
         EPoll epoll(20);
-        std::set<int> during = epollFds();
-        for (const int nFd : before) {
+        auto during = epollFds();
+        for (const auto& [nFd, strTarget] : before) {
             during.erase(nFd);
         }
         ASSERT_EQ(1U, during.size());
-        EXPECT_NE(0, fcntl(*during.begin(), F_GETFD) & FD_CLOEXEC);
+        EXPECT_NE(0, fcntl(during.begin()->first, F_GETFD) & FD_CLOEXEC);
     }
     EXPECT_EQ(before, epollFds());
 }

@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include "DeviceIo.h"
 
 namespace {
@@ -142,4 +144,24 @@ std::vector<std::string> takeLines(LogCapture& log, const std::string& strText)
 bool isOpen(int nFd)
 {
     return -1 != fcntl(nFd, F_GETFD);
+}
+
+bool sawEnd(const TcpSocket& socket)
+{
+    char cByte = 0;
+    return socket.waitReadable(Time(10, 0)) && recv(socket.getFd(), &cByte, 1, 0) <= 0;
+}
+
+bool isSilent(const TcpSocket& socket)
+{
+    char cByte = 0;
+    return -1 == recv(socket.getFd(), &cByte, 1, MSG_DONTWAIT) && EAGAIN == errno;
+}
+
+int optionOf(int nFd, int nLevel, int nName)
+{
+    int nValue = -1;
+    socklen_t uLength = sizeof(nValue);
+    EXPECT_EQ(0, getsockopt(nFd, nLevel, nName, &nValue, &uLength));
+    return nValue;
 }

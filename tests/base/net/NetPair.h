@@ -38,6 +38,15 @@ std::string readPending(const TcpSocket& socket);
 /** Read exactly so many bytes, or fewer when the peer closes or thirty seconds pass. */
 std::string readBytes(const TcpSocket& socket, size_t uCount);
 
+/** The peer has closed: nothing more comes, and the end is reported. */
+bool sawEnd(const TcpSocket& socket);
+
+/** Nothing comes, not even the end. */
+bool isSilent(const TcpSocket& socket);
+
+/** The value of an option that is a number. */
+int optionOf(int nFd, int nLevel, int nName);
+
 /** What was logged since the last call, or those of the lines that hold the text. */
 std::vector<std::string> takeLines(LogCapture& log, const std::string& strText = "");
 

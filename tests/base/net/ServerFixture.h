@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "NetPair.h"
 #include "SendQueueTcpClient.h"
 #include "TcpServer.h"
 
@@ -83,4 +84,29 @@ protected:
     {
         return m_rank && endHighest(m_rank);
     }
+};
+
+/** A server on a port of the kernel's choice whose connections are of a test's own class. */
+template <typename ClientT> class ServerOf : public TcpServer
+{
+public:
+    ~ServerOf() override
+    {
+        endService();
+    }
+    TcpClient* createClient() override
+    {
+        m_pLast = new ClientT;
+        return m_pLast;
+    }
+    int listen()
+    {
+        return init(0, "127.0.0.1", 4096, 4096);
+    }
+    uint16_t getPort() const
+    {
+        return portOf(m_socket.getFd());
+    }
+
+    ClientT* m_pLast = nullptr; // made last
 };

@@ -74,14 +74,6 @@ void publishCommand(const char* pFirst, const char* pSecond)
 
 } // namespace
 
-TEST(RetE, CodesHaveTheirNumbers)
-{
-    EXPECT_EQ(0, RET_SUCCESS);
-    EXPECT_EQ(1, RET_FAILED);
-    EXPECT_EQ(2, RET_TIMEOUT);
-    EXPECT_EQ(3, RET_AGAIN);
-}
-
 TEST(IModule, WholeLifeWithRestartAndReinitialisation)
 {
     ScriptedModule module;
