@@ -52,7 +52,8 @@ class Load:
     """The load generator."""
 
     def __init__(self, clients, slow_rate):
-        self.records = tempfile.mktemp(prefix="kestrel-load.")
+        handle, self.records = tempfile.mkstemp(prefix="kestrel-load.")
+        os.close(handle)
         self.process = subprocess.Popen(
             [f"{harness.BUILD}/bench/stream/stream-load", str(harness.HTTP_PORT), str(clients),
              str(slow_rate), self.records],

@@ -250,7 +250,8 @@ def run(host, task):
     """Do a task {plan, until, load, hurry}; until 0: no load. Returns what came of it."""
     for name in glob.glob("/tmp/usb-camera.log.*"):
         os.unlink(name)
-    path = tempfile.mktemp(prefix="kestrel-report.")
+    handle, path = tempfile.mkstemp(prefix="kestrel-report.")
+    os.close(handle)
     report = Report(path)
     environment = {"KESTREL_FAULT": task["plan"], "KESTREL_FAULT_PROGRAM": "kestrel-server",
                    "KESTREL_FAULT_EXCEPT": "libkestrel-camera", "KESTREL_FAULT_REPORT": path}

@@ -17,6 +17,7 @@ import socket
 import subprocess
 import tempfile
 import time
+import unittest
 
 BUILD = os.environ.get("KESTREL_BUILD", "")
 TOOLS = os.environ.get("KESTREL_TOOLS", BUILD)
@@ -147,8 +148,8 @@ class Server:
                 import resource
                 resource.setrlimit(resource.RLIMIT_NOFILE, (limit_files, limit_files))
 
-        self.output_path = tempfile.mktemp(prefix="kestrel-out.")
-        self._output = open(self.output_path, "wb")
+        handle, self.output_path = tempfile.mkstemp(prefix="kestrel-out.")
+        self._output = os.fdopen(handle, "wb")
         self.process = subprocess.Popen(command + list(arguments), stdin=stdin, env=env, cwd=cwd,
                                         stdout=self._output, stderr=subprocess.STDOUT,
                                         start_new_session=True, preexec_fn=limits)
@@ -239,6 +240,18 @@ class Board:
             self.server.close()
         finally:
             self.camera.close()
+
+
+class BoardTest(unittest.TestCase):
+    """Tests that share one board: `self.board`."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.board = Board()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.board.__exit__()
 
 
 _connections = []  # closed with the board at the latest

@@ -6,7 +6,7 @@ import shutil
 import time
 import unittest
 
-from harness import CARD, Board, LiveStream, connect, wait_until
+from harness import CARD, Board, BoardTest, LiveStream, connect, wait_until
 
 NO_CACHE = (b"Cache-Control: no-store, no-cache, must-revalidate, pre-check=0, post-check=0, "
             b"max-age=0\r\n")
@@ -52,15 +52,7 @@ def closed_without_an_answer(client):
         return True
 
 
-class Answers(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.board = Board()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.board.__exit__()
-
+class Answers(BoardTest):
     def setUp(self):
         for name in ("www", "camera"):
             shutil.rmtree(f"{CARD}/{name}", ignore_errors=True)

@@ -5,21 +5,13 @@ import shutil
 import subprocess
 import unittest
 
-from harness import CARD, Board, LiveStream
+from harness import CARD, BoardTest, LiveStream
 from test_http_answers import get, read_answer
 
 FOLDER = f"{CARD}/camera"
 
 
-class Card(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.board = Board()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.board.__exit__()
-
+class Card(BoardTest):
     def setUp(self):
         shutil.rmtree(FOLDER, ignore_errors=True)
         os.makedirs(FOLDER, exist_ok=True)  # a late snapshot may keep it

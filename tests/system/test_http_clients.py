@@ -8,7 +8,7 @@ import tempfile
 import time
 import unittest
 
-from harness import SOURCE, Board, LiveStream, connect
+from harness import SOURCE, BoardTest, LiveStream, connect
 
 COMMAND_LIMIT = 60  # seconds; only ends a failing run
 
@@ -26,15 +26,7 @@ def documented(client, wanted):
     return commands[0]
 
 
-class Clients(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.board = Board()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.board.__exit__()
-
+class Clients(BoardTest):
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="kestrel-clients.")
         self.addCleanup(folder.cleanup)

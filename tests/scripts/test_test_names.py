@@ -1,0 +1,57 @@
+"""The names of the tests: a suite begins with its file's name, stands in one file only, and does not
+end in "Test"; a test's name begins with no article."""
+
+import collections
+import os
+import re
+import subprocess
+import unittest
+
+SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+TEST = re.compile(r"^TEST(?:_F|_P)?\((\w+),\s*(\w+)\)", re.M)
+ARTICLE = re.compile(r"(?:A|An|The)[A-Z]")
+
+
+def gtests():
+    """File, suite and test of each GoogleTest in the tree."""
+    for top in ("tests", "simulator", "plugin"):
+        for folder, _, names in os.walk(os.path.join(SOURCE, top)):
+            for name in names:
+                if name.endswith(".cpp"):
+                    with open(os.path.join(folder, name), encoding="utf-8") as file:
+                        for suite, test in TEST.findall(file.read()):
+                            yield os.path.relpath(os.path.join(folder, name), SOURCE), suite, test
+
+
+class Names(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.found = list(gtests())
+        assert len(cls.found) > 1000, "the search found too little"
+
+    def test_suite_begins_with_the_name_of_its_file(self):
+        for path, suite, _ in self.found:
+            self.assertTrue(path.endswith("Test.cpp"), path)
+            self.assertTrue(suite.startswith(os.path.basename(path)[:-len("Test.cpp")]),
+                            f"{path}: {suite}")
+
+    def test_no_suite_ends_in_test(self):
+        self.assertEqual([], [suite for _, suite, _ in self.found if suite.endswith("Test")])
+
+    def test_suite_stands_in_one_file(self):
+        files = collections.defaultdict(set)
+        for path, suite, _ in self.found:
+            files[suite].add(path)
+        self.assertEqual({}, {suite: paths for suite, paths in files.items() if len(paths) > 1})
+
+    def test_no_name_begins_with_an_article(self):
+        self.assertEqual([], [f"{suite}.{test}" for _, suite, test in self.found
+                              if ARTICLE.match(test)])
+        python = subprocess.run(["grep", "-rnE", r"def test_(a|an|the)_", "--include=*.py",
+                                 os.path.join(SOURCE, "tests")],
+                                capture_output=True, text=True, check=False).stdout
+        self.assertEqual("", python)
+
+
+if __name__ == "__main__":
+    unittest.main()
