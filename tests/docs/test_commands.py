@@ -60,7 +60,7 @@ class Commands(unittest.TestCase):
                                  f"{name}: {program}")
 
     def test_reference_plugin_builds_alone(self):
-        # cmake -S plugin -B build/plugin && cmake --build build/plugin
+        # cmake -S plugin -B build/plugin -G Ninja && cmake --build build/plugin
         command = next(each for each in listed() if each.startswith("cmake -S plugin"))
         with tempfile.TemporaryDirectory(prefix="kestrel-docs.") as folder:
             for name in ("plugin", "cmake"):
