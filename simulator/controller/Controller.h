@@ -9,92 +9,60 @@
 #include <vector>
 
 #include "BeamLog.h"
+#include "ControllerSettings.h"
 #include "FaultPlan.h"
 #include "FirmwareLoader.h"
 #include "Grammar.h"
+#include "IController.h"
 #include "Motion.h"
 #include "WireLog.h"
 
-/** How a controller behaves; times in microseconds. Controllers differ in the habits. */
-struct ControllerSettings
-{
-    bool bAnswerEmptyLines = false; // a second line end behind a line is a line as well
-    bool bAlarmKeepsLaser = false;  // else it is off, as in a hold
-    bool bHoldKeepsLaser = false;
-    bool bResetLaserOn = false; // the reset line switches the laser on
-    bool bPowerUpLaserOn = false;
-    bool bPilotOff = false; // the pilot spot is off at power-up and after a reset
-
-    double dSpeedUp = 1;               // the arm moves that many times faster
-    int64_t s64SettleUs = 100000;      // least time between a move's two answers
-    int64_t s64AnswerUs = 0;           // what each line takes it to answer
-    int64_t s64ImageQuietUs = 1000000; // silence that ends a firmware image of unknown length
-    Point powerUpPosition{};           // where the head stands, in millimetres
-    std::string strImagePath;          // where a received firmware image is kept
-};
-
 /**
- * Knows nothing of ports and clocks: bytes and the time come in, answers are fetched.
+ * The controller in the arm's own language.
  *
  * Every line is answered once, positioning moves and homing a second time when the arm is there. A
  * second line end right behind a line belongs to that line, unless the settings say otherwise; any
  * other empty line is answered "ok". The bytes of a hold and a reset act as they come. README.md
- * tells the rest. Not thread-safe; times are microseconds of one clock.
+ * tells the rest.
  */
-class Controller
+class Controller : public IController
 {
 public:
     Controller(const ControllerSettings& settings, WireLog& wireLog);
 
-    /** @param trigger  carries out the instruction of a line() when that line's turn comes */
-    void setTrigger(std::function<void(const std::string&)> trigger);
-
-    /** Bytes from the wire; call advance() next. */
-    void receive(const std::string& strBytes, int64_t s64NowUs);
-
-    /** Let moves go on and lines that waited for them be taken. */
-    void advance(int64_t s64NowUs);
-
-    /** The next answer whose time has come; one answer is one write. @return false without one */
-    bool takeAnswer(int64_t s64NowUs, std::string& strText);
-
-    /** When advance() or takeAnswer() is due; -1 when nothing is. */
-    int64_t nextDueUs(int64_t s64NowUs) const;
-
-    /** False while so many lines wait that the wire should push back. */
-    bool wantsInput() const;
-
-    /** Forget what is in the lines: the cable was pulled. The arm moves on. */
-    void dropWire();
-
-    /** The reset line: as after power-up, except that the head stays where it is. */
-    void reset(int64_t s64NowUs);
-
-    /** Carry out an instruction before line number nLine (from 1, over all lines answered). */
-    void addTrigger(int nLine, const std::string& strInstruction);
+    void setTrigger(std::function<void(const std::string&)> trigger) override;
+    void receive(const std::string& strBytes, int64_t s64NowUs) override;
+    void advance(int64_t s64NowUs) override;
+    bool takeAnswer(int64_t s64NowUs, std::string& strText) override;
+    int64_t nextDueUs(int64_t s64NowUs) const override;
+    bool wantsInput() const override;
+    void dropWire() override;
+    void reset(int64_t s64NowUs) override;
+    void addTrigger(int nLine, const std::string& strInstruction) override;
 
     /**
-     * Instructions that concern the protocol: the faults of FaultPlan, "hold", "go", "once on",
-     * "once off", "say TEXT", "mute", "unmute", "alarm-now CODE", "restart".
-     * @return false when it is none of them or makes no sense
+     * Besides the faults of FaultPlan: "hold", "go", "once on", "once off", "say TEXT", "mute",
+     * "unmute", "alarm-now CODE", "restart".
      */
-    bool instruct(const std::string& strInstruction, int64_t s64NowUs);
+    bool instruct(const std::string& strInstruction, int64_t s64NowUs) override;
 
     const Motion& getMotion() const
     {
         return m_motion;
     }
-    bool isPilotOn() const
+    Point getPosition() const override
+    {
+        return m_motion.getPosition();
+    }
+    bool isPilotOn() const override
     {
         return m_bPilotOn;
     }
-    const BeamLog& getBeam() const
+    const BeamLog& getBeam() const override
     {
         return m_beamLog;
     }
-
-    /** One line for people and tests: position, flags, lines answered. */
-    std::string describe() const;
+    std::string describe() const override;
 
 private:
     struct Answer

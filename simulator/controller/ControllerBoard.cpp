@@ -11,6 +11,8 @@
 
 #include <poll.h>
 
+#include "GrblController.h"
+
 static const double MICROMETRES_PER_MM = 1000;
 static const double US_PER_SECOND = 1e6;
 
@@ -31,11 +33,19 @@ static bool parseMillimetres(const std::string& strText, double& dMillimetres)
 }
 
 ControllerBoard::ControllerBoard(const ControllerBoardOptions& options)
-    : m_options(options), m_s64StartUs(monotonicUs()), m_controller(options.controller, m_wireLog),
-      m_port(options.strNode),
+    : m_options(options), m_s64StartUs(monotonicUs()), m_port(options.strNode),
       m_control([this](const std::string& strInstruction) { return answer(strInstruction); })
 {
-    m_controller.setTrigger([this](const std::string& strInstruction) {
+    if (options.bGrbl) {
+        auto pGrbl = std::make_unique<GrblController>(options.controller, m_wireLog);
+        for (const auto& [nNumber, dValue] : options.vecSetting) {
+            m_bPreset = pGrbl->preset(nNumber, dValue) && m_bPreset;
+        }
+        m_pController = std::move(pGrbl);
+    } else {
+        m_pController = std::make_unique<Controller>(options.controller, m_wireLog);
+    }
+    m_pController->setTrigger([this](const std::string& strInstruction) {
         (void)instruct(strInstruction); // was checked when it came in
     });
 }
@@ -46,10 +56,14 @@ bool ControllerBoard::init(std::string& strError)
         strError = strWhat + ": " + strerror(errno);
         return false;
     };
+    if (!m_bPreset) {
+        strError = "--setting: refused";
+        return false;
+    }
     if (!m_options.strWireLog.empty() && !m_wireLog.open(m_options.strWireLog)) {
         return fail(m_options.strWireLog);
     }
-    m_controller.advance(nowUs()); // so that the log begins with a beam that is on
+    m_pController->advance(nowUs()); // so that the log begins with a beam that is on
     if (!m_options.strScene.empty()) {
         m_pScene = std::make_unique<SceneFile>(m_options.strScene);
         if (!m_pScene->isMapped()) {
@@ -89,7 +103,7 @@ int64_t ControllerBoard::nowUs() const
 
 int ControllerBoard::pollTimeoutMs(int64_t s64NowUs) const
 {
-    int64_t s64DueUs = m_controller.nextDueUs(s64NowUs);
+    int64_t s64DueUs = m_pController->nextDueUs(s64NowUs);
     const double dNext = m_script.getNext();
     const int64_t s64NextUs = static_cast<int64_t>(dNext * US_PER_SECOND);
     if (dNext >= 0 && (s64DueUs < 0 || s64NextUs < s64DueUs)) {
@@ -110,7 +124,7 @@ void ControllerBoard::run(int nStopFd)
         for (const int nFd : m_gpio.getFds()) {
             vecPoll.push_back({nFd, POLLIN, 0});
         }
-        if (!m_bStalled && m_controller.wantsInput()) {
+        if (!m_bStalled && m_pController->wantsInput()) {
             vecPoll.push_back({m_port.getFd(), POLLIN, 0});
         }
         m_control.watch(vecPoll);
@@ -123,7 +137,7 @@ void ControllerBoard::run(int nStopFd)
         runDue(nowUs());
         readPins(nowUs());
         readPort(nowUs());
-        m_controller.advance(nowUs());
+        m_pController->advance(nowUs());
         writeAnswers(nowUs());
         m_control.handle();
         updateScene(false);
@@ -141,12 +155,12 @@ std::string ControllerBoard::answer(const std::string& strInstruction)
 
 void ControllerBoard::readPort(int64_t s64NowUs)
 {
-    while (m_port.isPlugged() && !m_bStalled && m_controller.wantsInput()) {
+    while (m_port.isPlugged() && !m_bStalled && m_pController->wantsInput()) {
         const std::string strBytes = m_port.read();
         if (strBytes.empty()) {
             return;
         }
-        m_controller.receive(strBytes, s64NowUs);
+        m_pController->receive(strBytes, s64NowUs);
         writeAnswers(s64NowUs);
     }
 }
@@ -154,7 +168,7 @@ void ControllerBoard::readPort(int64_t s64NowUs)
 void ControllerBoard::writeAnswers(int64_t s64NowUs)
 {
     updateScene(false); // whoever hears that a move has ended finds the spot there
-    for (std::string strText; m_controller.takeAnswer(s64NowUs, strText);) {
+    for (std::string strText; m_pController->takeAnswer(s64NowUs, strText);) {
         const size_t uWritten = m_port.isPlugged() ? m_port.write(strText) : 0;
         m_wireLog.record(s64NowUs, "tx", strText.substr(0, uWritten));
         if (uWritten < strText.size()) {
@@ -173,7 +187,7 @@ void ControllerBoard::readPins(int64_t s64NowUs)
         const bool bLow = "0" == store.strText;
         if (bLow && !m_bResetLow) {
             setPlugged(false, s64NowUs);
-            m_controller.reset(s64NowUs);
+            m_pController->reset(s64NowUs);
         } else if (!bLow && m_bResetLow) {
             m_script.add(static_cast<double>(s64NowUs + m_options.s64BootUs) / US_PER_SECOND,
                          "plug");
@@ -192,9 +206,9 @@ void ControllerBoard::runDue(int64_t s64NowUs)
 
 void ControllerBoard::updateScene(bool bAlways)
 {
-    const Point& position = m_controller.getMotion().getPosition();
+    const Point position = m_pController->getPosition();
     // The camera sees both: the pilot spot and the laser's own light.
-    const bool bSpot = m_controller.isPilotOn() || m_controller.getBeam().get().bOn;
+    const bool bSpot = m_pController->isPilotOn() || m_pController->getBeam().get().bOn;
     const bool bSame = position == m_scenePosition && bSpot == m_bSceneSpot;
     if (nullptr == m_pScene || (bSame && !bAlways)) {
         return;
@@ -219,7 +233,7 @@ void ControllerBoard::setPlugged(bool bPlugged, int64_t s64NowUs)
     }
     if (!bPlugged) {
         m_port.unplug();
-        m_controller.dropWire();
+        m_pController->dropWire();
         m_wireLog.record(s64NowUs, "unplugged", m_options.strNode);
     } else if (m_port.plug()) {
         m_wireLog.record(s64NowUs, "plugged", m_options.strNode);
@@ -232,18 +246,18 @@ std::string ControllerBoard::instruct(const std::string& strInstruction)
 {
     const int64_t s64NowUs = nowUs();
     if ("state" == strInstruction) {
-        m_controller.advance(s64NowUs);
-        return m_controller.describe() + (m_port.isPlugged() ? " plugged=1" : " plugged=0");
+        m_pController->advance(s64NowUs);
+        return m_pController->describe() + (m_port.isPlugged() ? " plugged=1" : " plugged=0");
     }
     if ("beam" == strInstruction) {
-        m_controller.advance(s64NowUs);
-        return m_controller.getBeam().describe(s64NowUs);
+        m_pController->advance(s64NowUs);
+        return m_pController->getBeam().describe(s64NowUs);
     }
     const std::vector<std::string> vecWord = splitWords(strInstruction);
     int nLine = 0;
     if (vecWord.size() >= 3 && "line" == vecWord[0] && parseCount(vecWord[1], nLine)) {
         const size_t uRest = strInstruction.find(vecWord[2], 5 + vecWord[1].size());
-        m_controller.addTrigger(nLine, strInstruction.substr(uRest));
+        m_pController->addTrigger(nLine, strInstruction.substr(uRest));
         return "ok";
     }
     m_wireLog.record(s64NowUs, "instructed", strInstruction);
@@ -256,7 +270,7 @@ std::string ControllerBoard::instruct(const std::string& strInstruction)
         updateScene(true);
     } else if ("quit" == strInstruction) {
         m_bQuit = true;
-    } else if (!m_controller.instruct(strInstruction, s64NowUs)) {
+    } else if (!m_pController->instruct(strInstruction, s64NowUs)) {
         m_wireLog.record(s64NowUs, "refused", strInstruction);
         return "error: not understood: " + strInstruction;
     }

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ControlServer.h"
 #include "Controller.h"
@@ -16,6 +18,8 @@
 /** What the board is made of; empty paths leave a part out. */
 struct ControllerBoardOptions
 {
+    bool bGrbl = false;                             // the controller's language is Grbl 1.1
+    std::vector<std::pair<int, double>> vecSetting; // "$n=value" of that
     ControllerSettings controller;
     std::string strNode;    // where the serial port appears; required
     std::string strGpio;    // folder of the pin files
@@ -61,7 +65,7 @@ private:
     ControllerBoardOptions m_options;
     int64_t m_s64StartUs;
     WireLog m_wireLog;
-    Controller m_controller;
+    std::unique_ptr<IController> m_pController;
     PtyPort m_port;
     GpioLines m_gpio;
     ControlServer m_control;
@@ -69,6 +73,7 @@ private:
     bool m_bSceneSpot = false;
     std::unique_ptr<SceneFile> m_pScene; // null without a scene
     TimedScript m_script;
+    bool m_bPreset = true; // the settings were taken
     bool m_bResetLow = false;
     bool m_bStalled = false;
     bool m_bQuit = false;

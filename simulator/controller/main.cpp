@@ -2,7 +2,10 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <getopt.h>
 #include <sys/signalfd.h>
@@ -27,6 +30,8 @@ static const char* const USAGE =
     "  --settle-ms N      least time between a move's two answers (100)\n"
     "  --answer-ms N      what each line takes the controller to answer (0)\n"
     "  --position X,Y,Z   where the head stands at power-up, in millimetres (0,0,0)\n"
+    "  --language NAME    \"arm\", the arm's own (the default), or \"grbl\", Grbl 1.1\n"
+    "  --setting N=VALUE  with grbl: \"$N=VALUE\" before power-up\n"
     "habits in which controllers differ:\n"
     "  --answer-empty-lines   a second line end behind a line is answered, too\n"
     "  --alarm-keeps-laser    an alarm does not switch the laser off\n"
@@ -54,6 +59,8 @@ enum OPTION_E
     OPTION_SETTLE,
     OPTION_ANSWER,
     OPTION_POSITION,
+    OPTION_LANGUAGE,
+    OPTION_SETTING,
     OPTION_ANSWER_EMPTY_LINES,
     OPTION_ALARM_KEEPS_LASER,
     OPTION_HOLD_KEEPS_LASER,
@@ -77,6 +84,8 @@ const option OPTIONS[] = {{"node", required_argument, nullptr, OPTION_NODE},
                           {"settle-ms", required_argument, nullptr, OPTION_SETTLE},
                           {"answer-ms", required_argument, nullptr, OPTION_ANSWER},
                           {"position", required_argument, nullptr, OPTION_POSITION},
+                          {"language", required_argument, nullptr, OPTION_LANGUAGE},
+                          {"setting", required_argument, nullptr, OPTION_SETTING},
                           {"answer-empty-lines", no_argument, nullptr, OPTION_ANSWER_EMPTY_LINES},
                           {"alarm-keeps-laser", no_argument, nullptr, OPTION_ALARM_KEEPS_LASER},
                           {"hold-keeps-laser", no_argument, nullptr, OPTION_HOLD_KEEPS_LASER},
@@ -97,6 +106,18 @@ bool parsePosition(const char* pText, Point& position)
 {
     char cRest = 0;
     return 3 == sscanf(pText, "%lf,%lf,%lf%c", &position[0], &position[1], &position[2], &cRest);
+}
+
+bool parseSetting(const char* pText, std::vector<std::pair<int, double>>& vecSetting)
+{
+    int nNumber = 0;
+    double dValue = 0;
+    char cRest = 0;
+    if (2 != sscanf(pText, "%d=%lf%c", &nNumber, &dValue, &cRest)) {
+        return false;
+    }
+    vecSetting.emplace_back(nNumber, dValue);
+    return true;
 }
 
 /** The habit that an option switches on; null for any other option. */
@@ -161,6 +182,11 @@ bool applyOption(int nOption, const char* pValue, ControllerBoardOptions& option
         return parseMs(pValue, options.controller.s64SettleUs);
     case OPTION_ANSWER:
         return parseMs(pValue, options.controller.s64AnswerUs);
+    case OPTION_LANGUAGE:
+        options.bGrbl = 0 == strcmp("grbl", pValue);
+        return options.bGrbl || 0 == strcmp("arm", pValue);
+    case OPTION_SETTING:
+        return parseSetting(pValue, options.vecSetting);
     case OPTION_POSITION:
         return parsePosition(pValue, options.controller.powerUpPosition);
     default: {

@@ -331,6 +331,28 @@ TEST(KestrelController, HabitsAreOptions)
     EXPECT_EQ(0, controller.getState("pilot"));
 }
 
+TEST(KestrelController, SpeaksGrbl)
+{
+    VirtualController controller({"--language", "grbl", "--setting", "32=1"});
+    Port port(controller.getNode());
+    EXPECT_EQ("\r\nGrbl 1.1h ['$' for help]\r\n", port.hear(28));
+
+    port.say("M3 S500\nG1 F300\n");
+    EXPECT_EQ("ok\r\nok\r\n", port.hear(8));
+    EXPECT_EQ(0U, controller.instruct("beam").find("on=1 power=500 moving=0 "));
+    port.say("\x18");
+
+    EXPECT_EQ("\r\nGrbl 1.1h ['$' for help]\r\n", port.hear(28));
+    EXPECT_EQ((std::vector<std::string>{"on=1 power=500 moving=0", "on=0 power=0 moving=0"}),
+              controller.readTexts("beam"));
+}
+
+TEST(KestrelController, RefusedSettingEndsIt)
+{
+    EXPECT_THROW(VirtualController controller({"--language", "grbl", "--setting", "99=1"}),
+                 std::runtime_error);
+}
+
 TEST(KestrelController, NonsenseIsAnsweredSo)
 {
     VirtualController controller;
