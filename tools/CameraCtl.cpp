@@ -4,13 +4,17 @@
 #include <string>
 
 #include "Ctl.h"
+#include "Help.h"
 
 static const char* const USAGE = "usage: kestrel-camera-ctl [--dir DIR] COMMAND [ARGUMENT ...]\n"
-                                 "DIR is that of kestrel-camera: KESTREL_CAMERA_DIR, else "
+                                 "DIR is kestrel-camera's; by default KESTREL_CAMERA_DIR or "
                                  "/tmp/kestrel-camera.\n";
 
 int main(int nArgs, char** apArgs)
 {
+    if (printHelp(nArgs, apArgs, USAGE)) {
+        return 0;
+    }
     const char* pDir = getenv("KESTREL_CAMERA_DIR");
     std::string strDir = nullptr != pDir && '\0' != *pDir ? pDir : "/tmp/kestrel-camera";
     int nFirst = 1;

@@ -5,18 +5,22 @@
 #include <string>
 #include <vector>
 
+#include "Help.h"
 #include "Transcript.h"
 #include "UART.h"
 
+static const char* const USAGE =
+    "usage: kestrel-transcript PORT FILE [DIALOGUE]\n"
+    "Plays dialogues with the motion controller at a serial port. This moves the arm.\n";
 static const int32_t ANSWER_SECONDS = 20; // as long as the service waits for the end of a move
 
 int main(int nArgs, char** apArgs)
 {
+    if (printHelp(nArgs, apArgs, USAGE)) {
+        return 0;
+    }
     if (nArgs < 3) {
-        fprintf(stderr,
-                "usage: %s PORT FILE [DIALOGUE]\n"
-                "Moves the arm: the port's controller carries the dialogues out.\n",
-                apArgs[0]);
+        fputs(USAGE, stderr);
         return 2;
     }
     std::ifstream file(apArgs[2]);

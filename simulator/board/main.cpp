@@ -7,11 +7,19 @@
 #include <unistd.h>
 
 #include "BoardNamespace.h"
+#include "Help.h"
+
+static const char* const USAGE =
+    "usage: kestrel-board-ns COMMAND [ARGUMENT...]\n"
+    "Runs the command with a private /dev and /sys/class for the virtual board.\n";
 
 int main(int nArgs, char** apArgs)
 {
+    if (printHelp(nArgs, apArgs, USAGE)) {
+        return 0;
+    }
     if (nArgs < 2) {
-        fprintf(stderr, "usage: %s command [argument...]\n", apArgs[0]);
+        fputs(USAGE, stderr);
         return 2;
     }
     std::string strError;

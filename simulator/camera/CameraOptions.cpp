@@ -10,30 +10,12 @@
 
 namespace {
 
-const char* const USAGE =
-    "usage: kestrel-camera [options]\n"
-    "  --dir DIR         sockets, journal and shared files (/tmp/kestrel-camera)\n"
-    "  --scene FILE      state of the laser spot (DIR/scene)\n"
-    "  --pictures DIR    loop over the JPEG files of a folder instead of drawing\n"
-    "  --script FILE     commands at set times, lines of SECONDS COMMAND\n"
-    "  --distortion K1   radial distortion of the lens, -0.09 to 0.5 (0)\n"
-    "  --fps N           1 to 200, whatever is asked of the driver\n"
-    "  --quality N       of the JPEG pictures, 1 to 100 (80)\n"
-    "  --keep N          keep the last N frames in DIR/frames, list all in DIR/frames.log\n"
-    "  --unplugged       start without the camera plugged in\n";
-
 const option LONG_OPTIONS[] = {
-    {"dir", required_argument, nullptr, 'd'},
-    {"scene", required_argument, nullptr, 's'},
-    {"pictures", required_argument, nullptr, 'p'},
-    {"script", required_argument, nullptr, 'c'},
-    {"distortion", required_argument, nullptr, 'k'},
-    {"fps", required_argument, nullptr, 'f'},
-    {"quality", required_argument, nullptr, 'q'},
-    {"keep", required_argument, nullptr, 'n'},
-    {"unplugged", no_argument, nullptr, 'u'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
+    {"dir", required_argument, nullptr, 'd'},        {"scene", required_argument, nullptr, 's'},
+    {"pictures", required_argument, nullptr, 'p'},   {"script", required_argument, nullptr, 'c'},
+    {"distortion", required_argument, nullptr, 'k'}, {"fps", required_argument, nullptr, 'f'},
+    {"quality", required_argument, nullptr, 'q'},    {"keep", required_argument, nullptr, 'n'},
+    {"unplugged", no_argument, nullptr, 'u'},        {nullptr, 0, nullptr, 0},
 };
 
 bool number(const char* pText, double dLow, double dHigh, double& dValue)
@@ -44,6 +26,18 @@ bool number(const char* pText, double dLow, double dHigh, double& dValue)
 }
 
 } // namespace
+
+const char* const CameraOptions::USAGE =
+    "usage: kestrel-camera [options]\n"
+    "  --dir DIR         sockets, journal and shared files (/tmp/kestrel-camera)\n"
+    "  --scene FILE      state of the laser spot (DIR/scene)\n"
+    "  --pictures DIR    loop over the JPEG files of a folder instead of drawing\n"
+    "  --script FILE     commands at set times, one \"SECONDS COMMAND\" a line\n"
+    "  --distortion K1   radial distortion of the lens, -0.09 to 0.5 (0)\n"
+    "  --fps N           1 to 200, whatever is asked of the driver\n"
+    "  --quality N       of the JPEG pictures, 1 to 100 (80)\n"
+    "  --keep N          keep the last N frames in DIR/frames, list all in DIR/frames.log\n"
+    "  --unplugged       start without the camera plugged in\n";
 
 bool CameraOptions::parse(int nCount, char** ppArgument)
 {

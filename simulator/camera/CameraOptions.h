@@ -6,6 +6,8 @@
 
 struct CameraOptions
 {
+    static const char* const USAGE;
+
     std::string strDir = "/tmp/kestrel-camera";
     std::string strScene;    // empty: "scene" below the directory
     std::string strPictures; // empty: the rendered scene
@@ -16,6 +18,6 @@ struct CameraOptions
     int nQuality = 80;
     bool bUnplugged = false;
 
-    /** @return false after a message on standard error; also for --help */
+    /** @return false after a message on standard error */
     bool parse(int nCount, char** ppArgument);
 };

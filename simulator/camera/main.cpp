@@ -18,6 +18,7 @@
 #include "ControlServer.h"
 #include "DeviceServer.h"
 #include "FolderSource.h"
+#include "Help.h"
 #include "SceneSource.h"
 #include "TimedScript.h"
 
@@ -97,6 +98,9 @@ void serve(DeviceServer& device, ControlServer& control, CameraCommands& command
 
 int main(int nCount, char** ppArgument)
 {
+    if (printHelp(nCount, ppArgument, CameraOptions::USAGE)) {
+        return 0;
+    }
     CameraOptions options;
     if (!options.parse(nCount, ppArgument)) {
         return 2;

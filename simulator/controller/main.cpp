@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "ControllerBoard.h"
+#include "Help.h"
 
 static const char* const USAGE =
     "usage: kestrel-controller --node PATH [option...]\n"
@@ -203,6 +204,9 @@ bool applyOption(int nOption, const char* pValue, ControllerBoardOptions& option
 
 int main(int nArgs, char** apArgs)
 {
+    if (printHelp(nArgs, apArgs, USAGE)) {
+        return 0;
+    }
     ControllerBoardOptions options;
     for (int nOption = getopt_long(nArgs, apArgs, "", OPTIONS, nullptr); - 1 != nOption;
          nOption = getopt_long(nArgs, apArgs, "", OPTIONS, nullptr)) {
