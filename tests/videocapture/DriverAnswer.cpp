@@ -1,18 +1,22 @@
-// Changes what the camera's driver answers, where the virtual camera has no command for it.
+// Changes what the camera's driver answers, and shows what it is asked, where the virtual camera
+// has no command for it.
 #include "DriverAnswer.h"
 
 #include <cstdarg>
 
 static DriverAnswer::Change g_change;
+static DriverAnswer::Change g_look;
 
-DriverAnswer::DriverAnswer(const Change& change)
+DriverAnswer::DriverAnswer(const Change& change, const Change& look)
 {
     g_change = change;
+    g_look = look;
 }
 
 DriverAnswer::~DriverAnswer()
 {
     g_change = nullptr;
+    g_look = nullptr;
 }
 
 // The linker gives calls of ioctl to the first, and the second's calls to ioctl.
@@ -25,6 +29,9 @@ int __wrap_ioctl(int nFd, unsigned long ulRequest, ...)
     va_start(arguments, ulRequest);
     void* pRecord = va_arg(arguments, void*);
     va_end(arguments);
+    if (nullptr != g_look) {
+        g_look(ulRequest, pRecord);
+    }
     const int nRet = __real_ioctl(nFd, ulRequest, pRecord);
     if (0 == nRet && nullptr != g_change) {
         g_change(ulRequest, pRecord);

@@ -1,4 +1,5 @@
-// Changes what the camera's driver answers, where the virtual camera has no command for it.
+// Changes what the camera's driver answers, and shows what it is asked, where the virtual camera
+// has no command for it.
 #pragma once
 
 #include <functional>
@@ -13,7 +14,8 @@ class DriverAnswer
 public:
     using Change = std::function<void(unsigned long ulRequest, void* pRecord)>;
 
-    explicit DriverAnswer(const Change& change);
+    /** @param look  called before the driver gets the record, as the code has filled it in */
+    explicit DriverAnswer(const Change& change, const Change& look = nullptr);
     DriverAnswer(const DriverAnswer&) = delete;
     DriverAnswer& operator=(const DriverAnswer&) = delete;
     ~DriverAnswer();

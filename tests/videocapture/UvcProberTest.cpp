@@ -108,3 +108,27 @@ TEST_F(UvcProberFind, OverlongLineIsReadInPieces)
 
     EXPECT_EQ(2, find(KEYBOARD + strLong + CAMERA + strLong + handlers("event7")));
 }
+
+// A piece ends behind byte 1,022; the rest is read as a line of its own.
+TEST_F(UvcProberFind, LineHasRoomFor1023Bytes)
+{
+    const std::string strOther = handlers("event20");
+
+    EXPECT_EQ(15, find(CAMERA + "N" + std::string(1021, 'x') + handlers("event7") + strOther));
+    EXPECT_EQ(2, find(CAMERA + "N" + std::string(1022, 'x') + handlers("event7") + strOther));
+    EXPECT_EQ(15, find(CAMERA + "N" + std::string(1023, 'x') + handlers("event7") + strOther));
+}
+
+TEST_F(UvcProberFind, CameraIsFoundInALongLineToo)
+{
+    const std::string strBlanks(900, ' ');
+
+    EXPECT_EQ(2, find("I: Bus=0003" + strBlanks + "Vendor=05a3 Product=9230 Version=0100\n" +
+                      handlers("event7")));
+}
+
+TEST_F(UvcProberFind, VersionIsNotNeeded)
+{
+    EXPECT_EQ(2, find("I: Bus=0003 Vendor=05a3 Product=9230\n" + handlers("event7")));
+    EXPECT_EQ(-1, find("I: Bus=0003 Vendor=05a3\n" + handlers("event7")));
+}

@@ -8,9 +8,15 @@
 #include <typeinfo>
 #include <vector>
 
+#include <linux/videodev2.h>
+#include <sys/prctl.h>
+
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
+#include "DriverAnswer.h"
 #include "EventBus.h"
+#include "Eventually.h"
 #include "ExposureTool.h"
 #include "FrameConsumer.h"
 #include "LogCapture.h"
@@ -153,6 +159,55 @@ TEST_F(VideoCapturerStream, ExposureEventsAreFollowedFromStartToStop)
     ASSERT_EQ(RET_SUCCESS, m_capturer.stop());
     EventBus<SetExposureEvent>::publish(event);
     EXPECT_EQ(strCalls, tool.calls());
+}
+
+TEST_F(VideoCapturerStream, ExposureEventsAreNotFollowedBeforeTheStreamHasStarted)
+{
+    const ExposureTool tool;
+    ASSERT_EQ(RET_SUCCESS, m_capturer.init());
+    int nStarted = 0;
+    {
+        const DriverAnswer answer(nullptr, [&nStarted](unsigned long ulRequest, void*) {
+            if (VIDIOC_STREAMON == ulRequest) {
+                ++nStarted;
+                SetExposureEvent event(0, 7);
+                EventBus<SetExposureEvent>::publish(event);
+            }
+        });
+        ASSERT_EQ(RET_SUCCESS, m_capturer.start());
+    }
+
+    EXPECT_EQ(1, nStarted);
+    EXPECT_EQ("", tool.calls());
+}
+
+TEST_F(VideoCapturerStream, ExposureEventsAreNotFollowedWhileTheStreamStops)
+{
+    const ExposureTool tool;
+    std::atomic<bool> bInside{false};
+    std::atomic<bool> bGoOn{false};
+    m_consumer.m_onFrame = [&](VideoFrameEvent&) {
+        bInside = true;
+        EXPECT_TRUE(eventually([&] { return bGoOn.load(); }));
+    };
+    start();
+    ASSERT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer));
+    ASSERT_TRUE(eventually([&] { return bInside.load(); }));
+    const CallJournal journal("select");
+    std::thread stopper([&] {
+        prctl(PR_SET_NAME, "stopper", 0, 0, 0);
+        EXPECT_EQ(RET_SUCCESS, m_capturer.stop());
+    });
+    // It waits for the capture thread.
+    ASSERT_TRUE(eventually([] { return CallJournal::lines("stopper").size() >= 2; }));
+
+    SetExposureEvent event(0, 7);
+    EventBus<SetExposureEvent>::publish(event);
+
+    bGoOn = true;
+    stopper.join();
+    EXPECT_EQ("", tool.calls());
+    EXPECT_EQ(RET_SUCCESS, m_capturer.cancelConsumer(&m_consumer));
 }
 
 TEST_F(VideoCapturerStream, ExposureOfAnUnknownStreamFails)

@@ -9,8 +9,11 @@
 #include <utility>
 #include <vector>
 
+#include <sys/prctl.h>
+
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "EventBus.h"
 #include "Eventually.h"
 #include "FrameConsumer.h"
@@ -236,15 +239,61 @@ TEST_F(VideoStreamProducerStream, CancelWaitsForTheDeliveryUnderWay)
     start();
     ASSERT_TRUE(eventually([&] { return bInside.load(); }));
 
+    const CallJournal journal("pthread_mutex_lock");
     bool bLeftBeforeCancelled = false;
     std::thread canceller([&] {
+        prctl(PR_SET_NAME, "canceller", 0, 0, 0);
         EXPECT_EQ(RET_SUCCESS, m_producer.cancelConsumer(&m_consumer));
         bLeftBeforeCancelled = bLeft;
     });
+    EXPECT_TRUE(eventually([] { return !CallJournal::lines("canceller").empty(); }));
+    EXPECT_EQ(1U, CallJournal::lines("canceller").size()) << "it waits for the list";
     bGoOn = true;
     canceller.join();
 
     EXPECT_TRUE(bLeftBeforeCancelled);
+}
+
+TEST_F(VideoStreamProducerStream, ConsumerThatTakesTheFrameAwayEndsItsDelivery)
+{
+    std::atomic<int> nTaken{0};
+    m_consumer.m_onFrame = [&](VideoFrameEvent& event) {
+        event.m_frame = PVENC_FRAME_T();
+        ++nTaken;
+    };
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_second));
+
+    start();
+    ASSERT_TRUE(eventually([&] { return nTaken >= 3; }));
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
+
+    EXPECT_EQ(0U, m_second.total());
+}
+
+TEST_F(VideoStreamProducerStream, SecondInitTakesTheStreamsNumber)
+{
+    std::atomic<int32_t> s32Stream{-1};
+    m_consumer.m_onFrame = [&](VideoFrameEvent& event) { s32Stream = event.m_nStream; };
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    ASSERT_EQ(RET_SUCCESS, m_producer.init(0));
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.init(1));
+    ASSERT_EQ(RET_SUCCESS, m_producer.start());
+
+    ASSERT_TRUE(m_consumer.waitForMore(1));
+    EXPECT_EQ(1, s32Stream);
+}
+
+TEST_F(VideoStreamProducerStream, CaptureThreadIsDetached)
+{
+    const CallJournal journal("pthread_create pthread_join");
+    start();
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.stop());
+    EXPECT_EQ(RET_SUCCESS, m_producer.uninit());
+
+    EXPECT_EQ(Lines{"pthread_create detached"}, CallJournal::lines());
 }
 
 TEST_F(VideoStreamProducerStream, CancelOfAnUnknownConsumerFailsInSilence)
