@@ -4,6 +4,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "ChildProgram.h"
 #include "Eventually.h"
 #include "Pattern.h"
+#include "ScratchFolder.h"
 
 namespace {
 
@@ -63,6 +65,49 @@ const std::string COMMUCATION_UP = up("CommucationModule", "17CommucationModule"
 const std::string COMMUCATION_DOWN = down("CommucationModule", "17CommucationModule");
 const std::string WHOLE_LIFE = SYSTEM_UP + COMMUCATION_UP + "up 0\nloop 0\n" + COMMUCATION_DOWN +
                                SYSTEM_DOWN + "down 0\nstatus 0\n";
+
+/** Where a child notes chosen calls; its waits for its own thread's start and end are left out. */
+class CallFile
+{
+public:
+    explicit CallFile(const char* pCalls) : m_strCalls(pCalls) {}
+
+    std::vector<std::string> environment() const
+    {
+        return {"KESTREL_FAULT_JOURNAL=" + (m_folder.path() / "journal").string(),
+                "KESTREL_FAULT_JOURNAL_CALLS=" + m_strCalls};
+    }
+
+    std::vector<std::string> lines() const
+    {
+        std::vector<std::string> vecLine;
+        std::istringstream text(m_folder.read("journal"));
+        for (std::string strLine; std::getline(text, strLine);) {
+            if (!hasPattern(strLine, "select 0\\.0(03|05|10)000$")) {
+                vecLine.push_back(strLine);
+            }
+        }
+        return vecLine;
+    }
+
+private:
+    std::string m_strCalls;
+    ScratchFolder m_folder;
+};
+
+bool hasThread(pid_t pid, const char* pName)
+{
+    const std::string strTasks = "/proc/" + std::to_string(pid) + "/task";
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(strTasks, ignored)) {
+        std::string strName;
+        std::getline(std::ifstream(entry.path() / "comm"), strName);
+        if (pName == strName) {
+            return true;
+        }
+    }
+    return false;
+}
 
 /** What the console does with its input, between the start and the end of the service. */
 std::string console(const std::string& strInput)
@@ -176,6 +221,67 @@ TEST(ModuleManager, FailedUninitEndsTheWalkDown)
               result.strOutput);
 }
 
+TEST(ModuleManager, QuitIsLookedForEverySecond)
+{
+    const CallFile journal("select");
+    ChildProgram child(program(journal.environment()));
+    ASSERT_TRUE(child.waitForOutput("up 0\n"));
+
+    EXPECT_TRUE(eventually([&] { return journal.lines().size() >= 2; }));
+    kill(child.pid(), SIGUSR1);
+    EXPECT_EQ(0, child.wait().nStatus);
+
+    for (const std::string& strLine : journal.lines()) {
+        EXPECT_EQ("manager_child|select 1.001000", strLine);
+    }
+}
+
+TEST(ModuleManager, ConsolesThreadIsDetached)
+{
+    const CallFile journal("pthread_create pthread_join");
+    std::vector<std::string> vecScript = journal.environment();
+    vecScript.emplace_back("QUIT=1");
+
+    EXPECT_EQ(0, run(vecScript).nStatus);
+
+    EXPECT_EQ(std::vector<std::string>{"manager_child|pthread_create detached"}, journal.lines());
+}
+
+TEST(ModuleManager, ItsEndLeavesTheBus)
+{
+    const ChildResult result = run({"LATE=1", "SystemModule_init=2"});
+
+    EXPECT_NE(std::string::npos, result.strOutput.find("late untouched\n")) << result.strOutput;
+}
+
+TEST(ModuleManager, OnlyItsOwnTwoWordsOpenAShell)
+{
+    struct Case
+    {
+        const char* pCommand;
+        bool bShell;
+    };
+    const Case aCase[] = {
+        {"2 SystemManager shell", true},  {"3 SystemManager shell", true},
+        {"1 SystemManager shell", false}, {"0 SystemManager shell", false},
+        {"2 Other shell", false},         {"2 SystemManager other", false},
+        {"2 systemmanager shell", false}, {"2 SystemManager shells", false},
+    };
+    for (const Case& entry : aCase) {
+        const CallFile journal("system");
+        std::vector<std::string> vecScript = journal.environment();
+        vecScript.emplace_back("KESTREL_FAULT=system:1-:ENOMEM");
+        vecScript.emplace_back(std::string("COMMAND=") + entry.pCommand);
+        vecScript.emplace_back("QUIT=1");
+
+        EXPECT_EQ(0, run(vecScript).nStatus) << entry.pCommand;
+
+        const std::vector<std::string> vecShell = {"manager_child|system /bin/sh"};
+        EXPECT_EQ(entry.bShell ? vecShell : std::vector<std::string>{}, journal.lines())
+            << entry.pCommand;
+    }
+}
+
 TEST(ModuleManager, OwnStepsDoNothing)
 {
     ModuleManager& manager = ModuleManager::getInstance();
@@ -191,18 +297,12 @@ TEST(ModuleManager, OwnStepsDoNothing)
 // Deliberate: nothing starts the console, though its thread waits from the beginning.
 TEST(ModuleManager, WithoutItsThreadStartedTheConsoleReadsNothing)
 {
-    ChildProgram child(program({}));
+    const CallFile journal("select fgets");
+    ChildProgram child(program(journal.environment()));
     child.write("q\nSystemManager words\n");
     ASSERT_TRUE(child.waitForOutput("up 0\n"));
-    bool bThreadWaits = false;
-    const std::string strTasks = "/proc/" + std::to_string(child.pid()) + "/task";
-    for (const auto& entry : std::filesystem::directory_iterator(strTasks)) {
-        std::string strName;
-        std::getline(std::ifstream(entry.path() / "comm"), strName);
-        bThreadWaits = bThreadWaits || "tty_debug" == strName;
-    }
-    EXPECT_TRUE(bThreadWaits);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // a quit would be seen by now
+    EXPECT_TRUE(hasThread(child.pid(), "tty_debug"));
+    EXPECT_TRUE(eventually([&] { return !journal.lines().empty(); })); // a pass, and no quit seen
 
     kill(child.pid(), SIGUSR1); // publishes the quit event
     const ChildResult result = child.wait();
@@ -219,7 +319,10 @@ TEST(ModuleManagerConsole, QuitAndItsShortFormEndTheService)
 
 TEST(ModuleManagerConsole, NearlyAQuitIsNone)
 {
-    EXPECT_EQ("", console("Q\nquit \nqq\nq\n")); // one word each: ignored
+    // One word each, ignored; what follows is still read.
+    for (const char* pLine : {"Q", "quit ", " q", "qq", "Quit", "quite", "qui"}) {
+        EXPECT_EQ(words(2, {"a", "b"}), console(std::string(pLine) + "\na b\nq\n")) << pLine;
+    }
 }
 
 TEST(ModuleManagerConsole, EmptyLinesAndSingleWordsPublishNothing)
@@ -252,12 +355,14 @@ TEST(ModuleManagerConsole, LastLineNeedsALineEndToQuit)
     child.write("a b\nq");
     child.closeInput();
     ASSERT_TRUE(child.waitForOutput("fgets err\n"));
+    EXPECT_TRUE(eventually([&] { return !hasThread(child.pid(), "tty_debug"); }));
     kill(child.pid(), SIGUSR1);
     const ChildResult result = child.wait();
 
-    EXPECT_NE(
-        std::string::npos,
-        plain(result.strOutput).find("[error] [ModuleManager.cpp ] [debugCmdThread] fgets err\n"));
+    const std::string strText = plain(result.strOutput);
+    const char* const pLine = "[error] [ModuleManager.cpp ] [debugCmdThread] fgets err\n";
+    EXPECT_NE(std::string::npos, strText.find(pLine));
+    EXPECT_EQ(strText.find(pLine), strText.rfind(pLine)) << "once";
     EXPECT_EQ(0, result.nStatus);
 }
 

@@ -19,6 +19,7 @@ struct State
     std::atomic<float> fMeasure{0};
     std::atomic<int> nMeasures{0};
     FakeSystem::Correction correction;
+    PVENC_FRAME_T first; // for who registers; empty for none
 };
 
 State& state()
@@ -36,6 +37,7 @@ void FakeSystem::reset()
     state().fMeasure = 0;
     state().nMeasures = 0;
     state().correction = nullptr;
+    state().first = PVENC_FRAME_T();
 }
 
 size_t FakeSystem::consumerCount()
@@ -61,6 +63,11 @@ void FakeSystem::deliver(PVENC_FRAME_T& frame)
         VideoFrameEvent event(0, frame);
         (void)pConsumer->consume(event, frame);
     }
+}
+
+void FakeSystem::deliverAtOnce(const PVENC_FRAME_T& frame)
+{
+    state().first = frame;
 }
 
 void FakeSystem::setMeasure(float fMeasure)
@@ -141,6 +148,10 @@ RET_E SystemModule::registerConsumer(IConsumer* pConsumer)
 {
     const std::lock_guard<std::mutex> guard(state().mtx);
     state().vecConsumer.push_back(pConsumer);
+    if (nullptr != state().first.get()) {
+        VideoFrameEvent event(0, state().first);
+        (void)pConsumer->consume(event, state().first);
+    }
     return RET_SUCCESS;
 }
 

@@ -24,6 +24,9 @@ std::string streams();
 /** Hand a frame to every consumer, on the caller's thread. */
 void deliver(PVENC_FRAME_T& frame);
 
+/** Hand this frame to every consumer that registers, before the registration returns. */
+void deliverAtOnce(const PVENC_FRAME_T& frame);
+
 /** What measure() writes, and how often it was called. */
 void setMeasure(float fMeasure);
 int measureCount();

@@ -2,8 +2,11 @@
 #include "HttpFileClient.h"
 
 #include <climits>
+#include <cstring>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +15,7 @@
 #include "Descriptors.h"
 #include "FakeSystem.h"
 #include "Fault.h"
+#include "SendQueueTcpClient.h"
 
 namespace {
 
@@ -253,6 +257,32 @@ TEST_F(HttpFileClientAnswer, DescriptorIsClosedOnceTheFileHasBeenRead)
     (void)connection.receiveAll();
 
     EXPECT_EQ(0u, openDescriptors("/f.txt").size());
+}
+
+TEST_F(HttpFileClientAnswer, WhatWaitsIsSentBeforeTheFileIsLookedFor)
+{
+    class Waiting : public SendQueueTcpClient
+    {
+    public:
+        int wait(const char* pText)
+        {
+            return enqueue(SafePointer_C<char>(strdup(pText)), static_cast<int>(strlen(pText)));
+        }
+    };
+    int anSocket[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, anSocket));
+    Waiting client;
+    client.setSocket(TcpSocket(anSocket[0]));
+    ASSERT_EQ(0, client.wait("earlier"));
+    HttpFileClient file(client, "/missing.txt");
+
+    EXPECT_EQ(1, file.start());
+
+    char acBuffer[8] = {0};
+    EXPECT_EQ(7, recv(anSocket[1], acBuffer, sizeof(acBuffer), 0));
+    EXPECT_STREQ("earlier", acBuffer);
+    close(anSocket[0]);
+    close(anSocket[1]);
 }
 
 TEST_F(HttpFileClientAnswer, DeliberateSilenceWithoutAFile)

@@ -83,6 +83,18 @@ TEST_F(HttpLiveClientStream, FrameIsAPartBetweenHeaderAndBoundary)
     EXPECT_EQ(payload(1234) + TRAILER, strPart.substr(uHead));
 }
 
+TEST_F(HttpLiveClientStream, HeaderPrecedesAFrameThatIsThereAtOnce)
+{
+    FakeSystem::deliverAtOnce(makeFrame(300));
+    Connection connection;
+    ASSERT_EQ(0, connection.request(REQUEST));
+
+    const std::string strStream = connection.receiveAll();
+
+    EXPECT_EQ(0U, strStream.find("HTTP/1.0 200 OK\r\n"));
+    EXPECT_EQ(281U, strStream.find("Content-Type: image/jpeg\r\n"));
+}
+
 TEST_F(HttpLiveClientStream, EveryFrameFollowsTheBoundaryOfTheOneBefore)
 {
     for (unsigned i = 0; i < 3; ++i) {

@@ -1,6 +1,7 @@
 // The bytes of a snapshot's answer, and the file that it saves.
 #include "HttpSnapClient.h"
 
+#include <cstdlib>
 #include <ctime>
 #include <typeinfo>
 
@@ -8,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "CardFolder.h"
 #include "Connection.h"
 #include "FakeSystem.h"
@@ -152,6 +154,36 @@ TEST_F(HttpSnapClientAnswer, FrameIsSkippedWhileAnAnswerWaits)
     while (!strStream.empty()) {
         ASSERT_EQ(payload(50000), takeAnswer(strStream, 50000, "a.jpg"));
     }
+}
+
+TEST_F(HttpSnapClientAnswer, FrameIsSkippedWhileASingleItemWaits)
+{
+    CardFolder card("camera");
+    Connection slow(2048);
+    ASSERT_EQ(0, slow.request(request("?filename=a.jpg")));
+    const SafePointer_C<char> block(static_cast<char*>(calloc(1, 200000)));
+    slow.client().send(block, 200000); // more than the socket takes: this one is being sent
+    slow.client().send(block, 1);
+    ASSERT_EQ(1, slow.client().getQueueLength());
+
+    deliver();
+
+    EXPECT_EQ(1, slow.client().getQueueLength());
+    EXPECT_FALSE(card.has("a.jpg"));
+}
+
+TEST_F(HttpSnapClientAnswer, PictureIsAnsweredBeforeItIsSaved)
+{
+    CardFolder card("camera");
+    ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));
+    const CallJournal journal("sendmsg access fwrite");
+
+    deliver();
+
+    const std::vector<std::string> vecLine = CallJournal::lines();
+    ASSERT_FALSE(vecLine.empty());
+    EXPECT_EQ(0U, vecLine.front().find("sendmsg ")) << vecLine.front();
+    EXPECT_EQ("fwrite", vecLine.back());
 }
 
 TEST_F(HttpSnapClientAnswer, CorrectionAnswersTheCorrectedPictureAndSavesTheRawOne)

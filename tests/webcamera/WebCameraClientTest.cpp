@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "Connection.h"
 #include "FakeSystem.h"
 #include "Fault.h"
@@ -97,9 +98,14 @@ TEST_F(WebCameraClientConnection, PathsAreComparedWithCaseAndWhole)
     for (const char* pPath :
          {"/LIVE", "/Live", "/live/", "/lives", "/snap/", "/CAMERA", "/", "*"}) {
         Connection connection;
+        const CallJournal journal("access");
         EXPECT_EQ(1, connection.request(std::string("OPTIONS ") + pPath + " HTTP/1.1\r\n\r\n"))
             << pPath << " is the path of a file that is not there";
         EXPECT_EQ("", connection.receive()) << pPath;
+        EXPECT_EQ(1u,
+                  CallJournal::count(
+                      std::string("access /tmp/run/mountd/mmcblk0p1/kestrel-server/www") + pPath))
+            << pPath << " is looked for";
     }
     EXPECT_EQ(0u, FakeSystem::consumerCount());
 }

@@ -22,6 +22,20 @@ RET_E step(const char* pModule, const char* pStep)
     return static_cast<RET_E>((nullptr == pResult) ? 0 : atoi(pResult));
 }
 
+/** A command that no console would publish, as "COUNT FIRST SECOND". */
+void publishCommand(const char* pCommand)
+{
+    char aacWord[10][128] = {};
+    const char* apWord[10];
+    for (int i = 0; i < 10; ++i) {
+        apWord[i] = aacWord[i];
+    }
+    int nCount = 0;
+    (void)sscanf(pCommand, "%d %127s %127s", &nCount, aacWord[0], aacWord[1]);
+    DebugCmdEvent event(&nCount, apWord);
+    EventBus<DebugCmdEvent>::publish(event);
+}
+
 void made(const char* pModule)
 {
     if (nullptr != getenv("MAKING")) {
@@ -98,6 +112,10 @@ RET_E CommucationModule::startModule()
 {
     if (nullptr != getenv("CONSOLE")) {
         (void)ModuleManager::getInstance().getDebugThread().start();
+    }
+    const char* pCommand = getenv("COMMAND");
+    if (nullptr != pCommand) {
+        publishCommand(pCommand);
     }
     if (nullptr != getenv("QUIT")) {
         SystemNeedQuitEvent event;
