@@ -11,10 +11,10 @@ namespace {
 
 const int64_t MS = 1000;
 
-class GrblControllerTest : public testing::Test
+class GrblControllerDialogue : public testing::Test
 {
 protected:
-    GrblControllerTest() : m_controller({}, m_wireLog)
+    GrblControllerDialogue() : m_controller({}, m_wireLog)
     {
         m_controller.setTrigger([this](const std::string& strInstruction) {
             EXPECT_TRUE(m_controller.instruct(strInstruction, m_s64Now));
@@ -120,7 +120,7 @@ bool contains(const std::string& strText, const std::string& strPart)
 
 } // namespace
 
-TEST_F(GrblControllerTest, GreetsAndReportsAtRest)
+TEST_F(GrblControllerDialogue, GreetsAndReportsAtRest)
 {
     m_controller.reset(m_s64Now);
 
@@ -130,7 +130,7 @@ TEST_F(GrblControllerTest, GreetsAndReportsAtRest)
     EXPECT_EQ("<Idle|MPos:0.000,0.000,0.000|FS:0,0>\r\n", say("?"));
 }
 
-TEST_F(GrblControllerTest, EmptyAndCommentLinesAreAcknowledged)
+TEST_F(GrblControllerDialogue, EmptyAndCommentLinesAreAcknowledged)
 {
     EXPECT_EQ("ok\r\n", say("\n"));
     EXPECT_EQ("ok\r\n", say("  \n"));
@@ -139,7 +139,7 @@ TEST_F(GrblControllerTest, EmptyAndCommentLinesAreAcknowledged)
     EXPECT_EQ("ok\r\nok\r\n", say("G21\r\n"));
 }
 
-TEST_F(GrblControllerTest, RefusedLinesSayWhy)
+TEST_F(GrblControllerDialogue, RefusedLinesSayWhy)
 {
     EXPECT_EQ("error:1\r\n", say("1\n"));
     EXPECT_EQ("error:2\r\n", say("HELLO\n"));
@@ -159,7 +159,7 @@ TEST_F(GrblControllerTest, RefusedLinesSayWhy)
     EXPECT_EQ("error:34\r\n", say("G2 X10 R1 F100\n"));
 }
 
-TEST_F(GrblControllerTest, LineOf79SignificantCharactersIsTheLongest)
+TEST_F(GrblControllerDialogue, LineOf79SignificantCharactersIsTheLongest)
 {
     const std::string strLine = "G1X1F100" + std::string(71, '0');
     ASSERT_EQ(79U, strLine.size());
@@ -170,7 +170,7 @@ TEST_F(GrblControllerTest, LineOf79SignificantCharactersIsTheLongest)
     EXPECT_EQ("ok\r\n", say("G21\n"));
 }
 
-TEST_F(GrblControllerTest, RefusedLineDoesNothing)
+TEST_F(GrblControllerDialogue, RefusedLineDoesNothing)
 {
     EXPECT_EQ("error:36\r\n", say("G91 M3 S500 F100 G1 X5 R1\n"));
 
@@ -179,7 +179,7 @@ TEST_F(GrblControllerTest, RefusedLineDoesNothing)
     EXPECT_EQ("[GC:G0 G54 G17 G21 G90 G94 M5 M9 T0 F0 S0]\r\nok\r\n", say("$G\n"));
 }
 
-TEST_F(GrblControllerTest, OverflowIsSilentAndRealtimeBytesPassIt)
+TEST_F(GrblControllerDialogue, OverflowIsSilentAndRealtimeBytesPassIt)
 {
     say("G4 P1\n");
     for (int i = 0; i < 40; ++i) {
@@ -194,7 +194,7 @@ TEST_F(GrblControllerTest, OverflowIsSilentAndRealtimeBytesPassIt)
     EXPECT_EQ("error:2\r\n", say("G21\n")); // is "G0XG21"
 }
 
-TEST_F(GrblControllerTest, AnswerTimes)
+TEST_F(GrblControllerDialogue, AnswerTimes)
 {
     send("G21\n");
     EXPECT_EQ("", wait(2 * MS));
@@ -209,7 +209,7 @@ TEST_F(GrblControllerTest, AnswerTimes)
     EXPECT_NEAR(346, static_cast<double>(strSettings.size()), 60); // values have other lengths
 }
 
-TEST_F(GrblControllerTest, OkMeansQueued)
+TEST_F(GrblControllerDialogue, OkMeansQueued)
 {
     prepare(10);
     say("G91 G1 F300\n");
@@ -225,7 +225,7 @@ TEST_F(GrblControllerTest, OkMeansQueued)
     EXPECT_NEAR(30, x(), 1e-6);
 }
 
-TEST_F(GrblControllerTest, HoldAtTenMillimetresPerSquareSecond)
+TEST_F(GrblControllerDialogue, HoldAtTenMillimetresPerSquareSecond)
 {
     burn("M3", 10);
     send("!");
@@ -244,7 +244,7 @@ TEST_F(GrblControllerTest, HoldAtTenMillimetresPerSquareSecond)
     EXPECT_TRUE(beam().bOn && beam().bMoving);
 }
 
-TEST_F(GrblControllerTest, HoldTimes)
+TEST_F(GrblControllerDialogue, HoldTimes)
 {
     struct Row
     {
@@ -274,7 +274,7 @@ TEST_F(GrblControllerTest, HoldTimes)
     }
 }
 
-TEST_F(GrblControllerTest, LaserOffInTheStreamComesBehindAllMotion)
+TEST_F(GrblControllerDialogue, LaserOffInTheStreamComesBehindAllMotion)
 {
     for (const char* const pLaser : {"M3", "M4"}) {
         m_controller.reset(m_s64Now);
@@ -291,7 +291,7 @@ TEST_F(GrblControllerTest, LaserOffInTheStreamComesBehindAllMotion)
     }
 }
 
-TEST_F(GrblControllerTest, SilentSenderLeavesConstantPowerOn)
+TEST_F(GrblControllerDialogue, SilentSenderLeavesConstantPowerOn)
 {
     burn("M3", 10);
     m_controller.dropWire(); // nor does a closed port change it
@@ -306,7 +306,7 @@ TEST_F(GrblControllerTest, SilentSenderLeavesConstantPowerOn)
     EXPECT_NEAR(0.003, darkAfter(s64Hold), 0.004);
 }
 
-TEST_F(GrblControllerTest, SilentSenderEndsDynamicPowerWithTheMotion)
+TEST_F(GrblControllerDialogue, SilentSenderEndsDynamicPowerWithTheMotion)
 {
     burn("M4", 10);
 
@@ -316,7 +316,7 @@ TEST_F(GrblControllerTest, SilentSenderEndsDynamicPowerWithTheMotion)
     EXPECT_NEAR(-0.038, darkAfter(0) - stillAfter(0), 0.012);
 }
 
-TEST_F(GrblControllerTest, WithoutLaserModeHoldKeepsTheBeam)
+TEST_F(GrblControllerDialogue, WithoutLaserModeHoldKeepsTheBeam)
 {
     for (const char* const pLaser : {"M3", "M4"}) {
         m_controller.reset(m_s64Now);
@@ -333,7 +333,7 @@ TEST_F(GrblControllerTest, WithoutLaserModeHoldKeepsTheBeam)
     }
 }
 
-TEST_F(GrblControllerTest, ConstantPowerIsOnAsSoonAsACuttingMotionIsModal)
+TEST_F(GrblControllerDialogue, ConstantPowerIsOnAsSoonAsACuttingMotionIsModal)
 {
     prepare(10);
     say("M3 S500\n");
@@ -350,7 +350,7 @@ TEST_F(GrblControllerTest, ConstantPowerIsOnAsSoonAsACuttingMotionIsModal)
     EXPECT_FALSE(beam().bOn);
 }
 
-TEST_F(GrblControllerTest, DynamicPowerIsOffAtRest)
+TEST_F(GrblControllerDialogue, DynamicPowerIsOffAtRest)
 {
     prepare(10);
 
@@ -362,7 +362,7 @@ TEST_F(GrblControllerTest, DynamicPowerIsOffAtRest)
     EXPECT_TRUE(contains(strReport, "|FS:6") && contains(strReport, ",1")) << strReport;
 }
 
-TEST_F(GrblControllerTest, PowerChangesInMotionWithoutAStop)
+TEST_F(GrblControllerDialogue, PowerChangesInMotionWithoutAStop)
 {
     prepare(10);
     say("M3 S100\nG1 X10 F300\nX20 S900\n");
@@ -376,7 +376,7 @@ TEST_F(GrblControllerTest, PowerChangesInMotionWithoutAStop)
     EXPECT_TRUE(contains(say("?"), "|FS:300,900"));
 }
 
-TEST_F(GrblControllerTest, ResetAtRestGreetsAndKeepsThePosition)
+TEST_F(GrblControllerDialogue, ResetAtRestGreetsAndKeepsThePosition)
 {
     say("G0 X5\n");
     wait(5000 * MS);
@@ -388,7 +388,7 @@ TEST_F(GrblControllerTest, ResetAtRestGreetsAndKeepsThePosition)
     EXPECT_TRUE(contains(say("?"), "<Idle|MPos:5.000,"));
 }
 
-TEST_F(GrblControllerTest, ResetInMotionIsAnAlarmAndLocks)
+TEST_F(GrblControllerDialogue, ResetInMotionIsAnAlarmAndLocks)
 {
     burn("M3", 10);
     send("\x18");
@@ -404,7 +404,7 @@ TEST_F(GrblControllerTest, ResetInMotionIsAnAlarmAndLocks)
     EXPECT_EQ("ok\r\n", say("G0 X1\n"));
 }
 
-TEST_F(GrblControllerTest, LocksAtPowerUpWhereHomingIsOn)
+TEST_F(GrblControllerDialogue, LocksAtPowerUpWhereHomingIsOn)
 {
     EXPECT_TRUE(m_controller.preset(22, 1));
     m_controller.reset(m_s64Now);
@@ -420,7 +420,7 @@ TEST_F(GrblControllerTest, LocksAtPowerUpWhereHomingIsOn)
     EXPECT_DOUBLE_EQ(-1, x());
 }
 
-TEST_F(GrblControllerTest, ResetWhileHomingIsAnAlarm)
+TEST_F(GrblControllerDialogue, ResetWhileHomingIsAnAlarm)
 {
     EXPECT_TRUE(m_controller.preset(22, 1));
     wait(100 * MS);
@@ -430,7 +430,7 @@ TEST_F(GrblControllerTest, ResetWhileHomingIsAnAlarm)
     EXPECT_TRUE(contains(wait(1000 * MS), "to unlock]"));
 }
 
-TEST_F(GrblControllerTest, RealtimeBytesActInComments)
+TEST_F(GrblControllerDialogue, RealtimeBytesActInComments)
 {
     burn("M3", 500);
 
@@ -441,7 +441,7 @@ TEST_F(GrblControllerTest, RealtimeBytesActInComments)
     EXPECT_TRUE(contains(say("is it held?)\n"), "<Hold:0|"));
 }
 
-TEST_F(GrblControllerTest, OverridesActAndForeignBytesAreDropped)
+TEST_F(GrblControllerDialogue, OverridesActAndForeignBytesAreDropped)
 {
     say("?");
     say("?");
@@ -455,7 +455,7 @@ TEST_F(GrblControllerTest, OverridesActAndForeignBytesAreDropped)
                             "1\n"));
 }
 
-TEST_F(GrblControllerTest, FeedOverrideChangesTheSpeedAndSpindleOverrideThePower)
+TEST_F(GrblControllerDialogue, FeedOverrideChangesTheSpeedAndSpindleOverrideThePower)
 {
     burn("M3", 500);
 
@@ -464,7 +464,7 @@ TEST_F(GrblControllerTest, FeedOverrideChangesTheSpeedAndSpindleOverrideThePower
     EXPECT_TRUE(contains(say("?"), "|FS:330,550"));
 }
 
-TEST_F(GrblControllerTest, DoorStopsWithTheBeamOffAndGoesOn)
+TEST_F(GrblControllerDialogue, DoorStopsWithTheBeamOffAndGoesOn)
 {
     burn("M3", 500);
     say("\x84", 20 * MS);
@@ -478,7 +478,7 @@ TEST_F(GrblControllerTest, DoorStopsWithTheBeamOffAndGoesOn)
     EXPECT_TRUE(beam().bOn && beam().bMoving);
 }
 
-TEST_F(GrblControllerTest, JogIsAStateOfItsOwnAndCanBeCancelled)
+TEST_F(GrblControllerDialogue, JogIsAStateOfItsOwnAndCanBeCancelled)
 {
     EXPECT_EQ("error:22\r\n", say("$J=G91 X10\n"));
     EXPECT_EQ("error:16\r\n", say("$J=G1 X10 F100\n"));
@@ -495,7 +495,7 @@ TEST_F(GrblControllerTest, JogIsAStateOfItsOwnAndCanBeCancelled)
     EXPECT_TRUE(contains(say("$G\n"), "G90")); // nothing modal was touched
 }
 
-TEST_F(GrblControllerTest, SoftLimitsAreAnAlarmThatOnlyAResetEnds)
+TEST_F(GrblControllerDialogue, SoftLimitsAreAnAlarmThatOnlyAResetEnds)
 {
     EXPECT_TRUE(m_controller.preset(22, 1));
     EXPECT_TRUE(m_controller.preset(20, 1));
@@ -509,7 +509,7 @@ TEST_F(GrblControllerTest, SoftLimitsAreAnAlarmThatOnlyAResetEnds)
     EXPECT_EQ("[MSG:Caution: Unlocked]\r\nok\r\n", say("$X\n"));
 }
 
-TEST_F(GrblControllerTest, SettingsAreCheckedAndKept)
+TEST_F(GrblControllerDialogue, SettingsAreCheckedAndKept)
 {
     EXPECT_EQ("ok\r\n", say("$110=600.5\n"));
     EXPECT_EQ("error:3\r\n", say("$99=1\n"));
@@ -524,7 +524,7 @@ TEST_F(GrblControllerTest, SettingsAreCheckedAndKept)
     EXPECT_EQ("error:8\r\n", say("$$\n"));
 }
 
-TEST_F(GrblControllerTest, DollarLines)
+TEST_F(GrblControllerDialogue, DollarLines)
 {
     EXPECT_EQ("[VER:1.1h.20190830:]\r\n[OPT:V,15,128]\r\nok\r\n", say("$I\n"));
     EXPECT_EQ("$N0=\r\n$N1=\r\nok\r\n", say("$N\n"));
@@ -542,7 +542,7 @@ TEST_F(GrblControllerTest, DollarLines)
     EXPECT_TRUE(contains(wait(100 * MS), "Grbl 1.1h"));
 }
 
-TEST_F(GrblControllerTest, ReportHasWhatTheMaskAsksFor)
+TEST_F(GrblControllerDialogue, ReportHasWhatTheMaskAsksFor)
 {
     say("G92 X5\n$10=2\n");
 
@@ -552,7 +552,7 @@ TEST_F(GrblControllerTest, ReportHasWhatTheMaskAsksFor)
               strReport);
 }
 
-TEST_F(GrblControllerTest, CoolantIsThePilotSpot)
+TEST_F(GrblControllerDialogue, CoolantIsThePilotSpot)
 {
     EXPECT_FALSE(m_controller.isPilotOn());
     say("M8\n");
@@ -562,7 +562,7 @@ TEST_F(GrblControllerTest, CoolantIsThePilotSpot)
     EXPECT_FALSE(m_controller.isPilotOn());
 }
 
-TEST_F(GrblControllerTest, PausedProgramGoesOnAndEndedProgramIsDark)
+TEST_F(GrblControllerDialogue, PausedProgramGoesOnAndEndedProgramIsDark)
 {
     prepare(500);
     say("M3 S500\nG1 X1 F300\nM0\nX2\nM2\n");
@@ -576,7 +576,7 @@ TEST_F(GrblControllerTest, PausedProgramGoesOnAndEndedProgramIsDark)
     EXPECT_TRUE(contains(say("$G\n"), "M5"));
 }
 
-TEST_F(GrblControllerTest, ArcEndsWhereItShouldOnItsCircle)
+TEST_F(GrblControllerDialogue, ArcEndsWhereItShouldOnItsCircle)
 {
     prepare(500);
     say("G2 X10 Y10 I10 F3000\n", 1);
@@ -591,7 +591,7 @@ TEST_F(GrblControllerTest, ArcEndsWhereItShouldOnItsCircle)
     EXPECT_NEAR(10, m_controller.getPosition()[1], 1e-6);
 }
 
-TEST_F(GrblControllerTest, FaultsHitTheirLines)
+TEST_F(GrblControllerDialogue, FaultsHitTheirLines)
 {
     EXPECT_TRUE(m_controller.instruct("refuse 7", m_s64Now));
     EXPECT_EQ("error:7\r\n", say("G0 X1\n"));
