@@ -25,52 +25,38 @@ int IModule::onDebugCmd(Event* pEvent)
 
 RET_E IModule::init()
 {
-    if (MODULE_STATUS_NONE != m_nStatus && MODULE_STATUS_UNINITED != m_nStatus) {
-        LOG(7, "Current status is %d \n", m_nStatus);
-        return RET_FAILED;
-    }
-    const RET_E eRet = initModule();
-    if (RET_SUCCESS == eRet) {
-        m_nStatus = MODULE_STATUS_INITED;
-    }
-    return eRet;
+    return takeStep(__func__, MODULE_STATUS_NONE, MODULE_STATUS_UNINITED, &IModule::initModule,
+                    MODULE_STATUS_INITED);
 }
 
 RET_E IModule::start()
 {
-    if (MODULE_STATUS_INITED != m_nStatus && MODULE_STATUS_STOPPED != m_nStatus) {
-        LOG(7, "Current status is %d \n", m_nStatus);
-        return RET_FAILED;
-    }
-    const RET_E eRet = startModule();
-    if (RET_SUCCESS == eRet) {
-        m_nStatus = MODULE_STATUS_RUNNING;
-    }
-    return eRet;
+    return takeStep(__func__, MODULE_STATUS_INITED, MODULE_STATUS_STOPPED, &IModule::startModule,
+                    MODULE_STATUS_RUNNING);
 }
 
 RET_E IModule::stop()
 {
-    if (MODULE_STATUS_RUNNING != m_nStatus) {
-        LOG(7, "Current status is %d \n", m_nStatus);
-        return RET_FAILED;
-    }
-    const RET_E eRet = stopModule();
-    if (RET_SUCCESS == eRet) {
-        m_nStatus = MODULE_STATUS_STOPPED;
-    }
-    return eRet;
+    return takeStep(__func__, MODULE_STATUS_RUNNING, MODULE_STATUS_RUNNING, &IModule::stopModule,
+                    MODULE_STATUS_STOPPED);
 }
 
 RET_E IModule::uninit()
 {
-    if (MODULE_STATUS_STOPPED != m_nStatus && MODULE_STATUS_INITED != m_nStatus) {
-        LOG(7, "Current status is %d \n", m_nStatus);
+    return takeStep(__func__, MODULE_STATUS_STOPPED, MODULE_STATUS_INITED, &IModule::uninitModule,
+                    MODULE_STATUS_UNINITED);
+}
+
+RET_E IModule::takeStep(const char* pName, MODULE_STATUS_E eFrom, MODULE_STATUS_E eOrFrom,
+                        RET_E (IModule::*pStep)(), MODULE_STATUS_E eTo)
+{
+    if (eFrom != m_nStatus && eOrFrom != m_nStatus) {
+        LOG_AS(pName, 7, "Current status is %d \n", m_nStatus);
         return RET_FAILED;
     }
-    const RET_E eRet = uninitModule();
+    const RET_E eRet = (this->*pStep)();
     if (RET_SUCCESS == eRet) {
-        m_nStatus = MODULE_STATUS_UNINITED;
+        m_nStatus = eTo;
     }
     return eRet;
 }

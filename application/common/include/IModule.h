@@ -53,5 +53,8 @@ public:
     }
 
 private:
+    RET_E takeStep(const char* pName, MODULE_STATUS_E eFrom, MODULE_STATUS_E eOrFrom,
+                   RET_E (IModule::*pStep)(), MODULE_STATUS_E eTo);
+
     int32_t m_nStatus = MODULE_STATUS_NONE; // a MODULE_STATUS_E
 };
