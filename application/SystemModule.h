@@ -29,7 +29,8 @@ public:
     /** The module has no commands of its own. @return 0 */
     int onDebugCmd(Event* pEvent) override;
 
-    /** Deliver the frames of the consumer's stream to it from now on; VideoCapturer.h tells more.
+    /**
+     * Deliver the frames of the consumer's stream to it from now on; VideoCapturer.h tells more.
      */
     RET_E registerConsumer(IConsumer* pConsumer);
 
@@ -72,8 +73,11 @@ public:
     /** Start the job that waits or go on with a paused one. @return 1 when refused */
     int startPrintJob();
 
-    /** Stop behind the line under way and send "M5", which the placeholder codec leaves empty; up
-     * to 15.5 s. @return 0 */
+    /**
+     * Stop behind the line under way and send "M5", which the placeholder codec leaves empty; up to
+     * 15.5 s.
+     * @return 0
+     */
     int pausePrintJob();
 
     /** Give the job up; the rest as pausePrintJob(). @return 0 */

@@ -39,7 +39,8 @@ struct FRAME_PROCESS_UNDISTORT_T
 /** Called once, when all seven entry points were found. */
 FRAME_PROCESS_API void init(void);
 
-/** Called by the host's uninit(), which the shipped start-up never calls; the library stays loaded.
+/**
+ * Called by the host's uninit(), which the shipped start-up never calls; the library stays loaded.
  */
 FRAME_PROCESS_API void uninit(void);
 

@@ -46,7 +46,9 @@ public:
     /** Whether a job is open: from open() to its end or close(). */
     bool isOpen() const;
 
-    /** Open the file at its start, in place of a job that is still open. @return false without it
+    /**
+     * Open the file at its start, in place of a job that is still open.
+     * @return false without it
      */
     bool open();
 

@@ -32,7 +32,9 @@ public:
      */
     int sendCommand(const char* pCommand);
 
-    /** Send a job line as it is. @return bytes sent, fewer when it was cut short, 0 without a port
+    /**
+     * Send a job line as it is.
+     * @return bytes sent, fewer when it was cut short, 0 without a port
      */
     int sendLine(const std::string& strLine);
 

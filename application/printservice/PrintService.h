@@ -66,7 +66,8 @@ public:
     /** Read one reply into a buffer, which is cleared first; waits that long at most. */
     void readUart(char* pBuffer, int nSize, int nSeconds, int nMicroseconds);
 
-    /** Read one reply, 10 seconds at most, and act on its status as a service without a job does.
+    /**
+     * Read one reply, 10 seconds at most, and act on its status as a service without a job does.
      */
     void pollStatus();
 
@@ -109,8 +110,10 @@ public:
      */
     int getProgress(float* pProgress);
 
-    /** Keep an image in "firmware.bin", then send "pp.bin" in raw blocks. @return 1 without a port,
-     *  else 0, whatever became of either */
+    /**
+     * Keep an image in "firmware.bin", then send "pp.bin" in raw blocks.
+     * @return 1 without a port, else 0, whatever became of either
+     */
     int updateFirmware(const void* pData, int nLength);
 
     /** Reset the controller by 500 ms low on its reset line. @return 0 */
@@ -127,8 +130,10 @@ public:
      */
     int printLoop();
 
-    /** Home, then move to the negated position; 45 s at most. No reply and no state is looked at.
-     *  @return -1 */
+    /**
+     * Home, then move to the negated position; 45 s at most. No reply and no state is looked at.
+     * @return -1
+     */
     int onMoveLaserEvent(Event* pEvent);
 
     /** Move to the negated height; 23 s at most. @return -1 */

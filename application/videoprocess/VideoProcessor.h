@@ -77,8 +77,10 @@ public:
      */
     void getFrame(PVENC_FRAME_T& frame);
 
-    /** Handler of VideoFrameEvent while getFrame waits; without memory it drops the frame. @return
-     * 0 */
+    /**
+     * Handler of VideoFrameEvent while getFrame waits; without memory it drops the frame.
+     * @return 0
+     */
     int onVideoFrame(Event* pEvent);
 
 private:

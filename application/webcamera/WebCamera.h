@@ -3,7 +3,8 @@
 
 #include "TcpServer.h"
 
-/** The server's reactor thread is "webcamera"; its connections are WebCameraClients, 512 at most.
+/**
+ * The server's reactor thread is "webcamera"; its connections are WebCameraClients, 512 at most.
  */
 class WebCamera : public TcpServer
 {

@@ -38,7 +38,8 @@ public:
         return m_anFd;
     }
 
-    /** The stores since the last call, in order per file. Two of one file may arrive in one read.
+    /**
+     * The stores since the last call, in order per file. Two of one file may arrive in one read.
      */
     std::vector<Store> read();
 

@@ -9,8 +9,10 @@
 class SceneFile
 {
 public:
-    /** Not mapped when the file cannot be used, errno says why; then the state is a record of its
-     * own. */
+    /**
+     * Not mapped when the file cannot be used, errno says why; then the state is a record of its
+     * own.
+     */
     explicit SceneFile(const std::string& strPath);
     ~SceneFile();
     SceneFile(const SceneFile&) = delete;

@@ -17,13 +17,15 @@ class VideoControls
 public:
     static const int32_t NOMINAL_EXPOSURE = 157; // at which manual and automatic look the same
 
-    /** VIDIOC_QUERYCTRL, VIDIOC_QUERY_EXT_CTRL, VIDIOC_QUERYMENU; ids may carry the "next" flags.
+    /**
+     * VIDIOC_QUERYCTRL, VIDIOC_QUERY_EXT_CTRL, VIDIOC_QUERYMENU; ids may carry the "next" flags.
      */
     int query(v4l2_query_ext_ctrl& control) const;
     int query(v4l2_queryctrl& control) const;
     int query(v4l2_querymenu& item) const;
 
-    /** EINVAL for an unknown control; set: ERANGE, EINVAL for a menu's wrong item, EACCES inactive.
+    /**
+     * EINVAL for an unknown control; set: ERANGE, EINVAL for a menu's wrong item, EACCES inactive.
      */
     int get(v4l2_control& control) const;
     int set(v4l2_control& control);

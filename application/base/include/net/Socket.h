@@ -79,7 +79,8 @@ public:
     /** @param pIp  dotted (inet_addr(3)); null for every local address */
     int bind(const char* pIp, uint16_t u16Port);
 
-    /** -1, unlogged, also for a text that is no address; a non-blocking connect in progress is -1
+    /**
+     * -1, unlogged, also for a text that is no address; a non-blocking connect in progress is -1
      */
     int connect(const char* pIp, uint16_t u16Port);
     int connect(const sockaddr_in& address);

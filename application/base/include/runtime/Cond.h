@@ -10,7 +10,8 @@
 
 class Time;
 
-/** Private to the process. Failures of set-up are assertions; the other operations return theirs.
+/**
+ * Private to the process. Failures of set-up are assertions; the other operations return theirs.
  */
 class Cond
 {
@@ -25,7 +26,8 @@ public:
      */
     ~Cond();
 
-    /** Release the mutex, wait, take it again. Wakes without cause are possible: test a predicate.
+    /**
+     * Release the mutex, wait, take it again. Wakes without cause are possible: test a predicate.
      */
     RET_E wait(Mutex& mutex) REQUIRES(mutex);
 

@@ -97,7 +97,8 @@ public:
     }
 
 private:
-    /** What object and thread share; a detached thread may still be leaving when the object goes.
+    /**
+     * What object and thread share; a detached thread may still be leaving when the object goes.
      */
     struct State
     {
