@@ -37,7 +37,7 @@ VideoCapturer& VideoCapturer::getInstance()
 
 std::shared_ptr<VideoStreamProducer[]> VideoCapturer::getProducers()
 {
-    const MutexGuard guard(m_mutex);
+    const MutexGuard guard(m_mtx);
     return m_pProducers;
 }
 
@@ -56,7 +56,7 @@ RET_E VideoCapturer::init()
             return eRet;
         }
     }
-    const MutexGuard guard(m_mutex);
+    const MutexGuard guard(m_mtx);
     m_pProducers = pProducers;
     return RET_SUCCESS;
 }
@@ -91,7 +91,7 @@ RET_E VideoCapturer::uninit()
 {
     std::shared_ptr<VideoStreamProducer[]> pProducers;
     {
-        const MutexGuard guard(m_mutex);
+        const MutexGuard guard(m_mtx);
         pProducers.swap(m_pProducers);
     }
     for (int32_t i = STREAM_COUNT - 1; nullptr != pProducers && i >= 0; --i) {

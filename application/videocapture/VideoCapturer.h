@@ -31,8 +31,9 @@ public:
     /** Start the producers and follow SetExposureEvents. @return the first failure */
     RET_E start();
 
-    /** Waits for a running SetExposureEvent handler and for the capture threads. @return
-     * RET_SUCCESS
+    /**
+     * Waits for a running SetExposureEvent handler and for the capture threads.
+     * @return RET_SUCCESS
      */
     RET_E stop();
 
@@ -62,7 +63,7 @@ private:
     VideoStreamProducer* findProducer(const std::shared_ptr<VideoStreamProducer[]>& pProducers,
                                       IConsumer* pConsumer);
 
-    Mutex m_mutex{MUTEX_TYPE_NORMAL}; // guards the pointer only; nothing is called with it held
+    Mutex m_mtx{MUTEX_TYPE_NORMAL}; // guards the pointer only; nothing is called with it held
     // Shared with the calls under way, so that uninit can't free a producer under a registration.
-    std::shared_ptr<VideoStreamProducer[]> m_pProducers GUARDED_BY(m_mutex);
+    std::shared_ptr<VideoStreamProducer[]> m_pProducers GUARDED_BY(m_mtx);
 };

@@ -76,7 +76,7 @@ RET_E VideoStreamProducer::registerConsumer(IConsumer* pConsumer)
     const auto& consumer = dynamic_cast<VideoConsumer&>(*pConsumer);
     size_t uCount = 0; // 0: already there
     {
-        const MutexGuard guard(m_mutex);
+        const MutexGuard guard(m_mtx);
         if (!guard.isHeld()) {
             return RET_FAILED;
         }
@@ -102,7 +102,7 @@ RET_E VideoStreamProducer::cancelConsumer(IConsumer* pConsumer)
     const auto& consumer = dynamic_cast<VideoConsumer&>(*pConsumer);
     size_t uCount = 0;
     {
-        const MutexGuard guard(m_mutex);
+        const MutexGuard guard(m_mtx);
         if (!guard.isHeld()) {
             return RET_FAILED;
         }
@@ -149,7 +149,7 @@ int VideoStreamProducer::dispatchThread()
 
 void VideoStreamProducer::deliver(PVENC_FRAME_T& frame)
 {
-    const MutexGuard guard(m_mutex);
+    const MutexGuard guard(m_mtx);
     for (IConsumer* pConsumer : m_listConsumer) {
         if (nullptr != dynamic_cast<VideoConsumer*>(pConsumer) && nullptr != frame.get()) {
             VideoFrameEvent event(m_nStream, frame);

@@ -38,7 +38,9 @@ public:
     /** Begin to stream, when initialised and not started. @return RET_SUCCESS */
     RET_E start();
 
-    /** Wait for the thread's current pass, seconds at most, and end streaming. @return RET_SUCCESS
+    /**
+     * Wait for the thread's current pass, seconds at most, and end streaming.
+     * @return RET_SUCCESS
      */
     RET_E stop();
 
@@ -78,8 +80,8 @@ private:
     int32_t m_nStream = 0;
     // Guards the list; the capture thread holds it while consumers run, and they take the locks of
     // their connections.
-    Mutex m_mutex{MUTEX_TYPE_ERRORCHECK};
-    std::list<IConsumer*> m_listConsumer GUARDED_BY(m_mutex);
+    Mutex m_mtx{MUTEX_TYPE_ERRORCHECK};
+    std::list<IConsumer*> m_listConsumer GUARDED_BY(m_mtx);
     std::unique_ptr<Thread> m_pThread;
     std::unique_ptr<V4L2> m_v4l2; // the capture thread's while started
     bool m_bStarted = false;

@@ -116,10 +116,10 @@ std::string CameraCommands::change(const Words& vecWord)
         m_journal.clear();
     } else if ("timeperframe" == strName && 2 == uWords && oneOf(vecWord[1], "on", "off")) {
         m_camera.changeFaults(
-            [&](CameraFaults& faults) { faults.bNoTimePerFrame = "off" == vecWord[1]; });
+            [&](CameraFaults& faults) { faults.m_bNoTimePerFrame = "off" == vecWord[1]; });
     } else if ("stat" == strName && 2 == uWords && oneOf(vecWord[1], "regular", "normal")) {
         m_camera.changeFaults(
-            [&](CameraFaults& faults) { faults.bRegularNode = "regular" == vecWord[1]; });
+            [&](CameraFaults& faults) { faults.m_bRegularNode = "regular" == vecWord[1]; });
     } else if ("capabilities" == strName && 2 == uWords) {
         return capabilities(vecWord[1]);
     } else if ("mark" == strName) {
@@ -129,7 +129,8 @@ std::string CameraCommands::change(const Words& vecWord)
     } else if ("replug" == strName) {
         m_camera.replug();
     } else if ("freeze" == strName || "thaw" == strName) {
-        m_camera.changeFaults([&](CameraFaults& faults) { faults.bFrozen = "freeze" == strName; });
+        m_camera.changeFaults(
+            [&](CameraFaults& faults) { faults.m_bFrozen = "freeze" == strName; });
     } else if ("clear" == strName) {
         m_camera.changeFaults([](CameraFaults& faults) { faults = CameraFaults(); });
         m_camera.setRate(0);
@@ -148,14 +149,14 @@ std::string CameraCommands::capabilities(const std::string& strWord)
     char* pEnd = nullptr;
     const unsigned long nValue = strtoul(strWord.c_str(), &pEnd, 16);
     if ("normal" == strWord) {
-        m_camera.changeFaults([](CameraFaults& faults) { faults.capabilities.reset(); });
+        m_camera.changeFaults([](CameraFaults& faults) { faults.m_capabilities.reset(); });
         return OK;
     }
     if ('\0' != *pEnd || nValue > UINT32_MAX) {
         return USAGE;
     }
     m_camera.changeFaults(
-        [&](CameraFaults& faults) { faults.capabilities = static_cast<uint32_t>(nValue); });
+        [&](CameraFaults& faults) { faults.m_capabilities = static_cast<uint32_t>(nValue); });
     return OK;
 }
 
@@ -173,7 +174,7 @@ std::string CameraCommands::unplug(const Words& vecWord)
     if (CAMERA_CALLS == eCall || CAMERA_stat == eCall || CAMERA_open == eCall) {
         return "error: unknown call";
     }
-    m_camera.changeFaults([&](CameraFaults& faults) { faults.unplugAfter = eCall; });
+    m_camera.changeFaults([&](CameraFaults& faults) { faults.m_unplugAfter = eCall; });
     return OK;
 }
 
@@ -248,7 +249,7 @@ std::string CameraCommands::counted(const Words& vecWord)
         } else if ("index" == strName) {
             faults.setIndex(u32Value, u32Count);
         } else {
-            faults.coercedRate = bOff ? std::nullopt : std::optional<uint32_t>(u32Value);
+            faults.m_coercedRate = bOff ? std::nullopt : std::optional<uint32_t>(u32Value);
         }
     });
     return OK;

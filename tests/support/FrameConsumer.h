@@ -27,14 +27,14 @@ public:
     /** The last frames, 100 at most. */
     std::vector<PVENC_FRAME_T> frames() const
     {
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        const std::lock_guard<std::mutex> guard(m_mtx);
         return m_vecFrame;
     }
 
     /** Name of the thread that delivered last. */
     std::string thread() const
     {
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        const std::lock_guard<std::mutex> guard(m_mtx);
         return m_strThread;
     }
 
@@ -48,7 +48,7 @@ public:
     /** Frames so far. */
     size_t total() const
     {
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        const std::lock_guard<std::mutex> guard(m_mtx);
         return m_uTotal;
     }
 
@@ -61,7 +61,7 @@ private:
         }
         char acName[16] = {};
         prctl(PR_GET_NAME, acName);
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        const std::lock_guard<std::mutex> guard(m_mtx);
         m_strThread = acName;
         ++m_uTotal;
         m_vecFrame.push_back(event.m_frame);
@@ -71,7 +71,7 @@ private:
         return 7; // nobody asks for it
     }
 
-    mutable std::mutex m_mutex; // guards what follows
+    mutable std::mutex m_mtx; // guards what follows
     std::string m_strThread;
     size_t m_uTotal = 0;
     std::vector<PVENC_FRAME_T> m_vecFrame;

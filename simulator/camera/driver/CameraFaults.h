@@ -35,12 +35,12 @@ public:
     void setGrant(uint32_t u32Buffers, uint32_t u32Count);
     std::optional<uint32_t> grant();
 
-    std::optional<uint32_t> coercedRate;   // frames per second that every S_PARM is granted
-    std::optional<uint32_t> capabilities;  // that QUERYCAP tells
-    bool bNoTimePerFrame = false;          // the capability is not announced
-    bool bFrozen = false;                  // no frame is filled
-    bool bRegularNode = false;             // stat finds a regular file
-    std::optional<CameraCall> unplugAfter; // unplug when this call has succeeded
+    std::optional<uint32_t> m_coercedRate;   // frames per second that every S_PARM is granted
+    std::optional<uint32_t> m_capabilities;  // that QUERYCAP tells
+    bool m_bNoTimePerFrame = false;          // the capability is not announced
+    bool m_bFrozen = false;                  // no frame is filled
+    bool m_bRegularNode = false;             // stat finds a regular file
+    std::optional<CameraCall> m_unplugAfter; // unplug when this call has succeeded
 
 private:
     struct CallFault

@@ -32,14 +32,14 @@ void Journal::note(const std::string& strText)
 
 void Journal::clear()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     (void)::ftruncate(m_nFd, 0); // a journal that is not there stays empty
     m_u32Bytes = 0;
 }
 
 void Journal::append(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     if (m_u32Bytes >= m_u32MaxBytes) {
         (void)::ftruncate(m_nFd, 0); // a journal that is not there stays empty
         m_u32Bytes = 0;

@@ -36,6 +36,6 @@ private:
 
     const int m_nFd;
     const uint32_t m_u32MaxBytes;
-    std::mutex m_mutex;      // guards all below
+    std::mutex m_mtx;        // guards all below
     uint32_t m_u32Bytes = 0; // in the file
 };

@@ -26,7 +26,7 @@ int UvcCamera::dispatch(ICameraHandle& handle, CameraCall eCall, CameraRecord& r
         cap.version = 6 << 16 | 1 << 8; // KERNEL_VERSION(6, 1, 0)
         cap.device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_STREAMING;
         cap.capabilities = cap.device_caps | V4L2_CAP_DEVICE_CAPS | V4L2_CAP_META_CAPTURE;
-        cap.capabilities = m_faults.capabilities.value_or(cap.capabilities);
+        cap.capabilities = m_faults.m_capabilities.value_or(cap.capabilities);
         return 0;
     }
     case CAMERA_ENUM_FMT:
@@ -96,7 +96,7 @@ int UvcCamera::blockedByPriority(const ICameraHandle& handle, CameraCall eCall) 
     case CAMERA_S_EXT_CTRLS:
     case CAMERA_S_INPUT:
         for (const ICameraHandle* pOther : m_vecHandle) {
-            if (!pOther->bDead && pOther->u32Priority > handle.u32Priority) {
+            if (!pOther->m_bDead && pOther->m_u32Priority > handle.m_u32Priority) {
                 return EBUSY;
             }
         }
@@ -143,13 +143,13 @@ int UvcCamera::rateCall(ICameraHandle& handle, CameraCall eCall, v4l2_streamparm
         if (m_queue.isStreaming()) {
             return EBUSY;
         }
-        m_interval = m_faults.coercedRate
-                         ? v4l2_fract{1, *m_faults.coercedRate}
+        m_interval = m_faults.m_coercedRate
+                         ? v4l2_fract{1, *m_faults.m_coercedRate}
                          : VideoFormats::nearestInterval(parm.parm.capture.timeperframe);
     }
     parm = {};
     parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    parm.parm.capture.capability = m_faults.bNoTimePerFrame ? 0 : V4L2_CAP_TIMEPERFRAME;
+    parm.parm.capture.capability = m_faults.m_bNoTimePerFrame ? 0 : V4L2_CAP_TIMEPERFRAME;
     parm.parm.capture.timeperframe = m_interval;
     return 0;
 }
@@ -202,7 +202,7 @@ int UvcCamera::requestBuffers(ICameraHandle& handle, v4l2_requestbuffers& reques
         u32Count = m_faults.grant().value_or(u32Count);
     }
     const int nError =
-        m_queue.allocate(handle.u32Session, u32Count, VideoFormats::bufferLength(m_choice));
+        m_queue.allocate(handle.m_u32Session, u32Count, VideoFormats::bufferLength(m_choice));
     if (0 != nError) {
         return nError;
     }
@@ -326,12 +326,12 @@ int UvcCamera::priorityCall(ICameraHandle& handle, CameraCall eCall, uint32_t& u
         if (u32Priority < V4L2_PRIORITY_BACKGROUND || u32Priority > V4L2_PRIORITY_RECORD) {
             return EINVAL;
         }
-        handle.u32Priority = u32Priority;
+        handle.m_u32Priority = u32Priority;
         return 0;
     }
-    u32Priority = handle.u32Priority;
+    u32Priority = handle.m_u32Priority;
     for (const ICameraHandle* pOther : m_vecHandle) {
-        u32Priority = std::max(u32Priority, pOther->bDead ? 0 : pOther->u32Priority);
+        u32Priority = std::max(u32Priority, pOther->m_bDead ? 0 : pOther->m_u32Priority);
     }
     return 0;
 }

@@ -17,7 +17,7 @@ UvcCamera::UvcCamera(const std::string& strDir, Journal& journal, FrameLog& fram
 
 void UvcCamera::onPlug(PlugHandler pHandler, void* pContext)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     m_pPlugHandler = pHandler;
     m_pPlugContext = pContext;
 }
@@ -38,12 +38,12 @@ std::string lineOf(CameraCall eCall, const std::string& strAsked, int nErrno,
 
 void UvcCamera::stat(CameraNode& node)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     node.s32Errno = m_faults.failure(CAMERA_stat);
     if (0 == node.s32Errno && !m_bPlugged) {
         node.s32Errno = ENOENT;
     }
-    node.u32Kind = m_faults.bRegularNode ? CAMERA_NODE_REGULAR : CAMERA_NODE_CHARACTER;
+    node.u32Kind = m_faults.m_bRegularNode ? CAMERA_NODE_REGULAR : CAMERA_NODE_CHARACTER;
     CameraRecord record{};
     record.node_stat = node;
     m_journal.call(node.u32Pid, 0,
@@ -52,15 +52,15 @@ void UvcCamera::stat(CameraNode& node)
 
 bool UvcCamera::open(CameraNode& node, ICameraHandle& handle)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     node.s32Errno = m_faults.failure(CAMERA_open);
     if (0 == node.s32Errno && !m_bPlugged) {
         node.s32Errno = ENOENT;
     }
     node.u32Session = 0;
     if (0 == node.s32Errno) {
-        handle.u32Session = ++m_u32LastSession;
-        node.u32Session = handle.u32Session;
+        handle.m_u32Session = ++m_u32LastSession;
+        node.u32Session = handle.m_u32Session;
         m_vecHandle.push_back(&handle);
     }
     CameraRecord record{};
@@ -72,18 +72,18 @@ bool UvcCamera::open(CameraNode& node, ICameraHandle& handle)
 
 void UvcCamera::opened(ICameraHandle& handle)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     settle(handle);
 }
 
 UvcCamera::Answer UvcCamera::call(ICameraHandle& handle, uint32_t u32Pid, CameraCall eCall,
                                   CameraRecord& record, bool bBlocking)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     const std::string strAsked = askedText(eCall, record);
     Answer answer;
     const bool bAlways = CAMERA_close == eCall || CAMERA_munmap == eCall; // also once unplugged
-    if (handle.bDead && !bAlways) {
+    if (handle.m_bDead && !bAlways) {
         answer.nErrno = ENODEV;
     } else {
         answer.nErrno = m_faults.failure(eCall);
@@ -92,12 +92,12 @@ UvcCamera::Answer UvcCamera::call(ICameraHandle& handle, uint32_t u32Pid, Camera
         answer.nErrno = dispatch(handle, eCall, record, bBlocking, answer.bWait);
     }
     if (!answer.bWait) {
-        m_journal.call(u32Pid, handle.u32Session,
+        m_journal.call(u32Pid, handle.m_u32Session,
                        lineOf(eCall, strAsked, answer.nErrno,
                               0 == answer.nErrno ? grantedText(eCall, record) : ""));
     }
-    if (0 == answer.nErrno && !answer.bWait && m_faults.unplugAfter == eCall) {
-        m_faults.unplugAfter.reset();
+    if (0 == answer.nErrno && !answer.bWait && m_faults.m_unplugAfter == eCall) {
+        m_faults.m_unplugAfter.reset();
         unplugLocked();
     }
     if (CAMERA_close == eCall) {
@@ -112,7 +112,7 @@ UvcCamera::Answer UvcCamera::call(ICameraHandle& handle, uint32_t u32Pid, Camera
 
 void UvcCamera::close(ICameraHandle& handle)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     release(handle);
 }
 
@@ -142,14 +142,14 @@ void UvcCamera::release(ICameraHandle& handle)
  */
 void UvcCamera::settle(ICameraHandle& handle)
 {
-    if (!handle.bDead) {
+    if (!handle.m_bDead) {
         handle.setReadable(&handle != m_pOwner || m_queue.isReadable());
     }
 }
 
 void UvcCamera::unplug()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     unplugLocked();
 }
 
@@ -164,8 +164,8 @@ void UvcCamera::unplugLocked()
         m_pPlugHandler(m_pPlugContext, false);
     }
     for (ICameraHandle* pHandle : m_vecHandle) {
-        if (!pHandle->bDead) {
-            pHandle->bDead = true;
+        if (!pHandle->m_bDead) {
+            pHandle->m_bDead = true;
             pHandle->unplugged();
         }
     }
@@ -179,7 +179,7 @@ void UvcCamera::unplugLocked()
 
 void UvcCamera::replug()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     if (m_bPlugged) {
         return;
     }
@@ -192,7 +192,7 @@ void UvcCamera::replug()
 
 void UvcCamera::setRate(uint32_t u32Rate)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     m_u32ForcedRate = std::min(u32Rate, MAX_RATE);
     m_bDueKnown = false;
     m_condition.notify_all();
@@ -208,37 +208,40 @@ std::chrono::nanoseconds UvcCamera::getInterval() const
 
 UvcCamera::Status UvcCamera::status()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    return {m_bPlugged,       m_queue.isStreaming(),
-            m_faults.bFrozen, static_cast<uint32_t>(m_vecHandle.size()),
-            m_u32Number,      1e9 / static_cast<double>(getInterval().count()),
+    const std::lock_guard<std::mutex> guard(m_mtx);
+    return {m_bPlugged,
+            m_queue.isStreaming(),
+            m_faults.m_bFrozen,
+            static_cast<uint32_t>(m_vecHandle.size()),
+            m_u32Number,
+            1e9 / static_cast<double>(getInterval().count()),
             m_choice};
 }
 
 uint32_t UvcCamera::cpuMicroseconds()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     uint32_t u32Sum = 0;
     for (const ICameraHandle* pHandle : m_vecHandle) {
-        u32Sum += pHandle->u32CpuMicroseconds;
+        u32Sum += pHandle->m_u32CpuMicroseconds;
     }
     return u32Sum;
 }
 
 Truth UvcCamera::truth()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     return m_truth;
 }
 
 bool UvcCamera::waitForFrame(PictureRequest& request)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mtx);
     for (;;) {
         if (m_bQuit) {
             return false;
         }
-        if (!m_queue.isStreaming() || m_faults.bFrozen) {
+        if (!m_queue.isStreaming() || m_faults.m_bFrozen) {
             m_bDueKnown = false;
             m_condition.wait(lock);
             continue;
@@ -270,8 +273,8 @@ bool UvcCamera::waitForFrame(PictureRequest& request)
 
 void UvcCamera::putFrame(const PictureRequest& request, const Picture& picture)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    if (!m_queue.isStreaming() || m_faults.bFrozen || request.u32Run != m_u32Run ||
+    const std::lock_guard<std::mutex> guard(m_mtx);
+    if (!m_queue.isStreaming() || m_faults.m_bFrozen || request.u32Run != m_u32Run ||
         !m_queue.isHungry()) {
         m_frameLog.dropped(request);
         return;
@@ -297,7 +300,7 @@ void UvcCamera::putFrame(const PictureRequest& request, const Picture& picture)
 
 void UvcCamera::quit()
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     m_bQuit = true;
     m_condition.notify_all();
 }

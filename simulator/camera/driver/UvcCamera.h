@@ -32,11 +32,11 @@ public:
     /** The camera is gone for this open; it does not come back. */
     virtual void unplugged() = 0;
 
-    uint32_t u32Session = 0;
-    uint32_t u32Priority = V4L2_PRIORITY_DEFAULT;
-    bool bDead = false; // unplugged
-    std::atomic<uint32_t> u32CpuMicroseconds{
-        0}; // spent in the library until the latest call; wraps
+    uint32_t m_u32Session = 0;
+    uint32_t m_u32Priority = V4L2_PRIORITY_DEFAULT;
+    bool m_bDead = false; // unplugged
+    // Spent in the library until the latest call; wraps.
+    std::atomic<uint32_t> m_u32CpuMicroseconds{0};
 };
 
 /**
@@ -83,7 +83,7 @@ public:
     /** Have the faults changed under the lock. */
     template <typename Change> void changeFaults(const Change& change)
     {
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        const std::lock_guard<std::mutex> guard(m_mtx);
         change(m_faults);
         m_condition.notify_all();
     }
@@ -145,7 +145,7 @@ private:
     PlugHandler m_pPlugHandler = nullptr;
     void* m_pPlugContext = nullptr;
 
-    std::mutex m_mutex; // guards all below
+    std::mutex m_mtx; // guards all below
     std::condition_variable m_condition;
     bool m_bQuit = false;
     bool m_bPlugged = true;

@@ -55,7 +55,7 @@ CameraSession::~CameraSession()
 bool CameraSession::makePage()
 {
     char acName[64];
-    snprintf(acName, sizeof(acName), "/" CAMERA_SESSION_FILE, u32Session);
+    snprintf(acName, sizeof(acName), "/" CAMERA_SESSION_FILE, m_u32Session);
     m_strFile = m_strDir + acName;
     const int nFd = ::open(m_strFile.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (nFd < 0) {
@@ -155,7 +155,7 @@ void CameraSession::answer()
         m_pPage->s32Errno = EINVAL;
         return;
     }
-    u32CpuMicroseconds = m_pPage->u32CpuMicroseconds;
+    m_u32CpuMicroseconds = m_pPage->u32CpuMicroseconds;
     const CameraCall eCall = static_cast<CameraCall>(u32Call);
     const UvcCamera::Answer given =
         m_camera.call(*this, m_pPage->u32Pid, eCall, m_pPage->record, 0 != m_pPage->u32Blocking);

@@ -66,7 +66,7 @@ void replace(const std::string& strPath, const std::string& strText)
 KernelFiles::KernelFiles(const std::string& strDir)
     : m_strInputs(strDir + "/" CAMERA_INPUTS_FILE), m_strUevent(strDir + "/" CAMERA_UEVENT_FILE)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     write();
 }
 
@@ -78,14 +78,14 @@ KernelFiles::~KernelFiles()
 
 void KernelFiles::setPlugged(bool bPlugged)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     m_bPlugged = bPlugged;
     write();
 }
 
 void KernelFiles::setMode(MODE_E eMode, uint32_t u32Event)
 {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const std::lock_guard<std::mutex> guard(m_mtx);
     m_eMode = eMode;
     m_u32Event = u32Event;
     write();

@@ -36,7 +36,7 @@ private:
 
     const std::string m_strInputs;
     const std::string m_strUevent;
-    std::mutex m_mutex; // guards all below
+    std::mutex m_mtx; // guards all below
     bool m_bPlugged = true;
     MODE_E m_eMode = MODE_NORMAL;
     uint32_t m_u32Event = 2;

@@ -24,17 +24,17 @@ class Waiter
 {
 public:
     Waiter(Cond& cond, Mutex& mutex)
-        : m_mutex(mutex), m_thread([this, &cond] {
-              (void)m_mutex.lock();
+        : m_mtx(mutex), m_thread([this, &cond] {
+              (void)m_mtx.lock();
               m_bWaiting = true;
-              m_nResult = cond.wait(m_mutex);
-              (void)m_mutex.unlock();
+              m_nResult = cond.wait(m_mtx);
+              (void)m_mtx.unlock();
               m_bWoken = true;
           })
     {
         EXPECT_TRUE(eventually([this] { return m_bWaiting.load(); }));
-        (void)m_mutex.lock(); // free only once the thread has begun to wait
-        (void)m_mutex.unlock();
+        (void)m_mtx.lock(); // free only once the thread has begun to wait
+        (void)m_mtx.unlock();
     }
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
@@ -47,7 +47,7 @@ public:
     std::atomic<int> m_nResult{-1};
 
 private:
-    Mutex& m_mutex;
+    Mutex& m_mtx;
     std::atomic<bool> m_bWaiting{false};
     std::thread m_thread;
 };

@@ -29,7 +29,8 @@ public:
     Mutex& operator=(const Mutex&) = delete;
     ~Mutex();
 
-    /** @return RET_FAILED (logged, level 2) when not locked, e.g. already held and error-checking
+    /**
+     * @return RET_FAILED (logged, level 2) when not locked, e.g. already held and error-checking
      */
     RET_E lock() ACQUIRE();
 
@@ -57,7 +58,7 @@ class SCOPED_CAPABILITY MutexGuard
 {
 public:
     explicit MutexGuard(Mutex& mutex) ACQUIRE(mutex)
-        : m_mutex(mutex), m_bHeld(RET_SUCCESS == mutex.lock())
+        : m_mtx(mutex), m_bHeld(RET_SUCCESS == mutex.lock())
     {
     }
     MutexGuard(const MutexGuard&) = delete;
@@ -65,7 +66,7 @@ public:
     ~MutexGuard() RELEASE()
     {
         if (m_bHeld) {
-            (void)m_mutex.unlock(); // logged there
+            (void)m_mtx.unlock(); // logged there
         }
     }
 
@@ -76,6 +77,6 @@ public:
     }
 
 private:
-    Mutex& m_mutex;
+    Mutex& m_mtx;
     bool m_bHeld;
 };
