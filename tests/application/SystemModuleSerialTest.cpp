@@ -68,7 +68,7 @@ extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) LIBRARY_CAL
 
 namespace {
 
-[[maybe_unused]] const testing::Environment* const s_pEnvironment =
+[[maybe_unused]] const testing::Environment* const ENVIRONMENT =
     testing::AddGlobalTestEnvironment(new BoardEnvironment);
 
 using Texts = std::vector<std::string>;

@@ -18,22 +18,22 @@ struct NarrowPort
     std::atomic<ssize_t> nRoom{-1}; // -1: any number
 };
 
-NarrowPort s_port;
+NarrowPort g_port;
 
 } // namespace
 
 /** In place of the C library's. */
 extern "C" ssize_t write(int nFd, const void* pData, size_t uSize)
 {
-    if (nFd != s_port.nFd || s_port.nRoom < 0) {
+    if (nFd != g_port.nFd || g_port.nRoom < 0) {
         return syscall(SYS_write, nFd, pData, uSize);
     }
-    if (0 == s_port.nRoom) {
+    if (0 == g_port.nRoom) {
         errno = EAGAIN;
         return -1;
     }
-    const size_t uTaken = std::min(uSize, static_cast<size_t>(s_port.nRoom.load()));
-    s_port.nRoom -= static_cast<ssize_t>(uTaken);
+    const size_t uTaken = std::min(uSize, static_cast<size_t>(g_port.nRoom.load()));
+    g_port.nRoom -= static_cast<ssize_t>(uTaken);
     return syscall(SYS_write, nFd, pData, uTaken);
 }
 
@@ -51,24 +51,24 @@ protected:
     void SetUp() override
     {
         PrintTest::SetUp();
-        s_port.nFd = m_uart.getFd();
-        s_port.nRoom = -1;
+        g_port.nFd = m_uart.getFd();
+        g_port.nRoom = -1;
     }
 
     void TearDown() override
     {
-        s_port.nFd = -1;
+        g_port.nFd = -1;
         PrintTest::TearDown();
     }
 
     static void leaveRoomFor(ssize_t nBytes)
     {
-        s_port.nRoom = nBytes;
+        g_port.nRoom = nBytes;
     }
 
     static void leaveRoom()
     {
-        s_port.nRoom = -1;
+        g_port.nRoom = -1;
     }
 };
 

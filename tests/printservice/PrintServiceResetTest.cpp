@@ -12,7 +12,7 @@
 
 namespace {
 
-[[maybe_unused]] const testing::Environment* const s_pEnvironment =
+[[maybe_unused]] const testing::Environment* const ENVIRONMENT =
     testing::AddGlobalTestEnvironment(new BoardEnvironment);
 
 class PrintServiceReset : public PrintTest

@@ -38,7 +38,7 @@ struct SerialChip
     std::string strJournal; // "get ", "set ", "flush-in ", "flush-io "
 };
 
-SerialChip s_chip;
+SerialChip g_chip;
 
 template <class F> F realFunction(const char* pName)
 {
@@ -55,8 +55,8 @@ extern "C" int ioctl(int nFd, IoctlRequest request, ...) LIBRARY_CALL
     va_start(args, request);
     void* const pArg = va_arg(args, void*);
     va_end(args);
-    if (static_cast<IoctlRequest>(TIOCSERGETLSR) == request && nFd == s_chip.nFd) {
-        *static_cast<int*>(pArg) = s_chip.vecStatus.at(s_chip.uQueries++);
+    if (static_cast<IoctlRequest>(TIOCSERGETLSR) == request && nFd == g_chip.nFd) {
+        *static_cast<int*>(pArg) = g_chip.vecStatus.at(g_chip.uQueries++);
         return 0;
     }
     return static_cast<int>(syscall(SYS_ioctl, nFd, request, pArg));
@@ -64,30 +64,30 @@ extern "C" int ioctl(int nFd, IoctlRequest request, ...) LIBRARY_CALL
 
 extern "C" int tcgetattr(int nFd, termios* pAttr) LIBRARY_CALL
 {
-    if (nFd != s_chip.nFd || -1 == nFd) {
+    if (nFd != g_chip.nFd || -1 == nFd) {
         return realFunction<int (*)(int, termios*)>("tcgetattr")(nFd, pAttr);
     }
-    s_chip.strJournal += "get ";
-    *pAttr = s_chip.attr;
+    g_chip.strJournal += "get ";
+    *pAttr = g_chip.attr;
     return 0;
 }
 
 extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) LIBRARY_CALL
 {
-    if (nFd != s_chip.nFd || -1 == nFd) {
+    if (nFd != g_chip.nFd || -1 == nFd) {
         return realFunction<int (*)(int, int, const termios*)>("tcsetattr")(nFd, nAction, pAttr);
     }
-    s_chip.strJournal += (TCSANOW == nAction) ? "set " : "set-late ";
-    s_chip.attr = *pAttr;
+    g_chip.strJournal += (TCSANOW == nAction) ? "set " : "set-late ";
+    g_chip.attr = *pAttr;
     return 0;
 }
 
 extern "C" int tcflush(int nFd, int nQueue) LIBRARY_CALL
 {
-    if (nFd != s_chip.nFd || -1 == nFd) {
+    if (nFd != g_chip.nFd || -1 == nFd) {
         return realFunction<int (*)(int, int)>("tcflush")(nFd, nQueue);
     }
-    s_chip.strJournal += (TCIFLUSH == nQueue)    ? "flush-in "
+    g_chip.strJournal += (TCIFLUSH == nQueue)    ? "flush-in "
                          : (TCIOFLUSH == nQueue) ? "flush-io "
                                                  : "flush-out ";
     return 0;
@@ -181,22 +181,22 @@ protected:
     void SetUp() override
     {
         UARTPort::SetUp();
-        s_chip = {};
-        s_chip.nFd = m_uart.getFd();
+        g_chip = {};
+        g_chip.nFd = m_uart.getFd();
     }
     void TearDown() override
     {
-        s_chip = {};
+        g_chip = {};
         UARTPort::TearDown();
     }
 
     static tcflag_t controlFlags(tcflag_t mask)
     {
-        return s_chip.attr.c_cflag & mask;
+        return g_chip.attr.c_cflag & mask;
     }
     static tcflag_t inputFlags()
     {
-        return s_chip.attr.c_iflag & (INPCK | PARMRK | IGNPAR);
+        return g_chip.attr.c_iflag & (INPCK | PARMRK | IGNPAR);
     }
 };
 
@@ -444,15 +444,15 @@ TEST_F(UARTChip, DataBitsFiveToEight)
 {
     const std::vector<std::pair<int32_t, tcflag_t>> vecSize = {
         {5, CS5}, {6, CS6}, {7, CS7}, {8, CS8}};
-    s_chip.attr.c_cflag = CS8 | CLOCAL | PARENB;
+    g_chip.attr.c_cflag = CS8 | CLOCAL | PARENB;
     for (const auto& size : vecSize) {
-        s_chip.strJournal.clear();
+        g_chip.strJournal.clear();
 
         EXPECT_EQ(1, m_uart.setDataBits(size.first));
 
-        EXPECT_EQ(size.second | CLOCAL | PARENB, s_chip.attr.c_cflag);
+        EXPECT_EQ(size.second | CLOCAL | PARENB, g_chip.attr.c_cflag);
         EXPECT_EQ(size.first, m_uart.getDataBits());
-        EXPECT_EQ("get flush-in set get ", s_chip.strJournal);
+        EXPECT_EQ("get flush-in set get ", g_chip.strJournal);
     }
 }
 
@@ -469,15 +469,15 @@ TEST_F(UARTPort, SizeThatTheDeviceRefusesIsTold)
 TEST_F(UARTChip, RawModeAndSpeedFlushAroundTheirChange)
 {
     EXPECT_EQ(1, m_uart.setRawMode());
-    EXPECT_EQ("get flush-io flush-io set get ", s_chip.strJournal);
-    s_chip.strJournal.clear();
+    EXPECT_EQ("get flush-io flush-io set get ", g_chip.strJournal);
+    g_chip.strJournal.clear();
 
     EXPECT_EQ(1, m_uart.setSpeed(9600));
-    EXPECT_EQ("get flush-io flush-io set get flush-io ", s_chip.strJournal);
-    s_chip.strJournal.clear();
+    EXPECT_EQ("get flush-io flush-io set get flush-io ", g_chip.strJournal);
+    g_chip.strJournal.clear();
 
     EXPECT_EQ(1, m_uart.setSpeed(250000));
-    EXPECT_EQ("get ", s_chip.strJournal);
+    EXPECT_EQ("get ", g_chip.strJournal);
 }
 
 TEST_F(UARTPort, OtherDataBitsFailSilently)
@@ -514,16 +514,16 @@ TEST_F(UARTPort, OtherStopBitsAreTold)
 
 TEST_F(UARTChip, ParityCodesSetTheirFlags)
 {
-    s_chip.attr.c_iflag = PARMRK | IGNPAR;
-    s_chip.attr.c_cflag = CS8;
+    g_chip.attr.c_iflag = PARMRK | IGNPAR;
+    g_chip.attr.c_cflag = CS8;
 
     EXPECT_EQ(1, m_uart.setParity(1));
-    EXPECT_EQ(static_cast<tcflag_t>(CS8 | PARENB | PARODD), s_chip.attr.c_cflag);
-    EXPECT_EQ(static_cast<tcflag_t>(INPCK), s_chip.attr.c_iflag);
-    EXPECT_EQ("get flush-in set get ", s_chip.strJournal);
+    EXPECT_EQ(static_cast<tcflag_t>(CS8 | PARENB | PARODD), g_chip.attr.c_cflag);
+    EXPECT_EQ(static_cast<tcflag_t>(INPCK), g_chip.attr.c_iflag);
+    EXPECT_EQ("get flush-in set get ", g_chip.strJournal);
     EXPECT_EQ(1, m_uart.setParity(2));
-    EXPECT_EQ(static_cast<tcflag_t>(CS8 | PARENB), s_chip.attr.c_cflag);
-    EXPECT_EQ(static_cast<tcflag_t>(INPCK), s_chip.attr.c_iflag);
+    EXPECT_EQ(static_cast<tcflag_t>(CS8 | PARENB), g_chip.attr.c_cflag);
+    EXPECT_EQ(static_cast<tcflag_t>(INPCK), g_chip.attr.c_iflag);
     EXPECT_EQ(2, m_uart.getParity());
     EXPECT_EQ(1, m_uart.setParity(0));
     EXPECT_EQ(0U, controlFlags(PARENB));
@@ -698,33 +698,33 @@ TEST_F(UARTPort, DrainOnAPortWithoutLineStatusFails)
 TEST_F(UARTChip, DrainEndsWhenTheTransmitterIsEmpty)
 {
     ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
-    s_chip.vecStatus = {TIOCSER_TEMT};
+    g_chip.vecStatus = {TIOCSER_TEMT};
 
     EXPECT_EQ(3, m_uart.send("M5\n", 3, 1));
 
-    EXPECT_EQ(1U, s_chip.uQueries);
+    EXPECT_EQ(1U, g_chip.uQueries);
 }
 
 TEST_F(UARTChip, DrainGivesUpAfterTwoRounds)
 {
     ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
-    s_chip.vecStatus = {0, 0};
+    g_chip.vecStatus = {0, 0};
 
     EXPECT_EQ(3, m_uart.send("M5\n", 3, 1));
 
-    EXPECT_EQ(2U, s_chip.uQueries);
+    EXPECT_EQ(2U, g_chip.uQueries);
 }
 
 TEST_F(UARTChip, DrainWaitsOneTransmissionTimePerRound)
 {
     ASSERT_EQ(1, m_uart.setParam(300, 8, 1, 0)); // 30 characters per second
-    s_chip.vecStatus = {0, TIOCSER_TEMT};
+    g_chip.vecStatus = {0, TIOCSER_TEMT};
     const uint64_t u64Start = monotonicMs();
 
     EXPECT_EQ(3, m_uart.send("M5\n", 3, 1));
 
     EXPECT_LE(2U * 129 - 1, monotonicMs() - u64Start); // (24 + 7) * 1000 / 240 = 129 ms each
-    EXPECT_EQ(2U, s_chip.uQueries);
+    EXPECT_EQ(2U, g_chip.uQueries);
 }
 
 TEST_F(UARTChip, FlushesNameTheirQueues)
@@ -733,7 +733,7 @@ TEST_F(UARTChip, FlushesNameTheirQueues)
     EXPECT_EQ(0, m_uart.flushOut());
     EXPECT_EQ(0, m_uart.flushIO());
 
-    EXPECT_EQ("flush-in flush-out flush-io ", s_chip.strJournal);
+    EXPECT_EQ("flush-in flush-out flush-io ", g_chip.strJournal);
 }
 
 TEST_F(UARTPort, FlushesThrowTheirQueueAway)

@@ -307,7 +307,7 @@ static int noteExcept(struct dl_phdr_info* pInfo, size_t uSize, void* pNames)
 
 static int reportTo(const char* pPath)
 {
-    const int nFd = syscall(SYS_openat, AT_FDCWD, pPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    const int nFd = (int)syscall(SYS_openat, AT_FDCWD, pPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (nFd < 0 || 0 != ftruncate(nFd, sizeof(g_aOwnCount))) {
         return -1;
     }
