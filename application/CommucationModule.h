@@ -10,7 +10,7 @@ public:
     static CommucationModule& getInstance();
     ~CommucationModule() override;
 
-    /** Listen; nobody is served yet. @return RET_FAILED (logged) e.g. when the port is in use */
+    /** Listen; no client is served yet. @return RET_FAILED (logged) e.g. when the port is in use */
     RET_E initModule() override;
 
     /** Start to serve. @return RET_SUCCESS, also when the reactor has no thread to start */

@@ -205,7 +205,7 @@ int ModuleManager::onDebugCmd(Event* pEvent)
     const auto& event = dynamic_cast<DebugCmdEvent&>(*pEvent);
     if (*event.m_pCount >= 2 && 0 == strcmp(event.m_ppWords[0], "SystemManager") &&
         0 == strcmp(event.m_ppWords[1], "shell")) {
-        // An interactive shell; nobody asks how it ended.
+        // An interactive shell; its exit status is ignored.
         [[maybe_unused]] const int nStatus = system("/bin/sh");
     }
     return 0;

@@ -44,7 +44,7 @@ public:
     /**
      * One pass of the debug console: read a line from standard input and act on it.
      * Body of the "tty_debug" thread.
-     * @return 0 go on, 1 quit requested, -1 standard input failed (logged, level 2)
+     * @return 0 continue, 1 quit requested, -1 standard input failed (logged, level 2)
      */
     int debugCmdThread();
 

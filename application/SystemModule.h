@@ -16,11 +16,11 @@ class IConsumer;
 class SystemModule : public IModule
 {
 public:
-    /** Made on first use; outlives whoever called this in its constructor. */
+    /** Created on first use; outlives every object whose constructor called this. */
     static SystemModule& getInstance();
     ~SystemModule() override;
 
-    /** The capture side's matching steps and their results; VideoCapturer.h tells more. */
+    /** The capture side's matching steps and their results; see VideoCapturer.h. */
     RET_E initModule() override;
     RET_E startModule() override;
     RET_E stopModule() override;
@@ -30,14 +30,14 @@ public:
     int onDebugCmd(Event* pEvent) override;
 
     /**
-     * Deliver the frames of the consumer's stream to it from now on; VideoCapturer.h tells more.
+     * Deliver the frames of the consumer's stream to it from now on; see VideoCapturer.h.
      */
     RET_E registerConsumer(IConsumer* pConsumer);
 
     /** After the return the consumer is not called any more. */
     RET_E cancelConsumer(IConsumer* pConsumer);
 
-    /** Run the measuring sequence, which waits for frames; VideoProcessor.h tells more. */
+    /** Run the measuring sequence, which waits for frames; see VideoProcessor.h. */
     RET_E measure(float* pResult);
 
     /** Correct a frame's lens distortion, as far as the vision host can; VideoProcessor.h. */
@@ -55,10 +55,10 @@ public:
      */
     RET_E openSerial();
 
-    // To the print service, which is made by the first of these calls; PrintService.h tells more.
+    // To the print service, which is made by the first of these calls; see PrintService.h.
 
     /**
-     * Send a command and read its reply: 2 s at most, 2.5 s behind a line that was cut short, and
+     * Send a command and read its reply: 2 s at most, 2.5 s after a line that was cut short, and
      * as long as it takes for one with a '0', which sends the firmware.
      * @return 1 without a port or cut short
      */
@@ -70,11 +70,11 @@ public:
     /** Keep an image and send the one in place. @return 1 without a port */
     int updateControllerFirmware(const void* pData, int nLength);
 
-    /** Start the job that waits or go on with a paused one. @return 1 when refused */
+    /** Start the waiting job or resume a paused one. @return 1 when refused */
     int startPrintJob();
 
     /**
-     * Stop behind the line under way and send "M5", which the placeholder codec leaves empty; up to
+     * Stop after the current line and send "M5", which the placeholder codec leaves empty; up to
      * 15.5 s.
      * @return 0
      */

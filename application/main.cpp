@@ -17,7 +17,7 @@ static const char* const SOURCE_NAME = "main.cpp";
 int main(int argc, char** argv)
 {
     static const char* const FUNCTION = "int main(int, char**)";
-    setvbuf(stdout, nullptr, _IOLBF, 0); // what is printed reaches whoever reads a pipe
+    setvbuf(stdout, nullptr, _IOLBF, 0); // printed lines reach the reader of a pipe
 
     answerUsage(argc, argv); // "--help" and "--version" end here
 
@@ -29,7 +29,7 @@ int main(int argc, char** argv)
         } else {
             snprintf(acCommand, sizeof(acCommand), "strace -f -p %d &", nPid);
         }
-        (void)runCommand(acCommand); // without a tracer the service runs all the same
+        (void)runCommand(acCommand); // without a tracer the service still runs
     }
 
     signal(SIGPIPE, SIG_IGN);

@@ -1,4 +1,4 @@
-// What the programs share that give a command to a virtual device.
+// What the programs that send a command to a virtual device share.
 #include "Ctl.h"
 
 #include <cstdio>

@@ -34,7 +34,7 @@ public:
         return m_vecStep;
     }
 
-    /** As it would stand in a text. */
+    /** As it would be written in a text. */
     std::string toText() const;
 
     void add(bool bSent, const std::string& strText)

@@ -45,7 +45,7 @@ int main(int nArgs, char** apArgs)
         printf("%s: %s\n", transcript.getName().c_str(), bHeld ? "as written" : "differs");
         if (!bHeld) {
             printf("%s\n", strTrouble.c_str());
-            (void)uart.flushIn(); // what the failed dialogue left behind; the next one tells
+            (void)uart.flushIn(); // what the failed dialogue left behind
         }
         ++nPlayed;
         nFailed += bHeld ? 0 : 1;

@@ -10,8 +10,8 @@
 /**
  * Owns the port that the print service and the controller object borrow.
  *
- * Made on first use; whoever uses the port in a thread or a destructor obtains it in the
- * constructor, so that it outlives them whatever was used first.
+ * Created on first use; an object that uses the port in a thread or its destructor obtains it in
+ * its constructor, so that the port outlives it whatever was used first.
  */
 class ControllerPort
 {
@@ -33,8 +33,8 @@ public:
     }
 
     /**
-     * Close the port and open it anew on the first node that "ls /dev/ttyACM*" lists: 115200 baud,
-     * 8 data bits, 1 stop bit, no parity. Each look is told on standard output.
+     * Close the port and open it on the first node that "ls /dev/ttyACM*" lists: 115200 baud,
+     * 8 data bits, 1 stop bit, no parity. Each look-up is reported on standard output.
      *
      * Blocks until a port opens, however long; looks once a second. One caller at a time, and not
      * while anyone works on the port.

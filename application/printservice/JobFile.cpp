@@ -22,7 +22,7 @@ void JobFile::save(const void* pData, int nLength)
         fwrite(pData, 1, (nLength > 0) ? static_cast<size_t>(nLength) : 0, pFile);
         fclose(pFile);
     }
-    // A job that is open goes on reading its own.
+    // An open job keeps reading its own.
     if (nullptr == pFile || 0 != rename(NEW_FILE, JOB_FILE)) {
         remove(JOB_FILE); // the next start must not burn the former job
     }

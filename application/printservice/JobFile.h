@@ -11,7 +11,7 @@ enum JOB_LINE_E : int32_t
 {
     JOB_LINE_NONE, // no job is open, or its last line had no line end
     JOB_LINE_TEXT, // a line of the job
-    JOB_LINE_END   // behind the last line, once
+    JOB_LINE_END   // after the last line, once
 };
 
 /**
@@ -30,7 +30,7 @@ public:
     /**
      * Write a new file and let it take the name, so that a job that is open keeps its own.
      * Deliberate: what is written isn't looked at, a full disk cuts the file. When the new file
-     * can't be made there is none: the former job is removed all the same.
+     * can't be made there is none: the previous job is still removed.
      */
     void save(const void* pData, int nLength);
 
@@ -69,7 +69,7 @@ public:
     /** End the reading; the file stays. */
     void close();
 
-    /** @return the share of the file that stands before the line under way, 0 to 1; 0 of nothing */
+    /** @return the share of the file before the current line, 0 to 1; 0 without a file */
     float getProgress() const;
 
 private:

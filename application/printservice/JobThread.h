@@ -7,7 +7,7 @@
 #include "Thread.h"
 
 /**
- * The thread "printservice". Its body may ask for a stop and go on to the end of its call; a start
+ * The thread "printservice". Its body may request a stop and run to the end of its call; a start
  * that comes after that takes the wish back.
  */
 class JobThread

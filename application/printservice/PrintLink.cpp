@@ -14,7 +14,7 @@ static const char* const SOURCE_NAME = "printservice/PrintService"; // its lines
 
 static const char* const RECEIVED = "recv: %s\n";
 
-/** Send and tell when the port is gone; one that is full is told by the port itself. */
+/** Send, and report a port that is gone; a full one is reported by the port itself. */
 static int sendBytes(UART& uart, const char* pBytes, int nSize)
 {
     const int nSent = uart.send(pBytes, nSize, 0);

@@ -8,12 +8,12 @@ class Time;
 class UART;
 
 /**
- * Borrows the serial port. Any thread; nothing serialises the users, a reply goes to whoever reads
- * first.
+ * Borrows the serial port. Any thread; users are not serialised: a reply goes to the first
+ * reader.
  *
  * When a line or command was cut short, a lone line end goes out before the next one, so that this
  * is not glued to the fragment; the answer to it is waited for, 500 ms at most, and dropped. A
- * write that fails because the port is gone is told on standard output.
+ * write that fails because the port is gone is reported on standard output.
  */
 class PrintLink
 {
@@ -26,7 +26,7 @@ public:
     bool hasPort() const;
 
     /**
-     * Send a single command in its wire form, told on standard output, and read one reply, for 2
+     * Send a single command in its wire form, printed on standard output, and read one reply, for 2
      * seconds at most.
      * @return 0 sent completely, whatever the reply; 1 no port or cut short: no reply is read
      */

@@ -154,7 +154,7 @@ int PrintService::stopPrint()
 void PrintService::switchLaserOff()
 {
     if (0 != printSingleCmd(LASER_OFF)) {
-        puts("laser off could not be sent!"); // stopped or paused all the same
+        puts("laser off could not be sent!"); // still stopped or paused
     }
 }
 
@@ -294,7 +294,7 @@ void PrintService::onIdleStatus(int nCode)
         (void)printSingleCmd("~"); // the job is started whatever becomes of it
         if (m_jobFile.exists()) {
             reportStatus(STATUS_3);
-            (void)startPrint(); // tells standard output when it refuses
+            (void)startPrint(); // prints a refusal
         }
         break;
     case 4:

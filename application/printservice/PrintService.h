@@ -28,16 +28,16 @@ enum PRINT_STATE_E : int32_t
 /**
  * Talks to the motion controller of the laser arm, one line and one reply at a time.
  *
- * Nothing here is a safety function: docs/serial.md tells what the laser does when something goes
+ * Nothing here is a safety function: docs/serial.md says what the laser does when something goes
  * wrong. What a reply says and how a single command reads on the wire is up to ReplyCodec; with the
  * placeholder that the service is delivered with, "M5" (laser off), "$X", "$H" and the moves go out
  * as empty lines, so the laser is never switched off, and every reply is an acknowledgement.
  *
  * A job runs on the thread "printservice", which is started only by startPrint(); moves run on the
  * thread that publishes MoveLaserEvent or MeasureEvent; the rest on the caller's thread. They share
- * the port without serialisation: a reply goes to whoever reads first. Results: 0 success, 1
- * refusal, unless told otherwise. Much is told on standard output, also a port that is gone; it is
- * not opened again here (SystemModule::openSerial() does that for whoever calls it).
+ * the port without serialisation: a reply goes to the first reader. Results: 0 success, 1
+ * refusal, unless stated otherwise. Much is printed, also that the port is gone; it is
+ * not opened again here (call SystemModule::openSerial() for that).
  *
  * Files, in the working directory: "tmp.gcode" is the job; "firmware.bin" is the image that
  * updateFirmware() was given; "pp.bin" is the image that is sent, put in place by someone else.
@@ -83,20 +83,20 @@ public:
     int saveGcode(const void* pData, int nLength);
 
     /**
-     * Start the job that waits, or go on with a paused one that is still open; does not wait for
+     * Start the waiting job, or resume a paused one that is still open; does not wait for
      * it. Of two callers at once one is refused.
      * @return 1 while the state is printing, without a port, and without a job file; after the last
-     *         two the state says printing all the same, until stopPrint() or saveGcode()
+     *         two the state still says printing, until stopPrint() or saveGcode()
      */
     int startPrint();
 
     /**
-     * Stop after the line under way, send "M5" (laser off); startPrint() goes on.
+     * Stop after the line under way, send "M5" (laser off); startPrint() resumes.
      *
      * Blocks for the thread: "M5" goes out after 12.5 s at most (10 s for the reply to the line,
      * 0.5 s, 2 s for "$X"), 13.5 s when lines were cut short; its own reply takes 2 s at most. The
-     * laser stays on meanwhile, and the moves that the controller has queued go on behind that.
-     * @return 0, also when "M5" could not be sent, which is told on standard output
+     * laser stays on meanwhile, and the moves that the controller has queued continue after that.
+     * @return 0, also when "M5" could not be sent, which is printed on standard output
      */
     int pausePrint();
 
@@ -104,7 +104,7 @@ public:
     int stopPrint();
 
     /**
-     * @param pProgress  gets the share of the job file that stands before the line under way, 0 to
+     * @param pProgress  gets the share of the job file before the current line, 0 to
      *                   1 at every moment; 0 for an empty file
      * @return 0
      */

@@ -10,7 +10,7 @@
 
 static const char* const RESET_GPIO = "106";
 
-/** For pin files, whose results nobody looks at. */
+/** For pin files, whose results are ignored. */
 static void store(int nFd, const char* pText, size_t uLength)
 {
     const ssize_t nIgnored = write(nFd, pText, uLength);

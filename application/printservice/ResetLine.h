@@ -13,7 +13,7 @@ class ResetLine
 {
 public:
     /**
-     * Make the line an output, high; tells standard output. Leaves three descriptors open.
+     * Make the line an output, high; prints to standard output. Leaves three descriptors open.
      *
      * Between the two the kernel drives the line low ("out" of sysfs starts low), so that this may
      * reset the controller, too.

@@ -16,7 +16,7 @@ const int LINE_SIZE = 1024; // bytes, with the terminating zero
 enum STATE_E
 {
     STATE_SEARCHING,
-    STATE_MATCHED, // inside, or anywhere behind, the entry of the camera
+    STATE_MATCHED, // inside, or anywhere after, the entry of the camera
     STATE_DONE,
 };
 

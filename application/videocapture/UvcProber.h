@@ -7,7 +7,7 @@
 class UvcProber
 {
 public:
-    /** Made on first use; outlives whoever called this in its constructor. */
+    /** Created on first use; outlives every object whose constructor called this. */
     static UvcProber& getInstance();
     UvcProber(const UvcProber&) = delete;
     UvcProber& operator=(const UvcProber&) = delete;

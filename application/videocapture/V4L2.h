@@ -42,7 +42,7 @@ public:
     /** Queue all buffers and begin to stream. @return RET_FAILED at the first failure, unlogged */
     RET_E streamOn();
 
-    /** @return RET_FAILED when not open, or when the driver refuses (told on standard error) */
+    /** @return RET_FAILED when not open, or when the driver refuses (reported on standard error) */
     RET_E streamOff();
 
     /**

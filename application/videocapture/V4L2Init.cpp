@@ -238,7 +238,7 @@ RET_E V4L2::setFrameRate(const uint32_t& u32Fps)
             static_cast<int>(u32Granted));
     }
     if (u32Asked < u32Granted) {
-        // Deliberate: a Motion-JPEG camera that grants more than was asked shall give all it can.
+        // Deliberate: a Motion-JPEG camera that grants more than was asked should give all it can.
         parm = {};
         parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         parm.parm.capture.timeperframe = {1, (FRAME_FORMAT_MJPEG == m_nFormat) ? 255 : u32Asked};

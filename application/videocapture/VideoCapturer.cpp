@@ -43,7 +43,7 @@ std::shared_ptr<VideoStreamProducer[]> VideoCapturer::getProducers()
 
 RET_E VideoCapturer::init()
 {
-    // Deliberate: an earlier init that nobody undid would keep the cameras busy.
+    // Deliberate: an earlier init that was not undone would keep the cameras busy.
     (void)uninit();
     const std::shared_ptr<VideoStreamProducer[]> pProducers(new (std::nothrow)
                                                                 VideoStreamProducer[STREAM_COUNT]);

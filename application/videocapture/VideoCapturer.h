@@ -19,7 +19,7 @@
 class VideoCapturer
 {
 public:
-    /** Made on first use; outlives whoever called this in its constructor. */
+    /** Created on first use; outlives every object whose constructor called this. */
     static VideoCapturer& getInstance();
     VideoCapturer(const VideoCapturer&) = delete;
     VideoCapturer& operator=(const VideoCapturer&) = delete;

@@ -153,7 +153,7 @@ void VideoStreamProducer::deliver(PVENC_FRAME_T& frame)
     for (IConsumer* pConsumer : m_listConsumer) {
         if (nullptr != dynamic_cast<VideoConsumer*>(pConsumer) && nullptr != frame.get()) {
             VideoFrameEvent event(m_nStream, frame);
-            (void)pConsumer->consume(event, frame); // nobody asks what became of it
+            (void)pConsumer->consume(event, frame); // its result is ignored
         }
     }
 }

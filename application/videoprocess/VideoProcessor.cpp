@@ -202,7 +202,7 @@ int VideoProcessor::onIdlePrint(Event* pEvent)
     try {
         getFrame(frame);
     } catch (const std::bad_alloc&) {
-        return RET_FAILED; // the publisher's thread goes on
+        return RET_FAILED; // the publisher's thread continues
     }
     const VENC_FRAME_T* pFrame = frame.get();
     plugin.pEasyFun(pFrame->u32Size, pFrame->u32Width, pFrame->u32Height, pFrame->au8Data,
@@ -244,7 +244,7 @@ int VideoProcessor::onVideoFrame(Event* pEvent)
     try {
         m_vecFrame.push_back(event.m_frame);
     } catch (const std::bad_alloc&) {
-        // The frame is dropped: the capture thread goes on, and the one that waits gets the next.
+        // The frame is dropped: the capture thread continues, and the waiting caller gets the next.
     }
     return 0;
 }

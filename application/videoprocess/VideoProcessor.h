@@ -21,7 +21,7 @@
 class VideoProcessor
 {
 public:
-    /** Made on first use; outlives whoever called this in its constructor. */
+    /** Created on first use; outlives every object whose constructor called this. */
     static VideoProcessor& getInstance();
     VideoProcessor(const VideoProcessor&) = delete;
     VideoProcessor& operator=(const VideoProcessor&) = delete;

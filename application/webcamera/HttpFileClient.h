@@ -8,9 +8,9 @@
 #include "SendQueueTcpClient.h"
 
 /**
- * Queues a file behind its header, in pieces: the next one is read when the last has left, so that
- * a file of any size binds one piece. The header tells the size that the file has at first; later
- * bytes are left out, and when there are fewer the connection closes behind those.
+ * Queues a file after its header, in pieces: the next one is read when the last has left, so that
+ * a file of any size needs memory for one piece. The header has the size at the start; later
+ * bytes are left out, and if there are fewer the connection closes after those.
  *
  * Deliberate: the path goes to the file system as it is (".." included), extensions are compared
  * with case, and there is no error answer: whatever fails closes the connection.

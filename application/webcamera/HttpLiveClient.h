@@ -42,7 +42,7 @@ private:
 
     SendQueueTcpClient& m_client;
     VideoConsumer m_consumer;
-    SafePointer_C<char> m_trailer; // behind each frame; one block, made by start()
+    SafePointer_C<char> m_trailer; // after each frame; one block, made by start()
     uint8_t m_u8Divisor = 1;       // a frame is used when the counter is a multiple
     uint32_t m_u32Counter = 0;     // frames seen; capture thread
 };

@@ -59,7 +59,7 @@ int HttpSnapClient::onSnapFrameEvent(Event* pEvent)
     try {
         save(*event.m_frame.get());
     } catch (const std::bad_alloc&) {
-        // No room for the name: not saved, and the capture thread goes on.
+        // No room for the name: not saved, and the capture thread continues.
     }
     return 0;
 }
@@ -104,7 +104,7 @@ void HttpSnapClient::save(const VENC_FRAME_T& frame)
         return;
     }
     const uint32_t u32Size = frame.u32Size;
-    // The stream keeps the picture's last bytes back: only flushing tells whether they fit.
+    // The stream holds back the picture's last bytes: only flushing shows whether they fit.
     if (fwrite(frame.au8Data, 1, u32Size, file.get()) < u32Size || 0 != fflush(file.get())) {
         // The folder's slash and this one: the path has both.
         const std::string strPath = std::string(FOLDER) + "/" + m_strFileName;

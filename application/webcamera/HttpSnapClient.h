@@ -15,7 +15,7 @@ class SendQueueTcpClient;
  * Answers on the capture thread, with a frame that finds the connection's send queue empty, and
  * saves the frame as the camera delivered it.
  *
- * Deliberate: it goes on so until the connection ends, one whole answer and one saved file after
+ * Deliberate: it repeats this until the connection ends, one whole answer and one saved file after
  * the other; the client closes when it has its picture.
  */
 class HttpSnapClient : public IClient
@@ -38,7 +38,7 @@ public:
 
     /**
      * Answer and save, or skip the frame. Capture thread, which waits while the picture is
-     * corrected and while it is written to the card; what can't be saved is answered all the same.
+     * corrected and while it is written to the card; what can't be saved is still answered.
      * A card that is full is logged at level 7.
      * @param pEvent  a VideoFrameEvent; anything else is a std::bad_cast
      * @return 0

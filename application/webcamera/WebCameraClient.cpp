@@ -67,7 +67,7 @@ int WebCameraClient::onRead(EPollEvent&)
     try {
         return m_processor.parse(m_buffer.get(), nRead);
     } catch (const std::bad_alloc&) {
-        return 1; // e.g. for a long path: this connection ends, the service goes on
+        return 1; // e.g. for a long path: this connection ends, the service does not
     }
 }
 

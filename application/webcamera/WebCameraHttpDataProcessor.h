@@ -14,7 +14,7 @@
 
 /**
  * The first chunk goes through the parser and has to hold the whole request line and all headers;
- * every later one is body, also behind the end of the request.
+ * every later one is body, even after the end of the request.
  *
  * Deliberate: a complete request is routed at once and again with each further chunk, which makes a
  * further responder for the same path and parameters. Files are answered one after the other, the
@@ -78,13 +78,13 @@ public:
 
     /**
      * Answer with a plain text, directly.
-     * Deliberate: "200 OK" whatever the text tells.
+     * Deliberate: "200 OK" whatever the text says.
      * @return the connection's result
      */
     int reply(const char* pText);
 
     /**
-     * Make a responder the current one and start it. The earlier ones go on until
+     * Make a responder the current one and start it. The earlier ones run on until
      * stopResponders().
      * @return the responder's result
      */

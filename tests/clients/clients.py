@@ -1,4 +1,4 @@
-"""Run every client of the table in docs/http.md for ten seconds, and print the table anew.
+"""Run every client of the table in docs/http.md for ten seconds, and print the updated table.
 
 Run in tests/support/private-host with KESTREL_BUILD set; scripts/clients does. Fails when a client shows
 no picture, or stores bytes that no picture of the camera has.

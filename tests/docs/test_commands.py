@@ -1,4 +1,4 @@
-"""Every command that the documents for users show is run by a test, or stands in tests/docs/commands with
+"""Every command that the documents for users show is run by a test, or is in tests/docs/commands with
 the reason why not."""
 
 import os

@@ -7,7 +7,7 @@ A call's first positions lie in the start: each of them fails, with each error, 
 own. The later ones, to the 200th call (3,000th allocation), fail while clients stream and ask:
 every STEP-th in a run, and
 as many runs as bring every error to every position. Quick: only every STEP-th position, with the
-errors by turns, in one run for each call, and one error for each position of the start.
+errors in turn, in one run for each call, and one error for each position of the start.
 
 The fault library is loaded before the virtual camera's, so that calls which the camera answers can
 fail as well, and leaves out the calls that the camera's library makes itself.
@@ -130,7 +130,7 @@ def start_tasks(call, count, quick):
 
 
 def stream_tasks(call, count, quick):
-    """Runs of every STEP-th call; the errors by turns, so that each run meets several."""
+    """Runs of every STEP-th call; the errors in turn, so that each run meets several."""
     errors = call.errors
     for first in range(count + 1, count + 1 + (1 if quick else STEP)):
         for turn in range(1 if quick else len(errors)):

@@ -1,4 +1,4 @@
-"""The names of the tests: a suite begins with its file's name, stands in one file only, and does not
+"""The names of the tests: a suite begins with its file's name, is in one file only, and does not
 end in "Test"; a test's name begins with no article."""
 
 import collections

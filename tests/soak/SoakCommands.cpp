@@ -1,6 +1,6 @@
 // Linked to main.cpp beside the service with its console and its serial port up: console lines
-// "soak ..." run print jobs, open the port again, set the log's level, and tell what can't be seen
-// from outside. Each ends with a line "soak done".
+// "soak ..." run print jobs, open the port again, set the log's level, and report what can't be
+// seen from outside. Each ends with a line "soak done".
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -130,7 +130,7 @@ private:
         (void)module.startPrintJob();
     }
 
-    /** The producer tells its number of consumers only in the log line of one that comes. */
+    /** The producer gives its number of consumers only in the log line of a new one. */
     int countConsumers()
     {
         VideoConsumer probe;

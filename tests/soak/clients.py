@@ -8,7 +8,7 @@ import time
 
 from harness import HTTP_PORT, LOG_PORT, LiveStream
 
-TCP_REPAIR = 19  # linux/tcp.h; a socket closed under repair tells its peer nothing
+TCP_REPAIR = 19  # linux/tcp.h; a socket closed under repair sends its peer nothing
 ANSWER_BOUND = 30.0  # s, for a file or a command; the reactor may be held back for 5 s at a time
 SHORT = 0.2  # s; after so long a client looks whether it is to end
 

@@ -113,7 +113,7 @@ class CableActor(Actor):
         self.tally.add("replies disturbed")
         self.rig.console("stop")
         self.rig.console("job 10")  # uses up what is left of the disturbance, and unlocks
-        wait_until(lambda: self.rig.state()["print"] == 1, "a job goes on after a bad reply", 60)
+        wait_until(lambda: self.rig.state()["print"] == 1, "a job continues after a bad reply", 60)
         self.rig.console("stop")
         self.rig.open_serial()  # without the replies that nobody has read
 

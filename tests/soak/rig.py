@@ -40,7 +40,7 @@ class Tally:
 
 
 class Rig:
-    """Everything that runs; close() ends it and tells how the service ended."""
+    """Everything that runs; close() ends it and returns how the service ended."""
 
     def __init__(self):
         self.folder = tempfile.mkdtemp(prefix="kestrel-soak.")
@@ -99,7 +99,7 @@ class Rig:
         return data.decode("utf-8", "replace")
 
     def state(self):
-        """What the program in the service tells: consumers, allocated bytes, state of the print."""
+        """What the program in the service reports: consumers, allocated bytes, state of the print."""
         found = re.search(r"soak state consumers=(-?\d+) allocated=(\d+) print=(\d+)",
                           self.console("state"))
         return {name: int(found.group(number + 1))

@@ -15,7 +15,7 @@ every other answer back until it is done, and so would hide how long a client wa
 A round is a few seconds of churn and a quiet moment. In a quiet moment the camera and the cable are
 plugged, no job prints and no client is connected; descriptors, threads and consumers must then be
 those of the idle service, exactly, and each kind of request and a job must still work. Consumers
-and allocated bytes are told by the program itself, on a command of its console.
+and allocated bytes are reported by the program itself, on a command of its console.
 """
 
 import argparse
@@ -123,7 +123,7 @@ class Churn:
         try:
             wait_until(self.is_settled, "descriptors and threads are those of the idle service",
                        QUIET_BOUND)
-        except AssertionError as error:  # the samples tell
+        except AssertionError as error:  # the samples show it
             print(error, flush=True)
         now = time.monotonic() - self.started
         # The frame that is being handed on, a quarter of the time, is no leak: the least of some.
@@ -214,7 +214,7 @@ class Churn:
 
 
 def connections():
-    """The service's connections that somebody still holds a descriptor of."""
+    """The service's connections for which some process still holds a descriptor."""
     with open("/proc/net/tcp", encoding="ascii") as table:
         rows = [line.split() for line in table.readlines()[1:]]
     return [row for row in rows

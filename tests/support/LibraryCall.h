@@ -1,4 +1,4 @@
-// How the C library's header declares the calls that a test program stands in for.
+// How the C library's header declares the calls that a test program replaces.
 #pragma once
 
 #ifdef __GLIBC__

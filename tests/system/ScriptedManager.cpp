@@ -54,7 +54,7 @@ RET_E ModuleManager::moduleInitialize()
     return step("moduleInitialize");
 }
 
-/** Logs as standard input tells: "LEVEL COUNT" is so many lines, a thousand bytes of text each. */
+/** Logs as standard input says: "LEVEL COUNT" is so many lines, a thousand bytes of text each. */
 RET_E ModuleManager::systemLoop(char** argv)
 {
     char acLine[32];

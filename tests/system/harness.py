@@ -271,7 +271,7 @@ def connect(port=HTTP_PORT, receive_buffer=None):
     try:
         client.connect(("127.0.0.1", port))
     except OSError:
-        client.close()  # or the kernel would go on trying
+        client.close()  # or the kernel would keep trying
         raise
     return client
 

@@ -64,7 +64,7 @@ class Attacks(unittest.TestCase):
 
     def setUp(self):
         with open(f"/proc/{self.board.server.process.pid}/clear_refs", "w", encoding="ascii") as file:
-            file.write("5")  # the peak of its memory begins anew
+            file.write("5")  # resets the peak of its memory
         self.held = []
         self.quit = threading.Event()
         self.threads = []

@@ -19,7 +19,7 @@ class ShellText(unittest.TestCase):
             os.unlink(path)
 
     def restart(self):
-        """Start the service anew, in /tmp, where a mark would land: its log comes first."""
+        """Restart the service, in /tmp, where a mark would land: its log comes first."""
         time.sleep(1.1)  # files are named by the second
         with Board(cwd="/tmp"):
             pass

@@ -218,7 +218,7 @@ TEST_F(V4L2Init, NodeWithoutCapabilitiesIsClosedByTheNextInit)
     m_camera.clearJournal();
     EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
 
-    EXPECT_EQ(Lines{}, vecMessage); // only EINVAL is told
+    EXPECT_EQ(Lines{}, vecMessage); // only EINVAL is reported
     EXPECT_EQ("close = 0", m_camera.journal().at(0));
     EXPECT_EQ("stat = 0 character", m_camera.journal().at(1));
 }

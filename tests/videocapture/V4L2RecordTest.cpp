@@ -1,4 +1,4 @@
-// V4L2: what stands in the records that the driver gets, and in the frames made of its answers.
+// V4L2: what the records passed to the driver hold, and in the frames made of its answers.
 #include <cstring>
 #include <string>
 #include <vector>

@@ -19,7 +19,7 @@ public:
     Event* m_pEvent = nullptr;
 };
 
-/** A callback that tells of its end. */
+/** A callback that records its destruction. */
 class MortalCallback : public CB<Receiver, int>
 {
 public:

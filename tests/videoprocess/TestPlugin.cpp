@@ -1,5 +1,6 @@
-// A vision plug-in for the tests: records its calls and answers as it is told. WITHOUT_<name>
-// leaves that entry point out, RESULT and FOCUS_RESULT are what all or autoFocus() return at first.
+// A vision plug-in for the tests: records its calls and gives the answers that are set.
+// WITHOUT_<name> leaves that entry point out, RESULT and FOCUS_RESULT are what all or autoFocus()
+// return at first.
 #include "TestPlugin.h"
 
 #include <sys/syscall.h>

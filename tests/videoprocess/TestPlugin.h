@@ -20,7 +20,7 @@ struct PluginCall
     const void* apOther[3] = {};  // easyFun: the last three arguments
 };
 
-/** What the entry points shall answer, and how they were called. */
+/** What the entry points are to answer, and how they were called. */
 struct TestPlugin
 {
     TestPlugin(int nResult, int nFocusResult)

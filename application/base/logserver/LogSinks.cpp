@@ -1,5 +1,5 @@
-// Starts the sinks that the log is told to have. Apart from the log: it is ground for the network,
-// and the log server stands on that.
+// Starts the sinks that the log is set to have. Separate from the log, which the network code uses:
+// the log server is built on that code.
 #include <new>
 
 #include "Log.h"
@@ -11,7 +11,7 @@ void Log::initLogFile(const char* pPath, uint32_t u32LimitKiB, int32_t s32Files)
     if (0 == (m_u32Sinks & LOG_SINK_FILE)) {
         return;
     }
-    // Without a log file the service goes on.
+    // Without a log file the service still runs.
     try {
         (void)LogFile::getInstance().init((nullptr != pPath) ? pPath : "log", u32LimitKiB,
                                           s32Files);

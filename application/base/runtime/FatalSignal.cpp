@@ -80,7 +80,7 @@ void FatalSignal::onSignal(int nSignal, siginfo_t* pInfo, void* pContext)
     if (self.m_bRestart) {
         restartProcess(self.m_argv, self.m_delay);
     }
-    // A signal that somebody sent has no address; the field then holds the sender's ids.
+    // A signal sent by a process has no address; the field then holds the sender's ids.
     const auto ulAddress = reinterpret_cast<unsigned long>(pInfo->si_addr);
     RawText()
         .append("\n\n* System is terminated . signal(")

@@ -100,7 +100,7 @@ private:
     size_t m_uLength = 0;
 };
 
-/** Put a cut line into a block that holds its whole length, zero behind the cut. */
+/** Put a cut line into a block that holds its whole length, zero after the cut. */
 char* extendCutLine(char* pLine, size_t& uLength)
 {
     char* pWhole = static_cast<char*>(calloc(1, uLength + 1));

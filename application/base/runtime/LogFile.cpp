@@ -123,7 +123,7 @@ RET_E LogFile::openNew()
 {
     const std::string strName = stampedName();
     if (nullptr != m_file.getStream() && strName == m_file.getPath()) {
-        return RET_SUCCESS; // opened anew it would lose its lines
+        return RET_SUCCESS; // reopened it would lose its lines
     }
     m_file.close();
     printf("create log file:%s\n", strName.c_str());
@@ -177,7 +177,7 @@ void LogFile::append(const char* pText, size_t uLength)
         (void)openNew(); // the last one failed; tried again in the next second
     }
     (void)m_file.write(pText, uLength);
-    (void)m_file.flush(); // a full disk: nobody to tell
+    (void)m_file.flush(); // a full disk: nowhere to report it
     if (m_file.length() >= static_cast<int64_t>(m_u32LimitKiB) * 1024) {
         (void)openNew(); // see above
     }

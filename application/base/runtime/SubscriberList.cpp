@@ -1,4 +1,4 @@
-// The subscribers of one event bus: lock-free delivery beside coming and going subscribers.
+// The subscribers of one event bus: lock-free delivery while subscribers come and go.
 #include "SubscriberList.h"
 
 #include "Time.h"

@@ -126,7 +126,7 @@ void* Thread::theThread(void* pArg)
 
 bool Thread::settle(State& state)
 {
-    // Deliberate: before the id is stored; whoever reads the id may look for the name.
+    // Deliberate: before the id is stored; a reader of the id may look for the name.
     prctl(PR_SET_NAME, state.strName.substr(0, 15).c_str(), 0, 0, 0); // 15: prctl(2)
     state.s32Tid = currentTid();
     errno = 0;

@@ -1,7 +1,7 @@
 // The base of everything that an event bus or the reactor hands to a callback.
 #pragma once
 
-/** Holds nothing; what an event carries stands in its own class. */
+/** Empty; each class of events holds its own data. */
 class Event
 {
 public:

@@ -1,4 +1,4 @@
-// Where the laser arm shall move: the spot that the vision side found.
+// Where to move the laser arm: the spot that the vision side found.
 #pragma once
 
 #include "Event.h"

@@ -3,7 +3,7 @@
 
 #include "Event.h"
 
-/** Published by whoever wants the service to end; the module manager sets its quit flag. */
+/** Published to end the service; the module manager sets its quit flag. */
 class SystemNeedQuitEvent : public Event
 {
 };

@@ -1,4 +1,4 @@
-// The two modules as a script has them: each step prints itself and returns what it is told.
+// The two modules, scripted: each step prints itself and returns the result set for it.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>

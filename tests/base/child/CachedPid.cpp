@@ -1,4 +1,4 @@
-// getpid as small C libraries have it: asked for once, and anew by fork alone.
+// getpid as small C libraries have it: asked for once, and again only by fork.
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -61,7 +61,7 @@ int runFatal(int argc, char** argv)
     return 0;
 }
 
-/** Installed, met, and installed anew: it counts from zero. */
+/** Installed, hit, and installed again: it counts from zero. */
 int runFatalAgain(int, char** argv)
 {
     setvbuf(stdout, nullptr, _IONBF, 0);

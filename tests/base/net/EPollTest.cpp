@@ -36,7 +36,7 @@ using Names = std::vector<std::string>;
 
 const uint32_t ALL = EPOLLIN | EPOLLPRI | EPOLLOUT | EPOLLET;
 
-/** Handlers that note their calls and return what they are told to. */
+/** Handlers that note their calls and return the results set for them. */
 class Recorder
 {
 public:

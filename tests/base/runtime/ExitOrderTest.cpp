@@ -54,7 +54,7 @@ TEST(ExitOrder, EachAloneEndsWithZero)
     }
 }
 
-// The log file outlives whoever logs in its destructor, whichever was used first.
+// The log file outlives every object that logs in its destructor, whichever was used first.
 TEST(ExitOrder, LastLinesOfAModuleReachTheLogFile)
 {
     for (const char* pOrder : {"mF", "lmF", "mlF", "Fm", "fmF", "mfF", "lmFS", "mSF", "qmF"}) {

@@ -26,7 +26,7 @@ ChildResult runFatal(int nLimit, const std::vector<int>& vecSignal)
 
 std::string masked(const std::string& strText)
 {
-    // A signal that somebody sent has the sender's ids in place of an address.
+    // A signal sent by a process has the sender's ids in place of an address.
     return replacePattern(strText, "addr\\((0|0x[0-9a-f]+)\\)", "addr(ADDRESS)");
 }
 

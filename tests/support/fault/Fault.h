@@ -14,7 +14,7 @@ extern "C" {
  *   fopen=/tmp/x:1-3:EACCES   the first three files opened whose names begin with "/tmp/x"
  *   fork:1:11                 the first fork, with the error number 11
  *   malloc>=1024:1:ENOMEM     the first allocation of 1024 bytes or more
- *   send:3/10-200:EPIPE,EIO   the sends 3, 13, 23 and so on to 193, by turns with these errors
+ *   send:3/10-200:EPIPE,EIO   the sends 3, 13, 23 and so on to 193, with these errors in turn
  *
  * CALL is one of the names in Fault.c. The filter is a size for the allocations, a prefix for calls
  * that take a path or a command, the descriptor for the others. A failing call does nothing, sets

@@ -1,4 +1,4 @@
-// The failing calls themselves: what fails, which time, and what goes on undisturbed.
+// The failing calls themselves: what fails, which time, and what is left alone.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>

@@ -10,7 +10,7 @@
  * Queues every log line from start() to stop(); the line's buffer is shared, not copied. What the
  * viewer sends is printed on standard output.
  *
- * A viewer that goes on reading gets every line. One that has taken no byte for 5 s while more than
+ * A viewer that keeps reading gets every line. One that has taken no byte for 5 s while more than
  * 1 MiB waits for it is closed; until then ClientMemory bounds the queue.
  */
 class LogClient : public SendQueueTcpClient

@@ -1,4 +1,4 @@
-// Putting the process into the background, and starting it anew.
+// Putting the process into the background, and restarting it.
 #pragma once
 
 class Time;

@@ -6,7 +6,7 @@
 /**
  * Wait until nFd is readable.
  *
- * Deliberate: a signal begins the whole wait anew. Any descriptor number is fine; poll(2) is
+ * Deliberate: a signal restarts the whole wait. Any descriptor number is fine; poll(2) is
  * underneath, since a select(2) set ends at 1023.
  * @return true when ready or in error (closed or negative descriptor included), false on time-out
  */

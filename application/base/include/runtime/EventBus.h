@@ -10,7 +10,7 @@
  *
  * Delivery is synchronous on the publisher's thread, oldest subscriber first, without a queue.
  * Who subscribes in a constructor calls getInstance() (or subscribe) there, so that the bus
- * outlives it. The rules for coming and going beside a publisher stand in SubscriberList.h.
+ * outlives it. SubscriberList.h has the rules for coming and going during a publish.
  */
 template <class E> class EventBus
 {

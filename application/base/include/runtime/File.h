@@ -119,7 +119,7 @@ public:
 protected:
     /**
      * The mode as the C library gets it: close-on-exec, and without the "t", which means nothing,
-     * and behind which some small libraries don't see the "+".
+     * and after which some small libraries don't see the "+".
      */
     static std::string streamMode(int nFlags);
 

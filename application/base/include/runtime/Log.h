@@ -40,7 +40,7 @@ enum LOG_SINK_E : uint32_t
 
 /**
  * Builds each line in a buffer of its own and hands it to the console and, as a LogEvent, to
- * whoever subscribed. Any thread may log; the front end takes no lock. Sinks run on the logging
+ * the subscribers. Any thread may log; the front end takes no lock. Sinks run on the logging
  * thread; a sink that logs is left out of the delivery of its own lines.
  *
  * Levels: 1 fatal, 2 error, 3 alert, 4 crit, 5 warn, 6 notice, 7 debug, 8 info. Deliberate: debug
@@ -77,21 +77,21 @@ public:
 
     /**
      * LOG_SINK_E mask; 1, the console alone, at first. Lines are published whatever it says. On the
-     * console the sequence that resets the colour comes behind the line's end: where standard
+     * console the sequence that resets the colour comes after the line's end: where standard
      * output is line-buffered it waits there for the next line.
      */
     Log& setSinks(uint32_t u32Sinks);
 
     /**
      * Start the log file (see LogFile::init); nothing happens unless the sinks hold the file. A
-     * failure is not reported: the service goes on without a log file.
+     * failure is not reported: the service runs without a log file.
      * @param pPath  base path, null for "log"
      */
     void initLogFile(const char* pPath, uint32_t u32LimitKiB, int32_t s32Files);
 
     /**
      * Start the log server (see LogServer::setUp); nothing happens unless the sinks hold the
-     * server. A failure is logged and not reported: the service goes on without.
+     * server. A failure is logged and not reported: the service runs without it.
      * @param pIp  local address, dotted; null for all
      */
     void initLogServer(const char* pIp, int nPort);
@@ -100,7 +100,7 @@ public:
      * Write a line.
      *
      * Prefix and message together keep 4093 bytes; the length counts what the whole message would
-     * have had, and the bytes behind the cut are zero.
+     * have had, and the bytes after the cut are zero.
      */
     void log(const char* pFile, int nLine, const char* pFunction, uint32_t u32Level,
              const char* pFormat, ...) __attribute__((format(printf, 6, 7)));

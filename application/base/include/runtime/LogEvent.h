@@ -10,7 +10,7 @@
  * Published for every line that is written, on the thread that logs.
  *
  * The text is shared: print it by its length, not up to a zero. A line that was cut at its capacity
- * keeps the length that it would have had; the bytes behind the cut are zeros, readable like the
+ * keeps the length that it would have had; the bytes after the cut are zeros, readable like the
  * rest.
  */
 class LogEvent : public Event

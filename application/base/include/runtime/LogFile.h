@@ -31,7 +31,7 @@ public:
     virtual ~LogFile();
 
     /**
-     * Start the first file and take every log line from now on. Called again it goes on with the
+     * Start the first file and take every log line from now on. Called again it continues with the
      * new settings. Main thread.
      * @param u32LimitKiB  size from which on a new file is started
      * @param s32Files     files kept, the current one included: with each new file, of all regular

@@ -1,4 +1,4 @@
-// The subscribers of one event bus: lock-free delivery beside coming and going subscribers.
+// The subscribers of one event bus: lock-free delivery while subscribers come and go.
 #pragma once
 
 #include <atomic>
@@ -31,7 +31,7 @@ public:
     SubscriberList() = default;
     SubscriberList(const SubscriberList&) = delete;
     SubscriberList& operator=(const SubscriberList&) = delete;
-    /** Frees what is still subscribed; nobody may publish any more. */
+    /** Frees what is still subscribed; nothing may publish any more. */
     ~SubscriberList();
 
     /**

@@ -14,7 +14,7 @@ class Time;
  * error as perror writes them.
  *
  * Owns its descriptor until close(); deliberate: the destructor does not close it. There is no
- * lock: whoever shares a port between threads may lose a reply to the other. Only the descriptor
+ * lock: of two threads that share a port one may take the other's reply. Only the descriptor
  * itself may be read, closed and opened by different threads; the line parameters are set by one
  * thread before the port is handed on.
  */
@@ -110,9 +110,9 @@ public:
      * Write until everything is taken or a write takes nothing, which ends it: a port that is full
      * cuts the data short ("nWriteLength:%d" on standard output).
      * @param nWaitDrain  1 waits for the transmitter to empty, at most two transmission times
-     * @return bytes written; when fewer than asked for without the wait, errno tells why:
+     * @return bytes written; when fewer than asked for without the wait, errno says why:
      *         EAGAIN for a port that is full, EIO, ENODEV, ENXIO or EBADF for one that is gone. -1
-     *         when the device can't tell whether its transmitter is empty (logged, level 7), as USB
+     *         when the device can't say whether its transmitter is empty (logged, level 7), as USB
      *         serial ports and pseudo terminals can't
      */
     int32_t send(const char* pData, int32_t s32Length, int nWaitDrain);
