@@ -14,13 +14,13 @@ ARTICLE = re.compile(r"(?:A|An|The)[A-Z]")
 
 def gtests():
     """File, suite and test of each GoogleTest in the tree."""
-    for top in ("tests", "simulator", "plugin"):
-        for folder, _, names in os.walk(os.path.join(SOURCE, top)):
-            for name in names:
-                if name.endswith(".cpp"):
-                    with open(os.path.join(folder, name), encoding="utf-8") as file:
-                        for suite, test in TEST.findall(file.read()):
-                            yield os.path.relpath(os.path.join(folder, name), SOURCE), suite, test
+    for folder, folders, names in os.walk(SOURCE):
+        folders[:] = [name for name in folders if name not in ("build", "node_modules", ".git")]
+        for name in names:
+            if name.endswith(".cpp"):
+                with open(os.path.join(folder, name), encoding="utf-8") as file:
+                    for suite, test in TEST.findall(file.read()):
+                        yield os.path.relpath(os.path.join(folder, name), SOURCE), suite, test
 
 
 class Names(unittest.TestCase):
