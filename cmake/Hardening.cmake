@@ -1,6 +1,6 @@
 # What makes a mistake in memory harder to exploit, in the builds that are shipped: guarded stacks,
 # checked library functions, a program at a random address whose relocations are read-only once it
-# runs. scripts/lib/check-hardening tells what a binary has of it. Debug builds go without: checked
+# runs. scripts/lib/check-hardening lists what a binary has of it. Debug builds go without: checked
 # functions need an optimiser, and the sanitizers see more.
 include(CheckCXXCompilerFlag)
 include(CheckLinkerFlag)

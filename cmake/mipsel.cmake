@@ -1,5 +1,5 @@
 # Toolchain of the board: any 32-bit little-endian MIPS Linux, without a floating-point unit and with
-# whatever C library. scripts/cross-toolchain builds it; docs/board.md tells why it is so.
+# whatever C library. scripts/cross-toolchain builds it; docs/board.md says why.
 # Also for a plug-in: cmake -S plugin -B build/plugin-mipsel --toolchain "$PWD/cmake/mipsel.cmake"
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR mipsel)

@@ -59,8 +59,8 @@ export async function snapshot(filename, corrected) {
 }
 
 /**
- * Measure. The board cannot be told to stop: aborting ends the waiting alone.
- * @param abort  its reason tells afterwards whether the wait ended by the `limit` (ms)
+ * Measure. The board cannot be stopped: aborting only ends the waiting.
+ * @param abort  its reason shows afterwards whether the wait ended by the `limit` (ms)
  * @returns the board's text, e.g. "0.0000"; throws without one
  */
 export function measurement(limit, abort) {

@@ -22,11 +22,11 @@ export async function canFetchMultipart() {
 }
 
 /**
- * One stream in an image. The image tells neither that a picture came nor when it was taken: what
+ * One stream in an image. The image shows neither that a picture came nor when it was taken: what
  * can be seen is that its pixels have changed.
  *
- * WebKit goes on reading a stream whose image is gone, so there is no way to close one. Whoever
- * holds this keeps it, looks away while nothing is to be shown, and makes another one only when
+ * WebKit keeps reading a stream whose image is gone, so there is no way to close one. The owner
+ * keeps this object, stops watching while nothing is to be shown, and makes another one only when
  * this one has ended.
  */
 export class ImageStream {

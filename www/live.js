@@ -55,7 +55,7 @@ export class LivePicture {
     #showsImage = false; // the browser shows the stream in an image only
     #image = null;
     #images = Date.now(); // numbers the streams, also across loads of the page
-    #alive = null; // what the last sign of life told: true, false, null when none was asked for
+    #alive = null; // what the last sign of life showed: true, false, null when none was asked for
     #asking = false;
     #askAt = 0;
 
@@ -119,7 +119,7 @@ export class LivePicture {
                 await this.#read(response.body.getReader(), connection);
             }
         } catch {
-            // refused, cut off or given up: all the same from here
+            // refused, cut off or given up: no difference from here on
         }
         abort.abort(); // a connection that is left half read would stay open
         this.#connection = null;
@@ -282,7 +282,7 @@ export class LivePicture {
         }
     }
 
-    /** Firefox tells of an answer only with its first picture: ask in another way, once. */
+    /** Firefox reports an answer only with its first picture: ask in another way, once. */
     async #askForLife(connection) {
         if (!connection.asksForLife) {
             connection.asksForLife = true;

@@ -10,7 +10,7 @@ export class Painter {
      * Decode and draw a picture; those that come meanwhile, but for the newest, are passed over.
      * @param picture   {jpeg}; damaged ones are left out
      * @param isWanted  asked when it is decoded, with the picture
-     * @param onDrawn   told of each that was drawn
+     * @param onDrawn   called for each that was drawn
      */
     async draw(picture, isWanted, onDrawn) {
         this.#next = picture;

@@ -8,7 +8,7 @@ const UNPLUGGED = "The board answers, but its camera sends no pictures. Is it pl
  * @param showsImage   the stream is seen in an image only, see ImageStream
  * @param answered     the board has answered this connection; an image: it has a picture
  * @param hadPictures  this connection brought pictures; else another one is tried in `nextIn` seconds
- * @param isAlive      image only: what the last sign of life told, null when none was asked for
+ * @param isAlive      image only: what the last sign of life showed, null when none was asked for
  */
 export function reasonOf(known) {
     if (known.isBusy) {

@@ -55,7 +55,7 @@ export function parsePartHeader(text) {
 
 /**
  * Cuts the body of "/live" into pictures. A picture counts once the boundary behind it has come,
- * so that none is shown whose stated length was wrong. After damage it goes on behind the next
+ * so that none is shown whose stated length was wrong. After damage it resumes after the next
  * boundary.
  */
 export class StreamParser {

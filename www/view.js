@@ -20,7 +20,7 @@ const BADGES = {
 };
 const LATE = "The pictures that arrive are old or damaged; the network may be too slow.";
 const UNKNOWN = "not known in this browser";
-const SETTLED = 1500; // ms that a state lasts before a screen reader is told of it
+const SETTLED = 1500; // ms that a state lasts before it is announced to a screen reader
 
 /** Writes what the live picture's section says. The style sheet dims the picture by its state. */
 export class View {
@@ -32,7 +32,7 @@ export class View {
     #titleSince = 0;
 
     /**
-     * @param since   ms since 1970, where the state has a beginning to tell
+     * @param since   ms since 1970, where the state has a beginning to show
      * @param age     ms, null without a picture, NaN where it cannot be known
      * @param rate    pictures per second
      * @param reason  why the picture has stopped
@@ -56,7 +56,7 @@ export class View {
         this.#announce(title, performance.now());
     }
 
-    /** Tell a screen reader of a state that has lasted, not of each flicker and each second. */
+    /** Announce a state that has lasted to a screen reader, not each flicker and each second. */
     #announce(title, now) {
         if (title !== this.#title) {
             this.#title = title;

@@ -138,7 +138,7 @@ pageTest("a page opened without a camera says so and goes live with it", async (
     await drawsAnother(page);
 });
 
-pageTest("a service that stops and starts is told and found again", async (page, network) => {
+pageTest("a service that stops and starts is reported and found again", async (page, network) => {
     await page.open(network.url);
 
     await board.command("server stop");
@@ -153,7 +153,7 @@ pageTest("a service that stops and starts is told and found again", async (page,
     await drawsAnother(page);
 });
 
-pageTest("a network that goes and comes back is told and found again", async (page, network) => {
+pageTest("a network that goes and comes back is reported and found again", async (page, network) => {
     await page.open(network.url);
 
     network.gone = true;

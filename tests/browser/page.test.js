@@ -240,7 +240,7 @@ async function measure(page) {
     await page.getByRole("button", { name: "Move arm and measure" }).click();
 }
 
-pageTest("a measurement of nothing is told as such", {}, async (page) => {
+pageTest("a measurement of nothing is reported as such", {}, async (page) => {
     await open(page);
     await measure(page);
 
@@ -256,7 +256,7 @@ for (const [answer, told] of [
     ["12.3456", /^Measured at \d\d:\d\d:\d\d\. The plug-in sets the unit\.$/],
     ["nan", /^The plug-in answered no number\.$/],
 ]) {
-    pageTest(`a measurement of ${answer} is told`, {}, async (page) => {
+    pageTest(`a measurement of ${answer} is reported`, {}, async (page) => {
         await open(page);
         await page.route(/\/camera/, (route) =>
             route.fulfill({ contentType: "text/plain", body: `{"measure":"${answer}"}` }),
@@ -311,7 +311,7 @@ pageTest("what moves the arm looks like nothing else", {}, async (page) => {
     );
 });
 
-pageTest("a running measurement is told, and its end without a value too", {}, async (page) => {
+pageTest("a running measurement is reported, and its end without a value too", {}, async (page) => {
     await open(page);
     const answers = [];
     await page.route(/\/camera/, (route) => answers.push(route));
@@ -396,7 +396,7 @@ pageTest("a failure is amber, of a snapshot as of a measurement", {}, async (pag
     }
 });
 
-pageTest("a snapshot that is cut off is told as such", {}, async (page) => {
+pageTest("a snapshot that is cut off is reported as such", {}, async (page) => {
     await open(page);
     await page.route(/\/snap/, (route) =>
         route.fulfill({ headers: { "Content-Length": "9", Filename: "a.jpg" }, body: "four" }),
@@ -406,7 +406,7 @@ pageTest("a snapshot that is cut off is told as such", {}, async (page) => {
     await textBecomes(page, "snap-status", /^No snapshot: the connection ended within the picture\.$/);
 });
 
-pageTest("camera unplugged: says since when, dims, tells once, and goes on", {}, async (page) => {
+pageTest("camera unplugged: says since when, dims, announces it once, and continues", {}, async (page) => {
     await open(page);
     await textBecomes(page, "announcement", /^Live picture\.$/);
     await page.evaluate(() => {

@@ -89,7 +89,7 @@ test("parser: an empty picture is a part", () => {
     ]);
 });
 
-test("parser: goes on behind the next boundary after damage, wherever it is cut", () => {
+test("parser: resumes after the next boundary after damage, wherever it is cut", () => {
     const damages = {
         "garbage with line ends": Buffer.from(
             "rubbish\r\nmore: rubbish\r\n\r\n\xff\xd8 and so on",
@@ -216,7 +216,7 @@ test("clock: lateness that stays is not forgotten in hours", () => {
     assert.equal(late, 3000);
 });
 
-test("clock: lateness that comes as slowly as clocks drift is lateness all the same", () => {
+test("clock: lateness that comes as slowly as clocks drift is still lateness", () => {
     const clock = new FrameClock();
     let late = 0;
     for (let at = 0; at < 6000000; at += 1000) {

@@ -1,4 +1,4 @@
-// How much memory the process has allocated, whoever the allocator is.
+// How much memory the process has allocated, with any allocator.
 #pragma once
 
 #include <cstddef>
