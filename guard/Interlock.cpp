@@ -441,7 +441,8 @@ void Interlock::answerInTime(int64_t s64NowUs)
 
 void Interlock::driveMove(int64_t s64NowUs)
 {
-    if (MOVE_ENDED == m_move.eState && s64NowUs >= m_move.s64FirstUs + SECOND_ANSWER_GAP) {
+    if (MOVE_ENDED == m_move.eState &&
+        (!m_move.bForService || s64NowUs >= m_move.s64FirstUs + SECOND_ANSWER_GAP)) {
         finishMove(s64NowUs);
         return;
     }

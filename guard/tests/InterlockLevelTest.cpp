@@ -125,6 +125,20 @@ TEST(InterlockLevel, JobNeedsLaserMode)
     EXPECT_EQ(WISH_LASER_MODE, desk.m_interlock.openJob("M5\n", 3, 0, desk.m_s64NowUs));
 }
 
+TEST(InterlockLevel, HomedArmIsReadyAtOnce)
+{
+    InterlockDesk desk(KESTREL);
+    desk.plug();
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.home(desk.m_s64NowUs));
+    EXPECT_EQ(WISH_BUSY, desk.m_interlock.openJob("M5\n", 3, 0, desk.m_s64NowUs));
+
+    desk.controller("ok\ndone\n");
+
+    EXPECT_EQ("", desk.told());
+    EXPECT_EQ(WISH_DONE, desk.m_interlock.openJob("M5\n", 3, 0, desk.m_s64NowUs));
+}
+
 TEST(InterlockLevel, LeaseIsTenSecondsAtMost)
 {
     InterlockDesk desk(KESTREL);
