@@ -1,0 +1,130 @@
+// The controller's serial port, held for the guard alone.
+#include "GuardPort.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+static const char BEAM_OFF = 0x18;
+
+GuardPort::GuardPort(std::string strPath) : m_strPath(std::move(strPath)) {}
+
+GuardPort::~GuardPort()
+{
+    close();
+}
+
+PORT_E GuardPort::open()
+{
+    const int nFd = ::open(m_strPath.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (nFd < 0) {
+        return (EBUSY == errno) ? PORT_TAKEN : PORT_MISSING; // EBUSY: TIOCEXCL
+    }
+    if (0 != flock(nFd, LOCK_EX | LOCK_NB)) {
+        const bool bTaken = EWOULDBLOCK == errno;
+        ::close(nFd);
+        return bTaken ? PORT_TAKEN : PORT_MISSING;
+    }
+    if (!setRaw(nFd)) {
+        ::close(nFd);
+        return PORT_MISSING;
+    }
+    (void)ioctl(nFd, TIOCEXCL); // keeps others out that are not root; flock keeps guards out
+    m_nFd = nFd;
+    m_uPending = 0;
+    return PORT_OPEN;
+}
+
+void GuardPort::close()
+{
+    if (m_nFd >= 0) {
+        ::close(std::exchange(m_nFd, -1));
+    }
+    m_uPending = 0;
+}
+
+bool GuardPort::setRaw(int nFd)
+{
+    termios attr{};
+    if (0 != tcgetattr(nFd, &attr)) {
+        return false;
+    }
+    attr.c_iflag = 0;
+    attr.c_oflag = 0;
+    attr.c_lflag = 0;
+    // HUPCL: when nobody holds the port any more, boards that reset by DTR do.
+    attr.c_cflag = CS8 | CREAD | CLOCAL | HUPCL;
+    attr.c_cc[VMIN] = 1;
+    attr.c_cc[VTIME] = 0;
+    cfsetispeed(&attr, B115200);
+    cfsetospeed(&attr, B115200);
+    return 0 == tcsetattr(nFd, TCSANOW, &attr);
+}
+
+void GuardPort::flush()
+{
+    while (m_uPending > 0) {
+        const ssize_t nWritten = ::write(m_nFd, m_acPending.data(), m_uPending);
+        if (nWritten <= 0) {
+            return; // full, or gone, which the next read tells
+        }
+        m_uPending -= static_cast<size_t>(nWritten);
+        memmove(m_acPending.data(), m_acPending.data() + nWritten, m_uPending);
+    }
+}
+
+bool GuardPort::write(const char* pBytes, size_t uLength)
+{
+    if (m_nFd < 0 || m_uPending + uLength > m_acPending.size()) {
+        return false;
+    }
+    memcpy(m_acPending.data() + m_uPending, pBytes, uLength);
+    m_uPending += uLength;
+    flush();
+    return true;
+}
+
+void GuardPort::cut(const char* pBytes, size_t uLength)
+{
+    m_uPending = 0;
+    if (m_nFd >= 0) {
+        tcflush(m_nFd, TCOFLUSH);
+        (void)write(pBytes, uLength);
+    }
+}
+
+int GuardPort::read(char* pBuffer, size_t uSize) const
+{
+    const ssize_t nRead = ::read(m_nFd, pBuffer, uSize);
+    if (nRead > 0) {
+        return static_cast<int>(nRead);
+    }
+    return (nRead < 0 && (EAGAIN == errno || EINTR == errno)) ? 0 : -1;
+}
+
+bool GuardPort::sendOff(const std::string& strPath)
+{
+    const int nFd = ::open(strPath.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (nFd < 0) {
+        return false;
+    }
+    (void)setRaw(nFd); // as good as it goes
+    tcflush(nFd, TCOFLUSH);
+    const bool bSent = 1 == ::write(nFd, &BEAM_OFF, 1);
+    const int nError = errno;
+    // A closed port drops what it has not sent; tcdrain(3) would wait for a stuck one for ever.
+    int nLeft = bSent ? 1 : 0;
+    for (int n = 0; n < 200 && nLeft > 0 && 0 == ioctl(nFd, TIOCOUTQ, &nLeft) && nLeft > 0; ++n) {
+        poll(nullptr, 0, 1);
+    }
+    ::close(nFd);
+    errno = nError;
+    return bSent;
+}

@@ -1,0 +1,26 @@
+// What has happened, line by line on standard output.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+/**
+ * A line is the wall time, the monotonic time in seconds and the text:
+ *
+ *     2026-03-01T12:00:00.250Z 5123.017841 trip: alarm 1
+ *
+ * Never blocks: a line that the output does not take at once is dropped, and how many were is told
+ * with the next one. One thread.
+ */
+class Journal
+{
+public:
+    explicit Journal(int nFd) : m_nFd(nFd) {}
+
+    /** @param strText  one line, without its end; cut at 400 bytes */
+    void write(const std::string& strText);
+
+private:
+    int m_nFd;
+    unsigned m_uDropped = 0;
+};

@@ -1,0 +1,70 @@
+// The socket on which the operator's programs talk to the guard: lines in, lines out.
+#pragma once
+
+#include <functional>
+#include <list>
+#include <string>
+#include <vector>
+
+#include <poll.h>
+#include <sys/types.h>
+
+/**
+ * A Unix stream socket, mode 0660. Each line is a request and gets one line; events go to whoever
+ * has asked for them. At most MAX_CLIENTS connections; one that sends a line over MAX_LINE bytes,
+ * or does not take what it is sent, is closed. Nothing blocks. One thread.
+ */
+class OperatorSocket
+{
+public:
+    static const size_t MAX_CLIENTS = 8;
+    static const size_t MAX_LINE = 4096;
+
+    /** Who has sent a line. */
+    struct Client
+    {
+        int nFd = -1;
+        unsigned uNumber = 0; // never used twice
+        uid_t uUser = 0;
+        bool bEvents = false;
+        int nPassed = -1; // a descriptor that came along; the handler may take it
+        std::string strInput;
+    };
+
+    /** @return the line to answer, without its end */
+    using Handler = std::function<std::string(Client& client, const std::string& strLine)>;
+
+    explicit OperatorSocket(Handler handler) : m_handler(std::move(handler)) {}
+    OperatorSocket(const OperatorSocket&) = delete;
+    OperatorSocket& operator=(const OperatorSocket&) = delete;
+
+    /** The socket goes with the object. */
+    ~OperatorSocket();
+
+    /**
+     * @param strGroup  who may connect besides the owner; empty: the process's group
+     * @param strError  one line, when it cannot be made
+     */
+    bool open(const std::string& strPath, const std::string& strGroup, std::string& strError);
+
+    /** Append what to wait for. */
+    void addTo(std::vector<pollfd>& vecPoll) const;
+
+    /** Serve what has come, looked at by descriptor. */
+    void serve(const std::vector<pollfd>& vecPoll);
+
+    /** Send a line to whoever has asked for events. */
+    void publish(const std::string& strLine);
+
+private:
+    void accept();
+    bool receive(Client& client);
+    static bool send(const Client& client, const std::string& strLine);
+    static void close(Client& client);
+
+    Handler m_handler;
+    std::string m_strPath;
+    int m_nFd = -1;
+    unsigned m_uNumber = 0;
+    std::list<Client> m_listClient;
+};

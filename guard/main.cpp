@@ -1,0 +1,82 @@
+// kestrel-guard: keeps the beam off in any fault, between the service and the motion controller.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "Configuration.h"
+#include "GuardParent.h"
+#include "GuardPort.h"
+#include "GuardWorker.h"
+
+static const char* const CONFIGURATION = "/etc/kestrel-guard.toml";
+static const char* const LAST_PORT = "/run/kestrel-guard.port";
+
+namespace {
+
+std::string readLastPort(const std::string& strPath)
+{
+    std::ifstream file(strPath);
+    std::string strPort;
+    std::getline(file, strPort);
+    return strPort;
+}
+
+/** @return whether the beam was told off; says so */
+bool switchOff(const std::string& strPort)
+{
+    if (strPort.empty()) {
+        fputs("kestrel-guard: no port is known, beam off not sent\n", stderr);
+        return false;
+    }
+    const bool bSent = GuardPort::sendOff(strPort);
+    fprintf(stderr, "kestrel-guard: beam off %s %s%s%s\n", bSent ? "sent to" : "not sent to",
+            strPort.c_str(), bSent ? "" : ": ", bSent ? "" : strerror(errno));
+    return bSent;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app(
+        "Keeps the laser off in any fault, between the service and the motion controller.");
+    std::string strConfiguration = CONFIGURATION;
+    std::string strLast = LAST_PORT;
+    std::string strPort;
+    bool bOff = false;
+    app.add_option("--config", strConfiguration, "configuration file")->capture_default_str();
+    app.add_option("--last-port", strLast, "file that keeps the last port used")
+        ->capture_default_str();
+    app.add_flag("--off", bOff, "turn the beam off, and end");
+    app.add_option("PORT", strPort,
+                   "the controller's port for --off, and while the configuration is not readable");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return (0 == app.exit(error)) ? 0 : 2;
+    }
+    if (bOff) {
+        return switchOff(strPort.empty() ? readLastPort(strLast) : strPort) ? 0 : 1;
+    }
+    for (;;) {
+        Configuration configuration;
+        std::string strError;
+        if (!readConfiguration(strConfiguration, configuration, strError)) {
+            fprintf(stderr, "kestrel-guard: %s\n", strError.c_str());
+            (void)switchOff(strPort.empty() ? readLastPort(strLast) : strPort); // told either way
+            return 2;
+        }
+        std::ofstream(strLast) << configuration.strPort << "\n";
+        GuardParent parent(configuration.strPort);
+        const int nStatus = parent.run([&configuration](int nBeatFd) {
+            return static_cast<int>(GuardWorker(configuration, nBeatFd).run());
+        });
+        if (WORKER_ANEW != nStatus) {
+            return nStatus;
+        }
+    }
+}
