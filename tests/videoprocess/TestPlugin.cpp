@@ -1,8 +1,10 @@
 // A vision plug-in for the tests: records its calls and gives the answers that are set.
 // WITHOUT_<name> leaves that entry point out, RESULT and FOCUS_RESULT are what all or autoFocus()
-// return at first.
+// return at first; with WAITING init() makes the file "inside" and waits for "go"; with UNRESOLVED
+// a name is missing that only uninit() would need.
 #include "TestPlugin.h"
 
+#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -52,13 +54,26 @@ TestPlugin* testPlugin(void)
 #ifndef WITHOUT_init
 void init(void)
 {
+#ifdef WAITING
+    close(open("inside", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    while (0 != access("go", F_OK)) {
+        usleep(1000);
+    }
+#endif
     record(makeCall("init"));
 }
+#endif
+
+#ifdef UNRESOLVED
+extern "C" void nobodyHasThis(void);
 #endif
 
 #ifndef WITHOUT_uninit
 void uninit(void)
 {
+#ifdef UNRESOLVED
+    nobodyHasThis();
+#endif
     record(makeCall("uninit"));
 }
 #endif

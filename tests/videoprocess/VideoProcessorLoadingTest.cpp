@@ -1,6 +1,9 @@
 // Loading the plug-in, whole, incomplete or not at all.
+#include <thread>
+
 #include <dlfcn.h>
 
+#include "Eventually.h"
 #include "Fault.h"
 #include "IdlePrintEvent.h"
 #include "VisionHost.h"
@@ -85,6 +88,22 @@ TEST_F(VideoProcessorLoading, FileThatIsNoLibraryIsLogged)
     EXPECT_EQ(RET_FAILED, measure());
 }
 
+TEST_F(VideoProcessorLoading, NoEntryPointRunsBeforeThePluginsInitHas)
+{
+    startCapture();
+    std::thread loader([this] { load("test_plugin_waiting"); });
+    EXPECT_TRUE(eventually([] { return std::filesystem::exists("inside"); }));
+
+    EXPECT_EQ(RET_FAILED, measure());
+    EXPECT_EQ(RET_FAILED, idle());
+    EXPECT_FALSE(corrects());
+
+    m_folder.write("go", "");
+    loader.join();
+    EXPECT_EQ(Lines{"init"}, plugin().names());
+    EXPECT_EQ(0, idle());
+}
+
 TEST_F(VideoProcessorLoading, WithoutMemoryAnIdlePrintIsRefusedAndTheNextIsNot)
 {
     load("test_plugin");
@@ -117,6 +136,17 @@ TEST_F(VideoProcessorLoading, CompletePluginIsInitialisedOnce)
 
     EXPECT_EQ(Lines{}, messages());
     EXPECT_EQ(Lines{"init"}, plugin().names());
+}
+
+// The names that the plug-in itself lacks are looked for when they are used.
+TEST_F(VideoProcessorLoading, PluginThatLacksANameOfItsOwnIsLoaded)
+{
+    load("test_plugin_unresolved");
+
+    ASSERT_EQ(Lines{}, messages());
+    EXPECT_EQ(Lines{"init"}, plugin().names());
+    startCapture();
+    EXPECT_EQ(0, idle());
 }
 
 // Deliberate: the library stays mapped and in use.
