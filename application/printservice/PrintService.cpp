@@ -48,7 +48,6 @@ PrintService::PrintService() : m_port(ControllerPort::getInstance())
 PrintService::~PrintService()
 {
     m_thread->stop();
-    m_jobFile.close();
     EventBus<MoveLaserEvent>::unsubscribe(this, &PrintService::onMoveLaserEvent);
     EventBus<MeasureEvent>::unsubscribe(this, &PrintService::onMeasureEvent);
     m_thread.reset();

@@ -6,7 +6,9 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -162,6 +164,56 @@ TEST(JobFile, ProgressIsTheShareBeforeTheLineUnderWay)
     EXPECT_EQ(0.25F, job.getProgress());
     job.restart();
     EXPECT_EQ(0.0F, job.getProgress());
+}
+
+TEST(JobFile, OpenBeginsTheProgressAnew)
+{
+    JobFileInFolder job;
+    job.saveText("G1 X1\nG1 X2\n");
+    ASSERT_TRUE(job.open());
+    (void)job.nextText();
+    (void)job.nextText();
+    EXPECT_EQ(0.5F, job.getProgress());
+
+    ASSERT_TRUE(job.open());
+    EXPECT_EQ(0.0F, job.getProgress());
+
+    std::ofstream("tmp.gcode") << "G1 X1\nG1 X2\nG1 X3\nG1 X4\n"; // longer than was measured
+    ASSERT_TRUE(job.open());
+    (void)job.nextText();
+    (void)job.nextText();
+    EXPECT_EQ(0.25F, job.getProgress());
+}
+
+TEST(JobFile, DestructorClosesTheOpenJob)
+{
+    const JobFileInFolder folder;
+    const int nFree = dup(STDERR_FILENO); // the number that the next file gets
+    close(nFree);
+    {
+        JobFile job;
+        job.save("G1 X1\n", 6);
+        ASSERT_TRUE(job.open());
+        EXPECT_NE(-1, fcntl(nFree, F_GETFD));
+    }
+
+    EXPECT_EQ(-1, fcntl(nFree, F_GETFD));
+}
+
+TEST(JobFile, OfSeveralSavesAtOnceOneIsKeptWhole)
+{
+    JobFileInFolder job;
+    const std::string strFirst(20000, 'a');
+    const std::string strSecond(30000, 'b');
+
+    for (int nRound = 0; nRound < 200; ++nRound) {
+        std::thread other([&] { job.saveText(strFirst); });
+        job.saveText(strSecond);
+        other.join();
+
+        const std::string strKept = job.m_folder.read("tmp.gcode");
+        ASSERT_TRUE(strFirst == strKept || strSecond == strKept) << strKept.size();
+    }
 }
 
 TEST(JobFile, ProgressOfNothingIsZero)

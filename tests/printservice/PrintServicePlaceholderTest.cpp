@@ -1,6 +1,8 @@
 // The link with the placeholder codec: what goes out, what is read, and without a port.
 #include <cstring>
 
+#include <pty.h>
+
 #include "PrintTest.h"
 #include "Time.h"
 
@@ -14,6 +16,29 @@ TEST_F(PrintServicePlaceholder, SingleCommandGoesOutAsABareLineEnd)
 
     EXPECT_EQ("\n", m_controller.readReceivedBytes());
     EXPECT_EQ("\n\nsend length:1\n", output());
+}
+
+TEST_F(PrintServicePlaceholder, SingleCommandIsOneByteAndNoMore)
+{
+    int nMaster = -1;
+    int nSlave = -1;
+    char acPath[64] = {0};
+    ASSERT_EQ(0, openpty(&nMaster, &nSlave, acPath, nullptr, nullptr));
+    UART uart;
+    ASSERT_EQ(1, uart.open(acPath));
+    service().setUart(&uart);
+    ASSERT_EQ(3, write(nMaster, "ok\n", 3)); // the reply
+
+    EXPECT_EQ(0, service().printSingleCmd("M5", 2));
+
+    uart.close();
+    close(nSlave);
+    char acSent[8] = {0};
+    EXPECT_EQ(1, read(nMaster, acSent, sizeof(acSent)));
+    EXPECT_EQ('\n', acSent[0]);
+    EXPECT_EQ(-1, read(nMaster, acSent, sizeof(acSent))); // hung up: that was all
+    close(nMaster);
+    service().setUart(&m_uart);
 }
 
 TEST_F(PrintServicePlaceholder, StringIsSentLikeItsText)

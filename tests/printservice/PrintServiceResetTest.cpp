@@ -85,6 +85,8 @@ TEST_F(PrintServiceReset, DeliberateDescriptorsStayOpen)
             EXPECT_EQ(FD_CLOEXEC, fcntl(nFd, F_GETFD)) << nFd; // yet no command inherits them
         }
     }
+    // Taken, or another test's controller finds them.
+    EXPECT_TRUE(eventually([this] { return 3 == stores("gpio106/value").size(); }));
 }
 
 TEST_F(PrintServiceReset, MissingPinFilesAreIgnored)
