@@ -13,6 +13,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pty.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -246,6 +247,68 @@ TEST(SystemModuleSerial, RefusedLineParametersFail)
         << strError;
     EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial()); // what the failure left open is no obstacle
     EXPECT_EQ(1U, countPorts());
+}
+
+TEST(SystemModuleSerial, RefusedLineParametersLeaveTheServicesTheirPort)
+{
+    Arm arm({"--boot-ms", "10"});
+    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
+    g_bRefuseSpeed = true;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(RET_FAILED, arm.m_module.openSerial());
+    (void)testing::internal::GetCapturedStderr();
+    g_bRefuseSpeed = false;
+
+    EXPECT_EQ(0, arm.m_module.sendPrintCommand("M5", 2));
+
+    EXPECT_EQ("M5\n", arm.m_controller.readReceivedBytes());
+}
+
+TEST(SystemModuleSerial, RefusedLineParametersGiveNobodyAPort)
+{
+    Arm arm({"--boot-ms", "10"});
+    PrintService::getInstance().setUart(nullptr); // as at the start
+    g_bRefuseSpeed = true;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(RET_FAILED, arm.m_module.openSerial());
+    (void)testing::internal::GetCapturedStderr();
+    g_bRefuseSpeed = false;
+
+    EXPECT_EQ(1, arm.m_module.sendPrintCommand("M5", 2));
+
+    EXPECT_EQ("", arm.m_controller.readReceivedBytes());
+}
+
+TEST(SystemModuleSerial, HasItsParametersWhateverTheLineHadBefore)
+{
+    // As the system makes it: an editing, echoing terminal; besides, slow and with two stop bits.
+    int nMaster = -1;
+    int nSlave = -1;
+    char acPath[64] = {0};
+    ASSERT_EQ(0, openpty(&nMaster, &nSlave, acPath, nullptr, nullptr));
+    termios attr{};
+    ASSERT_EQ(0, tcgetattr(nSlave, &attr));
+    ASSERT_NE(0U, attr.c_lflag & ICANON);
+    attr.c_cflag |= CSTOPB;
+    cfsetispeed(&attr, B9600);
+    cfsetospeed(&attr, B9600);
+    ASSERT_EQ(0, tcsetattr(nSlave, TCSANOW, &attr));
+    ASSERT_EQ(0, symlink(acPath, "/dev/ttyACM0"));
+    ControllerPort& port = ControllerPort::getInstance();
+    testing::internal::CaptureStdout();
+
+    EXPECT_EQ(RET_SUCCESS, port.open());
+
+    EXPECT_EQ("[/dev/ttyACM0]", testing::internal::GetCapturedStdout());
+    ASSERT_EQ(0, tcgetattr(nSlave, &attr));
+    EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&attr));
+    EXPECT_EQ(static_cast<tcflag_t>(CS8), attr.c_cflag & (CSIZE | CSTOPB | PARENB));
+    EXPECT_EQ(0U, attr.c_lflag & (ICANON | ECHO));
+    EXPECT_EQ(11520, port.getUart().getCharRate());
+    port.getUart().close();
+    EXPECT_EQ(0, unlink("/dev/ttyACM0"));
+    close(nMaster);
+    close(nSlave);
 }
 
 TEST(SystemModuleSerial, IsWaitedForOnceASecond)
