@@ -1,5 +1,6 @@
 // UART: which calls it makes, in which order, with which time-outs, and what it says of failed
 // ones.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -29,6 +30,8 @@ struct Calls
     std::string strNoted; // "get ", "set ", "set-late ", "flush-in ", "flush-other ", "fsync "
     int nGetError = 0;
     int nSetError = 0;
+    int nNarrowFd = -1; // takes a byte, then two, then three ...
+    size_t uWrites = 0; // to it
 };
 
 Calls s_calls;
@@ -72,6 +75,16 @@ extern "C" int fsync(int nFd)
 {
     s_calls.strNoted += "fsync ";
     return realFunction<int (*)(int)>("fsync")(nFd);
+}
+
+extern "C" ssize_t __real_write(int nFd, const void* pData, size_t uSize);
+
+extern "C" ssize_t __wrap_write(int nFd, const void* pData, size_t uSize)
+{
+    if (nFd == s_calls.nNarrowFd) {
+        uSize = std::min(uSize, ++s_calls.uWrites);
+    }
+    return __real_write(nFd, pData, uSize);
 }
 
 namespace {
@@ -144,6 +157,40 @@ TEST_F(UARTCall, SendSynchronisesOnceAfterItsLastByte)
 
     EXPECT_EQ(0, m_uart.send("", 0, 0));
     EXPECT_EQ("fsync fsync ", s_calls.strNoted);
+}
+
+TEST_F(UARTCall, SendGoesOnBehindEachPartThatThePortTakes)
+{
+    s_calls.nNarrowFd = m_uart.getFd();
+
+    EXPECT_EQ(10, m_uart.send("0123456789", 10, 0));
+
+    EXPECT_EQ(4U, s_calls.uWrites);
+    std::string strArrived;
+    while (strArrived.size() < 10) { // in parts here, too
+        char acPart[16];
+        const ssize_t nRead = read(m_nMaster, acPart, sizeof(acPart));
+        ASSERT_LT(0, nRead);
+        strArrived.append(acPart, static_cast<size_t>(nRead));
+    }
+    EXPECT_EQ("0123456789", strArrived);
+}
+
+TEST_F(UARTCall, ParityHasBadCharactersNeitherMarkedNorIgnored)
+{
+    termios attr{};
+    ASSERT_EQ(0, tcgetattr(m_nSlave, &attr));
+    attr.c_iflag |= PARMRK | IGNPAR;
+    ASSERT_EQ(0, tcsetattr(m_nSlave, TCSANOW, &attr));
+
+    for (const int32_t s32Code : {1, 2}) {
+        (void)m_uart.setParity(s32Code); // a pseudo terminal refuses the parity itself
+
+        ASSERT_EQ(0, tcgetattr(m_nSlave, &attr));
+        EXPECT_EQ(static_cast<tcflag_t>(INPCK), attr.c_iflag & (INPCK | PARMRK | IGNPAR));
+        attr.c_iflag |= PARMRK | IGNPAR;
+        ASSERT_EQ(0, tcsetattr(m_nSlave, TCSANOW, &attr));
+    }
 }
 
 TEST_F(UARTCall, RefusedRawModeIsTold)
