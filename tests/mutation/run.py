@@ -85,7 +85,7 @@ def report(path, all_mutants, results):
 
 
 def run(options):
-    """@return 0 when no change survived, 1 when one did, 2 when the tests fail unchanged"""
+    """@return 0, whatever survived; 2 when the sources do not build or their tests fail unchanged"""
     files = options.files or sources(options.root)
     all_mutants = {}
     for file in files:
@@ -109,9 +109,7 @@ def run(options):
         print(f"scripts/mutate: {broken}")
         return 2
     print(report(f"{options.folder}/report.txt", all_mutants, results), end="")
-    tried = [results[mutant.key] for found in parts.values() for mutant in found
-             if mutant.key in results]
-    return 1 if any(record["result"] == "survived" for record in tried) else 0
+    return 0
 
 
 def attempts(options, parts, results, stored):

@@ -138,25 +138,23 @@ class Bench:
 
     # Which tests cover a source.
 
-    def links(self, executable, source):
-        """Whether a program is linked from a source; from a header's own source for a header."""
+    def covers(self, executable, source):
+        """Whether a program is linked from a test that stands where the source does, or has its name."""
         if executable not in self.inputs:
-            self.inputs[executable] = set(
-                self.call("ninja", "-C", self.build, "-t", "inputs", executable).split("\n"))
+            self.inputs[executable] = self.call("ninja", "-C", self.build, "-t", "inputs",
+                                                executable).split("\n")
+        folder = os.path.dirname(source).replace("/include", "", 1)
+        folder = "application/application" if folder == "application" else folder
         stem = os.path.splitext(os.path.basename(source))[0]
-        units = [name for name in self.inputs[executable]
-                 if name.startswith(f"{self.source}/application/") and name.endswith(f"/{stem}.cpp")]
-        known = os.path.exists(f"{self.source}/{source[:-2]}.cpp") or not source.endswith(".h")
-        return bool(units) or not known
+        tests = [name[len(self.source) + 1:] for name in self.inputs[executable]
+                 if name.startswith(f"{self.source}/tests/") and name.endswith("Test.cpp")]
+        mirrored = folder.replace("application", "tests", 1)
+        return any(os.path.dirname(name) == mirrored or os.path.basename(name).startswith(stem)
+                   for name in tests)
 
     def select(self, file):
-        """Choose and build the programs for a source: those of the folder that mirrors its own."""
-        parts = file.split("/")
-        mirrored = "/".join(["tests", parts[1] if len(parts) > 2 else "application"])
-        if parts[1] == "common":
-            mirrored = "tests"
-        chosen = [name for name in self.executables
-                  if name.startswith(f"{mirrored}/") and self.links(name, file)]
+        """Choose and build the programs for a source: those with tests in the folder that mirrors its."""
+        chosen = [name for name in self.executables if self.covers(name, file)]
         whole = bool(WHOLE_SERVICE.match(file)) and os.path.isdir(f"{self.source}/tests/system")
         self.targets = chosen + (list(SERVICE_TARGETS) if whole else [])
         if not self.targets:
