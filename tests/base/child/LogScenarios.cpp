@@ -35,7 +35,7 @@ int runConsoleVerdict(int, char**)
     return 0;
 }
 
-/** Sinks mask; a path; a port: what main does, then "listening" or "not listening". */
+/** Sinks mask; a path; a port, 0 for any: what main does, then "listening" or "not listening". */
 int runSinks(int argc, char** argv)
 {
     if (5 != argc) {
@@ -50,7 +50,7 @@ int runSinks(int argc, char** argv)
     const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(nPort));
+    address.sin_port = htons(listeningPort()); // 0 refuses
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const int nRet = connect(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
     printf("%s\n", (0 == nRet) ? "listening" : "not listening");

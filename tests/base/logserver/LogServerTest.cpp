@@ -12,17 +12,57 @@
 #include <gtest/gtest.h>
 
 #include "ChildProgram.h"
-#include "FreePort.h"
 #include "LogViewer.h"
 #include "ScratchFolder.h"
 
+namespace {
+
+/** A port of the kernel's choice that somebody listens on already. */
+class TakenPort
+{
+public:
+    TakenPort() : m_nFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        socklen_t uLength = sizeof(address);
+        EXPECT_EQ(0, bind(m_nFd, reinterpret_cast<sockaddr*>(&address), uLength));
+        EXPECT_EQ(0, listen(m_nFd, 1));
+        EXPECT_EQ(0, getsockname(m_nFd, reinterpret_cast<sockaddr*>(&address), &uLength));
+        m_nNumber = ntohs(address.sin_port);
+    }
+    TakenPort(const TakenPort&) = delete;
+    TakenPort& operator=(const TakenPort&) = delete;
+    ~TakenPort()
+    {
+        close(m_nFd);
+    }
+
+    int number() const
+    {
+        return m_nNumber;
+    }
+
+private:
+    int m_nFd;
+    int m_nNumber = 0;
+};
+
+/** @return what a server that was started with port 0 has printed as its own */
+uint16_t portOf(const ChildProgram& program)
+{
+    const size_t uAt = program.output().find("port ");
+    return static_cast<uint16_t>(std::stoi(program.output().substr(uAt + 5)));
+}
+
+} // namespace
+
 TEST(LogServer, WhatAViewerSendsIsPrinted)
 {
-    const uint16_t u16Port = freePort();
-    ChildProgram program({BASE_CHILD, "server", std::to_string(u16Port)});
+    ChildProgram program({BASE_CHILD, "server", "0"});
     ASSERT_TRUE(program.waitForOutput("ready\n"));
     {
-        Viewer viewer(u16Port);
+        Viewer viewer(portOf(program));
         viewer.send("hello");
         EXPECT_TRUE(program.waitForOutput("logserver recv:hello\n")) << program.output();
 
@@ -37,23 +77,23 @@ TEST(LogServer, WhatAViewerSendsIsPrinted)
 
 TEST(LogServer, LongInputIsPrintedInPiecesOfTheBuffer)
 {
-    const uint16_t u16Port = freePort();
-    ChildProgram program({BASE_CHILD, "server", std::to_string(u16Port)});
+    ChildProgram program({BASE_CHILD, "server", "0"});
     ASSERT_TRUE(program.waitForOutput("ready\n"));
-    const Viewer viewer(u16Port);
+    const Viewer viewer(portOf(program));
 
     viewer.send(std::string(2048, 'a') + "b");
 
     EXPECT_TRUE(program.waitForOutput("b\n"));
-    EXPECT_EQ("ready\nlogserver recv:" + std::string(2048, 'a') + "\nlogserver recv:b\n",
+    EXPECT_EQ("port " + std::to_string(portOf(program)) +
+                  "\nready\nlogserver recv:" + std::string(2048, 'a') + "\nlogserver recv:b\n",
               program.output());
 }
 
 TEST(LogServer, WithoutTheServerSinkNothingListens)
 {
     ScratchFolder folder;
-    const ChildResult result = runChild(
-        {BASE_CHILD, "sinks", "2", (folder.path() / "log").string(), std::to_string(freePort())});
+    const ChildResult result =
+        runChild({BASE_CHILD, "sinks", "2", (folder.path() / "log").string(), "0"});
 
     EXPECT_NE(std::string::npos, result.strOutput.find("not listening\n"));
     EXPECT_EQ(0, result.nStatus);
@@ -62,47 +102,41 @@ TEST(LogServer, WithoutTheServerSinkNothingListens)
 TEST(LogServer, WithTheServerSinkItListensAndNoFileIsMade)
 {
     ScratchFolder folder;
-    const ChildResult result = runChild(
-        {BASE_CHILD, "sinks", "4", (folder.path() / "log").string(), std::to_string(freePort())});
+    const ChildResult result =
+        runChild({BASE_CHILD, "sinks", "4", (folder.path() / "log").string(), "0"});
 
     EXPECT_EQ("listening\n", result.strOutput);
     EXPECT_EQ(0, result.nStatus);
     EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
 }
 
-TEST(LogServer, PortIsTakenModulo65536)
-{
-    ScratchFolder folder;
-    const uint16_t u16Port = freePort();
-    ChildProgram program({BASE_CHILD, "server", std::to_string(u16Port + 65536)});
-    ASSERT_TRUE(program.waitForOutput("ready\n"));
-
-    Viewer viewer(u16Port);
-    viewer.send("x");
-
-    EXPECT_TRUE(program.waitForOutput("logserver recv:x\n"));
-}
-
 TEST(LogServer, TakenPortIsLoggedAndTheProgramGoesOn)
 {
     ScratchFolder folder;
-    const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    socklen_t uLength = sizeof(address);
-    ASSERT_EQ(0, bind(nFd, reinterpret_cast<sockaddr*>(&address), uLength));
-    ASSERT_EQ(0, listen(nFd, 1));
-    ASSERT_EQ(0, getsockname(nFd, reinterpret_cast<sockaddr*>(&address), &uLength));
-    const std::string strPort = std::to_string(ntohs(address.sin_port));
+    const TakenPort taken;
+    const std::string strPort = std::to_string(taken.number());
 
     const ChildResult result =
         runChild({BASE_CHILD, "sinks", "5", (folder.path() / "log").string(), strPort});
 
-    close(nFd);
     EXPECT_NE(std::string::npos,
               result.strOutput.find(
                   "accept socket bind error !!   accept ip:(null) port:" + strPort + "\n"))
         << result.strOutput;
     EXPECT_NE(std::string::npos, result.strOutput.find("a line\n"));
     EXPECT_EQ(0, result.nStatus);
+}
+
+TEST(LogServer, PortIsTakenModulo65536)
+{
+    ScratchFolder folder;
+    const TakenPort taken;
+
+    const ChildResult result = runChild({BASE_CHILD, "sinks", "5", (folder.path() / "log").string(),
+                                         std::to_string(taken.number() + 65536)});
+
+    EXPECT_NE(std::string::npos,
+              result.strOutput.find("accept socket bind error !!   accept ip:(null) port:" +
+                                    std::to_string(taken.number()) + "\n"))
+        << result.strOutput;
 }

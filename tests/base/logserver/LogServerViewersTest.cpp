@@ -14,7 +14,7 @@
 #include "Descriptors.h"
 #include "Eventually.h"
 #include "Fault.h"
-#include "FreePort.h"
+#include "ListeningPort.h"
 #include "Log.h"
 #include "LogCapture.h"
 #include "LogClient.h"
@@ -41,10 +41,9 @@ public:
     }
     uint16_t open()
     {
-        const uint16_t u16Port = freePort();
-        EXPECT_EQ(0, init(u16Port, "127.0.0.1", 4096, 4096));
+        EXPECT_EQ(0, init(0, "127.0.0.1", 4096, 4096));
         (void)start();
-        return u16Port;
+        return listeningPort();
     }
     std::atomic<LogClient*> m_pLast{nullptr};
 };
@@ -127,8 +126,8 @@ TEST_F(LogServerViewers, LinesOfBeforeAreNotReplayed)
 TEST_F(LogServerViewers, AnyAllocationOfAnAcceptMayFail)
 {
     RecordingServer server; // its reactor is this thread
-    const uint16_t u16Port = freePort();
-    ASSERT_EQ(0, server.init(u16Port, "127.0.0.1", 4096, 4096));
+    ASSERT_EQ(0, server.init(0, "127.0.0.1", 4096, 4096));
+    const uint16_t u16Port = listeningPort();
     bool bReached = true;
     for (int nWhich = 1; bReached; ++nWhich) {
         const Viewer viewer(u16Port);
@@ -162,8 +161,8 @@ TEST_F(LogServerViewers, CutLineIsSentWithItsZeros)
 TEST_F(LogServerViewers, ThreadHasItsNameAndViewersHaveSmallBuffers)
 {
     LogServer& server = LogServer::getInstance();
-    const uint16_t u16Port = freePort();
-    ASSERT_EQ(0, server.setUp("127.0.0.1", u16Port));
+    ASSERT_EQ(0, server.setUp("127.0.0.1", 0));
+    const uint16_t u16Port = listeningPort();
     {
         const Viewer viewer(u16Port);
         EXPECT_TRUE(eventually([&] { return hasSocketWithBuffers(u16Port, 4096); }));
@@ -186,7 +185,7 @@ TEST_F(LogServerViewers, WithoutItsPortTheServerIsNotStarted)
     EXPECT_EQ(std::string::npos, log.text().find("start thread("));
     EXPECT_EQ(0, server.uninit());
 
-    EXPECT_EQ(0, server.setUp("127.0.0.1", freePort()));
+    EXPECT_EQ(0, server.setUp("127.0.0.1", 0));
     EXPECT_NE(std::string::npos, log.text().find("start thread("));
     EXPECT_EQ(0, server.stop());
     EXPECT_EQ(0, server.uninit());
@@ -274,8 +273,8 @@ TEST_F(LogServerViewers, ViewerThatStopsReadingHoldsTheLinesUntilItLeaves)
 TEST_F(LogServerViewers, ViewerBeyondThe32ndIsRefused)
 {
     LogServer& server = LogServer::getInstance();
-    const uint16_t u16Port = freePort();
-    ASSERT_EQ(0, server.setUp("127.0.0.1", u16Port));
+    ASSERT_EQ(0, server.setUp("127.0.0.1", 0));
+    const uint16_t u16Port = listeningPort();
     {
         std::vector<std::unique_ptr<Viewer>> vecViewer;
         for (int i = 0; i < 32; ++i) {

@@ -295,9 +295,11 @@ TEST(Thread, EveryStepIsLoggedOnce)
     {
         Thread thread(&Worker::run, &worker, "logged", 0, 0, 0, true);
         s32Tid = thread.getTid();
+        worker.m_bHold = true;
         (void)thread.start();
-        ASSERT_TRUE(waitForCalls(worker, 1));
-        (void)thread.start(); // running: nothing happens
+        ASSERT_TRUE(eventually([&] { return worker.m_bInside.load(); }));
+        (void)thread.start(); // past the gate, inside a call: nothing happens
+        worker.m_bHold = false;
         (void)thread.stop();
         (void)thread.stop(); // parked: nothing happens
         EXPECT_EQ("[info ] [Thread.cpp ] [create] " + withTid("create thread", s32Tid, "logged") +
