@@ -5,6 +5,7 @@ import fcntl
 import glob
 import os
 import re
+import signal
 import stat
 import struct
 import subprocess
@@ -238,8 +239,21 @@ def connect_listener():
 
 
 class Signals(unittest.TestCase):
+    def test_broken_pipes_are_ignored_before_the_log_is_set_up(self):
+        journal = os.path.join(tempfile.mkdtemp(), "journal")
+        environment = {"KESTREL_FAULT_PROGRAM": "kestrel-server", "KESTREL_FAULT_JOURNAL": journal,
+                       "KESTREL_FAULT_JOURNAL_CALLS": "signal open fopen fopen64"}
+        library = f"{BUILD}/tests/support/fault/libkestrel_fault_preload.so"
+        with Board(environment=environment, preload=[library]) as board:
+            with open(f"/proc/{board.server.process.pid}/status", encoding="ascii") as file:
+                ignored = int(re.search(r"^SigIgn:\s*(\w+)$", file.read(), re.M).group(1), 16)
+            self.assertTrue(ignored & 1 << (signal.SIGPIPE - 1))
+        with open(journal, encoding="utf-8") as file:
+            calls = [line.split("|")[1] for line in file.read().splitlines()]
+        log = next(i for i, call in enumerate(calls) if "/tmp/usb-camera.log" in call)
+        self.assertIn(f"signal {int(signal.SIGPIPE)}", calls[:log])
+
     def test_fatal_signal_ends_the_service_without_a_report(self):
-        import signal
         with Board() as board:
             board.server.process.send_signal(signal.SIGTERM)
             self.assertEqual(-signal.SIGTERM, board.server.wait_ended())

@@ -1,10 +1,10 @@
 // What a connection does with each request, and with what comes behind it.
 #include "WebCameraClient.h"
 
-#include <climits>
 #include <cstring>
 #include <limits>
 
+#include <climits>
 #include <gtest/gtest.h>
 
 #include "CallJournal.h"
@@ -66,6 +66,21 @@ TEST_F(WebCameraClientConnection, RequestWithoutMemoryForItsTextsEndsTheConnecti
         EXPECT_GE(faultHits(), 1u) << strRequest;
         EXPECT_EQ("", FakeSystem::streams());
     }
+}
+
+TEST_F(WebCameraClientConnection, WithoutMemoryForItsBufferItDoesNotStart)
+{
+    for (const size_t uBlock : {size_t{2048}, sizeof(SafePointerBlock)}) {
+        const std::string strPlan = "malloc=" + std::to_string(uBlock) + ":1:ENOMEM";
+        WebCameraClient client;
+        const FaultScope fault(strPlan.c_str());
+
+        EXPECT_EQ(1, client.init()) << strPlan;
+
+        EXPECT_EQ(1U, faultHits()) << strPlan;
+    }
+    WebCameraClient client;
+    EXPECT_EQ(0, client.init());
 }
 
 TEST_F(WebCameraClientConnection, AnyStreamIsStream0)

@@ -33,7 +33,7 @@ extern "C" {
  *   epoll_ctl add|mod|del FD MASK hexadecimal, "0x80000001"; nothing for del
  *   setsockopt FD LEVEL NAME, listen FD BACKLOG, shutdown FD HOW
  *   send|recv|read|write FD BYTES
- *   kill PID SIGNAL
+ *   kill PID SIGNAL, signal SIGNAL
  *   pthread_create joinable|detached
  *   pthread_mutex_lock            std::mutex as well; a line behind which nothing follows is a wait
  *   the others                    the descriptor or the path that Fault.h filters them by

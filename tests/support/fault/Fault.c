@@ -850,6 +850,9 @@ BY_TEXT(FILE*, popen, (const char* text, const char* pMode), (text, pMode), NULL
 PLAIN(int, pclose, (FILE * pFile), (pFile), -1)
 BY_TEXT(int, system, (const char* text), (text), -1)
 PLAIN_NOTED(int, nice, (int nIncrement), (nIncrement), -1, "%d", nIncrement)
+typedef void (*HANDLER_T)(int);
+PLAIN_NOTED(HANDLER_T, signal, (int nSignal, HANDLER_T pHandler), (nSignal, pHandler), SIG_ERR,
+            "%d", nSignal)
 PLAIN_NOTED(int, kill, (pid_t nPid, int nSignal), (nPid, nSignal), -1, "%d %d", (int)nPid, nSignal)
 
 EXPORT int posix_spawn(pid_t* pPid, const char* pPath, const posix_spawn_file_actions_t* pActions,
