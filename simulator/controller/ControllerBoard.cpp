@@ -2,7 +2,6 @@
 #include "ControllerBoard.h"
 
 #include <cerrno>
-#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +9,8 @@
 #include <vector>
 
 #include <poll.h>
+
+#include <climits>
 
 #include "GrblController.h"
 
@@ -21,6 +22,14 @@ static int64_t monotonicUs()
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+/** What a receiver at another speed makes of bytes. */
+static void garble(std::string& strText)
+{
+    for (char& c : strText) {
+        c = static_cast<char>((static_cast<unsigned char>(c) * 37) | 0x80);
+    }
 }
 
 static bool parseMillimetres(const std::string& strText, double& dMillimetres)
@@ -109,6 +118,9 @@ int ControllerBoard::pollTimeoutMs(int64_t s64NowUs) const
     if (dNext >= 0 && (s64DueUs < 0 || s64NextUs < s64DueUs)) {
         s64DueUs = s64NextUs;
     }
+    if (m_s64BootUs >= 0 && (s64DueUs < 0 || m_s64BootUs < s64DueUs)) {
+        s64DueUs = m_s64BootUs;
+    }
     if (s64DueUs < 0) {
         return -1;
     }
@@ -160,6 +172,10 @@ void ControllerBoard::readPort(int64_t s64NowUs)
         if (strBytes.empty()) {
             return;
         }
+        if (!m_port.isSpeedRight()) { // broken frames: nothing that a line could be made of
+            m_wireLog.record(s64NowUs, "garbled", strBytes);
+            continue;
+        }
         m_pController->receive(strBytes, s64NowUs);
         writeAnswers(s64NowUs);
     }
@@ -169,6 +185,10 @@ void ControllerBoard::writeAnswers(int64_t s64NowUs)
 {
     updateScene(false); // whoever hears that a move has ended finds the spot there
     for (std::string strText; m_pController->takeAnswer(s64NowUs, strText);) {
+        if (m_port.isPlugged() && !m_port.isSpeedRight()) {
+            m_wireLog.record(s64NowUs, "garbled", strText);
+            garble(strText);
+        }
         const size_t uWritten = m_port.isPlugged() ? m_port.write(strText) : 0;
         m_wireLog.record(s64NowUs, "tx", strText.substr(0, uWritten));
         if (uWritten < strText.size()) {
@@ -180,20 +200,31 @@ void ControllerBoard::writeAnswers(int64_t s64NowUs)
 void ControllerBoard::readPins(int64_t s64NowUs)
 {
     for (const GpioLines::Store& store : m_gpio.read()) {
-        m_wireLog.record(s64NowUs, "gpio", store.strFile + " " + store.strText);
-        if ("gpio106/value" != store.strFile) {
+        m_wireLog.record(s64NowUs, store.bTaken ? "gpio" : "gpio-refused",
+                         store.strFile + " " + store.strText);
+        if (!store.bTaken || "export" == store.strFile) {
             continue;
         }
-        const bool bLow = "0" == store.strText;
-        if (bLow && !m_bResetLow) {
-            setPlugged(false, s64NowUs);
-            m_pController->reset(s64NowUs);
-        } else if (!bLow && m_bResetLow) {
-            m_script.add(static_cast<double>(s64NowUs + m_options.s64BootUs) / US_PER_SECOND,
-                         "plug");
-        }
-        m_bResetLow = bLow;
+        // A pin that becomes an output is low at once; an input leaves the line high.
+        const bool bLow = "0" == store.strText || "low" == store.strText || "out" == store.strText;
+        setResetLine(bLow, s64NowUs);
     }
+    if (m_s64BootUs >= 0 && s64NowUs >= m_s64BootUs) {
+        m_s64BootUs = -1;
+        setPlugged(true, s64NowUs);
+    }
+}
+
+void ControllerBoard::setResetLine(bool bLow, int64_t s64NowUs)
+{
+    if (bLow && !m_bResetLow) {
+        m_s64BootUs = -1;
+        setPlugged(false, s64NowUs);
+        m_pController->reset(s64NowUs);
+    } else if (!bLow && m_bResetLow) {
+        m_s64BootUs = s64NowUs + m_options.s64BootUs;
+    }
+    m_bResetLow = bLow;
 }
 
 void ControllerBoard::runDue(int64_t s64NowUs)

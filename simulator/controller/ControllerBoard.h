@@ -57,6 +57,7 @@ private:
     void readPort(int64_t s64NowUs);
     void writeAnswers(int64_t s64NowUs);
     void readPins(int64_t s64NowUs);
+    void setResetLine(bool bLow, int64_t s64NowUs);
     void runDue(int64_t s64NowUs);
     void updateScene(bool bAlways);
     void setPlugged(bool bPlugged, int64_t s64NowUs);
@@ -75,6 +76,7 @@ private:
     TimedScript m_script;
     bool m_bPreset = true; // the settings were taken
     bool m_bResetLow = false;
+    int64_t m_s64BootUs = -1; // when the controller has booted
     bool m_bStalled = false;
     bool m_bQuit = false;
 };

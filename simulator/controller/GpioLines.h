@@ -5,12 +5,14 @@
 #include <string>
 #include <vector>
 
-#include <poll.h>
-
 /**
- * "export", "gpio106/direction" and "gpio106/value" below a folder, as FIFOs: a plain file would
- * keep old bytes, while the kernel takes every write as a store of its own. All three exist from
- * the start, since a FIFO cannot make the others appear in the moment of a write.
+ * "export" below a folder, and, once "106" has been stored there, "gpio106/direction" and
+ * "gpio106/value", as the kernel has them.
+ *
+ * They are FIFOs: a plain file would keep old bytes, while the kernel takes every write as a store
+ * of its own. The kernel has done what a store says before the writer goes on; so "export" and
+ * "direction" are kept full: a writer waits there until it has been noticed by its opening. One
+ * store per opening, therefore, in these two.
  */
 class GpioLines
 {
@@ -20,29 +22,47 @@ public:
     {
         std::string strFile;
         std::string strText;
+        bool bTaken; // the kernel would have taken it
     };
-
-    static const size_t FILES = 3;
 
     GpioLines() = default;
     GpioLines(const GpioLines&) = delete;
     GpioLines& operator=(const GpioLines&) = delete;
     ~GpioLines();
 
-    /** Make the folder's files. @return false with errno set */
+    /** Make the folder and "export". @return false with errno set */
     bool open(const std::string& strFolder);
 
-    /** Descriptors for poll; -1 before open(). */
-    const std::array<int, FILES>& getFds() const
-    {
-        return m_anFd;
-    }
+    /** Descriptors for poll. */
+    std::vector<int> getFds() const;
 
-    /**
-     * The stores since the last call, in order per file. Two of one file may arrive in one read.
-     */
+    /** The stores since the last call, in order. Two of "value" may arrive in one read. */
     std::vector<Store> read();
 
 private:
-    std::array<int, FILES> m_anFd{-1, -1, -1};
+    enum FILE_E
+    {
+        FILE_EXPORT,
+        FILE_DIRECTION,
+        FILE_VALUE,
+        FILES
+    };
+
+    struct Pipe
+    {
+        int nFd = -1;    // both ends: it opens without a writer, and no writer that leaves ends it
+        int nWatch = -1; // of its openings; only of those that are kept full
+        bool bFull = false;
+    };
+
+    bool make(FILE_E eFile, bool bFull);
+    void fill(Pipe& pipe);
+    void noticeOpenings();
+    void readFile(FILE_E eFile, std::vector<Store>& vecStore);
+    bool take(FILE_E eFile, const std::string& strText);
+
+    std::string m_strFolder;
+    int m_nInotify = -1;
+    std::array<Pipe, FILES> m_aPipe;
+    bool m_bOutput = false;
 };

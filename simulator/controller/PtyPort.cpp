@@ -38,6 +38,8 @@ bool PtyPort::plug()
     termios attr{};
     tcgetattr(nSlave, &attr);
     cfmakeraw(&attr);
+    cfsetispeed(&attr, B9600);
+    cfsetospeed(&attr, B9600);
     tcsetattr(nSlave, TCSANOW, &attr);
 
     // Made under another name first: the node is never seen half done.
@@ -65,6 +67,12 @@ void PtyPort::unplug()
     close(m_nMaster);
     m_nSlave = -1;
     m_nMaster = -1;
+}
+
+bool PtyPort::isSpeedRight() const
+{
+    termios attr{};
+    return 0 == tcgetattr(m_nSlave, &attr) && B115200 == cfgetospeed(&attr);
 }
 
 std::string PtyPort::read() const

@@ -20,7 +20,8 @@ public:
     PtyPort& operator=(const PtyPort&) = delete;
     ~PtyPort();
 
-    /** A new port in raw mode. @return false with errno set; true also when plugged in already */
+    /** A new port in raw mode, at 9600 baud as the kernel has it. @return false with errno set;
+     * true also when plugged in already */
     bool plug();
 
     /** The node goes away, open descriptors of it hang up. */
@@ -36,6 +37,13 @@ public:
     {
         return m_nMaster;
     }
+
+    /**
+     * Whether the port is at 115200 baud, as the controller is. The kernel forces 8 data bits
+     * without parity on a pseudo terminal, so these cannot be wrong; stop bits do not matter to a
+     * receiver.
+     */
+    bool isSpeedRight() const;
 
     /** What has arrived, at most 4096 bytes; empty when nothing has. */
     std::string read() const;

@@ -195,6 +195,7 @@ TEST_F(PrintServiceHazard, DeliberatePulledCableLeavesTheLaserOn)
     EXPECT_TRUE(isLaserOn()); // nobody has opened the port again
     EXPECT_TRUE(contains(output(), "laser off could not be sent!\n"));
     ASSERT_EQ(1, m_uart.open(m_controller.getNode()));
+    ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
     EXPECT_EQ(0, service().stopPrint());
     EXPECT_TRUE(waitUntilDark()); // behind what was queued
 }

@@ -448,6 +448,7 @@ TEST_F(PrintServiceJob, CableThatIsPulledInMidJobStopsIt)
 
     m_controller.instruct("plug");
     ASSERT_EQ(1, m_uart.open(m_controller.getNode()));
+    ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
     runJob("G1 X1\n");
     EXPECT_TRUE(
         eventually([this] { return contains(m_controller.readReceivedBytes(), "\nG1 X1\n\n\n"); }));

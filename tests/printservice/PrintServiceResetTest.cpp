@@ -63,13 +63,15 @@ TEST_F(PrintServiceReset, ControllerIsAwayDuringTheResetAndBackAfterIt)
     EXPECT_EQ(1U, m_controller.readTexts("unplugged").size());
 }
 
-TEST_F(PrintServiceReset, ExportAloneDrivesTheLineHigh)
+TEST_F(PrintServiceReset, ExportAloneDrivesTheLineLowThenHigh)
 {
     service().exportResetGpio();
 
-    EXPECT_TRUE(eventually([this] { return 3 == m_controller.readTexts("gpio").size(); }));
-    EXPECT_EQ("gpio106/value 1", stores("gpio106/value").at(0).strText);
-    EXPECT_TRUE(m_controller.readTexts("unplugged").empty());
+    // Low at once as an output: the controller is away, and boots.
+    EXPECT_TRUE(eventually([this] { return 2 == m_controller.readTexts("plugged").size(); }));
+    EXPECT_EQ((Texts{"export 106", "gpio106/direction out", "gpio106/value 1"}),
+              m_controller.readTexts("gpio"));
+    EXPECT_EQ(1U, m_controller.readTexts("unplugged").size());
 }
 
 TEST_F(PrintServiceReset, DeliberateDescriptorsStayOpen)
@@ -102,6 +104,7 @@ TEST_F(PrintServiceReset, MissingPinFilesAreIgnored)
 
 TEST_F(PrintServiceReset, ValueIsWrittenWithItsZeroByte)
 {
+    service().exportResetGpio(); // makes the pin's files
     const int nHold = open("/sys/class/gpio/gpio106/plain", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(0, rename("/sys/class/gpio/gpio106/value", "/sys/class/gpio/gpio106/pipe"));
     ASSERT_EQ(0, rename("/sys/class/gpio/gpio106/plain", "/sys/class/gpio/gpio106/value"));

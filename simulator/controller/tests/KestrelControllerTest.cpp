@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -20,9 +21,14 @@ namespace {
 class Port
 {
 public:
-    explicit Port(const std::string& strNode)
+    explicit Port(const std::string& strNode, speed_t speed = B115200, tcflag_t uFlags = CS8)
         : m_nFd(open(strNode.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
     {
+        termios attr{};
+        EXPECT_EQ(0, tcgetattr(m_nFd, &attr));
+        cfsetspeed(&attr, speed);
+        attr.c_cflag = (attr.c_cflag & ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB)) | uFlags;
+        EXPECT_EQ(0, tcsetattr(m_nFd, TCSANOW, &attr));
     }
     Port(const Port&) = delete;
     Port& operator=(const Port&) = delete;
@@ -182,24 +188,96 @@ TEST(KestrelController, StalledControllerLetsThePipeFillUp)
         [&controller] { return !controller.readTexts("rx").empty(); }));
 }
 
+TEST(KestrelController, WrongSpeedIsGarbage)
+{
+    VirtualController controller;
+    Port port(controller.getNode(), B57600);
+    port.say("G21\n");
+    controller.instruct("say ok\\n");
+
+    const std::string strHeard = port.hear(3);
+
+    EXPECT_EQ(3U, strHeard.size());
+    EXPECT_NE("ok\n", strHeard);
+    EXPECT_EQ(0, controller.getState("lines"));
+    EXPECT_EQ((std::vector<std::string>{"G21\n", "ok\n"}), controller.readTexts("garbled"));
+    Port again(controller.getNode());
+    again.say("G21\n");
+    EXPECT_EQ("ok\n", again.hear(3));
+}
+
+TEST(KestrelController, TwoStopBitsAreUnderstood)
+{
+    VirtualController controller;
+    Port port(controller.getNode(), B115200, CS8 | CSTOPB);
+
+    port.say("G21\n");
+
+    EXPECT_EQ("ok\n", port.hear(3));
+}
+
+TEST(KestrelController, PortComesAtTheKernelsOwnSpeed)
+{
+    VirtualController controller;
+    const int nFd = open(controller.getNode().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios attr{};
+    EXPECT_EQ(0, tcgetattr(nFd, &attr));
+
+    EXPECT_EQ(static_cast<speed_t>(B9600), cfgetospeed(&attr));
+    close(nFd);
+}
+
 TEST(KestrelController, ResetPinTakesThePortAwayAndBringsItBack)
+{
+    const std::string strPins = scratchPath("gpio");
+    VirtualController controller({"--gpio", strPins, "--boot-ms", "50"});
+    EXPECT_FALSE(exists(strPins + "/gpio106"));
+
+    // Each store has been carried out when its writer goes on, as the kernel's have.
+    std::ofstream(strPins + "/export") << "106";
+    EXPECT_TRUE(exists(strPins + "/gpio106/value"));
+    std::ofstream(strPins + "/gpio106/direction") << "out";
+    std::ofstream(strPins + "/gpio106/value").write("1\0", 2);
+    std::ofstream(strPins + "/gpio106/value").write("0\0", 2);
+    EXPECT_TRUE(
+        VirtualController::waitUntil([&] { return 4 == controller.readTexts("gpio").size(); }));
+    EXPECT_FALSE(exists(controller.getNode()));
+    std::ofstream(strPins + "/gpio106/value").write("1\0", 2);
+    EXPECT_TRUE(VirtualController::waitUntil([&] { return exists(controller.getNode()); }));
+
+    const std::vector<std::string> vecExpected = {"export 106", "gpio106/direction out",
+                                                  "gpio106/value 1", "gpio106/value 0",
+                                                  "gpio106/value 1"};
+    EXPECT_EQ(vecExpected, controller.readTexts("gpio"));
+    removePins(strPins);
+}
+
+TEST(KestrelController, StoresBeforeTheirTimeAreRefused)
+{
+    const std::string strPins = scratchPath("gpio");
+    VirtualController controller({"--gpio", strPins});
+
+    std::ofstream(strPins + "/export") << "106";
+    std::ofstream(strPins + "/gpio106/value") << "0"; // still an input
+    EXPECT_TRUE(VirtualController::waitUntil(
+        [&] { return 1 == controller.readTexts("gpio-refused").size(); }));
+
+    EXPECT_EQ((std::vector<std::string>{"gpio106/value 0"}), controller.readTexts("gpio-refused"));
+    EXPECT_TRUE(exists(controller.getNode()));
+    removePins(strPins);
+}
+
+TEST(KestrelController, OutputPinIsLowAtOnce)
 {
     const std::string strPins = scratchPath("gpio");
     VirtualController controller({"--gpio", strPins, "--boot-ms", "50"});
 
     std::ofstream(strPins + "/export") << "106";
-    // Each file is a pipe of its own: only a store that was seen is certainly before the next one.
-    EXPECT_TRUE(
-        VirtualController::waitUntil([&] { return 1 == controller.readTexts("gpio").size(); }));
-    std::ofstream(strPins + "/gpio106/value").write("1\0", 2);
-    std::ofstream(strPins + "/gpio106/value").write("0\0", 2);
-    EXPECT_TRUE(VirtualController::waitUntil([&] { return !exists(controller.getNode()); }));
-    std::ofstream(strPins + "/gpio106/value").write("1\0", 2);
-    EXPECT_TRUE(VirtualController::waitUntil([&] { return exists(controller.getNode()); }));
+    std::ofstream(strPins + "/gpio106/direction") << "out";
 
-    const std::vector<std::string> vecExpected = {"export 106", "gpio106/value 1",
-                                                  "gpio106/value 0", "gpio106/value 1"};
-    EXPECT_EQ(vecExpected, controller.readTexts("gpio"));
+    EXPECT_TRUE(VirtualController::waitUntil([&] { return !exists(controller.getNode()); }));
+    std::ofstream(strPins + "/gpio106/value") << "1";
+    EXPECT_TRUE(VirtualController::waitUntil([&] { return exists(controller.getNode()); }));
     removePins(strPins);
 }
 
@@ -208,15 +286,18 @@ TEST(KestrelController, StoresOfOneReadAreToldApart)
     const std::string strPins = scratchPath("gpio");
     VirtualController controller({"--gpio", strPins});
 
+    std::ofstream(strPins + "/export") << "106";
+    std::ofstream(strPins + "/gpio106/direction") << "out";
     std::ofstream(strPins + "/gpio106/value")
         .write("1\0"
                "0\0"
                "1\0",
                6);
     EXPECT_TRUE(
-        VirtualController::waitUntil([&] { return 3 == controller.readTexts("gpio").size(); }));
+        VirtualController::waitUntil([&] { return 5 == controller.readTexts("gpio").size(); }));
 
-    const std::vector<std::string> vecExpected = {"gpio106/value 1", "gpio106/value 0",
+    const std::vector<std::string> vecExpected = {"export 106", "gpio106/direction out",
+                                                  "gpio106/value 1", "gpio106/value 0",
                                                   "gpio106/value 1"};
     EXPECT_EQ(vecExpected, controller.readTexts("gpio"));
     removePins(strPins);
