@@ -122,6 +122,7 @@ def attempts(options, parts, results, stored):
         if not part or time.monotonic() > end:
             continue
         stem, programs = bench.select(file)
+        bench.control(stem, programs, options.slowest)
         source = read(options.root, file)
         for mutant in part:
             if time.monotonic() > end:

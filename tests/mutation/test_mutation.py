@@ -136,6 +136,7 @@ class Planted(unittest.TestCase):
         file = "application/planted/Planted.cpp"
         self.assertEqual(0, self.mutate("--kind", "relational", "--kind", "arithmetic",
                                         "--kind", "negated condition", file), self.output)
+        self.assertIn("left out, fails unchanged: Planted.PassesInTheWholeOnly\n", self.output)
         results = self.results()
         self.assertEqual("survived", results[(7, "return (nFirst >= nSecond) ? nFirst : nSecond;")])
         self.assertEqual("killed", results[(13, "while (nValue >= 0) {")])

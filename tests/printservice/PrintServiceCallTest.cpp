@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <functional>
@@ -13,8 +14,6 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/syscall.h>
-
-#include <climits>
 
 #include "CallJournal.h"
 #include "Fault.h"

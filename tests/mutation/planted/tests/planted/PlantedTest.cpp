@@ -17,3 +17,9 @@ TEST(Planted, StepsDown)
 
     EXPECT_EQ(0, nValue);
 }
+
+// Passes when all tests are run, and fails when some are chosen: no change is to be judged by it.
+TEST(Planted, PassesInTheWholeOnly)
+{
+    EXPECT_EQ("*", testing::GTEST_FLAG(filter));
+}
