@@ -36,6 +36,11 @@ void ExposureAdvisor::see(int nMedian, TAKEN_E eTaken)
     m_nMedianExposure = TAKEN_BEFORE_SUGGESTION == eTaken ? m_nBefore : m_nSuggested;
 }
 
+void ExposureAdvisor::brighten(double dFactor)
+{
+    m_dBrighten = std::clamp(dFactor, 1.0, m_parameters.dMaxBrightening);
+}
+
 int ExposureAdvisor::suggest()
 {
     m_nBefore = m_nSuggested;
@@ -43,8 +48,9 @@ int ExposureAdvisor::suggest()
         const double dFactor =
             std::clamp(static_cast<double>(m_parameters.nTargetMedian) / std::max(m_nMedian, 1),
                        1 / m_parameters.dMaxExposureStep, m_parameters.dMaxExposureStep);
-        m_nSuggested = std::clamp(cvRound(m_nMedianExposure * dFactor), m_parameters.nMinExposure,
-                                  m_parameters.nMaxExposure);
+        m_nSuggested = std::clamp(cvRound(m_nMedianExposure * dFactor * m_dBrighten),
+                                  m_parameters.nMinExposure, m_parameters.nMaxExposure);
+        m_dBrighten = 1;
     }
     return m_nSuggested;
 }

@@ -29,6 +29,9 @@ public:
     /** Remember a picture's median and the exposure that it was taken with. */
     void see(int nMedian, TAKEN_E eTaken);
 
+    /** Make the next suggestion, and only that, longer by a factor; below 1 counts as 1. */
+    void brighten(double dFactor);
+
     /** @return exposure_absolute; without a new picture the same again */
     int suggest();
 
@@ -38,4 +41,5 @@ private:
     int m_nBefore;             // the one before it
     int m_nMedian = -1;        // of the last picture; -1: none yet
     int m_nMedianExposure = 0; // with which it was taken
+    double m_dBrighten = 1;    // of the next suggestion
 };

@@ -11,6 +11,15 @@
  * what it was; until one is known, Parameters.h has it. So a wrong first side is put right by the
  * second measurement.
  *
+ * A picture tells a small distance better than a large one. An arm that was sent to the right side
+ * is nearly in focus in the next measurement's first picture, which then tells the rest. One that
+ * was sent to the wrong side has the two looks from home only: the mean of both is taken, and the
+ * second wants more light.
+ *
+ * A second picture that shows what the first did, though the arm was moved in between, was taken
+ * before the move. When the last measurement's look from home goes together with the first picture,
+ * it is taken in place of the second.
+ *
  * Heights are in millimetres along the arm's Z axis, which is 0 when homed. Not thread-safe.
  */
 class FocusJudge
@@ -29,21 +38,47 @@ public:
      * The homed arm's picture.
      * @param dHomed  how high the homed laser stands over its focus; its Z is to become -dHomed,
      *                where the next measurement's first picture expects it
+     * @param dRedness  of the spot: a stronger one is coded more exactly, and has more weight
      * @return false when the width cannot be that of the laser, or is too large to be told exactly;
      *         the arm is then believed to stay at home
      */
-    bool judge(double dSigmaMm, double& dHomed);
+    bool judge(double dSigmaMm, double& dHomed, double dRedness = 1);
+
+    /** The homed arm was far from its focus in its last picture: a brighter one would tell more. */
+    bool wantsLight() const;
 
 private:
+    struct Home
+    {
+        double dDistance = 0;
+        double dWeight = 0; // 0: none
+    };
+    struct Near
+    {
+        bool bKnown;
+        double dZ;
+        double dDistance;
+    };
+
     /** How far from its focus, to either side; below 0 when narrower than in focus. */
     double distance(double dSigmaMm) const;
+
+    /** How far the first picture is from showing a focus at that height. */
+    double misfit(double dFocusZ) const;
+
+    /** Whether the first picture could show a focus so far from home, on either side. */
+    bool fits(double dDistance) const;
+
+    /** Whether the second picture is one from before the arm was homed. */
+    bool isFromBefore(double dDistance) const;
 
     /** 1 when the focus is above the homed laser, -1 when below, as the pictures have it. */
     double side(double dDistance) const;
 
     /**
      * A sharp spot tells its distance better than a blurred one: when the first picture was nearly
-     * in focus, the way from there is no longer than it tells, and none when it was sharp.
+     * in focus, the way from there is no longer than it tells, and none when it was sharp. When it
+     * was too bright to tell, the arm goes back there unless the second picture speaks against it.
      */
     double refined(double dFocusZ) const;
 
@@ -53,4 +88,7 @@ private:
     bool m_bSeenBefore = false;
     double m_dZBefore = 0;        // where the arm stood in the first picture
     double m_dDistanceBefore = 0; // what that picture showed
+    Home m_home;                  // last measurement's look from home
+    Near m_near{};                // last measurement's first picture, when it was nearly sharp
+    bool m_bLookAgain = false;
 };

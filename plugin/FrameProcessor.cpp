@@ -73,6 +73,7 @@ FrameProcessor::RESULT_E FrameProcessor::findSpot(const JpegPicture& picture,
     seen.dSigmaMm = spot.dSigma / lens.pixelsPerMillimetre();
     seen.dRedness = spot.dRedness;
     seen.dClipped = spot.dClipped;
+    seen.dBrightness = spot.dBrightness;
     // The same light on less of the workpiece.
     const double dRatio = seen.dSigmaMm / m_parameters.dFocusedSigmaMm;
     return seen.dRedness * dRatio * dRatio < m_parameters.dMinFocusedRedness ? RESULT_TOO_DARK
@@ -93,7 +94,13 @@ FrameProcessor::RESULT_E FrameProcessor::autoFocus(const JpegPicture& picture, d
         return RESULT_NO_FOCUS;
     }
     const std::lock_guard<std::mutex> guard(m_mtxState);
-    return m_focusJudge.judge(seen.dSigmaMm, dHomed) ? RESULT_OK : RESULT_NO_FOCUS;
+    if (!m_focusJudge.judge(seen.dSigmaMm, dHomed, seen.dRedness)) {
+        return RESULT_NO_FOCUS;
+    }
+    if (m_focusJudge.wantsLight()) {
+        m_exposureAdvisor.brighten(m_parameters.dSpotBrightness / seen.dBrightness);
+    }
+    return RESULT_OK;
 }
 
 FrameProcessor::RESULT_E FrameProcessor::findPosition(const JpegPicture& picture,
@@ -105,7 +112,7 @@ FrameProcessor::RESULT_E FrameProcessor::findPosition(const JpegPicture& picture
     if (RESULT_OK != eResult) {
         return eResult;
     }
-    const bool bWidthKnown = seen.dClipped <= m_parameters.dMaxClippedForFocus;
+    const bool bWidthKnown = seen.dClipped <= m_parameters.dMaxClippedForSide;
     const std::lock_guard<std::mutex> guard(m_mtxState);
     m_focusJudge.seeBefore(bWidthKnown ? seen.dSigmaMm : 0);
     if (!(cv::norm(seen.millimetre - m_lastMillimetre) <= m_parameters.dStillMm)) {

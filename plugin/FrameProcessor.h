@@ -78,8 +78,9 @@ private:
     {
         cv::Point2d millimetre;
         double dSigmaMm;
-        double dRedness; // at the centre
-        double dClipped; // 0 to 1
+        double dRedness;    // at the centre
+        double dClipped;    // 0 to 1
+        double dBrightness; // above 0
     };
 
     RESULT_E findSpot(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken, SpotSeen& seen);

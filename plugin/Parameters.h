@@ -38,6 +38,8 @@ struct Parameters
     /** Largest part of the spot's light on clipped pixels for telling its place, and its width. */
     double dMaxClipped = 0.93;
     double dMaxClippedForFocus = 0.5;
+    /** The same for judging how far the last measurement has led, which has to be more exact. */
+    double dMaxClippedForSide = 0.02;
     /** A spot that is found so close to where it was last counts as not moved, in millimetres. */
     double dStillMm = 0.02;
 
@@ -69,6 +71,11 @@ struct Parameters
     int nMaxExposure = 400;
     /** Brightness that the picture's median shall have; the middle leaves room for the spot. */
     int nTargetMedian = 128;
+    /** Brightness of a blurred spot's brightest pixel that tells its width best; it is not clipped.
+     */
+    double dSpotBrightness = 225.0;
+    /** Largest factor by which a picture is brightened for the spot's sake. */
+    double dMaxBrightening = 1.4;
     /** Largest factor between two suggestions: a clipped picture doesn't tell how far to go. */
     double dMaxExposureStep = 4.0;
 

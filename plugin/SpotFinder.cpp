@@ -84,12 +84,12 @@ cv::Mat believable(const cv::Mat& rgb)
     return result;
 }
 
-bool isClipped(const cv::Mat& rgb, const cv::Rect& area)
+double brightest(const cv::Mat& rgb, const cv::Rect& area)
 {
     const cv::Mat part = rgb(area & cv::Rect(cv::Point(), rgb.size()));
     double dBrightest = 0;
     cv::minMaxLoc(part.reshape(1), nullptr, &dBrightest);
-    return dBrightest >= CLIPPED;
+    return dBrightest;
 }
 
 // A Gaussian on even ground.
@@ -247,6 +247,7 @@ struct Fitted
     Profile profile; // in ideal pixels
     bool bClipped;   // some of it is
     double dClipped; // how much
+    double dBrightness;
 };
 
 // Fit in windows that grow or shrink with the spot.
@@ -264,7 +265,8 @@ bool fitIn(const Seen& seen, const LensModel& lens, cv::Point2d centre, double d
         Window window;
         lens.rectify(seen.redness, area, window.redness);
         lens.rectify(seen.trust, area, window.trust); // 0 beyond the picture
-        fitted.bClipped = isClipped(seen.rgb, area);
+        fitted.dBrightness = brightest(seen.rgb, area);
+        fitted.bClipped = fitted.dBrightness >= CLIPPED;
         Profile profile{centre - corner, dSigma, 0, 0,
                         (fitted.bClipped ? WINDOW_SIGMAS : REACH_SIGMAS) * dSigma};
         cv::minMaxLoc(window.redness, nullptr, &profile.dHeight);
@@ -374,5 +376,6 @@ SpotFinder::RESULT_E SpotFinder::find(const cv::Mat& rgb, const JpegCoding& codi
     spot.dSigma = std::max(fitted.profile.dSigma, 0.5);
     spot.dRedness = fitted.profile.dHeight;
     spot.dClipped = fitted.dClipped;
+    spot.dBrightness = std::max(fitted.dBrightness, 1.0);
     return FOUND;
 }

@@ -15,6 +15,7 @@ struct Spot
     double dRedness = 0; // at the centre, as if no pixel were clipped
     /** Part of the spot's light that fell on pixels at the end of their range, 0 to 1. */
     double dClipped = 0;
+    double dBrightness = 1; // of the brightest pixel there and around, in any colour, 1 to 255
 };
 
 /** No state; any thread. */

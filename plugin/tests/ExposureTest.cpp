@@ -127,3 +127,30 @@ TEST(Exposure, ExposureSettlesWhileNoSpotIsFound)
     EXPECT_NEAR(128, medianOf(camera.take()), 8);
     EXPECT_EQ(nExposure, processor.suggestExposure());
 }
+
+TEST(ExposureAdvisor, BrightenedSuggestionIsForOnePictureOnly)
+{
+    const Parameters parameters;
+    ExposureAdvisor advisor(parameters);
+    advisor.see(parameters.nTargetMedian, ExposureAdvisor::TAKEN_AFTER_SUGGESTION);
+    EXPECT_EQ(157, advisor.suggest());
+
+    advisor.brighten(1.2);
+    EXPECT_EQ(188, advisor.suggest());
+    advisor.see(154, ExposureAdvisor::TAKEN_AFTER_SUGGESTION); // 128 * 1.2
+
+    EXPECT_NEAR(157, advisor.suggest(), 1);
+}
+
+TEST(ExposureAdvisor, BrighteningHasItsBounds)
+{
+    const Parameters parameters;
+    for (const auto& [dFactor, nExpected] : {std::pair(0.5, 157), std::pair(9.0, 220)}) {
+        ExposureAdvisor advisor(parameters);
+        advisor.see(parameters.nTargetMedian, ExposureAdvisor::TAKEN_AFTER_SUGGESTION);
+
+        advisor.brighten(dFactor);
+
+        EXPECT_EQ(nExpected, advisor.suggest());
+    }
+}

@@ -37,19 +37,22 @@ double measure(FocusJudge& judge, double dZ, double dFocusZ)
 
 } // namespace
 
-TEST(Focus, TwoMeasurementsLeadIntoFocusAndFiveMoreStayThere)
+// At the virtual camera's own quality of pictures, and at a better one.
+TEST(Focus, TwoMeasurementsLeadIntoFocusAndTenMoreStayThere)
 {
-    SceneCamera camera;
-    for (const double dFocusZ : STARTS) {
-        ServiceLoop loop(camera, dFocusZ);
+    for (const int nQuality : {80, 90}) {
+        SceneCamera camera(0, 640, 480, nQuality);
+        for (const double dFocusZ : STARTS) {
+            ServiceLoop loop(camera, dFocusZ);
 
-        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
-        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
-
-        EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "focus at " << dFocusZ;
-        for (int i = 0; i < 5; ++i) {
             ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+
             EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "focus at " << dFocusZ;
+            for (int i = 0; i < 10; ++i) {
+                ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+                EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "focus at " << dFocusZ;
+            }
         }
     }
 }
@@ -70,7 +73,7 @@ TEST(Focus, WorkpieceOfAnotherHeightNeedsTwoMeasurementsMore)
 {
     SceneCamera camera;
     for (const double dFocusZ : STARTS) {
-        for (const double dNext : {-dFocusZ, dFocusZ / 3}) {
+        for (const double dNext : {-dFocusZ, dFocusZ / 3, dFocusZ + 0.3}) {
             ServiceLoop loop(camera, dFocusZ);
             ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
             ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
@@ -192,6 +195,68 @@ TEST(FocusJudge, NearlySharpPictureTellsTheRestOfTheWay)
         EXPECT_TRUE(judge.judge(sigmaAt(1.5 + dNoise), dHomed));
         EXPECT_NEAR(-1.5, dHomed, 1e-9);
     }
+}
+
+TEST(FocusJudge, SecondPictureFromBeforeTheArmWasHomedIsNotBelieved)
+{
+    for (const double dFocusZ : {-2.5, -1.5, 1.5, 2.5}) {
+        FocusJudge judge{Parameters()};
+        double dHomed = NAN;
+        (void)measure(judge, 0, dFocusZ);
+        double dZ = dFocusZ < 0 ? -dFocusZ : dFocusZ; // the first side is above
+
+        for (int i = 0; i < 3; ++i) {
+            judge.seeBefore(sigmaAt(dZ - dFocusZ));
+            EXPECT_TRUE(judge.judge(sigmaAt(dZ - dFocusZ), dHomed)) << dFocusZ;
+            EXPECT_NEAR(dFocusZ, -dHomed, 1e-9);
+            dZ = -dHomed;
+        }
+    }
+}
+
+TEST(FocusJudge, WrongFirstSideLeavesTheMeanOfTwoLooksFromHome)
+{
+    FocusJudge judge{Parameters()};
+    double dHomed = NAN;
+    judge.seeBefore(sigmaAt(2));
+    EXPECT_TRUE(judge.judge(sigmaAt(1.9), dHomed, 20)); // the focus is at -2
+    EXPECT_TRUE(judge.wantsLight());
+
+    judge.seeBefore(sigmaAt(3.9));
+    EXPECT_TRUE(judge.judge(sigmaAt(2.05), dHomed, 40));
+
+    EXPECT_NEAR((1.9 + 4 * 2.05) / 5, dHomed, 1e-9); // by the square of the redness
+    EXPECT_FALSE(judge.wantsLight());
+}
+
+TEST(FocusJudge, FirstPictureTooBrightLeavesTheArmWhereItWas)
+{
+    FocusJudge judge{Parameters()};
+    double dHomed = NAN;
+    EXPECT_NEAR(-1.5, -measure(judge, 0, 1.5), 1e-9);
+
+    judge.seeBefore(0);
+    EXPECT_TRUE(judge.judge(sigmaAt(1.6), dHomed));
+    EXPECT_NEAR(-1.5, dHomed, 1e-9);
+
+    judge.seeBefore(0);
+    EXPECT_TRUE(judge.judge(sigmaAt(2.5), dHomed)); // another workpiece
+    EXPECT_NEAR(-2.5, dHomed, 1e-9);
+}
+
+TEST(FocusJudge, TwoNearlySharpPicturesTellTheSideAgainstTheOneFromHome)
+{
+    FocusJudge judge{Parameters()};
+    double dHomed = NAN;
+    (void)measure(judge, 0, 2.6);
+    judge.seeBefore(sigmaAt(0.4)); // the focus is at 3
+    EXPECT_TRUE(judge.judge(sigmaAt(2.8), dHomed));
+    EXPECT_NEAR(-2.8, dHomed, 1e-9);
+
+    judge.seeBefore(sigmaAt(0.2));
+    EXPECT_TRUE(judge.judge(sigmaAt(2.7), dHomed));
+
+    EXPECT_NEAR(-3, dHomed, 1e-9);
 }
 
 TEST(FocusJudge, ArmThatWasNotMovedLeavesTheSide)

@@ -143,6 +143,20 @@ TEST(Light, LaserThatIsHardlyClippedTellsItsWidth)
     }
 }
 
+// So that the second look from home tells more than the first.
+TEST(Light, SpotFarFromItsFocusIsLookedAtInMoreLight)
+{
+    SceneCamera camera;
+    ServiceLoop loop(camera, -3);
+    ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+    ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+    const double dBright = loop.m_dExposure;
+    ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+
+    EXPECT_GT(dBright, loop.m_dExposure * 1.2);
+    EXPECT_LT(dBright, loop.m_dExposure * 1.5);
+}
+
 // The exposure that the first picture asks for is in force for the third.
 TEST(Light, LightThatChangesCostsTwoMeasurementsAtMost)
 {

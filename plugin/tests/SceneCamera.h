@@ -12,8 +12,9 @@
 class SceneCamera
 {
 public:
-    explicit SceneCamera(double dK1 = 0, uint32_t u32Width = 640, uint32_t u32Height = 480)
-        : m_source(m_scene, dK1, 90), m_geometry(u32Width, u32Height, dK1)
+    explicit SceneCamera(double dK1 = 0, uint32_t u32Width = 640, uint32_t u32Height = 480,
+                         int nQuality = 90)
+        : m_source(m_scene, dK1, nQuality), m_geometry(u32Width, u32Height, dK1)
     {
         m_request.choice.u32Width = u32Width;
         m_request.choice.u32Height = u32Height;
