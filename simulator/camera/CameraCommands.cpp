@@ -84,7 +84,8 @@ std::string CameraCommands::run(const std::string& strLine)
     if ("cpu" == strLine) {
         return std::string(OK) + " cpu=" + std::to_string(m_camera.cpuMicroseconds());
     }
-    if ("unplug" != strLine && "replug" != strLine) { // which are noted where they take effect
+    if ("unplug" != strLine &&
+        0 != strLine.compare(0, 6, "replug")) { // which are noted where they take effect
         m_journal.note(strLine);
     }
     return change(vecWord);
@@ -102,6 +103,12 @@ std::string CameraCommands::change(const Words& vecWord)
     }
     if ("bytes" == strName) {
         return bytes(vecWord);
+    }
+    if ("broken" == strName) {
+        return broken(vecWord);
+    }
+    if ("replug" == strName) {
+        return replug(vecWord);
     }
     if ("grant" == strName || "index" == strName || "coerce" == strName || "fps" == strName) {
         return counted(vecWord);
@@ -126,8 +133,6 @@ std::string CameraCommands::change(const Words& vecWord)
         return OK; // the note in the journal is all
     } else if (uWords > 1) {
         return USAGE;
-    } else if ("replug" == strName) {
-        m_camera.replug();
     } else if ("freeze" == strName || "thaw" == strName) {
         m_camera.changeFaults(
             [&](CameraFaults& faults) { faults.m_bFrozen = "freeze" == strName; });
@@ -160,11 +165,56 @@ std::string CameraCommands::capabilities(const std::string& strWord)
     return OK;
 }
 
-/** unplug | unplug after CALL */
+/** replug [videoN] [eventN] */
+std::string CameraCommands::replug(const Words& vecWord)
+{
+    uint32_t u32Node = 0;
+    uint32_t u32Event = 0;
+    bool bEvent = false;
+    for (size_t i = 1; i < vecWord.size(); ++i) {
+        const std::string& strWord = vecWord[i];
+        if (0 == strWord.compare(0, 5, "video") && 1 == i) {
+            if (!number(strWord.substr(5), u32Node)) {
+                return USAGE;
+            }
+        } else if (0 != strWord.compare(0, 5, "event") || i + 1 != vecWord.size() ||
+                   !number(strWord.substr(5), u32Event)) {
+            return USAGE;
+        } else {
+            bEvent = true;
+        }
+    }
+    if (bEvent) {
+        m_kernelFiles.setMode(KernelFiles::MODE_NORMAL, u32Event);
+    }
+    m_camera.replug(u32Node);
+    return OK;
+}
+
+/** broken [COUNT|always] */
+std::string CameraCommands::broken(const Words& vecWord)
+{
+    uint32_t u32Count = 1;
+    if (vecWord.size() > 2 || !count(vecWord, 1, u32Count)) {
+        return USAGE;
+    }
+    m_camera.changeFaults([&](CameraFaults& faults) { faults.setBroken(u32Count); });
+    return OK;
+}
+
+/** unplug | unplug slowly [MS] | unplug after CALL */
 std::string CameraCommands::unplug(const Words& vecWord)
 {
     if (1 == vecWord.size()) {
         m_camera.unplug();
+        return OK;
+    }
+    if ("slowly" == vecWord[1] && vecWord.size() <= 3) {
+        uint32_t u32Milliseconds = 500;
+        if (3 == vecWord.size() && !number(vecWord[2], u32Milliseconds)) {
+            return USAGE;
+        }
+        m_camera.unplugSlowly(std::chrono::milliseconds(u32Milliseconds));
         return OK;
     }
     if (3 != vecWord.size() || "after" != vecWord[1]) {

@@ -36,6 +36,8 @@ private:
     std::string list(const Words& vecWord);
     std::string spot(const Words& vecWord);
     std::string unplug(const Words& vecWord);
+    std::string replug(const Words& vecWord);
+    std::string broken(const Words& vecWord);
     std::string capabilities(const std::string& strWord);
     std::string stateText();
     std::string statusText();

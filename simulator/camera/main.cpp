@@ -140,9 +140,11 @@ int main(int nCount, char** ppArgument)
     FrameLog frameLog(options.strDir, options.u32Keep);
     KernelFiles kernelFiles(options.strDir);
     UvcCamera camera(options.strDir, journal, frameLog);
-    camera.onPlug([](void* pContext,
-                     bool bPlugged) { static_cast<KernelFiles*>(pContext)->setPlugged(bPlugged); },
-                  &kernelFiles);
+    camera.onPlug(
+        [](void* pContext, bool bPlugged, uint32_t u32Node) {
+            static_cast<KernelFiles*>(pContext)->setPlugged(bPlugged, u32Node);
+        },
+        &kernelFiles);
     camera.setRate(options.u32Rate);
     if (options.bUnplugged) {
         camera.unplug();

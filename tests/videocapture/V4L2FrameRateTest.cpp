@@ -103,6 +103,16 @@ TEST_F(V4L2FrameRate, FasterCameraIsAskedFor255)
     expectStream();
 }
 
+// What the driver answered to one request is no argument of the next.
+TEST_F(V4L2FrameRate, NothingButTheRateIsAsked)
+{
+    m_camera.command("coerce 30");
+    (void)linesOfInit();
+
+    EXPECT_EQ(1U, m_camera.count("S_PARM type=1 timeperframe=1/25 = 0"));
+    EXPECT_EQ(1U, m_camera.count("S_PARM type=1 timeperframe=1/255 = 0"));
+}
+
 TEST_F(V4L2FrameRate, FasterCameraThatRefuses255Streams)
 {
     m_camera.command("coerce 30");

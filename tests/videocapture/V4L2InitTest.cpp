@@ -86,7 +86,7 @@ TEST_F(V4L2Init, AsksTheDriverInOrder)
             "ENUM_FMT index=2 type=1 = -1 EINVAL",
             "S_FMT type=1 width=640 height=480 pixelformat=MJPG field=4 = 0 width=640 height=480 "
             "pixelformat=MJPG field=1 bytesperline=0 sizeimage=614400",
-            "G_PARM type=1 = 0 capability=0x1000 timeperframe=1/25",
+            "G_PARM type=1 = 0 capability=0x1000 timeperframe=1/30",
             "S_PARM type=1 timeperframe=1/25 = 0 capability=0x1000 timeperframe=1/25",
             "REQBUFS count=2 type=1 memory=1 = 0 count=2",
             "QUERYBUF type=1 memory=1 index=0 = 0 length=614400 offset=0 flags=0x12000",

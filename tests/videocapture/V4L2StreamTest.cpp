@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "DriverAnswer.h"
 #include "EventBus.h"
 #include "Fault.h"
 #include "LogCapture.h"
@@ -363,28 +362,56 @@ TEST_P(V4L2StreamEmptyBuffer, IsDroppedAndQueuedAgain)
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, V4L2StreamEmptyBuffer,
-                         testing::Values("bytes 0", "bytes 175", "bytes overflow"));
+                         testing::Values("bytes 0", "bytes 175", "bytes overflow", "broken"));
 
-TEST_F(V4L2Stream, FrameThatTheDriverFlagsAsBrokenIsAnEmptyBuffer)
+// As the kernel's driver lets a camera go that is pulled while both buffers are queued.
+TEST_F(V4L2Stream, CameraThatGoesHandsOutItsBuffersFirst)
+{
+    startFrozenStream();
+    m_camera.clearJournal();
+
+    m_camera.command("unplug slowly 600000");
+    EXPECT_EQ(RET_AGAIN, get());
+    EXPECT_EQ(RET_AGAIN, get());
+    EXPECT_EQ(RET_TIMEOUT, m_v4l2.getVideoStream(m_frame, 0));
+    m_camera.command("unplug");
+    EXPECT_EQ(RET_FAILED, get());
+
+    EXPECT_EQ(
+        (Lines{"DQBUF type=1 memory=1 = 0 index=0 bytesused=0 sequence=0 flags=0x12041",
+               "QBUF type=1 memory=1 index=0 = -1 ENODEV",
+               "DQBUF type=1 memory=1 = 0 index=1 bytesused=0 sequence=0 flags=0x12041",
+               "QBUF type=1 memory=1 index=1 = -1 ENODEV", "DQBUF type=1 memory=1 = -1 ENODEV"}),
+        m_camera.journal());
+    EXPECT_EQ((Lines{"[getVideoStream] [0] Ignoring empty buffer ...\n",
+                     "[releaseVideoStream] release buffer error!\n",
+                     "[getVideoStream] [0] Ignoring empty buffer ...\n",
+                     "[releaseVideoStream] release buffer error!\n",
+                     "[getVideoStream] [0]VIDIOC_DQBUF FAILED(errno:19)!\n"}),
+              messages());
+    EXPECT_TRUE(m_subscriber.m_vecFrame.empty());
+}
+
+TEST_F(V4L2Stream, DequeueAsksForNoBufferInParticular)
 {
     m_camera.clearJournal();
-    {
-        bool bFirst = true;
-        const DriverAnswer answer([&bFirst](unsigned long ulRequest, void* pRecord) {
-            if (VIDIOC_DQBUF == ulRequest && bFirst) {
-                static_cast<v4l2_buffer*>(pRecord)->flags |= V4L2_BUF_FLAG_ERROR;
-                bFirst = false;
-            }
-        });
-        EXPECT_EQ(RET_AGAIN, get());
+
+    for (int i = 0; i < 3; ++i) { // the answers of one are no arguments of the next
+        ASSERT_EQ(RET_SUCCESS, get());
+        ASSERT_EQ(RET_SUCCESS, m_v4l2.releaseVideoStream());
     }
 
-    EXPECT_EQ(Lines{"[getVideoStream] [0] Ignoring empty buffer ...\n"}, messages());
-    EXPECT_EQ("QBUF type=1 memory=1 index=0 = 0", m_camera.journal().back());
-    EXPECT_EQ(nullptr, m_frame.get());
-    EXPECT_TRUE(m_subscriber.m_vecFrame.empty());
-    EXPECT_EQ(RET_SUCCESS, get());
-    EXPECT_EQ(m_camera.frames().at(1).strPicture, payload(m_frame));
+    EXPECT_EQ(3U, m_camera.count("DQBUF type=1 memory=1 = 0"));
+}
+
+TEST_F(V4L2Stream, FrameOutlivesItsBuffersReturn)
+{
+    ASSERT_EQ(RET_SUCCESS, get());
+    m_camera.command("freeze");
+
+    ASSERT_EQ(RET_SUCCESS, m_v4l2.releaseVideoStream()); // the camera overwrites it
+
+    EXPECT_EQ(m_camera.frames().at(0).strPicture, payload(m_frame));
 }
 
 TEST_F(V4L2Stream, SmallestFrameIsDelivered)

@@ -69,6 +69,20 @@ protected:
         ASSERT_EQ(RET_SUCCESS, m_producer.start());
     }
 
+    /** A camera that goes in the driver's order, while it has all its buffers: one in the service's
+     * hands ends the service by its assertion. */
+    void loseSlowly()
+    {
+        ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+        m_camera.command("freeze");
+        start();
+        ASSERT_TRUE(m_camera.waitForCalls("STREAMON type=1 = 0", 1));
+        m_camera.command("unplug slowly 50");
+        ASSERT_TRUE(m_camera.waitForCalls("close", 1));
+        EXPECT_EQ(2U, m_camera.count("DQBUF type=1 memory=1 = 0"));
+        m_camera.command("thaw");
+    }
+
     /** The calls from the first one that begins so. */
     Lines callsFrom(const std::string& strBegin) const
     {
@@ -413,6 +427,41 @@ TEST_F(VideoStreamProducerStream, LostCameraIsClosedOnceAndOpenedAgainWhenItIsTh
               vecCall);
     EXPECT_EQ(1, m_log.count("[debug] [videocapture/V4L2 ] [getVideoStream] [0]VIDIOC_DQBUF "
                              "FAILED(errno:19)!\n"));
+}
+
+TEST_F(VideoStreamProducerStream, CameraThatGoesSlowlyIsOpenedAgainWhenItIsThere)
+{
+    loseSlowly();
+
+    m_camera.command("replug");
+
+    EXPECT_TRUE(m_consumer.waitForMore(2));
+}
+
+TEST_F(VideoStreamProducerStream, CameraUnderAnotherNumberIsFoundByItsEvent)
+{
+    loseSlowly();
+
+    m_camera.command("replug video1 event6");
+
+    EXPECT_TRUE(m_consumer.waitForMore(2));
+    EXPECT_LE(1U, m_camera.count("open node=1 "));
+}
+
+// Its number alone has changed: the event still names the old node.
+TEST_F(VideoStreamProducerStream, CameraUnderAnotherNumberWithItsOldEventIsNotFoundUntilItsReturn)
+{
+    loseSlowly();
+
+    m_camera.command("replug video1");
+    m_camera.clearJournal();
+
+    ASSERT_TRUE(m_camera.waitForCalls("stat = -1 ENOENT", 2));
+    EXPECT_EQ(0U, m_camera.count("open "));
+    m_camera.command("unplug");
+    m_camera.command("replug");
+
+    EXPECT_TRUE(m_consumer.waitForMore(2));
 }
 
 TEST_F(VideoStreamProducerStream, FrozenCameraIsClosedAfterFourTimeouts)

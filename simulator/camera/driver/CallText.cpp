@@ -1,9 +1,11 @@
 // Device calls as text: their names, the arguments asked and granted, error and pixel-format names.
 #include "CallText.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <iterator>
 
 namespace {
 
@@ -84,6 +86,20 @@ std::string controlsText(const CameraControls& controls, bool bValues)
     return strText;
 }
 
+/** An argument that a caller has no reason to give: told when it is not 0. */
+std::string unusual(const char* pName, uint32_t u32Value, const char* pBefore = " ")
+{
+    return 0 == u32Value ? "" : text("%s%s=%u", pBefore, pName, u32Value);
+}
+
+std::string reservedText(const uint32_t* pReserved, size_t uCount)
+{
+    return std::any_of(pReserved, pReserved + uCount,
+                       [](uint32_t u32Value) { return 0 != u32Value; })
+               ? " reserved"
+               : "";
+}
+
 } // namespace
 
 const char* callName(CameraCall eCall)
@@ -141,8 +157,12 @@ std::string pixelFormatName(uint32_t u32Format)
 std::string askedText(CameraCall eCall, const CameraRecord& record)
 {
     switch (eCall) {
+    case CAMERA_stat:
+        return unusual("node", record.node_stat.u32Number, "");
     case CAMERA_open:
-        return "flags=" + flagsText(record.node_open.u32Flags);
+        return unusual("node", record.node_open.u32Number, "") +
+               (0 == record.node_open.u32Number ? "" : " ") +
+               "flags=" + flagsText(record.node_open.u32Flags);
     case CAMERA_mmap:
     case CAMERA_munmap:
         return CAMERA_mmap == eCall ? mappingText(record.mapping_mmap)
@@ -170,9 +190,14 @@ std::string askedText(CameraCall eCall, const CameraRecord& record)
     case CAMERA_G_PARM:
         return text("type=%u", record.parm_G_PARM.type);
     case CAMERA_S_PARM: {
-        const v4l2_fract& fract = record.parm_S_PARM.parm.capture.timeperframe;
-        return text("type=%u timeperframe=%u/%u", record.parm_S_PARM.type, fract.numerator,
-                    fract.denominator);
+        const v4l2_captureparm& capture = record.parm_S_PARM.parm.capture;
+        return text("type=%u timeperframe=%u/%u", record.parm_S_PARM.type,
+                    capture.timeperframe.numerator, capture.timeperframe.denominator) +
+               unusual("capability", capture.capability) +
+               unusual("capturemode", capture.capturemode) +
+               unusual("extendedmode", capture.extendedmode) +
+               unusual("readbuffers", capture.readbuffers) +
+               reservedText(capture.reserved, std::size(capture.reserved));
     }
     case CAMERA_CROPCAP:
         return text("type=%u", record.cropcap_CROPCAP.type);
@@ -185,14 +210,24 @@ std::string askedText(CameraCall eCall, const CameraRecord& record)
                     record.selection_G_SELECTION.target);
     case CAMERA_REQBUFS:
         return text("count=%u type=%u memory=%u", record.reqbufs_REQBUFS.count,
-                    record.reqbufs_REQBUFS.type, record.reqbufs_REQBUFS.memory);
+                    record.reqbufs_REQBUFS.type, record.reqbufs_REQBUFS.memory) +
+               unusual("flags", record.reqbufs_REQBUFS.flags);
     case CAMERA_QUERYBUF:
     case CAMERA_QBUF:
         return text("type=%u memory=%u index=%u", record.buffer_QBUF.u32Type,
                     record.buffer_QBUF.u32Memory, record.buffer_QBUF.u32Index);
     case CAMERA_DQBUF:
         return text("type=%u memory=%u", record.buffer_DQBUF.u32Type,
-                    record.buffer_DQBUF.u32Memory);
+                    record.buffer_DQBUF.u32Memory) +
+               unusual("index", record.buffer_DQBUF.u32Index) +
+               unusual("bytesused", record.buffer_DQBUF.u32BytesUsed) +
+               unusual("flags", record.buffer_DQBUF.u32Flags) +
+               unusual("field", record.buffer_DQBUF.u32Field) +
+               unusual("sequence", record.buffer_DQBUF.u32Sequence) +
+               unusual("seconds", record.buffer_DQBUF.u32Seconds) +
+               unusual("microseconds", record.buffer_DQBUF.u32Microseconds) +
+               unusual("offset", record.buffer_DQBUF.u32Offset) +
+               unusual("length", record.buffer_DQBUF.u32Length);
     case CAMERA_STREAMON:
     case CAMERA_STREAMOFF:
         return text("type=%d", record.s32Value_STREAMON);

@@ -40,6 +40,16 @@ void CameraFaults::setBytes(uint32_t u32Bytes, uint32_t u32Count)
     m_bOverflow = false;
 }
 
+void CameraFaults::setBroken(uint32_t u32Count)
+{
+    m_broken = {1, u32Count};
+}
+
+bool CameraFaults::broken()
+{
+    return use(m_broken).has_value();
+}
+
 void CameraFaults::setOverflow(uint32_t u32Count)
 {
     m_bytes = {0, u32Count};

@@ -22,6 +22,10 @@ public:
 
     /** Give u32Count frames this number of bytes; beyond the buffer's length only in name. */
     void setBytes(uint32_t u32Bytes, uint32_t u32Count);
+    /** Flag u32Count frames as broken. */
+    void setBroken(uint32_t u32Count);
+    /** Whether the next frame shall be; counts. */
+    bool broken();
     /** As many bytes as the buffer has, and one. */
     void setOverflow(uint32_t u32Count);
     /** The number of bytes the next frame shall have; counts. */
@@ -60,6 +64,7 @@ private:
     std::list<CallFault> m_listCall;
     ValueFault m_bytes;
     bool m_bOverflow = false;
+    ValueFault m_broken;
     ValueFault m_index;
     ValueFault m_grant;
 };

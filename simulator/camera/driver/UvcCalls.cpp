@@ -125,6 +125,7 @@ int UvcCamera::formatCall(ICameraHandle& handle, CameraCall eCall, CameraFormat&
             return EBUSY;
         }
         m_choice = choice;
+        m_interval = DEFAULT_INTERVAL; // the driver takes the frame size's over with it
     }
     format.pix = VideoFormats::describe(choice);
     return 0;
@@ -174,9 +175,7 @@ int UvcCamera::cropCall(CameraCall eCall, CameraRecord& record) const
     if (CAMERA_G_SELECTION == eCall) {
         v4l2_selection& selection = record.selection_G_SELECTION;
         const bool bKnown = V4L2_SEL_TGT_CROP_DEFAULT == selection.target ||
-                            V4L2_SEL_TGT_CROP_BOUNDS == selection.target ||
-                            V4L2_SEL_TGT_COMPOSE_DEFAULT == selection.target ||
-                            V4L2_SEL_TGT_COMPOSE_BOUNDS == selection.target;
+                            V4L2_SEL_TGT_CROP_BOUNDS == selection.target;
         if (V4L2_BUF_TYPE_VIDEO_CAPTURE != selection.type || !bKnown) {
             return EINVAL;
         }
@@ -221,11 +220,9 @@ int UvcCamera::bufferCall(ICameraHandle& handle, CameraCall eCall, CameraRecord&
     case CAMERA_REQBUFS:
         return requestBuffers(handle, record.reqbufs_REQBUFS);
     case CAMERA_mmap:
-        return &handle == m_pOwner ? m_queue.map(record.mapping_mmap) : EINVAL;
+        return m_queue.map(record.mapping_mmap); // any open may
     case CAMERA_munmap:
-        if (&handle == m_pOwner) {
-            m_queue.unmap(record.mapping_munmap.u32Offset);
-        }
+        m_queue.unmap(record.mapping_munmap.u32Offset);
         return 0;
     default:
         break;
@@ -238,7 +235,7 @@ int UvcCamera::bufferCall(ICameraHandle& handle, CameraCall eCall, CameraRecord&
     case CAMERA_QUERYBUF:
         return m_queue.query(buffer);
     case CAMERA_QBUF:
-        return m_queue.enqueue(buffer);
+        return m_bLeaving ? ENODEV : m_queue.enqueue(buffer);
     default:
         break;
     }

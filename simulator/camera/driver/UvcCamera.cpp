@@ -40,21 +40,22 @@ void UvcCamera::stat(CameraNode& node)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
     node.s32Errno = m_faults.failure(CAMERA_stat);
-    if (0 == node.s32Errno && !m_bPlugged) {
+    if (0 == node.s32Errno && (!m_bPlugged || node.u32Number != m_u32Node)) {
         node.s32Errno = ENOENT;
     }
     node.u32Kind = m_faults.m_bRegularNode ? CAMERA_NODE_REGULAR : CAMERA_NODE_CHARACTER;
     CameraRecord record{};
     record.node_stat = node;
     m_journal.call(node.u32Pid, 0,
-                   lineOf(CAMERA_stat, "", node.s32Errno, grantedText(CAMERA_stat, record)));
+                   lineOf(CAMERA_stat, askedText(CAMERA_stat, record), node.s32Errno,
+                          grantedText(CAMERA_stat, record)));
 }
 
 bool UvcCamera::open(CameraNode& node, ICameraHandle& handle)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
     node.s32Errno = m_faults.failure(CAMERA_open);
-    if (0 == node.s32Errno && !m_bPlugged) {
+    if (0 == node.s32Errno && (!m_bPlugged || node.u32Number != m_u32Node)) {
         node.s32Errno = ENOENT;
     }
     node.u32Session = 0;
@@ -153,15 +154,31 @@ void UvcCamera::unplug()
     unplugLocked();
 }
 
+void UvcCamera::unplugSlowly(std::chrono::milliseconds time)
+{
+    const std::lock_guard<std::mutex> guard(m_mtx);
+    if (!m_bPlugged || m_bLeaving) {
+        return;
+    }
+    m_bLeaving = true;
+    m_gone = Clock::now() + time;
+    m_queue.cancel();
+    for (ICameraHandle* pHandle : m_vecHandle) {
+        settle(*pHandle);
+    }
+    m_condition.notify_all();
+}
+
 void UvcCamera::unplugLocked()
 {
     if (!m_bPlugged) {
         return;
     }
     m_bPlugged = false;
+    m_bLeaving = false;
     m_journal.note("unplug");
     if (nullptr != m_pPlugHandler) {
-        m_pPlugHandler(m_pPlugContext, false);
+        m_pPlugHandler(m_pPlugContext, false, m_u32Node);
     }
     for (ICameraHandle* pHandle : m_vecHandle) {
         if (!pHandle->m_bDead) {
@@ -174,19 +191,20 @@ void UvcCamera::unplugLocked()
     m_pOwner = nullptr;
     m_controls = VideoControls(); // a camera starts afresh
     m_choice = VideoFormats::Choice();
-    m_interval = {1, 25};
+    m_interval = DEFAULT_INTERVAL;
 }
 
-void UvcCamera::replug()
+void UvcCamera::replug(uint32_t u32Node)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
     if (m_bPlugged) {
         return;
     }
     m_bPlugged = true;
+    m_u32Node = u32Node;
     m_journal.note("replug");
     if (nullptr != m_pPlugHandler) {
-        m_pPlugHandler(m_pPlugContext, true);
+        m_pPlugHandler(m_pPlugContext, true, m_u32Node);
     }
 }
 
@@ -241,6 +259,14 @@ bool UvcCamera::waitForFrame(PictureRequest& request)
         if (m_bQuit) {
             return false;
         }
+        if (m_bLeaving) {
+            if (Clock::now() >= m_gone) {
+                unplugLocked();
+            } else {
+                m_condition.wait_until(lock, m_gone);
+            }
+            continue;
+        }
         if (!m_queue.isStreaming() || m_faults.m_bFrozen) {
             m_bDueKnown = false;
             m_condition.wait(lock);
@@ -274,7 +300,7 @@ bool UvcCamera::waitForFrame(PictureRequest& request)
 void UvcCamera::putFrame(const PictureRequest& request, const Picture& picture)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
-    if (!m_queue.isStreaming() || m_faults.m_bFrozen || request.u32Run != m_u32Run ||
+    if (!m_queue.isStreaming() || m_bLeaving || m_faults.m_bFrozen || request.u32Run != m_u32Run ||
         !m_queue.isHungry()) {
         m_frameLog.dropped(request);
         return;
@@ -289,9 +315,10 @@ void UvcCamera::putFrame(const PictureRequest& request, const Picture& picture)
         changed.vecByte.resize(std::min(*bytes, u32Length));
         pPut = &changed;
     }
+    const bool bBroken = m_faults.broken();
     const size_t uPut = std::min<size_t>(pPut->vecByte.size(), u32Length);
-    const int nIndex =
-        m_queue.fill({&pPut->vecByte, u32BytesUsed, request.u32Sequence, request.s64Microseconds});
+    const int nIndex = m_queue.fill(
+        {&pPut->vecByte, u32BytesUsed, request.u32Sequence, request.s64Microseconds, bBroken});
     m_frameLog.produced(request, *pPut, u32BytesUsed, uPut, nIndex);
     m_truth = picture.truth;
     m_truth.u32Number = request.u32Number;

@@ -51,7 +51,7 @@ class UvcCamera
 {
 public:
     /** Notified of plugging, for the list of input devices; called with the lock held. */
-    using PlugHandler = void (*)(void* pContext, bool bPlugged);
+    using PlugHandler = void (*)(void* pContext, bool bPlugged, uint32_t u32Node);
 
     UvcCamera(const std::string& strDir, Journal& journal, FrameLog& frameLog);
 
@@ -78,7 +78,13 @@ public:
     void close(ICameraHandle& handle);
 
     void unplug();
-    void replug();
+    /**
+     * In the order of the kernel's driver: the transfers end, which hands out every queued buffer
+     * empty and broken; QBUF is refused; after the time the node goes and with it all opens.
+     */
+    void unplugSlowly(std::chrono::milliseconds time);
+    /** @param u32Node  N of /dev/videoN */
+    void replug(uint32_t u32Node = 0);
 
     /** Have the faults changed under the lock. */
     template <typename Change> void changeFaults(const Change& change)
@@ -120,6 +126,8 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    static constexpr v4l2_fract DEFAULT_INTERVAL{1, 30}; // of every frame size
+
     int dispatch(ICameraHandle& handle, CameraCall eCall, CameraRecord& record, bool bBlocking,
                  bool& bWait);
     int formatCall(ICameraHandle& handle, CameraCall eCall, CameraFormat& format);
@@ -149,11 +157,14 @@ private:
     std::condition_variable m_condition;
     bool m_bQuit = false;
     bool m_bPlugged = true;
+    bool m_bLeaving = false;  // unplugged, and the node still there
+    Clock::time_point m_gone; // when it goes
+    uint32_t m_u32Node = 0;   // N of /dev/videoN
     uint32_t m_u32LastSession = 0;
     std::vector<ICameraHandle*> m_vecHandle;
     ICameraHandle* m_pOwner = nullptr; // who has the privilege to stream
     VideoFormats::Choice m_choice;
-    v4l2_fract m_interval{1, 25};
+    v4l2_fract m_interval = DEFAULT_INTERVAL;
     uint32_t m_u32ForcedRate = 0;
     VideoControls m_controls;
     VideoQueue m_queue;

@@ -13,6 +13,7 @@
 namespace {
 
 const uint32_t PAGE = 4096;
+const int GIVEN_BACK = 0xdb; // fills a queued buffer
 const uint32_t TIMESTAMP_FLAGS = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_SOE;
 
 } // namespace
@@ -48,6 +49,7 @@ int VideoQueue::allocate(uint32_t u32Session, uint32_t u32Count, uint32_t u32Len
     }
     char acName[64];
     snprintf(acName, sizeof(acName), "/" CAMERA_BUFFERS_FILE, u32Session, ++m_u32Allocation);
+    m_u32Session = u32Session;
     m_strFile = m_strDir + acName;
     m_u32Length = u32Length;
     m_u32Stride = (u32Length + PAGE - 1) / PAGE * PAGE;
@@ -109,6 +111,8 @@ int VideoQueue::enqueue(CameraBuffer& buffer)
     }
     Buffer& own = m_vecBuffer[buffer.u32Index];
     own.eState = STATE_QUEUED;
+    memset(m_pMemory + static_cast<size_t>(buffer.u32Index) * m_u32Stride, GIVEN_BACK,
+           std::min(own.record.u32BytesUsed, m_u32Length));
     own.record = {};
     m_dequeQueued.push_back(buffer.u32Index);
     m_bNeverQueued = false;
@@ -159,6 +163,7 @@ int VideoQueue::map(CameraMapping& mapping)
         mapping.u32Length > m_u32Stride) {
         return EINVAL;
     }
+    mapping.u32Session = m_u32Session;
     mapping.u32Allocation = m_u32Allocation;
     ++m_vecBuffer[mapping.u32Offset / m_u32Stride].u32Mapped;
     return 0;
@@ -198,6 +203,7 @@ int VideoQueue::fill(const Fill& frame)
     const size_t uCopied = std::min<size_t>(frame.pBytes->size(), m_u32Length);
     memcpy(m_pMemory + static_cast<size_t>(u32Index) * m_u32Stride, frame.pBytes->data(), uCopied);
     buffer.eState = STATE_DONE;
+    buffer.record.u32Flags = frame.bBroken ? V4L2_BUF_FLAG_ERROR : 0;
     buffer.record.u32BytesUsed = frame.u32BytesUsed;
     buffer.record.u32Field = V4L2_FIELD_NONE;
     buffer.record.u32Sequence = frame.u32Sequence;
@@ -205,6 +211,16 @@ int VideoQueue::fill(const Fill& frame)
     buffer.record.u32Microseconds = static_cast<uint32_t>(frame.s64Microseconds % 1000000);
     m_dequeDone.push_back(u32Index);
     return static_cast<int>(u32Index);
+}
+
+void VideoQueue::cancel()
+{
+    for (const uint32_t u32Index : m_dequeQueued) {
+        m_vecBuffer[u32Index].eState = STATE_DONE;
+        m_vecBuffer[u32Index].record.u32Flags = V4L2_BUF_FLAG_ERROR;
+        m_dequeDone.push_back(u32Index);
+    }
+    m_dequeQueued.clear();
 }
 
 uint32_t VideoQueue::getCount() const

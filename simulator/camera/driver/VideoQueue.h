@@ -29,8 +29,10 @@ public:
      */
     int allocate(uint32_t u32Session, uint32_t u32Count, uint32_t u32Length);
 
-    /** EINVAL: no such buffer, wrong type or memory; QBUF also: it is not the program's. */
+    /** EINVAL: no such buffer, wrong type or memory. */
     int query(CameraBuffer& buffer) const;
+    /** The same, and EINVAL for a buffer that is not the program's. What was in the buffer is
+     * overwritten: it is the camera's now. */
     int enqueue(CameraBuffer& buffer);
 
     /** The oldest filled buffer. EINVAL unless streaming, EAGAIN when none is filled. */
@@ -53,12 +55,16 @@ public:
         uint32_t u32BytesUsed; // may differ from the bytes, and exceed the buffer
         uint32_t u32Sequence;
         int64_t s64Microseconds; // CLOCK_MONOTONIC
+        bool bBroken;            // flagged as an error
     };
 
     /** Whether a buffer is queued. */
     bool isHungry() const;
     /** Fill the oldest queued buffer. @return its index, -1 when none is queued */
     int fill(const Fill& frame);
+
+    /** Hand out every queued buffer empty and broken, as the driver does when the camera goes. */
+    void cancel();
 
     uint32_t getCount() const;
     bool isStreaming() const;
@@ -85,7 +91,8 @@ private:
 
     std::string m_strDir;
     std::string m_strFile;
-    uint32_t m_u32Allocation = 0; // counts; names the file
+    uint32_t m_u32Session = 0;    // whose buffers they are; names the file
+    uint32_t m_u32Allocation = 0; // counts; the same
     uint32_t m_u32Length = 0;
     uint32_t m_u32Stride = 0; // length in whole pages
     uint8_t* m_pMemory = nullptr;

@@ -16,20 +16,20 @@
  * and wakes its waiters; the answer is there when u32Reply equals u32Request.
  */
 
-#define CAMERA_NODE "/dev/video0"
+#define CAMERA_NODE "/dev/video" /* and a number */
 #define CAMERA_INPUT_LIST "/proc/bus/input/devices"
-#define CAMERA_UEVENT "/sys/dev/char/81:0/uevent" /* by which v4l2-ctl knows a video device */
+#define CAMERA_UEVENT "/sys/dev/char/81:" /* a number and the next; so v4l2-ctl knows a node */
+#define CAMERA_UEVENT_END "/uevent"
 #define CAMERA_DIR_VARIABLE "KESTREL_CAMERA_DIR"
 
 /* Names below the directory that CAMERA_DIR_VARIABLE names. */
 #define CAMERA_DEVICE_SOCKET "device.sock"
 #define CAMERA_INPUTS_FILE "inputs"         /* in place of CAMERA_INPUT_LIST */
-#define CAMERA_UEVENT_FILE "uevent"         /* in place of CAMERA_UEVENT */
+#define CAMERA_UEVENT_FILE "uevent-%u"      /* in place of CAMERA_UEVENT; %u: number */
 #define CAMERA_SESSION_FILE "session-%u"    /* %u: session; holds its CameraPage */
-#define CAMERA_BUFFERS_FILE "buffers-%u-%u" /* %u: session, allocation; holds the video buffers */
+#define CAMERA_BUFFERS_FILE "buffers-%u-%u" /* %u: session, allocation; the video buffers */
 
 #define CAMERA_MAJOR 81 /* Documentation/admin-guide/devices.txt: video4linux */
-#define CAMERA_MINOR 0
 
 /*
  * Calls whose record has one layout on every architecture: X(name behind VIDIOC_, C type, field).
@@ -143,6 +143,7 @@ struct CameraNode
     uint32_t u32Call;    /* CAMERA_stat or CAMERA_open */
     uint32_t u32Pid;     /* of the caller */
     uint32_t u32Flags;   /* CAMERA_OPEN_... */
+    uint32_t u32Number;  /* of the node; also its minor number */
     int32_t s32Errno;    /* answer: 0 or an error number */
     uint32_t u32Kind;    /* answer to stat: CAMERA_NODE_... */
     uint32_t u32Session; /* answer to open: from 1 */
@@ -157,7 +158,8 @@ struct CameraMapping
     uint32_t u32Offset;
     uint32_t u32Length;
     uint32_t u32Flags;      /* CAMERA_MAP_... */
-    uint32_t u32Allocation; /* answer to mmap: second number of CAMERA_BUFFERS_FILE */
+    uint32_t u32Session;    /* answer to mmap: first number of CAMERA_BUFFERS_FILE */
+    uint32_t u32Allocation; /* the second */
 };
 
 struct CameraPage

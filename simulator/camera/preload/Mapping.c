@@ -61,7 +61,7 @@ void* cameraMmap(struct OpenCamera* pSession, void* pAddress, size_t uLength, in
     }
     char acName[32];
     char acPath[CAMERA_MAX_PATH + sizeof(acName)];
-    snprintf(acName, sizeof(acName), CAMERA_BUFFERS_FILE, pSession->u32Session,
+    snprintf(acName, sizeof(acName), CAMERA_BUFFERS_FILE, mapping.u32Session,
              mapping.u32Allocation);
     snprintf(acPath, sizeof(acPath), "%s/%s", pSession->acDir, acName);
     const int nFile = realOpen(acPath, O_RDWR | O_CLOEXEC, 0);

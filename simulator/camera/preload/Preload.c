@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -75,24 +76,36 @@ int realFstat(int nFd, struct stat* pStatus)
     return NEXT(FstatFunction, "fstat")(nFd, pStatus);
 }
 
-static bool isNode(const char* pPath)
+// Whether a text is a number, as the kernel writes it, between two others.
+static bool isNumbered(const char* pText, const char* pBegin, const char* pEnd, uint32_t* pNumber)
 {
-    return NULL != pPath && 0 == strcmp(pPath, CAMERA_NODE) && cameraWanted();
+    char acSame[64];
+    if (0 != strncmp(pText, pBegin, strlen(pBegin))) {
+        return false;
+    }
+    *pNumber = (uint32_t)strtoul(pText + strlen(pBegin), NULL, 10);
+    return snprintf(acSame, sizeof(acSame), "%s%u%s", pBegin, *pNumber, pEnd) <
+               (int)sizeof(acSame) &&
+           0 == strcmp(pText, acSame);
+}
+
+// Every video node is the virtual camera's, so that a number it has not got is no device.
+static bool isNode(const char* pPath, uint32_t* pNumber)
+{
+    return NULL != pPath && isNumbered(pPath, CAMERA_NODE, "", pNumber) && cameraWanted();
 }
 
 // The file to open in place of pPath: one that tells of the virtual camera, or pPath itself.
 static const char* fileFor(const char* pPath, char* pBuffer, size_t uSize)
 {
-    static const char* const PATHS[][2] = {
-        {CAMERA_INPUT_LIST, CAMERA_INPUTS_FILE},
-        {CAMERA_UEVENT, CAMERA_UEVENT_FILE},
-    };
-    for (size_t i = 0; NULL != pPath && i < sizeof(PATHS) / sizeof(PATHS[0]); ++i) {
-        if (0 == strcmp(pPath, PATHS[i][0]) && cameraPath(pBuffer, uSize, PATHS[i][1])) {
-            return pBuffer;
-        }
+    uint32_t u32Number = 0;
+    char acName[32] = "";
+    if (NULL != pPath && 0 == strcmp(pPath, CAMERA_INPUT_LIST)) {
+        snprintf(acName, sizeof(acName), CAMERA_INPUTS_FILE);
+    } else if (NULL != pPath && isNumbered(pPath, CAMERA_UEVENT, CAMERA_UEVENT_END, &u32Number)) {
+        snprintf(acName, sizeof(acName), CAMERA_UEVENT_FILE, u32Number);
     }
-    return pPath;
+    return '\0' != acName[0] && cameraPath(pBuffer, uSize, acName) ? pBuffer : pPath;
 }
 
 static mode_t modeOf(int nFlags, va_list arguments)
@@ -109,8 +122,9 @@ static mode_t modeOf(int nFlags, va_list arguments)
         va_start(arguments, nFlags);                                                               \
         const mode_t mode = modeOf(nFlags, arguments);                                             \
         va_end(arguments);                                                                         \
-        if (isNode(pPath)) {                                                                       \
-            return cameraOpen(nFlags);                                                             \
+        uint32_t u32Number = 0;                                                                    \
+        if (isNode(pPath, &u32Number)) {                                                           \
+            return cameraOpen(u32Number, nFlags);                                                  \
         }                                                                                          \
         pPath = fileFor(pPath, acFile, sizeof(acFile));                                            \
         return NEXT(OpenFunction, #name)(pPath, nFlags, mode);                                     \
@@ -124,8 +138,9 @@ static mode_t modeOf(int nFlags, va_list arguments)
         va_start(arguments, nFlags);                                                               \
         const mode_t mode = modeOf(nFlags, arguments);                                             \
         va_end(arguments);                                                                         \
-        if (isNode(pPath)) {                                                                       \
-            return cameraOpen(nFlags);                                                             \
+        uint32_t u32Number = 0;                                                                    \
+        if (isNode(pPath, &u32Number)) {                                                           \
+            return cameraOpen(u32Number, nFlags);                                                  \
         }                                                                                          \
         pPath = fileFor(pPath, acFile, sizeof(acFile));                                            \
         return NEXT(OpenAtFunction, #name)(nDirFd, pPath, nFlags, mode);                           \
@@ -137,8 +152,9 @@ static mode_t modeOf(int nFlags, va_list arguments)
     EXPORT int name(const char* pPath, int nFlags)                                                 \
     {                                                                                              \
         char acFile[CAMERA_MAX_PATH];                                                              \
-        if (isNode(pPath)) {                                                                       \
-            return cameraOpen(nFlags);                                                             \
+        uint32_t u32Number = 0;                                                                    \
+        if (isNode(pPath, &u32Number)) {                                                           \
+            return cameraOpen(u32Number, nFlags);                                                  \
         }                                                                                          \
         pPath = fileFor(pPath, acFile, sizeof(acFile));                                            \
         return NEXT(Open2Function, #name)(pPath, nFlags);                                          \
@@ -149,8 +165,9 @@ static mode_t modeOf(int nFlags, va_list arguments)
     EXPORT int name(int nDirFd, const char* pPath, int nFlags)                                     \
     {                                                                                              \
         char acFile[CAMERA_MAX_PATH];                                                              \
-        if (isNode(pPath)) {                                                                       \
-            return cameraOpen(nFlags);                                                             \
+        uint32_t u32Number = 0;                                                                    \
+        if (isNode(pPath, &u32Number)) {                                                           \
+            return cameraOpen(u32Number, nFlags);                                                  \
         }                                                                                          \
         pPath = fileFor(pPath, acFile, sizeof(acFile));                                            \
         return NEXT(OpenAt2Function, #name)(nDirFd, pPath, nFlags);                                \
@@ -165,34 +182,35 @@ static mode_t modeOf(int nFlags, va_list arguments)
     }
 
 // Answers a stat of the node; the C library's two records share these fields.
-#define FILL_STATUS(pStatus, u32Kind)                                                              \
+#define FILL_STATUS(pStatus, u32Kind, u32Number)                                                   \
     do {                                                                                           \
         memset((pStatus), 0, sizeof(*(pStatus)));                                                  \
         (pStatus)->st_mode = (CAMERA_NODE_REGULAR == (u32Kind) ? S_IFREG : S_IFCHR) | 0660;        \
         (pStatus)->st_nlink = 1;                                                                   \
         (pStatus)->st_blksize = 4096;                                                              \
         if (CAMERA_NODE_REGULAR != (u32Kind)) {                                                    \
-            (pStatus)->st_rdev = makedev(CAMERA_MAJOR, CAMERA_MINOR);                              \
+            (pStatus)->st_rdev = makedev(CAMERA_MAJOR, u32Number);                                 \
         }                                                                                          \
     } while (0)
 
-#define ANSWER_NODE(pStatus)                                                                       \
+#define ANSWER_NODE(pStatus, u32Number)                                                            \
     do {                                                                                           \
         uint32_t u32Kind = CAMERA_NODE_CHARACTER;                                                  \
-        const int nError = cameraStat(&u32Kind);                                                   \
+        const int nError = cameraStat(u32Number, &u32Kind);                                        \
         if (0 != nError) {                                                                         \
             errno = nError;                                                                        \
             return -1;                                                                             \
         }                                                                                          \
-        FILL_STATUS(pStatus, u32Kind);                                                             \
+        FILL_STATUS(pStatus, u32Kind, u32Number);                                                  \
         return 0;                                                                                  \
     } while (0)
 
 #define DEFINE_STAT(name, record)                                                                  \
     EXPORT int name(const char* pPath, struct record* pStatus)                                     \
     {                                                                                              \
-        if (isNode(pPath)) {                                                                       \
-            ANSWER_NODE(pStatus);                                                                  \
+        uint32_t u32Number = 0;                                                                    \
+        if (isNode(pPath, &u32Number)) {                                                           \
+            ANSWER_NODE(pStatus, u32Number);                                                       \
         }                                                                                          \
         return NEXT(int (*)(const char*, struct record*), #name)(pPath, pStatus);                  \
     }
@@ -200,8 +218,9 @@ static mode_t modeOf(int nFlags, va_list arguments)
 #define DEFINE_FSTAT(name, record)                                                                 \
     EXPORT int name(int nFd, struct record* pStatus)                                               \
     {                                                                                              \
-        if (NULL != cameraOf(nFd)) {                                                               \
-            FILL_STATUS(pStatus, CAMERA_NODE_CHARACTER);                                           \
+        const struct OpenCamera* pSession = cameraOf(nFd);                                         \
+        if (NULL != pSession) {                                                                    \
+            FILL_STATUS(pStatus, CAMERA_NODE_CHARACTER, pSession->u32Number);                      \
             return 0;                                                                              \
         }                                                                                          \
         return NEXT(int (*)(int, struct record*), #name)(nFd, pStatus);                            \
@@ -214,8 +233,9 @@ static mode_t modeOf(int nFlags, va_list arguments)
     EXPORT int name(int nVersion, const char* pPath, struct record* pStatus)                       \
     {                                                                                              \
         typedef int (*Versioned)(int, const char*, struct record*);                                \
-        if (isNode(pPath)) {                                                                       \
-            ANSWER_NODE(pStatus);                                                                  \
+        uint32_t u32Number = 0;                                                                    \
+        if (isNode(pPath, &u32Number)) {                                                           \
+            ANSWER_NODE(pStatus, u32Number);                                                       \
         }                                                                                          \
         const Versioned pNext = NEXT(Versioned, #name);                                            \
         return NULL != pNext ? pNext(nVersion, pPath, pStatus)                                     \
@@ -227,8 +247,9 @@ static mode_t modeOf(int nFlags, va_list arguments)
     EXPORT int name(int nVersion, int nFd, struct record* pStatus)                                 \
     {                                                                                              \
         typedef int (*Versioned)(int, int, struct record*);                                        \
-        if (NULL != cameraOf(nFd)) {                                                               \
-            FILL_STATUS(pStatus, CAMERA_NODE_CHARACTER);                                           \
+        const struct OpenCamera* pSession = cameraOf(nFd);                                         \
+        if (NULL != pSession) {                                                                    \
+            FILL_STATUS(pStatus, CAMERA_NODE_CHARACTER, pSession->u32Number);                      \
             return 0;                                                                              \
         }                                                                                          \
         const Versioned pNext = NEXT(Versioned, #name);                                            \

@@ -75,10 +75,11 @@ static int ask(struct CameraNode* pNode)
     return nFd;
 }
 
-int cameraStat(uint32_t* pKind)
+int cameraStat(uint32_t u32Number, uint32_t* pKind)
 {
     const int nSaved = errno;
-    struct CameraNode node = {.u32Call = CAMERA_stat, .u32Pid = (uint32_t)getpid()};
+    struct CameraNode node = {
+        .u32Call = CAMERA_stat, .u32Pid = (uint32_t)getpid(), .u32Number = u32Number};
     const int nFd = ask(&node);
     const int nError = nFd < 0 ? errno : 0;
     if (nFd >= 0) {
@@ -122,7 +123,7 @@ static void forgetStale(int nFd)
     }
 }
 
-static bool enter(int nFd, uint32_t u32Session, struct CameraPage* pPage)
+static bool enter(int nFd, const struct CameraNode* pNode, struct CameraPage* pPage)
 {
     struct stat status;
     const char* pDir = getenv(CAMERA_DIR_VARIABLE);
@@ -137,7 +138,8 @@ static bool enter(int nFd, uint32_t u32Session, struct CameraPage* pPage)
         if (0 == pSession->s32FdPlusOne) {
             pSession->pid = getpid();
             pSession->inode = status.st_ino;
-            pSession->u32Session = u32Session;
+            pSession->u32Session = pNode->u32Session;
+            pSession->u32Number = pNode->u32Number;
             pSession->pPage = pPage;
             snprintf(pSession->acDir, sizeof(pSession->acDir), "%s", pDir);
             __atomic_store_n(&pSession->s32FdPlusOne, nFd + 1, __ATOMIC_RELEASE);
@@ -149,7 +151,7 @@ static bool enter(int nFd, uint32_t u32Session, struct CameraPage* pPage)
     return bEntered;
 }
 
-int cameraOpen(int nFlags)
+int cameraOpen(uint32_t u32Number, int nFlags)
 {
     const int nAccess = nFlags & O_ACCMODE;
     struct CameraNode node = {
@@ -160,6 +162,7 @@ int cameraOpen(int nFlags)
                                            : CAMERA_OPEN_READ | CAMERA_OPEN_WRITE) |
                     (nFlags & O_NONBLOCK ? CAMERA_OPEN_NONBLOCK : 0) |
                     (nFlags & O_CLOEXEC ? CAMERA_OPEN_CLOEXEC : 0),
+        .u32Number = u32Number,
     };
     const int nFd = ask(&node);
     if (nFd < 0) {
@@ -176,7 +179,7 @@ int cameraOpen(int nFlags)
         errno = nSaved;
         return -1;
     }
-    if (!enter(nFd, node.u32Session, pPage)) {
+    if (!enter(nFd, &node, pPage)) {
         realMunmap(pPage, CAMERA_PAGE_SIZE);
         realClose(nFd);
         errno = EMFILE;

@@ -28,6 +28,7 @@ struct OpenCamera
     pid_t pid;            // that opened it
     ino_t inode;          // of the connection: a descriptor closed behind our back is not ours
     uint32_t u32Session;
+    uint32_t u32Number; // of the node
     struct CameraPage* pPage;
     char acDir[CAMERA_MAX_PATH];
 };
@@ -39,17 +40,17 @@ bool cameraWanted(void);
 bool cameraPath(char* pPath, size_t uSize, const char* pName);
 
 /*
- * Ask for the node. One short connection.
+ * Ask for the node of that number. One short connection.
  * @return 0 or an error number; ENOENT also when kestrel-camera does not run
  */
-int cameraStat(uint32_t* pKind);
+int cameraStat(uint32_t u32Number, uint32_t* pKind);
 
 /*
- * Open the camera: the flags are those of open(2). The descriptor is a connection; besides it only
- * one shared page is mapped.
+ * Open the camera at the node of that number: the flags are those of open(2). The descriptor is a
+ * connection; besides it only one shared page is mapped.
  * @return the descriptor, or -1 with errno
  */
-int cameraOpen(int nFlags);
+int cameraOpen(uint32_t u32Number, int nFlags);
 
 /*
  * The open camera behind a descriptor, or a null pointer for any other descriptor. Costs one load

@@ -44,8 +44,6 @@ const char* const CAMERA_TAIL = "B: PROP=0\n"
                                 "B: KEY=100000 0 0 0 0 0 0\n"
                                 "\n";
 
-const char* const UEVENT = "MAJOR=81\nMINOR=0\nDEVNAME=video0\n";
-
 /** A reader sees the old file or the new one. */
 void replace(const std::string& strPath, const std::string& strText)
 {
@@ -64,7 +62,7 @@ void replace(const std::string& strPath, const std::string& strText)
 } // namespace
 
 KernelFiles::KernelFiles(const std::string& strDir)
-    : m_strInputs(strDir + "/" CAMERA_INPUTS_FILE), m_strUevent(strDir + "/" CAMERA_UEVENT_FILE)
+    : m_strInputs(strDir + "/" CAMERA_INPUTS_FILE), m_strDir(strDir)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
     write();
@@ -73,13 +71,22 @@ KernelFiles::KernelFiles(const std::string& strDir)
 KernelFiles::~KernelFiles()
 {
     ::unlink(m_strInputs.c_str());
-    ::unlink(m_strUevent.c_str());
+    ::unlink(ueventPath().c_str());
 }
 
-void KernelFiles::setPlugged(bool bPlugged)
+std::string KernelFiles::ueventPath() const
+{
+    char acName[32];
+    snprintf(acName, sizeof(acName), "/" CAMERA_UEVENT_FILE, m_u32Node);
+    return m_strDir + acName;
+}
+
+void KernelFiles::setPlugged(bool bPlugged, uint32_t u32Node)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
+    ::unlink(ueventPath().c_str()); // the next one may have another number
     m_bPlugged = bPlugged;
+    m_u32Node = u32Node;
     write();
 }
 
@@ -94,9 +101,8 @@ void KernelFiles::setMode(MODE_E eMode, uint32_t u32Event)
 void KernelFiles::write()
 {
     if (m_bPlugged) {
-        replace(m_strUevent, UEVENT);
-    } else {
-        ::unlink(m_strUevent.c_str());
+        const std::string strNode = std::to_string(m_u32Node);
+        replace(ueventPath(), "MAJOR=81\nMINOR=" + strNode + "\nDEVNAME=video" + strNode + "\n");
     }
     if (MODE_MISSING == m_eMode) {
         ::unlink(m_strInputs.c_str());

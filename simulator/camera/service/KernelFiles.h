@@ -7,8 +7,8 @@
 
 /**
  * Writes the files that stand for /proc/bus/input/devices, in which the camera (05a3:9230) has a
- * button while it is plugged in, and for /sys/dev/char/81:0/uevent, which is there while the camera
- * is. Each is written as a whole. Any thread.
+ * button while it is plugged in, and for /sys/dev/char/81:N/uevent, which is there while the camera
+ * is /dev/videoN. Each is written as a whole. Any thread.
  */
 class KernelFiles
 {
@@ -27,17 +27,20 @@ public:
     KernelFiles(const KernelFiles&) = delete;
     KernelFiles& operator=(const KernelFiles&) = delete;
 
-    void setPlugged(bool bPlugged);
-    /** @param u32Event  number of the camera's event device; 2 means /dev/video0 */
+    /** @param u32Node  number of the camera's node; 0 means /dev/video0 */
+    void setPlugged(bool bPlugged, uint32_t u32Node);
+    /** @param u32Event  number of the camera's event device; by it the service takes the node's */
     void setMode(MODE_E eMode, uint32_t u32Event);
 
 private:
     void write();
+    std::string ueventPath() const;
 
     const std::string m_strInputs;
-    const std::string m_strUevent;
+    const std::string m_strDir;
     std::mutex m_mtx; // guards all below
     bool m_bPlugged = true;
+    uint32_t m_u32Node = 0;
     MODE_E m_eMode = MODE_NORMAL;
     uint32_t m_u32Event = 2;
 };

@@ -65,6 +65,13 @@ TEST(CameraCommands, WrongWordsAreRefused)
                               "list tea",
                               "stat",
                               "freeze now",
+                              "unplug slowly now",
+                              "unplug slowly 10 20",
+                              "broken 0",
+                              "broken 1 2",
+                              "replug video",
+                              "replug event6 video1",
+                              "replug 1",
                               "journal",
                               "journal burn"}) {
         EXPECT_EQ("error:", board.commands.run(pLine).substr(0, 6)) << pLine;
@@ -87,7 +94,7 @@ TEST(CameraCommands, StatusTellsRateAndPlug)
 {
     Board board;
     EXPECT_EQ(
-        "ok plugged=1 streaming=0 frozen=0 opens=0 frame=0 fps=25.00 format=MJPG size=640x480",
+        "ok plugged=1 streaming=0 frozen=0 opens=0 frame=0 fps=30.00 format=MJPG size=640x480",
         board.commands.run("status"));
 
     EXPECT_EQ("ok", board.commands.run("fps 200"));
@@ -99,7 +106,7 @@ TEST(CameraCommands, StatusTellsRateAndPlug)
         board.commands.run("status"));
     EXPECT_EQ("ok", board.commands.run("clear"));
     EXPECT_EQ(
-        "ok plugged=0 streaming=0 frozen=0 opens=0 frame=0 fps=25.00 format=MJPG size=640x480",
+        "ok plugged=0 streaming=0 frozen=0 opens=0 frame=0 fps=30.00 format=MJPG size=640x480",
         board.commands.run("status"));
 }
 

@@ -544,6 +544,108 @@ TEST(CameraDevice, JournalHoldsTheCallsInOrderWithArgumentsAndResults)
     EXPECT_EQ(EXPECTED, camera.journal());
 }
 
+TEST(CameraDevice, JournalTellsArgumentsThatNobodyNeedsWhenTheyAreGiven)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_streamparm parm{};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    parm.parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
+    parm.parm.capture.capturemode = 1;
+    parm.parm.capture.extendedmode = 2;
+    parm.parm.capture.readbuffers = 3;
+    parm.parm.capture.reserved[3] = 4;
+    parm.parm.capture.timeperframe = {1, 25};
+    ASSERT_EQ(0, client.control(VIDIOC_S_PARM, parm));
+    EXPECT_EQ(1u, camera.count("S_PARM type=1 timeperframe=1/25 capability=4096 capturemode=1 "
+                               "extendedmode=2 readbuffers=3 reserved = 0"));
+    ASSERT_EQ(0, client.startStreaming());
+    ASSERT_TRUE(client.readable(30000));
+    v4l2_buffer buffer{};
+    buffer.index = 1;
+    buffer.bytesused = 2;
+    buffer.flags = 3;
+    buffer.field = 4;
+    buffer.timestamp = {5, 6};
+    buffer.sequence = 7;
+    buffer.m.offset = 8;
+    buffer.length = 9;
+    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buffer.memory = V4L2_MEMORY_MMAP;
+    ASSERT_EQ(0, client.control(VIDIOC_DQBUF, buffer));
+
+    EXPECT_EQ(1u, camera.count("DQBUF type=1 memory=1 index=1 bytesused=2 flags=3 field=4 "
+                               "sequence=7 seconds=5 microseconds=6 offset=8 length=9 = 0"));
+}
+
+TEST(CameraDevice, FormatBringsItsIntervalAlong)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    const auto interval = [&] {
+        v4l2_streamparm parm{};
+        parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        EXPECT_EQ(0, client.control(VIDIOC_G_PARM, parm));
+        return parm.parm.capture.timeperframe.denominator;
+    };
+    EXPECT_EQ(30u, interval());
+    ASSERT_EQ(0, client.setInterval(1, 25));
+    EXPECT_EQ(25u, interval());
+
+    ASSERT_EQ(0, client.setFormat(V4L2_PIX_FMT_MJPEG, 640, 480));
+
+    EXPECT_EQ(30u, interval());
+}
+
+TEST(CameraDevice, BufferThatWasGivenBackHoldsNoPicture)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.requestBuffers(2));
+    ASSERT_EQ(0, client.mapBuffers(2));
+    ASSERT_EQ(0, client.enqueue(0));
+    ASSERT_EQ(0, client.streamOn());
+    ASSERT_TRUE(client.readable(30000));
+    camera.command("freeze");
+    v4l2_buffer buffer{};
+    ASSERT_EQ(0, client.dequeue(buffer));
+    EXPECT_EQ(0xff, client.bytes(buffer).at(0));
+
+    ASSERT_EQ(0, client.enqueue(0));
+
+    EXPECT_EQ(std::vector<uint8_t>(buffer.bytesused, 0xdb), client.bytes(buffer));
+}
+
+TEST(CameraDevice, EveryOpenMayMapTheBuffers)
+{
+    VirtualCamera camera;
+    VideoClient owner;
+    VideoClient other;
+    ASSERT_EQ(0, owner.startStreaming());
+
+    void* pMapped = mmap(nullptr, 614400, PROT_READ, MAP_SHARED, other.descriptor(), 614400);
+
+    ASSERT_NE(MAP_FAILED, pMapped);
+    EXPECT_EQ(0, munmap(pMapped, 614400));
+}
+
+TEST(CameraDevice, CroppingIsToldButNotComposing)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    v4l2_selection selection{};
+    selection.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    for (const uint32_t u32Target : {V4L2_SEL_TGT_CROP_DEFAULT, V4L2_SEL_TGT_CROP_BOUNDS}) {
+        selection.target = u32Target;
+        EXPECT_EQ(0, client.control(VIDIOC_G_SELECTION, selection));
+    }
+    for (const uint32_t u32Target :
+         {V4L2_SEL_TGT_COMPOSE_DEFAULT, V4L2_SEL_TGT_COMPOSE_BOUNDS, V4L2_SEL_TGT_CROP}) {
+        selection.target = u32Target;
+        EXPECT_EQ(EINVAL, client.control(VIDIOC_G_SELECTION, selection));
+    }
+}
+
 TEST(CameraDevice, CpuTellsTheProcessorTimeSpentInTheLibrarysCalls)
 {
     VirtualCamera camera;

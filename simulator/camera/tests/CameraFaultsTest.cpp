@@ -6,7 +6,10 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -84,6 +87,107 @@ TEST(CameraFaults, ReplugBringsAFreshCamera)
     EXPECT_NE(std::string::npos, inputDevices().find("Vendor=05a3 Product=9230"));
     ASSERT_EQ(0, after.startStreaming());
     EXPECT_GT(nextBytes(after), 176u);
+}
+
+TEST(CameraFaults, SlowUnplugHandsOutBrokenBuffersBeforeTheNodeGoes)
+{
+    VirtualCamera camera;
+    camera.command("freeze");
+    VideoClient client;
+    ASSERT_EQ(0, client.startStreaming());
+
+    camera.command("unplug slowly 600000");
+
+    for (uint32_t i = 0; i < 2; ++i) {
+        v4l2_buffer buffer{};
+        dequeueOne(client, buffer);
+        EXPECT_EQ(i, buffer.index);
+        EXPECT_EQ(0u, buffer.bytesused);
+        EXPECT_TRUE(buffer.flags & V4L2_BUF_FLAG_ERROR);
+        EXPECT_EQ(ENODEV, client.enqueue(i));
+    }
+    EXPECT_FALSE(client.readable(0));
+    v4l2_buffer buffer{};
+    EXPECT_EQ(EAGAIN, client.dequeue(buffer));
+    struct stat status = {};
+    EXPECT_EQ(0, stat("/dev/video0", &status));
+
+    camera.command("unplug");
+
+    EXPECT_TRUE(client.readable(0));
+    EXPECT_EQ(ENODEV, client.dequeue(buffer));
+    EXPECT_EQ(ENOENT, VideoClient().error());
+}
+
+TEST(CameraFaults, SlowUnplugEndsByItself)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.startStreaming());
+    for (int i = 0; i < 2; ++i) {
+        v4l2_buffer buffer{};
+        dequeueOne(client, buffer); // none is left to be handed out
+    }
+
+    camera.command("unplug slowly 20");
+
+    ASSERT_TRUE(client.readable(30000));
+    v4l2_buffer buffer{};
+    EXPECT_EQ(ENODEV, client.dequeue(buffer));
+    camera.command("replug");
+    VideoClient after;
+    EXPECT_EQ(0, after.startStreaming());
+    EXPECT_GT(nextBytes(after), 176u);
+}
+
+TEST(CameraFaults, ReplugMayBringAnotherNumber)
+{
+    VirtualCamera camera;
+    camera.command("unplug");
+
+    camera.command("replug video1 event6");
+
+    struct stat status = {};
+    EXPECT_EQ(-1, stat("/dev/video0", &status));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(0, stat("/dev/video1", &status));
+    EXPECT_EQ(makedev(81, 1), status.st_rdev);
+    EXPECT_EQ(-1, open("/dev/video0", O_RDWR));
+    const int nFd = open("/dev/video1", O_RDWR);
+    EXPECT_LE(0, nFd);
+    v4l2_capability cap{};
+    EXPECT_EQ(0, ioctl(nFd, VIDIOC_QUERYCAP, &cap));
+    EXPECT_EQ(0, close(nFd));
+    EXPECT_NE(std::string::npos, inputDevices().find("H: Handlers=kbd event6 \n"));
+    std::ifstream uevent("/sys/dev/char/81:1/uevent");
+    const std::string strUevent{std::istreambuf_iterator<char>(uevent), {}};
+    EXPECT_EQ("MAJOR=81\nMINOR=1\nDEVNAME=video1\n", strUevent);
+
+    camera.command("unplug");
+    camera.command("replug");
+
+    EXPECT_EQ(0, stat("/dev/video0", &status));
+    EXPECT_EQ(-1, stat("/dev/video1", &status));
+    EXPECT_EQ(1u, camera.count("open node=1 flags=O_RDWR = 0"));
+}
+
+TEST(CameraFaults, FramesAreFlaggedAsBroken)
+{
+    VirtualCamera camera;
+    VideoClient client;
+    ASSERT_EQ(0, client.requestBuffers(2));
+    ASSERT_EQ(0, client.mapBuffers(2));
+    ASSERT_EQ(0, client.enqueue(0));
+    camera.command("broken 2");
+    ASSERT_EQ(0, client.streamOn());
+
+    for (const bool bBroken : {true, true, false}) {
+        v4l2_buffer buffer{};
+        dequeueOne(client, buffer);
+        EXPECT_EQ(bBroken, 0 != (buffer.flags & V4L2_BUF_FLAG_ERROR));
+        EXPECT_LT(10000u, buffer.bytesused);
+        ASSERT_EQ(0, client.enqueue(buffer.index));
+    }
 }
 
 TEST(CameraFaults, UnplugBetweenDequeueAndQueue)

@@ -70,7 +70,7 @@ TEST_F(V4l2Ctl, ShowsTheWholeCamera)
     EXPECT_TRUE(holds(strAll, "Width/Height      : 640/480"));
     EXPECT_TRUE(holds(strAll, "Pixel Format      : 'MJPG' (Motion-JPEG)"));
     EXPECT_TRUE(holds(strAll, "Field             : None"));
-    EXPECT_TRUE(holds(strAll, "Frames per second: 25.000 (25/1)"));
+    EXPECT_TRUE(holds(strAll, "Frames per second: 30.000 (30/1)"));
     EXPECT_TRUE(holds(strAll, "exposure_auto 0x009a0901 (menu)   : min=0 max=3 default=3 value=3"));
     EXPECT_TRUE(holds(strAll, "1: Manual Mode"));
     EXPECT_TRUE(holds(strAll, "min=1 max=5000 step=1 default=157 value=157 flags=inactive"));
