@@ -12,8 +12,8 @@ FrameProcessor& processor()
 {
     // Never destroyed: the service keeps the library loaded to its end, and its threads may still
     // be here while the process exits.
-    static FrameProcessor* const pProcessor = new FrameProcessor(Parameters());
-    return *pProcessor;
+    static FrameProcessor* const s_pProcessor = new FrameProcessor(Parameters());
+    return *s_pProcessor;
 }
 
 // A corrected picture belongs to the thread that asked for it, until that thread asks again.

@@ -40,7 +40,6 @@ struct View
     double dExposure;
 };
 
-// NOLINTNEXTLINE(readability-identifier-naming): GoogleTest looks for this name
 void PrintTo(const View& view, std::ostream* pStream)
 {
     *pStream << view.u32Width << "x" << view.u32Height << " k1 " << view.dK1 << " z " << view.dZMm

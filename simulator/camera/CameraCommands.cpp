@@ -220,7 +220,7 @@ std::string CameraCommands::unplug(const Words& vecWord)
     if (3 != vecWord.size() || "after" != vecWord[1]) {
         return USAGE;
     }
-    const CameraCall eCall = "dequeue" == vecWord[2] ? CAMERA_DQBUF : callOf(vecWord[2]);
+    const CAMERA_CALL_E eCall = "dequeue" == vecWord[2] ? CAMERA_DQBUF : callOf(vecWord[2]);
     if (CAMERA_CALLS == eCall || CAMERA_stat == eCall || CAMERA_open == eCall) {
         return "error: unknown call";
     }
@@ -238,7 +238,7 @@ std::string CameraCommands::fail(const Words& vecWord)
         (bSkip && !number(vecWord[5], u32Skip))) {
         return USAGE;
     }
-    const CameraCall eCall = callOf(vecWord[1]);
+    const CAMERA_CALL_E eCall = callOf(vecWord[1]);
     const int nErrno = errorOf(vecWord[2]);
     if (CAMERA_CALLS == eCall) {
         return "error: unknown call";

@@ -102,12 +102,12 @@ std::string reservedText(const uint32_t* pReserved, size_t uCount)
 
 } // namespace
 
-const char* callName(CameraCall eCall)
+const char* callName(CAMERA_CALL_E eCall)
 {
     return CALL_NAMES[eCall];
 }
 
-CameraCall callOf(const std::string& strName)
+CAMERA_CALL_E callOf(const std::string& strName)
 {
     const std::string strPrefix = "VIDIOC_";
     const std::string strBare = 0 == strName.compare(0, strPrefix.size(), strPrefix)
@@ -115,7 +115,7 @@ CameraCall callOf(const std::string& strName)
                                     : strName;
     for (int i = 0; i < CAMERA_CALLS; ++i) {
         if (strBare == CALL_NAMES[i]) {
-            return static_cast<CameraCall>(i);
+            return static_cast<CAMERA_CALL_E>(i);
         }
     }
     return CAMERA_CALLS;
@@ -154,7 +154,7 @@ std::string pixelFormatName(uint32_t u32Format)
     return strName;
 }
 
-std::string askedText(CameraCall eCall, const CameraRecord& record)
+std::string askedText(CAMERA_CALL_E eCall, const CameraRecord& record)
 {
     switch (eCall) {
     case CAMERA_stat:
@@ -260,7 +260,7 @@ std::string askedText(CameraCall eCall, const CameraRecord& record)
     }
 }
 
-std::string grantedText(CameraCall eCall, const CameraRecord& record)
+std::string grantedText(CAMERA_CALL_E eCall, const CameraRecord& record)
 {
     switch (eCall) {
     case CAMERA_stat:

@@ -8,10 +8,10 @@
 using CameraRecord = decltype(CameraPage::record);
 
 /** "S_FMT", "mmap", ...; an ioctl's name without its VIDIOC_. */
-const char* callName(CameraCall eCall);
+const char* callName(CAMERA_CALL_E eCall);
 
 /** The call of a name, VIDIOC_ in front or not; CAMERA_CALLS for an unknown one. */
-CameraCall callOf(const std::string& strName);
+CAMERA_CALL_E callOf(const std::string& strName);
 
 /** "ENODEV" for 19; "errno N" for a number above ERANGE. */
 std::string errorName(int nErrno);
@@ -23,7 +23,7 @@ int errorOf(const std::string& strName);
 std::string pixelFormatName(uint32_t u32Format);
 
 /** What the caller asked for, as "key=value" words; empty for a call without arguments. */
-std::string askedText(CameraCall eCall, const CameraRecord& record);
+std::string askedText(CAMERA_CALL_E eCall, const CameraRecord& record);
 
 /** What a successful call gave back, as "key=value" words; empty when it gives nothing. */
-std::string grantedText(CameraCall eCall, const CameraRecord& record);
+std::string grantedText(CAMERA_CALL_E eCall, const CameraRecord& record);

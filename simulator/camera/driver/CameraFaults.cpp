@@ -1,12 +1,12 @@
 // What the camera shall do wrong, as told by commands.
 #include "CameraFaults.h"
 
-void CameraFaults::failCall(CameraCall eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip)
+void CameraFaults::failCall(CAMERA_CALL_E eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip)
 {
     m_listCall.push_back({eCall, nErrno, u32Count, u32Skip});
 }
 
-int CameraFaults::failure(CameraCall eCall)
+int CameraFaults::failure(CAMERA_CALL_E eCall)
 {
     for (auto it = m_listCall.begin(); it != m_listCall.end(); ++it) {
         if (it->eCall != eCall) {

@@ -16,9 +16,9 @@ public:
     static const uint32_t ALWAYS = UINT32_MAX;
 
     /** Answer u32Count calls with an error, after u32Skip that go through. */
-    void failCall(CameraCall eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip);
+    void failCall(CAMERA_CALL_E eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip);
     /** The error that this call shall get, 0 for none; counts. */
-    int failure(CameraCall eCall);
+    int failure(CAMERA_CALL_E eCall);
 
     /** Give u32Count frames this number of bytes; beyond the buffer's length only in name. */
     void setBytes(uint32_t u32Bytes, uint32_t u32Count);
@@ -39,17 +39,17 @@ public:
     void setGrant(uint32_t u32Buffers, uint32_t u32Count);
     std::optional<uint32_t> grant();
 
-    std::optional<uint32_t> m_coercedRate;   // frames per second that every S_PARM is granted
-    std::optional<uint32_t> m_capabilities;  // that QUERYCAP tells
-    bool m_bNoTimePerFrame = false;          // the capability is not announced
-    bool m_bFrozen = false;                  // no frame is filled
-    bool m_bRegularNode = false;             // stat finds a regular file
-    std::optional<CameraCall> m_unplugAfter; // unplug when this call has succeeded
+    std::optional<uint32_t> m_coercedRate;      // frames per second that every S_PARM is granted
+    std::optional<uint32_t> m_capabilities;     // that QUERYCAP tells
+    bool m_bNoTimePerFrame = false;             // the capability is not announced
+    bool m_bFrozen = false;                     // no frame is filled
+    bool m_bRegularNode = false;                // stat finds a regular file
+    std::optional<CAMERA_CALL_E> m_unplugAfter; // unplug when this call has succeeded
 
 private:
     struct CallFault
     {
-        CameraCall eCall;
+        CAMERA_CALL_E eCall;
         int nErrno;
         uint32_t u32Count;
         uint32_t u32Skip;

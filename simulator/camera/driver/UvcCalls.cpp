@@ -6,7 +6,7 @@
 
 #include "UvcCamera.h"
 
-int UvcCamera::dispatch(ICameraHandle& handle, CameraCall eCall, CameraRecord& record,
+int UvcCamera::dispatch(ICameraHandle& handle, CAMERA_CALL_E eCall, CameraRecord& record,
                         bool bBlocking, bool& bWait)
 {
     const int nBlocked = blockedByPriority(handle, eCall);
@@ -84,7 +84,7 @@ int UvcCamera::dispatch(ICameraHandle& handle, CameraCall eCall, CameraRecord& r
     }
 }
 
-int UvcCamera::blockedByPriority(const ICameraHandle& handle, CameraCall eCall) const
+int UvcCamera::blockedByPriority(const ICameraHandle& handle, CAMERA_CALL_E eCall) const
 {
     switch (eCall) {
     case CAMERA_S_FMT:
@@ -106,7 +106,7 @@ int UvcCamera::blockedByPriority(const ICameraHandle& handle, CameraCall eCall) 
     }
 }
 
-int UvcCamera::formatCall(ICameraHandle& handle, CameraCall eCall, CameraFormat& format)
+int UvcCamera::formatCall(ICameraHandle& handle, CAMERA_CALL_E eCall, CameraFormat& format)
 {
     if (V4L2_BUF_TYPE_VIDEO_CAPTURE != format.u32Type) {
         return EINVAL;
@@ -131,7 +131,7 @@ int UvcCamera::formatCall(ICameraHandle& handle, CameraCall eCall, CameraFormat&
     return 0;
 }
 
-int UvcCamera::rateCall(ICameraHandle& handle, CameraCall eCall, v4l2_streamparm& parm)
+int UvcCamera::rateCall(ICameraHandle& handle, CAMERA_CALL_E eCall, v4l2_streamparm& parm)
 {
     if (V4L2_BUF_TYPE_VIDEO_CAPTURE != parm.type) {
         return EINVAL;
@@ -159,7 +159,7 @@ int UvcCamera::rateCall(ICameraHandle& handle, CameraCall eCall, v4l2_streamparm
  * The driver knows the crop rectangles, which are the whole picture, and cannot crop: S_CROP ends
  * in ENOTTY.
  */
-int UvcCamera::cropCall(CameraCall eCall, CameraRecord& record) const
+int UvcCamera::cropCall(CAMERA_CALL_E eCall, CameraRecord& record) const
 {
     const v4l2_rect whole{0, 0, m_choice.u32Width, m_choice.u32Height};
     if (CAMERA_CROPCAP == eCall) {
@@ -213,7 +213,7 @@ int UvcCamera::requestBuffers(ICameraHandle& handle, v4l2_requestbuffers& reques
     return 0;
 }
 
-int UvcCamera::bufferCall(ICameraHandle& handle, CameraCall eCall, CameraRecord& record,
+int UvcCamera::bufferCall(ICameraHandle& handle, CAMERA_CALL_E eCall, CameraRecord& record,
                           bool bBlocking, bool& bWait)
 {
     switch (eCall) {
@@ -250,7 +250,7 @@ int UvcCamera::bufferCall(ICameraHandle& handle, CameraCall eCall, CameraRecord&
     return nError;
 }
 
-int UvcCamera::streamCall(ICameraHandle& handle, CameraCall eCall, int32_t s32Type)
+int UvcCamera::streamCall(ICameraHandle& handle, CAMERA_CALL_E eCall, int32_t s32Type)
 {
     if (V4L2_BUF_TYPE_VIDEO_CAPTURE != s32Type) {
         return EINVAL;
@@ -274,7 +274,7 @@ int UvcCamera::streamCall(ICameraHandle& handle, CameraCall eCall, int32_t s32Ty
     return nError;
 }
 
-int UvcCamera::controlCall(CameraCall eCall, CameraRecord& record)
+int UvcCamera::controlCall(CAMERA_CALL_E eCall, CameraRecord& record)
 {
     switch (eCall) {
     case CAMERA_QUERYCTRL:
@@ -296,7 +296,7 @@ int UvcCamera::controlCall(CameraCall eCall, CameraRecord& record)
     }
 }
 
-int UvcCamera::inputCall(CameraCall eCall, CameraRecord& record) const
+int UvcCamera::inputCall(CAMERA_CALL_E eCall, CameraRecord& record) const
 {
     switch (eCall) {
     case CAMERA_ENUMINPUT: {
@@ -317,7 +317,7 @@ int UvcCamera::inputCall(CameraCall eCall, CameraRecord& record) const
     }
 }
 
-int UvcCamera::priorityCall(ICameraHandle& handle, CameraCall eCall, uint32_t& u32Priority)
+int UvcCamera::priorityCall(ICameraHandle& handle, CAMERA_CALL_E eCall, uint32_t& u32Priority)
 {
     if (CAMERA_S_PRIORITY == eCall) {
         if (u32Priority < V4L2_PRIORITY_BACKGROUND || u32Priority > V4L2_PRIORITY_RECORD) {

@@ -24,7 +24,7 @@ void UvcCamera::onPlug(PlugHandler pHandler, void* pContext)
 
 namespace {
 
-std::string lineOf(CameraCall eCall, const std::string& strAsked, int nErrno,
+std::string lineOf(CAMERA_CALL_E eCall, const std::string& strAsked, int nErrno,
                    const std::string& strGranted)
 {
     std::string strLine = callName(eCall);
@@ -77,7 +77,7 @@ void UvcCamera::opened(ICameraHandle& handle)
     settle(handle);
 }
 
-UvcCamera::Answer UvcCamera::call(ICameraHandle& handle, uint32_t u32Pid, CameraCall eCall,
+UvcCamera::Answer UvcCamera::call(ICameraHandle& handle, uint32_t u32Pid, CAMERA_CALL_E eCall,
                                   CameraRecord& record, bool bBlocking)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);

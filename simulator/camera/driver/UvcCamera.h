@@ -71,7 +71,7 @@ public:
         uint32_t u32TakeOff = 0; // packets to take off the descriptor
     };
     /** Answer any other call; the record is asked and answer in one. */
-    Answer call(ICameraHandle& handle, uint32_t u32Pid, CameraCall eCall, CameraRecord& record,
+    Answer call(ICameraHandle& handle, uint32_t u32Pid, CAMERA_CALL_E eCall, CameraRecord& record,
                 bool bBlocking);
 
     /** The handle's last descriptor is closed. Not journaled: the call "close" was, if made. */
@@ -128,19 +128,19 @@ private:
 
     static constexpr v4l2_fract DEFAULT_INTERVAL{1, 30}; // of every frame size
 
-    int dispatch(ICameraHandle& handle, CameraCall eCall, CameraRecord& record, bool bBlocking,
+    int dispatch(ICameraHandle& handle, CAMERA_CALL_E eCall, CameraRecord& record, bool bBlocking,
                  bool& bWait);
-    int formatCall(ICameraHandle& handle, CameraCall eCall, CameraFormat& format);
-    int rateCall(ICameraHandle& handle, CameraCall eCall, v4l2_streamparm& parm);
-    int cropCall(CameraCall eCall, CameraRecord& record) const;
-    int bufferCall(ICameraHandle& handle, CameraCall eCall, CameraRecord& record, bool bBlocking,
+    int formatCall(ICameraHandle& handle, CAMERA_CALL_E eCall, CameraFormat& format);
+    int rateCall(ICameraHandle& handle, CAMERA_CALL_E eCall, v4l2_streamparm& parm);
+    int cropCall(CAMERA_CALL_E eCall, CameraRecord& record) const;
+    int bufferCall(ICameraHandle& handle, CAMERA_CALL_E eCall, CameraRecord& record, bool bBlocking,
                    bool& bWait);
     int requestBuffers(ICameraHandle& handle, v4l2_requestbuffers& request);
-    int streamCall(ICameraHandle& handle, CameraCall eCall, int32_t s32Type);
-    int controlCall(CameraCall eCall, CameraRecord& record);
-    int inputCall(CameraCall eCall, CameraRecord& record) const;
-    int priorityCall(ICameraHandle& handle, CameraCall eCall, uint32_t& u32Priority);
-    int blockedByPriority(const ICameraHandle& handle, CameraCall eCall) const;
+    int streamCall(ICameraHandle& handle, CAMERA_CALL_E eCall, int32_t s32Type);
+    int controlCall(CAMERA_CALL_E eCall, CameraRecord& record);
+    int inputCall(CAMERA_CALL_E eCall, CameraRecord& record) const;
+    int priorityCall(ICameraHandle& handle, CAMERA_CALL_E eCall, uint32_t& u32Priority);
+    int blockedByPriority(const ICameraHandle& handle, CAMERA_CALL_E eCall) const;
 
     int acquire(ICameraHandle& handle);
     void release(ICameraHandle& handle);

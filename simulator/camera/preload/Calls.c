@@ -8,7 +8,7 @@
 
 #include "Session.h"
 
-static int plainCall(struct OpenCamera* pSession, enum CameraCall eCall, uint32_t u32Request,
+static int plainCall(struct OpenCamera* pSession, enum CAMERA_CALL_E eCall, uint32_t u32Request,
                      void* pArgument, size_t uSize)
 {
     uint8_t au8Record[sizeof(((struct CameraPage*)0)->record)] = {0};
@@ -22,7 +22,7 @@ static int plainCall(struct OpenCamera* pSession, enum CameraCall eCall, uint32_
     return nError;
 }
 
-static int formatCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pArgument)
+static int formatCall(struct OpenCamera* pSession, enum CAMERA_CALL_E eCall, void* pArgument)
 {
     struct v4l2_format* pFormat = pArgument;
     struct CameraFormat record = {.u32Type = pFormat->type, .pix = pFormat->fmt.pix};
@@ -49,7 +49,7 @@ static void bufferBack(struct v4l2_buffer* pBuffer, const struct CameraBuffer* p
     pBuffer->length = pRecord->u32Length;
 }
 
-static int bufferCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pArgument,
+static int bufferCall(struct OpenCamera* pSession, enum CAMERA_CALL_E eCall, void* pArgument,
                       bool* pWait)
 {
     struct v4l2_buffer* pBuffer = pArgument;
@@ -89,7 +89,7 @@ static int dequeueCall(struct OpenCamera* pSession, int nFd, void* pArgument)
     }
 }
 
-static int controlsCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pArgument)
+static int controlsCall(struct OpenCamera* pSession, enum CAMERA_CALL_E eCall, void* pArgument)
 {
     struct v4l2_ext_controls* pControls = pArgument;
     struct CameraControls record = {
@@ -115,7 +115,7 @@ static int controlsCall(struct OpenCamera* pSession, enum CameraCall eCall, void
     return nError;
 }
 
-static int otherCall(struct OpenCamera* pSession, enum CameraCall eCall, uint32_t u32Value)
+static int otherCall(struct OpenCamera* pSession, enum CAMERA_CALL_E eCall, uint32_t u32Value)
 {
     return cameraCall(pSession, eCall, &u32Value, sizeof(u32Value), false, NULL);
 }

@@ -85,7 +85,7 @@
 
 #define CAMERA_ALL_CALLS(X) CAMERA_PLAIN_CALLS(X) CAMERA_TRANSLATED_CALLS(X) CAMERA_OTHER_CALLS(X)
 
-enum CameraCall
+enum CAMERA_CALL_E
 {
 #define CAMERA_ENUMERATOR(name, type, field) CAMERA_##name,
     CAMERA_ALL_CALLS(CAMERA_ENUMERATOR)
@@ -170,7 +170,7 @@ struct CameraPage
     uint32_t u32Gone;      /* kestrel-camera has ended: no call will be answered */
     uint32_t u32Unplugged; /* the connection was shut down by an unplug */
 
-    uint32_t u32Call;            /* enum CameraCall */
+    uint32_t u32Call;            /* enum CAMERA_CALL_E */
     uint32_t u32Pid;             /* of the caller */
     uint32_t u32Blocking;        /* the descriptor is not O_NONBLOCK */
     int32_t s32Errno;            /* answer: 0 or an error number */

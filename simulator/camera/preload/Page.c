@@ -55,7 +55,7 @@ static uint32_t microsecondsSince(const struct timespec* pStart)
                       (now.tv_nsec - pStart->tv_nsec + 500) / 1000);
 }
 
-int cameraCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pRecord, size_t uSize,
+int cameraCall(struct OpenCamera* pSession, enum CAMERA_CALL_E eCall, void* pRecord, size_t uSize,
                bool bAlwaysBack, bool* pWait)
 {
     const int nSaved = errno;

@@ -64,7 +64,7 @@ struct OpenCamera* cameraOf(int nFd);
  * @param pWait  set when the call shall be made again once the descriptor is readable; may be null
  * @return 0 or an error number; ENODEV when kestrel-camera has ended
  */
-int cameraCall(struct OpenCamera* pSession, enum CameraCall eCall, void* pRecord, size_t uSize,
+int cameraCall(struct OpenCamera* pSession, enum CAMERA_CALL_E eCall, void* pRecord, size_t uSize,
                bool bAlwaysBack, bool* pWait);
 
 /*

@@ -156,7 +156,7 @@ void CameraSession::answer()
         return;
     }
     m_u32CpuMicroseconds = m_pPage->u32CpuMicroseconds;
-    const CameraCall eCall = static_cast<CameraCall>(u32Call);
+    const CAMERA_CALL_E eCall = static_cast<CAMERA_CALL_E>(u32Call);
     const UvcCamera::Answer given =
         m_camera.call(*this, m_pPage->u32Pid, eCall, m_pPage->record, 0 != m_pPage->u32Blocking);
     m_pPage->s32Errno = given.nErrno;
