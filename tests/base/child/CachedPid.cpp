@@ -3,19 +3,19 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-static pid_t s_pid = 0;
+static pid_t g_pid = 0;
 
 static void forget()
 {
-    s_pid = 0;
+    g_pid = 0;
 }
 
 // The linker gives the program's calls to this one.
 extern "C" pid_t __wrap_getpid()
 {
     static const int REGISTERED = pthread_atfork(nullptr, nullptr, &forget);
-    if (0 == s_pid || 0 != REGISTERED) {
-        s_pid = static_cast<pid_t>(syscall(SYS_getpid));
+    if (0 == g_pid || 0 != REGISTERED) {
+        g_pid = static_cast<pid_t>(syscall(SYS_getpid));
     }
-    return s_pid;
+    return g_pid;
 }
