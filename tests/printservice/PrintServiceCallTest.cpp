@@ -27,7 +27,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-Texts s_vecIdleReport; // what the codec was asked to encode
+Texts g_vecIdleReport; // what the codec was asked to encode
 
 int codeBehind(const std::string& strReply, const char* pName)
 {
@@ -72,7 +72,7 @@ std::string ReplyCodec::encodeIdleReport(std::vector<int32_t> vecValue, int32_t 
     for (const int32_t s32Value : vecValue) {
         strReport += " " + std::to_string(s32Value);
     }
-    s_vecIdleReport.push_back(strReport);
+    g_vecIdleReport.push_back(strReport);
     return strReport;
 }
 
@@ -216,7 +216,7 @@ protected:
         m_pService->setUart(&m_controller.m_uart);
         testing::internal::CaptureStdout();
         m_bCapturing = true;
-        s_vecIdleReport.clear();
+        g_vecIdleReport.clear();
     }
 
     void TearDown() override
@@ -587,13 +587,13 @@ TEST_F(PrintServiceCall, IdleStatusThreeAsksBeforeItReports)
     IdleAnswer subscriber;
     EventBus<IdlePrintEvent>::subscribe(&subscriber, &IdleAnswer::onIdlePrint);
     Texts vecAtReport{"none"};
-    const OnReport report([&vecAtReport](const std::string&) { vecAtReport = s_vecIdleReport; });
+    const OnReport report([&vecAtReport](const std::string&) { vecAtReport = g_vecIdleReport; });
     m_controller.say("status:3\n");
 
     service().pollStatus();
 
     EventBus<IdlePrintEvent>::unsubscribe(&subscriber, &IdleAnswer::onIdlePrint);
-    EXPECT_EQ(Texts{"1 2: 7 8"}, s_vecIdleReport); // encoded, though it goes nowhere
+    EXPECT_EQ(Texts{"1 2: 7 8"}, g_vecIdleReport); // encoded, though it goes nowhere
     EXPECT_EQ(Texts{"1 2: 7 8"}, vecAtReport);
     EXPECT_EQ("", m_controller.bytes());
 }

@@ -34,7 +34,7 @@ struct Calls
     size_t uWrites = 0; // to it
 };
 
-Calls s_calls;
+Calls g_calls;
 
 template <class F> F realFunction(const char* pName)
 {
@@ -47,9 +47,9 @@ template <class F> F realFunction(const char* pName)
 
 extern "C" int tcgetattr(int nFd, termios* pAttr) LIBRARY_CALL
 {
-    s_calls.strNoted += "get ";
-    if (0 != s_calls.nGetError) {
-        errno = s_calls.nGetError;
+    g_calls.strNoted += "get ";
+    if (0 != g_calls.nGetError) {
+        errno = g_calls.nGetError;
         return -1;
     }
     return realFunction<int (*)(int, termios*)>("tcgetattr")(nFd, pAttr);
@@ -57,9 +57,9 @@ extern "C" int tcgetattr(int nFd, termios* pAttr) LIBRARY_CALL
 
 extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) LIBRARY_CALL
 {
-    s_calls.strNoted += (TCSANOW == nAction) ? "set " : "set-late ";
-    if (0 != s_calls.nSetError) {
-        errno = s_calls.nSetError;
+    g_calls.strNoted += (TCSANOW == nAction) ? "set " : "set-late ";
+    if (0 != g_calls.nSetError) {
+        errno = g_calls.nSetError;
         return -1;
     }
     return realFunction<int (*)(int, int, const termios*)>("tcsetattr")(nFd, nAction, pAttr);
@@ -67,13 +67,13 @@ extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) LIBRARY_CAL
 
 extern "C" int tcflush(int nFd, int nQueue) LIBRARY_CALL
 {
-    s_calls.strNoted += (TCIFLUSH == nQueue) ? "flush-in " : "flush-other ";
+    g_calls.strNoted += (TCIFLUSH == nQueue) ? "flush-in " : "flush-other ";
     return realFunction<int (*)(int, int)>("tcflush")(nFd, nQueue);
 }
 
 extern "C" int fsync(int nFd)
 {
-    s_calls.strNoted += "fsync ";
+    g_calls.strNoted += "fsync ";
     return realFunction<int (*)(int)>("fsync")(nFd);
 }
 
@@ -81,8 +81,8 @@ extern "C" ssize_t __real_write(int nFd, const void* pData, size_t uSize);
 
 extern "C" ssize_t __wrap_write(int nFd, const void* pData, size_t uSize)
 {
-    if (nFd == s_calls.nNarrowFd) {
-        uSize = std::min(uSize, ++s_calls.uWrites);
+    if (nFd == g_calls.nNarrowFd) {
+        uSize = std::min(uSize, ++g_calls.uWrites);
     }
     return __real_write(nFd, pData, uSize);
 }
@@ -99,11 +99,11 @@ protected:
         ASSERT_EQ(0, openpty(&m_nMaster, &m_nSlave, acPath, nullptr, nullptr));
         m_strPath = acPath;
         ASSERT_EQ(1, m_uart.open(m_strPath));
-        s_calls = {};
+        g_calls = {};
     }
     void TearDown() override
     {
-        s_calls = {};
+        g_calls = {};
         m_uart.close();
         close(m_nMaster);
         close(m_nSlave);
@@ -112,11 +112,11 @@ protected:
     /** What an operation says on standard error when this call fails, with EIO. */
     template <class O> std::string told(int Calls::*pError, int nExpected, O operation)
     {
-        s_calls = {};
-        s_calls.*pError = EIO;
+        g_calls = {};
+        g_calls.*pError = EIO;
         testing::internal::CaptureStderr();
         EXPECT_EQ(nExpected, operation());
-        s_calls.*pError = 0;
+        g_calls.*pError = 0;
         return testing::internal::GetCapturedStderr();
     }
 
@@ -153,19 +153,19 @@ TEST_F(UARTCall, PortDoesNotBecomeTheControllingTerminal)
 TEST_F(UARTCall, SendSynchronisesOnceAfterItsLastByte)
 {
     EXPECT_EQ(3, m_uart.send("M5\n", 3, 0));
-    EXPECT_EQ("fsync ", s_calls.strNoted);
+    EXPECT_EQ("fsync ", g_calls.strNoted);
 
     EXPECT_EQ(0, m_uart.send("", 0, 0));
-    EXPECT_EQ("fsync fsync ", s_calls.strNoted);
+    EXPECT_EQ("fsync fsync ", g_calls.strNoted);
 }
 
 TEST_F(UARTCall, SendGoesOnBehindEachPartThatThePortTakes)
 {
-    s_calls.nNarrowFd = m_uart.getFd();
+    g_calls.nNarrowFd = m_uart.getFd();
 
     EXPECT_EQ(10, m_uart.send("0123456789", 10, 0));
 
-    EXPECT_EQ(4U, s_calls.uWrites);
+    EXPECT_EQ(4U, g_calls.uWrites);
     std::string strArrived;
     while (strArrived.size() < 10) { // in parts here, too
         char acPart[16];
@@ -217,7 +217,7 @@ TEST_F(UARTCall, RefusedCharacterSizeIsTold)
 
     EXPECT_EQ(line("SetupSerial 3"),
               told(&Calls::nSetError, 0, [this] { return m_uart.setDataBits(7); }));
-    EXPECT_EQ("get flush-in set ", s_calls.strNoted);
+    EXPECT_EQ("get flush-in set ", g_calls.strNoted);
     EXPECT_EQ(line("SetupSerial 1"),
               told(&Calls::nGetError, 0, [this] { return m_uart.setDataBits(7); }));
 
@@ -230,7 +230,7 @@ TEST_F(UARTCall, RefusedStopBitsAreTold)
 
     EXPECT_EQ(line("SetupSerial 3"),
               told(&Calls::nSetError, 0, [this] { return m_uart.setStopBits(2); }));
-    EXPECT_EQ("get flush-in set ", s_calls.strNoted);
+    EXPECT_EQ("get flush-in set ", g_calls.strNoted);
     EXPECT_EQ(line("SetupSerial 1"),
               told(&Calls::nGetError, 0, [this] { return m_uart.setStopBits(2); }));
 
@@ -243,7 +243,7 @@ TEST_F(UARTCall, RefusedParityIsTold)
 
     EXPECT_EQ(line("SetupSerial 3"),
               told(&Calls::nSetError, 0, [this] { return m_uart.setParity(0); }));
-    EXPECT_EQ("get flush-in set ", s_calls.strNoted);
+    EXPECT_EQ("get flush-in set ", g_calls.strNoted);
     EXPECT_EQ(line("SetupSerial 1"),
               told(&Calls::nGetError, 0, [this] { return m_uart.setParity(0); }));
 
