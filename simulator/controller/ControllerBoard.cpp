@@ -2,6 +2,7 @@
 #include "ControllerBoard.h"
 
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -9,8 +10,6 @@
 #include <vector>
 
 #include <poll.h>
-
-#include <climits>
 
 #include "GrblController.h"
 

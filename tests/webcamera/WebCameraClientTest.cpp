@@ -1,10 +1,10 @@
 // What a connection does with each request, and with what comes behind it.
 #include "WebCameraClient.h"
 
+#include <climits>
 #include <cstring>
 #include <limits>
 
-#include <climits>
 #include <gtest/gtest.h>
 
 #include "CallJournal.h"

@@ -1,11 +1,11 @@
 // Waits on and wakes 32-bit words that two processes share.
 #include "Futex.h"
 
+#include <climits>
+
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#include <climits>
 
 namespace Futex {
 
