@@ -20,6 +20,8 @@ static const int MOST_ACCEPTS = 16; // in a pass
 static const int MOST_READS = 16;   // likewise, of one connection
 static const uint32_t LISTENER_MASK = EPOLLET | EPOLLIN;
 static const uint32_t CLIENT_MASK = EPOLLET | EPOLLHUP | EPOLLERR | EPOLLOUT | EPOLLIN;
+static const uint32_t LOOK_MS = 1000;
+static const uint32_t SILENT_MS = 8000;
 static const int32_t KEEP_ALIVE[] = {5, 1, 2}; // seconds idle, seconds between probes, probes
 
 TcpServer::TcpServer(const char* pName, int nMostClients)
@@ -94,9 +96,27 @@ int TcpServer::uninit()
     return 0;
 }
 
+/** The connections of peers that no longer acknowledge. */
+void TcpServer::endSilent()
+{
+    forEach([this](EPollEvent& event) {
+        TcpSocket socket(*event.m_pFd);
+        if (socket.isPeerSilent(SILENT_MS)) {
+            // By a reset: what is unacknowledged would else stay with the kernel for minutes.
+            (void)socket.setOptLinger(true, 0);
+            (void)onPollError(&event);
+        }
+    });
+}
+
 int TcpServer::getWaitMs()
 {
     m_nAccepted = 0;
+    const uint32_t u32NowMs = monotonicMs32();
+    if (u32NowMs - m_u32LookedMs >= LOOK_MS) { // no wait is shortened for it
+        m_u32LookedMs = u32NowMs;
+        endSilent();
+    }
     int nWaitMs = EPoll::getWaitMs();
     forEach([this, &nWaitMs](EPollEvent& event) { // no larger: it would be allocated
         nWaitMs = std::min(nWaitMs, getTimeLeft(event));

@@ -2,8 +2,10 @@
 #include "TcpSocket.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,6 +15,8 @@
 #include "Log.h"
 
 static const char* const SOURCE_NAME = "TcpSocket";
+
+static const uint32_t ANSWER_MS = 1000; // more than a round trip takes
 
 namespace {
 
@@ -121,6 +125,24 @@ int TcpSocket::checkState() const
     nState |= (0 != (entry.revents & (POLLOUT | POLLERR))) ? 2 : 0;
     nState |= (0 != (entry.revents & POLLPRI)) ? 4 : 0;
     return nState;
+}
+
+bool TcpSocket::isPeerSilent(uint32_t u32Ms) const
+{
+    tcp_info info{};
+    socklen_t uLength = sizeof(info);
+    if (0 != getsockopt(m_fd, IPPROTO_TCP, TCP_INFO, &info, &uLength) ||
+        uLength < offsetof(tcp_info, tcpi_last_ack_recv) + sizeof(info.tcpi_last_ack_recv) ||
+        info.tcpi_last_ack_recv < u32Ms) {
+        return false;
+    }
+    // What was sent just now may yet be answered, after however long a pause: so it is with a
+    // window that was closed with data on its way, which the kernel sends again and again.
+    const bool bData = info.tcpi_unacked > 0 && info.tcpi_last_data_sent >= ANSWER_MS &&
+                       info.tcpi_last_data_sent < info.tcpi_last_ack_recv;
+    // Likewise the latest probe; the one before it has not been answered.
+    const bool bProbes = info.tcpi_probes > 1;
+    return bData || bProbes;
 }
 
 int TcpSocket::setOptRcvBuf(int32_t nSize)

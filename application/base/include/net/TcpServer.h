@@ -15,6 +15,10 @@
  * routes readiness to it, all on the reactor's thread. No connection holds it: in one pass a
  * connection reads 16 times at most and 16 are accepted at most, the rest has its turn in the next.
  *
+ * Whose peer vanishes without a word ends, too: when nothing has been sent for a while the kernel's
+ * keep-alive tells after 7 s, else nothing has been acknowledged for 8 s, which is looked at once a
+ * second. A peer that merely reads nothing stays.
+ *
  * Order of calls: init, start, ..., stop, uninit. Connections outlive stop and uninit; those that
  * are still open end with the server, as an error would end them. Logging is at level 2 for
  * failures and 8 for connections that come and go.
@@ -70,7 +74,7 @@ protected:
     /** End the connection that has the highest rank above 0. @return false when none has */
     bool endHighest(const std::function<uint32_t(TcpClient&)>& rank);
 
-    /** Ends the connections whose time is over. */
+    /** Ends the connections whose time is over, or whose peer has vanished. */
     int getWaitMs() override;
 
     TcpSocket m_socket; // listens
@@ -81,6 +85,7 @@ private:
     RET_E onPollOut(Event* pEvent);
     RET_E onPollError(Event* pEvent);
     void welcome(TcpSocket& socket);
+    void endSilent();
     RET_E endTurn(EPollEvent& event, bool bMore);
     int getTimeLeft(EPollEvent& event);
     bool tune(TcpSocket& socket);
@@ -88,7 +93,8 @@ private:
 
     int m_nReceiveBufferSize = 0;
     int m_nSendBufferSize = 0;
-    int m_nAccepted = 0; // in this pass
+    int m_nAccepted = 0;        // in this pass
+    uint32_t m_u32LookedMs = 0; // for silent peers, of monotonicMs32
     const int m_nMostClients;
     int m_nClients = 0;
     // Made for connections whose set-up then failed; they live as long as the server.

@@ -35,6 +35,16 @@ public:
     int checkState() const;
 
     /**
+     * Something that was sent has not been acknowledged, nor has anything else for so long, by
+     * TCP_INFO. A peer that merely reads nothing is not silent: what was sent it has acknowledged,
+     * and it answers the probes of its closed window, which come at ever longer intervals.
+     * Unlogged.
+     * @param u32Ms  milliseconds, seconds rather than less
+     * @return false also without a descriptor, and where the kernel does not tell
+     */
+    bool isPeerSilent(uint32_t u32Ms) const;
+
+    /**
      * Set the buffer's size, brought into the limits of the kernel's tcp_rmem and tcp_wmem; runs a
      * shell command to read them. A size beyond them is corrected and logged at level 2.
      */
