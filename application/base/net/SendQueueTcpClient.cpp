@@ -1,6 +1,7 @@
 // A connection that any thread can hand data to: a queue in front of the write engine.
 #include "SendQueueTcpClient.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 #include <utility>
@@ -11,6 +12,11 @@
 // What an item binds beside its bytes: its block's count, its place in the queue, the allocator's
 // part of each.
 static const uint32_t ITEM_BYTES = 192;
+
+// From so many bytes on, what follows begins a segment of its own (MSG_EOR, Linux 4.7): appended to
+// what is not sent yet the kernel would take a whole picture past TCP_NOTSENT_LOWAT. Less is small
+// answers and lines, which had better share segments.
+static const int PICTURE_BYTES = 4096;
 
 static uint32_t boundBytes(const SendQueueTcpClient::Item& item)
 {
@@ -82,7 +88,7 @@ SendQueueTcpClient::ENQUEUE_E SendQueueTcpClient::enqueue(Item* pItems, size_t u
 int SendQueueTcpClient::getQueueLength()
 {
     MutexGuard guard(m_mtxQueue);
-    return static_cast<int>(m_queue.size());
+    return static_cast<int>(m_queue.size()) + m_nBehind.load();
 }
 
 uint32_t SendQueueTcpClient::getWaitingBytes()
@@ -157,19 +163,36 @@ int SendQueueTcpClient::fetchBuffer()
     }
     m_nWritten = 0;
     m_nOffset = 0;
-    while (m_nSending < MOST_GATHERED && takeFront(m_aSending[m_nSending])) {
-        Item& item = m_aSending[m_nSending];
-        if (nullptr == item.data.get() || 0 == item.nLength) {
-            u32Bytes += boundBytes(item);
-            item = Item();
-            continue;
+    if (u32Bytes > 0) {
+        give(u32Bytes);
+    }
+    gather();
+    return 0;
+}
+
+/** Take what waits, as far as there is room. */
+void SendQueueTcpClient::gather()
+{
+    uint32_t u32Bytes = 0; // of items without any
+    {
+        MutexGuard guard(m_mtxQueue);
+        while (guard.isHeld() && m_nSending < MOST_GATHERED && !m_queue.empty()) {
+            Item& item = m_aSending[m_nSending];
+            item = std::move(m_queue.front());
+            m_queue.pop_front();
+            m_u32Waiting -= static_cast<uint32_t>(item.nLength);
+            if (nullptr == item.data.get() || 0 == item.nLength) {
+                u32Bytes += boundBytes(item);
+                item = Item();
+                continue;
+            }
+            ++m_nSending;
         }
-        ++m_nSending;
+        m_nBehind = std::max(0, m_nSending - 1);
     }
     if (u32Bytes > 0) {
         give(u32Bytes);
     }
-    return 0;
 }
 
 int SendQueueTcpClient::sendRest()
@@ -177,6 +200,14 @@ int SendQueueTcpClient::sendRest()
     if (isGivenUp()) {
         return 1; // its socket is shut down already: nothing to log
     }
+    if (m_bRefused) {
+        gather(); // what has come to wait since then leaves with it
+    }
+    int nLength = 0; // of the whole batch, so that its last piece counts as it does
+    for (int i = 0; i < m_nSending; ++i) {
+        nLength += m_aSending[i].nLength;
+    }
+    const int nFlags = (nLength >= PICTURE_BYTES) ? MSG_EOR : 0;
     int nDone = 0;
     do {
         iovec aPiece[MOST_GATHERED];
@@ -187,12 +218,14 @@ int SendQueueTcpClient::sendRest()
             piece.iov_base = item.data.get() + item.data.getDataOffset() + nSkip;
             piece.iov_len = static_cast<size_t>(item.nLength - nSkip);
         }
-        if (0 != m_socket.write(aPiece, m_nSending - m_nWritten, nDone)) {
+        if (0 != m_socket.write(aPiece, m_nSending - m_nWritten, nDone, nFlags)) {
             return 1;
         }
         skipWritten(nDone);
     } while (0 == nDone && EINTR == errno); // no out event would follow a signal
+    m_bRefused = 0 == m_nWritten && 0 == m_nOffset;
     if (nDone > 0) {
+        m_nBehind = 0;
         m_u32Handed += static_cast<uint32_t>(nDone);
         noteTaken();
     }

@@ -298,7 +298,7 @@ int Socket::write(const void* pData, int nLength, int& nDone, const sockaddr_in*
     return finishWrite(nSent, nErrno, 0 == nLength, nDone, __LINE__);
 }
 
-int Socket::write(iovec* pPieces, int nCount, int& nDone)
+int Socket::write(iovec* pPieces, int nCount, int& nDone, int nFlags)
 {
     nDone = 0;
     if (!isValid()) {
@@ -311,7 +311,7 @@ int Socket::write(iovec* pPieces, int nCount, int& nDone)
     int nErrno = 0;
     {
         MutexGuard guard(m_writeMutex);
-        nSent = sendmsg(m_fd, &message, 0);
+        nSent = sendmsg(m_fd, &message, nFlags);
         nErrno = errno;
     }
     return finishWrite(nSent, nErrno, false, nDone, __LINE__);

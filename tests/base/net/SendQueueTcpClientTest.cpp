@@ -213,6 +213,33 @@ TEST(SendQueueTcpClient, WhatIsBeingSentDoesNotWait)
     EXPECT_FALSE(client.isDrained());
 }
 
+TEST(SendQueueTcpClient, BatchThatFindsNoRoomWaitsButForItsFirst)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    const size_t uBefore = fillUp(pair.m_near);
+    SendQueueTcpClient::Item aItem[3];
+    const char* const aText[] = {"head", "picture", "boundary"};
+    for (int i = 0; i < 3; ++i) {
+        aItem[i].data = block(aText[i]);
+        aItem[i].nLength = static_cast<int>(strlen(aText[i]));
+    }
+
+    EXPECT_TRUE(client.sendTogether(aItem, 3));
+    EXPECT_EQ(2, client.getQueueLength());
+    client.sendText("more");
+    EXPECT_EQ(3, client.getQueueLength());
+
+    EXPECT_EQ(uBefore, readBytes(pair.m_far, uBefore).size());
+    ASSERT_TRUE(pair.m_near.waitWritable(Time(30, 0)));
+    FaultScope fault("sendmsg:2-:EPIPE");
+    ASSERT_EQ(0, client.write()); // the out event
+    EXPECT_EQ("headpictureboundarymore", readBytes(pair.m_far, 23));
+    EXPECT_EQ(0U, faultHits()) << "one call";
+    EXPECT_EQ(0, client.getQueueLength());
+    EXPECT_TRUE(client.isDrained());
+}
+
 TEST(SendQueueTcpClient, OnlyTheGivenBytesBehindTheDataOffsetAreSent)
 {
     NetPair pair;

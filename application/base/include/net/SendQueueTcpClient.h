@@ -46,7 +46,11 @@ public:
      */
     bool sendTogether(Item* pItems, size_t uCount);
 
-    /** @return items waiting; those being sent are not counted. Any thread. */
+    /**
+     * @return items waiting; those being sent are not counted. Of those that the kernel was given
+     * together, and has taken nothing of yet, the first is being sent and the others wait. Any
+     * thread.
+     */
     int getQueueLength();
 
     /** Nothing waits and nothing is being sent. Any thread. */
@@ -82,6 +86,7 @@ private:
 
     ENQUEUE_E enqueue(Item* pItems, size_t uCount);
     bool takeFront(Item& item);
+    void gather();
     bool hasBuffer() const override;
     bool isRestLeft() const override;
     int sendRest() override;
@@ -94,12 +99,14 @@ private:
     std::list<Item> m_queue GUARDED_BY(m_mtxQueue);
     uint32_t m_u32Waiting GUARDED_BY(m_mtxQueue) = 0; // bytes of the items in the queue
     Item m_item GUARDED_BY(m_mtxQueue);               // of getNextBuffer
+    std::atomic<int> m_nBehind{0}; // items being sent that still count as waiting
 
     // The write engine's, guarded by its lock.
     Item m_aSending[MOST_GATHERED];
-    int m_nSending = 0; // items
-    int m_nWritten = 0; // of them, whole
-    int m_nOffset = 0;  // bytes written of the next one
+    int m_nSending = 0;      // items
+    int m_nWritten = 0;      // of them, whole
+    int m_nOffset = 0;       // bytes written of the next one
+    bool m_bRefused = false; // the kernel had no room for any of them
 
     std::atomic<uint32_t> m_u32Handed{0};
 };

@@ -165,8 +165,8 @@ public:
      */
     int write(const void* pData, int nLength, int& nDone, const sockaddr_in* pAddr = nullptr);
 
-    /** As write, of several pieces in one call (sendmsg(2)): bytes that follow each other. */
-    int write(iovec* pPieces, int nCount, int& nDone);
+    /** As write, of pieces that follow each other, in one call; with the flags of sendmsg(2). */
+    int write(iovec* pPieces, int nCount, int& nDone, int nFlags = 0);
 
     /** Send everything; while the kernel's buffer is full it tries every 3 ms, for ever. */
     int writeE(const void* pData, const int& nLength, const sockaddr_in* pAddr = nullptr);
