@@ -262,9 +262,14 @@ def close_connections():
         _connections.pop().close()
 
 
-def connect(port=HTTP_PORT, receive_buffer=None):
+def unconnected():
     client = socket.socket()
     _connections.append(client)
+    return client
+
+
+def connect(port=HTTP_PORT, receive_buffer=None):
+    client = unconnected()
     if receive_buffer is not None:
         client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     client.settimeout(DEADLINE)
@@ -292,11 +297,13 @@ class LiveStream:
     HEADER_END = b"\r\n\r\n"
     TRAILER = b"\r\n--boundarydonotcross\r\n"
 
-    def __init__(self, path="/live", receive_buffer=None):
-        self.socket = connect(receive_buffer=receive_buffer)
+    def __init__(self, path="/live", receive_buffer=None, client=None):
+        """On a connection of its own unless there is a client already."""
+        self.socket = client or connect(receive_buffer=receive_buffer)
         self.socket.sendall(f"GET {path} HTTP/1.1\r\nHost: board\r\n\r\n".encode())
         self.buffer = b""
         self.header = None
+        self.stamp = None  # of the latest part: X-Timestamp, in seconds
 
     def _fill(self):
         data = self.socket.recv(65536)
@@ -329,6 +336,7 @@ class LiveStream:
         trailer = self._exactly(len(self.TRAILER))
         if trailer != self.TRAILER:
             raise AssertionError(f"not a part's end: {trailer!r}")
+        self.stamp = int(match.group(2)) + int(match.group(3)) / 1e6
         return picture
 
     def close(self):
