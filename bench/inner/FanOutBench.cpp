@@ -1,8 +1,9 @@
-// One frame to 1, 8 and 64 clients of the stream, beside the same blocks by bare send.
+// One frame to 1, 8 and 64 clients of the stream, beside the same blocks by bare sendmsg.
 #include <memory>
 #include <vector>
 
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <benchmark/benchmark.h>
 
@@ -110,9 +111,13 @@ void bareFanOut(benchmark::State& state)
         const double dStart = threadCpuSeconds();
         bool bTaken = true;
         for (const auto& pPair : vecPair) {
-            ssize_t nSent = send(pPair->near(), HEAD, sizeof(HEAD) - 1, MSG_NOSIGNAL);
-            nSent += send(pPair->near(), frame.get()->au8Data, PICTURE, MSG_NOSIGNAL);
-            nSent += send(pPair->near(), BOUNDARY, sizeof(BOUNDARY) - 1, MSG_NOSIGNAL);
+            iovec aPiece[] = {{const_cast<char*>(HEAD), sizeof(HEAD) - 1},
+                              {frame.get()->au8Data, PICTURE},
+                              {const_cast<char*>(BOUNDARY), sizeof(BOUNDARY) - 1}};
+            msghdr message{};
+            message.msg_iov = aPiece;
+            message.msg_iovlen = 3;
+            const ssize_t nSent = sendmsg(pPair->near(), &message, MSG_NOSIGNAL);
             bTaken = bTaken && static_cast<ssize_t>(PART) == nSent;
         }
         state.SetIterationTime(threadCpuSeconds() - dStart);

@@ -1,4 +1,4 @@
-// The send queue: what handing a block over costs, to an idle and to a busy connection.
+// The send queue: what handing blocks over costs, to an idle and to a busy connection.
 #include <cstdlib>
 #include <deque>
 #include <memory>
@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <benchmark/benchmark.h>
 
@@ -15,8 +16,9 @@
 
 namespace {
 
-const int BLOCK = 64;  // bytes, a boundary's order
-const int ROUND = 256; // blocks between two looks at the clock
+const int BLOCK = 64;       // bytes, a boundary's order
+const int ROUND = 256;      // blocks between two looks at the clock
+const int LARGE = 16 << 20; // bytes, more than both sockets' buffers hold
 
 SafePointer_C<char> makeBlock()
 {
@@ -62,57 +64,109 @@ void bareSend(benchmark::State& state)
     state.counters["parts"] = ROUND;
 }
 
-/** A connection whose socket is full: it takes nothing, until the bench takes the block itself. */
-class BusyClient : public SendQueueTcpClient
+/** Hands over three at a time, a part's number: they leave in one call. */
+void handOverParts(benchmark::State& state)
 {
-public:
-    void takeOne()
-    {
-        const void* pData = nullptr;
-        int nLength = 0;
-        (void)SendQueueTcpClient::getNextBuffer(pData, nLength);
-        benchmark::DoNotOptimize(pData);
+    const TcpPair pair;
+    SendQueueTcpClient client;
+    client.setSocket(TcpSocket(pair.near()));
+    const SafePointer_C<char> block = makeBlock();
+    for (auto _ : state) {
+        const double dStart = threadCpuSeconds();
+        for (int i = 0; i < ROUND; ++i) {
+            SendQueueTcpClient::Item aItem[3];
+            for (SendQueueTcpClient::Item& item : aItem) {
+                item.data = block;
+                item.nLength = BLOCK;
+            }
+            benchmark::DoNotOptimize(client.sendTogether(aItem, 3));
+        }
+        state.SetIterationTime(threadCpuSeconds() - dStart);
+        if (0 != client.getQueueLength()) {
+            state.SkipWithError("the socket is full");
+            break;
+        }
+        pair.drain(static_cast<size_t>(ROUND) * 3 * BLOCK);
     }
-};
+    state.counters["parts"] = ROUND;
+}
 
-/** Hands over to a full connection, and takes out again: the queue alone. */
+void bareSendmsg(benchmark::State& state)
+{
+    const TcpPair pair;
+    const SafePointer_C<char> block = makeBlock();
+    for (auto _ : state) {
+        const double dStart = threadCpuSeconds();
+        for (int i = 0; i < ROUND; ++i) {
+            iovec aPiece[3];
+            for (iovec& piece : aPiece) {
+                piece = {block.get(), BLOCK};
+            }
+            msghdr message{};
+            message.msg_iov = aPiece;
+            message.msg_iovlen = 3;
+            if (3 * BLOCK != sendmsg(pair.near(), &message, MSG_NOSIGNAL)) {
+                state.SkipWithError("the socket is full");
+            }
+        }
+        state.SetIterationTime(threadCpuSeconds() - dStart);
+        pair.drain(static_cast<size_t>(ROUND) * 3 * BLOCK);
+    }
+    state.counters["parts"] = ROUND;
+}
+
+/** Hands over to a connection whose socket is full: the queue alone. */
 void handOverBusy(benchmark::State& state)
 {
     const TcpPair pair;
-    BusyClient client;
-    client.setSocket(TcpSocket(pair.near()));
-    const SafePointer_C<char> large(static_cast<char*>(calloc(1, 16 << 20)));
-    client.send(large, 16 << 20); // more than both sockets' buffers hold
+    const SafePointer_C<char> large(static_cast<char*>(calloc(1, LARGE)));
     const SafePointer_C<char> block = makeBlock();
+    SendQueueTcpClient filler;
+    filler.setSocket(TcpSocket(pair.near()));
+    filler.send(large, LARGE);
+    while (waitWritable(pair.near(), 0, 100000)) { // what the far end still takes in
+        (void)::send(pair.near(), large.get(), BLOCK, MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
     for (auto _ : state) {
-        client.send(block, BLOCK);
-        client.takeOne();
+        SendQueueTcpClient client;
+        client.setSocket(TcpSocket(pair.near()));
+        client.send(block, BLOCK); // being sent from now on
+        const double dStart = threadCpuSeconds();
+        for (int i = 0; i < ROUND; ++i) {
+            client.send(block, BLOCK);
+        }
+        state.SetIterationTime(threadCpuSeconds() - dStart);
+        if (ROUND != client.getQueueLength()) {
+            state.SkipWithError("the socket is not full");
+            break;
+        }
     }
-    if (0 != client.getQueueLength()) {
-        state.SkipWithError("the queue has grown");
-    }
+    state.counters["parts"] = ROUND;
 }
 
 /** A queue of shared blocks and a plain mutex, nothing else. */
 void queueAlone(benchmark::State& state)
 {
     std::mutex mtx;
-    std::deque<std::pair<std::shared_ptr<char>, int>> queue;
     const std::shared_ptr<char> pBlock(static_cast<char*>(calloc(1, BLOCK)), free);
     for (auto _ : state) {
-        {
+        std::deque<std::pair<std::shared_ptr<char>, int>> queue;
+        const double dStart = threadCpuSeconds();
+        for (int i = 0; i < ROUND; ++i) {
             const std::lock_guard<std::mutex> guard(mtx);
             queue.emplace_back(pBlock, BLOCK);
         }
-        const std::lock_guard<std::mutex> guard(mtx);
-        benchmark::DoNotOptimize(queue.front().first.get());
-        queue.pop_front();
+        state.SetIterationTime(threadCpuSeconds() - dStart);
+        benchmark::DoNotOptimize(queue.back().first.get());
     }
+    state.counters["parts"] = ROUND;
 }
 
 } // namespace
 
-BENCHMARK(queueAlone);
+BENCHMARK(queueAlone)->UseManualTime();
 BENCHMARK(bareSend)->UseManualTime();
+BENCHMARK(bareSendmsg)->UseManualTime();
 BENCHMARK(handOverIdle)->UseManualTime();
-BENCHMARK(handOverBusy);
+BENCHMARK(handOverParts)->UseManualTime();
+BENCHMARK(handOverBusy)->UseManualTime();

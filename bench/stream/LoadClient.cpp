@@ -49,13 +49,13 @@ bool LoadClient::complain(const char* pWhat) const
     return false;
 }
 
-bool LoadClient::start(uint16_t u16Port)
+bool LoadClient::start(const char* pAddress, uint16_t u16Port)
 {
     m_nSocket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(u16Port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = inet_addr(pAddress);
     const auto nRequest = static_cast<ssize_t>(strlen(REQUEST));
     if (0 != ::connect(m_nSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) ||
         nRequest != ::send(m_nSocket, REQUEST, strlen(REQUEST), MSG_NOSIGNAL)) {

@@ -32,10 +32,10 @@ public:
     LoadClient& operator=(const LoadClient&) = delete;
 
     /**
-     * Connect to 127.0.0.1, ask for "/live" and read the answer's header.
+     * Connect to the service at a dotted address, ask for "/live" and read the answer's header.
      * @return false after a message on standard error
      */
-    bool start(uint16_t u16Port);
+    bool start(const char* pAddress, uint16_t u16Port);
 
     /**
      * Read what is there, uMost bytes at most. Never blocks.

@@ -1,14 +1,17 @@
 // stream-floor: the least that a stream can cost, beside which the service is measured.
 //
-// usage: stream-floor PORT [agreed]
+// usage: stream-floor PORT [agreed] [one-call]
 //
 // One thread, one loop. It takes its pictures from the same (virtual) camera as the service, by the
 // same driver calls with as many buffers: wait with poll, dequeue the filled buffer, give the one
 // before back. It then hands the same three blocks (part header, picture, boundary) to each client
 // with send(2), in the order in which they came, straight from the camera's memory: no copy, no
-// queue, no lock, no memory allocated. The sockets have the options that the service sets. What a
-// socket does not take at once is sent on when it is writable, after all others have had their
+// queue, no lock, no memory allocated. The sockets have the service's buffers and keep-alive. What
+// a socket does not take at once is sent on when it is writable, after all others have had their
 // blocks.
+//
+// With "one-call" it hands the three blocks over in one sendmsg(2), and the sockets have all
+// options that the service sets.
 //
 // With "agreed" the loop also does what the service has to do for each frame by agreement: it
 // copies the picture into a block of its own, gives the camera's buffer back before the first send,
@@ -16,7 +19,8 @@
 //
 // So frame and time stamp become available to both programs in the same way and at the same cost,
 // and what the service takes beyond the floor is its own: threads, hand-over, queues, blocks.
-// It is meant for clients that read at full speed; a client that goes ends it.
+// It is meant for clients that read at full speed: one that does not keeps the others waiting. A
+// client that goes ends it.
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -35,12 +39,14 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
 
 const unsigned BUFFERS = 2; // as the service
 const int SOCKET_BUFFER = 35840;
+const int MOST_UNSENT = 8192; // bytes
 const char* const ANSWER =
     "HTTP/1.0 200 OK\r\nConnection: close\r\n"
     "Content-Type: multipart/x-mixed-replace;boundary=boundarydonotcross\r\n\r\n";
@@ -158,7 +164,7 @@ int listenOn(uint16_t u16Port)
     return nListener;
 }
 
-int acceptClient(int nListener)
+int acceptClient(int nListener, bool bOneCall)
 {
     const int nSocket = ::accept4(nListener, nullptr, nullptr, SOCK_CLOEXEC);
     check(nSocket >= 0, "accept");
@@ -177,17 +183,37 @@ int acceptClient(int nListener)
             0 ==
                 ::setsockopt(nSocket, SOL_SOCKET, SO_SNDBUF, &SOCKET_BUFFER, sizeof(SOCKET_BUFFER)),
         "socket options");
+    check(!bOneCall || (0 == ::setsockopt(nSocket, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn)) &&
+                        0 == ::setsockopt(nSocket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &MOST_UNSENT,
+                                          sizeof(MOST_UNSENT))),
+          "socket options");
     check(::send(nSocket, ANSWER, strlen(ANSWER), MSG_NOSIGNAL) > 0, "answer");
     return nSocket;
 }
 
+/** Send once: what is left of the current block or, in one call, of all of them. */
+ssize_t sendSome(const Rest& rest, const Block* pBlock, bool bOneCall)
+{
+    iovec aPiece[3];
+    size_t nPieces = 0;
+    for (int i = rest.nBlock; i < 3; ++i) {
+        const size_t nSkip = rest.nBlock == i ? rest.nSent : 0;
+        aPiece[nPieces++] = {const_cast<char*>(pBlock[i].pBytes) + nSkip, pBlock[i].nBytes - nSkip};
+    }
+    if (!bOneCall) {
+        return ::send(rest.nSocket, aPiece[0].iov_base, aPiece[0].iov_len, MSG_NOSIGNAL);
+    }
+    msghdr message{};
+    message.msg_iov = aPiece;
+    message.msg_iovlen = nPieces;
+    return ::sendmsg(rest.nSocket, &message, MSG_NOSIGNAL | MSG_EOR);
+}
+
 /** @return whether the client has had everything */
-bool sendOn(Rest& rest, const Block* pBlock)
+bool sendOn(Rest& rest, const Block* pBlock, bool bOneCall)
 {
     while (rest.nBlock < 3) {
-        const Block& block = pBlock[rest.nBlock];
-        const ssize_t nSent = ::send(rest.nSocket, block.pBytes + rest.nSent,
-                                     block.nBytes - rest.nSent, MSG_NOSIGNAL);
+        const ssize_t nSent = sendSome(rest, pBlock, bOneCall);
         if (nSent < 0 && (EPIPE == errno || ECONNRESET == errno)) {
             exit(0); // the load has ended
         }
@@ -196,15 +222,15 @@ bool sendOn(Rest& rest, const Block* pBlock)
             return false;
         }
         rest.nSent += static_cast<size_t>(nSent);
-        if (rest.nSent == block.nBytes) {
+        while (rest.nBlock < 3 && rest.nSent >= pBlock[rest.nBlock].nBytes) {
+            rest.nSent -= pBlock[rest.nBlock].nBytes;
             ++rest.nBlock;
-            rest.nSent = 0;
         }
     }
     return true;
 }
 
-void sendFrame(const std::vector<int>& vecClient, const Block& picture)
+void sendFrame(const std::vector<int>& vecClient, const Block& picture, bool bOneCall)
 {
     static std::vector<Rest> s_vecRest; // allocated once
     timeval now{};
@@ -220,7 +246,7 @@ void sendFrame(const std::vector<int>& vecClient, const Block& picture)
     s_vecRest.clear();
     for (const int nClient : vecClient) {
         Rest rest{nClient, 0, 0};
-        if (!sendOn(rest, aBlock)) {
+        if (!sendOn(rest, aBlock, bOneCall)) {
             s_vecRest.push_back(rest);
         }
     }
@@ -232,7 +258,7 @@ void sendFrame(const std::vector<int>& vecClient, const Block& picture)
         check(::poll(vecPoll.data(), vecPoll.size(), 5000) > 0, "a client does not read");
         size_t uKept = 0;
         for (size_t i = 0; i < vecPoll.size(); ++i) {
-            if (0 == vecPoll[i].revents || !sendOn(s_vecRest[i], aBlock)) {
+            if (0 == vecPoll[i].revents || !sendOn(s_vecRest[i], aBlock, bOneCall)) {
                 s_vecRest[uKept++] = s_vecRest[i];
             }
         }
@@ -244,11 +270,16 @@ void sendFrame(const std::vector<int>& vecClient, const Block& picture)
 
 int main(int nCount, char** ppArgument)
 {
-    if (nCount < 2 || nCount > 3) {
-        fprintf(stderr, "usage: stream-floor PORT [agreed]\n");
+    bool bAgreed = false;
+    bool bOneCall = false;
+    for (int i = 2; i < nCount; ++i) {
+        bAgreed = bAgreed || 0 == strcmp(ppArgument[i], "agreed");
+        bOneCall = bOneCall || 0 == strcmp(ppArgument[i], "one-call");
+    }
+    if (nCount != 2 + (bAgreed ? 1 : 0) + (bOneCall ? 1 : 0)) {
+        fprintf(stderr, "usage: stream-floor PORT [agreed] [one-call]\n");
         return 2;
     }
-    const bool bAgreed = 3 == nCount;
     const int nListener = listenOn(static_cast<uint16_t>(atoi(ppArgument[1])));
     Camera camera;
     std::vector<int> vecClient;
@@ -257,7 +288,7 @@ int main(int nCount, char** ppArgument)
         check(::poll(aPoll, 2, -1) > 0, "poll");
         if (0 != aPoll[0].revents) {
             const Block picture = bAgreed ? camera.copy() : camera.take();
-            sendFrame(vecClient, picture);
+            sendFrame(vecClient, picture, bOneCall);
             if (bAgreed) {
                 free(const_cast<char*>(picture.pBytes));
                 timeval pause = {0, 10000};
@@ -265,7 +296,7 @@ int main(int nCount, char** ppArgument)
             }
         }
         if (0 != aPoll[1].revents) {
-            vecClient.push_back(acceptClient(nListener));
+            vecClient.push_back(acceptClient(nListener, bOneCall));
         }
     }
 }

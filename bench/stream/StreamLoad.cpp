@@ -1,6 +1,6 @@
 // stream-load: the load generator of the stream benchmark, for the service and for its floor.
 //
-// usage: stream-load PORT CLIENTS SLOW-RATE RECORDS
+// usage: stream-load ADDRESS PORT CLIENTS SLOW-RATE RECORDS
 //
 // Connects CLIENTS clients of "/live" that read whatever comes, and with a SLOW-RATE above 0 one
 // more that reads so many bytes per second. Prints "slow PORT" (the slow client's own) and, once
@@ -37,11 +37,11 @@ public:
         m_vecPart.reserve(100000); // no growth, and its copying, while measuring
     }
 
-    bool start(uint16_t u16Port, uint32_t u32Clients, size_t nRate)
+    bool start(const char* pAddress, uint16_t u16Port, uint32_t u32Clients, size_t nRate)
     {
         for (uint32_t i = 0; i < u32Clients + (nRate > 0 ? 1 : 0); ++i) {
             m_vecClient.push_back(std::make_unique<LoadClient>(i, m_vecPart));
-            if (!m_vecClient.back()->start(u16Port)) {
+            if (!m_vecClient.back()->start(pAddress, u16Port)) {
                 return false;
             }
         }
@@ -184,14 +184,15 @@ private:
 
 int main(int nCount, char** ppArgument)
 {
-    if (5 != nCount) {
-        fprintf(stderr, "usage: stream-load PORT CLIENTS SLOW-RATE RECORDS\n");
+    if (6 != nCount) {
+        fprintf(stderr, "usage: stream-load ADDRESS PORT CLIENTS SLOW-RATE RECORDS\n");
         return 2;
     }
     StreamLoad load;
-    const auto u16Port = static_cast<uint16_t>(atoi(ppArgument[1]));
-    const auto u32Clients = static_cast<uint32_t>(atoi(ppArgument[2]));
-    const auto nRate = static_cast<size_t>(atoi(ppArgument[3]));
-    return load.start(u16Port, u32Clients, nRate) && load.run() && load.write(ppArgument[4]) ? 0
-                                                                                             : 1;
+    const auto u16Port = static_cast<uint16_t>(atoi(ppArgument[2]));
+    const auto u32Clients = static_cast<uint32_t>(atoi(ppArgument[3]));
+    const auto nRate = static_cast<size_t>(atoi(ppArgument[4]));
+    const bool bGood = load.start(ppArgument[1], u16Port, u32Clients, nRate) && load.run() &&
+                       load.write(ppArgument[5]);
+    return bGood ? 0 : 1;
 }

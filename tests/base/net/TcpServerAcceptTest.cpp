@@ -217,17 +217,28 @@ TEST(TcpServerAccept, AcceptedSocketsDoNotWaitForMoreToSend)
     (void)peer.close();
 }
 
+TEST(TcpServerAccept, KernelKeepsLittleUnsentForAcceptedSockets)
+{
+    JournalServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+
+    EXPECT_EQ(8192, optionOf(server.m_pLast->getSocket().getFd(), IPPROTO_TCP, TCP_NOTSENT_LOWAT));
+    (void)peer.close();
+}
+
 TEST(TcpServerAccept, SocketThatWaitsForMoreToSendIsServedAllTheSame)
 {
     JournalServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     LogCapture log;
-    FaultScope fault("setsockopt:7:ENOMEM"); // the last one, behind the buffers
+    FaultScope fault("setsockopt:7-8:ENOMEM"); // the last ones, behind the buffers
 
     ASSERT_TRUE(server.poll("start"));
 
-    EXPECT_EQ(1U, faultHits());
+    EXPECT_EQ(2U, faultHits());
     EXPECT_EQ(0, optionOf(server.m_pLast->getSocket().getFd(), IPPROTO_TCP, TCP_NODELAY));
     EXPECT_EQ(Lines(), takeLines(log, "nRet"));
     (void)peer.close();
