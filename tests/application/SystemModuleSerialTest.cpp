@@ -55,16 +55,20 @@ extern "C" int __cxa_atexit(void (*pDestructor)(void*), void* pObject, void* pLi
     return s_pReal(pDestructor, pObject, pLibrary);
 }
 
-/** In place of the C library's: a device that can't do the controller's speed. */
+/**
+ * In place of the C library's: a device that takes the controller's speed and says that it did not,
+ * so that what is sent afterwards can still be read.
+ */
 extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) LIBRARY_CALL
 {
+    static const auto s_pReal =
+        reinterpret_cast<int (*)(int, int, const termios*)>(dlsym(RTLD_NEXT, "tcsetattr"));
+    const int nResult = s_pReal(nFd, nAction, pAttr);
     if (g_bRefuseSpeed && B115200 == cfgetospeed(pAttr)) {
         errno = EIO;
         return -1;
     }
-    static const auto s_pReal =
-        reinterpret_cast<int (*)(int, int, const termios*)>(dlsym(RTLD_NEXT, "tcsetattr"));
-    return s_pReal(nFd, nAction, pAttr);
+    return nResult;
 }
 
 namespace {
