@@ -11,7 +11,7 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import mutants
-import run
+import mutation_run
 import trial
 
 
@@ -98,10 +98,10 @@ class Finding(unittest.TestCase):
 
     def test_larger_share_holds_the_smaller(self):
         part = mutants.mutantsOf("x.cpp", body("\n".join(f"f({i});" for i in range(50))))
-        tenth = run.chosen(part, 10, 7)
-        half = run.chosen(part, 50, 7)
+        tenth = mutation_run.chosen(part, 10, 7)
+        half = mutation_run.chosen(part, 50, 7)
         self.assertTrue(set(tenth) < set(half))
-        self.assertNotEqual(tenth, run.chosen(part, 10, 8))
+        self.assertNotEqual(tenth, mutation_run.chosen(part, 10, 8))
 
 
 class Planted(unittest.TestCase):
