@@ -35,7 +35,7 @@ def transfer(near, far, count):
 
 
 class Links(unittest.TestCase):
-    def test_an_answer_takes_twice_the_delay(self):
+    def test_answer_takes_twice_the_delay(self):
         with link.Link(delay_ms=20) as between:
             near, far = pair(self, between)
             shortest = 60
