@@ -29,7 +29,7 @@ from clients import Broken, Client, Reader, connect, read_answer
 from devices import CableActor, CameraActor
 from harness import HTTP_PORT, LOG_PORT, wait_until
 from rig import PINS, PINS_PER_RESET, Peaks, Rig, Tally, build_name, save
-from trend import check_equal, check_growth
+from trend import ALLOCATED_BOUND, RESIDENT_BOUND, check_equal, check_growth
 
 CLIENTS = 12  # at a time
 LEAST_ROUNDS = 8  # however short the run: trends are judged by the last two thirds of them
@@ -39,14 +39,6 @@ LEAST_ROUNDS = 8  # however short the run: trends are judged by the last two thi
 # rest is for a busy machine with a sanitizer.
 LIVE_BOUND = 20.0  # s
 QUIET_BOUND = 30.0  # s; a silent client is found by keep-alive after 5 s and two probes
-# What the line through the quiet moments' samples may rise in the last two thirds of a run.
-# Allocated bytes come back to what they were: to the byte under AddressSanitizer. In the release
-# build small freed blocks that the C library keeps for each thread count as allocated; they grew
-# by 14 kB over the last two thirds of five minutes, ever more slowly. Resident memory also has the
-# holes that a peak left behind, up to 2 MB at a time; under AddressSanitizer its tables of stacks
-# and freed blocks besides.
-ALLOCATED_BOUND = 48 * 1024  # bytes
-RESIDENT_BOUND = {"": 4096, "asan": 16384}  # kB
 
 
 class Churn:

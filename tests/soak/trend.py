@@ -4,6 +4,14 @@ import itertools
 import statistics
 
 LEAST_SAMPLES = 4  # in the part of the run that is judged
+# What the line through the quiet moments' samples may rise in the last two thirds of a run.
+# Allocated bytes come back to what they were: to the byte under AddressSanitizer. In the release
+# build small freed blocks that the C library keeps for each thread count as allocated; they grew
+# by 14 kB over the last two thirds of five minutes, ever more slowly. Resident memory also has the
+# holes that a peak left behind, up to 2 MB at a time; under AddressSanitizer its tables of stacks
+# and freed blocks besides.
+ALLOCATED_BOUND = 48 * 1024  # bytes
+RESIDENT_BOUND = {"": 4096, "asan": 16384}  # kB
 
 
 def slope(points):
