@@ -30,15 +30,11 @@ bool isLaserOff(const Command& command)
     return COMMAND_ACCEPTED == command.eKind && LASER_OFF == command.eLaser && !command.bDwell;
 }
 
-/** As long as the service's reply buffer, a zero byte in the middle. */
+/** As long as the service's reply buffer. */
 std::string garbage()
 {
-    std::string strResult;
-    for (int i = 0; i < 64; ++i) {
-        strResult += static_cast<char>(i * 37 % 256);
-    }
-    strResult[0] = '\xff';
-    std::replace(strResult.begin(), strResult.end(), '\n', '\xfe');
+    std::string strResult = makeGarbage(0);
+    strResult[0] = '\xff'; // in place of the only zero
     return strResult;
 }
 
@@ -57,7 +53,7 @@ Controller::Controller(const ControllerSettings& settings, WireLog& wireLog)
 
 void Controller::setTrigger(std::function<void(const std::string&)> trigger)
 {
-    m_trigger = std::move(trigger);
+    m_triggers.setTrigger(std::move(trigger));
 }
 
 void Controller::receive(const std::string& strBytes, int64_t s64NowUs)
@@ -228,15 +224,7 @@ void Controller::processLine(const std::string& strLine, int64_t s64NowUs)
 {
     ++m_nLines;
     const unsigned uEpoch = m_uWireEpoch;
-    const auto range = m_mapTrigger.equal_range(m_nLines);
-    std::vector<std::string> vecInstruction;
-    for (auto it = range.first; it != range.second; ++it) {
-        vecInstruction.push_back(it->second);
-    }
-    m_mapTrigger.erase(range.first, range.second);
-    for (const std::string& strInstruction : vecInstruction) {
-        m_trigger(strInstruction);
-    }
+    m_triggers.fire(m_nLines);
     if (uEpoch != m_uWireEpoch) {
         return; // the cable is out: the line was lost on it
     }
@@ -432,7 +420,7 @@ void Controller::reset(int64_t s64NowUs)
 
 void Controller::addTrigger(int nLine, const std::string& strInstruction)
 {
-    m_mapTrigger.emplace(nLine, strInstruction);
+    m_triggers.add(nLine, strInstruction);
 }
 
 bool Controller::instruct(const std::string& strInstruction, int64_t s64NowUs)

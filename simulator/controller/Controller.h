@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -14,6 +13,7 @@
 #include "FirmwareLoader.h"
 #include "Grammar.h"
 #include "IController.h"
+#include "LineTriggers.h"
 #include "Motion.h"
 #include "WireLog.h"
 
@@ -92,8 +92,7 @@ private:
     ControllerSettings m_settings;
     WireLog& m_wireLog;
     BeamLog m_beamLog;
-    std::function<void(const std::string&)> m_trigger;
-    std::multimap<int, std::string> m_mapTrigger;
+    LineTriggers m_triggers;
     FaultPlan m_faultPlan;
     Motion m_motion;
     FirmwareLoader m_loader;

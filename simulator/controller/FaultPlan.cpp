@@ -25,6 +25,15 @@ const std::array<Kind, 8> KINDS = {{{"no-answer", FAULT_NO_ANSWER, false},
 
 } // namespace
 
+std::string makeGarbage(uint8_t u8Lowest)
+{
+    std::string strResult;
+    for (int i = 0; i < 64; ++i) {
+        strResult += static_cast<char>(u8Lowest + i * 37 % (0x100 - u8Lowest));
+    }
+    return strResult;
+}
+
 bool parseCount(const std::string& strText, int& nValue)
 {
     if (strText.empty() || strText.size() > 9 ||

@@ -1,6 +1,7 @@
 // What shall go wrong with the next lines that the virtual controller takes.
 #pragma once
 
+#include <cstdint>
 #include <deque>
 #include <string>
 #include <vector>
@@ -12,7 +13,7 @@ enum FAULT_E
     FAULT_LATE,    // nValue: milliseconds
     FAULT_HALF,    // the first half of the answer, the rest never
     FAULT_DOUBLE,  // the answer twice, as separate writes
-    FAULT_GARBAGE, // 64 bytes without a meaning, zero and 0xff among them
+    FAULT_GARBAGE, // 64 bytes without a meaning
     FAULT_REFUSE,  // nValue: error code; the line is not carried out
     FAULT_ALARM,   // nValue: alarm code; the same, the arm stops and the controller locks
     FAULT_STATUS   // nValue: status code, told in front of the ordinary answer
@@ -52,6 +53,9 @@ private:
 
     std::deque<Entry> m_deqEntry;
 };
+
+/** 64 bytes without a meaning, from u8Lowest up to 0xff; u8Lowest is the first of them. */
+std::string makeGarbage(uint8_t u8Lowest);
 
 /** A whole number of at most nine digits; false for anything else. */
 bool parseCount(const std::string& strText, int& nValue);

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "DecimalNumber.h"
+
 static const char* const GREETING = "ready";
 static const char* const OK = "ok";
 static const char* const DONE = "done";
@@ -16,11 +18,6 @@ static const char* const STATUS = "status:";
 static const size_t MAX_CODE_DIGITS = 6; // so that any code fits an int
 
 namespace {
-
-bool isDigit(char c)
-{
-    return c >= '0' && c <= '9';
-}
 
 bool isBlank(char c)
 {
@@ -52,24 +49,6 @@ std::string squeeze(const std::string& strLine)
         }
     }
     return strResult;
-}
-
-/** Takes a decimal number from uPos on; false when there is none. */
-bool takeNumber(const std::string& strText, size_t& uPos, double& dValue)
-{
-    std::string strNumber;
-    if (uPos < strText.size() && ('-' == strText[uPos] || '+' == strText[uPos])) {
-        strNumber += strText[uPos++];
-    }
-    bool bDigit = false;
-    bool bPoint = false;
-    while (uPos < strText.size() && (isDigit(strText[uPos]) || ('.' == strText[uPos] && !bPoint))) {
-        bPoint = bPoint || '.' == strText[uPos];
-        bDigit = bDigit || isDigit(strText[uPos]);
-        strNumber += strText[uPos++];
-    }
-    dValue = strtod(strNumber.c_str(), nullptr);
-    return bDigit;
 }
 
 /** Makes the line what a motion word says. @return false when it is something already */

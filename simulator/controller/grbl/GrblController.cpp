@@ -80,15 +80,6 @@ bool parseNumber(const std::string& strText, double& dValue)
            std::string::npos == strText.find_first_not_of("+-.0123456789");
 }
 
-std::string garbage()
-{
-    std::string strResult;
-    for (int i = 0; i < 64; ++i) {
-        strResult += static_cast<char>(0x80 + i * 37 % 128);
-    }
-    return strResult;
-}
-
 } // namespace
 
 GrblController::GrblController(const ControllerSettings& settings, WireLog& wireLog)
@@ -111,7 +102,7 @@ bool GrblController::preset(int nNumber, double dValue)
 
 void GrblController::setTrigger(std::function<void(const std::string&)> trigger)
 {
-    m_trigger = std::move(trigger);
+    m_triggers.setTrigger(std::move(trigger));
 }
 
 void GrblController::applyLimits()
@@ -367,15 +358,7 @@ void GrblController::processLine(const std::string& strLine)
     const size_t uLength = std::exchange(m_uLine, 0);
     ++m_nLines;
     m_wireLog.record(m_s64NowUs, "rx", strLine);
-    const auto range = m_mapTrigger.equal_range(m_nLines);
-    std::vector<std::string> vecInstruction;
-    for (auto it = range.first; it != range.second; ++it) {
-        vecInstruction.push_back(it->second);
-    }
-    m_mapTrigger.erase(range.first, range.second);
-    for (const std::string& strInstruction : vecInstruction) {
-        m_trigger(strInstruction);
-    }
+    m_triggers.fire(m_nLines);
     m_fault = m_faultPlan.take();
     m_bLineInWork = true;
     int nError = 0;
@@ -925,7 +908,7 @@ void GrblController::sendAnswer(const std::string& strText, const Fault& fault)
         say(strText.substr(0, strText.size() / 2));
         return;
     case FAULT_GARBAGE:
-        say(garbage());
+        say(makeGarbage(0x80));
         return;
     case FAULT_DOUBLE:
         say(strText);
@@ -1031,7 +1014,7 @@ void GrblController::report()
 
 void GrblController::addTrigger(int nLine, const std::string& strInstruction)
 {
-    m_mapTrigger.emplace(nLine, strInstruction);
+    m_triggers.add(nLine, strInstruction);
 }
 
 bool GrblController::instruct(const std::string& strInstruction, int64_t s64NowUs)

@@ -12,6 +12,7 @@
 #include "GrblPlanner.h"
 #include "GrblSettings.h"
 #include "IController.h"
+#include "LineTriggers.h"
 #include "WireLog.h"
 
 /**
@@ -122,8 +123,7 @@ private:
     ControllerSettings m_options;
     WireLog& m_wireLog;
     BeamLog m_beamLog;
-    std::function<void(const std::string&)> m_trigger;
-    std::multimap<int, std::string> m_mapTrigger;
+    LineTriggers m_triggers;
     FaultPlan m_faultPlan;
 
     GrblSettings m_settings;

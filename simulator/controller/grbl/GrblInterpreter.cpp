@@ -3,7 +3,8 @@
 
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
+
+#include "DecimalNumber.h"
 
 static const double MM_PER_INCH = 25.4;
 static const double PI = 3.14159265358979323846;
@@ -54,29 +55,6 @@ std::string formatPoint(const Point& point)
     char acText[80] = {0};
     snprintf(acText, sizeof(acText), "%.3f,%.3f,%.3f", point[0], point[1], point[2]);
     return acText;
-}
-
-/** A decimal number from uPos on. */
-bool takeNumber(const std::string& strText, size_t& uPos, double& dValue)
-{
-    const size_t uStart = uPos;
-    if (uPos < strText.size() && ('-' == strText[uPos] || '+' == strText[uPos])) {
-        ++uPos;
-    }
-    bool bDigit = false;
-    bool bPoint = false;
-    for (; uPos < strText.size(); ++uPos) {
-        const char c = strText[uPos];
-        if ('.' == c && !bPoint) {
-            bPoint = true;
-        } else if (c >= '0' && c <= '9') {
-            bDigit = true;
-        } else {
-            break;
-        }
-    }
-    dValue = strtod(strText.substr(uStart, uPos - uStart).c_str(), nullptr);
-    return bDigit;
 }
 
 bool hasAxes(const std::map<char, double>& mapValue)
