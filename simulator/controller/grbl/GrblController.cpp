@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "GrblText.h"
+
 static const char* const GREETING = "\r\nGrbl 1.1h ['$' for help]\r\n";
 static const char* const UNLOCK_HINT = "[MSG:'$H'|'$X' to unlock]\r\n";
 static const char* const OK = "ok\r\n";
@@ -44,16 +46,9 @@ static const unsigned char BYTE_COOLANT = 0xa0;
 
 namespace {
 
-std::string formatError(int nCode)
+std::string formatFailure(int nCode)
 {
     return "error:" + std::to_string(nCode) + "\r\n";
-}
-
-std::string formatPoint(const Point& point)
-{
-    char acText[80] = {0};
-    snprintf(acText, sizeof(acText), "%.3f,%.3f,%.3f", point[0], point[1], point[2]);
-    return acText;
 }
 
 bool startsWith(const std::string& strText, const char* pStart)
@@ -167,7 +162,7 @@ void GrblController::greet()
         std::vector<GrblAction> vecAction;
         const int nError = m_interpreter.interpret(strLine, vecAction);
         m_deqAction.insert(m_deqAction.end(), vecAction.begin(), vecAction.end());
-        const std::string strResult = (0 == nError) ? OK : formatError(nError);
+        const std::string strResult = (0 == nError) ? OK : formatFailure(nError);
         m_deqAction.push_back({GRBL_SAY, {}, 0, false, ">" + strLine + ":" + strResult});
     }
 }
@@ -373,7 +368,7 @@ void GrblController::processLine(const std::string& strLine)
         nError = carryOut(strLine);
     }
     if (m_bLineInWork) {
-        const std::string strResult = (0 == nError) ? OK : formatError(nError);
+        const std::string strResult = (0 == nError) ? OK : formatFailure(nError);
         m_deqAction.push_back({GRBL_SAY, {}, -1, false, strResult});
     }
 }
@@ -410,7 +405,7 @@ int GrblController::carryOutDollar(const std::string& strLine)
         return 0;
     }
     if ("$G" == strLine) {
-        say(m_interpreter.formatModes());
+        say(m_interpreter.getModes().format());
         return 0;
     }
     if ("$C" == strLine) {
@@ -433,7 +428,7 @@ int GrblController::carryOutDollar(const std::string& strLine)
     if ("$$" == strLine) {
         say(m_settings.format());
     } else if ("$#" == strLine) {
-        say(m_interpreter.formatOffsets());
+        say(m_interpreter.getOffsets().format());
     } else if ("$I" == strLine) {
         say("[VER:1.1h.20190830:]\r\n");
         say("[OPT:V,15,128]\r\n");

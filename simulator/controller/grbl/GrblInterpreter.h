@@ -1,45 +1,24 @@
 // What a G-code line means to a controller that speaks Grbl 1.1: modal state in, actions out.
 #pragma once
 
-#include <array>
-#include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
-#include "GrblPlanner.h"
+#include "GrblAction.h"
+#include "GrblModes.h"
+#include "GrblOffsets.h"
 #include "GrblSettings.h"
-
-enum GRBL_ACTION_E
-{
-    GRBL_MOVE,    // block; waits for room in the planner
-    GRBL_SPINDLE, // block.eSpindle and dPower, once all motion has ended
-    GRBL_COOLANT, // bOn, the same
-    GRBL_DWELL,   // dSeconds, once all motion has ended
-    GRBL_SYNC,    // wait for the end of all motion
-    GRBL_PAUSE,   // M0: the same, then hold
-    GRBL_HOME,
-    GRBL_SAY,   // strText
-    GRBL_LIMITS // block.target has to be within the soft limits
-};
-
-struct GrblAction
-{
-    GRBL_ACTION_E eKind;
-    GrblBlock block{};
-    double dSeconds = 0;
-    bool bOn = false;
-    std::string strText{};
-};
+#include "GrblWords.h"
 
 /**
- * Keeps what is modal: motion, plane, units, distance, feed mode, coordinate system, feed, spindle.
+ * Keeps the modes, the offsets and where the last line ends.
  *
  * A line that is refused changes nothing. Has no clock and moves nothing.
  */
 class GrblInterpreter
 {
 public:
+    /** @param settings  borrowed as long as the object lives */
     explicit GrblInterpreter(const GrblSettings& settings) : m_settings(settings) {}
 
     /**
@@ -49,7 +28,7 @@ public:
      */
     int interpret(const std::string& strLine, std::vector<GrblAction>& vecAction);
 
-    /** The G-code of "$J=". */
+    /** The G-code of "$J="; it leaves nothing modal. */
     int interpretJog(const std::string& strLine, std::vector<GrblAction>& vecAction);
 
     /** What a reset leaves: offsets other than G92 stay. */
@@ -62,73 +41,40 @@ public:
     }
 
     /** Machine position minus work position. */
-    Point getWorkOffset() const;
-
-    /** "[GC:...]\r\n" */
-    std::string formatModes() const;
-
-    /** The coordinate systems, "[G54:...]\r\n" and so on. */
-    std::string formatOffsets() const;
-
-    void forgetOffsets();
-
-    bool isCutting() const // a motion that the laser is on in
+    Point getWorkOffset() const
     {
-        return m_modes.nMotion >= 1 && m_modes.nMotion <= 3;
+        return m_offsets.getOffset(m_modes.nSystem);
+    }
+
+    const GrblModes& getModes() const
+    {
+        return m_modes;
+    }
+
+    const GrblOffsets& getOffsets() const
+    {
+        return m_offsets;
+    }
+
+    void forgetOffsets()
+    {
+        m_offsets = GrblOffsets();
     }
 
 private:
-    static constexpr size_t SYSTEMS = 6; // G54 to G59
-
-    struct Modes
-    {
-        int nMotion = 0; // G0 to G3; 80
-        int nPlane = 17;
-        bool bInch = false;
-        bool bRelative = false;
-        bool bInverseTime = false;
-        int nSystem = 0;
-        SPINDLE_E eSpindle = SPINDLE_OFF;
-        bool bCoolant = false;
-        double dFeed = 0;  // mm/min
-        double dPower = 0; // S word
-        int nTool = 0;
-    };
-
-    /** A line's words. */
-    struct Words
-    {
-        std::map<char, double> mapValue; // all but G and M
-        std::array<int, 16> anGroup;     // per modal group the code times ten, or -1
-        int nNonModal = -1;              // the same; of group 0
-        std::vector<int> vecM;
-    };
-
-    static int read(const std::string& strLine, Words& words);
-    static int applyG(int nTenths, Words& words);
-    static int applyM(int nCode, Words& words);
-    int apply(Words& words, bool bJog, std::vector<GrblAction>& vecAction);
-    int applyModes(const Words& words, Modes& modes) const;
-    int setOffsets(Words& words, const Modes& modes, const Point& target);
-    int appendMotion(Words& words, const Modes& modes, const Point& target, int nMotion,
+    int apply(GrblWords& words, bool bJog, std::vector<GrblAction>& vecAction);
+    int carryOut(GrblWords& words, const GrblModes& modes, std::vector<GrblAction>& vecAction);
+    int appendMotion(GrblWords& words, const GrblModes& modes, const Point& target,
                      std::vector<GrblAction>& vecAction);
-    int appendArc(Words& words, const Modes& modes, GrblBlock block, int nMotion,
-                  std::vector<GrblAction>& vecAction);
-    void appendSpindle(const Words& words, const Modes& modes, bool bMotion,
+    void appendHome(const GrblWords& words, bool bAxes, const Point& target,
+                    std::vector<GrblAction>& vecAction);
+    void appendSpindle(const GrblModes& modes, bool bMotion,
                        std::vector<GrblAction>& vecAction) const;
-    Point getTarget(const Words& words, const Modes& modes, bool bMachine) const;
-
-    struct Offsets
-    {
-        std::array<Point, SYSTEMS> aSystem{};
-        Point home28{};
-        Point home30{};
-        Point shift92{};
-        double dToolLength = 0;
-    };
+    void appendEnd(const GrblWords& words, std::vector<GrblAction>& vecAction);
+    Point getTarget(const GrblWords& words, const GrblModes& modes) const;
 
     const GrblSettings& m_settings;
-    Modes m_modes;
-    Offsets m_offsets;
+    GrblModes m_modes;
+    GrblOffsets m_offsets;
     Point m_position{}; // where the last line ends, machine
 };

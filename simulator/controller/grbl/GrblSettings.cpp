@@ -4,11 +4,9 @@
 #include <cmath>
 #include <cstdio>
 
+#include "GrblErrors.h"
+
 static const int PULSE_US = 0;
-static const int ERROR_UNKNOWN = 3;
-static const int ERROR_NEGATIVE = 4;
-static const int ERROR_PULSE = 6;
-static const int ERROR_NO_HOMING = 10;
 
 static bool isWhole(int nNumber)
 {
@@ -43,16 +41,16 @@ int GrblSettings::set(int nNumber, double dValue)
 {
     const auto it = m_mapValue.find(nNumber);
     if (m_mapValue.end() == it) {
-        return ERROR_UNKNOWN;
+        return GRBL_ERROR_DOLLAR;
     }
     if (dValue < 0) {
-        return ERROR_NEGATIVE;
+        return GRBL_ERROR_NEGATIVE;
     }
     if (PULSE_US == nNumber && dValue < 3) {
-        return ERROR_PULSE;
+        return GRBL_ERROR_PULSE;
     }
     if (SOFT_LIMITS == nNumber && dValue != 0 && !isOn(HOMING)) {
-        return ERROR_NO_HOMING;
+        return GRBL_ERROR_NO_HOMING;
     }
     it->second = isWhole(nNumber) ? std::floor(dValue) : dValue;
     if (HOMING == nNumber && !isOn(HOMING)) {
