@@ -1,0 +1,434 @@
+// The machine of a controller that speaks Grbl 1.1: its states, its motion, its laser.
+#include "GrblMachine.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "GrblErrors.h"
+
+// Times that a controller with this firmware was measured at.
+static const int64_t SLOW_DOWN_US = 40000;  // from a hold until it is felt: what is prepared
+static const double SEGMENT_SECONDS = 0.01; // the power follows the speed in such steps
+
+static const double SECONDS_PER_MINUTE = 60;
+static const double US_PER_SECOND = 1e6;
+
+namespace {
+
+Point plus(const Point& first, const Point& second)
+{
+    return {first[0] + second[0], first[1] + second[1], first[2] + second[2]};
+}
+
+Point minus(const Point& first, const Point& second)
+{
+    return {first[0] - second[0], first[1] - second[1], first[2] - second[2]};
+}
+
+} // namespace
+
+GrblMachine::GrblMachine(const ControllerSettings& options, const GrblSettings& settings,
+                         GrblInterpreter& interpreter, WireLog& wireLog)
+    : m_dSpeedUp(options.dSpeedUp), m_settings(settings), m_interpreter(interpreter),
+      m_beamLog(wireLog), m_origin(options.powerUpPosition)
+{
+    applySettings();
+}
+
+void GrblMachine::applySettings()
+{
+    Point speed{};
+    Point acceleration{};
+    for (int i = 0; i < 3; ++i) {
+        speed[static_cast<size_t>(i)] =
+            m_settings.get(GrblSettings::MAX_RATE + i) / SECONDS_PER_MINUTE;
+        acceleration[static_cast<size_t>(i)] = m_settings.get(GrblSettings::ACCELERATION + i);
+    }
+    m_planner.setLimits(speed, acceleration, m_settings.get(GrblSettings::JUNCTION_DEVIATION));
+}
+
+void GrblMachine::reset(bool bLock)
+{
+    switchOff();
+    m_bNeedsReset = false;
+    m_bHoldDone = false;
+    m_bJogCancel = false;
+    m_bSpindleStopped = false;
+    m_overrides = GrblOverrides();
+    m_planner.setOverrides(m_overrides.getFeed(), m_overrides.getRapid());
+    m_eState = bLock ? GRBL_STATE_ALARM : GRBL_STATE_IDLE;
+}
+
+/** What resets and alarms have in common. */
+void GrblMachine::switchOff()
+{
+    m_planner.clear();
+    m_interpreter.setPosition(m_planner.getPosition());
+    m_eSpindle = SPINDLE_OFF;
+    m_dPower = 0;
+    m_bCoolant = false;
+    m_s64SlowDownUs = -1;
+    m_s64StandsUs = -1;
+    m_s64DwellUs = -1;
+    m_homing.end();
+}
+
+void GrblMachine::loseOrigin()
+{
+    m_origin = getPosition();
+    m_planner.clear();
+    m_planner.setPosition({});
+    m_bHomed = false;
+}
+
+int GrblMachine::cutShort()
+{
+    if (!isMoving()) {
+        return 0;
+    }
+    const bool bHoming = m_homing.isActive();
+    if (bHoming) {
+        endHoming();
+    }
+    m_bHomed = false;
+    return bHoming ? GRBL_ALARM_RESET_IN_HOMING : GRBL_ALARM_RESET_IN_MOTION;
+}
+
+void GrblMachine::alarm(bool bNeedsReset)
+{
+    switchOff();
+    m_eState = GRBL_STATE_ALARM;
+    m_bNeedsReset = bNeedsReset;
+    m_bHomed = false;
+}
+
+int64_t GrblMachine::nextEventUs() const
+{
+    int64_t s64Us = INT64_MAX;
+    const auto consider = [this, &s64Us](int64_t s64AtUs) {
+        s64Us = (s64AtUs > m_s64NowUs) ? std::min(s64Us, s64AtUs) : s64Us;
+    };
+    consider(m_s64SlowDownUs);
+    consider(m_s64StandsUs);
+    consider(m_s64DwellUs);
+    consider(m_homing.getEndUs());
+    const auto inSeconds = [this, &consider](double dSeconds) {
+        if (dSeconds >= 0) {
+            consider(m_s64NowUs + 1 + static_cast<int64_t>(dSeconds / m_dSpeedUp * US_PER_SECOND));
+        }
+    };
+    inSeconds(m_planner.getNextChange());
+    if (const double dStop = m_planner.getTimeToStop(); dStop >= 0) {
+        const double dDark = dStop - getLastSegment(); // where dynamic power ends
+        inSeconds((dDark > 0) ? dDark : -1);
+    }
+    return (INT64_MAX == s64Us) ? -1 : s64Us;
+}
+
+/** Seconds of the last step or segment of a block that ends at rest: its power is that of rest. */
+double GrblMachine::getLastSegment() const
+{
+    const double dStep = 1 / std::max(1.0, m_settings.get(GrblSettings::STEPS));
+    return std::max(SEGMENT_SECONDS, std::sqrt(2 * dStep / m_planner.getAcceleration()));
+}
+
+void GrblMachine::stepTo(int64_t s64Us)
+{
+    const double dSeconds = static_cast<double>(s64Us - m_s64NowUs) / US_PER_SECOND;
+    m_s64NowUs = s64Us;
+    if (m_planner.isMoving()) {
+        m_planner.advance(dSeconds * m_dSpeedUp);
+    }
+}
+
+bool GrblMachine::isSuspended() const
+{
+    return isHeld() || GRBL_STATE_HOME == m_eState || GRBL_STATE_SLEEP == m_eState || m_bNeedsReset;
+}
+
+void GrblMachine::update()
+{
+    if (m_homing.isActive() && m_s64NowUs >= m_homing.getEndUs()) {
+        endHoming();
+    }
+    if (m_s64SlowDownUs >= 0 && m_s64NowUs >= m_s64SlowDownUs) {
+        m_s64SlowDownUs = -1;
+        m_planner.hold();
+    }
+    const bool bRuns =
+        GRBL_STATE_RUN == m_eState || GRBL_STATE_JOG == m_eState || (isHeld() && !m_bHoldDone);
+    if (!bRuns || m_planner.isMoving()) {
+        m_s64StandsUs = -1;
+        return;
+    }
+    if (m_s64StandsUs < 0) { // the motors' idle delay passes before anything else does
+        m_s64StandsUs =
+            m_s64NowUs + static_cast<int64_t>(m_settings.get(GrblSettings::IDLE_DELAY_MS)) * 1000;
+    }
+    if (m_s64NowUs >= m_s64StandsUs) {
+        endMotion();
+    }
+}
+
+/** The head has come to rest, and that has been noticed. */
+void GrblMachine::endMotion()
+{
+    m_s64StandsUs = -1;
+    m_s64SlowDownUs = -1;
+    if (m_bJogCancel) {
+        m_bJogCancel = false;
+        m_planner.clear();
+        m_interpreter.setPosition(m_planner.getPosition());
+        m_eState = GRBL_STATE_IDLE;
+    } else if (isHeld()) {
+        m_bHoldDone = true;
+        m_bSpindleStopped =
+            m_settings.isOn(GrblSettings::LASER_MODE) || GRBL_STATE_DOOR == m_eState;
+    } else {
+        m_eState = GRBL_STATE_IDLE;
+    }
+}
+
+bool GrblMachine::isSynced() const
+{
+    return m_planner.isEmpty() && m_s64StandsUs < 0 && GRBL_STATE_RUN != m_eState &&
+           GRBL_STATE_JOG != m_eState;
+}
+
+GrblMachine::RESULT_E GrblMachine::carryOut(const GrblAction& action)
+{
+    const bool bCheck = GRBL_STATE_CHECK == m_eState;
+    switch (action.eKind) {
+    case GRBL_LIMITS:
+        return (!bCheck && isOutside(action.block.target)) ? RESULT_OUTSIDE : RESULT_DONE;
+    case GRBL_MOVE:
+        return (bCheck || move(action)) ? RESULT_DONE : RESULT_WAIT;
+    case GRBL_HOME:
+        m_eState = GRBL_STATE_HOME;
+        m_homing.begin(getPosition(), m_s64NowUs, m_settings, m_dSpeedUp);
+        return RESULT_DONE;
+    case GRBL_PAUSE:
+        if (bCheck) {
+            return RESULT_DONE;
+        }
+        break;
+    default:
+        break;
+    }
+    if (!isSynced()) {
+        return RESULT_WAIT;
+    }
+    switch (action.eKind) {
+    case GRBL_COOLANT:
+        m_bCoolant = action.bOn && !bCheck;
+        return RESULT_DONE;
+    case GRBL_SPINDLE:
+        m_eSpindle = bCheck ? SPINDLE_OFF : action.block.eSpindle;
+        m_dPower = action.block.dPower;
+        return RESULT_DONE;
+    case GRBL_DWELL:
+        return dwell(bCheck ? 0 : action.dSeconds) ? RESULT_DONE : RESULT_WAIT;
+    case GRBL_PAUSE:
+        beginHold(GRBL_STATE_HOLD);
+        return RESULT_DONE;
+    default: // GRBL_SYNC
+        return RESULT_DONE;
+    }
+}
+
+bool GrblMachine::move(const GrblAction& action)
+{
+    if (m_planner.isFull()) {
+        return false;
+    }
+    m_planner.queue(action.block);
+    if (m_planner.isMoving() && GRBL_STATE_IDLE == m_eState) {
+        m_eState = action.bOn ? GRBL_STATE_JOG : GRBL_STATE_RUN;
+    }
+    m_s64StandsUs = -1;
+    return true;
+}
+
+bool GrblMachine::dwell(double dSeconds)
+{
+    if (m_s64DwellUs < 0) {
+        m_s64DwellUs = m_s64NowUs + static_cast<int64_t>(dSeconds * US_PER_SECOND);
+    }
+    if (m_s64NowUs < m_s64DwellUs) {
+        return false;
+    }
+    m_s64DwellUs = -1;
+    return true;
+}
+
+void GrblMachine::hold()
+{
+    if (GRBL_STATE_IDLE == m_eState || GRBL_STATE_RUN == m_eState) {
+        beginHold(GRBL_STATE_HOLD);
+    }
+}
+
+void GrblMachine::openDoor()
+{
+    if (GRBL_STATE_ALARM != m_eState && GRBL_STATE_HOME != m_eState &&
+        GRBL_STATE_SLEEP != m_eState) {
+        beginHold(GRBL_STATE_DOOR);
+    }
+}
+
+void GrblMachine::beginHold(GRBL_STATE_E eState)
+{
+    const bool bFurther = isHeld();
+    m_bWasIdle = bFurther ? m_bWasIdle : !m_planner.isMoving() && m_s64StandsUs < 0;
+    const bool bAtRest = m_bWasIdle || (bFurther && m_bHoldDone);
+    m_eState = eState;
+    if (bAtRest) {
+        m_bHoldDone = true;
+        m_bSpindleStopped = m_bSpindleStopped || m_settings.isOn(GrblSettings::LASER_MODE) ||
+                            GRBL_STATE_DOOR == eState;
+    } else if (!bFurther) {
+        m_bHoldDone = false;
+        m_s64SlowDownUs = m_s64NowUs + SLOW_DOWN_US;
+    }
+}
+
+bool GrblMachine::resume()
+{
+    if (!isHeld() || !m_bHoldDone) {
+        return false; // in the middle of the slow-down it is dropped
+    }
+    const bool bRestores = m_bSpindleStopped && SPINDLE_OFF != m_eSpindle;
+    m_bSpindleStopped = false;
+    m_bHoldDone = false;
+    m_planner.resume();
+    m_eState = m_planner.isEmpty() ? GRBL_STATE_IDLE : GRBL_STATE_RUN;
+    return bRestores;
+}
+
+bool GrblMachine::cancelJog()
+{
+    if (GRBL_STATE_JOG != m_eState || m_bJogCancel) {
+        return false;
+    }
+    m_bJogCancel = true;
+    m_s64SlowDownUs = m_s64NowUs + SLOW_DOWN_US;
+    return true;
+}
+
+void GrblMachine::toggleSpindleStop()
+{
+    if (GRBL_STATE_HOLD == m_eState && m_bHoldDone) {
+        m_bSpindleStopped = !m_bSpindleStopped;
+    }
+}
+
+bool GrblMachine::toggleCoolant()
+{
+    if (GRBL_STATE_IDLE != m_eState && GRBL_STATE_RUN != m_eState && GRBL_STATE_HOLD != m_eState) {
+        return false;
+    }
+    m_bCoolant = !m_bCoolant;
+    return true;
+}
+
+bool GrblMachine::takeOverride(unsigned char uByte)
+{
+    const bool bChanged = m_overrides.take(uByte);
+    if (bChanged) {
+        m_planner.setOverrides(m_overrides.getFeed(), m_overrides.getRapid());
+    }
+    return bChanged;
+}
+
+void GrblMachine::sleep()
+{
+    m_eState = GRBL_STATE_SLEEP;
+    m_eSpindle = SPINDLE_OFF;
+    m_bCoolant = false;
+}
+
+bool GrblMachine::isOutside(const Point& target) const
+{
+    if (!m_settings.isOn(GrblSettings::SOFT_LIMITS)) {
+        return false;
+    }
+    for (size_t i = 0; i < target.size(); ++i) {
+        const double dTravel = m_settings.get(GrblSettings::TRAVEL + static_cast<int>(i));
+        if (target[i] > 1e-6 || target[i] < -dTravel - 1e-6) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void GrblMachine::endHoming()
+{
+    if (m_s64NowUs >= m_homing.getEndUs()) {
+        m_origin = {};
+        m_planner.setPosition(GrblHoming::getHome(m_settings));
+        m_bHomed = true;
+    } else { // cut short: the head is somewhere on its way
+        m_origin = minus(getPosition(), m_planner.getPosition());
+    }
+    m_homing.end();
+    m_interpreter.setPosition(m_planner.getPosition());
+    m_eState = GRBL_STATE_IDLE;
+}
+
+Point GrblMachine::getPosition() const
+{
+    return m_homing.isActive() ? m_homing.getPosition(m_s64NowUs)
+                               : plus(m_origin, m_planner.getPosition());
+}
+
+Beam GrblMachine::getLight() const
+{
+    const bool bLaser = m_settings.isOn(GrblSettings::LASER_MODE);
+    const bool bMoving = m_planner.isMoving();
+    Beam beam{false, m_dPower, isMoving()};
+    SPINDLE_E eSpindle = m_eSpindle;
+    if (bLaser && bMoving) {
+        eSpindle = m_planner.getCurrent().eSpindle;
+        beam.dPower = m_planner.getCurrent().dPower;
+    }
+    beam.dPower = std::min(beam.dPower * m_overrides.getSpindle() / 100,
+                           m_settings.get(GrblSettings::MAX_POWER));
+    beam.bOn = SPINDLE_OFF != eSpindle && beam.dPower > 0 && !m_bSpindleStopped;
+    if (bLaser && SPINDLE_DYNAMIC == eSpindle) {
+        const double dStop = m_planner.getTimeToStop();
+        const bool bLast = dStop >= 0 && dStop <= getLastSegment() + 1e-6;
+        beam.bOn = beam.bOn && bMoving && !bLast;
+    }
+    return beam;
+}
+
+void GrblMachine::tellBeam()
+{
+    if (m_settings.isOn(GrblSettings::LASER_MODE) && m_planner.isMoving()) {
+        m_eSpindle = m_planner.getCurrent().eSpindle; // where it stays when the planner runs dry
+        m_dPower = m_planner.getCurrent().dPower;
+    }
+    m_beamLog.update(m_s64NowUs, getLight());
+}
+
+GrblStatusReport::Status GrblMachine::getStatus() const
+{
+    GrblStatusReport::Status status;
+    status.strState = getStateName();
+    status.bBusy = GRBL_STATE_IDLE != m_eState && GRBL_STATE_ALARM != m_eState;
+    status.uMask = static_cast<unsigned>(m_settings.get(GrblSettings::STATUS_REPORT));
+    status.machine = m_planner.getPosition();
+    status.offset = m_interpreter.getWorkOffset();
+    status.uBlocks = m_planner.getFree();
+    status.dFeed = m_planner.getSpeed() * SECONDS_PER_MINUTE;
+    const Beam light = getLight();
+    const bool bScaled = m_planner.isMoving() && m_settings.isOn(GrblSettings::LASER_MODE) &&
+                         SPINDLE_DYNAMIC == m_planner.getCurrent().eSpindle;
+    status.dPower = light.bOn ? light.dPower * (bScaled ? m_planner.getSpeedShare() : 1) : 0;
+    status.strOverrides = m_overrides.format();
+    if (SPINDLE_OFF != m_eSpindle && !m_bSpindleStopped) {
+        status.strOn = (SPINDLE_CONSTANT == m_eSpindle) ? "S" : "C";
+    }
+    status.strOn += m_bCoolant ? "F" : "";
+    return status;
+}
