@@ -30,18 +30,10 @@ bool isLaserOff(const Command& command)
     return COMMAND_ACCEPTED == command.eKind && LASER_OFF == command.eLaser && !command.bDwell;
 }
 
-/** As long as the service's reply buffer. */
-std::string garbage()
-{
-    std::string strResult = makeGarbage(0);
-    strResult[0] = '\xff'; // in place of the only zero
-    return strResult;
-}
-
 } // namespace
 
 Controller::Controller(const ControllerSettings& settings, WireLog& wireLog)
-    : m_settings(settings), m_wireLog(wireLog), m_beamLog(wireLog),
+    : m_settings(settings), m_wireLog(wireLog), m_beamLog(wireLog), m_answers(settings.s64AnswerUs),
       m_motion(settings.dSpeedUp, settings.s64SettleUs),
       m_loader(settings.strImagePath, settings.s64ImageQuietUs), m_bPilotOn(!settings.bPilotOff),
       m_dFeed(POWER_UP_FEED)
@@ -141,12 +133,11 @@ void Controller::softReset(int64_t s64NowUs)
     m_strInput.clear();
     m_bAfterLine = false;
     m_deqLine.clear();
-    m_deqAnswer.clear();
-    m_pEndAnswer = nullptr;
+    m_answers.drop();
     m_laser = {};
     m_motion.setLaser({});
     tellBeam(s64NowUs);
-    m_deqAnswer.push_back({s64NowUs, formatGreeting()});
+    m_answers.tell(formatGreeting(), s64NowUs);
 }
 
 /** What is queued and what was modal. */
@@ -183,15 +174,15 @@ void Controller::endMove(int64_t s64NowUs)
     if (m_bOnce) {
         return;
     }
-    m_deqAnswer.push_back({s64NowUs, formatDone()});
+    m_answers.tell(formatDone(), s64NowUs);
     // An M18 behind the move is answered in the same write.
     if (!m_deqLine.empty() && m_motion.isIdle() &&
         COMMAND_SPOT == parseLine(m_deqLine.front()).eKind) {
-        m_pEndAnswer = &m_deqAnswer.back();
+        m_answers.join();
         const std::string strLine = std::move(m_deqLine.front());
         m_deqLine.pop_front();
         processLine(strLine, s64NowUs);
-        m_pEndAnswer = nullptr;
+        m_answers.endJoin();
     }
 }
 
@@ -233,7 +224,7 @@ void Controller::processLine(const std::string& strLine, int64_t s64NowUs)
     if (FAULT_STATUS == fault.eKind) {
         strAnswer.insert(0, formatStatus(fault.nValue));
     }
-    sendAnswer(strAnswer, fault, s64NowUs);
+    m_answers.answer(strAnswer, fault, s64NowUs);
 }
 
 std::string Controller::answerFor(const Command& command, const Fault& fault, int64_t s64NowUs)
@@ -333,55 +324,15 @@ std::string Controller::lockWith(const std::string& strAnswer)
     return strAnswer;
 }
 
-void Controller::say(int64_t s64DueUs, const std::string& strText)
-{
-    const int64_t s64LastUs = m_deqAnswer.empty() ? 0 : m_deqAnswer.back().s64DueUs;
-    m_deqAnswer.push_back({std::max(s64DueUs, s64LastUs) + m_settings.s64AnswerUs, strText});
-}
-
-void Controller::sendAnswer(const std::string& strText, const Fault& fault, int64_t s64NowUs)
-{
-    switch (fault.eKind) {
-    case FAULT_NO_ANSWER:
-        return;
-    case FAULT_LATE:
-        say(s64NowUs + static_cast<int64_t>(fault.nValue) * 1000, strText);
-        return;
-    case FAULT_HALF:
-        say(s64NowUs, strText.substr(0, strText.size() / 2));
-        return;
-    case FAULT_DOUBLE:
-        say(s64NowUs, strText);
-        break;
-    case FAULT_GARBAGE:
-        say(s64NowUs, garbage());
-        return;
-    default:
-        break;
-    }
-    if (nullptr != m_pEndAnswer) {
-        m_pEndAnswer->strText += strText;
-        return;
-    }
-    say(s64NowUs, strText);
-}
-
 bool Controller::takeAnswer(int64_t s64NowUs, std::string& strText)
 {
-    if (m_deqAnswer.empty() || m_deqAnswer.front().s64DueUs > s64NowUs) {
-        return false;
-    }
-    strText = std::move(m_deqAnswer.front().strText);
-    m_deqAnswer.pop_front();
-    return !m_bMuted || takeAnswer(s64NowUs, strText);
+    return m_answers.take(s64NowUs, strText);
 }
 
 int64_t Controller::nextDueUs(int64_t s64NowUs) const
 {
-    int64_t s64DueUs = INT64_MAX;
-    if (!m_deqAnswer.empty()) {
-        s64DueUs = m_deqAnswer.front().s64DueUs;
-    }
+    const int64_t s64AnswerUs = m_answers.getDueUs();
+    int64_t s64DueUs = (s64AnswerUs < 0) ? INT64_MAX : s64AnswerUs;
     if (const int64_t s64LeftUs = m_motion.getRemainingUs(); s64LeftUs >= 0) {
         s64DueUs = std::min(s64DueUs, s64NowUs + std::min(s64LeftUs, TICK_US));
     }
@@ -402,9 +353,8 @@ void Controller::dropWire()
     m_strInput.clear();
     m_bAfterLine = false;
     m_deqLine.clear();
-    m_deqAnswer.clear();
+    m_answers.drop();
     m_loader.end();
-    m_pEndAnswer = nullptr;
 }
 
 void Controller::reset(int64_t s64NowUs)
@@ -434,7 +384,7 @@ bool Controller::instruct(const std::string& strInstruction, int64_t s64NowUs)
         return true;
     }
     if ("mute" == strInstruction || "unmute" == strInstruction) {
-        m_bMuted = "mute" == strInstruction;
+        m_answers.mute("mute" == strInstruction);
         return true;
     }
     if ("restart" == strInstruction) {
@@ -447,7 +397,7 @@ bool Controller::instruct(const std::string& strInstruction, int64_t s64NowUs)
         advance(s64NowUs);
         alarm();
         tellBeam(s64NowUs);
-        m_deqAnswer.push_back({s64NowUs, formatAlarm(nCode)});
+        m_answers.tell(formatAlarm(nCode), s64NowUs);
         return true;
     }
     if ("once on" == strInstruction || "once off" == strInstruction) {
@@ -455,7 +405,7 @@ bool Controller::instruct(const std::string& strInstruction, int64_t s64NowUs)
         return true;
     }
     if ("say" == vecWord[0] && strInstruction.size() > 4) {
-        m_deqAnswer.push_back({s64NowUs, WireLog::unescape(strInstruction.substr(4))});
+        m_answers.tell(WireLog::unescape(strInstruction.substr(4)), s64NowUs);
         return true;
     }
     return m_faultPlan.add(vecWord);

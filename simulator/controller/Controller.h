@@ -5,8 +5,8 @@
 #include <deque>
 #include <functional>
 #include <string>
-#include <vector>
 
+#include "AnswerQueue.h"
 #include "BeamLog.h"
 #include "ControllerSettings.h"
 #include "FaultPlan.h"
@@ -65,12 +65,6 @@ public:
     std::string describe() const override;
 
 private:
-    struct Answer
-    {
-        int64_t s64DueUs;
-        std::string strText;
-    };
-
     void takeByte(char c, int64_t s64NowUs);
     void hold(bool bHeld, int64_t s64NowUs);
     void softReset(int64_t s64NowUs);
@@ -85,13 +79,12 @@ private:
     std::string execute(const Command& command, int64_t s64NowUs);
     std::string carryOut(const Command& command);
     std::string lockWith(const std::string& strAnswer);
-    void say(int64_t s64DueUs, const std::string& strText);
-    void sendAnswer(const std::string& strText, const Fault& fault, int64_t s64NowUs);
     void endMove(int64_t s64NowUs);
 
     ControllerSettings m_settings;
     WireLog& m_wireLog;
     BeamLog m_beamLog;
+    AnswerQueue m_answers;
     LineTriggers m_triggers;
     FaultPlan m_faultPlan;
     Motion m_motion;
@@ -100,7 +93,6 @@ private:
     std::string m_strInput;            // the line that is coming in, at most MAX_INPUT bytes
     bool m_bAfterLine = false;         // the next line end belongs to the line before it
     std::deque<std::string> m_deqLine; // lines that wait; bounded by wantsInput()
-    std::deque<Answer> m_deqAnswer;
 
     int m_nLines = 0;          // lines whose turn has come
     unsigned m_uWireEpoch = 0; // counts dropWire(), for the line whose trigger pulled the cable
@@ -111,9 +103,7 @@ private:
     bool m_bRelative = false;
     std::deque<bool> m_deqHoming; // per positioning move under way: whether it is a homing
     bool m_bHomed = false;
-    bool m_bMuted = false; // says nothing at all
     bool m_bPilotOn;
     Laser m_laser; // as the lines so far tell it, in front of the queue
     double m_dFeed;
-    Answer* m_pEndAnswer = nullptr; // while a move's end is handled: what an M18 behind it joins
 };
