@@ -2,13 +2,11 @@
 #include "GrblMachine.h"
 
 #include <algorithm>
-#include <cmath>
 
 #include "GrblErrors.h"
 
-// Times that a controller with this firmware was measured at.
-static const int64_t SLOW_DOWN_US = 40000;  // from a hold until it is felt: what is prepared
-static const double SEGMENT_SECONDS = 0.01; // the power follows the speed in such steps
+// Measured at a controller with this firmware: from a hold until it is felt, what is prepared.
+static const int64_t SLOW_DOWN_US = 40000;
 
 static const double SECONDS_PER_MINUTE = 60;
 static const double US_PER_SECOND = 1e6;
@@ -30,7 +28,7 @@ Point minus(const Point& first, const Point& second)
 GrblMachine::GrblMachine(const ControllerSettings& options, const GrblSettings& settings,
                          GrblInterpreter& interpreter, WireLog& wireLog)
     : m_dSpeedUp(options.dSpeedUp), m_settings(settings), m_interpreter(interpreter),
-      m_beamLog(wireLog), m_origin(options.powerUpPosition)
+      m_beamLog(wireLog), m_laser(settings, m_planner), m_origin(options.powerUpPosition)
 {
     applySettings();
 }
@@ -53,7 +51,7 @@ void GrblMachine::reset(bool bLock)
     m_bNeedsReset = false;
     m_bHoldDone = false;
     m_bJogCancel = false;
-    m_bSpindleStopped = false;
+    m_laser.stop(false);
     m_overrides = GrblOverrides();
     m_planner.setOverrides(m_overrides.getFeed(), m_overrides.getRapid());
     m_eState = bLock ? GRBL_STATE_ALARM : GRBL_STATE_IDLE;
@@ -64,8 +62,7 @@ void GrblMachine::switchOff()
 {
     m_planner.clear();
     m_interpreter.setPosition(m_planner.getPosition());
-    m_eSpindle = SPINDLE_OFF;
-    m_dPower = 0;
+    m_laser.output(SPINDLE_OFF, 0);
     m_bCoolant = false;
     m_s64SlowDownUs = -1;
     m_s64StandsUs = -1;
@@ -118,18 +115,10 @@ int64_t GrblMachine::nextEventUs() const
         }
     };
     inSeconds(m_planner.getNextChange());
-    if (const double dStop = m_planner.getTimeToStop(); dStop >= 0) {
-        const double dDark = dStop - getLastSegment(); // where dynamic power ends
-        inSeconds((dDark > 0) ? dDark : -1);
+    if (const double dDark = m_laser.getTimeToDark(); dDark > 0) {
+        inSeconds(dDark);
     }
     return (INT64_MAX == s64Us) ? -1 : s64Us;
-}
-
-/** Seconds of the last step or segment of a block that ends at rest: its power is that of rest. */
-double GrblMachine::getLastSegment() const
-{
-    const double dStep = 1 / std::max(1.0, m_settings.get(GrblSettings::STEPS));
-    return std::max(SEGMENT_SECONDS, std::sqrt(2 * dStep / m_planner.getAcceleration()));
 }
 
 void GrblMachine::stepTo(int64_t s64Us)
@@ -182,8 +171,7 @@ void GrblMachine::endMotion()
         m_eState = GRBL_STATE_IDLE;
     } else if (isHeld()) {
         m_bHoldDone = true;
-        m_bSpindleStopped =
-            m_settings.isOn(GrblSettings::LASER_MODE) || GRBL_STATE_DOOR == m_eState;
+        m_laser.stop(m_settings.isOn(GrblSettings::LASER_MODE) || GRBL_STATE_DOOR == m_eState);
     } else {
         m_eState = GRBL_STATE_IDLE;
     }
@@ -223,8 +211,7 @@ GrblMachine::RESULT_E GrblMachine::carryOut(const GrblAction& action)
         m_bCoolant = action.bOn && !bCheck;
         return RESULT_DONE;
     case GRBL_SPINDLE:
-        m_eSpindle = bCheck ? SPINDLE_OFF : action.block.eSpindle;
-        m_dPower = action.block.dPower;
+        m_laser.output(bCheck ? SPINDLE_OFF : action.block.eSpindle, action.block.dPower);
         return RESULT_DONE;
     case GRBL_DWELL:
         return dwell(bCheck ? 0 : action.dSeconds) ? RESULT_DONE : RESULT_WAIT;
@@ -284,8 +271,8 @@ void GrblMachine::beginHold(GRBL_STATE_E eState)
     m_eState = eState;
     if (bAtRest) {
         m_bHoldDone = true;
-        m_bSpindleStopped = m_bSpindleStopped || m_settings.isOn(GrblSettings::LASER_MODE) ||
-                            GRBL_STATE_DOOR == eState;
+        m_laser.stop(m_laser.isStopped() || m_settings.isOn(GrblSettings::LASER_MODE) ||
+                     GRBL_STATE_DOOR == eState);
     } else if (!bFurther) {
         m_bHoldDone = false;
         m_s64SlowDownUs = m_s64NowUs + SLOW_DOWN_US;
@@ -297,8 +284,8 @@ bool GrblMachine::resume()
     if (!isHeld() || !m_bHoldDone) {
         return false; // in the middle of the slow-down it is dropped
     }
-    const bool bRestores = m_bSpindleStopped && SPINDLE_OFF != m_eSpindle;
-    m_bSpindleStopped = false;
+    const bool bRestores = m_laser.isStopped() && m_laser.isOutput();
+    m_laser.stop(false);
     m_bHoldDone = false;
     m_planner.resume();
     m_eState = m_planner.isEmpty() ? GRBL_STATE_IDLE : GRBL_STATE_RUN;
@@ -318,7 +305,7 @@ bool GrblMachine::cancelJog()
 void GrblMachine::toggleSpindleStop()
 {
     if (GRBL_STATE_HOLD == m_eState && m_bHoldDone) {
-        m_bSpindleStopped = !m_bSpindleStopped;
+        m_laser.stop(!m_laser.isStopped());
     }
 }
 
@@ -343,7 +330,7 @@ bool GrblMachine::takeOverride(unsigned char uByte)
 void GrblMachine::sleep()
 {
     m_eState = GRBL_STATE_SLEEP;
-    m_eSpindle = SPINDLE_OFF;
+    m_laser.switchOff();
     m_bCoolant = false;
 }
 
@@ -381,34 +368,12 @@ Point GrblMachine::getPosition() const
                                : plus(m_origin, m_planner.getPosition());
 }
 
-Beam GrblMachine::getLight() const
-{
-    const bool bLaser = m_settings.isOn(GrblSettings::LASER_MODE);
-    const bool bMoving = m_planner.isMoving();
-    Beam beam{false, m_dPower, isMoving()};
-    SPINDLE_E eSpindle = m_eSpindle;
-    if (bLaser && bMoving) {
-        eSpindle = m_planner.getCurrent().eSpindle;
-        beam.dPower = m_planner.getCurrent().dPower;
-    }
-    beam.dPower = std::min(beam.dPower * m_overrides.getSpindle() / 100,
-                           m_settings.get(GrblSettings::MAX_POWER));
-    beam.bOn = SPINDLE_OFF != eSpindle && beam.dPower > 0 && !m_bSpindleStopped;
-    if (bLaser && SPINDLE_DYNAMIC == eSpindle) {
-        const double dStop = m_planner.getTimeToStop();
-        const bool bLast = dStop >= 0 && dStop <= getLastSegment() + 1e-6;
-        beam.bOn = beam.bOn && bMoving && !bLast;
-    }
-    return beam;
-}
-
 void GrblMachine::tellBeam()
 {
-    if (m_settings.isOn(GrblSettings::LASER_MODE) && m_planner.isMoving()) {
-        m_eSpindle = m_planner.getCurrent().eSpindle; // where it stays when the planner runs dry
-        m_dPower = m_planner.getCurrent().dPower;
-    }
-    m_beamLog.update(m_s64NowUs, getLight());
+    m_laser.follow();
+    Beam beam = m_laser.getLight(m_overrides.getSpindle());
+    beam.bMoving = isMoving();
+    m_beamLog.update(m_s64NowUs, beam);
 }
 
 GrblStatusReport::Status GrblMachine::getStatus() const
@@ -421,14 +386,8 @@ GrblStatusReport::Status GrblMachine::getStatus() const
     status.offset = m_interpreter.getWorkOffset();
     status.uBlocks = m_planner.getFree();
     status.dFeed = m_planner.getSpeed() * SECONDS_PER_MINUTE;
-    const Beam light = getLight();
-    const bool bScaled = m_planner.isMoving() && m_settings.isOn(GrblSettings::LASER_MODE) &&
-                         SPINDLE_DYNAMIC == m_planner.getCurrent().eSpindle;
-    status.dPower = light.bOn ? light.dPower * (bScaled ? m_planner.getSpeedShare() : 1) : 0;
+    status.dPower = m_laser.getPower(m_overrides.getSpindle());
     status.strOverrides = m_overrides.format();
-    if (SPINDLE_OFF != m_eSpindle && !m_bSpindleStopped) {
-        status.strOn = (SPINDLE_CONSTANT == m_eSpindle) ? "S" : "C";
-    }
-    status.strOn += m_bCoolant ? "F" : "";
+    status.strOn = m_laser.format() + (m_bCoolant ? "F" : "");
     return status;
 }

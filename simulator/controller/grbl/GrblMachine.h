@@ -8,6 +8,7 @@
 #include "GrblAction.h"
 #include "GrblHoming.h"
 #include "GrblInterpreter.h"
+#include "GrblLaser.h"
 #include "GrblOverrides.h"
 #include "GrblPlanner.h"
 #include "GrblSettings.h"
@@ -145,14 +146,13 @@ private:
     void endMotion();
     void endHoming();
     void switchOff();
-    double getLastSegment() const;
-    Beam getLight() const;
 
     double m_dSpeedUp;
     const GrblSettings& m_settings;
     GrblInterpreter& m_interpreter;
     BeamLog m_beamLog;
     GrblPlanner m_planner;
+    GrblLaser m_laser;
     GrblOverrides m_overrides;
     GrblHoming m_homing;
 
@@ -169,9 +169,6 @@ private:
     int64_t m_s64StandsUs = -1;   // when the head that stands has been noticed
     int64_t m_s64DwellUs = -1;
 
-    SPINDLE_E m_eSpindle = SPINDLE_OFF; // as output
-    double m_dPower = 0;
-    bool m_bSpindleStopped = false; // by a hold, by the door or by an override
     bool m_bCoolant = false;
     Point m_origin; // of the machine positions, where the head really is at 0
 };
