@@ -233,7 +233,7 @@ int GrblInterpreter::appendMotion(GrblWords& words, const GrblModes& modes, cons
         block.target = end;
         vecAction.push_back({GRBL_MOVE, block});
     }
-    words.drop("XYZ");
+    words.drop(GRBL_AXES);
     m_position = target;
     return 0;
 }

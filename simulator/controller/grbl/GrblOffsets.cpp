@@ -29,7 +29,7 @@ int GrblOffsets::apply(GrblWords& words, const GrblModes& modes, const Point& po
         return 0;
     case 280:
     case 300:
-        words.drop("XYZ");
+        words.drop(GRBL_AXES);
         return 0;
     case 921:
         m_shift92 = {};

@@ -41,9 +41,12 @@ void GrblSystemCommands::start(std::deque<GrblAction>& deqAction)
             continue;
         }
         std::vector<GrblAction> vecAction;
-        const std::string strResult = formatResult(m_interpreter.interpret(strLine, vecAction));
+        std::string strText = ">";
+        strText += strLine;
+        strText += ":";
+        strText += formatResult(m_interpreter.interpret(strLine, vecAction));
         deqAction.insert(deqAction.end(), vecAction.begin(), vecAction.end());
-        deqAction.push_back({GRBL_SAY, {}, 0, false, ">" + strLine + ":" + strResult});
+        deqAction.push_back({GRBL_SAY, {}, 0, false, strText});
     }
 }
 

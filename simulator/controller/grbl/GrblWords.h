@@ -8,7 +8,7 @@
 #include <vector>
 
 /** The three axes' letters, in the order of a Point. */
-constexpr char GRBL_AXES[] = {'X', 'Y', 'Z'};
+constexpr const char* GRBL_AXES = "XYZ";
 
 /**
  * Words with a value are taken by what uses them: what is left over in the end was not used, which
