@@ -20,7 +20,7 @@
 struct Line
 {
     int bReady;        // written by its thread, atomically, when the rest is complete
-    char acThread[16]; // prctl(2), PR_GET_NAME
+    char acThread[16]; // the program's for the first one, else prctl(2), PR_GET_NAME
     char acText[MAX_LINE];
 };
 
@@ -102,6 +102,9 @@ void journalNote(const char* pCall, const char* pFormat, ...)
     struct Line line;
     memset(&line, 0, sizeof(line));
     (void)prctl(PR_GET_NAME, line.acThread);
+    if (getpid() == (pid_t)syscall(SYS_gettid)) { // an emulator gives the first thread its own name
+        (void)snprintf(line.acThread, sizeof(line.acThread), "%s", program_invocation_short_name);
+    }
     const int nName = snprintf(line.acText, sizeof(line.acText), "%s ", pCall);
     va_list arguments;
     va_start(arguments, pFormat);

@@ -21,7 +21,8 @@ void Wire::enter(const char* pData, size_t uSize, uint64_t u64NowNs)
             ++m_u32Overflowed;
             return;
         }
-        u64OutNs = std::max(u64NowNs, m_u64FreeNs) + uSize * 8 * 1000000000 / m_options.u64BitsPerS;
+        const uint64_t u64Bits = uint64_t{uSize} * 8;
+        u64OutNs = std::max(u64NowNs, m_u64FreeNs) + u64Bits * 1000000000 / m_options.u64BitsPerS;
         m_u64FreeNs = u64OutNs;
     }
     // A lost packet takes its time on the wire, too. One lot for each, so that a seed gives the
