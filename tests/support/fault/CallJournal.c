@@ -26,7 +26,8 @@ struct Line
 
 static struct Line g_aLine[MAX_LINES + 1]; // the last says that it is full
 static size_t g_uLines;                    // claimed
-static char g_acCalls[512];                // " poll select "
+static const char* g_pCalls = "";          // " poll select "; in one of the texts, atomically
+static char g_aacText[64][512];            // used in turn: another thread may still read the last
 static int g_bOn;
 static int g_nFile = -1; // where a preloaded program's lines go
 
@@ -40,7 +41,10 @@ void journalStart(const char* pCalls)
     if (NULL == pCalls || '\0' == *pCalls) {
         return;
     }
-    (void)snprintf(g_acCalls, sizeof(g_acCalls), " %s ", pCalls);
+    static size_t s_uText;
+    char* pText = g_aacText[s_uText++ % (sizeof(g_aacText) / sizeof(g_aacText[0]))];
+    (void)snprintf(pText, sizeof(g_aacText[0]), " %s ", pCalls);
+    __atomic_store_n(&g_pCalls, pText, __ATOMIC_SEQ_CST);
     __atomic_store_n(&g_bOn, 1, __ATOMIC_SEQ_CST);
 }
 
@@ -81,7 +85,8 @@ int journalWants(const char* pCall)
         return 0;
     }
     const size_t uLength = strlen(pCall);
-    for (const char* p = strstr(g_acCalls, pCall); NULL != p; p = strstr(p + 1, pCall)) {
+    const char* pCalls = __atomic_load_n(&g_pCalls, __ATOMIC_SEQ_CST);
+    for (const char* p = strstr(pCalls, pCall); NULL != p; p = strstr(p + 1, pCall)) {
         if (' ' == p[-1] && ' ' == p[uLength]) {
             return 1;
         }
