@@ -6,8 +6,8 @@
 
 /**
  * For its life every successful ioctl(2) of the code under test runs through the function, with the
- * request and its record. For programs linked with --wrap=ioctl; one object at a time, made and
- * destroyed while nobody asks the driver.
+ * request and its record. For programs linked with --wrap=ioctl; one object at a time; any
+ * thread may ask the driver meanwhile, and its end waits for the function.
  */
 class DriverAnswer
 {

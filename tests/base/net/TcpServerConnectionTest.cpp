@@ -60,9 +60,13 @@ TEST_F(TcpServerConnection, PassReadsSixteenTimesAndTheRestHasItsTurn)
     ASSERT_EQ(0, m_server.m_pLast->getSocket().getRcvQueue(nLeft));
     EXPECT_EQ(3000 - 160, nLeft);
 
-    for (int i = 0; i < 18; ++i) {
+    int nPasses = 0;
+    while (nLeft > 0 && nPasses < 100) { // now and then one is for a writable connection alone
         EXPECT_EQ(0, m_server.pollOnce());
+        ++nPasses;
+        ASSERT_EQ(0, m_server.m_pLast->getSocket().getRcvQueue(nLeft));
     }
+    EXPECT_GE(nPasses, 18);
     EXPECT_EQ(strSent, readBytes(m_peer, 3000));
 }
 
