@@ -130,6 +130,9 @@ TEST_F(LogFileFailure, WithoutMemoryAtTheStartThereIsNoFile)
     unsigned uHits = 1;
     for (unsigned i = 1; 0 != uHits; ++i) {
         LogFile::getInstance().close();
+        for (const std::string& strName : names()) { // a new second gives a file of another name
+            fs::remove(m_folder.path() / strName);
+        }
         const std::string strPlan = "malloc:" + std::to_string(i) + ":ENOMEM";
         FaultScope fault(strPlan.c_str());
         Log::getInstance().initLogFile(strBase.c_str(), 4096, 2);
