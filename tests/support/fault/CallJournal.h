@@ -62,7 +62,7 @@ size_t journalCount(void);
 /** @return the line; its life is that of the journal. "" beyond the last */
 const char* journalLine(size_t uIndex);
 
-/** @return the name (prctl(2), PR_SET_NAME) of the thread that made the line's call */
+/** @return the thread that made the line's call: the first by its program, others by PR_SET_NAME */
 const char* journalThread(size_t uIndex);
 
 #ifdef __cplusplus
