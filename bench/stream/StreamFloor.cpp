@@ -1,6 +1,6 @@
 // stream-floor: the least that a stream can cost, beside which the service is measured.
 //
-// usage: stream-floor PORT [agreed] [one-call]
+// usage: stream-floor PORT [copies] [pauses] [one-call]
 //
 // One thread, one loop. It takes its pictures from the same (virtual) camera as the service, by the
 // same driver calls with as many buffers: wait with poll, dequeue the filled buffer, give the one
@@ -13,9 +13,9 @@
 // With "one-call" it hands the three blocks over in one sendmsg(2), and the sockets have all
 // options that the service sets.
 //
-// With "agreed" the loop also does what the service has to do for each frame by agreement: it
-// copies the picture into a block of its own, gives the camera's buffer back before the first send,
-// and pauses for 10 ms after the last.
+// With "copies" and "pauses" the loop also does what the service has to do for each frame by
+// agreement: it copies the picture into a block of its own and gives the camera's buffer back
+// before the first send; it pauses for 10 ms after the last.
 //
 // So frame and time stamp become available to both programs in the same way and at the same cost,
 // and what the service takes beyond the floor is its own: threads, hand-over, queues, blocks.
@@ -26,6 +26,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -270,14 +271,21 @@ void sendFrame(const std::vector<int>& vecClient, const Block& picture, bool bOn
 
 int main(int nCount, char** ppArgument)
 {
-    bool bAgreed = false;
+    bool bCopies = false;
+    bool bPauses = false;
     bool bOneCall = false;
+    int nKnown = 0;
     for (int i = 2; i < nCount; ++i) {
-        bAgreed = bAgreed || 0 == strcmp(ppArgument[i], "agreed");
-        bOneCall = bOneCall || 0 == strcmp(ppArgument[i], "one-call");
+        for (const auto& [pWord, pbOption] :
+             {std::pair{"copies", &bCopies}, {"pauses", &bPauses}, {"one-call", &bOneCall}}) {
+            if (0 == strcmp(ppArgument[i], pWord)) {
+                *pbOption = true;
+                ++nKnown;
+            }
+        }
     }
-    if (nCount != 2 + (bAgreed ? 1 : 0) + (bOneCall ? 1 : 0)) {
-        fprintf(stderr, "usage: stream-floor PORT [agreed] [one-call]\n");
+    if (nCount != 2 + nKnown) {
+        fprintf(stderr, "usage: stream-floor PORT [copies] [pauses] [one-call]\n");
         return 2;
     }
     const int nListener = listenOn(static_cast<uint16_t>(atoi(ppArgument[1])));
@@ -287,10 +295,12 @@ int main(int nCount, char** ppArgument)
         pollfd aPoll[] = {{camera.descriptor(), POLLIN, 0}, {nListener, POLLIN, 0}};
         check(::poll(aPoll, 2, -1) > 0, "poll");
         if (0 != aPoll[0].revents) {
-            const Block picture = bAgreed ? camera.copy() : camera.take();
+            const Block picture = bCopies ? camera.copy() : camera.take();
             sendFrame(vecClient, picture, bOneCall);
-            if (bAgreed) {
+            if (bCopies) {
                 free(const_cast<char*>(picture.pBytes));
+            }
+            if (bPauses) {
                 timeval pause = {0, 10000};
                 (void)::select(0, nullptr, nullptr, nullptr, &pause);
             }

@@ -1,10 +1,10 @@
 """The stream from the virtual camera to many clients, beside its floor (StreamFloor.cpp).
 
 For each number of clients, by turns and five times: the floor that calls three times for a part, the
-service, the floor that calls once, the floor with the copy and the pause that are agreed for each
-frame, and the service with one more client that reads slowly, each as a fresh process on a fresh
-camera, for a few seconds. Load generator, camera and pictures are the same. The figures are the
-medians, deliveries the sums, sizes the largest. Then, one client, the service and the floor that calls
+service, the floor that calls once, the first one with the pause that is agreed after each frame, and
+with the agreed copy besides, and the service with one more client that reads slowly, each as a fresh
+process on a fresh camera, for a few seconds. Load generator, camera and pictures are the same. The
+figures are the medians, deliveries the sums, sizes the largest. Then, one client, the service and the floor that calls
 once over the four links; each round's losses are those of its number.
 
 usage: stream.py [links] [CLIENTS...]   all without arguments
@@ -268,10 +268,11 @@ class LinkRun:
 
 
 def measure(folder, clients):
-    """The points of the floors (three calls, one, agreed), the service, and the service with a
-    slow client: by name."""
+    """The points of the floors (three calls, one, three and a pause, and a copy), the service, and
+    the service with a slow client: by name."""
     kinds = {"floor": {"floor": ()}, "service": {}, "one-call": {"floor": ("one-call",)},
-             "agreed": {"floor": ("agreed",)}, "slow": {"slow_rate": SLOW_RATE}}
+             "pauses": {"floor": ("pauses",)}, "agreed": {"floor": ("copies", "pauses")},
+             "slow": {"slow_rate": SLOW_RATE}}
     rounds = [[Run(folder, clients, **kind) for kind in kinds.values()] for _ in range(ROUNDS)]
     return {name: Point(runs) for name, runs in zip(kinds, zip(*rounds))}
 
@@ -287,6 +288,8 @@ def add_point(table, clients, points):
               one_call.cpu, goal=1.25, bound=PAUSE)
     table.add(piece, "CPU per delivered frame, beside a floor that copies and pauses too",
               service.cpu, "us", points["agreed"].cpu)
+    table.add(piece, "the agreed pause's CPU per delivered frame, in the floor",
+              points["pauses"].cpu - floor.cpu, "us")
     table.add(piece, "CPU per delivered frame, with the load generator's, beside one call",
               service.both_cpu, "us", one_call.both_cpu, bound=PAUSE)
     table.add(piece, "latency, median", service.median, "ms", one_call.median, goal=1.1,
