@@ -252,6 +252,7 @@ void Interlock::forget(int64_t s64NowUs)
     m_nStatus = 0;
     m_s64SilentUs = 0;
     m_s64BusyUs = 0;
+    m_as64MoveUs = {};
     m_s64ProbeUs = 0;
     m_bHeld = false;
     m_bHoldTold = false;

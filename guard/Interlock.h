@@ -198,6 +198,7 @@ private:
     void takeMove(const char* pText, size_t uLength, int64_t s64NowUs);
     void takeRepeat(int64_t s64NowUs);
     void fillSlot(const char* pText, size_t uLength, int64_t s64NowUs);
+    bool sendLine(const char* pBytes, size_t uLength, int64_t s64DurationUs, int64_t s64NowUs);
     void forwardSlot(int64_t s64NowUs);
     void beginMove(bool bHome, bool bForService, int64_t s64DurationUs, int64_t s64NowUs);
     void cutShort(int64_t s64NowUs);
@@ -263,6 +264,9 @@ private:
     int64_t m_s64OffUs = 0;  // when it is told again
     size_t m_uSettings = 0;  // settings lines asked for
     int64_t m_s64BusyUs = 0; // when the controller will have done what it has, at the latest
+    // 18: both controllers queue 16 moves at most; one is under way, one just sent.
+    std::array<int64_t, 18> m_as64MoveUs{}; // estimates of the last moves
+    size_t m_uOldestMove = 0;
 
     LineBuffer m_fromService;
     int64_t m_s64PieceUs = 0;  // when its first byte came

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <numeric>
 
 #include "Interlock.h"
 
@@ -408,14 +409,38 @@ void Interlock::forwardSlot(int64_t s64NowUs)
         onLineAnswer(true, 0, s64NowUs);
         return;
     }
-    const int64_t s64FormerUs = m_s64BusyUs;
-    m_s64BusyUs = std::max(s64NowUs, m_s64BusyUs) + s64DurationUs + s64DurationUs / 5;
-    if (!send(acOut.data(), uOut, EXPECT_LINE, s64NowUs)) {
-        m_s64BusyUs = s64FormerUs;
+    if (!sendLine(acOut.data(), uOut, s64DurationUs, s64NowUs)) {
         m_check = before; // stays kept, and goes out when it is repeated
         return;
     }
     m_slot.eState = SLOT_SENT;
+}
+
+/**
+ * The controller has the last moves at most: the estimates of those before, which are too long, do
+ * not add up over a job.
+ */
+bool Interlock::sendLine(const char* pBytes, size_t uLength, int64_t s64DurationUs,
+                         int64_t s64NowUs)
+{
+    const int64_t s64EstimateUs = s64DurationUs + s64DurationUs / 5;
+    const int64_t s64QueuedUs =
+        std::accumulate(m_as64MoveUs.begin(), m_as64MoveUs.end(), s64EstimateUs) -
+        m_as64MoveUs[m_uOldestMove];
+    const int64_t s64FormerUs = m_s64BusyUs;
+    m_s64BusyUs = std::max(s64NowUs, m_s64BusyUs) + s64EstimateUs;
+    if (s64EstimateUs > 0) { // what does not move is no block of Grbl's
+        m_s64BusyUs = std::min(m_s64BusyUs, s64NowUs + s64QueuedUs);
+    }
+    if (!send(pBytes, uLength, EXPECT_LINE, s64NowUs)) {
+        m_s64BusyUs = s64FormerUs;
+        return false;
+    }
+    if (s64EstimateUs > 0) {
+        m_as64MoveUs[m_uOldestMove] = s64EstimateUs;
+        m_uOldestMove = (m_uOldestMove + 1) % m_as64MoveUs.size();
+    }
+    return true;
 }
 
 void Interlock::answer(const char* pText)

@@ -74,6 +74,30 @@ TEST(InterlockTrip, LineIsNotTakenInItsTime)
     });
 }
 
+TEST(InterlockTrip, LineIsLateByWhatTheControllerCanHaveNotByTheWholeJob)
+{
+    InterlockDesk desk(KESTREL);
+    std::string strJob = "M3 S500\nG1 X1 F600\n";
+    for (int n = 0; n < 100; ++n) { // of 0.1 s, which the controller takes at that pace
+        strJob += "G1 X0\nG1 X1\n";
+    }
+    desk.open(strJob);
+    desk.service("M3 S500\n\n");
+    desk.controller("ok\n");
+    for (int n = 0; n < 200; ++n) {
+        desk.service((0 == n) ? "G1 X1 F600\n\n" : (0 == n % 2) ? "G1 X1\n\n" : "G1 X0\n\n");
+        desk.controller("ok\n");
+        desk.pass(100);
+    }
+
+    desk.service("G1 X1\n\n");
+    desk.pass(4580); // 18 of 0.144 s, and two seconds
+
+    EXPECT_EQ(LEVEL_JOB, desk.m_interlock.getLevel());
+    desk.pass(20);
+    EXPECT_TRUE(desk.tripped(TRIP_LINE_LATE));
+}
+
 TEST(InterlockTrip, LineOfAMinuteHasItsTime)
 {
     InterlockDesk desk(KESTREL);
