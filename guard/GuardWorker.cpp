@@ -21,8 +21,8 @@
 
 static const int64_t MS = 1000;
 static const int64_t BEAT = 200 * MS;
-static const int64_t LOOK_AGAIN = 100 * MS; // for a port that is not there
-static const int64_t END_TIME = 1500 * MS;  // two times that the beam is told off
+static const int64_t LOOK_AGAIN = 25 * MS; // for a port that is not there: the beam may be on
+static const int64_t END_TIME = 1500 * MS; // two times that the beam is told off
 
 using nlohmann::json;
 

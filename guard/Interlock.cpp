@@ -10,6 +10,7 @@ static const int64_t NEVER = INT64_MAX;
 
 static const int64_t OFF_REPEAT = SECOND;    // Grbl greets 0.56 s after a reset in motion
 static const int64_t ASK_OFTEN = 50 * MS;    // while something waits for a report
+static const int64_t ASK_AT_END = 20 * MS;   // the beam may still be on, with the head at rest
 static const int64_t ASK_USUALLY = 200 * MS; // a report takes 5 ms
 static const int64_t ASK_IN_DARK = SECOND;
 static const int64_t CONTROLLER_SILENCE = SECOND;
@@ -482,8 +483,11 @@ void Interlock::askIfDue(int64_t s64NowUs)
 
 int64_t Interlock::getAskPause() const
 {
+    if (JOB_DRAINING == m_eJob) {
+        return ASK_AT_END;
+    }
     if (OFF_GREETED == m_eOff || MOVE_TAKEN == m_move.eState || JOB_PAUSING == m_eJob ||
-        JOB_DRAINING == m_eJob || JOB_ENDING == m_eJob) {
+        JOB_ENDING == m_eJob) {
         return ASK_OFTEN;
     }
     return (LEVEL_DARK == m_eLevel) ? ASK_IN_DARK : ASK_USUALLY;

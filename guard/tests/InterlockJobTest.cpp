@@ -72,7 +72,7 @@ TEST(InterlockJob, GrblEndsDarkWhenReportsShowIdleAndNoBeam)
     EXPECT_EQ("", desk.sent());
 
     desk.report("<Idle|MPos:50.000,0.000,0.000|FS:0,500>\n"); // constant power stays on at rest
-    desk.pass(150);
+    desk.pass(40);
     EXPECT_EQ("M5\n", desk.sent());
     desk.controller("ok\n");
     desk.pass(100);
