@@ -146,7 +146,9 @@ Configuration take(const toml::table& file)
     result.strPilotOff = takePilot(controller, "pilot_off", result.strPilotOff);
     result.strResetLine = controller.getText("reset_line", "");
 
-    result.strLink = Section(file, "service", {"link"}).getText("link");
+    const Section service(file, "service", {"link", "group"});
+    result.strLink = service.getText("link");
+    result.strServiceGroup = service.getText("group", "");
     const Section operators(file, "operator", {"socket", "group"});
     result.strSocket = operators.getText("socket");
     result.strGroup = operators.getText("group", "");

@@ -15,9 +15,10 @@ struct Configuration
     std::string strPilotOff = "M9";
     std::string strResetLine; // a file that takes "0" and "1"; empty: none
 
-    std::string strLink;   // where the service finds its terminal
-    std::string strSocket; // the operator's
-    std::string strGroup;  // who may use it; empty: the guard's own group
+    std::string strLink;         // where the service finds its terminal
+    std::string strServiceGroup; // who may open it; empty: as the system makes terminals
+    std::string strSocket;       // the operator's
+    std::string strGroup;        // who may use it; empty: the guard's own group
 
     GuardLimits limits;
     bool bLease = true; // jobs end when nobody renews them

@@ -57,7 +57,8 @@ std::unique_ptr<ILanguage> GuardWorker::makeLanguage(const Configuration& config
 
 GuardWorker::GuardWorker(const Configuration& configuration, int nBeatFd)
     : m_configuration(configuration), m_nBeatFd(nBeatFd), m_pLanguage(makeLanguage(configuration)),
-      m_journal(STDOUT_FILENO), m_port(configuration.strPort), m_servicePort(configuration.strLink),
+      m_journal(STDOUT_FILENO), m_port(configuration.strPort),
+      m_servicePort(configuration.strLink, configuration.strServiceGroup),
       m_operator([this](OperatorSocket::Client& client, const std::string& strLine) {
           return onRequest(client, strLine);
       }),

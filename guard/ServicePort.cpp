@@ -8,10 +8,15 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
-ServicePort::ServicePort(std::string strLink) : m_strLink(std::move(strLink)) {}
+ServicePort::ServicePort(std::string strLink, std::string strGroup)
+    : m_strLink(std::move(strLink)), m_strGroup(std::move(strGroup))
+{
+}
 
 ServicePort::~ServicePort()
 {
@@ -26,6 +31,20 @@ void ServicePort::close()
     if (m_nFd >= 0) {
         ::close(std::exchange(m_nFd, -1));
     }
+}
+
+bool ServicePort::handOver(const char* pTerminal) const
+{
+    if (m_strGroup.empty()) {
+        return true;
+    }
+    const group* const pGroup = getgrnam(m_strGroup.c_str());
+    if (nullptr == pGroup) {
+        errno = ENOENT; // what getgrnam(3) leaves differs
+        return false;
+    }
+    return 0 == chown(pTerminal, static_cast<uid_t>(-1), pGroup->gr_gid) &&
+           0 == chmod(pTerminal, 0660);
 }
 
 bool ServicePort::renew()
@@ -50,7 +69,7 @@ bool ServicePort::renew()
         cfsetospeed(&attr, B115200);
         const std::string strNew = m_strLink + ".new";
         unlink(strNew.c_str());
-        bReady = 0 == tcsetattr(nFd, TCSANOW, &attr) &&
+        bReady = 0 == tcsetattr(nFd, TCSANOW, &attr) && handOver(acName.data()) &&
                  0 == symlink(acName.data(), strNew.c_str()) &&
                  0 == rename(strNew.c_str(), m_strLink.c_str());
     }

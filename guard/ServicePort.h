@@ -12,7 +12,8 @@
 class ServicePort
 {
 public:
-    explicit ServicePort(std::string strLink);
+    /** @param strGroup  may open the terminal; empty: who the system lets */
+    ServicePort(std::string strLink, std::string strGroup);
     ServicePort(const ServicePort&) = delete;
     ServicePort& operator=(const ServicePort&) = delete;
 
@@ -35,7 +36,9 @@ public:
 
 private:
     void close();
+    bool handOver(const char* pTerminal) const;
 
     std::string m_strLink;
+    std::string m_strGroup;
     int m_nFd = -1;
 };

@@ -13,7 +13,7 @@
 #include "GuardWorker.h"
 
 static const char* const CONFIGURATION = "/etc/kestrel-guard.toml";
-static const char* const LAST_PORT = "/run/kestrel-guard.port";
+static const char* const LAST_PORT = "/var/lib/kestrel-guard/port";
 
 namespace {
 
@@ -38,6 +38,26 @@ bool switchOff(const std::string& strPort)
     return bSent;
 }
 
+/** @return the program's status */
+int check(const std::string& strConfiguration)
+{
+    Configuration configuration;
+    std::string strError;
+    const bool bRead = readConfiguration(strConfiguration, configuration, strError);
+    fprintf(stderr, "kestrel-guard: %s\n",
+            bRead ? (strConfiguration + " is complete").c_str() : strError.c_str());
+    return bRead ? 0 : 2;
+}
+
+void keepLastPort(const std::string& strPath, const std::string& strPort)
+{
+    std::ofstream file(strPath);
+    file << strPort << std::endl;
+    if (!file) { // only a later --off without a port misses it
+        fprintf(stderr, "kestrel-guard: %s cannot be written\n", strPath.c_str());
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -48,10 +68,12 @@ int main(int argc, char** argv)
     std::string strLast = LAST_PORT;
     std::string strPort;
     bool bOff = false;
+    bool bCheck = false;
     app.add_option("--config", strConfiguration, "configuration file")->capture_default_str();
     app.add_option("--last-port", strLast, "file that keeps the last port used")
         ->capture_default_str();
     app.add_flag("--off", bOff, "turn the beam off, and end");
+    app.add_flag("--check", bCheck, "tell whether the configuration is complete, and end");
     app.add_option("PORT", strPort,
                    "the controller's port for --off, and while the configuration is not readable");
     try {
@@ -62,6 +84,9 @@ int main(int argc, char** argv)
     if (bOff) {
         return switchOff(strPort.empty() ? readLastPort(strLast) : strPort) ? 0 : 1;
     }
+    if (bCheck) {
+        return check(strConfiguration);
+    }
     for (;;) {
         Configuration configuration;
         std::string strError;
@@ -70,7 +95,7 @@ int main(int argc, char** argv)
             (void)switchOff(strPort.empty() ? readLastPort(strLast) : strPort); // told either way
             return 2;
         }
-        std::ofstream(strLast) << configuration.strPort << "\n";
+        keepLastPort(strLast, configuration.strPort);
         GuardParent parent(configuration.strPort);
         const int nStatus = parent.run([&configuration](int nBeatFd) {
             return static_cast<int>(GuardWorker(configuration, nBeatFd).run());

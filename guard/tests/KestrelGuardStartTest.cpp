@@ -1,10 +1,12 @@
 // The guard's start, and its three sides: port, terminal and socket.
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -13,6 +15,7 @@
 
 #include "Eventually.h"
 #include "GuardBench.h"
+#include "ServicePort.h"
 
 namespace {
 
@@ -71,6 +74,30 @@ TEST(KestrelGuardStart, OffAloneTurnsBeamOff)
     EXPECT_EQ(1, runChild({KESTREL_GUARD, "--off", "/nonexistent"}).nStatus);
 }
 
+TEST(KestrelGuardStart, CheckTellsWhatIsMissingAndTouchesNothing)
+{
+    VirtualController controller;
+    ScratchFolder folder;
+    const std::string strConfiguration = (folder.path() / "guard.toml").string();
+    const std::string strWhole = "[controller]\nport = \"" + controller.getNode() +
+                                 "\"\nlanguage = \"grbl\"\n[service]\nlink = \"/nonexistent/a\"\n"
+                                 "[operator]\nsocket = \"/nonexistent/b\"\n"
+                                 "[limits]\nmin = [0, 0, 0]\nmax = [1, 1, 1]\nfeed = 1\n"
+                                 "power = 1\n";
+
+    folder.write("guard.toml", strWhole);
+    const ChildResult lacking = runChild({KESTREL_GUARD, "--check", "--config", strConfiguration});
+    folder.write("guard.toml", strWhole + "acceleration = 1\n");
+    const ChildResult complete = runChild({KESTREL_GUARD, "--check", "--config", strConfiguration});
+
+    EXPECT_EQ(2, lacking.nStatus);
+    EXPECT_EQ("kestrel-guard: " + strConfiguration + ": limits.acceleration is missing\n",
+              lacking.strError);
+    EXPECT_EQ(0, complete.nStatus);
+    EXPECT_EQ("kestrel-guard: " + strConfiguration + " is complete\n", complete.strError);
+    EXPECT_TRUE(controller.readTexts("byte").empty());
+}
+
 TEST(KestrelGuardStart, ConfigurationIsReadAnewInDarkOnly)
 {
     GuardBench bench(false);
@@ -105,6 +132,25 @@ TEST(KestrelGuardStart, TerminalIsRawAndSocketIsForOwnerAndGroup)
     EXPECT_EQ(0U, attr.c_oflag);
     EXPECT_EQ(0U, attr.c_lflag);
     EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&attr));
+}
+
+TEST(KestrelGuardStart, TerminalIsOpenToTheServicesGroup)
+{
+    const group* const pGroup = getgrgid(getgid());
+    ASSERT_NE(nullptr, pGroup);
+    ScratchFolder folder;
+    const std::string strLink = (folder.path() / "terminal").string();
+    ServicePort port(strLink, pGroup->gr_name);
+    ServicePort nobodys((folder.path() / "nobodys").string(), "no such group");
+
+    ASSERT_TRUE(port.renew());
+    EXPECT_FALSE(nobodys.renew());
+    EXPECT_EQ(ENOENT, errno);
+
+    struct stat status = {};
+    ASSERT_EQ(0, stat(strLink.c_str(), &status));
+    EXPECT_EQ(0660U, status.st_mode & 0777U);
+    EXPECT_EQ(getgid(), status.st_gid);
 }
 
 TEST(KestrelGuardStart, RequestsThatMakeNoSenseAreAnswered)
