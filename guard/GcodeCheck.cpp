@@ -93,6 +93,7 @@ LINE_FAULT_E GcodeCheck::apply(const GcodeLine& line, bool bBeamAllowed, int64_t
         return eFault;
     }
     Modal modal = m_modal;
+    modal.move = {};
     takeModes(line, modal);
     if (const LINE_FAULT_E eFault = takeValues(line, bBeamAllowed, modal); LINE_GOOD != eFault) {
         return eFault;
@@ -245,17 +246,22 @@ LINE_FAULT_E GcodeCheck::takeMotion(const GcodeLine& line, Modal& modal,
     if (!isInBox(target)) {
         return LINE_BOX;
     }
-    double dLength = std::sqrt(std::pow(target[0] - modal.position[0], 2) +
-                               std::pow(target[1] - modal.position[1], 2) +
-                               std::pow(target[2] - modal.position[2], 2));
+    GcodeMove move;
+    move.from = modal.position;
+    move.to = target;
+    move.nMotion = modal.nMotion;
+    move.dFeed = dFeed;
+    move.dLength = std::sqrt(std::pow(target[0] - modal.position[0], 2) +
+                             std::pow(target[1] - modal.position[1], 2) +
+                             std::pow(target[2] - modal.position[2], 2));
     if (modal.nMotion >= 2) {
-        if (const LINE_FAULT_E eFault = takeArc(line, modal, target, dLength);
-            LINE_GOOD != eFault) {
+        if (const LINE_FAULT_E eFault = takeArc(line, modal, move); LINE_GOOD != eFault) {
             return eFault;
         }
     }
-    s64DurationUs = estimateUs(dLength, dFeed);
+    s64DurationUs = estimateUs(move.dLength, dFeed);
     modal.position = target;
+    modal.move = move;
     return LINE_GOOD;
 }
 
@@ -275,9 +281,9 @@ MachinePoint GcodeCheck::findTarget(const GcodeLine& line, const Modal& modal) c
     return target;
 }
 
-LINE_FAULT_E GcodeCheck::takeArc(const GcodeLine& line, const Modal& modal,
-                                 const MachinePoint& target, double& dLength) const
+LINE_FAULT_E GcodeCheck::takeArc(const GcodeLine& line, const Modal& modal, GcodeMove& move) const
 {
+    const MachinePoint& target = move.to;
     const double dUnit = modal.bInches ? MM_PER_INCH : 1;
     const bool bClockwise = 2 == modal.nMotion;
     const double dX = target[0] - modal.position[0];
@@ -320,7 +326,12 @@ LINE_FAULT_E GcodeCheck::takeArc(const GcodeLine& line, const Modal& modal,
             }
         }
     }
-    dLength = std::hypot(dRadius * dTravel, target[2] - modal.position[2]);
+    move.dCentreX = modal.position[0] + dI;
+    move.dCentreY = modal.position[1] + dJ;
+    move.dRadius = dRadius;
+    move.dStart = dStart;
+    move.dTravel = dTravel;
+    move.dLength = std::hypot(dRadius * dTravel, target[2] - modal.position[2]);
     return LINE_GOOD;
 }
 

@@ -21,6 +21,22 @@ struct GuardLimits
     double dRapidFeed = 0; // mm/min of G0 where the controller has a rate of its own; 0: the feed
 };
 
+/** How a line moved the head; dLength is 0 when it did not. */
+struct GcodeMove
+{
+    MachinePoint from{};
+    MachinePoint to{};
+    int nMotion = 0;    // 0 to 3, as G0 to G3
+    double dFeed = 0;   // mm/min
+    double dLength = 0; // mm, along the arc
+    // Arcs only; millimetres and radians, in the plane of X and Y.
+    double dCentreX = 0;
+    double dCentreY = 0;
+    double dRadius = 0;
+    double dStart = 0;  // direction from the centre to the beginning
+    double dTravel = 0; // above zero; clockwise with G2
+};
+
 /** The words that a language knows and a guard lets pass; tenths, as in GcodeLine. */
 struct AllowedWords
 {
@@ -64,6 +80,18 @@ public:
         return m_modal.position;
     }
 
+    /** How the last good line of apply() moved the head. */
+    const GcodeMove& getMove() const
+    {
+        return m_modal.move;
+    }
+
+    /** The power in force, whether or not the beam is on. */
+    double getPower() const
+    {
+        return m_modal.dPower;
+    }
+
     /** The origin of a coordinate system, as the controller tells it. @param uSystem  0 is G54 */
     void setSystem(size_t uSystem, const MachinePoint& origin);
 
@@ -95,14 +123,14 @@ private:
         bool bInches = false;
         double dFeed = 0;
         double dPower = 0;
+        GcodeMove move;
     };
 
     LINE_FAULT_E checkWords(const GcodeLine& line) const;
     LINE_FAULT_E takeValues(const GcodeLine& line, bool bBeamAllowed, Modal& modal) const;
     static void takeModes(const GcodeLine& line, Modal& modal);
     LINE_FAULT_E takeMotion(const GcodeLine& line, Modal& modal, int64_t& s64DurationUs) const;
-    LINE_FAULT_E takeArc(const GcodeLine& line, const Modal& modal, const MachinePoint& target,
-                         double& dLength) const;
+    LINE_FAULT_E takeArc(const GcodeLine& line, const Modal& modal, GcodeMove& move) const;
     MachinePoint findTarget(const GcodeLine& line, const Modal& modal) const;
     bool isInBox(const MachinePoint& point) const;
     int64_t estimateUs(double dLength, double dFeed) const;

@@ -236,6 +236,30 @@ TEST(GcodeCheck, DurationIsWayThroughFeedAndRamps)
     EXPECT_EQ(0, desk.m_s64DurationUs);
 }
 
+TEST(GcodeCheck, MoveIsThatOfTheLastGoodLine)
+{
+    GcodeCheckDesk desk(GRBL);
+    ASSERT_EQ(LINE_GOOD, desk.apply("G1 X20 Y5 F600 S70"));
+    ASSERT_EQ(LINE_GOOD, desk.apply("G2 X0 Y5 I-10 J0"));
+    ASSERT_EQ(LINE_BOX, desk.apply("G1 X101"));
+
+    const GcodeMove arc = desk.m_check.getMove();
+    EXPECT_EQ(2, arc.nMotion);
+    EXPECT_NEAR(20, arc.from[0], 1e-9);
+    EXPECT_NEAR(0, arc.to[0], 1e-9);
+    EXPECT_NEAR(10, arc.dCentreX, 1e-9);
+    EXPECT_NEAR(5, arc.dCentreY, 1e-9);
+    EXPECT_NEAR(10, arc.dRadius, 1e-9);
+    EXPECT_NEAR(0, arc.dStart, 1e-9);
+    EXPECT_NEAR(3.14159265, arc.dTravel, 1e-6);
+    EXPECT_NEAR(31.4159265, arc.dLength, 1e-6);
+    EXPECT_NEAR(600, arc.dFeed, 1e-9);
+    EXPECT_NEAR(70, desk.m_check.getPower(), 1e-9);
+
+    ASSERT_EQ(LINE_GOOD, desk.apply("M5"));
+    EXPECT_EQ(0, desk.m_check.getMove().dLength);
+}
+
 TEST(GcodeCheck, EndOfProgramTakesModesBack)
 {
     GcodeCheckDesk desk(GRBL);
