@@ -22,7 +22,7 @@ import time
 import traceback
 
 import verdict
-from board import ACCELERATION, Board, start, wait_until
+from board import ACCELERATION, Board, die_with_parent, start, wait_until
 from faults import BY_NAME, FAULTS
 
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -97,6 +97,7 @@ def do(board, task):
 
 def work(language, tasks, results):
     """A board's process."""
+    die_with_parent()
     board = None
     while True:
         try:

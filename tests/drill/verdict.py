@@ -13,7 +13,7 @@ import re
 POOLED_BOUND = {"p99": 0.1, "worst": 0.25}  # seconds; all faults of a language that have no bound of their own
 WORKER_BOUND = {"worker killed": 1.0, "worker stopped": 2.0}
 UNBOUNDED = ("guard killed whole",)
-EARLY = 0.02  # what the guard's clock may be ahead of the log's, since it notes what it sends before it comes
+EARLY = 0.1  # what the guard's clock may be ahead of the log's, since what it sends has yet to be read
 
 SERVICE_SILENCE = 2.0
 CONTROLLER_SILENCE = 1.0
