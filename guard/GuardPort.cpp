@@ -36,6 +36,7 @@ PORT_E GuardPort::open()
         ::close(nFd);
         return PORT_MISSING;
     }
+    tcflush(nFd, TCIFLUSH);     // what was said to a former guard is no answer to this one
     (void)ioctl(nFd, TIOCEXCL); // keeps others out that are not root; flock keeps guards out
     m_nFd = nFd;
     m_uPending = 0;
