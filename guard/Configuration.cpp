@@ -135,7 +135,7 @@ Configuration take(const toml::table& file)
     }
     Configuration result;
     const Section controller(file, "controller",
-                             {"port", "language", "pilot_on", "pilot_off", "reset_line"});
+                             {"port", "language", "pilot_on", "pilot_off", "homing", "reset_line"});
     result.strPort = controller.getText("port");
     const std::string strLanguage = controller.getText("language");
     if ("grbl" != strLanguage && "kestrel" != strLanguage) {
@@ -144,6 +144,10 @@ Configuration take(const toml::table& file)
     result.bGrbl = "grbl" == strLanguage;
     result.strPilotOn = takePilot(controller, "pilot_on", result.strPilotOn);
     result.strPilotOff = takePilot(controller, "pilot_off", result.strPilotOff);
+    result.bHoming = controller.getFlag("homing", true);
+    if (!result.bHoming && !result.bGrbl) {
+        throw std::runtime_error("controller.homing is for language \"grbl\"");
+    }
     result.strResetLine = controller.getText("reset_line", "");
 
     const Section service(file, "service", {"link", "group"});

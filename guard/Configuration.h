@@ -13,10 +13,11 @@ struct Configuration
     bool bGrbl = false;  // else the arm's own language
     std::string strPilotOn = "M8";
     std::string strPilotOff = "M9";
-    std::string strResetLine; // a file that takes "0" and "1"; empty: none
+    bool bHoming = true;      // false: Grbl without switches, where home takes the place reported
+    std::string strResetLine; // a pin's "value" in sysfs; empty: none
 
     std::string strLink;         // where the service finds its terminal
-    std::string strServiceGroup; // who may open it; empty: as the system makes terminals
+    std::string strServiceGroup; // who may open that; empty: as the system makes it
     std::string strSocket;       // the operator's
     std::string strGroup;        // who may use it; empty: the guard's own group
 

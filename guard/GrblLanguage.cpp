@@ -141,6 +141,11 @@ const char* GrblLanguage::getQuestion() const
     return "?";
 }
 
+const char* GrblLanguage::getFirmwareLine() const
+{
+    return nullptr;
+}
+
 const char* GrblLanguage::getProbe() const
 {
     return "\n";

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -19,7 +20,16 @@
 
 #include "GuardPort.h"
 
-static const int SILENCE_MS = 1000;
+static const int64_t SILENCE_MS = 1000;
+static const int OWN_END_MS = 50; // for a worker that has closed the pipe, or hangs
+static const int KILL_MS = 200;   // a process that the kernel holds may not die at all
+
+int64_t GuardParent::nowMs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 int GuardParent::run(const std::function<int(int)>& worker)
 {
@@ -29,75 +39,90 @@ int GuardParent::run(const std::function<int(int)>& worker)
         sigaddset(&signals, nSignal);
     }
     sigprocmask(SIG_BLOCK, &signals, nullptr); // the worker's, too
+    const int nSignalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     int anBeat[2] = {-1, -1};
-    if (0 != pipe2(anBeat, O_CLOEXEC | O_NONBLOCK)) {
+    if (nSignalFd < 0 || 0 != pipe2(anBeat, O_CLOEXEC | O_NONBLOCK)) {
         perror("kestrel-guard: pipe");
-        return 1;
+        return turnOff();
     }
     const pid_t nParent = getpid();
     const pid_t nWorker = fork();
     if (0 == nWorker) {
         close(anBeat[0]);
+        close(nSignalFd);
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         _exit((getppid() == nParent) ? worker(anBeat[1]) : 1);
     }
     close(anBeat[1]);
+    int nStatus = 0;
+    bool bEnded = false;
     if (nWorker < 0) {
         perror("kestrel-guard: fork");
-        close(anBeat[0]);
-        return 1;
+    } else {
+        watch(nWorker, anBeat[0], nSignalFd);
+        bEnded = waitForEnd(nWorker, OWN_END_MS, nStatus);
+        if (!bEnded) {
+            kill(nWorker, SIGKILL);
+            bEnded = waitForEnd(nWorker, KILL_MS, nStatus);
+        }
     }
-    const int nStatus = watch(nWorker, anBeat[0]);
     close(anBeat[0]);
-    return nStatus;
+    close(nSignalFd);
+    const bool bInOrder = bEnded && WIFEXITED(nStatus) && 1 != WEXITSTATUS(nStatus);
+    return bInOrder ? WEXITSTATUS(nStatus) : turnOff();
 }
 
-int GuardParent::watch(pid_t nWorker, int nBeatFd)
+/** Returns when the worker has ended, has missed a beat, or cannot be watched. */
+void GuardParent::watch(pid_t nWorker, int nBeatFd, int nSignalFd)
 {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int nSignal : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaddset(&signals, nSignal);
-    }
-    const int nSignalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     bool bReady = false;
+    int64_t s64EndMs = nowMs() + SILENCE_MS;
     for (;;) {
+        const int64_t s64LeftMs = s64EndMs - nowMs();
         std::array<pollfd, 2> aPoll{{{nBeatFd, POLLIN, 0}, {nSignalFd, POLLIN, 0}}};
-        if (0 == poll(aPoll.data(), aPoll.size(), SILENCE_MS)) {
-            break;
+        const int nReady =
+            poll(aPoll.data(), aPoll.size(), static_cast<int>((s64LeftMs > 0) ? s64LeftMs : 0));
+        if ((nReady < 0 && EINTR != errno) || (nReady <= 0 && s64LeftMs <= 0)) {
+            return;
         }
         signalfd_siginfo info{};
-        if (0 != aPoll[1].revents &&
+        if (nReady > 0 && 0 != aPoll[1].revents &&
             static_cast<ssize_t>(sizeof(info)) == read(nSignalFd, &info, sizeof(info))) {
             kill(nWorker, static_cast<int>(info.ssi_signo));
         }
-        if (0 != aPoll[0].revents) {
+        if (nReady > 0 && 0 != aPoll[0].revents) {
             std::array<char, 64> acBeat{};
-            if (read(nBeatFd, acBeat.data(), acBeat.size()) <= 0) {
-                break; // the worker has ended
+            const ssize_t nRead = read(nBeatFd, acBeat.data(), acBeat.size());
+            if (nRead <= 0 && !(nRead < 0 && EINTR == errno)) {
+                return; // the worker has ended
             }
+            s64EndMs = nowMs() + SILENCE_MS;
             notify(bReady ? "WATCHDOG=1" : "READY=1");
             bReady = true;
         }
     }
-    close(nSignalFd);
-    // One that has ended by itself keeps its status.
-    int nStatus = 0;
-    for (int n = 0; n < 50 && 0 == waitpid(nWorker, &nStatus, WNOHANG); ++n) {
-        if (n > 0 || !bReady) {
-            poll(nullptr, 0, 1);
+}
+
+bool GuardParent::waitForEnd(pid_t nWorker, int nMs, int& nStatus)
+{
+    for (int n = 0; n < nMs; ++n) {
+        if (nWorker == waitpid(nWorker, &nStatus, WNOHANG)) {
+            return true;
         }
-        if (49 == n) {
-            kill(nWorker, SIGKILL);
-            waitpid(nWorker, &nStatus, 0);
-        }
+        poll(nullptr, 0, 1);
     }
-    if (WIFEXITED(nStatus) && 1 != WEXITSTATUS(nStatus)) {
-        return WEXITSTATUS(nStatus);
-    }
+    return false;
+}
+
+int GuardParent::turnOff() const
+{
     const bool bSent = GuardPort::sendOff(m_strPort);
     fprintf(stderr, "kestrel-guard: the worker is gone, beam off %s\n",
             bSent ? "sent" : strerror(errno));
+    if (!bSent && m_resetPin.isThere()) {
+        const bool bHeld = m_resetPin.hold(true);
+        fprintf(stderr, "kestrel-guard: reset line %s\n", bHeld ? "held low" : strerror(errno));
+    }
     return 1;
 }
 

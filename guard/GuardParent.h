@@ -1,22 +1,31 @@
 // The process that watches the guard at work.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
 #include <sys/types.h>
 
+#include "ResetPin.h"
+
 /**
  * Starts the worker as a process of its own and only watches: when a beat is missing for a second,
- * or the worker ends in any way of its own, it is killed and the beam is cut from here. A worker
- * whose parent is gone gets SIGTERM. Tells systemd, where NOTIFY_SOCKET says so, that the guard is
- * ready and alive.
+ * or the worker ends in any way of its own, it is killed and the beam is cut from here; where the
+ * port does not take that, the reset line is held low. A worker whose parent is gone gets SIGTERM.
+ * Tells systemd, where NOTIFY_SOCKET says so, that the guard is ready and alive.
  */
 class GuardParent
 {
 public:
-    /** @param strPort  where the beam is cut */
-    explicit GuardParent(std::string strPort) : m_strPort(std::move(strPort)) {}
+    /**
+     * @param strPort  where the beam is cut
+     * @param strResetLine  as ResetPin takes it
+     */
+    GuardParent(std::string strPort, const std::string& strResetLine)
+        : m_strPort(std::move(strPort)), m_resetPin(strResetLine)
+    {
+    }
 
     /**
      * Blocks until the worker has ended. SIGTERM and SIGINT are passed on, SIGHUP too.
@@ -27,8 +36,12 @@ public:
     int run(const std::function<int(int)>& worker);
 
 private:
-    int watch(pid_t nWorker, int nBeatFd);
+    void watch(pid_t nWorker, int nBeatFd, int nSignalFd);
+    static bool waitForEnd(pid_t nWorker, int nMs, int& nStatus);
+    int turnOff() const;
     static void notify(const char* pText);
+    static int64_t nowMs();
 
     std::string m_strPort;
+    ResetPin m_resetPin;
 };

@@ -40,6 +40,7 @@ PORT_E GuardPort::open()
     (void)ioctl(nFd, TIOCEXCL); // keeps others out that are not root; flock keeps guards out
     m_nFd = nFd;
     m_uPending = 0;
+    m_bBroken = false;
     return PORT_OPEN;
 }
 
@@ -49,6 +50,7 @@ void GuardPort::close()
         ::close(std::exchange(m_nFd, -1));
     }
     m_uPending = 0;
+    m_bBroken = false;
 }
 
 bool GuardPort::setRaw(int nFd)
@@ -74,7 +76,8 @@ void GuardPort::flush()
     while (m_uPending > 0) {
         const ssize_t nWritten = ::write(m_nFd, m_acPending.data(), m_uPending);
         if (nWritten <= 0) {
-            return; // full, or gone, which the next read tells
+            m_bBroken = nWritten < 0 && EAGAIN != errno && EINTR != errno;
+            return;
         }
         m_uPending -= static_cast<size_t>(nWritten);
         memmove(m_acPending.data(), m_acPending.data() + nWritten, m_uPending);
@@ -116,7 +119,8 @@ bool GuardPort::sendOff(const std::string& strPath)
     if (nFd < 0) {
         return false;
     }
-    (void)setRaw(nFd); // as good as it goes
+    (void)setRaw(nFd);        // as good as it goes
+    (void)tcflow(nFd, TCOON); // somebody may have stopped it
     tcflush(nFd, TCOFLUSH);
     const bool bSent = 1 == ::write(nFd, &BEAM_OFF, 1);
     const int nError = errno;

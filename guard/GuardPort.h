@@ -36,6 +36,12 @@ public:
         return m_strPath;
     }
 
+    /** Whether a write has failed for good: close() is next. */
+    bool isBroken() const
+    {
+        return m_bBroken;
+    }
+
     /** Whether bytes wait: flush() when the descriptor is writable. */
     bool isPending() const
     {
@@ -69,4 +75,5 @@ private:
     int m_nFd = -1;
     std::array<char, 4096> m_acPending{};
     size_t m_uPending = 0;
+    bool m_bBroken = false;
 };

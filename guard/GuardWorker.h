@@ -8,29 +8,34 @@
 #include <poll.h>
 
 #include "Configuration.h"
+#include "FileCopy.h"
 #include "GuardPort.h"
 #include "IGuardActions.h"
 #include "ILanguage.h"
 #include "Interlock.h"
-#include "JobCopy.h"
 #include "Journal.h"
 #include "OperatorSocket.h"
+#include "ResetPin.h"
 #include "ServicePort.h"
 
 /** How a worker ended. */
 enum WORKER_E
 {
-    WORKER_DARK = 0,     // asked to, and the beam was seen off
-    WORKER_NOT_SEEN = 1, // asked to, and it was not
-    WORKER_REFUSED = 2,  // could not begin; nothing was sent
+    WORKER_DARK = 0,     // asked to; the beam was seen off, or there was no controller
+    WORKER_NOT_SEEN = 1, // asked to, and the controller did not show it
+    WORKER_REFUSED = 2,  // could not begin
     WORKER_ANEW = 3      // SIGHUP in dark: begin again with the configuration as it is now
 };
 
-/** One event loop, poll(2), without threads. SIGTERM, SIGINT and SIGHUP have to be blocked. */
+/**
+ * One event loop, poll(2), without threads. SIGTERM, SIGINT and SIGHUP have to be blocked, SIGPIPE
+ * ignored. Nothing is allocated on a line's way, in either direction.
+ */
 class GuardWorker : public IGuardActions
 {
 public:
-    GuardWorker(const Configuration& configuration, int nBeatFd);
+    /** @param strLastPort  file that keeps the port's path as soon as the port is ours */
+    GuardWorker(const Configuration& configuration, std::string strLastPort, int nBeatFd);
     GuardWorker(const GuardWorker&) = delete;
     GuardWorker& operator=(const GuardWorker&) = delete;
     ~GuardWorker() override;
@@ -45,39 +50,67 @@ public:
     void tell(NOTICE_E eNotice, int nDetail) override;
 
 private:
+    /** A request whose file is being copied. */
+    struct Copying
+    {
+        unsigned uClient = 0;
+        bool bFirmware = false;
+        int64_t s64LeaseMs = 0;
+        uint64_t u64Size = 0; // as told, of firmware
+        std::string strSum;
+    };
+
     static std::unique_ptr<ILanguage> makeLanguage(const Configuration& configuration);
+    static int64_t nowUs();
 
     bool begin();
+    bool isEnded() const;
     void openPort();
+    void losePort();
+    void keepLastPort();
+    void renewTerminal();
     void waitAndServe();
     void serveController();
     void serveService();
     void serveSignal();
+    void end();
     void beat();
     int64_t getWaitMs() const;
-    void setResetLine(const char* pValue);
 
+    // The operator's requests.
     std::string onRequest(OperatorSocket::Client& client, const std::string& strLine);
-    std::string openJob(OperatorSocket::Client& client, int64_t s64LeaseMs);
+    std::string onWish(const OperatorSocket::Client& client, const std::string& strDo);
+    std::string takeFile(OperatorSocket::Client& client, const Copying& copying);
+    void copyOn();
+    std::string openJob(const Copying& copying);
+    std::string sendFirmware(const Copying& copying);
     std::string describeState() const;
 
     Configuration m_configuration;
+    std::string m_strLastPort;
     int m_nBeatFd;
     int m_nSignalFd = -1;
     std::unique_ptr<ILanguage> m_pLanguage;
     Journal m_journal;
     GuardPort m_port;
+    ResetPin m_resetPin;
     ServicePort m_servicePort;
     OperatorSocket m_operator;
-    JobCopy m_job;
+    FileCopy m_job;
+    FileCopy m_image;
+    Copying m_copying;
     std::vector<pollfd> m_vecPoll; // kept: nothing allocates on a line's way
     unsigned m_uJobOwner = 0;      // the client that renews the lease
+    std::string m_strJobSum;       // of the last job opened
     TRIP_E m_eTrip = TRIP_NONE;
     Interlock m_interlock;
 
     bool m_bEnding = false;
     int64_t m_s64EndUs = 0;
     bool m_bAnew = false;
-    int64_t m_s64BeatUs = 0;
+    bool m_bTaken = false;   // somebody else has the port
+    bool m_bUnread = false;  // the service has not taken an answer
+    int64_t m_s64BeatUs = 0; // when the next beat is due
     int64_t m_s64OpenUs = 0; // when the port is looked for again
+    int64_t m_s64TerminalUs = 0;
 };

@@ -31,6 +31,7 @@ enum TRIP_E
     TRIP_PAUSE_LATE,        // a pause that did not turn dark within 1 s
     TRIP_END_LATE,          // the end of a job that did not
     TRIP_LEASE,             // not renewed
+    TRIP_FIRMWARE,          // the controller takes no more of its firmware
     TRIP_OPERATOR,
     TRIP_SHUTDOWN
 };
@@ -52,8 +53,11 @@ enum NOTICE_E
     NOTICE_PAUSING,
     NOTICE_PAUSED, // and dark
     NOTICE_RESUMED,
-    NOTICE_JOB_DONE,  // detail: lines
-    NOTICE_LASER_MODE // detail: 1 on, 0 off
+    NOTICE_JOB_DONE,         // detail: lines
+    NOTICE_LASER_MODE,       // detail: 1 on, 0 off
+    NOTICE_FIRMWARE_REFUSED, // detail: the controller's code
+    NOTICE_FIRMWARE_STOPPED, // detail: bytes that the port had taken
+    NOTICE_FIRMWARE_TAKEN    // detail: bytes, which is all
 };
 
 /** Called by the interlock, on its thread; must not call back. */

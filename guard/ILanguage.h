@@ -81,6 +81,9 @@ public:
     /** Asks for a report; may be sent at any time. Empty unless hasReports(). */
     virtual const char* getQuestion() const = 0;
 
+    /** Announces a firmware image, whose bytes follow; null where there is no such thing. */
+    virtual const char* getFirmwareLine() const = 0;
+
     /** A line without effect; answered by a status while the controller is held. */
     virtual const char* getProbe() const = 0;
 

@@ -8,10 +8,11 @@ static const int64_t MS = 1000;
 static const int64_t SECOND = 1000 * MS;
 static const int64_t NEVER = INT64_MAX;
 
-static const int64_t OFF_REPEAT = SECOND;    // Grbl greets 0.56 s after a reset in motion
-static const int64_t ASK_OFTEN = 50 * MS;    // while something waits for a report
-static const int64_t ASK_AT_END = 20 * MS;   // the beam may still be on, with the head at rest
-static const int64_t ASK_USUALLY = 200 * MS; // a report takes 5 ms
+static const int64_t OFF_REPEAT = SECOND;       // Grbl greets 0.56 s after a reset in motion
+static const int64_t LOADER_QUIET = 2 * SECOND; // it gives an image up after one of silence
+static const int64_t ASK_OFTEN = 50 * MS;       // while something waits for a report
+static const int64_t ASK_AT_END = 20 * MS;      // the beam may still be on, with the head at rest
+static const int64_t ASK_USUALLY = 200 * MS;    // a report takes 5 ms
 static const int64_t ASK_IN_DARK = SECOND;
 static const int64_t CONTROLLER_SILENCE = SECOND;
 static const int64_t SERVICE_SILENCE = 2 * SECOND;
@@ -30,9 +31,11 @@ static const char* const WAIT = "wait\n";
 static const int CODE_TRIPPED = 26;
 static const int CODE_LATE = 28;
 
-Interlock::Interlock(const ILanguage& language, const GuardLimits& limits, IGuardActions& actions)
+Interlock::Interlock(const ILanguage& language, const GuardLimits& limits, IGuardActions& actions,
+                     bool bHoming)
     : m_language(language), m_actions(actions),
-      m_check(limits, language.getWords(), language.getPowerUpFeed()), m_s64OffUs(NEVER)
+      m_check(limits, language.getWords(), language.getPowerUpFeed()), m_bHoming(bHoming),
+      m_s64OffUs(NEVER)
 {
 }
 
@@ -46,11 +49,14 @@ void Interlock::onPortUp(int64_t s64NowUs)
 
 void Interlock::onPortLost(int64_t s64NowUs)
 {
+    const bool bMayBurn = LEVEL_DARK != m_eLevel || (m_bPort && OFF_SEEN != m_eOff);
     m_bPort = false;
-    if (LEVEL_DARK != m_eLevel) {
-        trip(TRIP_CONTROLLER_GONE, 0, s64NowUs);
+    if (bMayBurn) { // nothing else reaches the controller
         m_bResetHeld = true;
         m_actions.holdReset(true);
+    }
+    if (LEVEL_DARK != m_eLevel) {
+        trip(TRIP_CONTROLLER_GONE, 0, s64NowUs);
     } else {
         forget(s64NowUs);
         startOff(s64NowUs);
@@ -85,6 +91,7 @@ WISH_E Interlock::drop(int64_t s64NowUs)
     }
     (void)send(m_language.getLaserOff(), EXPECT_NOTHING, s64NowUs);
     freeSlot();
+    m_bTakePosition = false;
     setLevel(LEVEL_DARK);
     return WISH_DONE;
 }
@@ -107,7 +114,12 @@ WISH_E Interlock::home(int64_t s64NowUs)
     if (isUnderWay(s64NowUs)) {
         return WISH_BUSY;
     }
-    beginMove(true, false, 0, s64NowUs);
+    if (m_bHoming) {
+        beginMove(true, false, 0, s64NowUs);
+    } else {
+        m_bTakePosition = true;
+        m_s64AskUs = s64NowUs;
+    }
     return WISH_DONE;
 }
 
@@ -119,8 +131,11 @@ WISH_E Interlock::unlock(int64_t s64NowUs)
     if (OFF_SEEN != m_eOff) {
         return WISH_BEAM;
     }
+    if (!send(m_language.getUnlock(), EXPECT_NOTHING, s64NowUs)) {
+        return WISH_BUSY;
+    }
     m_check.losePosition();
-    return send(m_language.getUnlock(), EXPECT_NOTHING, s64NowUs) ? WISH_DONE : WISH_BUSY;
+    return WISH_DONE;
 }
 
 WISH_E Interlock::openJob(const char* pText, size_t uSize, int64_t s64LeaseUs, int64_t s64NowUs)
@@ -247,7 +262,9 @@ void Interlock::forget(int64_t s64NowUs)
             refuseTwice(CODE_TRIPPED, s64NowUs);
         }
     }
+    forgetFirmware();
     m_move = {};
+    m_bTakePosition = false;
     m_uExpected = 0;
     m_uOutstanding = 0;
     m_nStatus = 0;
@@ -274,6 +291,9 @@ void Interlock::startOff(int64_t s64NowUs)
     m_bPilotOn = false;
     m_bLaserMode = false;
     tellOff(s64NowUs);
+    // A byte that becomes part of an image is no failure; the one behind a pause is none.
+    m_bLoaderMayTakeIt = m_bPort && isSendingFirmware();
+    m_s64OffUs = m_bLoaderMayTakeIt ? s64NowUs + LOADER_QUIET : m_s64OffUs;
 }
 
 void Interlock::tellOff(int64_t s64NowUs)
@@ -335,7 +355,7 @@ bool Interlock::isHolding() const
 bool Interlock::isUnderWay(int64_t s64NowUs) const
 {
     return m_uExpected > 0 || MOVE_NONE != m_move.eState || m_s64BusyUs > s64NowUs ||
-           SLOT_KEPT == m_slot.eState;
+           SLOT_KEPT == m_slot.eState || isSendingFirmware();
 }
 
 bool Interlock::send(const char* pText, EXPECT_E eKind, int64_t s64NowUs)
@@ -343,11 +363,12 @@ bool Interlock::send(const char* pText, EXPECT_E eKind, int64_t s64NowUs)
     return send(pText, strlen(pText), eKind, s64NowUs);
 }
 
-/** @return false, unsent, while the beam is not seen off or the controller has no room */
+/** @return false, unsent, while the beam is not seen off, firmware passes, or there is no room */
 bool Interlock::send(const char* pBytes, size_t uLength, EXPECT_E eKind, int64_t s64NowUs)
 {
     if (!m_bPort || OFF_SEEN != m_eOff || m_aExpected.size() == m_uExpected ||
-        m_uOutstanding + uLength > m_language.getBufferSize()) {
+        m_uOutstanding + uLength > m_language.getBufferSize() ||
+        (isSendingFirmware() && EXPECT_FIRMWARE != eKind)) {
         return false;
     }
     const int64_t s64TimeUs = (EXPECT_MOVE == eKind && m_move.bHome) ? HOME_TIME : LINE_MARGIN;
@@ -360,9 +381,14 @@ bool Interlock::send(const char* pBytes, size_t uLength, EXPECT_E eKind, int64_t
 void Interlock::onTime(int64_t s64NowUs)
 {
     if (OFF_SEEN != m_eOff && s64NowUs >= m_s64OffUs) {
-        m_actions.tell(NOTICE_OFF_FAILED, m_nOffTold);
+        const bool bFailed = !m_bLoaderMayTakeIt;
+        m_bLoaderMayTakeIt = false;
+        const int nTold = m_nOffTold;
         tellOff(s64NowUs);
-        if (!m_bResetHeld) {
+        if (bFailed) {
+            m_actions.tell(NOTICE_OFF_FAILED, nTold);
+        }
+        if (bFailed && !m_bResetHeld) {
             m_bResetHeld = true;
             m_actions.holdReset(true);
         }
@@ -381,6 +407,7 @@ void Interlock::onTime(int64_t s64NowUs)
         m_uExpected = 0; // an answer that nobody needs
         m_uOutstanding = 0;
     }
+    onFirmwareTime(s64NowUs);
     answerInTime(s64NowUs);
     driveMove(s64NowUs);
     answerSeconds(s64NowUs);
@@ -503,6 +530,7 @@ int64_t Interlock::getDeadline() const
     add(0 != m_nStatus, m_s64StatusUs);
     add(m_uExpected > 0 && !isHolding(), m_aExpected[0].s64ByUs);
     add(m_slot.bWaiting, m_slot.s64AnswerByUs);
+    add(isSendingFirmware(), m_firmware.s64ByUs);
     for (size_t u = 0; u < m_uSecond; ++u) {
         add(true, m_aSecond[u].s64DueUs);
     }

@@ -21,7 +21,8 @@ enum WISH_E
     WISH_BUSY,       // something is under way
     WISH_NOT_HOMED,  // nobody knows where the head is
     WISH_LASER_MODE, // the controller has not shown laser mode
-    WISH_LEASE       // no lease, or a longer one than 10 s
+    WISH_LEASE,      // no lease, or a longer one than 10 s
+    WISH_UNSUPPORTED // the controller's language has no such thing
 };
 
 /**
@@ -35,13 +36,21 @@ enum WISH_E
 class Interlock
 {
 public:
-    /** All borrowed for the object's life. */
-    Interlock(const ILanguage& language, const GuardLimits& limits, IGuardActions& actions);
+    /**
+     * All borrowed for the object's life.
+     * @param bHoming  false: the arm has no switches; home() takes the place that the controller
+     * reports
+     */
+    Interlock(const ILanguage& language, const GuardLimits& limits, IGuardActions& actions,
+              bool bHoming = true);
 
     // The controller's port.
     void onPortUp(int64_t s64NowUs);
     void onPortLost(int64_t s64NowUs);
     void onControllerBytes(const char* pBytes, size_t uLength, int64_t s64NowUs);
+
+    /** The port has taken all that was sent, and has room; matters while wantsRoom(). */
+    void onPortRoom(int64_t s64NowUs);
 
     // The service's terminal.
     void onServiceBytes(const char* pBytes, size_t uLength, int64_t s64NowUs);
@@ -80,6 +89,15 @@ public:
     WISH_E pause(int64_t s64NowUs);
     WISH_E resume(int64_t s64NowUs);
 
+    /** Whether sendFirmware() would begin now; sends nothing. */
+    WISH_E checkFirmware(int64_t s64NowUs) const;
+
+    /**
+     * Send the controller its firmware; dark only, and nothing else passes until it is through.
+     * @param pImage  borrowed while isSendingFirmware()
+     */
+    WISH_E sendFirmware(const char* pImage, size_t uSize, int64_t s64NowUs);
+
     /** Let the reset line go that is held low since the beam was not seen off. */
     void clearReset();
 
@@ -105,6 +123,23 @@ public:
     size_t getJobLine() const
     {
         return m_job.getLine();
+    }
+    bool isSendingFirmware() const
+    {
+        return FIRMWARE_NONE != m_firmware.eState;
+    }
+    /** Bytes that the port has taken of the firmware that passes now. */
+    size_t getFirmwareTaken() const
+    {
+        return m_firmware.uTaken;
+    }
+    bool wantsRoom() const
+    {
+        return FIRMWARE_SENDING == m_firmware.eState;
+    }
+    bool isResetHeld() const
+    {
+        return m_bResetHeld;
     }
 
 private:
@@ -147,7 +182,15 @@ private:
         EXPECT_PROBE_IDLE,
         EXPECT_PROBE_HELD,
         EXPECT_END,
-        EXPECT_SETTINGS
+        EXPECT_SETTINGS,
+        EXPECT_FIRMWARE
+    };
+    enum FIRMWARE_E
+    {
+        FIRMWARE_NONE,
+        FIRMWARE_ANNOUNCED,
+        FIRMWARE_SENDING,
+        FIRMWARE_SETTLING // all of it is sent; the wire stays quiet for a while
     };
 
     /** The line of the service's that is under way. */
@@ -173,6 +216,15 @@ private:
         int64_t s64BeganUs = 0;
         int64_t s64FirstUs = 0;
         int64_t s64LimitUs = 0;
+    };
+    struct Firmware
+    {
+        FIRMWARE_E eState = FIRMWARE_NONE;
+        const char* pImage = nullptr;
+        size_t uSize = 0;
+        size_t uSent = 0;    // begun
+        size_t uTaken = 0;   // by the port, whole
+        int64_t s64ByUs = 0; // when a block has to be through, or the wire was quiet
     };
     /** A second answer to a refused command. */
     struct Second
@@ -226,6 +278,12 @@ private:
     void finishMove(int64_t s64NowUs);
     void setHeld(bool bHeld, int64_t s64NowUs);
 
+    // The controller's firmware.
+    void onFirmwareAnswer(bool bOk, int nCode, int64_t s64NowUs);
+    void onFirmwareTime(int64_t s64NowUs);
+    void endFirmware(int64_t s64NowUs);
+    void forgetFirmware();
+
     // Levels.
     void setLevel(LEVEL_E eLevel);
     void trip(TRIP_E eReason, int nDetail, int64_t s64NowUs);
@@ -252,6 +310,9 @@ private:
     IGuardActions& m_actions;
     GcodeCheck m_check;
     JobText m_job;
+    Firmware m_firmware;
+    bool m_bHoming;
+    bool m_bTakePosition = false; // of the next report at rest
 
     LEVEL_E m_eLevel = LEVEL_DARK;
     JOB_E m_eJob = JOB_NONE;
@@ -260,9 +321,10 @@ private:
     bool m_bLaserMode = false;
     bool m_bPilotOn = false;
     bool m_bResetHeld = false;
-    int m_nOffTold = 0;      // times that the beam was told off since it was last seen off
-    int64_t m_s64OffUs = 0;  // when it is told again
-    size_t m_uSettings = 0;  // settings lines asked for
+    bool m_bLoaderMayTakeIt = false; // what was told off last went to a controller that loads
+    int m_nOffTold = 0;              // times that the beam was told off since it was last seen off
+    int64_t m_s64OffUs = 0;          // when it is told again
+    size_t m_uSettings = 0;          // settings lines asked for
     int64_t m_s64BusyUs = 0; // when the controller will have done what it has, at the latest
     // 18: both controllers queue 16 moves at most; one is under way, one just sent.
     std::array<int64_t, 18> m_as64MoveUs{}; // estimates of the last moves

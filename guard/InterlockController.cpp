@@ -77,7 +77,11 @@ void Interlock::onReply(const Reply& reply, int64_t s64NowUs)
         trip(TRIP_ALARM, reply.nCode, s64NowUs);
         break;
     case REPLY_GREETING:
-        trip(TRIP_CONTROLLER_RESET, 0, s64NowUs);
+        if (FIRMWARE_SETTLING == m_firmware.eState) {
+            endFirmware(s64NowUs); // the new firmware starts
+        } else {
+            trip(TRIP_CONTROLLER_RESET, 0, s64NowUs);
+        }
         break;
     case REPLY_REPORT:
         onReport(reply, s64NowUs);
@@ -187,6 +191,9 @@ void Interlock::onAnswer(bool bOk, int nCode, int64_t s64NowUs)
         if (const char* const pLine = m_language.getSettingsLine(++m_uSettings); nullptr != pLine) {
             (void)send(pLine, EXPECT_SETTINGS, s64NowUs);
         }
+        break;
+    case EXPECT_FIRMWARE:
+        onFirmwareAnswer(bOk, nCode, s64NowUs);
         break;
     }
 }
@@ -357,6 +364,11 @@ void Interlock::onReport(const Reply& reply, int64_t s64NowUs)
         return; // else locked until homed, as after every reset
     }
     const bool bIdle = RUN_IDLE == reply.eRun;
+    if (m_bTakePosition && bIdle && reply.bPosition) {
+        m_bTakePosition = false;
+        m_check.setPosition(reply.position);
+        m_actions.tell(NOTICE_HOMED, 0);
+    }
     if (MOVE_TAKEN == m_move.eState) {
         m_move.nIdleReports = bIdle ? m_move.nIdleReports + 1 : 0;
         if (m_move.nIdleReports >= IDLE_REPORTS && (!m_move.bHome || reply.bPosition)) {

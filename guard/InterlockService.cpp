@@ -24,6 +24,7 @@ static const int CODE_NEVER = 21;
 static const int CODE_LASER = 22;
 static const int CODE_CHECK = 23;
 static const int CODE_BUSY = 24;
+static const int CODE_TRIPPED = 26;
 static const int CODE_IN_JOB = 27;
 
 static const char* const OK = "ok\n";
@@ -200,6 +201,11 @@ void Interlock::takeJobLine(const char* pText, size_t uLength, int64_t s64NowUs)
     }
     if (!takeForeignLine(pText, uLength, s64NowUs)) {
         trip(TRIP_LINE_FOREIGN, 0, s64NowUs);
+        if (isText(pText, uLength, "M5")) { // whoever sent it waits as well
+            answer(OK);
+        } else {
+            refuse(CODE_TRIPPED);
+        }
     }
 }
 
@@ -239,8 +245,8 @@ void Interlock::takeLine(const char* pText, size_t uLength, int64_t s64NowUs)
     if (0 == uLength) {
         answer(OK);
     } else if (isText(pText, uLength, "M5")) {
-        answer(OK);
         (void)send(m_language.getLaserOff(), EXPECT_NOTHING, s64NowUs); // off anyway when unsent
+        answer(OK);
     } else if (isText(pText, uLength, "$X") || isText(pText, uLength, "~") ||
                isText(pText, uLength, "M21")) {
         refuse(CODE_NEVER);

@@ -8,7 +8,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-void Journal::write(const std::string& strText)
+void Journal::write(const char* pText)
 {
     // A pipe that is writable takes PIPE_BUF bytes, 512 at least, without blocking: pipe(7).
     pollfd output{m_nFd, POLLOUT, 0};
@@ -30,11 +30,11 @@ void Journal::write(const std::string& strText)
             ? snprintf(acLine.data(), acLine.size(), "%s.%03dZ %lld.%06d %.400s\n", acDay.data(),
                        static_cast<int>(wall.tv_nsec / 1000000),
                        static_cast<long long>(monotonic.tv_sec),
-                       static_cast<int>(monotonic.tv_nsec / 1000), strText.c_str())
+                       static_cast<int>(monotonic.tv_nsec / 1000), pText)
             : snprintf(acLine.data(), acLine.size(), "%s.%03dZ %lld.%06d %.360s (%u lost)\n",
                        acDay.data(), static_cast<int>(wall.tv_nsec / 1000000),
                        static_cast<long long>(monotonic.tv_sec),
-                       static_cast<int>(monotonic.tv_nsec / 1000), strText.c_str(), m_uDropped);
+                       static_cast<int>(monotonic.tv_nsec / 1000), pText, m_uDropped);
     m_uDropped = 0;
     (void)!::write(m_nFd, acLine.data(), static_cast<size_t>(nLength)); // nobody reads: so be it
 }

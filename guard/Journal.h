@@ -17,8 +17,12 @@ class Journal
 public:
     explicit Journal(int nFd) : m_nFd(nFd) {}
 
-    /** @param strText  one line, without its end; cut at 400 bytes */
-    void write(const std::string& strText);
+    /** Allocates nothing. @param pText  one line, without its end; cut at 400 bytes */
+    void write(const char* pText);
+    void write(const std::string& strText)
+    {
+        write(strText.c_str());
+    }
 
 private:
     int m_nFd;

@@ -79,6 +79,11 @@ const char* KestrelLanguage::getQuestion() const
     return "";
 }
 
+const char* KestrelLanguage::getFirmwareLine() const
+{
+    return "M21\n";
+}
+
 const char* KestrelLanguage::getProbe() const
 {
     return "()\n";

@@ -23,6 +23,7 @@ public:
     const char* getHome() const override;
     const char* getPilot(bool bOn) const override;
     const char* getQuestion() const override;
+    const char* getFirmwareLine() const override;
     const char* getProbe() const override;
     const char* getSettingsLine(size_t uIndex) const override;
     bool hasReports() const override;

@@ -53,6 +53,8 @@ const char* getTripName(TRIP_E eReason)
         return "end not dark";
     case TRIP_LEASE:
         return "lease";
+    case TRIP_FIRMWARE:
+        return "firmware not taken";
     case TRIP_OPERATOR:
         return "operator";
     case TRIP_SHUTDOWN:
@@ -96,6 +98,12 @@ const char* getNoticeName(NOTICE_E eNotice)
         return "job done";
     case NOTICE_LASER_MODE:
         return "laser mode";
+    case NOTICE_FIRMWARE_REFUSED:
+        return "firmware refused";
+    case NOTICE_FIRMWARE_STOPPED:
+        return "firmware stopped";
+    case NOTICE_FIRMWARE_TAKEN:
+        return "firmware taken";
     }
     return "";
 }
@@ -116,7 +124,9 @@ const char* getWishText(WISH_E eWish)
     case WISH_LASER_MODE:
         return "the controller has not shown laser mode";
     case WISH_LEASE:
-        return "a lease is 1 to 10 seconds";
+        return "a lease is 1 to 10000 milliseconds";
+    case WISH_UNSUPPORTED:
+        return "not supported";
     }
     return "";
 }

@@ -7,11 +7,12 @@
 #include <cstring>
 #include <utility>
 
-#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include "GroupName.h"
 
 OperatorSocket::~OperatorSocket()
 {
@@ -24,6 +25,22 @@ OperatorSocket::~OperatorSocket()
     }
 }
 
+/** Whether somebody listens there: a guard whose port is not plugged in holds no lock on it. */
+bool OperatorSocket::isTaken(const std::string& strPath)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, strPath.c_str(), strPath.size());
+    const int nFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const bool bTaken =
+        nFd >= 0 && (0 == connect(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) ||
+                     EAGAIN == errno); // as many as may wait there wait
+    if (nFd >= 0) {
+        ::close(nFd);
+    }
+    return bTaken;
+}
+
 bool OperatorSocket::open(const std::string& strPath, const std::string& strGroup,
                           std::string& strError)
 {
@@ -34,14 +51,13 @@ bool OperatorSocket::open(const std::string& strPath, const std::string& strGrou
         return false;
     }
     memcpy(address.sun_path, strPath.c_str(), strPath.size());
-    gid_t uGroup = static_cast<gid_t>(-1);
-    if (!strGroup.empty()) {
-        const group* const pGroup = getgrnam(strGroup.c_str());
-        if (nullptr == pGroup) {
-            strError = "no such group: " + strGroup;
-            return false;
-        }
-        uGroup = pGroup->gr_gid;
+    gid_t uGroup = 0;
+    if (!findGroup(strGroup, uGroup, strError)) {
+        return false;
+    }
+    if (isTaken(strPath)) {
+        strError = "another guard has " + strPath;
+        return false;
     }
     const int nFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     unlink(strPath.c_str());
@@ -68,7 +84,7 @@ void OperatorSocket::addTo(std::vector<pollfd>& vecPoll) const
         vecPoll.push_back({m_nFd, POLLIN, 0});
     }
     for (const Client& client : m_listClient) {
-        vecPoll.push_back({client.nFd, POLLIN, 0});
+        vecPoll.push_back({client.nFd, static_cast<short>(client.bWaiting ? 0 : POLLIN), 0});
     }
 }
 
@@ -109,11 +125,33 @@ void OperatorSocket::accept()
     m_listClient.back().uUser = user.uid;
 }
 
+/** Keeps the first of the descriptors that came with a message; the kernel gives what fits. */
+void OperatorSocket::takePassed(Client& client, msghdr& message)
+{
+    for (const cmsghdr* pHeader = CMSG_FIRSTHDR(&message); nullptr != pHeader;
+         pHeader = CMSG_NXTHDR(&message, const_cast<cmsghdr*>(pHeader))) {
+        if (SOL_SOCKET != pHeader->cmsg_level || SCM_RIGHTS != pHeader->cmsg_type) {
+            continue;
+        }
+        for (size_t u = 0; CMSG_LEN((u + 1) * sizeof(int)) <= pHeader->cmsg_len; ++u) {
+            int nFd = -1;
+            memcpy(&nFd, CMSG_DATA(pHeader) + u * sizeof(int), sizeof(int));
+            if (0 == u) {
+                std::swap(nFd, client.nPassed);
+            }
+            if (nFd >= 0) {
+                ::close(nFd);
+            }
+        }
+    }
+}
+
 /** @return false when the connection has to go */
 bool OperatorSocket::receive(Client& client)
 {
     std::array<char, MAX_LINE> acData{};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> acControl{};
+    // Room for two: a second descriptor has to be seen to be closed.
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(2 * sizeof(int))> acControl{};
     iovec data{acData.data(), acData.size()};
     msghdr message{};
     message.msg_iov = &data;
@@ -124,43 +162,72 @@ bool OperatorSocket::receive(Client& client)
     if (nRead <= 0) {
         return nRead < 0 && (EAGAIN == errno || EINTR == errno);
     }
-    const cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
-    if (nullptr != pHeader && SOL_SOCKET == pHeader->cmsg_level &&
-        SCM_RIGHTS == pHeader->cmsg_type && CMSG_LEN(sizeof(int)) == pHeader->cmsg_len) {
-        if (client.nPassed >= 0) {
-            ::close(client.nPassed);
-        }
-        memcpy(&client.nPassed, CMSG_DATA(pHeader), sizeof(int));
-    }
+    takePassed(client, message);
     client.strInput.append(acData.data(), static_cast<size_t>(nRead));
-    for (size_t uEnd = client.strInput.find('\n'); std::string::npos != uEnd;
-         uEnd = client.strInput.find('\n')) {
-        const std::string strLine = client.strInput.substr(0, uEnd);
-        client.strInput.erase(0, uEnd + 1);
-        if (strLine.size() > MAX_LINE || !send(client, m_handler(client, strLine))) {
+    return handleLines(client);
+}
+
+/** @return false when the connection has to go */
+bool OperatorSocket::handleLines(Client& client)
+{
+    size_t uStart = 0;
+    for (size_t uEnd = client.strInput.find('\n');
+         std::string::npos != uEnd && !client.bWaiting && client.nFd >= 0;
+         uEnd = client.strInput.find('\n', uStart)) {
+        const std::string strLine = client.strInput.substr(uStart, uEnd - uStart);
+        uStart = uEnd + 1;
+        if (strLine.size() > MAX_LINE) {
+            return false;
+        }
+        const std::string strAnswer = m_handler(client, strLine);
+        client.bWaiting = strAnswer.empty();
+        if (!client.bWaiting && !send(client, strAnswer)) {
             return false;
         }
     }
-    return client.strInput.size() <= MAX_LINE;
+    client.strInput.erase(0, uStart);
+    return client.nFd >= 0 && (client.bWaiting || client.strInput.size() <= MAX_LINE);
 }
 
-void OperatorSocket::publish(const std::string& strLine)
+bool OperatorSocket::isConnected(unsigned uNumber) const
+{
+    return std::any_of(m_listClient.begin(), m_listClient.end(), [uNumber](const Client& client) {
+        return client.uNumber == uNumber && client.nFd >= 0;
+    });
+}
+
+void OperatorSocket::answer(unsigned uNumber, const std::string& strLine)
 {
     for (Client& client : m_listClient) {
-        if (client.bEvents && client.nFd >= 0 && !send(client, strLine)) {
+        if (client.uNumber == uNumber && client.bWaiting && client.nFd >= 0) {
+            client.bWaiting = false;
+            if (!send(client, strLine) || !handleLines(client)) {
+                close(client); // forgotten by the next serve()
+            }
+        }
+    }
+}
+
+void OperatorSocket::publish(const char* pLine)
+{
+    for (Client& client : m_listClient) {
+        if (client.bEvents && client.nFd >= 0 && !send(client, pLine, strlen(pLine))) {
             close(client); // forgotten by the next serve()
         }
     }
 }
 
+/** A line that the connection does not take at once and whole ends it: nothing is kept here. */
+bool OperatorSocket::send(const Client& client, const char* pText, size_t uLength)
+{
+    return client.nFd >= 0 && static_cast<ssize_t>(uLength) ==
+                                  ::send(client.nFd, pText, uLength, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
 bool OperatorSocket::send(const Client& client, const std::string& strLine)
 {
-    if (client.nFd < 0) {
-        return false;
-    }
     const std::string strText = strLine + "\n";
-    return static_cast<ssize_t>(strText.size()) ==
-           ::send(client.nFd, strText.data(), strText.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    return send(client, strText.data(), strText.size());
 }
 
 void OperatorSocket::close(Client& client)

@@ -7,12 +7,14 @@
 #include <vector>
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 /**
  * A Unix stream socket, mode 0660. Each line is a request and gets one line; events go to whoever
  * has asked for them. At most MAX_CLIENTS connections; one that sends a line over MAX_LINE bytes,
- * or does not take what it is sent, is closed. Nothing blocks. One thread.
+ * or does not take what it is sent, is closed. Nothing blocks, and no line waits here to be sent.
+ * One thread.
  */
 class OperatorSocket
 {
@@ -27,11 +29,12 @@ public:
         unsigned uNumber = 0; // never used twice
         uid_t uUser = 0;
         bool bEvents = false;
-        int nPassed = -1; // a descriptor that came along; the handler may take it
+        bool bWaiting = false; // for an answer that comes later; its next lines wait as well
+        int nPassed = -1;      // a descriptor that came along; the handler may take it
         std::string strInput;
     };
 
-    /** @return the line to answer, without its end */
+    /** @return the line to answer, without its end; empty: answer() follows */
     using Handler = std::function<std::string(Client& client, const std::string& strLine)>;
 
     explicit OperatorSocket(Handler handler) : m_handler(std::move(handler)) {}
@@ -43,7 +46,7 @@ public:
 
     /**
      * @param strGroup  who may connect besides the owner; empty: the process's group
-     * @param strError  one line, when it cannot be made
+     * @param strError  one line, when it cannot be made or somebody listens there already
      */
     bool open(const std::string& strPath, const std::string& strGroup, std::string& strError);
 
@@ -53,12 +56,22 @@ public:
     /** Serve what has come, looked at by descriptor. */
     void serve(const std::vector<pollfd>& vecPoll);
 
-    /** Send a line to whoever has asked for events. */
-    void publish(const std::string& strLine);
+    bool isConnected(unsigned uNumber) const;
+
+    /** The answer that the handler has put off; nothing when that client is gone. */
+    void answer(unsigned uNumber, const std::string& strLine);
+
+    /** Send a line to whoever has asked for events. Allocates nothing. @param pLine  with its end
+     */
+    void publish(const char* pLine);
 
 private:
+    static bool isTaken(const std::string& strPath);
     void accept();
     bool receive(Client& client);
+    bool handleLines(Client& client);
+    static void takePassed(Client& client, msghdr& message);
+    static bool send(const Client& client, const char* pText, size_t uLength);
     static bool send(const Client& client, const std::string& strLine);
     static void close(Client& client);
 

@@ -8,15 +8,13 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
-ServicePort::ServicePort(std::string strLink, std::string strGroup)
-    : m_strLink(std::move(strLink)), m_strGroup(std::move(strGroup))
-{
-}
+#include "GroupName.h"
+
+ServicePort::ServicePort(std::string strLink) : m_strLink(std::move(strLink)) {}
 
 ServicePort::~ServicePort()
 {
@@ -33,55 +31,56 @@ void ServicePort::close()
     }
 }
 
-bool ServicePort::handOver(const char* pTerminal) const
+bool ServicePort::setGroup(const std::string& strGroup, std::string& strError)
 {
-    if (m_strGroup.empty()) {
-        return true;
-    }
-    const group* const pGroup = getgrnam(m_strGroup.c_str());
-    if (nullptr == pGroup) {
-        errno = ENOENT; // what getgrnam(3) leaves differs
-        return false;
-    }
-    return 0 == chown(pTerminal, static_cast<uid_t>(-1), pGroup->gr_gid) &&
-           0 == chmod(pTerminal, 0660);
+    return findGroup(strGroup, m_uGroup, strError);
 }
 
 bool ServicePort::renew()
 {
     const int nFd = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (nFd < 0) {
-        return false;
+    const bool bReady = nFd >= 0 && prepare(nFd);
+    const int nError = errno;
+    if (!bReady) {
+        if (nFd >= 0) {
+            ::close(nFd);
+        }
+        unlink(m_strLink.c_str());
     }
+    close(); // the former one, now that nobody finds it any more
+    m_nFd = bReady ? nFd : -1;
+    errno = nError;
+    return bReady;
+}
+
+/** Sets the terminal up, and then its link. */
+bool ServicePort::prepare(int nFd) const
+{
     // The kernel sets the other end's attributes; opening that end here would hide the hang-up.
     termios attr{};
     std::array<char, 64> acName{};
-    bool bReady = 0 == grantpt(nFd) && 0 == unlockpt(nFd) && 0 == tcgetattr(nFd, &attr) &&
-                  0 == ptsname_r(nFd, acName.data(), acName.size());
-    if (bReady) {
-        attr.c_iflag = 0;
-        attr.c_oflag = 0;
-        attr.c_lflag = 0;
-        attr.c_cflag = CS8 | CREAD | CLOCAL | HUPCL;
-        attr.c_cc[VMIN] = 1;
-        attr.c_cc[VTIME] = 0;
-        cfsetispeed(&attr, B115200);
-        cfsetospeed(&attr, B115200);
-        const std::string strNew = m_strLink + ".new";
-        unlink(strNew.c_str());
-        bReady = 0 == tcsetattr(nFd, TCSANOW, &attr) && handOver(acName.data()) &&
-                 0 == symlink(acName.data(), strNew.c_str()) &&
-                 0 == rename(strNew.c_str(), m_strLink.c_str());
-    }
-    if (!bReady) {
-        const int nError = errno;
-        ::close(nFd);
-        errno = nError;
+    if (0 != grantpt(nFd) || 0 != unlockpt(nFd) || 0 != tcgetattr(nFd, &attr) ||
+        0 != ptsname_r(nFd, acName.data(), acName.size())) {
         return false;
     }
-    close(); // the former one, now that nobody finds it any more
-    m_nFd = nFd;
-    return true;
+    attr.c_iflag = 0;
+    attr.c_oflag = 0;
+    attr.c_lflag = 0;
+    attr.c_cflag = CS8 | CREAD | CLOCAL | HUPCL;
+    attr.c_cc[VMIN] = 1;
+    attr.c_cc[VTIME] = 0;
+    cfsetispeed(&attr, B115200);
+    cfsetospeed(&attr, B115200);
+    const bool bGroup = static_cast<gid_t>(-1) != m_uGroup;
+    if (0 != tcsetattr(nFd, TCSANOW, &attr) ||
+        (bGroup && (0 != chown(acName.data(), static_cast<uid_t>(-1), m_uGroup) ||
+                    0 != chmod(acName.data(), 0660)))) {
+        return false;
+    }
+    const std::string strNew = m_strLink + ".new";
+    unlink(strNew.c_str());
+    return 0 == symlink(acName.data(), strNew.c_str()) &&
+           0 == rename(strNew.c_str(), m_strLink.c_str());
 }
 
 bool ServicePort::write(const char* pBytes, size_t uLength) const

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <string>
 
+#include <sys/types.h>
+
 /**
  * A pseudo terminal under a link. It is raw before its link appears, and the link is replaced in
  * one step. When the service closes it, that is told once; then a new terminal takes its place, so
@@ -12,17 +14,28 @@
 class ServicePort
 {
 public:
-    /** @param strGroup  may open the terminal; empty: who the system lets */
-    ServicePort(std::string strLink, std::string strGroup);
+    explicit ServicePort(std::string strLink);
     ServicePort(const ServicePort&) = delete;
     ServicePort& operator=(const ServicePort&) = delete;
 
     /** The link goes with the object. */
     ~ServicePort();
 
-    /** Make a terminal, in place of the one before. @return false with errno, without a terminal */
+    /**
+     * Who may open the terminals made from now on, besides their owner.
+     * @param strGroup  empty: as the system makes them
+     * @param strError  one line, when there is no such group
+     */
+    bool setGroup(const std::string& strGroup, std::string& strError);
+
+    /**
+     * Make a terminal, in place of the one before.
+     * @return false with errno, without a terminal and without a link: the former one's name may
+     * be somebody else's by then
+     */
     bool renew();
 
+    /** -1 without a terminal. */
     int getFd() const
     {
         return m_nFd;
@@ -35,10 +48,10 @@ public:
     int read(char* pBuffer, size_t uSize) const;
 
 private:
+    bool prepare(int nFd) const;
     void close();
-    bool handOver(const char* pTerminal) const;
 
     std::string m_strLink;
-    std::string m_strGroup;
+    gid_t m_uGroup = static_cast<gid_t>(-1);
     int m_nFd = -1;
 };

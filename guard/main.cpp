@@ -1,5 +1,6 @@
 // kestrel-guard: keeps the beam off in any fault, between the service and the motion controller.
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -49,15 +50,6 @@ int check(const std::string& strConfiguration)
     return bRead ? 0 : 2;
 }
 
-void keepLastPort(const std::string& strPath, const std::string& strPort)
-{
-    std::ofstream file(strPath);
-    file << strPort << std::endl;
-    if (!file) { // only a later --off without a port misses it
-        fprintf(stderr, "kestrel-guard: %s cannot be written\n", strPath.c_str());
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -82,11 +74,18 @@ int main(int argc, char** argv)
         return (0 == app.exit(error)) ? 0 : 2;
     }
     if (bOff) {
-        return switchOff(strPort.empty() ? readLastPort(strLast) : strPort) ? 0 : 1;
+        strPort = strPort.empty() ? readLastPort(strLast) : strPort;
+        if (Configuration configuration; strPort.empty()) {
+            std::string strIgnored;
+            const bool bRead = readConfiguration(strConfiguration, configuration, strIgnored);
+            strPort = bRead ? configuration.strPort : "";
+        }
+        return switchOff(strPort) ? 0 : 1;
     }
     if (bCheck) {
         return check(strConfiguration);
     }
+    signal(SIGPIPE, SIG_IGN); // a reader of the journal that goes ends nothing
     for (;;) {
         Configuration configuration;
         std::string strError;
@@ -95,10 +94,9 @@ int main(int argc, char** argv)
             (void)switchOff(strPort.empty() ? readLastPort(strLast) : strPort); // told either way
             return 2;
         }
-        keepLastPort(strLast, configuration.strPort);
-        GuardParent parent(configuration.strPort);
-        const int nStatus = parent.run([&configuration](int nBeatFd) {
-            return static_cast<int>(GuardWorker(configuration, nBeatFd).run());
+        GuardParent parent(configuration.strPort, configuration.strResetLine);
+        const int nStatus = parent.run([&configuration, &strLast](int nBeatFd) {
+            return static_cast<int>(GuardWorker(configuration, strLast, nBeatFd).run());
         });
         if (WORKER_ANEW != nStatus) {
             return nStatus;

@@ -10,8 +10,8 @@
 namespace {
 
 const char* const WHOLE = "[controller]\nport = \"/dev/a\"\nlanguage = \"grbl\"\n"
-                          "pilot_on = \"M7\"\nreset_line = \"/sys/x\"\n"
-                          "[service]\nlink = \"/dev/ttyACM\"\ngroup = \"camera\"\n"
+                          "pilot_on = \"M7\"\nhoming = false\nreset_line = \"/sys/x\"\n"
+                          "[service]\nlink = \"/dev/ttyACM\"\ngroup = \"service\"\n"
                           "[operator]\nsocket = \"/run/s\"\ngroup = \"arm\"\n"
                           "[limits]\nmin = [0, -1, -2.5]\nmax = [10, 20, 30]\nfeed = 6000\n"
                           "power = 1000\nacceleration = 500.5\n[job]\nlease = false\n";
@@ -53,9 +53,10 @@ TEST(Configuration, WholeFileIsTaken)
     EXPECT_TRUE(configuration.bGrbl);
     EXPECT_EQ("M7", configuration.strPilotOn);
     EXPECT_EQ("M9", configuration.strPilotOff);
+    EXPECT_FALSE(configuration.bHoming);
     EXPECT_EQ("/sys/x", configuration.strResetLine);
     EXPECT_EQ("/dev/ttyACM", configuration.strLink);
-    EXPECT_EQ("camera", configuration.strServiceGroup);
+    EXPECT_EQ("service", configuration.strServiceGroup);
     EXPECT_EQ("/run/s", configuration.strSocket);
     EXPECT_EQ("arm", configuration.strGroup);
     EXPECT_EQ(-2.5, configuration.limits.minimum[2]);
@@ -98,8 +99,9 @@ TEST(Configuration, OtherMistakesAreToldInOneLine)
     expectError("\"grbl\"", "\"grbl2\"", "controller.language is neither");
     expectError("\"M7\"", "\"M3 S1000\"", "controller.pilot_on is none of M7, M8, M9");
     expectError("port = \"/dev/a\"\n", "", "controller.port is missing");
-    expectError("[service]\nlink = \"/dev/ttyACM\"\ngroup = \"camera\"\n", "",
+    expectError("[service]\nlink = \"/dev/ttyACM\"\ngroup = \"service\"\n", "",
                 "[service] is missing");
+    expectError("\"grbl\"", "\"kestrel\"", "controller.homing is for language \"grbl\"");
     expectError("lease = false", "lease = 0", "job.lease is neither true nor false");
     expectError("port = \"/dev/a\"", "port = /dev/a", ":2: ");
     Configuration configuration;

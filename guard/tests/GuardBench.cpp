@@ -75,12 +75,12 @@ std::string OperatorClient::readLine()
     return strLine;
 }
 
-static std::vector<std::string> controllerOptions(bool bGrbl)
+static std::vector<std::string> controllerOptions(bool bGrbl, std::vector<std::string> vecOption)
 {
     if (!bGrbl) {
-        return {};
+        return vecOption;
     }
-    std::vector<std::string> vecOption{"--language", "grbl"};
+    vecOption.insert(vecOption.end(), {"--language", "grbl"});
     for (const char* const pSetting :
          {"32=1", "22=1", "24=500", "25=3000", "27=1", "110=6000", "111=6000", "112=6000",
           "120=500", "121=500", "122=500", "130=60", "131=20", "132=10"}) {
@@ -90,9 +90,11 @@ static std::vector<std::string> controllerOptions(bool bGrbl)
     return vecOption;
 }
 
-GuardBench::GuardBench(bool bGrbl) : m_controller(controllerOptions(bGrbl))
+GuardBench::GuardBench(bool bGrbl, const std::vector<std::string>& vecOption,
+                       const std::string& strController)
+    : m_controller(controllerOptions(bGrbl, vecOption))
 {
-    m_folder.write("guard.toml", configuration(bGrbl));
+    m_folder.write("guard.toml", configuration(bGrbl, strController));
     m_pGuard = std::make_unique<ChildProgram>(std::vector<std::string>{
         KESTREL_GUARD, "--config", path("guard.toml"), "--last-port", path("last-port")});
     m_pOperator = std::make_unique<OperatorClient>(path("socket"));
@@ -108,11 +110,11 @@ GuardBench::~GuardBench()
     }
 }
 
-std::string GuardBench::configuration(bool bGrbl) const
+std::string GuardBench::configuration(bool bGrbl, const std::string& strController) const
 {
     return "[controller]\nport = \"" + m_controller.getNode() + "\"\nlanguage = \"" +
-           (bGrbl ? "grbl" : "kestrel") + "\"\n[service]\nlink = \"" + path("ttyACM") +
-           "\"\n[operator]\nsocket = \"" + path("socket") +
+           (bGrbl ? "grbl" : "kestrel") + "\"\n" + strController + "[service]\nlink = \"" +
+           path("ttyACM") + "\"\n[operator]\nsocket = \"" + path("socket") +
            "\"\n[limits]\nmin = [-100, -100, -100]\nmax = [100.0, 100, 100]\nfeed = 6000\n"
            "power = 1000\nacceleration = 500\nrapid_feed = 6000\n";
 }

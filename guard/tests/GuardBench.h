@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -35,8 +36,13 @@ private:
 class GuardBench
 {
 public:
-    /** @param bGrbl  language of both; else the arm's own */
-    explicit GuardBench(bool bGrbl);
+    /**
+     * @param bGrbl  language of both; else the arm's own
+     * @param vecOption  further ones of the virtual controller
+     * @param strController  further lines of the configuration's first table
+     */
+    explicit GuardBench(bool bGrbl, const std::vector<std::string>& vecOption = {},
+                        const std::string& strController = "");
     GuardBench(const GuardBench&) = delete;
     GuardBench& operator=(const GuardBench&) = delete;
     ~GuardBench();
@@ -57,7 +63,7 @@ public:
     {
         return (m_folder.path() / strName).string();
     }
-    std::string configuration(bool bGrbl) const;
+    std::string configuration(bool bGrbl, const std::string& strController = "") const;
 
     /** The worker's process. */
     pid_t worker() const;

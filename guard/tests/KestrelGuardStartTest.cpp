@@ -1,13 +1,14 @@
 // The guard's start, and its three sides: port, terminal and socket.
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
+#include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -15,7 +16,6 @@
 
 #include "Eventually.h"
 #include "GuardBench.h"
-#include "ServicePort.h"
 
 namespace {
 
@@ -98,6 +98,123 @@ TEST(KestrelGuardStart, CheckTellsWhatIsMissingAndTouchesNothing)
     EXPECT_TRUE(controller.readTexts("byte").empty());
 }
 
+TEST(KestrelGuardStart, OffTakesLastPortElseTheConfigurations)
+{
+    GuardBench bench(false); // for its configuration
+    ASSERT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
+    VirtualController last;
+    ScratchFolder folder;
+    folder.write("last-port", last.getNode() + "\n");
+    const size_t uCuts = countCuts(bench);
+
+    EXPECT_EQ(0, runChild({KESTREL_GUARD, "--config", bench.path("guard.toml"), "--last-port",
+                           (folder.path() / "last-port").string(), "--off"})
+                     .nStatus);
+    EXPECT_EQ(std::vector<std::string>{"\x18"}, last.readTexts("byte"));
+    EXPECT_EQ(uCuts, countCuts(bench));
+    EXPECT_EQ(0, runChild({KESTREL_GUARD, "--config", bench.path("guard.toml"), "--last-port",
+                           "/nonexistent", "--off"})
+                     .nStatus);
+    EXPECT_TRUE(eventually([&] { return uCuts < countCuts(bench); }));
+    EXPECT_EQ(1, runChild({KESTREL_GUARD, "--config", "/nonexistent", "--last-port", "/nonexistent",
+                           "--off"})
+                     .nStatus);
+}
+
+TEST(KestrelGuardStart, LastPortIsKeptByTheGuardThatHasThePortAlone)
+{
+    GuardBench bench(false);
+    ASSERT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
+    std::ifstream file(bench.path("last-port"));
+    std::string strPort;
+    ASSERT_TRUE(static_cast<bool>(std::getline(file, strPort)));
+    EXPECT_EQ(bench.controller().getNode(), strPort);
+
+    EXPECT_EQ(2, runChild({KESTREL_GUARD, "--config", bench.path("guard.toml"), "--last-port",
+                           bench.path("other-port")})
+                     .nStatus);
+
+    EXPECT_NE(0, access(bench.path("other-port").c_str(), F_OK));
+}
+
+TEST(KestrelGuardStart, SecondGuardIsRefusedWithoutAControllerToo)
+{
+    GuardBench bench(false);
+    ASSERT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
+    ASSERT_EQ("ok", bench.controller().instruct("unplug"));
+    ASSERT_TRUE(bench.waitForState("\"controller\":false"));
+
+    const ChildResult result = runChild({KESTREL_GUARD, "--config", bench.path("guard.toml"),
+                                         "--last-port", bench.path("other-port")});
+
+    EXPECT_EQ(2, result.nStatus);
+    EXPECT_EQ("kestrel-guard: another guard has " + bench.path("socket") + "\n", result.strError);
+    EXPECT_TRUE(bench.waitForState("\"controller\":false")); // the first one is still heard
+}
+
+TEST(KestrelGuardStart, StopWithoutAControllerIsInOrder)
+{
+    GuardBench bench(false);
+    ASSERT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
+    ASSERT_EQ("ok", bench.controller().instruct("unplug"));
+    ASSERT_TRUE(bench.waitForState("\"controller\":false"));
+
+    kill(bench.guard().pid(), SIGTERM);
+
+    EXPECT_EQ(0, bench.guard().wait().nStatus);
+}
+
+TEST(KestrelGuardStart, StopThatDoesNotShowTheBeamOffIsToldByStatusOne)
+{
+    GuardBench bench(false);
+    ASSERT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
+    ASSERT_EQ("ok", bench.controller().instruct("mute"));
+
+    kill(bench.guard().pid(), SIGTERM);
+
+    EXPECT_EQ(1, bench.guard().wait().nStatus);
+}
+
+TEST(KestrelGuardStart, GoneReaderOfTheJournalEndsNothing)
+{
+    int anPipe[2] = {-1, -1};
+    ASSERT_EQ(0, pipe2(anPipe, O_CLOEXEC));
+    VirtualController controller;
+    GuardBench bench(false); // for its configuration
+    ScratchFolder folder;
+    std::string strConfiguration = bench.configuration(false);
+    for (const auto& [strFrom, strTo] :
+         {std::pair<std::string, std::string>{bench.controller().getNode(), controller.getNode()},
+          {bench.path(""), folder.path().string() + "/"}}) {
+        for (size_t u = 0; std::string::npos != (u = strConfiguration.find(strFrom, u));
+             u += strTo.size()) {
+            strConfiguration.replace(u, strFrom.size(), strTo);
+        }
+    }
+    folder.write("guard.toml", strConfiguration);
+    const pid_t nGuard = fork();
+    if (0 == nGuard) {
+        dup2(anPipe[1], STDOUT_FILENO);
+        close(anPipe[0]);
+        execl(KESTREL_GUARD, KESTREL_GUARD, "--config", (folder.path() / "guard.toml").c_str(),
+              "--last-port", (folder.path() / "last-port").c_str(), nullptr);
+        _exit(127);
+    }
+    close(anPipe[1]);
+    close(anPipe[0]); // nobody reads
+
+    OperatorClient client((folder.path() / "socket").string());
+    EXPECT_TRUE(eventually([&] {
+        return std::string::npos != client.ask("{\"do\":\"state\"}").find("\"beam_seen_off\":true");
+    }));
+
+    kill(nGuard, SIGTERM);
+    int nStatus = 1;
+    ASSERT_EQ(nGuard, waitpid(nGuard, &nStatus, 0));
+    EXPECT_TRUE(WIFEXITED(nStatus));
+    EXPECT_EQ(0, WEXITSTATUS(nStatus));
+}
+
 TEST(KestrelGuardStart, ConfigurationIsReadAnewInDarkOnly)
 {
     GuardBench bench(false);
@@ -134,31 +251,17 @@ TEST(KestrelGuardStart, TerminalIsRawAndSocketIsForOwnerAndGroup)
     EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&attr));
 }
 
-TEST(KestrelGuardStart, TerminalIsOpenToTheServicesGroup)
-{
-    const group* const pGroup = getgrgid(getgid());
-    ASSERT_NE(nullptr, pGroup);
-    ScratchFolder folder;
-    const std::string strLink = (folder.path() / "terminal").string();
-    ServicePort port(strLink, pGroup->gr_name);
-    ServicePort nobodys((folder.path() / "nobodys").string(), "no such group");
-
-    ASSERT_TRUE(port.renew());
-    EXPECT_FALSE(nobodys.renew());
-    EXPECT_EQ(ENOENT, errno);
-
-    struct stat status = {};
-    ASSERT_EQ(0, stat(strLink.c_str(), &status));
-    EXPECT_EQ(0660U, status.st_mode & 0777U);
-    EXPECT_EQ(getgid(), status.st_gid);
-}
-
 TEST(KestrelGuardStart, RequestsThatMakeNoSenseAreAnswered)
 {
     GuardBench bench(false);
 
-    for (const char* const pLine : {"", "x", "[]", "{}", "{\"do\":1}", "{\"do\":\"burn\"}",
-                                    "{\"do\":\"job\"}", "{\"do\":\"job\",\"lease\":10001}"}) {
+    const std::string strDeep(4000, '[');
+    for (const char* const pLine :
+         {"", "x", "null", "\"do\"", "{\"do\":\"\xFF\"}",
+          "{\"do\":", "{\"do\":\"job\",\"lease\":-1}", "{\"do\":\"job\",\"lease\":1e300}",
+          "{\"do\":\"job\",\"lease\":18446744073709551616}", "{\"do\":\"firmware\",\"size\":{}}",
+          strDeep.c_str(), "[]", "{}", "{\"do\":1}", "{\"do\":\"burn\"}", "{\"do\":\"job\"}",
+          "{\"do\":\"job\",\"lease\":10001}"}) {
         EXPECT_NE(std::string::npos, bench.op().ask(pLine).find("\"ok\":false")) << pLine;
     }
     EXPECT_EQ("", bench.op().ask(std::string(5000, 'x')));

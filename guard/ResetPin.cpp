@@ -1,0 +1,49 @@
+// The controller's reset line: a pin of the board, through sysfs.
+#include "ResetPin.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+static const int STORE_MS = 100; // the kernel takes a text at once
+
+ResetPin::ResetPin(const std::string& strFile)
+    : m_strFile(strFile), m_strFolder(strFile.substr(0, strFile.rfind('/')))
+{
+    const size_t uName = m_strFolder.rfind('/') + 1; // of "gpio106"
+    m_strExport = m_strFolder.substr(0, uName) + "export";
+    const size_t uNumber = m_strFolder.find_first_of("0123456789", uName);
+    m_strNumber = (std::string::npos == uNumber) ? "" : m_strFolder.substr(uNumber);
+}
+
+bool ResetPin::prepare() const
+{
+    return !isThere() || 0 == access(m_strFile.c_str(), W_OK) ||
+           (store(m_strExport, m_strNumber) && store(m_strFolder + "/direction", "high"));
+}
+
+bool ResetPin::hold(bool bLow) const
+{
+    if (!isThere() || store(m_strFile, bLow ? "0" : "1")) {
+        return true;
+    }
+    // An input takes no level: these words are direction and level in one step.
+    return prepare() && store(m_strFolder + "/direction", bLow ? "low" : "high");
+}
+
+bool ResetPin::store(const std::string& strPath, const std::string& strText)
+{
+    const int nFd = ::open(strPath.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (nFd < 0) {
+        return false;
+    }
+    pollfd entry{nFd, POLLOUT, 0};
+    (void)poll(&entry, 1, STORE_MS);
+    const ssize_t nWritten = ::write(nFd, strText.data(), strText.size());
+    const int nError = errno;
+    ::close(nFd);
+    errno = nError;
+    return static_cast<ssize_t>(strText.size()) == nWritten;
+}

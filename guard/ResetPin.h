@@ -1,0 +1,38 @@
+// The controller's reset line: a pin of the board, through sysfs.
+#pragma once
+
+#include <string>
+
+/** Blocks for a tenth of a second at most, where a file does not take its text at once. */
+class ResetPin
+{
+public:
+    /**
+     * @param strFile  the pin's "value", ".../gpio106/value"; empty: there is no such line, and
+     * nothing ever happens
+     */
+    explicit ResetPin(const std::string& strFile);
+
+    bool isThere() const
+    {
+        return !m_strFile.empty();
+    }
+
+    /**
+     * A pin whose files the kernel does not show yet is exported and driven high. One that it
+     * shows keeps its level: a line that is held low stays so.
+     * @return false with errno
+     */
+    bool prepare() const;
+
+    /** Hold the line low, or drive it high, also where it was an input. @return false with errno */
+    bool hold(bool bLow) const;
+
+private:
+    static bool store(const std::string& strPath, const std::string& strText);
+
+    std::string m_strFile;
+    std::string m_strFolder; // of the pin
+    std::string m_strExport; // the file that takes its number
+    std::string m_strNumber;
+};
