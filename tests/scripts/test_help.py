@@ -8,7 +8,8 @@ SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file_
 BUILD = os.environ.get("KESTREL_BUILD", "")
 PROGRAMS = ("application/kestrel-server", "simulator/board/kestrel-board-ns",
             "simulator/camera/kestrel-camera", "simulator/controller/kestrel-controller",
-            "tools/kestrel-camera-ctl", "tools/kestrel-controller-ctl", "tools/kestrel-transcript")
+            "tools/kestrel-camera-ctl", "tools/kestrel-controller-ctl", "tools/kestrel-transcript",
+            "plugin/kestrel-replay-pictures")
 
 
 def scripts():
