@@ -41,6 +41,7 @@ public:
         RESULT_TOO_BRIGHT = 4, // clipped: the spot cannot be told from what is cut off
         RESULT_TOO_DARK = 5,
         RESULT_NO_FOCUS = 6, // blurred beyond use, or narrower than the laser's spot can be
+        RESULT_NO_LENS = 7,  // by the entry points: the lens's file is unusable
     };
 
     explicit FrameProcessor(const Parameters& parameters);

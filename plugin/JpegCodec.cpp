@@ -68,10 +68,10 @@ public:
         return JPEG_HEADER_OK == jpeg_read_header(&m_info, TRUE);
     }
 
-    bool measures(cv::Size size) const
+    /** After readHeader(); a side has up to 65500 pixels: JPEG_MAX_DIMENSION of libjpeg. */
+    cv::Size size() const
     {
-        return static_cast<int64_t>(m_info.image_width) == size.width &&
-               static_cast<int64_t>(m_info.image_height) == size.height;
+        return {static_cast<int>(m_info.image_width), static_cast<int>(m_info.image_height)};
     }
 
     /** After readHeader(). */
@@ -229,11 +229,21 @@ private:
 
 } // namespace
 
+bool JpegCodec::measure(const uint8_t* pData, size_t nSize, cv::Size& sizeOut)
+{
+    Decoder decoder;
+    if (nullptr == pData || !decoder.readHeader(pData, nSize)) {
+        return false;
+    }
+    sizeOut = decoder.size();
+    return true;
+}
+
 bool JpegCodec::decode(const uint8_t* pData, size_t nSize, cv::Size size, cv::Mat& rgbOut,
                        JpegCoding* pCoding)
 {
     Decoder decoder;
-    if (nullptr == pData || !decoder.readHeader(pData, nSize) || !decoder.measures(size)) {
+    if (nullptr == pData || !decoder.readHeader(pData, nSize) || decoder.size() != size) {
         return false;
     }
     rgbOut.create(size, CV_8UC3);

@@ -16,12 +16,15 @@ struct JpegCoding
 };
 
 /**
- * No state; any thread. Both functions print nothing. When memory runs out they return false, or
+ * No state; any thread. The functions print nothing. When memory runs out they return false, or
  * decode() throws cv::Exception.
  */
 class JpegCodec
 {
 public:
+    /** The size in a picture's header. @return false when it has none */
+    static bool measure(const uint8_t* pData, size_t nSize, cv::Size& sizeOut);
+
     /**
      * Read a picture, also one without Huffman tables, as Motion-JPEG cameras send them. Bytes
      * behind the picture's end are ignored.

@@ -7,7 +7,8 @@
 
 /**
  * For pictures of one size. An "ideal" pixel is where a lens without distortion would show a point;
- * pixel (0, 0) has its centre at 0, 0. Immutable, so any thread.
+ * pixel (0, 0) has its centre at 0, 0. Such a lens has the focal length of the real one across the
+ * picture, in both directions, and its centre. Immutable, so any thread.
  */
 class LensModel
 {
@@ -28,7 +29,7 @@ public:
     /** The ideal pixels of an area of the picture, as CV_64FC2. */
     void idealOf(const cv::Rect& area, cv::Mat& ideal) const;
 
-    /** Millimetres on the workpiece of an ideal pixel. */
+    /** Millimetres on the workpiece of an ideal pixel, from the picture's centre. */
     cv::Point2d toMillimetre(cv::Point2d ideal) const;
     double pixelsPerMillimetre() const;
 
@@ -41,6 +42,8 @@ public:
 private:
     cv::Size m_size;
     double m_dPixelsPerMillimetre;
-    cv::Matx33d m_camera;
-    cv::Vec4d m_distortion;
+    cv::Matx33d m_camera;            // the real lens
+    cv::Matx33d m_ideal;             // the one without distortion
+    cv::Vec<double, 5> m_distortion; // k1 k2 p1 p2 k3
+    bool m_bDistorts;                // false: each pixel is its own ideal one
 };

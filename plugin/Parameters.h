@@ -3,8 +3,8 @@
 
 /**
  * The values are those of the virtual camera's scene. For a real camera measure them anew: a ruler
- * across the picture gives the field's width, a sheet of graph paper the lens, a series of pictures
- * at known heights the spot.
+ * across the picture gives the field's width, pictures of a printed chessboard the lens
+ * (kestrel-calibrate-lens), a series of pictures at known heights the spot.
  *
  * Pictures of any size are taken as the same field of view: lengths in the picture are told in
  * parts of its width. Positions on the workpiece are in millimetres from the point in the picture's
@@ -17,12 +17,23 @@ struct Parameters
     /** Millimetres of the workpiece from the left to the right edge of an undistorted picture. */
     double dFieldWidthMm = 64.0;
 
-    // Lens: one radial coefficient. What an ideal lens would show at a distance r from the centre,
-    // in focal lengths, appears at r * (1 + dRadialK1 * r * r); below 0 is a barrel.
+    // Lens, as OpenCV's camera model has it: what a lens without distortion would show x and y from
+    // the centre, in focal lengths, appears, with r * r = x * x + y * y and
+    // f = 1 + k1 r^2 + k2 r^4 + k3 r^6, at
+    //     x f + 2 p1 x y + p2 (r^2 + 2 x^2)  and  y f + p1 (r^2 + 2 y^2) + 2 p2 x y.
+    // k1 below 0 alone is a barrel. A file beside the plug-in replaces all of these: LensFile.h.
 
-    /** Focal length in picture widths. */
-    double dFocalLength = 0.5;
+    /** Focal lengths across and down, in picture widths. */
+    double dFocalLengthX = 0.5;
+    double dFocalLengthY = 0.5;
+    /** The lens's centre from the picture's, in picture widths, to the right and downwards. */
+    double dCentreX = 0.0;
+    double dCentreY = 0.0;
     double dRadialK1 = 0.0;
+    double dRadialK2 = 0.0;
+    double dTangentialP1 = 0.0;
+    double dTangentialP2 = 0.0;
+    double dRadialK3 = 0.0;
 
     // Spot. Redness is red less what else is there, 0 to 255.
 

@@ -1,20 +1,73 @@
 // The plug-in's seven entry points.
 #include "frame_process.h"
 
+#include <cstdio>
+#include <string>
 #include <vector>
 
+#include <dlfcn.h>
+
 #include "FrameProcessor.h"
+#include "LensFile.h"
 #include "Parameters.h"
 
 namespace {
 
-FrameProcessor& processor()
+const char LENS_FILE[] = "lens.yml";
+
+/** Where this library was loaded from, with a last slash; "" for the working directory. */
+std::string ownFolder()
 {
-    // Never destroyed: the service keeps the library loaded to its end, and its threads may still
-    // be here while the process exits.
-    static FrameProcessor* const s_pProcessor = new FrameProcessor(Parameters());
-    return *s_pProcessor;
+    Dl_info info{};
+    if (0 == dladdr(LENS_FILE, &info) || nullptr == info.dli_fname) {
+        return std::string();
+    }
+    const std::string strLibrary = info.dli_fname;
+    return strLibrary.substr(0, strLibrary.rfind('/') + 1); // none found: 0
 }
+
+/** What the entry points work with. */
+class Plugin
+{
+public:
+    static Plugin& getInstance()
+    {
+        // Never destroyed: the service keeps the library loaded to its end, and its threads may
+        // still be here while the process exits.
+        static Plugin* const s_pPlugin = new Plugin;
+        return *s_pPlugin;
+    }
+
+    FrameProcessor& processor()
+    {
+        return m_processor;
+    }
+
+    /** Positions and corrected pictures of an unknown lens would be wrong: there are none. */
+    bool knowsItsLens() const
+    {
+        return LensFile::UNUSABLE != m_eLens;
+    }
+
+private:
+    Plugin() : m_eLens(LensFile::ABSENT), m_processor(parameters(m_eLens)) {}
+
+    static Parameters parameters(LensFile::RESULT_E& eLens)
+    {
+        Parameters parameters;
+        const std::string strPath = ownFolder() + LENS_FILE;
+        std::string strReason;
+        eLens = LensFile::read(strPath, parameters, strReason);
+        if (LensFile::UNUSABLE == eLens) {
+            fprintf(stderr, "libframe_process.so: %s: %s; nothing is measured or corrected\n",
+                    strPath.c_str(), strReason.c_str());
+        }
+        return parameters;
+    }
+
+    LensFile::RESULT_E m_eLens; // before m_processor, whose construction sets it
+    FrameProcessor m_processor;
+};
 
 // A corrected picture belongs to the thread that asked for it, until that thread asks again.
 thread_local std::vector<uint8_t> t_vecCorrected;
@@ -29,10 +82,20 @@ template <typename OPERATION> int guarded(const OPERATION& operation) noexcept
     }
 }
 
+// An operation on what a picture shows of the workpiece.
+template <typename OPERATION> int measured(const OPERATION& operation) noexcept
+{
+    return guarded([&] {
+        Plugin& plugin = Plugin::getInstance();
+        return plugin.knowsItsLens() ? operation(plugin.processor())
+                                     : FrameProcessor::RESULT_NO_LENS;
+    });
+}
+
 void reset()
 {
     (void)guarded([] { // nobody could be told
-        processor().reset();
+        Plugin::getInstance().processor().reset();
         return FrameProcessor::RESULT_OK;
     });
 }
@@ -54,9 +117,9 @@ void uninit(void)
 int undistort(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8_t* pData,
               struct FRAME_PROCESS_UNDISTORT_T* pOut)
 {
-    return guarded([&] {
+    return measured([&](FrameProcessor& processor) {
         const FrameProcessor::RESULT_E eResult =
-            processor().undistort({pData, u32Size, u32Width, u32Height}, t_vecCorrected);
+            processor.undistort({pData, u32Size, u32Width, u32Height}, t_vecCorrected);
         if (FrameProcessor::RESULT_OK == eResult) {
             pOut->s32Size = static_cast<int32_t>(t_vecCorrected.size());
             pOut->s32Width = static_cast<int32_t>(u32Width);
@@ -70,10 +133,10 @@ int undistort(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uin
 int autoFocus(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8_t* pData,
               float* pMeasure)
 {
-    return guarded([&] {
+    return measured([&](FrameProcessor& processor) {
         double dHomed = 0;
         const FrameProcessor::RESULT_E eResult =
-            processor().autoFocus({pData, u32Size, u32Width, u32Height}, dHomed);
+            processor.autoFocus({pData, u32Size, u32Width, u32Height}, dHomed);
         if (FrameProcessor::RESULT_OK == eResult) {
             *pMeasure = static_cast<float>(dHomed);
         }
@@ -84,10 +147,10 @@ int autoFocus(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uin
 int findPos(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8_t* pData,
             float* pX, float* pY)
 {
-    return guarded([&] {
+    return measured([&](FrameProcessor& processor) {
         cv::Point2d millimetre;
         const FrameProcessor::RESULT_E eResult =
-            processor().findPosition({pData, u32Size, u32Width, u32Height}, millimetre);
+            processor.findPosition({pData, u32Size, u32Width, u32Height}, millimetre);
         if (FrameProcessor::RESULT_OK == eResult) {
             *pX = static_cast<float>(millimetre.x);
             *pY = static_cast<float>(millimetre.y);
@@ -99,7 +162,7 @@ int findPos(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8
 void setExposure(int32_t* pExposure)
 {
     (void)guarded([&] { // the caller keeps its 0
-        *pExposure = processor().suggestExposure();
+        *pExposure = Plugin::getInstance().processor().suggestExposure();
         return FrameProcessor::RESULT_OK;
     });
 }
@@ -109,6 +172,6 @@ void easyFun(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint
              int32_t* /*pArg1*/, int32_t* /*pArg2*/, void* /*pValues*/)
 {
     (void)guarded([&] { // has no result
-        return processor().look({pData, u32Size, u32Width, u32Height});
+        return Plugin::getInstance().processor().look({pData, u32Size, u32Width, u32Height});
     });
 }

@@ -117,6 +117,19 @@ TEST(JpegCodec, AnotherSizeThanToldIsRefused)
     EXPECT_FALSE(decodes(vecJpeg, cv::Size(SIZE.height, SIZE.width)));
 }
 
+TEST(JpegCodec, SizeIsToldWithoutReadingThePixels)
+{
+    const std::vector<uint8_t> vecJpeg = encoded(cv::Size(33, 7));
+    const size_t nHeader = segment(vecJpeg, 0xda) + 14; // to where the pixels begin
+    cv::Size size;
+
+    EXPECT_TRUE(JpegCodec::measure(vecJpeg.data(), nHeader, size));
+
+    EXPECT_EQ(cv::Size(33, 7), size);
+    EXPECT_FALSE(JpegCodec::measure(vecJpeg.data(), segment(vecJpeg, 0xc0), size));
+    EXPECT_FALSE(JpegCodec::measure(nullptr, 0, size));
+}
+
 TEST(JpegCodec, NoBytesAreRefused)
 {
     cv::Mat rgb;

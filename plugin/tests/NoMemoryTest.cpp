@@ -12,7 +12,9 @@
 
 #include "Fault.h"
 #include "JpegCodec.h"
+#include "LensFile.h"
 #include "SceneCamera.h"
+#include "ScratchFolder.h"
 #include "frame_process.h"
 
 // When an allocation inside OpenCV fails, it loses what it had allocated for the same picture.
@@ -142,6 +144,42 @@ TEST(NoMemory, UndistortFails)
         },
         [&] { return nullptr == record.pData; },
         [&] { return vecGood == std::vector(record.pData, record.pData + record.s32Size); });
+
+    EXPECT_GT(nFailures, 20);
+}
+
+TEST(NoMemoryLensFile, ReadingFailsAndLeavesTheLens)
+{
+    const ScratchFolder folder;
+    folder.write("lens.yml", "%YAML:1.0\n"
+                             "---\n"
+                             "image_width: 640\n"
+                             "image_height: 480\n"
+                             "camera_matrix: !!opencv-matrix\n"
+                             "   rows: 3\n"
+                             "   cols: 3\n"
+                             "   dt: d\n"
+                             "   data: [ 400., 0., 319.5, 0., 400., 239.5, 0., 0., 1. ]\n"
+                             "distortion_coefficients: !!opencv-matrix\n"
+                             "   rows: 1\n"
+                             "   cols: 4\n"
+                             "   dt: d\n"
+                             "   data: [ -0.05, 0., 0., 0. ]\n");
+    const std::string strPath = folder.path() / "lens.yml";
+    Parameters parameters;
+    std::string strReason;
+
+    const int nFailures = failEachAllocation(
+        [&] {
+            parameters = Parameters();
+            try {
+                return LensFile::READ == LensFile::read(strPath, parameters, strReason) ? 0 : 1;
+            } catch (const std::exception&) {
+                return 2;
+            }
+        },
+        [&] { return 0.5 == parameters.dFocalLengthX && 0 == parameters.dRadialK1; },
+        [&] { return 0.625 == parameters.dFocalLengthX && -0.05 == parameters.dRadialK1; });
 
     EXPECT_GT(nFailures, 20);
 }
