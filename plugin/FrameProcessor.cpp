@@ -25,7 +25,7 @@ void FrameProcessor::reset()
 }
 
 bool FrameProcessor::read(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken, cv::Mat& rgb,
-                          JpegCoding* pCoding)
+                          JpegCoding* pCoding, int* pMedian)
 {
     const uint32_t u32MaxSide = static_cast<uint32_t>(m_parameters.nMaxSide);
     if (0 == picture.u32Width || picture.u32Width > u32MaxSide || 0 == picture.u32Height ||
@@ -37,6 +37,9 @@ bool FrameProcessor::read(const JpegPicture& picture, ExposureAdvisor::TAKEN_E e
         return false;
     }
     const int nMedian = ExposureAdvisor::median(rgb);
+    if (nullptr != pMedian) {
+        *pMedian = nMedian;
+    }
     const std::lock_guard<std::mutex> guard(m_mtxState);
     m_exposureAdvisor.see(nMedian, eTaken);
     return true;
@@ -60,8 +63,12 @@ FrameProcessor::RESULT_E FrameProcessor::findSpot(const JpegPicture& picture,
 {
     cv::Mat rgb;
     JpegCoding coding;
-    if (!read(picture, eTaken, rgb, &coding)) {
+    int nMedian = 0;
+    if (!read(picture, eTaken, rgb, &coding, &nMedian)) {
         return RESULT_BAD_PICTURE;
+    }
+    if (nMedian > m_parameters.nMaxMedian) {
+        return RESULT_TOO_BRIGHT;
     }
     const LensModel lens(m_parameters, rgb.size());
     Spot spot;

@@ -74,7 +74,7 @@ public:
 
 private:
     bool read(const JpegPicture& picture, ExposureAdvisor::TAKEN_E eTaken, cv::Mat& rgb,
-              JpegCoding* pCoding = nullptr);
+              JpegCoding* pCoding = nullptr, int* pMedian = nullptr);
     struct SpotSeen
     {
         cv::Point2d millimetre;

@@ -41,11 +41,16 @@ struct Parameters
     double dMinRedness = 8.0;
     /**
      * Redness that the spot would have in focus; less is too dark to tell its place. Of the virtual
-     * camera it is 215 at the start exposure.
+     * camera it is 215 at the start exposure; at 55 a place was up to 0.4 pixels off.
      */
-    double dMinFocusedRedness = 50.0;
+    double dMinFocusedRedness = 70.0;
     /** Redness that a spot must have for its width to be told. */
     double dMinFocusRedness = 25.0;
+    /**
+     * Greatest median of a picture's brightness: a spot on a brighter plate is all but cut off. At
+     * 239 a place was up to 1.4 pixels off.
+     */
+    int nMaxMedian = 220;
     /** Largest part of the spot's light on clipped pixels for telling its place, and its width. */
     double dMaxClipped = 0.93;
     double dMaxClippedForFocus = 0.5;

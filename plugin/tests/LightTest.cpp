@@ -67,10 +67,10 @@ Found lookAtBrightLaser(double dGain, double dLeak)
 
 } // namespace
 
-TEST(Light, PositionIsRightFromAQuarterOfTheLightToHalfAsMuchAgain)
+TEST(Light, PositionIsRightFromTwoFifthsOfTheLightToTwoFifthsMore)
 {
     SceneCamera camera;
-    for (const double dLight : {0.25, 0.3, 0.4, 0.6, 0.86, 1.0, 1.2, 1.4}) {
+    for (const double dLight : {0.4, 0.5, 0.6, 0.86, 1.0, 1.2, 1.4}) {
         const Found found = lookAt(camera, 0, dLight);
         EXPECT_EQ(FrameProcessor::RESULT_OK, found.ePosition) << "light " << dLight;
         EXPECT_LT(found.dPixels, MAX_PIXELS) << "light " << dLight;
@@ -95,6 +95,32 @@ TEST(Light, WhatIsToldIsRightInAnyLight)
                     << "exposure " << nExposure << " z " << dZ;
             }
         }
+    }
+}
+
+// In focus, at many places: grid, plate and table.
+TEST(Light, PlaceThatIsToldIsRightOverTheWholeRangeOfExposures)
+{
+    SceneCamera camera(0, 640, 480, 80);
+    for (const int nExposure : {40, 60, 80, 157, 220, 230, 240, 260}) {
+        camera.setExposure(nExposure / ServiceLoop::START_EXPOSURE);
+        int nTold = 0;
+        for (double dX = -25; dX < 26; dX += 10.1) {
+            for (double dY = -16; dY < 17; dY += 7.7) {
+                FrameProcessor processor{Parameters()};
+                camera.setSpot(dX, dY, 0);
+                cv::Point2d found;
+                if (FrameProcessor::RESULT_OK == processor.findPosition(camera.take(), found)) {
+                    ++nTold;
+                    const Truth& truth = camera.truth();
+                    EXPECT_LT(
+                        std::hypot(found.x - truth.dXMillimetre, found.y - truth.dYMillimetre) * 10,
+                        MAX_PIXELS)
+                        << "exposure " << nExposure << " at " << dX << ", " << dY;
+                }
+            }
+        }
+        EXPECT_EQ(nExposure >= 60 && nExposure <= 220 ? 30 : nTold, nTold) << nExposure;
     }
 }
 
