@@ -32,6 +32,7 @@ int main(int argc, char** argv)
         (void)runCommand(acCommand); // without a tracer the service still runs
     }
 
+    // TerminationSignals is not installed: SIGTERM and the others keep their default effect.
     signal(SIGPIPE, SIG_IGN);
 
     Log::getInstance().setLevel(5).setLayout(71).setSinks(LOG_SINK_FILE | LOG_SINK_SERVER);

@@ -13,7 +13,6 @@
 
 #include "EventBus.h"
 #include "Eventually.h"
-#include "FatalSignal.h"
 #include "ListeningPort.h"
 #include "Log.h"
 #include "LogEvent.h"
@@ -22,6 +21,7 @@
 #include "SafePointer.h"
 #include "Scenarios.h"
 #include "SystemNeedQuitEvent.h"
+#include "TerminationSignals.h"
 #include "Thread.h"
 #include "Time.h"
 
@@ -145,7 +145,7 @@ void use(char cWhat, const char* pPath)
         (void)Module::getInstance();
         break;
     case 'g': // fatal-signal report
-        FatalSignal::getInstance().install(false, nullptr, Time(), 3);
+        TerminationSignals::getInstance().install(false, nullptr, Time(), 3);
         break;
     default:
         printf("what is %c\n", cWhat);

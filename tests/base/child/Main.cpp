@@ -1,4 +1,5 @@
-// A program of its own for what a test can't do to itself: fatal signals, exits, lost privileges.
+// A program of its own for what a test can't do to itself: termination signals, exits, lost
+// privileges.
 #include <cstdio>
 #include <cstring>
 
@@ -15,13 +16,13 @@ int main(int argc, char** argv)
         {"stamp", &runStamp},
         {"nice-refused", &runNiceRefused},
         {"exit-order", &runExitOrder},
-        {"fatal", &runFatal},
-        {"fatal-address", &runFatalAddress},
-        {"fatal-again", &runFatalAgain},
-        {"fatal-end", &runFatalEnd},
-        {"fatal-restart-fails", &runFatalRestartFails},
-        {"fatal-locked", &runFatalLocked},
-        {"fatal-restart", &runFatalRestart},
+        {"termination", &runTermination},
+        {"termination-address", &runTerminationAddress},
+        {"termination-again", &runTerminationAgain},
+        {"termination-end", &runTerminationEnd},
+        {"termination-restart-fails", &runTerminationRestartFails},
+        {"termination-locked", &runTerminationLocked},
+        {"termination-restart", &runTerminationRestart},
         {"stack", &runStack},
         {"daemonise", &runDaemonise},
         {"restart", &runRestart},

@@ -1,4 +1,4 @@
-// Scenarios of the fatal-signal report.
+// Scenarios of the termination signals.
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -10,10 +10,10 @@
 #include <unistd.h>
 
 #include "EventBus.h"
-#include "FatalSignal.h"
 #include "Fault.h"
 #include "Scenarios.h"
 #include "SystemNeedQuitEvent.h"
+#include "TerminationSignals.h"
 #include "Time.h"
 
 namespace {
@@ -44,33 +44,33 @@ public:
 } // namespace
 
 /** A limit, then the signals that are raised one after the other. */
-int runFatal(int argc, char** argv)
+int runTermination(int argc, char** argv)
 {
     setvbuf(stdout, nullptr, _IONBF, 0);
     QuitCounter quits;
-    FatalSignal& fatal = FatalSignal::getInstance();
-    fatal.install(false, argv, Time(), atoi(argv[2]));
+    TerminationSignals& signals = TerminationSignals::getInstance();
+    signals.install(false, argv, Time(), atoi(argv[2]));
     printf("%s\n", (SIG_IGN == signal(SIGPIPE, SIG_IGN)) ? "no SIGPIPE" : "SIGPIPE");
     for (int i = 3; i < argc; ++i) {
         const unsigned long ulBefore = faultThreadAllocations();
         raise(atoi(argv[i]));
         const unsigned long ulAfter = faultThreadAllocations();
-        printf("count %d seen %d quits %d allocations %lu\n", fatal.getCount(),
-               fatal.isSeen() ? 1 : 0, quits.m_nQuits.load(), ulAfter - ulBefore);
+        printf("count %d seen %d quits %d allocations %lu\n", signals.getCount(),
+               signals.isSeen() ? 1 : 0, quits.m_nQuits.load(), ulAfter - ulBefore);
     }
     return 0;
 }
 
 /** Installed, hit, and installed again: it counts from zero. */
-int runFatalAgain(int, char** argv)
+int runTerminationAgain(int, char** argv)
 {
     setvbuf(stdout, nullptr, _IONBF, 0);
-    FatalSignal& fatal = FatalSignal::getInstance();
+    TerminationSignals& signals = TerminationSignals::getInstance();
     for (int i = 0; i < 3; ++i) {
-        fatal.install(false, argv, Time(), 2);
-        printf("count %d seen %d\n", fatal.getCount(), fatal.isSeen() ? 1 : 0);
+        signals.install(false, argv, Time(), 2);
+        printf("count %d seen %d\n", signals.getCount(), signals.isSeen() ? 1 : 0);
         raise(SIGTERM);
-        printf("count %d seen %d\n", fatal.getCount(), fatal.isSeen() ? 1 : 0);
+        printf("count %d seen %d\n", signals.getCount(), signals.isSeen() ? 1 : 0);
     }
     return 0;
 }
@@ -88,10 +88,10 @@ static void tellHandlers()
 }
 
 /** Its own handlers before the object and after it; another's handler stays. */
-int runFatalEnd(int, char** argv)
+int runTerminationEnd(int, char** argv)
 {
     (void)atexit(tellHandlers); // after the object's end, which is registered later
-    FatalSignal::getInstance().install(false, argv, Time(), 5);
+    TerminationSignals::getInstance().install(false, argv, Time(), 5);
     (void)signal(SIGINT, [](int) {});
     struct sigaction action = {};
     action.sa_sigaction = [](int, siginfo_t*, void*) {};
@@ -102,30 +102,30 @@ int runFatalEnd(int, char** argv)
 }
 
 /** With a restart, and no child process to be had. */
-int runFatalRestartFails(int, char** argv)
+int runTerminationRestartFails(int, char** argv)
 {
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_NPROC, &none);
     if (0 == geteuid() && 0 != setuid(65534)) { // nobody: the limit does not bind root
         return 100;
     }
-    FatalSignal::getInstance().install(true, argv, Time(), 50);
+    TerminationSignals::getInstance().install(true, argv, Time(), 50);
     raise(SIGTERM);
     return 100;
 }
 
 /** Reads what is not there; the report comes once, then the default effect. */
-int runFatalAddress(int, char** argv)
+int runTerminationAddress(int, char** argv)
 {
-    FatalSignal::getInstance().install(false, argv, Time(), 5);
+    TerminationSignals::getInstance().install(false, argv, Time(), 5);
     volatile uintptr_t uAddress = 0x1230;
     return *reinterpret_cast<volatile int*>(uAddress);
 }
 
 /** Another thread holds the lock of standard output while the signal comes. */
-int runFatalLocked(int, char** argv)
+int runTerminationLocked(int, char** argv)
 {
-    FatalSignal::getInstance().install(false, argv, Time(), 2);
+    TerminationSignals::getInstance().install(false, argv, Time(), 2);
     std::atomic<bool> bHeld{false};
     std::thread holder([&bHeld] {
         flockfile(stdout);
@@ -145,7 +145,7 @@ int runFatalLocked(int, char** argv)
 }
 
 /** A file: not there yet, then the run that is restarted; there, then the restarted run. */
-int runFatalRestart(int, char** argv)
+int runTerminationRestart(int, char** argv)
 {
     FILE* pMark = fopen(argv[2], "r");
     if (nullptr != pMark) {
@@ -157,13 +157,13 @@ int runFatalRestart(int, char** argv)
     }
     pMark = fopen(argv[2], "w");
     fclose(pMark);
-    FatalSignal::getInstance().install(true, argv, Time(0, 100000), 50);
+    TerminationSignals::getInstance().install(true, argv, Time(0, 100000), 50);
     raise(SIGTERM);
     return 100; // with a restart the first signal ends the process
 }
 
 int runStack(int, char**)
 {
-    FatalSignal::printStack();
+    TerminationSignals::printStack();
     return 0;
 }

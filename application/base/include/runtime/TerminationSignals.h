@@ -1,4 +1,4 @@
-// The report that is printed when a fatal signal arrives, the orderly end, and the restart.
+// SIGTERM, SIGINT, SIGSEGV and the like, where installed: a report, an orderly end, a restart.
 #pragma once
 
 #include <atomic>
@@ -7,18 +7,19 @@
 #include "Time.h"
 
 /**
- * Complete, but dormant: nothing in the start-up installs it, so the default dispositions apply.
+ * Complete, but dormant: the service does not install it, so each signal has its default effect
+ * there.
  *
  * The handler allocates nothing and takes no lock. Process-wide; install() is for one thread,
  * before the signals come. With the process exit the default dispositions return.
  */
-class FatalSignal
+class TerminationSignals
 {
 public:
-    static FatalSignal& getInstance();
-    FatalSignal(const FatalSignal&) = delete;
-    FatalSignal& operator=(const FatalSignal&) = delete;
-    ~FatalSignal();
+    static TerminationSignals& getInstance();
+    TerminationSignals(const TerminationSignals&) = delete;
+    TerminationSignals& operator=(const TerminationSignals&) = delete;
+    ~TerminationSignals();
 
     /**
      * From now on each of SIGTERM, SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGFPE, SIGBUS, SIGHUP,
@@ -32,13 +33,13 @@ public:
      */
     void install(bool bRestart, char* const* argv, const Time& delay, int nLimit);
 
-    /** Fatal signals since install(). Any thread. */
+    /** Signals since install(). Any thread. */
     int getCount() const
     {
         return m_nCount;
     }
 
-    /** True once a fatal signal was seen. Any thread. */
+    /** True once one was seen. Any thread. */
     bool isSeen() const
     {
         return m_bSeen;
@@ -51,7 +52,7 @@ public:
     static void printStack();
 
 private:
-    FatalSignal();
+    TerminationSignals();
 
     static void onSignal(int nSignal, siginfo_t* pInfo, void* pContext);
 

@@ -1,5 +1,5 @@
-// The fatal-signal report, in programs of its own.
-#include "FatalSignal.h"
+// What termination signals do, in programs of its own.
+#include "TerminationSignals.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -15,9 +15,9 @@
 
 namespace {
 
-ChildResult runFatal(int nLimit, const std::vector<int>& vecSignal)
+ChildResult runTermination(int nLimit, const std::vector<int>& vecSignal)
 {
-    std::vector<std::string> vecArgument{BASE_CHILD, "fatal", std::to_string(nLimit)};
+    std::vector<std::string> vecArgument{BASE_CHILD, "termination", std::to_string(nLimit)};
     for (const int nSignal : vecSignal) {
         vecArgument.push_back(std::to_string(nSignal));
     }
@@ -37,11 +37,11 @@ std::string report(int nSignal)
 
 } // namespace
 
-TEST(FatalSignal, EverySignalIsReportedPublishedAndReturned)
+TEST(TerminationSignals, EverySignalIsReportedPublishedAndReturned)
 {
     for (const int nSignal : {SIGTERM, SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGFPE, SIGBUS, SIGHUP,
                               SIGSEGV, SIGIO, SIGSYS, SIGTRAP, SIGTSTP, SIGXCPU, SIGXFSZ}) {
-        const ChildResult result = runFatal(5, {nSignal});
+        const ChildResult result = runTermination(5, {nSignal});
 
         EXPECT_EQ("no SIGPIPE\n" + report(nSignal) + "quit\ncount 1 seen 1 quits 1 allocations 0\n",
                   masked(result.strOutput));
@@ -49,9 +49,9 @@ TEST(FatalSignal, EverySignalIsReportedPublishedAndReturned)
     }
 }
 
-TEST(FatalSignal, LimitEndsTheProcessWithStatusNine)
+TEST(TerminationSignals, LimitEndsTheProcessWithStatusNine)
 {
-    const ChildResult result = runFatal(2, {SIGTERM, SIGINT});
+    const ChildResult result = runTermination(2, {SIGTERM, SIGINT});
 
     EXPECT_EQ("no SIGPIPE\n" + report(SIGTERM) + "quit\ncount 1 seen 1 quits 1 allocations 0\n" +
                   report(SIGINT) + "quit\n",
@@ -59,46 +59,46 @@ TEST(FatalSignal, LimitEndsTheProcessWithStatusNine)
     EXPECT_EQ(9, result.nStatus);
 }
 
-TEST(FatalSignal, InstalledAnewItCountsFromZero)
+TEST(TerminationSignals, SecondInstallCountsFromZero)
 {
-    const ChildResult result = runChild({BASE_CHILD, "fatal-again"});
+    const ChildResult result = runChild({BASE_CHILD, "termination-again"});
 
     const std::string strRound = "count 0 seen 0\n" + report(SIGTERM) + "count 1 seen 1\n";
     EXPECT_EQ(strRound + strRound + strRound, masked(result.strOutput));
     EXPECT_EQ(0, result.nStatus);
 }
 
-TEST(FatalSignal, ItsEndPutsBackWhatItHasInstalled)
+TEST(TerminationSignals, EndPutsBackWhatItHasInstalled)
 {
-    const ChildResult result = runChild({BASE_CHILD, "fatal-end"});
+    const ChildResult result = runChild({BASE_CHILD, "termination-end"});
 
     EXPECT_EQ("a handler\na handler\na handler\na handler\nignored\n"
               "default\ndefault\na handler\na handler\nignored\n",
               result.strOutput);
 }
 
-TEST(FatalSignal, RestartComesBeforeTheReport)
+TEST(TerminationSignals, RestartComesBeforeTheReport)
 {
-    const ChildResult result = runChild({BASE_CHILD, "fatal-restart-fails"});
+    const ChildResult result = runChild({BASE_CHILD, "termination-restart-fails"});
 
     EXPECT_EQ("fork() failed\n", result.strError);
     EXPECT_EQ("", result.strOutput);
     EXPECT_EQ(1, result.nStatus);
 }
 
-TEST(FatalSignal, SecondArrivalOfASignalTakesTheDefaultEffect)
+TEST(TerminationSignals, SecondArrivalOfASignalTakesTheDefaultEffect)
 {
-    const ChildResult result = runFatal(5, {SIGTERM, SIGTERM});
+    const ChildResult result = runTermination(5, {SIGTERM, SIGTERM});
 
     EXPECT_EQ(SIGTERM, result.nSignal);
     EXPECT_EQ(std::string::npos, result.strOutput.find("count 2"));
 }
 
-TEST(FatalSignal, InterruptedCallsAreNotRestarted)
+TEST(TerminationSignals, InterruptedCallsAreNotRestarted)
 {
     EXPECT_EXIT(
         {
-            FatalSignal::getInstance().install(false, nullptr, Time(), 5);
+            TerminationSignals::getInstance().install(false, nullptr, Time(), 5);
             struct sigaction action = {};
             (void)sigaction(SIGTERM, nullptr, &action);
             const unsigned uFlags = static_cast<unsigned>(action.sa_flags);
@@ -109,28 +109,28 @@ TEST(FatalSignal, InterruptedCallsAreNotRestarted)
         testing::ExitedWithCode(0), "");
 }
 
-TEST(FatalSignal, FaultAddressIsPrinted)
+TEST(TerminationSignals, FaultAddressIsPrinted)
 {
-    const ChildResult result = runChild({BASE_CHILD, "fatal-address"});
+    const ChildResult result = runChild({BASE_CHILD, "termination-address"});
 
     EXPECT_EQ("\n\n* System is terminated . signal(11) addr(0x1230) \n", result.strOutput);
     EXPECT_EQ(SIGSEGV, result.nSignal);
 }
 
-TEST(FatalSignal, ReportNeedsNoLockOfStandardOutput)
+TEST(TerminationSignals, ReportNeedsNoLockOfStandardOutput)
 {
-    const ChildResult result = runChild({BASE_CHILD, "fatal-locked"});
+    const ChildResult result = runChild({BASE_CHILD, "termination-locked"});
 
     EXPECT_EQ(report(SIGTERM) + "returned\n", masked(result.strOutput));
     EXPECT_EQ(SIGKILL, result.nSignal); // its own
 }
 
-TEST(FatalSignal, RestartFlagEndsAtTheFirstSignalAndStartsTheProgramAgain)
+TEST(TerminationSignals, RestartFlagEndsAtTheFirstSignalAndStartsTheProgramAgain)
 {
     ScratchFolder folder;
 
-    const ChildResult result = runChild(
-        {BASE_CHILD, "fatal-restart", (folder.path() / "mark").string(), "with its arguments"});
+    const ChildResult result = runChild({BASE_CHILD, "termination-restart",
+                                         (folder.path() / "mark").string(), "with its arguments"});
 
     EXPECT_EQ(9, result.nStatus);
     EXPECT_NE(std::string::npos, masked(result.strOutput).find(report(SIGTERM)));
@@ -141,7 +141,7 @@ TEST(FatalSignal, RestartFlagEndsAtTheFirstSignalAndStartsTheProgramAgain)
         << result.strOutput;
 }
 
-TEST(FatalSignal, StackIsPrintedAsReturnAddresses)
+TEST(TerminationSignals, StackIsPrintedAsReturnAddresses)
 {
     const ChildResult result = runChild({BASE_CHILD, "stack"});
 

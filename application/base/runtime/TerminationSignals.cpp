@@ -1,5 +1,5 @@
-// The report that is printed when a fatal signal arrives, the orderly end, and the restart.
-#include "FatalSignal.h"
+// SIGTERM, SIGINT, SIGSEGV and the like, where installed: a report, an orderly end, a restart.
+#include "TerminationSignals.h"
 
 #include <cerrno>
 
@@ -28,31 +28,31 @@ _Unwind_Reason_Code printFrame(_Unwind_Context* pContext, void* pUnused)
 
 } // namespace
 
-FatalSignal::FatalSignal()
+TerminationSignals::TerminationSignals()
 {
     // The handler publishes: by then the bus exists, and it outlives the handler.
     (void)EventBus<SystemNeedQuitEvent>::getInstance();
 }
 
-FatalSignal::~FatalSignal()
+TerminationSignals::~TerminationSignals()
 {
     for (const int nSignal : SIGNALS) {
         struct sigaction current = {};
         (void)sigaction(nSignal, nullptr, &current);
         if (0 != (current.sa_flags & SA_SIGINFO) &&
-            &FatalSignal::onSignal == current.sa_sigaction) {
+            &TerminationSignals::onSignal == current.sa_sigaction) {
             (void)signal(nSignal, SIG_DFL);
         }
     }
 }
 
-FatalSignal& FatalSignal::getInstance()
+TerminationSignals& TerminationSignals::getInstance()
 {
-    static FatalSignal s_instance;
+    static TerminationSignals s_instance;
     return s_instance;
 }
 
-void FatalSignal::install(bool bRestart, char* const* argv, const Time& delay, int nLimit)
+void TerminationSignals::install(bool bRestart, char* const* argv, const Time& delay, int nLimit)
 {
     m_nCount = 0;
     m_bSeen = false;
@@ -61,7 +61,7 @@ void FatalSignal::install(bool bRestart, char* const* argv, const Time& delay, i
     m_argv = argv;
     m_delay = delay;
     struct sigaction action = {};
-    action.sa_sigaction = &FatalSignal::onSignal;
+    action.sa_sigaction = &TerminationSignals::onSignal;
     action.sa_flags = static_cast<int>(SA_SIGINFO | SA_RESETHAND);
     sigemptyset(&action.sa_mask);
     for (const int nSignal : SIGNALS) {
@@ -70,11 +70,11 @@ void FatalSignal::install(bool bRestart, char* const* argv, const Time& delay, i
     (void)signal(SIGPIPE, SIG_IGN);
 }
 
-void FatalSignal::onSignal(int nSignal, siginfo_t* pInfo, void* pContext)
+void TerminationSignals::onSignal(int nSignal, siginfo_t* pInfo, void* pContext)
 {
     (void)pContext;
     const int nErrno = errno;
-    FatalSignal& self = getInstance();
+    TerminationSignals& self = getInstance();
     self.m_bSeen = true;
     const int nCount = ++self.m_nCount;
     if (self.m_bRestart) {
@@ -97,7 +97,7 @@ void FatalSignal::onSignal(int nSignal, siginfo_t* pInfo, void* pContext)
     errno = nErrno;
 }
 
-void FatalSignal::printStack()
+void TerminationSignals::printStack()
 {
     (void)_Unwind_Backtrace(&printFrame, nullptr);
 }
