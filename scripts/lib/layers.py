@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Check that the service's libraries stand on floors and that no arrow between them points upward.
+"""Check that the service's libraries stand in layers and that no arrow between them points upward.
 
-usage: scripts/lib/floors.py BUILD-FOLDER    NM may name another nm
+usage: scripts/lib/layers.py BUILD-FOLDER    NM may name another nm
 
-The floors are those that docs/overview.md draws. The arrows are the build's: who includes whose
+The layers are those that docs/overview.md draws. The arrows are the build's: who includes whose
 header, as the compiler resolved it, and whose archive defines the symbols that another one needs.
 Within a library no two units may depend on each other, but for the circles that are named below.
 """
@@ -21,20 +21,20 @@ KNOWN_CIRCLES = [
 ]
 
 
-def read_floors(text):
-    """The libraries of each floor, the top first: the drawing under "## Floors"."""
-    drawing = re.search(r"^## Floors$.*?^```\n(.*?)^```$", text, re.M | re.S).group(1)
+def read_layers(text):
+    """The libraries of each layer, the top first: the drawing under "## Layers"."""
+    drawing = re.search(r"^## Layers$.*?^```\n(.*?)^```$", text, re.M | re.S).group(1)
     return [re.findall(r"kestrel[_-]\w+", line) for line in drawing.splitlines()]
 
 
-def upward(floors, arrows):
+def upward(layers, arrows):
     """What is wrong with the arrows (from, to, why)."""
-    floor_of = {name: number for number, floor in enumerate(floors) for name in floor}
+    layer_of = {name: number for number, layer in enumerate(layers) for name in layer}
     for source, target, reason in sorted(arrows):
-        missing = [name for name in (source, target) if name not in floor_of]
+        missing = [name for name in (source, target) if name not in layer_of]
         if missing:
             yield f"not drawn in docs/overview.md: {', '.join(missing)} ({reason})"
-        elif floor_of[source] >= floor_of[target]:
+        elif layer_of[source] >= layer_of[target]:
             yield f"{source} may not know {target}: {reason}"
 
 
@@ -91,7 +91,7 @@ class Build:
                     sources[current].append(path)
         missing = self.objects.keys() - sources.keys()
         if missing:
-            sys.exit(f"floors: build it first: {min(missing)}")
+            sys.exit(f"layers: build it first: {min(missing)}")
         return sources
 
     def include_arrows(self):
@@ -148,12 +148,12 @@ def library_by_folder(path):
 def main():
     build = Build(sys.argv[1])
     with open(f"{TOP}/docs/overview.md", encoding="utf-8") as file:
-        floors = read_floors(file.read())
+        layers = read_layers(file.read())
     includes = build.include_arrows()
     links = build.link_arrows()
     arrows = {(source[0], target[0], f"{path} includes {target[1]}.h")
               for source, target, path in includes if source[0] != target[0]}
-    wrong = list(upward(floors, arrows | links))
+    wrong = list(upward(layers, arrows | links))
     found = circles({(source[1], target[1]) for source, target, _ in includes if source != target})
     for circle in found:
         if circle not in KNOWN_CIRCLES:
@@ -163,11 +163,11 @@ def main():
             wrong.append(f"no longer a circle: {' '.join(sorted(circle))}")
     for line in wrong:
         print(line)
-    drawn = {name for floor in floors for name in floor}
+    drawn = {name for layer in layers for name in layer}
     unused = drawn - {name for arrow in arrows | links for name in arrow[:2]}
     for name in sorted(unused):
         print(f"drawn in docs/overview.md, but no part of the build: {name}")
-    print(f"{len(drawn)} libraries on {len(floors)} floors; between them"
+    print(f"{len(drawn)} libraries in {len(layers)} layers; between them"
           f" {len({arrow[:2] for arrow in arrows})} arrows by include,"
           f" {len({arrow[:2] for arrow in links})} by symbol; {len(wrong)} wrong")
     return 1 if wrong or unused else 0
