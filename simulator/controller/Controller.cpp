@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "AnswerText.h"
+
 static const double POWER_UP_FEED = 1000; // millimetres per minute
 static const double HOMING_FEED = 3000;
 static const double FULL_POWER = 1000; // of a laser that nobody has told a power

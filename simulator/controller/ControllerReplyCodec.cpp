@@ -1,5 +1,5 @@
 // The reply codec for the virtual controller's language, in place of the service's placeholder.
-#include "Grammar.h"
+#include "AnswerText.h"
 #include "ReplyCodec.h"
 
 // The signatures take values, as every codec's do.

@@ -1,4 +1,4 @@
-// The virtual controller's language: what its lines mean and how its answers read.
+// The virtual controller's language: what the lines that it receives mean.
 #pragma once
 
 #include <string>
@@ -27,7 +27,7 @@ enum LASER_E
 static const char BYTE_HOLD = '!';
 static const char BYTE_RESET = 0x18;
 
-// Error codes of the answer "error:N".
+// Why a line is refused: the codes of the answer "error:N".
 static const int ERROR_NOT_UNDERSTOOD = 1;
 static const int ERROR_BAD_NUMBER = 2; // locks the controller until $X
 static const int ERROR_UNKNOWN_DOLLAR = 3;
@@ -72,25 +72,3 @@ struct Command
  * others.
  */
 Command parseLine(const std::string& strLine);
-
-std::string formatGreeting();
-std::string formatOk();
-std::string formatDone();
-std::string formatError(int nCode);
-std::string formatAlarm(int nCode);
-std::string formatStatus(int nCode);
-
-/**
- * What an answer of one or more lines says. Only lines with their line end count, so half an answer
- * says nothing; of several codes of a kind the last holds.
- */
-struct Reply
-{
-    bool bAck = false; // a line "ok"
-    int nStatus = 0;   // "status:N"
-    int nError = 0;    // "error:N"
-    int nAlarm = 0;    // "alarm:N"
-};
-
-/** Any bytes are fine. */
-Reply parseReply(const std::string& strReply);

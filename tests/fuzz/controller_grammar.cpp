@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "AnswerText.h"
 #include "Grammar.h"
 
 namespace {

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "AnswerText.h"
+
 namespace {
 
 const int64_t MS = 1000;
