@@ -14,6 +14,12 @@ static const char* const SOURCE_NAME = "printservice/PrintService"; // its lines
 
 static const char* const RECEIVED = "recv: %s\n";
 
+// How long an answer is waited for.
+static const Time COMMAND_REPLY_TIMEOUT(2, 0);
+static const Time JOB_REPLY_TIMEOUT(10, 0);
+static const Time MOVE_END_TIMEOUT(20, 0);
+static const Time CUT_LINE_TIMEOUT(0, 500000);
+
 /** Send, and report a port that is gone; a full one is reported by the port itself. */
 static int sendBytes(UART& uart, const char* pBytes, int nSize)
 {
@@ -49,7 +55,7 @@ int PrintLink::sendCommand(const char* pCommand)
         return 1;
     }
     char acReply[REPLY_SIZE + 1] = {0}; // a reply may fill the buffer
-    if (pUart->read(acReply, REPLY_SIZE, Time(2, 0)) > 0) {
+    if (pUart->read(acReply, REPLY_SIZE, COMMAND_REPLY_TIMEOUT) > 0) {
         LOG_AS("printSingleCmd", 7, RECEIVED, acReply);
     }
     return 0;
@@ -87,8 +93,22 @@ bool PrintLink::endCutLine(UART& uart)
         return false;
     }
     char acReply[REPLY_SIZE] = {0};
-    (void)uart.read(acReply, sizeof(acReply), Time(0, 500000)); // dropped
+    (void)uart.read(acReply, sizeof(acReply), CUT_LINE_TIMEOUT); // dropped
     return true;
+}
+
+void PrintLink::clearErrorLock(int nCode)
+{
+    if (2 == nCode || 9 == nCode) {
+        (void)sendCommand("$X"); // a controller that stays locked says so again
+    }
+}
+
+std::string PrintLink::awaitReply()
+{
+    char acReply[REPLY_SIZE + 1] = {0};
+    readReply(acReply, REPLY_SIZE, JOB_REPLY_TIMEOUT);
+    return acReply;
 }
 
 void PrintLink::readReply(char* pBuffer, int nSize, const Time& timeout)
@@ -109,6 +129,6 @@ void PrintLink::awaitMove()
     UART* const pUart = m_pUart;
     if (nullptr != pUart) {
         char acReply[REPLY_SIZE] = {0};
-        (void)pUart->read(acReply, sizeof(acReply), Time(20, 0)); // only waited for
+        (void)pUart->read(acReply, sizeof(acReply), MOVE_END_TIMEOUT); // only waited for
     }
 }

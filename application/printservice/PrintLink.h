@@ -41,6 +41,15 @@ public:
     /** Send a block of bytes that are no line. @return bytes sent */
     int sendBlock(const char* pBlock, int nSize);
 
+    /** Clear the controller's error lock ("$X") for the codes 2 and 9; nothing for others. */
+    void clearErrorLock(int nCode);
+
+    /**
+     * Read one reply to a job line, or what the controller says unasked; waits 10 s at most.
+     * @return the text before its first zero byte; empty without a port or a reply
+     */
+    std::string awaitReply();
+
     /** Clear the buffer and read one reply into it; waits that long at most. */
     void readReply(char* pBuffer, int nSize, const Time& timeout);
 

@@ -1,29 +1,18 @@
 // The laser arm: the line to its motion controller, G-code jobs, moves and firmware.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
 
 #include "FirmwareUpload.h"
-#include "JobFile.h"
-#include "Mutex.h"
+#include "PrintJob.h"
 #include "PrintLink.h"
 
 class ControllerPort;
 class Event;
-class JobThread;
+class SelfStoppingThread;
 class UART;
-
-enum PRINT_STATE_E : int32_t
-{
-    PRINT_STATE_IDLE = 0,       // after construction
-    PRINT_STATE_STOPPED = 1,    // job finished or given up
-    PRINT_STATE_FILE_READY = 3, // a job file has come and waits
-    PRINT_STATE_PRINTING = 5,   // job lines go out
-    PRINT_STATE_PAUSED = 6      // by the operator or by the controller
-};
 
 /**
  * Talks to the motion controller of the laser arm, one line and one reply at a time.
@@ -123,9 +112,8 @@ public:
     void exportResetGpio();
 
     /**
-     * The thread's body: sends one job line and takes its reply, 10 s at most. A line that was not
-     * acknowledged, and any line while paused, is sent again half a second later. Without a job,
-     * see pollStatus(). A stop that the thread asks of itself on the way takes effect at the end,
+     * The thread's body: PrintJob::sendNextLine() for a job that is printing or paused, else
+     * pollStatus(). A stop that the thread asks of itself on the way takes effect at the end,
      * unless startPrint() came after it. @return 0
      */
     int printLoop();
@@ -140,32 +128,20 @@ public:
     int onMeasureEvent(Event* pEvent);
 
     /** Any thread. */
-    PRINT_STATE_E getState() const
-    {
-        return m_nState;
-    }
+    PRINT_STATE_E getState() const;
 
 protected:
     /** For getInstance() and derived classes. */
     PrintService();
 
 private:
-    bool replaceJob(const void* pData, int nLength);
-    void sendLine(const std::string& strLine);
-    void switchLaserOff();
-    void takeReply(bool bAfterEnd);
-    void onPrintingStatus(int nCode, bool bAfterEnd);
     void onIdleStatus(int nCode);
-    static void reportStatus(const char* pCode);
+    void startByButton();
     static void askSubscribers();
 
     ControllerPort& m_port; // for the reset; outlives the service
     PrintLink m_link;
-    // One start or upload at a time: a start opens the job that the state speaks of. Outside the
-    // job file's lock; the thread is not waited for with it.
-    Mutex m_mtxStart{MUTEX_TYPE_NORMAL};
-    JobFile m_jobFile;
     FirmwareUpload m_firmware{m_link};
-    std::atomic<PRINT_STATE_E> m_nState{PRINT_STATE_IDLE};
-    std::unique_ptr<JobThread> m_thread;
+    std::unique_ptr<SelfStoppingThread> m_thread;
+    PrintJob m_job;
 };

@@ -1,22 +1,23 @@
-// The thread of a print job, which can also stop itself.
+// A thread whose body can also stop it: the one that carries out print jobs.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 #include "Thread.h"
 
 /**
- * The thread "printservice". Its body may request a stop and run to the end of its call; a start
- * that comes after that takes the wish back.
+ * The body may request a stop and still run to the end of its call; a start that comes after the
+ * request takes it back.
  */
-class JobThread
+class SelfStoppingThread
 {
 public:
     /** The thread waits for start(). @param pBody  called again and again while it runs */
     template <class C>
-    JobThread(int (C::*pBody)(), C* pObject)
-        : m_thread(pBody, pObject, "printservice", 0, 0, 0, true)
+    SelfStoppingThread(int (C::*pBody)(), C* pObject, const std::string& strName)
+        : m_thread(pBody, pObject, strName, 0, 0, 0, true)
     {
     }
 

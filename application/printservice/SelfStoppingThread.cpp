@@ -1,10 +1,10 @@
-// The thread of a print job, which can also stop itself.
-#include "JobThread.h"
+// A thread whose body can also stop it: the one that carries out print jobs.
+#include "SelfStoppingThread.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>
 
-void JobThread::start()
+void SelfStoppingThread::start()
 {
     STOP_WISH_E eWish = STOP_WISH_ASKED;
     if (!m_nStopWish.compare_exchange_strong(eWish, STOP_WISH_NONE) && STOP_WISH_PARKING == eWish) {
@@ -13,7 +13,7 @@ void JobThread::start()
     m_thread.start();
 }
 
-void JobThread::stop()
+void SelfStoppingThread::stop()
 {
     if (static_cast<int32_t>(syscall(SYS_gettid)) == m_thread.getTid()) {
         askToStop();
@@ -22,12 +22,12 @@ void JobThread::stop()
     }
 }
 
-void JobThread::askToStop()
+void SelfStoppingThread::askToStop()
 {
     m_nStopWish = STOP_WISH_ASKED;
 }
 
-void JobThread::parkIfAsked()
+void SelfStoppingThread::parkIfAsked()
 {
     STOP_WISH_E eAsked = STOP_WISH_ASKED;
     if (m_nStopWish.compare_exchange_strong(eAsked, STOP_WISH_PARKING)) {
