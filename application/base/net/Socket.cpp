@@ -64,50 +64,49 @@ int Socket::connect(const sockaddr_in& address)
     return 0;
 }
 
-int Socket::getLocalSockAddr(sockaddr_in& address)
+int Socket::getAddress(int (*pCall)(int, sockaddr*, socklen_t*), sockaddr_in& address, int nLine,
+                       const char* pOperation) const
 {
     if (!isValid()) {
         return -1;
     }
     socklen_t uLength = sizeof(address);
-    if (0 != getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &uLength)) {
-        return report(errno, __LINE__, "getLocalSockAddr");
+    if (0 != pCall(m_fd, reinterpret_cast<sockaddr*>(&address), &uLength)) {
+        return report(errno, nLine, pOperation);
     }
     return 0;
+}
+
+int Socket::getLocalSockAddr(sockaddr_in& address)
+{
+    return getAddress(&getsockname, address, __LINE__, "getLocalSockAddr");
 }
 
 int Socket::getRemoteSockAddr(sockaddr_in& address)
 {
-    if (!isValid()) {
-        return -1;
+    return getAddress(&getpeername, address, __LINE__, "getRemoteSockAddr");
+}
+
+/** What a call has got as text, empty when it failed. @return the call's result */
+static int writeAddress(int nResult, const sockaddr_in& raw, SocketAddress& address)
+{
+    address = SocketAddress();
+    if (0 == nResult) {
+        Socket::fromSockAddr(raw, address);
     }
-    socklen_t uLength = sizeof(address);
-    if (0 != getpeername(m_fd, reinterpret_cast<sockaddr*>(&address), &uLength)) {
-        return report(errno, __LINE__, "getRemoteSockAddr");
-    }
-    return 0;
+    return nResult;
 }
 
 int Socket::getLocalSockAddr(SocketAddress& address)
 {
-    address = SocketAddress();
     sockaddr_in raw{};
-    if (0 != getLocalSockAddr(raw)) {
-        return -1;
-    }
-    fromSockAddr(raw, address);
-    return 0;
+    return writeAddress(getLocalSockAddr(raw), raw, address);
 }
 
 int Socket::getRemoteSockAddr(SocketAddress& address)
 {
-    address = SocketAddress();
     sockaddr_in raw{};
-    if (0 != getRemoteSockAddr(raw)) {
-        return -1;
-    }
-    fromSockAddr(raw, address);
-    return 0;
+    return writeAddress(getRemoteSockAddr(raw), raw, address);
 }
 
 int Socket::toSockAddr(const char* pIp, uint16_t u16Port, sockaddr_in& address)

@@ -76,18 +76,20 @@ public:
         return m_fd;
     }
 
-    /** @param pIp  dotted (inet_addr(3)); null for every local address */
+    /** @param pIp  dotted (inet_addr(3)); null means every local address */
     int bind(const char* pIp, uint16_t u16Port);
 
     /**
-     * -1, unlogged, also for a text that is no address; a non-blocking connect in progress is -1
+     * @return -1, unlogged, also when the text is no address; a non-blocking connect that is in
+     *         progress is a failure (EINPROGRESS)
      */
     int connect(const char* pIp, uint16_t u16Port);
     int connect(const sockaddr_in& address);
 
+    /** getsockname(2) and getpeername(2). */
     int getLocalSockAddr(sockaddr_in& address);
     int getRemoteSockAddr(sockaddr_in& address);
-    /** As text; empty after a failure. */
+    /** The same as text, empty after a failure. */
     int getLocalSockAddr(SocketAddress& address);
     int getRemoteSockAddr(SocketAddress& address);
 
@@ -105,8 +107,10 @@ public:
     bool waitReadable(const Time& timeout) const;
     bool waitWritable(const Time& timeout) const;
 
+    /** Bind although earlier connections of the port still linger (SO_REUSEADDR). */
     int setOptReuseAddr(bool bReuse);
     int getOptReuseAddr(bool& bReuse);
+    /** How long close() waits for unsent data (SO_LINGER); off, it does not wait. */
     int setOptLinger(bool bOnOff, int32_t nSeconds);
     int getOptLinger(bool& bOnOff, int32_t& nSeconds);
     /** Deliberate: the option length is 4, so Linux refuses every value with EINVAL. */
@@ -121,14 +125,16 @@ public:
     virtual int setOptSndBuf(int32_t nSize);
     int getOptSndBuf(int32_t& nSize);
     int getOptRcvBuf(int32_t& nSize);
+    /** Hops that a packet may make, 1 to 255 (IP_TTL). */
     int setOptTTL(int32_t nTTL);
     int getOptTTL(int32_t& nTTL);
     /**
-     * @param pValues  seconds idle before the first probe, seconds between probes, probes; three
-     * values, not looked at when switching off. Stops at the first failure.
+     * Have the kernel probe a silent peer (SO_KEEPALIVE). Stops at the first failure.
+     * @param pValues  three values: seconds idle before the first probe, seconds between probes,
+     *                 number of probes; not read when switching off
      */
     int setOptKeepAlive(bool bOn, const int32_t* pValues);
-    /** Failures unlogged. */
+    /** Whether calls wait (O_NONBLOCK cleared); the only options whose failures are not logged. */
     int setOptBlock(bool bBlock);
     int getOptBlock(bool& bBlock);
 
@@ -182,6 +188,8 @@ protected:
     int m_fd = -1; // -1: none
 
 private:
+    int getAddress(int (*pCall)(int, sockaddr*, socklen_t*), sockaddr_in& address, int nLine,
+                   const char* pOperation) const;
     int finishWrite(ssize_t nSent, int nErrno, bool bEmpty, int& nDone, int nLine);
     static int report(int nErrno, int nLine, const char* pOperation);
     static int finish(int nResult, int nLine, const char* pOperation);
