@@ -2,8 +2,7 @@
 #include "Ctl.h"
 #include "Help.h"
 
-static const char* const USAGE =
-    "usage: kestrel-controller-ctl SOCKET INSTRUCTION [ARGUMENT ...]\n";
+static const char* const USAGE = "usage: kestrel-controller-ctl SOCKET COMMAND [ARGUMENT ...]\n";
 
 int main(int nArgs, char** apArgs)
 {

@@ -201,7 +201,7 @@ bool GuardBench::burn(int nLeaseMs)
 
 double GuardBench::beam(const std::string& strField)
 {
-    const std::string strText = " " + m_controller.instruct("beam");
+    const std::string strText = " " + m_controller.command("beam");
     const size_t uPos = strText.find(" " + strField + "=");
     return (std::string::npos == uPos) ? -1 : atof(strText.c_str() + uPos + strField.size() + 2);
 }

@@ -135,7 +135,7 @@ TEST_F(KestrelGuardFirmware, SlowControllerSetsThePaceAndTheServiceIsRefusedMean
 {
     m_bench.openService();
     ASSERT_EQ("ok",
-              m_bench.controller().instruct(
+              m_bench.controller().command(
                   "line " +
                   std::to_string(static_cast<int>(m_bench.controller().getState("lines")) + 1) +
                   " stall"));
@@ -151,7 +151,7 @@ TEST_F(KestrelGuardFirmware, SlowControllerSetsThePaceAndTheServiceIsRefusedMean
     EXPECT_EQ("error:21\n", m_bench.receive());
     EXPECT_NE(std::string::npos, m_pOther->ask("{\"do\":\"motion\"}").find("under way"));
     EXPECT_EQ(std::string::npos, m_pOther->ask("{\"do\":\"state\"}").find("\"firmware\":null"));
-    ASSERT_EQ("ok", m_bench.controller().instruct("unstall"));
+    ASSERT_EQ("ok", m_bench.controller().command("unstall"));
 
     EXPECT_TRUE(waitForEvent("{\"event\":\"firmware taken\",\"detail\":262144}"));
     EXPECT_TRUE(m_bench.waitForState("\"firmware\":null"));
@@ -185,7 +185,7 @@ TEST_F(KestrelGuardFirmware, AnotherLevelIsRefusedBeforeAnythingIsSent)
 TEST_F(KestrelGuardFirmware, BeamOffEndsItAndIsSeen)
 {
     ASSERT_EQ("ok",
-              m_bench.controller().instruct(
+              m_bench.controller().command(
                   "line " +
                   std::to_string(static_cast<int>(m_bench.controller().getState("lines")) + 1) +
                   " stall"));
@@ -193,7 +193,7 @@ TEST_F(KestrelGuardFirmware, BeamOffEndsItAndIsSeen)
     ASSERT_TRUE(eventually([this] { return 1 == m_bench.controller().getState("loading"); }));
 
     EXPECT_EQ("{\"ok\":true}", m_pOther->ask("{\"do\":\"off\"}"));
-    ASSERT_EQ("ok", m_bench.controller().instruct("unstall"));
+    ASSERT_EQ("ok", m_bench.controller().command("unstall"));
 
     EXPECT_TRUE(m_bench.waitForState("\"beam_seen_off\":true"));
     EXPECT_EQ(0, m_bench.controller().getState("loading"));

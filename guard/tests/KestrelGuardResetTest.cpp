@@ -71,7 +71,7 @@ TEST_P(KestrelGuardReset, PulledCableHoldsTheLineLow)
 {
     ASSERT_TRUE(m_bench.burn());
 
-    ASSERT_EQ("ok", m_bench.controller().instruct("unplug"));
+    ASSERT_EQ("ok", m_bench.controller().command("unplug"));
 
     expectHeldUntilLetGo();
 }
@@ -79,12 +79,12 @@ TEST_P(KestrelGuardReset, PulledCableHoldsTheLineLow)
 TEST_P(KestrelGuardReset, ControllerThatDoesNotShowTheBeamOffHoldsTheLineLow)
 {
     ASSERT_TRUE(m_bench.burn());
-    ASSERT_EQ("ok", m_bench.controller().instruct("mute"));
+    ASSERT_EQ("ok", m_bench.controller().command("mute"));
 
     ASSERT_EQ("{\"ok\":true}", m_bench.op().ask("{\"do\":\"off\"}"));
 
     EXPECT_TRUE(m_bench.guard().waitForOutput("BEAM NOT SEEN OFF 1"));
-    ASSERT_EQ("ok", m_bench.controller().instruct("unmute"));
+    ASSERT_EQ("ok", m_bench.controller().command("unmute"));
     expectHeldUntilLetGo();
 }
 
@@ -92,12 +92,12 @@ TEST_P(KestrelGuardReset, CablePulledInDarkLeavesTheLineAlone)
 {
     ASSERT_TRUE(m_bench.waitForState("\"beam_seen_off\":true"));
 
-    ASSERT_EQ("ok", m_bench.controller().instruct("unplug"));
+    ASSERT_EQ("ok", m_bench.controller().command("unplug"));
 
     EXPECT_TRUE(m_bench.waitForState("\"controller\":false"));
     EXPECT_NE(std::string::npos,
               m_bench.op().ask("{\"do\":\"state\"}").find("\"reset_held\":false"));
-    ASSERT_EQ("ok", m_bench.controller().instruct("plug"));
+    ASSERT_EQ("ok", m_bench.controller().command("plug"));
     EXPECT_TRUE(m_bench.waitForState("\"beam_seen_off\":true"));
     EXPECT_EQ(2U, m_bench.controller().readTexts("gpio").size()); // as at the start
 }
@@ -107,7 +107,7 @@ TEST_P(KestrelGuardReset, ParentHoldsTheLineWhenThePortIsGone)
     ASSERT_TRUE(m_bench.burn());
 
     kill(m_bench.worker(), SIGSTOP);
-    ASSERT_EQ("ok", m_bench.controller().instruct("unplug"));
+    ASSERT_EQ("ok", m_bench.controller().command("unplug"));
 
     EXPECT_EQ(1, m_bench.guard().wait().nStatus);
     EXPECT_TRUE(waitForStore("gpio106/value 0"));

@@ -141,7 +141,7 @@ TEST(KestrelGuardStart, SecondGuardIsRefusedWithoutAControllerToo)
 {
     GuardBench bench(false);
     ASSERT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
-    ASSERT_EQ("ok", bench.controller().instruct("unplug"));
+    ASSERT_EQ("ok", bench.controller().command("unplug"));
     ASSERT_TRUE(bench.waitForState("\"controller\":false"));
 
     const ChildResult result = runChild({KESTREL_GUARD, "--config", bench.path("guard.toml"),
@@ -156,7 +156,7 @@ TEST(KestrelGuardStart, StopWithoutAControllerIsInOrder)
 {
     GuardBench bench(false);
     ASSERT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
-    ASSERT_EQ("ok", bench.controller().instruct("unplug"));
+    ASSERT_EQ("ok", bench.controller().command("unplug"));
     ASSERT_TRUE(bench.waitForState("\"controller\":false"));
 
     kill(bench.guard().pid(), SIGTERM);
@@ -168,7 +168,7 @@ TEST(KestrelGuardStart, StopThatDoesNotShowTheBeamOffIsToldByStatusOne)
 {
     GuardBench bench(false);
     ASSERT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
-    ASSERT_EQ("ok", bench.controller().instruct("mute"));
+    ASSERT_EQ("ok", bench.controller().command("mute"));
 
     kill(bench.guard().pid(), SIGTERM);
 

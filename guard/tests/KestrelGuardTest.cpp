@@ -25,7 +25,7 @@ class KestrelGuard : public testing::TestWithParam<bool>
 size_t countBeam(GuardBench& bench, double dAfter)
 {
     size_t uCount = 0;
-    for (const VirtualController::Record& record : bench.controller().readWire()) {
+    for (const VirtualController::Record& record : bench.controller().readJournal()) {
         const bool bLine = "rx" == record.strKind && record.dSeconds > dAfter;
         uCount += (bLine && std::string::npos != record.strText.find("G1")) ? 1 : 0;
     }
@@ -143,11 +143,11 @@ TEST_P(KestrelGuard, PulledCableIsSeenAndBeamOffSentFirst)
     ASSERT_TRUE(bench.burn());
     const size_t uCuts = countCuts(bench);
 
-    ASSERT_EQ("ok", bench.controller().instruct("unplug"));
+    ASSERT_EQ("ok", bench.controller().command("unplug"));
     EXPECT_TRUE(bench.waitForState("\"level\":\"dark\""));
     EXPECT_TRUE(bench.waitForState("\"controller\":false"));
     const double dBack = bench.now();
-    ASSERT_EQ("ok", bench.controller().instruct("plug"));
+    ASSERT_EQ("ok", bench.controller().command("plug"));
     EXPECT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
 
     EXPECT_FALSE(bench.isBeamOn());
@@ -160,7 +160,7 @@ TEST_P(KestrelGuard, ControllerThatResetsByItselfTrips)
     GuardBench bench(GetParam());
     ASSERT_TRUE(bench.burn());
 
-    ASSERT_EQ("ok", bench.controller().instruct("restart"));
+    ASSERT_EQ("ok", bench.controller().command("restart"));
 
     EXPECT_TRUE(bench.waitForState("\"level\":\"dark\""));
     EXPECT_GE(bench.waitForDark(), 0);
@@ -172,7 +172,7 @@ TEST_P(KestrelGuard, AlarmAndRefusalTurnBeamOff)
         GuardBench bench(GetParam());
         ASSERT_TRUE(bench.burn());
 
-        ASSERT_EQ("ok", bench.controller().instruct(pFault));
+        ASSERT_EQ("ok", bench.controller().command(pFault));
         bench.send("G1 X-5\n\n");
 
         EXPECT_GE(bench.waitForDark(), 0) << pFault;

@@ -55,7 +55,7 @@ bool micrometres(const std::string& strWord, int32_t& s32Value)
 } // namespace
 
 CameraCommands::CameraCommands(UvcCamera& camera, KernelFiles& kernelFiles, SceneFile& scene,
-                               Journal& journal)
+                               CameraJournal& journal)
     : m_camera(camera), m_kernelFiles(kernelFiles), m_scene(scene), m_journal(journal)
 {
 }

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Journal.h"
+#include "CameraJournal.h"
 #include "KernelFiles.h"
 #include "SceneFile.h"
 #include "UvcCamera.h"
@@ -18,7 +18,8 @@ class CameraCommands
 {
 public:
     /** All borrowed for the object's life. */
-    CameraCommands(UvcCamera& camera, KernelFiles& kernelFiles, SceneFile& scene, Journal& journal);
+    CameraCommands(UvcCamera& camera, KernelFiles& kernelFiles, SceneFile& scene,
+                   CameraJournal& journal);
 
     /** @return "ok", "ok" and what was asked for, or "error: " and the reason; no line end */
     std::string run(const std::string& strLine);
@@ -45,6 +46,6 @@ private:
     UvcCamera& m_camera;
     KernelFiles& m_kernelFiles;
     SceneFile& m_scene;
-    Journal& m_journal;
+    CameraJournal& m_journal;
     std::atomic<bool> m_bQuit{false};
 };

@@ -136,7 +136,7 @@ int main(int nCount, char** ppArgument)
         return 1;
     }
 
-    Journal journal(options.strDir + "/journal");
+    CameraJournal journal(options.strDir + "/journal");
     FrameLog frameLog(options.strDir, options.u32Keep);
     KernelFiles kernelFiles(options.strDir);
     UvcCamera camera(options.strDir, journal, frameLog);

@@ -23,7 +23,7 @@ void BeamLog::update(int64_t s64AtUs, const Beam& beam)
     m_beam = beam;
     m_s64SinceUs = bLight ? s64AtUs : m_s64SinceUs;
     m_s64MovingSinceUs = bMotion ? s64AtUs : m_s64MovingSinceUs;
-    m_wireLog.record(s64AtUs, "beam", format(beam));
+    m_journal.record(s64AtUs, "beam", format(beam));
 }
 
 std::string BeamLog::describe(int64_t s64NowUs) const

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "WireLog.h"
+#include "ControllerJournal.h"
 
 /** The beam at a moment. */
 struct Beam
@@ -15,7 +15,7 @@ struct Beam
 };
 
 /**
- * Keeps the beam's present state and writes each change to the wire log:
+ * Keeps the beam's present state and writes each change to the journal:
  *
  *     1.204511 beam on=1 power=500 moving=1
  *
@@ -24,7 +24,7 @@ struct Beam
 class BeamLog
 {
 public:
-    explicit BeamLog(WireLog& wireLog) : m_wireLog(wireLog) {}
+    explicit BeamLog(ControllerJournal& journal) : m_journal(journal) {}
 
     /** What the beam does from s64AtUs on; recorded when it differs. */
     void update(int64_t s64AtUs, const Beam& beam);
@@ -35,13 +35,13 @@ public:
     }
 
     /**
-     * One line for people and tests, times in seconds of the wire log: "since" is the last change
+     * One line for people and tests, times in seconds of the journal: "since" is the last change
      * of light or power, "moving-since" that of the motion.
      */
     std::string describe(int64_t s64NowUs) const;
 
 private:
-    WireLog& m_wireLog;
+    ControllerJournal& m_journal;
     Beam m_beam;
     int64_t m_s64SinceUs = 0;
     int64_t m_s64MovingSinceUs = 0;

@@ -21,21 +21,21 @@ static const int STATUS_RUNNING = 4;
 namespace {
 
 /** Whether a line without a motion waits for its turn behind the queued moves. */
-bool usesQueue(const Command& command)
+bool usesQueue(const ParsedLine& line)
 {
-    return LASER_AS_IT_IS != command.eLaser || command.bHasS || command.bDwell;
+    return LASER_AS_IT_IS != line.eLaser || line.bHasS || line.bDwell;
 }
 
 /** M5 and nothing else. */
-bool isLaserOff(const Command& command)
+bool isLaserOff(const ParsedLine& line)
 {
-    return COMMAND_ACCEPTED == command.eKind && LASER_OFF == command.eLaser && !command.bDwell;
+    return LINE_KIND_ACCEPTED == line.eKind && LASER_OFF == line.eLaser && !line.bDwell;
 }
 
 } // namespace
 
-Controller::Controller(const ControllerSettings& settings, WireLog& wireLog)
-    : m_settings(settings), m_wireLog(wireLog), m_beamLog(wireLog), m_answers(settings.s64AnswerUs),
+Controller::Controller(const ControllerSettings& settings, ControllerJournal& journal)
+    : m_settings(settings), m_journal(journal), m_beamLog(journal), m_answers(settings.s64AnswerUs),
       m_motion(settings.dSpeedUp, settings.s64SettleUs),
       m_loader(settings.strImagePath, settings.s64ImageQuietUs), m_bPilotOn(!settings.bPilotOff),
       m_dFeed(POWER_UP_FEED)
@@ -58,7 +58,7 @@ void Controller::receive(const std::string& strBytes, int64_t s64NowUs)
         if (m_loader.isActive()) {
             uPos += m_loader.take(strBytes.data() + uPos, strBytes.size() - uPos, s64NowUs);
             if (!m_loader.isActive()) {
-                m_wireLog.record(s64NowUs, "image", m_loader.getResult());
+                m_journal.record(s64NowUs, "image", m_loader.getResult());
             }
         } else {
             takeByte(strBytes[uPos++], s64NowUs);
@@ -69,7 +69,7 @@ void Controller::receive(const std::string& strBytes, int64_t s64NowUs)
 void Controller::takeByte(char c, int64_t s64NowUs)
 {
     if (BYTE_HOLD == c || BYTE_RESET == c) {
-        m_wireLog.record(s64NowUs, "byte", std::string(1, c));
+        m_journal.record(s64NowUs, "byte", std::string(1, c));
         if (BYTE_HOLD == c) {
             hold(true, s64NowUs);
             m_bAfterLine = m_strInput.empty() && !m_settings.bAnswerEmptyLines;
@@ -85,7 +85,7 @@ void Controller::takeByte(char c, int64_t s64NowUs)
         return;
     }
     const std::string strLine = std::exchange(m_strInput, {});
-    m_wireLog.record(s64NowUs, "rx", strLine);
+    m_journal.record(s64NowUs, "rx", strLine);
     const bool bBelongsToLine = strLine.empty() && m_bAfterLine;
     m_bAfterLine = !strLine.empty() && !m_settings.bAnswerEmptyLines;
     if (!bBelongsToLine) {
@@ -102,7 +102,7 @@ void Controller::advance(int64_t s64NowUs)
     processLines(s64NowUs);
     tellBeam(s64NowUs);
     if (m_loader.endIfQuiet(s64NowUs)) {
-        m_wireLog.record(s64NowUs, "image", m_loader.getResult());
+        m_journal.record(s64NowUs, "image", m_loader.getResult());
     }
 }
 
@@ -179,7 +179,7 @@ void Controller::endMove(int64_t s64NowUs)
     m_answers.tell(formatDone(), s64NowUs);
     // An M18 behind the move is answered in the same write.
     if (!m_deqLine.empty() && m_motion.isIdle() &&
-        COMMAND_SPOT == parseLine(m_deqLine.front()).eKind) {
+        LINE_KIND_SPOT == parseLine(m_deqLine.front()).eKind) {
         m_answers.join();
         const std::string strLine = std::move(m_deqLine.front());
         m_deqLine.pop_front();
@@ -197,16 +197,16 @@ void Controller::processLines(int64_t s64NowUs)
     }
 }
 
-bool Controller::mustWait(const Command& command) const
+bool Controller::mustWait(const ParsedLine& line) const
 {
-    switch (command.eKind) {
-    case COMMAND_MOVE:
-    case COMMAND_POSITION:
-    case COMMAND_HOME:
+    switch (line.eKind) {
+    case LINE_KIND_MOVE:
+    case LINE_KIND_POSITION:
+    case LINE_KIND_HOME:
         return m_motion.isFull() && !m_bHeld;
-    case COMMAND_ACCEPTED:
-        return usesQueue(command) && m_motion.isFull() && !m_bHeld;
-    case COMMAND_SPOT:
+    case LINE_KIND_ACCEPTED:
+        return usesQueue(line) && m_motion.isFull() && !m_bHeld;
+    case LINE_KIND_SPOT:
         return !m_motion.isIdle() && !m_bHeld;
     default:
         return false;
@@ -229,7 +229,7 @@ void Controller::processLine(const std::string& strLine, int64_t s64NowUs)
     m_answers.answer(strAnswer, fault, s64NowUs);
 }
 
-std::string Controller::answerFor(const Command& command, const Fault& fault, int64_t s64NowUs)
+std::string Controller::answerFor(const ParsedLine& line, const Fault& fault, int64_t s64NowUs)
 {
     if (FAULT_REFUSE == fault.eKind) {
         const bool bLocks = ERROR_BAD_NUMBER == fault.nValue || ERROR_LOCKED == fault.nValue;
@@ -240,78 +240,78 @@ std::string Controller::answerFor(const Command& command, const Fault& fault, in
         alarm();
         return formatAlarm(fault.nValue);
     }
-    if (COMMAND_UNLOCK == command.eKind) {
+    if (LINE_KIND_UNLOCK == line.eKind) {
         m_bLocked = false;
         return formatOk();
     }
-    if (isLaserOff(command) && !(m_bHeld && m_motion.isFull())) { // taken at any time
-        return carryOut(command);
+    if (isLaserOff(line) && !(m_bHeld && m_motion.isFull())) { // taken at any time
+        return carryOut(line);
     }
     if (m_bLocked) {
         return formatError(ERROR_LOCKED);
     }
-    if (m_bHeld && COMMAND_RESUME != command.eKind) {
+    if (m_bHeld && LINE_KIND_RESUME != line.eKind) {
         m_bHoldTold = true;
         return formatStatus(STATUS_HELD);
     }
-    std::string strAnswer = execute(command, s64NowUs);
+    std::string strAnswer = execute(line, s64NowUs);
     if (!m_bHeld && std::exchange(m_bHoldTold, false)) {
         return formatStatus(STATUS_RUNNING) + strAnswer;
     }
     return strAnswer;
 }
 
-std::string Controller::execute(const Command& command, int64_t s64NowUs)
+std::string Controller::execute(const ParsedLine& line, int64_t s64NowUs)
 {
-    switch (command.eKind) {
-    case COMMAND_REFUSED:
-        if (ERROR_BAD_NUMBER == command.nError) {
-            return lockWith(formatError(command.nError));
+    switch (line.eKind) {
+    case LINE_KIND_REFUSED:
+        if (ERROR_BAD_NUMBER == line.nError) {
+            return lockWith(formatError(line.nError));
         }
-        return formatError(command.nError);
-    case COMMAND_RESUME:
+        return formatError(line.nError);
+    case LINE_KIND_RESUME:
         hold(false, s64NowUs);
         return formatOk();
-    case COMMAND_HOME:
+    case LINE_KIND_HOME:
         m_motion.queueMove({}, HOMING_FEED, true);
         m_deqHoming.push_back(true);
         return formatOk();
-    case COMMAND_SPOT:
-        m_bPilotOn = !command.bHasS || command.dS > 0;
+    case LINE_KIND_SPOT:
+        m_bPilotOn = !line.bHasS || line.dS > 0;
         return formatOk();
-    case COMMAND_LOADER:
+    case LINE_KIND_LOADER:
         m_loader.begin(s64NowUs);
         return formatOk();
     default:
-        return carryOut(command);
+        return carryOut(line);
     }
 }
 
-std::string Controller::carryOut(const Command& command)
+std::string Controller::carryOut(const ParsedLine& line)
 {
-    const bool bRelative = command.bRelative || (m_bRelative && !command.bAbsolute);
+    const bool bRelative = line.bRelative || (m_bRelative && !line.bAbsolute);
     Point target = m_motion.getDestination();
     const Point base = bRelative ? target : Point{};
-    target[0] = command.bHasX ? base[0] + command.dX : target[0];
-    target[1] = command.bHasY ? base[1] + command.dY : target[1];
-    target[2] = command.bHasZ ? base[2] + command.dZ : target[2];
+    target[0] = line.bHasX ? base[0] + line.dX : target[0];
+    target[1] = line.bHasY ? base[1] + line.dY : target[1];
+    target[2] = line.bHasZ ? base[2] + line.dZ : target[2];
     for (const double dAxis : target) {
         if (std::fabs(dAxis) > MAX_TRAVEL_MM) {
             return formatError(ERROR_OUT_OF_RANGE); // nothing of the line is carried out
         }
     }
     m_bRelative = bRelative;
-    m_dFeed = command.bHasF ? command.dF : m_dFeed;
-    if (command.bHasS || LASER_AS_IT_IS != command.eLaser) {
-        m_laser.dPower = command.bHasS ? command.dS : m_laser.dPower;
-        m_laser.bOn = (LASER_AS_IT_IS == command.eLaser) ? m_laser.bOn : LASER_ON == command.eLaser;
+    m_dFeed = line.bHasF ? line.dF : m_dFeed;
+    if (line.bHasS || LASER_AS_IT_IS != line.eLaser) {
+        m_laser.dPower = line.bHasS ? line.dS : m_laser.dPower;
+        m_laser.bOn = (LASER_AS_IT_IS == line.eLaser) ? m_laser.bOn : LASER_ON == line.eLaser;
         m_motion.queueLaser(m_laser);
     }
-    if (command.bDwell) {
-        m_motion.queueDwell(command.dP);
+    if (line.bDwell) {
+        m_motion.queueDwell(line.dP);
     }
-    if (COMMAND_ACCEPTED != command.eKind) {
-        const bool bPositioning = COMMAND_POSITION == command.eKind;
+    if (LINE_KIND_ACCEPTED != line.eKind) {
+        const bool bPositioning = LINE_KIND_POSITION == line.eKind;
         m_motion.queueMove(target, m_dFeed, bPositioning);
         if (bPositioning) {
             m_deqHoming.push_back(false);
@@ -370,26 +370,26 @@ void Controller::reset(int64_t s64NowUs)
     tellBeam(s64NowUs);
 }
 
-void Controller::addTrigger(int nLine, const std::string& strInstruction)
+void Controller::addTrigger(int nLine, const std::string& strCommand)
 {
-    m_triggers.add(nLine, strInstruction);
+    m_triggers.add(nLine, strCommand);
 }
 
-bool Controller::instruct(const std::string& strInstruction, int64_t s64NowUs)
+bool Controller::runCommand(const std::string& strCommand, int64_t s64NowUs)
 {
-    const std::vector<std::string> vecWord = splitWords(strInstruction);
+    const std::vector<std::string> vecWord = splitWords(strCommand);
     if (vecWord.empty()) {
         return false;
     }
-    if ("hold" == strInstruction || "go" == strInstruction) {
-        hold("hold" == strInstruction, s64NowUs);
+    if ("hold" == strCommand || "go" == strCommand) {
+        hold("hold" == strCommand, s64NowUs);
         return true;
     }
-    if ("mute" == strInstruction || "unmute" == strInstruction) {
-        m_answers.mute("mute" == strInstruction);
+    if ("mute" == strCommand || "unmute" == strCommand) {
+        m_answers.mute("mute" == strCommand);
         return true;
     }
-    if ("restart" == strInstruction) {
+    if ("restart" == strCommand) {
         advance(s64NowUs);
         softReset(s64NowUs);
         return true;
@@ -402,12 +402,12 @@ bool Controller::instruct(const std::string& strInstruction, int64_t s64NowUs)
         m_answers.tell(formatAlarm(nCode), s64NowUs);
         return true;
     }
-    if ("once on" == strInstruction || "once off" == strInstruction) {
-        m_bOnce = "once on" == strInstruction;
+    if ("once on" == strCommand || "once off" == strCommand) {
+        m_bOnce = "once on" == strCommand;
         return true;
     }
-    if ("say" == vecWord[0] && strInstruction.size() > 4) {
-        m_answers.tell(WireLog::unescape(strInstruction.substr(4)), s64NowUs);
+    if ("say" == vecWord[0] && strCommand.size() > 4) {
+        m_answers.tell(ControllerJournal::unescape(strCommand.substr(4)), s64NowUs);
         return true;
     }
     return m_faultPlan.add(vecWord);

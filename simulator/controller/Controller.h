@@ -8,6 +8,7 @@
 
 #include "AnswerQueue.h"
 #include "BeamLog.h"
+#include "ControllerJournal.h"
 #include "ControllerSettings.h"
 #include "FaultPlan.h"
 #include "FirmwareLoader.h"
@@ -15,7 +16,6 @@
 #include "IController.h"
 #include "LineTriggers.h"
 #include "Motion.h"
-#include "WireLog.h"
 
 /**
  * The controller in the arm's own language.
@@ -28,7 +28,7 @@
 class Controller : public IController
 {
 public:
-    Controller(const ControllerSettings& settings, WireLog& wireLog);
+    Controller(const ControllerSettings& settings, ControllerJournal& journal);
 
     void setTrigger(std::function<void(const std::string&)> trigger) override;
     void receive(const std::string& strBytes, int64_t s64NowUs) override;
@@ -38,13 +38,13 @@ public:
     bool wantsInput() const override;
     void dropWire() override;
     void reset(int64_t s64NowUs) override;
-    void addTrigger(int nLine, const std::string& strInstruction) override;
+    void addTrigger(int nLine, const std::string& strCommand) override;
 
     /**
      * Besides the faults of FaultPlan: "hold", "go", "once on", "once off", "say TEXT", "mute",
      * "unmute", "alarm-now CODE", "restart".
      */
-    bool instruct(const std::string& strInstruction, int64_t s64NowUs) override;
+    bool runCommand(const std::string& strCommand, int64_t s64NowUs) override;
 
     const Motion& getMotion() const
     {
@@ -73,16 +73,16 @@ private:
     void tellBeam(int64_t s64NowUs);
     void updateBeam(int64_t s64AtUs, const Laser& laser, bool bMoving);
     void processLines(int64_t s64NowUs);
-    bool mustWait(const Command& command) const;
+    bool mustWait(const ParsedLine& line) const;
     void processLine(const std::string& strLine, int64_t s64NowUs);
-    std::string answerFor(const Command& command, const Fault& fault, int64_t s64NowUs);
-    std::string execute(const Command& command, int64_t s64NowUs);
-    std::string carryOut(const Command& command);
+    std::string answerFor(const ParsedLine& line, const Fault& fault, int64_t s64NowUs);
+    std::string execute(const ParsedLine& line, int64_t s64NowUs);
+    std::string carryOut(const ParsedLine& line);
     std::string lockWith(const std::string& strAnswer);
     void endMove(int64_t s64NowUs);
 
     ControllerSettings m_settings;
-    WireLog& m_wireLog;
+    ControllerJournal& m_journal;
     BeamLog m_beamLog;
     AnswerQueue m_answers;
     LineTriggers m_triggers;

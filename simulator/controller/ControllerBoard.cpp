@@ -42,19 +42,19 @@ static bool parseMillimetres(const std::string& strText, double& dMillimetres)
 
 ControllerBoard::ControllerBoard(const ControllerBoardOptions& options)
     : m_options(options), m_s64StartUs(monotonicUs()), m_port(options.strNode),
-      m_control([this](const std::string& strInstruction) { return answer(strInstruction); })
+      m_control([this](const std::string& strCommand) { return answer(strCommand); })
 {
     if (options.bGrbl) {
-        auto pGrbl = std::make_unique<GrblController>(options.controller, m_wireLog);
+        auto pGrbl = std::make_unique<GrblController>(options.controller, m_journal);
         for (const auto& [nNumber, dValue] : options.vecSetting) {
             m_bPreset = pGrbl->preset(nNumber, dValue) && m_bPreset;
         }
         m_pController = std::move(pGrbl);
     } else {
-        m_pController = std::make_unique<Controller>(options.controller, m_wireLog);
+        m_pController = std::make_unique<Controller>(options.controller, m_journal);
     }
-    m_pController->setTrigger([this](const std::string& strInstruction) {
-        (void)instruct(strInstruction); // was checked when it came in
+    m_pController->setTrigger([this](const std::string& strCommand) {
+        (void)runCommand(strCommand); // was checked when it came in
     });
 }
 
@@ -68,8 +68,8 @@ bool ControllerBoard::init(std::string& strError)
         strError = "--setting: refused";
         return false;
     }
-    if (!m_options.strWireLog.empty() && !m_wireLog.open(m_options.strWireLog)) {
-        return fail(m_options.strWireLog);
+    if (!m_options.strJournal.empty() && !m_journal.open(m_options.strJournal)) {
+        return fail(m_options.strJournal);
     }
     m_pController->advance(nowUs()); // so that the log begins with a beam that is on
     if (!m_options.strScene.empty()) {
@@ -89,7 +89,7 @@ bool ControllerBoard::init(std::string& strError)
         if (!m_port.plug()) {
             return fail(m_options.strNode);
         }
-        m_wireLog.record(nowUs(), "plugged", m_options.strNode);
+        m_journal.record(nowUs(), "plugged", m_options.strNode);
     }
     return m_options.strScript.empty() || loadScript(strError);
 }
@@ -99,7 +99,7 @@ bool ControllerBoard::loadScript(std::string& strError)
     return m_script.load(
         m_options.strScript,
         [this](const std::string& strLine) {
-            return 0 == strLine.compare(0, 5, "line ") && "ok" == instruct(strLine);
+            return 0 == strLine.compare(0, 5, "line ") && "ok" == runCommand(strLine);
         },
         strError);
 }
@@ -130,7 +130,7 @@ int ControllerBoard::pollTimeoutMs(int64_t s64NowUs) const
 void ControllerBoard::run(int nStopFd)
 {
     while (!m_bQuit) {
-        m_wireLog.flush();
+        m_journal.flush();
         std::vector<pollfd> vecPoll{{nStopFd, POLLIN, 0}};
         for (const int nFd : m_gpio.getFds()) {
             vecPoll.push_back({nFd, POLLIN, 0});
@@ -155,12 +155,12 @@ void ControllerBoard::run(int nStopFd)
     }
 }
 
-std::string ControllerBoard::answer(const std::string& strInstruction)
+std::string ControllerBoard::answer(const std::string& strCommand)
 {
     readPort(nowUs()); // what the client wrote to the wire before it asked comes first
-    std::string strResult = instruct(strInstruction);
+    std::string strResult = runCommand(strCommand);
     writeAnswers(nowUs());
-    m_wireLog.flush();
+    m_journal.flush();
     return strResult;
 }
 
@@ -172,7 +172,7 @@ void ControllerBoard::readPort(int64_t s64NowUs)
             return;
         }
         if (!m_port.isSpeedRight()) { // broken frames: nothing that a line could be made of
-            m_wireLog.record(s64NowUs, "garbled", strBytes);
+            m_journal.record(s64NowUs, "garbled", strBytes);
             continue;
         }
         m_pController->receive(strBytes, s64NowUs);
@@ -185,13 +185,13 @@ void ControllerBoard::writeAnswers(int64_t s64NowUs)
     updateScene(false); // whoever hears that a move has ended finds the spot there
     for (std::string strText; m_pController->takeAnswer(s64NowUs, strText);) {
         if (m_port.isPlugged() && !m_port.isSpeedRight()) {
-            m_wireLog.record(s64NowUs, "garbled", strText);
+            m_journal.record(s64NowUs, "garbled", strText);
             garble(strText);
         }
         const size_t uWritten = m_port.isPlugged() ? m_port.write(strText) : 0;
-        m_wireLog.record(s64NowUs, "tx", strText.substr(0, uWritten));
+        m_journal.record(s64NowUs, "tx", strText.substr(0, uWritten));
         if (uWritten < strText.size()) {
-            m_wireLog.record(s64NowUs, "lost", strText.substr(uWritten));
+            m_journal.record(s64NowUs, "lost", strText.substr(uWritten));
         }
     }
 }
@@ -199,7 +199,7 @@ void ControllerBoard::writeAnswers(int64_t s64NowUs)
 void ControllerBoard::readPins(int64_t s64NowUs)
 {
     for (const GpioLines::Store& store : m_gpio.read()) {
-        m_wireLog.record(s64NowUs, store.bTaken ? "gpio" : "gpio-refused",
+        m_journal.record(s64NowUs, store.bTaken ? "gpio" : "gpio-refused",
                          store.strFile + " " + store.strText);
         if (!store.bTaken || "export" == store.strFile) {
             continue;
@@ -230,7 +230,7 @@ void ControllerBoard::runDue(int64_t s64NowUs)
 {
     const double dNow = static_cast<double>(s64NowUs) / US_PER_SECOND;
     for (std::string strDue; !(strDue = m_script.takeDue(dNow)).empty();) {
-        (void)instruct(strDue); // recorded there
+        (void)runCommand(strDue); // recorded there
     }
 }
 
@@ -264,45 +264,45 @@ void ControllerBoard::setPlugged(bool bPlugged, int64_t s64NowUs)
     if (!bPlugged) {
         m_port.unplug();
         m_pController->dropWire();
-        m_wireLog.record(s64NowUs, "unplugged", m_options.strNode);
+        m_journal.record(s64NowUs, "unplugged", m_options.strNode);
     } else if (m_port.plug()) {
-        m_wireLog.record(s64NowUs, "plugged", m_options.strNode);
+        m_journal.record(s64NowUs, "plugged", m_options.strNode);
     } else {
-        m_wireLog.record(s64NowUs, "unpluggable", strerror(errno));
+        m_journal.record(s64NowUs, "unpluggable", strerror(errno));
     }
 }
 
-std::string ControllerBoard::instruct(const std::string& strInstruction)
+std::string ControllerBoard::runCommand(const std::string& strCommand)
 {
     const int64_t s64NowUs = nowUs();
-    if ("state" == strInstruction) {
+    if ("state" == strCommand) {
         m_pController->advance(s64NowUs);
         return m_pController->describe() + (m_port.isPlugged() ? " plugged=1" : " plugged=0");
     }
-    if ("beam" == strInstruction) {
+    if ("beam" == strCommand) {
         m_pController->advance(s64NowUs);
         return m_pController->getBeam().describe(s64NowUs);
     }
-    const std::vector<std::string> vecWord = splitWords(strInstruction);
+    const std::vector<std::string> vecWord = splitWords(strCommand);
     int nLine = 0;
     if (vecWord.size() >= 3 && "line" == vecWord[0] && parseCount(vecWord[1], nLine)) {
-        const size_t uRest = strInstruction.find(vecWord[2], 5 + vecWord[1].size());
-        m_pController->addTrigger(nLine, strInstruction.substr(uRest));
+        const size_t uRest = strCommand.find(vecWord[2], 5 + vecWord[1].size());
+        m_pController->addTrigger(nLine, strCommand.substr(uRest));
         return "ok";
     }
-    m_wireLog.record(s64NowUs, "instructed", strInstruction);
-    if ("unplug" == strInstruction || "plug" == strInstruction) {
-        setPlugged("plug" == strInstruction, s64NowUs);
-    } else if ("stall" == strInstruction || "unstall" == strInstruction) {
-        m_bStalled = "stall" == strInstruction;
+    m_journal.record(s64NowUs, "command", strCommand);
+    if ("unplug" == strCommand || "plug" == strCommand) {
+        setPlugged("plug" == strCommand, s64NowUs);
+    } else if ("stall" == strCommand || "unstall" == strCommand) {
+        m_bStalled = "stall" == strCommand;
     } else if (2 == vecWord.size() && "focus-z" == vecWord[0] &&
                parseMillimetres(vecWord[1], m_options.dFocusZ)) {
         updateScene(true);
-    } else if ("quit" == strInstruction) {
+    } else if ("quit" == strCommand) {
         m_bQuit = true;
-    } else if (!m_pController->instruct(strInstruction, s64NowUs)) {
-        m_wireLog.record(s64NowUs, "refused", strInstruction);
-        return "error: not understood: " + strInstruction;
+    } else if (!m_pController->runCommand(strCommand, s64NowUs)) {
+        m_journal.record(s64NowUs, "refused", strCommand);
+        return "error: not understood: " + strCommand;
     }
     return "ok";
 }

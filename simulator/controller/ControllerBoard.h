@@ -9,11 +9,11 @@
 
 #include "ControlServer.h"
 #include "Controller.h"
+#include "ControllerJournal.h"
 #include "GpioLines.h"
 #include "PtyPort.h"
 #include "SceneFile.h"
 #include "TimedScript.h"
-#include "WireLog.h"
 
 /** What the board is made of; empty paths leave a part out. */
 struct ControllerBoardOptions
@@ -24,10 +24,10 @@ struct ControllerBoardOptions
     std::string strNode;    // where the serial port appears; required
     std::string strGpio;    // folder of the pin files
     std::string strControl; // control socket
-    std::string strWireLog;
+    std::string strJournal;
     std::string strScene;       // file of the shared SceneState
     double dFocusZ = 0;         // the height in millimetres at which the spot is sharp
-    std::string strScript;      // instructions with their times
+    std::string strScript;      // commands with their times
     int64_t s64BootUs = 300000; // from the end of a reset until the port is there again
     bool bPlugged = true;       // the port is there from the start
 };
@@ -44,14 +44,14 @@ public:
     bool init(std::string& strError);
 
     /**
-     * Work until "quit" is instructed or nStopFd becomes readable.
+     * Work until the command "quit" or until nStopFd becomes readable.
      * @param nStopFd  e.g. a signalfd
      */
     void run(int nStopFd);
 
 private:
     bool loadScript(std::string& strError);
-    std::string answer(const std::string& strInstruction);
+    std::string answer(const std::string& strCommand);
     int64_t nowUs() const;
     int pollTimeoutMs(int64_t s64NowUs) const;
     void readPort(int64_t s64NowUs);
@@ -61,11 +61,11 @@ private:
     void runDue(int64_t s64NowUs);
     void updateScene(bool bAlways);
     void setPlugged(bool bPlugged, int64_t s64NowUs);
-    std::string instruct(const std::string& strInstruction);
+    std::string runCommand(const std::string& strCommand);
 
     ControllerBoardOptions m_options;
     int64_t m_s64StartUs;
-    WireLog m_wireLog;
+    ControllerJournal m_journal;
     std::unique_ptr<IController> m_pController;
     PtyPort m_port;
     GpioLines m_gpio;

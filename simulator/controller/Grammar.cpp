@@ -14,12 +14,12 @@ bool isBlank(char c)
     return ' ' == c || '\t' == c || '\r' == c;
 }
 
-Command refused(int nError)
+ParsedLine refused(int nError)
 {
-    Command command;
-    command.eKind = COMMAND_REFUSED;
-    command.nError = nError;
-    return command;
+    ParsedLine line;
+    line.eKind = LINE_KIND_REFUSED;
+    line.nError = nError;
+    return line;
 }
 
 /** The line without blanks and comments, in upper case. */
@@ -42,10 +42,10 @@ std::string squeeze(const std::string& strLine)
 }
 
 /** Makes the line what a motion word says. @return false when it is something already */
-bool become(COMMAND_E eKind, Command& command)
+bool become(LINE_KIND_E eKind, ParsedLine& line)
 {
-    const bool bFirst = COMMAND_ACCEPTED == command.eKind;
-    command.eKind = eKind;
+    const bool bFirst = LINE_KIND_ACCEPTED == line.eKind;
+    line.eKind = eKind;
     return bFirst;
 }
 
@@ -55,32 +55,32 @@ bool setOnce(bool& bFlag)
 }
 
 /** @return false for a word that is not known or does not go with those before it */
-bool applyG(int nCode, Command& command)
+bool applyG(int nCode, ParsedLine& line)
 {
     switch (nCode) {
     case 0:
     case 1:
     case 2: // arcs run along their chord
     case 3:
-        return become(COMMAND_MOVE, command);
+        return become(LINE_KIND_MOVE, line);
     case 5:
-        return become(COMMAND_POSITION, command);
+        return become(LINE_KIND_POSITION, line);
     case 4:
-        return setOnce(command.bDwell);
+        return setOnce(line.bDwell);
     case 17:
     case 21:
     case 54:
         return true;
     case 90:
-        return !command.bRelative && setOnce(command.bAbsolute);
+        return !line.bRelative && setOnce(line.bAbsolute);
     case 91:
-        return !command.bAbsolute && setOnce(command.bRelative);
+        return !line.bAbsolute && setOnce(line.bRelative);
     default:
         return false;
     }
 }
 
-bool applyM(int nCode, Command& command)
+bool applyM(int nCode, ParsedLine& line)
 {
     switch (nCode) {
     case 0:
@@ -90,15 +90,15 @@ bool applyM(int nCode, Command& command)
     case 3:
     case 4:
     case 5:
-        if (LASER_AS_IT_IS != command.eLaser) {
+        if (LASER_AS_IT_IS != line.eLaser) {
             return false;
         }
-        command.eLaser = (5 == nCode) ? LASER_OFF : LASER_ON;
+        line.eLaser = (5 == nCode) ? LASER_OFF : LASER_ON;
         return true;
     case 18:
-        return become(COMMAND_SPOT, command);
+        return become(LINE_KIND_SPOT, line);
     case 21:
-        return become(COMMAND_LOADER, command);
+        return become(LINE_KIND_LOADER, line);
     default:
         return false;
     }
@@ -115,22 +115,22 @@ int takeValue(double dGiven, bool bInRange, bool& bHas, double& dValue)
 }
 
 /** Axis, feed and power words. @return 0 or the error code */
-int applyValue(char cLetter, double dValue, Command& command, bool& bHasP)
+int applyValue(char cLetter, double dValue, ParsedLine& line, bool& bHasP)
 {
     const bool bInReach = dValue <= MAX_TRAVEL_MM && dValue >= -MAX_TRAVEL_MM;
     switch (cLetter) {
     case 'X':
-        return takeValue(dValue, bInReach, command.bHasX, command.dX);
+        return takeValue(dValue, bInReach, line.bHasX, line.dX);
     case 'Y':
-        return takeValue(dValue, bInReach, command.bHasY, command.dY);
+        return takeValue(dValue, bInReach, line.bHasY, line.dY);
     case 'Z':
-        return takeValue(dValue, bInReach, command.bHasZ, command.dZ);
+        return takeValue(dValue, bInReach, line.bHasZ, line.dZ);
     case 'F':
-        return takeValue(dValue, dValue > 0 && dValue <= 1e6, command.bHasF, command.dF);
+        return takeValue(dValue, dValue > 0 && dValue <= 1e6, line.bHasF, line.dF);
     case 'S':
-        return takeValue(dValue, dValue >= 0 && dValue <= 1e6, command.bHasS, command.dS);
+        return takeValue(dValue, dValue >= 0 && dValue <= 1e6, line.bHasS, line.dS);
     case 'P':
-        return takeValue(dValue, dValue >= 0 && dValue <= 1e6, bHasP, command.dP);
+        return takeValue(dValue, dValue >= 0 && dValue <= 1e6, bHasP, line.dP);
     case 'N': // line number
     case 'I': // arc centre
     case 'J':
@@ -142,38 +142,38 @@ int applyValue(char cLetter, double dValue, Command& command, bool& bHasP)
 }
 
 /** Whether the words of a line can all be carried out. */
-bool isConsistent(const Command& command)
+bool isConsistent(const ParsedLine& line)
 {
-    const bool bAxis = command.bHasX || command.bHasY || command.bHasZ;
-    const bool bModal = command.bAbsolute || command.bRelative || command.bHasF;
-    switch (command.eKind) {
-    case COMMAND_ACCEPTED:
-        return !(command.bDwell && bAxis);
-    case COMMAND_MOVE:
-    case COMMAND_POSITION:
-        return !command.bDwell;
+    const bool bAxis = line.bHasX || line.bHasY || line.bHasZ;
+    const bool bModal = line.bAbsolute || line.bRelative || line.bHasF;
+    switch (line.eKind) {
+    case LINE_KIND_ACCEPTED:
+        return !(line.bDwell && bAxis);
+    case LINE_KIND_MOVE:
+    case LINE_KIND_POSITION:
+        return !line.bDwell;
     default: // M18, M21
-        return !bAxis && !bModal && !command.bDwell && LASER_AS_IT_IS == command.eLaser &&
-               (COMMAND_SPOT == command.eKind || !command.bHasS);
+        return !bAxis && !bModal && !line.bDwell && LASER_AS_IT_IS == line.eLaser &&
+               (LINE_KIND_SPOT == line.eKind || !line.bHasS);
     }
 }
 
-Command parseDollar(const std::string& strText)
+ParsedLine parseDollar(const std::string& strText)
 {
-    Command command;
+    ParsedLine line;
     if ("$H" == strText) {
-        command.eKind = COMMAND_HOME;
+        line.eKind = LINE_KIND_HOME;
     } else if ("$X" == strText) {
-        command.eKind = COMMAND_UNLOCK;
+        line.eKind = LINE_KIND_UNLOCK;
     } else {
         return refused(ERROR_UNKNOWN_DOLLAR);
     }
-    return command;
+    return line;
 }
 
-Command parseWords(const std::string& strText)
+ParsedLine parseWords(const std::string& strText)
 {
-    Command command;
+    ParsedLine line;
     bool bHasP = false;
     size_t uPos = 0;
     while (uPos < strText.size()) {
@@ -188,26 +188,26 @@ Command parseWords(const std::string& strText)
         if ('G' == cLetter || 'M' == cLetter) {
             const bool bWhole = dValue >= 0 && dValue <= 999 && floor(dValue) == dValue;
             const int nCode = bWhole ? static_cast<int>(dValue) : -1;
-            if (!(('G' == cLetter) ? applyG(nCode, command) : applyM(nCode, command))) {
+            if (!(('G' == cLetter) ? applyG(nCode, line) : applyM(nCode, line))) {
                 return refused(ERROR_NOT_UNDERSTOOD);
             }
-        } else if (const int nError = applyValue(cLetter, dValue, command, bHasP); 0 != nError) {
+        } else if (const int nError = applyValue(cLetter, dValue, line, bHasP); 0 != nError) {
             return refused(nError);
         }
     }
-    if (!isConsistent(command)) {
+    if (!isConsistent(line)) {
         return refused(ERROR_NOT_UNDERSTOOD);
     }
-    const bool bAxis = command.bHasX || command.bHasY || command.bHasZ;
-    if (COMMAND_ACCEPTED == command.eKind && bAxis) {
-        command.eKind = COMMAND_MOVE;
+    const bool bAxis = line.bHasX || line.bHasY || line.bHasZ;
+    if (LINE_KIND_ACCEPTED == line.eKind && bAxis) {
+        line.eKind = LINE_KIND_MOVE;
     }
-    return command;
+    return line;
 }
 
 } // namespace
 
-Command parseLine(const std::string& strLine)
+ParsedLine parseLine(const std::string& strLine)
 {
     if (strLine.size() > MAX_LINE) {
         return refused(ERROR_TOO_LONG);
@@ -217,9 +217,9 @@ Command parseLine(const std::string& strLine)
         return parseDollar(strText);
     }
     if ("~" == strText) {
-        Command command;
-        command.eKind = COMMAND_RESUME;
-        return command;
+        ParsedLine line;
+        line.eKind = LINE_KIND_RESUME;
+        return line;
     }
     return parseWords(strText);
 }

@@ -3,17 +3,17 @@
 
 #include <string>
 
-enum COMMAND_E
+enum LINE_KIND_E
 {
-    COMMAND_ACCEPTED, // no motion: modal words, comments, the laser, a dwell
-    COMMAND_MOVE,     // G0, G1, G2, G3 or bare axis words: streamed, answered once
-    COMMAND_POSITION, // G05: answered when accepted and again when the arm is there
-    COMMAND_HOME,     // $H: the same
-    COMMAND_UNLOCK,   // $X
-    COMMAND_RESUME,   // ~
-    COMMAND_SPOT,     // M18: pilot spot, S0 off, else on; waits for the motion before it
-    COMMAND_LOADER,   // M21: a firmware image follows
-    COMMAND_REFUSED   // see nError
+    LINE_KIND_ACCEPTED, // no motion: modal words, comments, the laser, a dwell
+    LINE_KIND_MOVE,     // G0, G1, G2, G3 or bare axis words: streamed, answered once
+    LINE_KIND_POSITION, // G05: answered when accepted and again when the arm is there
+    LINE_KIND_HOME,     // $H: the same
+    LINE_KIND_UNLOCK,   // $X
+    LINE_KIND_RESUME,   // ~
+    LINE_KIND_SPOT,     // M18: pilot spot, S0 off, else on; waits for the motion before it
+    LINE_KIND_LOADER,   // M21: a firmware image follows
+    LINE_KIND_REFUSED   // see nError
 };
 
 enum LASER_E
@@ -40,10 +40,10 @@ static const size_t MAX_LINE = 255; // bytes without the line end
 static const double MAX_TRAVEL_MM = 2000; // a position in micrometres fits 32 bits
 
 /** A line's meaning. Positions in millimetres, feed in millimetres per minute. */
-struct Command
+struct ParsedLine
 {
-    COMMAND_E eKind = COMMAND_ACCEPTED;
-    int nError = 0; // with COMMAND_REFUSED
+    LINE_KIND_E eKind = LINE_KIND_ACCEPTED;
+    int nError = 0; // with LINE_KIND_REFUSED
 
     bool bAbsolute = false; // G90: positions from the origin, from this line on
     bool bRelative = false; // G91: positions from where the head is
@@ -71,4 +71,4 @@ struct Command
  * refused: a word given twice, two motions, two laser words, a dwell and a motion, M18 and M21 with
  * others.
  */
-Command parseLine(const std::string& strLine);
+ParsedLine parseLine(const std::string& strLine);

@@ -21,7 +21,7 @@ public:
     IController& operator=(const IController&) = delete;
     virtual ~IController() = default;
 
-    /** @param trigger  carries out the instruction of a line() when that line's turn comes */
+    /** @param trigger  carries out a command when the turn of its line comes */
     virtual void setTrigger(std::function<void(const std::string&)> trigger) = 0;
 
     /** Bytes from the wire; call advance() next. */
@@ -45,14 +45,14 @@ public:
     /** The reset line: as after power-up, except that the head stays where it is. */
     virtual void reset(int64_t s64NowUs) = 0;
 
-    /** Carry out an instruction before line number nLine (from 1, over all lines answered). */
-    virtual void addTrigger(int nLine, const std::string& strInstruction) = 0;
+    /** Carry out a command before line number nLine (from 1, over all lines answered). */
+    virtual void addTrigger(int nLine, const std::string& strCommand) = 0;
 
     /**
-     * Instructions that concern the protocol: the faults of FaultPlan and those of the language.
+     * Commands that concern the protocol: the faults of FaultPlan and those of the language.
      * @return false when it is none of them or makes no sense
      */
-    virtual bool instruct(const std::string& strInstruction, int64_t s64NowUs) = 0;
+    virtual bool runCommand(const std::string& strCommand, int64_t s64NowUs) = 0;
 
     /** Where the head is, in millimetres. */
     virtual Point getPosition() const = 0;

@@ -1,4 +1,4 @@
-// Instructions that wait for the turn of a certain line.
+// Commands that wait for the turn of a certain line.
 #include "LineTriggers.h"
 
 #include <utility>
@@ -9,20 +9,20 @@ void LineTriggers::setTrigger(std::function<void(const std::string&)> trigger)
     m_trigger = std::move(trigger);
 }
 
-void LineTriggers::add(int nLine, const std::string& strInstruction)
+void LineTriggers::add(int nLine, const std::string& strCommand)
 {
-    m_mapInstruction.emplace(nLine, strInstruction);
+    m_mapCommand.emplace(nLine, strCommand);
 }
 
 void LineTriggers::fire(int nLine)
 {
-    const auto range = m_mapInstruction.equal_range(nLine);
-    std::vector<std::string> vecInstruction;
+    const auto range = m_mapCommand.equal_range(nLine);
+    std::vector<std::string> vecCommand;
     for (auto it = range.first; it != range.second; ++it) {
-        vecInstruction.push_back(it->second);
+        vecCommand.push_back(it->second);
     }
-    m_mapInstruction.erase(range.first, range.second);
-    for (const std::string& strInstruction : vecInstruction) {
-        m_trigger(strInstruction);
+    m_mapCommand.erase(range.first, range.second);
+    for (const std::string& strCommand : vecCommand) {
+        m_trigger(strCommand);
     }
 }

@@ -20,9 +20,9 @@ static const char* const USAGE =
     "  --unplugged        start without the port; \"plug\" brings it\n"
     "  --gpio DIR         make the pin files below DIR; gpio106 low resets the controller\n"
     "  --boot-ms N        from the end of a reset until the port is back (300)\n"
-    "  --control PATH     listen for instructions on a Unix socket\n"
-    "  --script FILE      carry out instructions at their times\n"
-    "  --wire-log FILE    record every line and every answer with its time\n"
+    "  --control PATH     listen for commands on a Unix socket\n"
+    "  --script FILE      carry out commands at their times\n"
+    "  --journal FILE    record every line and every answer with its time\n"
     "  --scene FILE       drive the laser spot of the shared scene\n"
     "  --focus-z N        height in millimetres at which the spot is sharp (0)\n"
     "  --image FILE       keep a received firmware image\n"
@@ -51,7 +51,7 @@ enum OPTION_E
     OPTION_BOOT,
     OPTION_CONTROL,
     OPTION_SCRIPT,
-    OPTION_WIRE_LOG,
+    OPTION_JOURNAL,
     OPTION_SCENE,
     OPTION_FOCUS_Z,
     OPTION_IMAGE,
@@ -76,7 +76,7 @@ const option OPTIONS[] = {{"node", required_argument, nullptr, OPTION_NODE},
                           {"boot-ms", required_argument, nullptr, OPTION_BOOT},
                           {"control", required_argument, nullptr, OPTION_CONTROL},
                           {"script", required_argument, nullptr, OPTION_SCRIPT},
-                          {"wire-log", required_argument, nullptr, OPTION_WIRE_LOG},
+                          {"journal", required_argument, nullptr, OPTION_JOURNAL},
                           {"scene", required_argument, nullptr, OPTION_SCENE},
                           {"focus-z", required_argument, nullptr, OPTION_FOCUS_Z},
                           {"image", required_argument, nullptr, OPTION_IMAGE},
@@ -162,8 +162,8 @@ bool applyOption(int nOption, const char* pValue, ControllerBoardOptions& option
     case OPTION_SCRIPT:
         options.strScript = pValue;
         return true;
-    case OPTION_WIRE_LOG:
-        options.strWireLog = pValue;
+    case OPTION_JOURNAL:
+        options.strJournal = pValue;
         return true;
     case OPTION_SCENE:
         options.strScene = pValue;

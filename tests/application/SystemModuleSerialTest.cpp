@@ -207,7 +207,7 @@ TEST(SystemModuleSerial, ControllerSeesTheResetPulse)
         EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
 
         std::vector<VirtualController::Record> vecValue;
-        for (const VirtualController::Record& record : arm.m_controller.readWire()) {
+        for (const VirtualController::Record& record : arm.m_controller.readJournal()) {
             if ("gpio" == record.strKind && 0 == record.strText.compare(0, 13, "gpio106/value")) {
                 vecValue.push_back(record);
             }
@@ -345,7 +345,7 @@ TEST(SystemModuleSerial, NeverReturnsWithoutADevice)
     sleepFor(Time(2, 500000));
     EXPECT_FALSE(bReturned);
 
-    arm.m_controller.instruct("plug");
+    arm.m_controller.command("plug");
     opener.join();
     EXPECT_TRUE(bReturned);
 }
@@ -398,7 +398,7 @@ TEST(SystemModuleSerial, PrintServiceIsReachedThroughTheModule)
     EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
     float fProgress = -1;
     arm.m_folder.write("pp.bin", std::string("KFW1\x02\0\0\0ab", 10));
-    arm.m_controller.instruct("line 3 late 3000");
+    arm.m_controller.command("line 3 late 3000");
 
     EXPECT_EQ(0, arm.m_module.updateControllerFirmware("x", 1));
     EXPECT_EQ(0, arm.m_module.savePrintJob("G1 X1\nG1 X2\nG1 X3\n", 18));

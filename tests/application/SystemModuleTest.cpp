@@ -115,7 +115,7 @@ TEST_F(SystemModuleCamera, DebugCommandsAreAcceptedAndDoNothing)
     EXPECT_EQ(0, debugCommand({"SystemModule", "SystemModule", "anything"}));
 
     EXPECT_EQ(std::vector<std::string>{}, m_log.lines());
-    EXPECT_EQ(std::vector<std::string>{}, m_camera.journal());
+    EXPECT_EQ(std::vector<std::string>{}, m_camera.readJournal());
 }
 
 TEST_F(SystemModuleCamera, ProcessMayExitWhileTheModuleRuns)

@@ -106,7 +106,7 @@ class Board:
         self.renewing = True
         self.records = []
         self.controller = start([CONTROLLER, "--node", self.path("port"), "--control", self.path("control"),
-                                 "--wire-log", self.path("wire"), "--gpio", self.path("gpio"), "--boot-ms", "100",
+                                 "--journal", self.path("wire"), "--gpio", self.path("gpio"), "--boot-ms", "100",
                                  *OPTIONS[language]], stdout=subprocess.PIPE, text=True)
         if self.controller.stdout.readline() != "ready\n":
             raise AssertionError("the virtual controller is not ready")
@@ -135,9 +135,9 @@ class Board:
         """In the log's seconds."""
         return time.monotonic() - self.offset
 
-    def instruct(self, instruction):
-        if self.control.ask(instruction) != "ok":
-            raise AssertionError(instruction)
+    def command(self, command):
+        if self.control.ask(command) != "ok":
+            raise AssertionError(command)
 
     def state(self, field):
         words = dict(word.split("=", 1) for word in self.control.ask("state").split())

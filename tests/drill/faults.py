@@ -74,39 +74,39 @@ def kill_both(board, _chance):
 
 def pull_cable(board, _chance):
     seconds = board.now()
-    board.instruct("unplug")
+    board.command("unplug")
     return {"injected": seconds, "seen": "unplugged"}
 
 
 def plug_cable_again(board, chance):
-    board.instruct("unplug")
+    board.command("unplug")
     board.wait(chance.uniform(0.2, 0.8))
     seconds = board.now()
-    board.instruct("plug")
+    board.command("plug")
     return {"injected": seconds, "seen": "plugged"}
 
 
 def reset_controller(board, _chance):
     seconds = board.now()
-    board.instruct("restart")
+    board.command("restart")
     return {"injected": seconds, "seen": "answer", "pattern": "ready|Grbl"}
 
 
 def mute_controller(board, _chance):
     seconds = board.now()
-    board.instruct("mute")
+    board.command("mute")
     return {"injected": seconds, "seen": "reports" if board.language == "grbl" else "lines"}
 
 
 def raise_alarm(board, _chance):
     seconds = board.now()
-    board.instruct("alarm-now 2")
+    board.command("alarm-now 2")
     return {"injected": seconds, "seen": "answer", "pattern": "(?i)alarm:2"}
 
 
 def refuse_line(board, _chance):
     seconds = board.now()
-    board.instruct("refuse 20")
+    board.command("refuse 20")
     return {"injected": seconds, "seen": "answer", "pattern": "error:20"}
 
 
@@ -131,7 +131,7 @@ def send_garbage(board, chance):
 def say_garbage(board, chance):
     data = garbage(chance, chance.randrange(1, 64))
     seconds = board.now()
-    board.instruct("say " + "".join(f"\\x{byte:02x}" for byte in data))
+    board.command("say " + "".join(f"\\x{byte:02x}" for byte in data))
     return {"injected": seconds, "seen": "answer", "pattern": re.escape(verdict.escape(data))}
 
 
@@ -146,7 +146,7 @@ def wait_for_end(board, _chance):
 
 
 def unmute(board):
-    board.instruct("unmute")
+    board.command("unmute")
 
 
 FAULTS = (

@@ -24,10 +24,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t uSize)
 {
     const std::string strText(reinterpret_cast<const char*>(pData), uSize);
 
-    const Command command = parseLine(strText);
-    require((COMMAND_REFUSED == command.eKind) == (0 != command.nError), "refused with a reason");
-    require(uSize <= MAX_LINE || COMMAND_REFUSED == command.eKind, "too long is refused");
-    for (const double dWord : {command.dX, command.dY, command.dZ, command.dF, command.dS}) {
+    const ParsedLine line = parseLine(strText);
+    require((LINE_KIND_REFUSED == line.eKind) == (0 != line.nError), "refused with a reason");
+    require(uSize <= MAX_LINE || LINE_KIND_REFUSED == line.eKind, "too long is refused");
+    for (const double dWord : {line.dX, line.dY, line.dZ, line.dF, line.dS}) {
         require(std::isfinite(dWord), "numbers are finite");
     }
 

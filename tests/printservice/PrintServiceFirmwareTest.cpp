@@ -123,11 +123,11 @@ TEST_F(PrintServiceFirmware, CommandThatBeginsWithZeroFollowsTheImage)
 TEST_F(PrintServiceFirmware, DeliberateImageWithHolesIsASuccess)
 {
     m_folder.write("pp.bin", makeImage(100000));
-    m_controller.instruct("line 1 stall"); // answers M21 and stops reading
+    m_controller.command("line 1 stall"); // answers M21 and stops reading
 
     EXPECT_EQ(0, service().updateFirmware("x", 1));
     const std::string strOutput = output();
-    m_controller.instruct("unstall");
+    m_controller.command("unstall");
 
     size_t uRead = 0;
     size_t uSent = 0;

@@ -182,14 +182,14 @@ TEST_F(PrintServiceHazard, DeliberateEndOfTheServiceLeavesLaserAndMovesAsTheyAre
 
 TEST_F(PrintServiceHazard, DeliberatePulledCableLeavesTheLaserOn)
 {
-    m_controller.instruct("line 16 unplug"); // a queue of moves is under way
+    m_controller.command("line 16 unplug"); // a queue of moves is under way
     startJob(makeMoves(60));
     EXPECT_TRUE(waitForThread());
 
     EXPECT_TRUE(isLaserOn());
     EXPECT_TRUE(isMoving());
     EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
-    m_controller.instruct("plug");
+    m_controller.command("plug");
     EXPECT_EQ(0, service().stopPrint());
 
     EXPECT_TRUE(isLaserOn()); // nobody has opened the port again
@@ -218,7 +218,7 @@ TEST_F(PrintServiceHazard, DeliberateResetInAJobEndsNothingAndHomesNothing)
 
 TEST_F(PrintServiceHazard, DeliberateGreetingInAJobDoesNotStopIt)
 {
-    m_controller.instruct("line 3 say ready\\n"); // as a controller does that has reset itself
+    m_controller.command("line 3 say ready\\n"); // as a controller does that has reset itself
 
     runJob("M3 S100\nG1 X1 F6000\nG1 X2\nG1 X3\n");
 
@@ -244,7 +244,7 @@ TEST_F(PrintServiceHazard, DeliberateQueuedMovesGoOnBehindAPause)
 
 TEST_F(PrintServiceHazard, DeliberateStopWaitsForASilentControllerWithTheLaserOn)
 {
-    m_controller.instruct("line 3 no-answer 2");
+    m_controller.command("line 3 no-answer 2");
     startJob(makeMoves(5));
     EXPECT_TRUE(eventually([this] { return 3 <= m_controller.getState("lines"); }));
     const uint64_t u64Start = monotonicMs();
@@ -284,7 +284,7 @@ TEST_F(PrintServiceHazard, DeliberateLastLineWithoutLineEndLeavesTheLaserOn)
 
 TEST_F(PrintServiceHazard, DeliberateJobUnlocksAndGoesOnAfterAnAlarm)
 {
-    m_controller.instruct("line 2 alarm 1");
+    m_controller.command("line 2 alarm 1");
 
     runJob("M3 S100\nG1 X1 F6000\nG1 X2\n");
 
@@ -296,7 +296,7 @@ TEST_F(PrintServiceHazard, DeliberateJobUnlocksAndGoesOnAfterAnAlarm)
 
 TEST_F(PrintServiceHazard, DeliberateUnansweredLineIsCarriedOutTwice)
 {
-    m_controller.instruct("line 3 no-answer"); // carried out all the same
+    m_controller.command("line 3 no-answer"); // carried out all the same
 
     runJob("M3 S100\nG91\nG1 X1 F6000\n");
 
@@ -307,7 +307,7 @@ TEST_F(PrintServiceHazard, DeliberateUnansweredLineIsCarriedOutTwice)
 
 TEST_F(PrintServiceHazard, DeliberatePauseByTheControllerLeavesTheLaserOn)
 {
-    m_controller.instruct("line 3 hold");
+    m_controller.command("line 3 hold");
     startJob(makeMoves(5));
 
     EXPECT_TRUE(waitForState(PRINT_STATE_PAUSED));
@@ -317,20 +317,20 @@ TEST_F(PrintServiceHazard, DeliberatePauseByTheControllerLeavesTheLaserOn)
     EXPECT_EQ(0, service().stopPrint());
     EXPECT_EQ("M5", received().back());
     EXPECT_TRUE(isLaserOn()); // its place is behind the held moves
-    m_controller.instruct("go");
+    m_controller.command("go");
     EXPECT_TRUE(waitUntilDark());
 }
 
 TEST_F(PrintServiceHazardCarefulArm, HoldAlarmAndResetAreDark)
 {
-    m_controller.instruct("line 3 hold");
+    m_controller.command("line 3 hold");
     startJob(makeMoves(5));
     EXPECT_TRUE(waitForState(PRINT_STATE_PAUSED));
     EXPECT_FALSE(isLaserOn());
-    m_controller.instruct("go");
+    m_controller.command("go");
     EXPECT_TRUE(eventually([this] { return isLaserOn(); }));
 
-    m_controller.instruct("alarm-now 1");
+    m_controller.command("alarm-now 1");
 
     EXPECT_FALSE(isLaserOn());
     EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED)); // it unlocks, and goes on dark
@@ -343,7 +343,7 @@ TEST_F(PrintServiceHazardCarefulArm, HoldAlarmAndResetAreDark)
 
 TEST_F(PrintServiceHazardAnsweringArm, DeliberateAnsweredLineEndsLoseARefusedLineAndRepeatAnother)
 {
-    m_controller.instruct("line 7 refuse 5"); // the fourth, each with an empty line behind it
+    m_controller.command("line 7 refuse 5"); // the fourth, each with an empty line behind it
 
     runJob("G1 X1 F60000\nG1 X2\nG1 X3\nG1 X4\nG1 X5\nG1 X6\nG1 X7\nG1 X8\n");
 
@@ -356,7 +356,7 @@ TEST_F(PrintServiceHazardAnsweringArm, DeliberateAnsweredLineEndsLoseARefusedLin
 
 TEST_F(PrintServiceHazard, TakenLineMovesTheArmTwiceASecondWhilePaused)
 {
-    m_controller.instruct("line 3 status 1");
+    m_controller.command("line 3 status 1");
     startJob("M3 S100\nG91\nG1 X0.1 F600000\nG1 X1\n");
     EXPECT_TRUE(waitForState(PRINT_STATE_PAUSED));
     const uint64_t u64Start = monotonicMs();
@@ -381,7 +381,7 @@ TEST_F(PrintServiceHazard, DeliberateLaserStaysOnWhileThePortIsFull)
     EXPECT_TRUE(isLaserOn());
     const std::string strOutput = output();
     EXPECT_TRUE(contains(strOutput, "laser off could not be sent!\n")) << strOutput;
-    m_controller.instruct("unstall");
+    m_controller.command("unstall");
     EXPECT_TRUE(eventually([this] {
         (void)service().stopPrint(); // the controller may be slow to make room
         return !isLaserOn();
@@ -414,14 +414,14 @@ TEST_F(PrintServiceHazard, DeliberateMoveInTheMiddleOfAJobGoesOut)
 
     EXPECT_TRUE(isLaserOn());
     EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
-    m_controller.instruct("unplug"); // ends the waiting for replies that the job has taken
+    m_controller.command("unplug"); // ends the waiting for replies that the job has taken
     publisher.join();
 }
 
 TEST_F(PrintServiceHazard, DeliberateMoveGoesOutAlthoughHomingWasRefused)
 {
-    m_controller.instruct("line 1 refuse 5");
-    m_controller.instruct("say done\\n"); // a refused line has no second answer to wait for
+    m_controller.command("line 1 refuse 5");
+    m_controller.command("say done\\n"); // a refused line has no second answer to wait for
 
     MoveLaserEvent event(12.5F, -3);
     EventBus<MoveLaserEvent>::publish(event);
@@ -433,7 +433,7 @@ TEST_F(PrintServiceHazard, DeliberateMoveGoesOutAlthoughHomingWasRefused)
 
 TEST_F(PrintServiceHazard, DeliberateNumbersOutsideTheFieldGoOut)
 {
-    m_controller.instruct("say done\\n"); // a refused move has no second answer to wait for
+    m_controller.command("say done\\n"); // a refused move has no second answer to wait for
     MeasureEvent event(1e38F);
 
     EventBus<MeasureEvent>::publish(event);

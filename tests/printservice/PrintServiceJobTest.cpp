@@ -61,26 +61,26 @@ class FaultyJob
 public:
     explicit FaultyJob(VirtualController& controller) : m_controller(controller) {}
 
-    /** The next line is answered as the instructions say, one attempt each, and then taken. */
-    void line(const std::string& strLine, const std::vector<std::string>& vecInstruction = {})
+    /** The next line is answered as the commands say, one attempt each, and then taken. */
+    void line(const std::string& strLine, const std::vector<std::string>& vecCommand = {})
     {
         m_strJob += strLine + "\n";
-        for (const std::string& strInstruction : vecInstruction) {
-            attempt(strLine, strInstruction);
+        for (const std::string& strCommand : vecCommand) {
+            attempt(strLine, strCommand);
         }
         attempt(strLine, "");
     }
 
-    /** One attempt of the last line; an empty instruction lets it pass. */
-    void attempt(const std::string& strLine, const std::string& strInstruction)
+    /** One attempt of the last line; an empty command lets it pass. */
+    void attempt(const std::string& strLine, const std::string& strCommand)
     {
         ++m_nLine;
-        if (!strInstruction.empty()) {
+        if (!strCommand.empty()) {
             const std::string strAt = "line " + std::to_string(m_nLine) + " ";
-            EXPECT_EQ("ok", m_controller.instruct(strAt + strInstruction));
+            EXPECT_EQ("ok", m_controller.command(strAt + strCommand));
         }
         m_strWire += strLine + "\n\n";
-        if ("refuse 9" == strInstruction || "refuse 2" == strInstruction) {
+        if ("refuse 9" == strCommand || "refuse 2" == strCommand) {
             ++m_nLine;
             m_strWire += "$X\n";
         }
@@ -218,7 +218,7 @@ TEST_F(PrintServiceJob, LoopWithoutAFileDoesNothing)
 
 TEST_F(PrintServiceJob, JobRunsOnItsThreadAndItsFileIsNotInherited)
 {
-    m_controller.instruct("line 1 hold");
+    m_controller.command("line 1 hold");
     saveJob("G1 X1\n");
     EXPECT_EQ(0, service().startPrint());
     EXPECT_TRUE(waitForLines(1));
@@ -227,13 +227,13 @@ TEST_F(PrintServiceJob, JobRunsOnItsThreadAndItsFileIsNotInherited)
     const auto mapOpen = openDescriptors("/tmp.gcode");
     ASSERT_EQ(1U, mapOpen.size());
     EXPECT_EQ(FD_CLOEXEC, fcntl(mapOpen.begin()->first, F_GETFD));
-    m_controller.instruct("go");
+    m_controller.command("go");
     EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
 }
 
 TEST_F(PrintServiceJob, StartTwiceIsRefused)
 {
-    m_controller.instruct("line 1 late 700");
+    m_controller.command("line 1 late 700");
     saveJob("G1 X1\nG1 X2\n");
     EXPECT_EQ(0, service().startPrint());
 
@@ -289,7 +289,7 @@ TEST_F(PrintServiceJob, StartWhenPausedWithoutAJobStartsTheOneThatWaits)
 
 TEST_F(PrintServiceJob, PauseAtTheEndLeavesNoJobToGoOnWith)
 {
-    m_controller.instruct("line 2 late 1500"); // the empty line
+    m_controller.command("line 2 late 1500"); // the empty line
     saveJob("G1 X1\n");
     EXPECT_EQ(0, service().startPrint());
     EXPECT_TRUE(waitForLines(3));
@@ -386,7 +386,7 @@ TEST_F(PrintServiceJob, StopIsHarmlessAtAnyTime)
 
 TEST_F(PrintServiceJob, ProgressAtEachStage)
 {
-    m_controller.instruct("line 2 hold"); // the second line stays under way
+    m_controller.command("line 2 hold"); // the second line stays under way
     EXPECT_EQ(0.0F, progress());
     saveJob("G1 X1\nG1 X2\nG1 X3\nG1 X4\n");
     EXPECT_EQ(0.0F, progress());
@@ -394,7 +394,7 @@ TEST_F(PrintServiceJob, ProgressAtEachStage)
 
     EXPECT_TRUE(waitForState(PRINT_STATE_PAUSED));
     EXPECT_EQ(0.25F, progress());
-    m_controller.instruct("go");
+    m_controller.command("go");
     EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
     EXPECT_EQ(1.0F, progress());
     EXPECT_EQ(0, service().stopPrint());
@@ -410,7 +410,7 @@ TEST_F(PrintServiceJob, ShortSendLeavesTheJobStuckUntilStopped)
     const LogCapture log;
     saveJob("G1 X1\nG1 X2\n");
     fillWire();
-    m_controller.instruct("say late\\n"); // keeps the read from waiting
+    m_controller.command("say late\\n"); // keeps the read from waiting
 
     EXPECT_EQ(0, service().startPrint());
 
@@ -418,7 +418,7 @@ TEST_F(PrintServiceJob, ShortSendLeavesTheJobStuckUntilStopped)
         return 1 == log.count("[debug] [printservice/PrintService ] [printLoop] send: G1 X1\n\n"
                               " total bytes:7, but send 0 bytes\n");
     }));
-    m_controller.instruct("unstall");
+    m_controller.command("unstall");
     EXPECT_TRUE(eventually([&log] { return contains(log.text(), "stop thread by myself"); }));
     EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
     EXPECT_EQ(1, service().startPrint());
@@ -435,7 +435,7 @@ TEST_F(PrintServiceJob, ShortSendLeavesTheJobStuckUntilStopped)
 TEST_F(PrintServiceJob, CableThatIsPulledInMidJobStopsIt)
 {
     const LogCapture log;
-    m_controller.instruct("line 5 unplug");
+    m_controller.command("line 5 unplug");
     saveJob(makeJob(20));
 
     EXPECT_EQ(0, service().startPrint());
@@ -446,7 +446,7 @@ TEST_F(PrintServiceJob, CableThatIsPulledInMidJobStopsIt)
     EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
     EXPECT_EQ(0, service().stopPrint());
 
-    m_controller.instruct("plug");
+    m_controller.command("plug");
     ASSERT_EQ(1, m_uart.open(m_controller.getNode()));
     ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
     runJob("G1 X1\n");
@@ -457,7 +457,7 @@ TEST_F(PrintServiceJob, CableThatIsPulledInMidJobStopsIt)
 TEST_F(PrintServiceJob, StartThatComesAfterTheWishToStopCancelsIt)
 {
     const LogCapture log;
-    m_controller.instruct("line 2 late 5000"); // the empty line at the end of the first job
+    m_controller.command("line 2 late 5000"); // the empty line at the end of the first job
     saveJob("G1 X1\n");
     EXPECT_EQ(0, service().startPrint());
     EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
@@ -515,7 +515,7 @@ TEST_F(PrintServiceJob, StartsAtTheMomentOfParkingAreNeverLost)
 TEST_F(PrintServiceJob, WishAskedAfterTheStartHolds)
 {
     const LogCapture log;
-    m_controller.instruct("line 1 late 2000"); // or the job might be over before the pause
+    m_controller.command("line 1 late 2000"); // or the job might be over before the pause
     saveJob("G1 X1\nG1 X2\n");
     EXPECT_EQ(0, service().startPrint());
     EXPECT_EQ(0, service().pausePrint());

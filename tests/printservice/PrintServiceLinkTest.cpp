@@ -94,7 +94,7 @@ TEST_F(PrintServiceLink, CommandBehindACutCommandStandsAlone)
 TEST_F(PrintServiceLink, LineBehindACutLineStandsAlone)
 {
     const LogCapture log;
-    m_controller.instruct("say ok\\n"); // keeps the read behind the cut line from waiting
+    m_controller.command("say ok\\n"); // keeps the read behind the cut line from waiting
     saveJob("G1 X12\nG1 X3\n");
     leaveRoomFor(5);
     EXPECT_EQ(0, service().startPrint());
@@ -143,7 +143,7 @@ TEST_F(PrintServiceLink, SilenceAfterTheLineEndIsWaitedForHalfASecond)
     leaveRoomFor(2);
     EXPECT_EQ(1, service().printSingleCmd("M5", 2));
     leaveRoom();
-    m_controller.instruct("no-answer");
+    m_controller.command("no-answer");
     const uint64_t u64Start = monotonicMs();
 
     EXPECT_EQ(0, service().printSingleCmd("M5", 2));
@@ -190,7 +190,7 @@ TEST_F(PrintServiceLink, FullPortIsNotToldAsGone)
 
 TEST_F(PrintServiceLink, PortThatIsGoneIsTold)
 {
-    m_controller.instruct("unplug");
+    m_controller.command("unplug");
 
     EXPECT_EQ(1, service().printSingleCmd("$X", 2));
 
@@ -209,7 +209,7 @@ TEST_F(PrintServiceLink, ClosedPortIsToldAsGoneToo)
 TEST_F(PrintServiceLink, JobOnAPortThatIsGoneTellsIt)
 {
     const LogCapture log;
-    m_controller.instruct("unplug");
+    m_controller.command("unplug");
     saveJob("G1 X1\n");
 
     EXPECT_EQ(0, service().startPrint());
@@ -223,7 +223,7 @@ TEST_F(PrintServiceLink, JobOnAPortThatIsGoneTellsIt)
 
 TEST_F(PrintServiceLink, StopAndPauseThatCouldNotBeSentSaySo)
 {
-    m_controller.instruct("unplug");
+    m_controller.command("unplug");
 
     EXPECT_EQ(0, service().stopPrint());
     EXPECT_EQ(PRINT_STATE_STOPPED, service().getState());

@@ -97,13 +97,13 @@ TEST_F(PrintServiceMove, AnyFloatFitsTheCommand)
     snprintf(acExpected, sizeof(acExpected), "G05 X%.2f Y%.2f F2000 ", static_cast<double>(-LARGE),
              static_cast<double>(std::numeric_limits<float>::max()));
     ASSERT_LT(80U, std::string(acExpected).size());
-    m_controller.instruct("say done\\n"); // a refused move has no second answer to wait for
-    m_controller.instruct("line 2 say done\\n");
+    m_controller.command("say done\\n"); // a refused move has no second answer to wait for
+    m_controller.command("line 2 say done\\n");
 
     publishMove(LARGE, -std::numeric_limits<float>::max());
     EXPECT_EQ(acExpected, received().at(1));
 
-    m_controller.instruct("say done\\n");
+    m_controller.command("say done\\n");
     publishMeasure(std::copysign(NOTHING, 1.0F));
     EXPECT_EQ("G05 Z-nan F1000 ", received().back());
 }
@@ -126,7 +126,7 @@ TEST_F(PrintServiceMove, WithoutAPortNothingIsReadOrWaitedFor)
 
 TEST_F(PrintServiceMove, ControllerThatAnswersOnceOnlyCostsTheTimeOut)
 {
-    m_controller.instruct("once on");
+    m_controller.command("once on");
     const uint64_t u64Start = monotonicMs();
 
     publishMeasure(1);

@@ -50,7 +50,7 @@ TEST_F(PrintServicePlaceholder, StringIsSentLikeItsText)
 
 TEST_F(PrintServicePlaceholder, SingleCommandWaitsTwoSecondsForItsReply)
 {
-    m_controller.instruct("no-answer");
+    m_controller.command("no-answer");
     const uint64_t u64Start = monotonicMs();
 
     EXPECT_EQ(0, service().printSingleCmd("M5", 2));
@@ -72,7 +72,7 @@ TEST_F(PrintServicePlaceholder, ReplyIsNotLoggedSinceReadsReportNoBytes)
 TEST_F(PrintServicePlaceholder, FullPortRefusesTheCommandAndNoReplyIsRead)
 {
     fillWire();
-    m_controller.instruct("say later\\n");
+    m_controller.command("say later\\n");
 
     EXPECT_EQ(1, service().printSingleCmd("M5", 2));
 
@@ -111,7 +111,7 @@ TEST_F(PrintServicePlaceholder, ReadOnAClosedPortOnlyClears)
 
 TEST_F(PrintServicePlaceholder, ReplyMayFillTheBuffer)
 {
-    m_controller.instruct("garbage");
+    m_controller.command("garbage");
     ASSERT_EQ(3, m_uart.send("G1\n", 3, 0));
 
     char acReply[65] = {0};
@@ -161,7 +161,7 @@ TEST_F(PrintServicePlaceholder, ProgressBeforeAnyJobIsZero)
 
 TEST_F(PrintServicePlaceholder, PolledReplyHasNoStatusForThePlaceholder)
 {
-    m_controller.instruct("say status:3\\n");
+    m_controller.command("say status:3\\n");
 
     service().pollStatus();
 
@@ -179,7 +179,7 @@ TEST_F(PrintServicePlaceholder, JobRunsWithThePlaceholder)
 TEST_F(PrintServicePlaceholder, DeliberateStopNeverSwitchesTheLaserOff)
 {
     saveJob("M3 S100\nG1 X1\n");
-    m_controller.instruct("line 3 late 500"); // the job is still open
+    m_controller.command("line 3 late 500"); // the job is still open
     EXPECT_EQ(0, service().startPrint());
     EXPECT_TRUE(waitForLines(4));
 
@@ -193,8 +193,8 @@ TEST_F(PrintServicePlaceholder, DeliberateStopNeverSwitchesTheLaserOff)
 
 TEST_F(PrintServicePlaceholder, DeliberateRefusedLineAndAlarmAreAcknowledged)
 {
-    m_controller.instruct("line 2 refuse 5");
-    m_controller.instruct("line 4 alarm 1");
+    m_controller.command("line 2 refuse 5");
+    m_controller.command("line 4 alarm 1");
 
     runJob("M3 S100\nG1 X1\nG1 X2\nG1 X3\nG1 X4\n");
 
@@ -209,7 +209,7 @@ TEST_F(PrintServicePlaceholder, DeliberateRefusedLineAndAlarmAreAcknowledged)
 
 TEST_F(PrintServicePlaceholder, DeliberateSilenceCountsAsAcknowledgedAfterTenSeconds)
 {
-    m_controller.instruct("no-answer");
+    m_controller.command("no-answer");
     const uint64_t u64Start = monotonicMs();
 
     runJob("M3 S100\nG1 X2\n");

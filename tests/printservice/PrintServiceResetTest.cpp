@@ -24,7 +24,7 @@ protected:
     std::vector<VirtualController::Record> stores(const std::string& strFile)
     {
         std::vector<VirtualController::Record> vecStore;
-        for (const VirtualController::Record& record : m_controller.readWire()) {
+        for (const VirtualController::Record& record : m_controller.readJournal()) {
             if ("gpio" == record.strKind &&
                 0 == record.strText.compare(0, strFile.size(), strFile)) {
                 vecStore.push_back(record);

@@ -40,7 +40,7 @@ protected:
     /** Let the idle service see a status. */
     void poll(int nCode)
     {
-        m_controller.instruct("say status:" + std::to_string(nCode) + "\\n");
+        m_controller.command("say status:" + std::to_string(nCode) + "\\n");
         service().pollStatus();
     }
 
@@ -48,7 +48,7 @@ protected:
     std::vector<double> timesOf(const std::string& strLine)
     {
         std::vector<double> vecTime;
-        for (const VirtualController::Record& record : m_controller.readWire()) {
+        for (const VirtualController::Record& record : m_controller.readJournal()) {
             if ("rx" == record.strKind && strLine == record.strText) {
                 vecTime.push_back(record.dSeconds);
             }
@@ -159,7 +159,7 @@ TEST_F(PrintServiceStatus, OtherIdleStatusIsOnlyPrinted)
 
 TEST_F(PrintServiceStatus, IdlePollWithoutAStatusDoesNothing)
 {
-    m_controller.instruct("say ok\\n");
+    m_controller.command("say ok\\n");
 
     service().pollStatus();
 
@@ -169,7 +169,7 @@ TEST_F(PrintServiceStatus, IdlePollWithoutAStatusDoesNothing)
 
 TEST_F(PrintServiceStatus, LoopWithoutAJobPolls)
 {
-    m_controller.instruct("say status:2\\n");
+    m_controller.command("say status:2\\n");
 
     EXPECT_EQ(0, service().printLoop());
 
@@ -178,7 +178,7 @@ TEST_F(PrintServiceStatus, LoopWithoutAJobPolls)
 
 TEST_F(PrintServiceStatus, ThreadDoesNotRunBeforeAJobStarts)
 {
-    m_controller.instruct("say status:2\\n");
+    m_controller.command("say status:2\\n");
     char acReply[16] = {0};
     service().readUart(acReply, 15, 5, 0); // whoever reads first has it
 
@@ -188,8 +188,8 @@ TEST_F(PrintServiceStatus, ThreadDoesNotRunBeforeAJobStarts)
 
 TEST_F(PrintServiceStatus, PausedLineIsRepeatedUntilTheControllerGoesOn)
 {
-    m_controller.instruct("line 2 status 1"); // taken, yet paused
-    m_controller.instruct("line 4 status 4");
+    m_controller.command("line 2 status 1"); // taken, yet paused
+    m_controller.command("line 4 status 4");
 
     runJob("G1 X1\nG1 X2\nG1 X3\n");
 
@@ -205,8 +205,8 @@ TEST_F(PrintServiceStatus, PausedLineIsRepeatedUntilTheControllerGoesOn)
 
 TEST_F(PrintServiceStatus, ControllerThatHoldsGetsTheLineAgainEveryHalfSecond)
 {
-    m_controller.instruct("line 2 hold");
-    m_controller.instruct("line 4 go");
+    m_controller.command("line 2 hold");
+    m_controller.command("line 4 go");
 
     runJob("G1 X1\nG1 X2\nG1 X3\n");
 
@@ -223,7 +223,7 @@ TEST_F(PrintServiceStatus, ControllerThatHoldsGetsTheLineAgainEveryHalfSecond)
 
 TEST_F(PrintServiceStatus, LineThatWasTakenIsRepeatedEveryHalfSecondWhilePaused)
 {
-    m_controller.instruct("line 2 status 3");
+    m_controller.command("line 2 status 3");
     saveJob("G91\nG1 X0.1 F600000\nG1 X1\n");
     EXPECT_EQ(0, service().startPrint());
 
@@ -241,7 +241,7 @@ TEST_F(PrintServiceStatus, AnswerToTheLastEmptyLineIsReportedAndChangesNoState)
     const LogCapture log;
     int nLine = 2; // the empty line of the first job
     for (const std::string strCode : {"1", "3", "4"}) {
-        m_controller.instruct("line " + std::to_string(nLine) + " status " + strCode);
+        m_controller.command("line " + std::to_string(nLine) + " status " + strCode);
         runJob("G1 X1\n");
         nLine += 2;
         EXPECT_TRUE(eventually([&] { return "Wx0" + strCode == lastCode(); }));
@@ -261,7 +261,7 @@ TEST_F(PrintServiceStatus, AnswerToTheLastEmptyLineIsReportedAndChangesNoState)
 
 TEST_F(PrintServiceStatus, StatusTwoWhilePrintingIsOnlyReported)
 {
-    m_controller.instruct("line 1 status 2");
+    m_controller.command("line 1 status 2");
 
     runJob("G1 X1\nG1 X2\n");
 
@@ -273,8 +273,8 @@ TEST_F(PrintServiceStatus, StatusTwoWhilePrintingIsOnlyReported)
 TEST_F(PrintServiceStatus, StatusThreeWhilePrintingPauses)
 {
     IdleSubscriber subscriber;
-    m_controller.instruct("line 1 status 3");
-    m_controller.instruct("line 2 status 4");
+    m_controller.command("line 1 status 3");
+    m_controller.command("line 2 status 4");
 
     runJob("G1 X1\nG1 X2\n");
 
@@ -286,7 +286,7 @@ TEST_F(PrintServiceStatus, StatusThreeWhilePrintingPauses)
 
 TEST_F(PrintServiceStatus, OtherStatusWhilePrintingIsOnlyPrinted)
 {
-    m_controller.instruct("line 1 status 7");
+    m_controller.command("line 1 status 7");
 
     runJob("G1 X1\nG1 X2\n");
 
@@ -298,7 +298,7 @@ TEST_F(PrintServiceStatus, OtherStatusWhilePrintingIsOnlyPrinted)
 
 TEST_F(PrintServiceStatus, PausedByTheControllerAndContinuedByTheOperator)
 {
-    m_controller.instruct("line 1 status 1");
+    m_controller.command("line 1 status 1");
     saveJob("G1 X1\nG1 X2\n");
     EXPECT_EQ(0, service().startPrint());
     EXPECT_TRUE(waitForState(PRINT_STATE_PAUSED));
@@ -312,7 +312,7 @@ TEST_F(PrintServiceStatus, PausedByTheControllerAndContinuedByTheOperator)
 
 TEST_F(PrintServiceStatus, RefusedLineIsSentAgainAfterHalfASecond)
 {
-    m_controller.instruct("line 2 refuse 5");
+    m_controller.command("line 2 refuse 5");
 
     runJob("G1 X1\nG1 X2\nG1 X3\n");
 
@@ -324,7 +324,7 @@ TEST_F(PrintServiceStatus, RefusedLineIsSentAgainAfterHalfASecond)
 
 TEST_F(PrintServiceStatus, LockedControllerIsUnlockedAndGetsTheLineAgain)
 {
-    m_controller.instruct("line 2 refuse 9");
+    m_controller.command("line 2 refuse 9");
 
     runJob("G1 X1\nG1 X2\n");
 
@@ -336,7 +336,7 @@ TEST_F(PrintServiceStatus, LockedControllerIsUnlockedAndGetsTheLineAgain)
 
 TEST_F(PrintServiceStatus, AlarmIsOnlyPrintedAndTheLockBehindItCleared)
 {
-    m_controller.instruct("line 1 alarm 3");
+    m_controller.command("line 1 alarm 3");
 
     runJob("G1 X1\n");
 
@@ -350,8 +350,8 @@ TEST_F(PrintServiceStatus, AlarmIsOnlyPrintedAndTheLockBehindItCleared)
 
 TEST_F(PrintServiceStatus, HalfAnAnswerAndGarbageAreNoAcknowledgement)
 {
-    m_controller.instruct("line 1 half");
-    m_controller.instruct("line 3 garbage");
+    m_controller.command("line 1 half");
+    m_controller.command("line 3 garbage");
 
     runJob("G1 X1\nG1 X2\n");
 
@@ -362,7 +362,7 @@ TEST_F(PrintServiceStatus, HalfAnAnswerAndGarbageAreNoAcknowledgement)
 
 TEST_F(PrintServiceStatus, LateAnswerIsWaitedFor)
 {
-    m_controller.instruct("line 1 late 1200");
+    m_controller.command("line 1 late 1200");
 
     runJob("G1 X1\nG1 X2\n");
 
@@ -372,7 +372,7 @@ TEST_F(PrintServiceStatus, LateAnswerIsWaitedFor)
 
 TEST_F(PrintServiceStatus, SilenceIsNoAcknowledgementForThisController)
 {
-    m_controller.instruct("line 1 no-answer");
+    m_controller.command("line 1 no-answer");
 
     saveJob("G1 X1\n");
     const uint64_t u64Start = monotonicMs();
@@ -385,7 +385,7 @@ TEST_F(PrintServiceStatus, SilenceIsNoAcknowledgementForThisController)
 
 TEST_F(PrintServiceStatus, DoubledAnswerLeavesOneForTheNextLine)
 {
-    m_controller.instruct("line 1 double");
+    m_controller.command("line 1 double");
 
     runJob("G1 X1\nG1 X2\nG1 X3\n");
 

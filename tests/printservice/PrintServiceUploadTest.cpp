@@ -39,7 +39,7 @@ protected:
 
 TEST_F(PrintServiceUpload, WhileAJobEndsIsKept)
 {
-    m_controller.instruct("line 59 late 200");
+    m_controller.command("line 59 late 200");
     saveJob(makeJob("A", 60));
     EXPECT_EQ(0, service().startPrint());
     EXPECT_TRUE(eventually([this] { return 58 <= m_controller.getState("lines"); }));
@@ -78,7 +78,7 @@ TEST_F(PrintServiceUpload, OverAJobEndsItWithTheLaserOff)
 
 TEST_F(PrintServiceUpload, OverAPausedJobEndsItToo)
 {
-    m_controller.instruct("line 100 late 500");
+    m_controller.command("line 100 late 500");
     saveJob(makeJob("A", 3000));
     EXPECT_EQ(0, service().startPrint());
     EXPECT_TRUE(eventually([this] { return 100 <= m_controller.getState("lines"); }));
@@ -125,7 +125,7 @@ TEST_F(PrintServiceUpload, StartedBeforeItIsOverRunsTheNewFile)
 {
     std::thread saver([this] { saveJob("G1 X1\nG1 X2\n"); });
     EXPECT_TRUE(eventually([] { return fileExists("tmp.gcode"); }));
-    m_controller.instruct("line 2 late 1000");
+    m_controller.command("line 2 late 1000");
 
     EXPECT_EQ(0, service().startPrint());
 

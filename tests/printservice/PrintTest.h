@@ -119,7 +119,7 @@ protected:
     /** Stop the controller's reading and fill the wire with blanks until it takes no more. */
     void fillWire()
     {
-        m_controller.instruct("stall");
+        m_controller.command("stall");
         const std::string strFill(4096, ' ');
         while (m_uart.send(strFill.data(), static_cast<int>(strFill.size()), 0) > 0) {
         }

@@ -87,7 +87,7 @@ std::string VirtualCamera::command(const std::string& strLine)
     return strAnswer;
 }
 
-std::vector<std::string> VirtualCamera::journal() const
+std::vector<std::string> VirtualCamera::readJournal() const
 {
     std::vector<std::string> vecCall;
     std::istringstream stream(m_folder.read("journal"));
@@ -114,7 +114,7 @@ void VirtualCamera::clearJournal()
 size_t VirtualCamera::count(const std::string& strBegin) const
 {
     size_t uCount = 0;
-    for (const std::string& strCall : journal()) {
+    for (const std::string& strCall : readJournal()) {
         uCount += (0 == strCall.compare(0, strBegin.size(), strBegin)) ? 1 : 0;
     }
     return uCount;

@@ -30,7 +30,7 @@ public:
      * The device calls so far, one line each without time and numbers of process and session, e.g.
      * "QBUF type=1 memory=1 index=0 = 0". Notes and commands are left out.
      */
-    std::vector<std::string> journal() const;
+    std::vector<std::string> readJournal() const;
 
     /** Forget the calls so far. */
     void clearJournal();

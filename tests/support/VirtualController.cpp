@@ -15,9 +15,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "WireLog.h"
+#include "ControllerJournal.h"
 
-static const char* const FILES[] = {"control", "wire", "image", "scene", "ttyACM0"};
+static const char* const FILES[] = {"control", "journal", "image", "scene", "ttyACM0"};
 
 namespace {
 
@@ -56,8 +56,8 @@ VirtualController::VirtualController(const std::vector<std::string>& vecOption)
     m_strFolder = strTemplate;
     m_strNode = m_strFolder + "/ttyACM0";
     std::vector<std::string> vecAll = {
-        "--control", m_strFolder + "/control", "--wire-log", m_strFolder + "/wire",
-        "--image",   getImagePath(),           "--scene",    getScenePath()};
+        "--control", m_strFolder + "/control", "--journal", m_strFolder + "/journal",
+        "--image",   getImagePath(),           "--scene",   getScenePath()};
     for (size_t i = 0; i < vecOption.size(); ++i) {
         if ("--node" == vecOption[i] && i + 1 < vecOption.size()) {
             m_strNode = vecOption[i + 1];
@@ -122,10 +122,10 @@ void VirtualController::start(const std::vector<std::string>& vecOption)
     close(anPipe[0]);
 }
 
-std::string VirtualController::instruct(const std::string& strInstruction)
+std::string VirtualController::command(const std::string& strCommand)
 {
     std::string strAnswer;
-    if (!m_control.ask(strInstruction, strAnswer)) {
+    if (!m_control.ask(strCommand, strAnswer)) {
         fail("ended while it was asked");
     }
     return strAnswer;
@@ -133,7 +133,7 @@ std::string VirtualController::instruct(const std::string& strInstruction)
 
 double VirtualController::getState(const std::string& strField)
 {
-    const std::string strState = " " + instruct("state");
+    const std::string strState = " " + command("state");
     const size_t nPos = strState.find(" " + strField + "=");
     if (std::string::npos == nPos) {
         fail("no field " + strField + " in" + strState);
@@ -141,17 +141,17 @@ double VirtualController::getState(const std::string& strField)
     return strtod(strState.c_str() + nPos + strField.size() + 2, nullptr);
 }
 
-std::vector<VirtualController::Record> VirtualController::readWire()
+std::vector<VirtualController::Record> VirtualController::readJournal()
 {
-    (void)instruct("state"); // brings the log up to date
-    std::ifstream file(m_strFolder + "/wire");
+    (void)command("state"); // brings the log up to date
+    std::ifstream file(m_strFolder + "/journal");
     std::vector<Record> vecRecord;
     for (std::string strLine; std::getline(file, strLine);) {
         const size_t nKind = strLine.find(' ') + 1;
         const size_t nText = strLine.find(' ', nKind) + 1;
         vecRecord.push_back({strtod(strLine.c_str(), nullptr),
                              strLine.substr(nKind, nText - 1 - nKind),
-                             WireLog::unescape(strLine.substr(nText))});
+                             ControllerJournal::unescape(strLine.substr(nText))});
     }
     return vecRecord;
 }
@@ -159,7 +159,7 @@ std::vector<VirtualController::Record> VirtualController::readWire()
 std::vector<std::string> VirtualController::readTexts(const std::string& strKind)
 {
     std::vector<std::string> vecText;
-    for (const Record& record : readWire()) {
+    for (const Record& record : readJournal()) {
         if (strKind == record.strKind) {
             vecText.push_back(record.strText);
         }

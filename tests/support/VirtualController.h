@@ -18,7 +18,7 @@
 class VirtualController
 {
 public:
-    /** One line of the wire log. */
+    /** One line of the journal. */
     struct Record
     {
         double dSeconds;
@@ -50,16 +50,16 @@ public:
     }
 
     /**
-     * Carry out an instruction; everything written to the wire before is taken first.
+     * Carry out a command; everything written to the wire before is taken first.
      * @return the answer, without its line end
      */
-    std::string instruct(const std::string& strInstruction);
+    std::string command(const std::string& strCommand);
 
     /** A field of the answer to "state", e.g. "x". */
     double getState(const std::string& strField);
 
-    /** The whole wire log so far. */
-    std::vector<Record> readWire();
+    /** The whole journal so far. */
+    std::vector<Record> readJournal();
 
     /** The texts of one kind, e.g. the lines received ("rx"). */
     std::vector<std::string> readTexts(const std::string& strKind);

@@ -47,7 +47,7 @@ std::string documented(const std::string& strName)
 std::string heard(VirtualController& controller)
 {
     Transcript transcript;
-    for (const VirtualController::Record& record : controller.readWire()) {
+    for (const VirtualController::Record& record : controller.readJournal()) {
         if ("rx" == record.strKind) {
             transcript.add(true, record.strText);
         } else if ("tx" == record.strKind) {
@@ -167,14 +167,14 @@ TEST_F(TranscriptPlayed, OtherAnswerIsTold)
 
 TEST_F(TranscriptPlayed, MissingAnswerIsTold)
 {
-    m_controller.instruct("half");
+    m_controller.command("half");
 
     EXPECT_EQ("expected: ok\nonly came: o", play("> M5\n< ok\n", 5));
 }
 
 TEST_F(TranscriptPlayed, DeadPortIsTold)
 {
-    m_controller.instruct("unplug");
+    m_controller.command("unplug");
 
     EXPECT_EQ("not sent: M5", play("> M5\n< ok\n"));
 }
@@ -224,7 +224,7 @@ TEST_F(TranscriptSpoken, Resume)
 {
     EXPECT_EQ(0, m_pService->saveGcode("", 0));
     unlink("tmp.gcode");
-    m_controller.instruct("say status:3\\n");
+    m_controller.command("say status:3\\n");
 
     m_pService->pollStatus();
 

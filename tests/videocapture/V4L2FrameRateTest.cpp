@@ -33,7 +33,7 @@ protected:
     Lines asked() const
     {
         Lines vecCall;
-        for (const std::string& strCall : m_camera.journal()) {
+        for (const std::string& strCall : m_camera.readJournal()) {
             if (std::string::npos != strCall.find("S_PARM ")) {
                 vecCall.push_back(strCall.substr(0, strCall.find(" =")));
             }

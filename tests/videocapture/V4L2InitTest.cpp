@@ -94,7 +94,7 @@ TEST_F(V4L2Init, AsksTheDriverInOrder)
             "QUERYBUF type=1 memory=1 index=1 = 0 length=614400 offset=614400 flags=0x12000",
             "mmap length=614400 prot=READ|WRITE flags=SHARED offset=614400 = 0",
         }),
-        m_camera.journal());
+        m_camera.readJournal());
     EXPECT_EQ("640*480 1280*720 \n640*480 1280*720 \n", strOutput);
     EXPECT_EQ((Lines{
                   logged("init", "Probe: stream(0) dev(/dev/video0)\n"),
@@ -165,7 +165,7 @@ TEST_F(V4L2Init, UnlistedCameraFailsWithoutAMessage)
     EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
 
     EXPECT_EQ(Lines{}, m_log.lines());
-    EXPECT_EQ(Lines{}, m_camera.journal());
+    EXPECT_EQ(Lines{}, m_camera.readJournal());
 }
 
 TEST_F(V4L2Init, MissingNodeFailsWithoutAMessage)
@@ -175,7 +175,7 @@ TEST_F(V4L2Init, MissingNodeFailsWithoutAMessage)
     EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
 
     EXPECT_EQ(Lines{}, messages());
-    EXPECT_EQ(Lines{"stat = -1 ENOENT"}, m_camera.journal());
+    EXPECT_EQ(Lines{"stat = -1 ENOENT"}, m_camera.readJournal());
 }
 
 TEST_F(V4L2Init, RegularFileFailsWithoutAMessage)
@@ -185,7 +185,7 @@ TEST_F(V4L2Init, RegularFileFailsWithoutAMessage)
     EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
 
     EXPECT_EQ(Lines{}, messages());
-    EXPECT_EQ(Lines{"stat = 0 regular"}, m_camera.journal());
+    EXPECT_EQ(Lines{"stat = 0 regular"}, m_camera.readJournal());
 }
 
 TEST_F(V4L2Init, NodeThatCannotBeOpenedFailsWithoutAMessage)
@@ -219,8 +219,8 @@ TEST_F(V4L2Init, NodeWithoutCapabilitiesIsClosedByTheNextInit)
     EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
 
     EXPECT_EQ(Lines{}, vecMessage); // only EINVAL is reported
-    EXPECT_EQ("close = 0", m_camera.journal().at(0));
-    EXPECT_EQ("stat = 0 character", m_camera.journal().at(1));
+    EXPECT_EQ("close = 0", m_camera.readJournal().at(0));
+    EXPECT_EQ("stat = 0 character", m_camera.readJournal().at(1));
 }
 
 TEST_F(V4L2Init, NodeWithoutCaptureIsClosed)
@@ -234,7 +234,7 @@ TEST_F(V4L2Init, NodeWithoutCaptureIsClosed)
     EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
 
     EXPECT_EQ(Lines{logged("init", "/dev/video0 is no video capture device\n")}, messages());
-    EXPECT_EQ("close = 0", m_camera.journal().back());
+    EXPECT_EQ("close = 0", m_camera.readJournal().back());
     EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
 }
 
@@ -249,7 +249,7 @@ TEST_F(V4L2Init, NodeWithoutStreamingIsClosed)
     EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
 
     EXPECT_EQ(Lines{logged("init", "/dev/video0 does not support streaming i/o\n")}, messages());
-    EXPECT_EQ("close = 0", m_camera.journal().back());
+    EXPECT_EQ("close = 0", m_camera.readJournal().back());
     EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
 }
 
@@ -305,9 +305,9 @@ TEST_P(V4L2InitFailingStep, ClosesTheDeviceAndLeavesNothingBehind)
         EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
     }
 
-    EXPECT_EQ("close = 0", m_camera.journal().back());
+    EXPECT_EQ("close = 0", m_camera.readJournal().back());
     EXPECT_EQ(1U, m_camera.count(GetParam().pLastCall))
-        << testing::PrintToString(m_camera.journal());
+        << testing::PrintToString(m_camera.readJournal());
     EXPECT_TRUE(endsWith(m_log.lines().back(), GetParam().pMessage)) << m_log.lines().back();
     EXPECT_EQ(uBefore, openDescriptors().size());
     EXPECT_EQ(0U, mappedBuffers());
@@ -387,7 +387,7 @@ TEST_F(V4L2Init, UninitUnmapsAndCloses)
 
     EXPECT_EQ((Lines{"munmap length=614400 offset=0 = 0", "munmap length=614400 offset=614400 = 0",
                      "close = 0"}),
-              m_camera.journal());
+              m_camera.readJournal());
     EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
 }
 
@@ -402,11 +402,11 @@ TEST_F(V4L2Init, UninitEndsAtTheFirstMappingThatStays)
         EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
     }
 
-    EXPECT_EQ(Lines{"munmap length=614400 offset=0 = 0"}, m_camera.journal());
+    EXPECT_EQ(Lines{"munmap length=614400 offset=0 = 0"}, m_camera.readJournal());
     EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit()); // goes on where it ended
     EXPECT_EQ((Lines{"munmap length=614400 offset=0 = 0", "munmap length=614400 offset=614400 = 0",
                      "close = 0"}),
-              m_camera.journal());
+              m_camera.readJournal());
 }
 
 TEST_F(V4L2Init, FailedCloseFailsUninitAndIsNotRepeated)

@@ -120,7 +120,7 @@ TEST_F(V4L2Stream, StreamOnQueuesEveryBufferFirst)
 
     EXPECT_EQ(RET_SUCCESS, m_v4l2.streamOn());
 
-    const Lines vecCall = m_camera.journal();
+    const Lines vecCall = m_camera.readJournal();
     EXPECT_EQ((Lines{"QBUF type=1 memory=1 index=0 = 0", "QBUF type=1 memory=1 index=1 = 0",
                      "STREAMON type=1 = 0"}),
               Lines(vecCall.begin(), vecCall.begin() + 3));
@@ -136,7 +136,7 @@ TEST_F(V4L2Stream, StreamOnEndsAtTheFirstFailure)
 
     EXPECT_EQ(
         (Lines{"QBUF type=1 memory=1 index=0 = 0", "QBUF type=1 memory=1 index=1 = -1 EINVAL"}),
-        m_camera.journal());
+        m_camera.readJournal());
 }
 
 TEST_F(V4L2Stream, RefusedStreamOnFails)
@@ -219,12 +219,12 @@ TEST_F(V4L2Stream, BufferStaysDequeuedUntilReleased)
     m_camera.clearJournal();
     ASSERT_EQ(RET_SUCCESS, get());
     EXPECT_EQ(0U, m_camera.count("QBUF "));
-    const std::string strDequeued = m_camera.journal().back();
+    const std::string strDequeued = m_camera.readJournal().back();
     const std::string strIndex = strDequeued.substr(strDequeued.find("index="), 7);
 
     EXPECT_EQ(RET_SUCCESS, m_v4l2.releaseVideoStream());
 
-    EXPECT_EQ("QBUF type=1 memory=1 " + strIndex + " = 0", m_camera.journal().back());
+    EXPECT_EQ("QBUF type=1 memory=1 " + strIndex + " = 0", m_camera.readJournal().back());
 }
 
 TEST_F(V4L2Stream, RefusedReleaseIsLogged)
@@ -355,7 +355,7 @@ TEST_P(V4L2StreamEmptyBuffer, IsDroppedAndQueuedAgain)
     EXPECT_EQ(RET_AGAIN, get());
 
     EXPECT_EQ(Lines{"[getVideoStream] [0] Ignoring empty buffer ...\n"}, messages());
-    EXPECT_EQ("QBUF type=1 memory=1 index=0 = 0", m_camera.journal().back());
+    EXPECT_EQ("QBUF type=1 memory=1 index=0 = 0", m_camera.readJournal().back());
     EXPECT_EQ(nullptr, m_frame.get());
     EXPECT_TRUE(m_subscriber.m_vecFrame.empty());
     EXPECT_EQ(RET_SUCCESS, get());
@@ -382,7 +382,7 @@ TEST_F(V4L2Stream, CameraThatGoesHandsOutItsBuffersFirst)
                "QBUF type=1 memory=1 index=0 = -1 ENODEV",
                "DQBUF type=1 memory=1 = 0 index=1 bytesused=0 sequence=0 flags=0x12041",
                "QBUF type=1 memory=1 index=1 = -1 ENODEV", "DQBUF type=1 memory=1 = -1 ENODEV"}),
-        m_camera.journal());
+        m_camera.readJournal());
     EXPECT_EQ((Lines{"[getVideoStream] [0] Ignoring empty buffer ...\n",
                      "[releaseVideoStream] release buffer error!\n",
                      "[getVideoStream] [0] Ignoring empty buffer ...\n",

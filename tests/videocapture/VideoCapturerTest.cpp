@@ -68,7 +68,7 @@ TEST_F(VideoCapturerStream, DeliberateSecondInitFirstGivesTheCameraBack)
     EXPECT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer));
     EXPECT_TRUE(m_consumer.waitForMore(2));
     EXPECT_EQ(RET_SUCCESS, m_capturer.cancelConsumer(&m_consumer));
-    for (const std::string& strCall : m_camera.journal()) {
+    for (const std::string& strCall : m_camera.readJournal()) {
         EXPECT_EQ(std::string::npos, strCall.find("EBUSY")) << strCall;
     }
 }
@@ -119,7 +119,7 @@ TEST_F(VideoCapturerStream, NextLifeBeginsWithoutConsumers)
     ASSERT_TRUE(m_consumer.waitForMore(1));
     ASSERT_EQ(RET_SUCCESS, m_capturer.stop());
     ASSERT_EQ(RET_SUCCESS, m_capturer.uninit());
-    EXPECT_EQ("close = 0", m_camera.journal().back());
+    EXPECT_EQ("close = 0", m_camera.readJournal().back());
 
     start();
 

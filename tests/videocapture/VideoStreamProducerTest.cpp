@@ -86,7 +86,7 @@ protected:
     /** The calls from the first one that begins so. */
     Lines callsFrom(const std::string& strBegin) const
     {
-        const Lines vecCall = m_camera.journal();
+        const Lines vecCall = m_camera.readJournal();
         size_t uFirst = 0;
         while (uFirst < vecCall.size() && 0 != vecCall[uFirst].rfind(strBegin, 0)) {
             ++uFirst;
@@ -145,7 +145,7 @@ TEST_F(VideoStreamProducerStream, BufferIsQueuedAgainBeforeDelivery)
 {
     std::vector<std::string> vecLastCall; // capture thread, then this one
     m_consumer.m_onFrame = [&](VideoFrameEvent&) {
-        vecLastCall.push_back(m_camera.journal().back());
+        vecLastCall.push_back(m_camera.readJournal().back());
     };
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
 
@@ -361,7 +361,7 @@ TEST_F(VideoStreamProducerStream, StopEndsStreamingAndStartResumesIt)
 
     EXPECT_EQ(RET_SUCCESS, m_producer.stop());
     const size_t uFrames = m_consumer.total();
-    EXPECT_EQ("STREAMOFF type=1 = 0", m_camera.journal().back());
+    EXPECT_EQ("STREAMOFF type=1 = 0", m_camera.readJournal().back());
     EXPECT_EQ(uFrames, m_consumer.total());
 
     EXPECT_EQ(RET_SUCCESS, m_producer.start());
@@ -386,7 +386,7 @@ TEST_F(VideoStreamProducerStream, StepsOutOfOrderDoNothing)
     EXPECT_EQ(RET_SUCCESS, m_producer.start());
     EXPECT_EQ(RET_SUCCESS, m_producer.stop());
     EXPECT_EQ(RET_SUCCESS, m_producer.uninit());
-    EXPECT_EQ(Lines{}, m_camera.journal());
+    EXPECT_EQ(Lines{}, m_camera.readJournal());
 
     EXPECT_EQ(RET_SUCCESS, m_producer.init(0));
     EXPECT_EQ(RET_SUCCESS, m_producer.init(0));

@@ -10,7 +10,7 @@ const uint32_t MAX_RATE = 200; // frames per second
 
 } // namespace
 
-UvcCamera::UvcCamera(const std::string& strDir, Journal& journal, FrameLog& frameLog)
+UvcCamera::UvcCamera(const std::string& strDir, CameraJournal& journal, FrameLog& frameLog)
     : m_journal(journal), m_frameLog(frameLog), m_queue(strDir)
 {
 }

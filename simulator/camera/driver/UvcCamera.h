@@ -10,8 +10,8 @@
 
 #include "CallText.h"
 #include "CameraFaults.h"
+#include "CameraJournal.h"
 #include "FrameLog.h"
-#include "Journal.h"
 #include "PictureSource.h"
 #include "VideoControls.h"
 #include "VideoFormats.h"
@@ -53,7 +53,7 @@ public:
     /** Notified of plugging, for the list of input devices; called with the lock held. */
     using PlugHandler = void (*)(void* pContext, bool bPlugged, uint32_t u32Node);
 
-    UvcCamera(const std::string& strDir, Journal& journal, FrameLog& frameLog);
+    UvcCamera(const std::string& strDir, CameraJournal& journal, FrameLog& frameLog);
 
     void onPlug(PlugHandler pHandler, void* pContext);
 
@@ -148,7 +148,7 @@ private:
     void settle(ICameraHandle& handle);
     std::chrono::nanoseconds getInterval() const;
 
-    Journal& m_journal;
+    CameraJournal& m_journal;
     FrameLog& m_frameLog;
     PlugHandler m_pPlugHandler = nullptr;
     void* m_pPlugContext = nullptr;

@@ -12,7 +12,7 @@ struct Board
 {
     ScratchFolder folder;
     const std::string strDir = folder.path().string();
-    Journal journal{strDir + "/journal"};
+    CameraJournal journal{strDir + "/journal"};
     FrameLog frameLog{strDir, 0};
     KernelFiles kernelFiles{strDir};
     SceneFile scene{strDir + "/scene"};

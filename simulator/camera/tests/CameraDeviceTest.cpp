@@ -541,7 +541,7 @@ TEST(CameraDevice, JournalHoldsTheCallsInOrderWithArgumentsAndResults)
         "close = 0",
     };
 
-    EXPECT_EQ(EXPECTED, camera.journal());
+    EXPECT_EQ(EXPECTED, camera.readJournal());
 }
 
 TEST(CameraDevice, JournalTellsArgumentsThatNobodyNeedsWhenTheyAreGiven)

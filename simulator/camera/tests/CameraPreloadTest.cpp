@@ -192,7 +192,7 @@ TEST(CameraPreload, EveryWayOfReadingTheListShowsTheCamera)
         EXPECT_TRUE(hasCamera(dup(fileno(pFile))));
         fclose(pFile);
     }
-    EXPECT_TRUE(camera.journal().empty());
+    EXPECT_TRUE(camera.readJournal().empty());
 }
 
 TEST(CameraPreload, ChildrenThatDoNotUseTheCameraLeaveNoTrace)
@@ -203,7 +203,7 @@ TEST(CameraPreload, ChildrenThatDoNotUseTheCameraLeaveNoTrace)
 
     EXPECT_EQ(shell(strLook, false), shell(strLook));
     EXPECT_NE(std::string::npos, shell(std::string("cat ") + LIST).find("05a3"));
-    EXPECT_TRUE(camera.journal().empty());
+    EXPECT_TRUE(camera.readJournal().empty());
 }
 
 TEST(CameraPreload, ForkedChildsCloseLeavesTheCameraOpen)

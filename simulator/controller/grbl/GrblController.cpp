@@ -25,9 +25,9 @@ static const unsigned char BYTE_JOG_CANCEL = 0x85;
 static const unsigned char BYTE_SPINDLE_STOP = 0x9e;
 static const unsigned char BYTE_COOLANT = 0xa0;
 
-GrblController::GrblController(const ControllerSettings& settings, WireLog& wireLog)
-    : m_wireLog(wireLog), m_interpreter(m_settings),
-      m_machine(settings, m_settings, m_interpreter, wireLog),
+GrblController::GrblController(const ControllerSettings& settings, ControllerJournal& journal)
+    : m_journal(journal), m_interpreter(m_settings),
+      m_machine(settings, m_settings, m_interpreter, journal),
       m_systemCommands(m_settings, m_interpreter, m_machine, m_statusReport, m_transmitter)
 {
     begin(GREET_AT_REST_US, false);
@@ -116,7 +116,7 @@ void GrblController::receive(const std::string& strBytes, int64_t s64NowUs)
     for (const char c : strBytes) {
         const auto uByte = static_cast<unsigned char>(c);
         if (takeRealtime(uByte)) {
-            m_wireLog.record(m_machine.getNowUs(), "byte", std::string(1, c));
+            m_journal.record(m_machine.getNowUs(), "byte", std::string(1, c));
             work();
             m_machine.tellBeam();
         } else {
@@ -128,7 +128,7 @@ void GrblController::receive(const std::string& strBytes, int64_t s64NowUs)
 void GrblController::takeByte(char c)
 {
     if (!m_receiveBuffer.put(c)) {
-        m_wireLog.record(m_machine.getNowUs(), "overflow", std::string(1, c));
+        m_journal.record(m_machine.getNowUs(), "overflow", std::string(1, c));
         return;
     }
     if (m_bGreeted) {
@@ -198,7 +198,7 @@ void GrblController::cancelJog()
 void GrblController::processLine(const GrblReceiveBuffer::Line& line)
 {
     ++m_nLines;
-    m_wireLog.record(m_machine.getNowUs(), "rx", line.strText);
+    m_journal.record(m_machine.getNowUs(), "rx", line.strText);
     m_triggers.fire(m_nLines);
     m_fault = m_faultPlan.take();
     m_bLineInWork = true;
@@ -349,29 +349,29 @@ int64_t GrblController::nextDueUs(int64_t s64NowUs) const
     return s64Us;
 }
 
-void GrblController::addTrigger(int nLine, const std::string& strInstruction)
+void GrblController::addTrigger(int nLine, const std::string& strCommand)
 {
-    m_triggers.add(nLine, strInstruction);
+    m_triggers.add(nLine, strCommand);
 }
 
-bool GrblController::instruct(const std::string& strInstruction, int64_t s64NowUs)
+bool GrblController::runCommand(const std::string& strCommand, int64_t s64NowUs)
 {
-    const std::vector<std::string> vecWord = splitWords(strInstruction);
+    const std::vector<std::string> vecWord = splitWords(strCommand);
     int nCode = 0;
     if (vecWord.empty()) {
         return false;
     }
     advance(s64NowUs);
-    if ("hold" == strInstruction || "go" == strInstruction) { // the button at the machine
-        takeRealtime(("hold" == strInstruction) ? '!' : '~');
-    } else if ("mute" == strInstruction || "unmute" == strInstruction) {
-        m_transmitter.mute("mute" == strInstruction);
-    } else if ("restart" == strInstruction) {
+    if ("hold" == strCommand || "go" == strCommand) { // the button at the machine
+        takeRealtime(("hold" == strCommand) ? '!' : '~');
+    } else if ("mute" == strCommand || "unmute" == strCommand) {
+        m_transmitter.mute("mute" == strCommand);
+    } else if ("restart" == strCommand) {
         reset(s64NowUs);
     } else if (2 == vecWord.size() && "alarm-now" == vecWord[0] && parseCount(vecWord[1], nCode)) {
         alarm(nCode, nCode <= GRBL_ALARM_SOFT_LIMIT);
-    } else if ("say" == vecWord[0] && strInstruction.size() > 4) {
-        say(WireLog::unescape(strInstruction.substr(4)));
+    } else if ("say" == vecWord[0] && strCommand.size() > 4) {
+        say(ControllerJournal::unescape(strCommand.substr(4)));
     } else {
         return "status" != vecWord[0] && m_faultPlan.add(vecWord);
     }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <string>
 
+#include "ControllerJournal.h"
 #include "ControllerSettings.h"
 #include "FaultPlan.h"
 #include "GrblAction.h"
@@ -18,7 +19,6 @@
 #include "GrblTransmitter.h"
 #include "IController.h"
 #include "LineTriggers.h"
-#include "WireLog.h"
 
 /**
  * Takes bytes into a receive buffer, the real-time ones past it, and works lines off one after the
@@ -28,7 +28,7 @@ class GrblController : public IController
 {
 public:
     /** The first greeting comes with the first advance(). */
-    GrblController(const ControllerSettings& settings, WireLog& wireLog);
+    GrblController(const ControllerSettings& settings, ControllerJournal& journal);
 
     /** As "$n=value" before power-up. @return false for what "$n=value" refuses */
     bool preset(int nNumber, double dValue);
@@ -44,13 +44,13 @@ public:
     }
     void dropWire() override;
     void reset(int64_t s64NowUs) override;
-    void addTrigger(int nLine, const std::string& strInstruction) override;
+    void addTrigger(int nLine, const std::string& strCommand) override;
 
     /**
      * Besides the faults of FaultPlan: "hold", "go", "say TEXT", "mute", "unmute",
      * "alarm-now CODE", "restart".
      */
-    bool instruct(const std::string& strInstruction, int64_t s64NowUs) override;
+    bool runCommand(const std::string& strCommand, int64_t s64NowUs) override;
 
     Point getPosition() const override
     {
@@ -90,7 +90,7 @@ private:
     void say(const std::string& strText);
     void report();
 
-    WireLog& m_wireLog;
+    ControllerJournal& m_journal;
     LineTriggers m_triggers;
     FaultPlan m_faultPlan;
 

@@ -26,9 +26,9 @@ Point minus(const Point& first, const Point& second)
 } // namespace
 
 GrblMachine::GrblMachine(const ControllerSettings& options, const GrblSettings& settings,
-                         GrblInterpreter& interpreter, WireLog& wireLog)
+                         GrblInterpreter& interpreter, ControllerJournal& journal)
     : m_dSpeedUp(options.dSpeedUp), m_settings(settings), m_interpreter(interpreter),
-      m_beamLog(wireLog), m_laser(settings, m_planner), m_origin(options.powerUpPosition)
+      m_beamLog(journal), m_laser(settings, m_planner), m_origin(options.powerUpPosition)
 {
     applySettings();
 }

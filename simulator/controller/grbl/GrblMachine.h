@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "BeamLog.h"
+#include "ControllerJournal.h"
 #include "ControllerSettings.h"
 #include "GrblAction.h"
 #include "GrblHoming.h"
@@ -14,7 +15,6 @@
 #include "GrblSettings.h"
 #include "GrblState.h"
 #include "GrblStatusReport.h"
-#include "WireLog.h"
 
 /**
  * Carries out actions one after the other and changes its states as the time goes by. Says nothing.
@@ -32,11 +32,11 @@ public:
     };
 
     /**
-     * @param settings, interpreter, wireLog  borrowed as long as the object lives; the interpreter
+     * @param settings, interpreter, journal  borrowed as long as the object lives; the interpreter
      *                                        is told where the head is when motion was cut short
      */
     GrblMachine(const ControllerSettings& options, const GrblSettings& settings,
-                GrblInterpreter& interpreter, WireLog& wireLog);
+                GrblInterpreter& interpreter, ControllerJournal& journal);
 
     /** The settings have changed: speeds and accelerations are theirs from now on. */
     void applySettings();
@@ -64,7 +64,7 @@ public:
     void stepTo(int64_t s64Us);
     /** Change the states as the time wants it. */
     void update();
-    /** Write the beam to the wire log when it has changed. */
+    /** Write the beam to the journal when it has changed. */
     void tellBeam();
 
     /** Try an action. It may be tried again at any time while it has to wait. */

@@ -16,13 +16,13 @@ class ControllerDialogue : public testing::Test
 {
 protected:
     explicit ControllerDialogue(const ControllerSettings& settings = {})
-        : m_controller(settings, m_wireLog)
+        : m_controller(settings, m_journal)
     {
-        m_controller.setTrigger([this](const std::string& strInstruction) {
-            if ("unplug" == strInstruction) {
+        m_controller.setTrigger([this](const std::string& strCommand) {
+            if ("unplug" == strCommand) {
                 m_controller.dropWire();
             } else {
-                EXPECT_TRUE(m_controller.instruct(strInstruction, m_s64Now));
+                EXPECT_TRUE(m_controller.runCommand(strCommand, m_s64Now));
             }
         });
     }
@@ -45,9 +45,9 @@ protected:
         return strAll;
     }
 
-    bool instruct(const std::string& strInstruction)
+    bool runCommand(const std::string& strCommand)
     {
-        return m_controller.instruct(strInstruction, m_s64Now);
+        return m_controller.runCommand(strCommand, m_s64Now);
     }
 
     const Beam& beam() const
@@ -61,7 +61,7 @@ protected:
     }
 
     int64_t m_s64Now = 0;
-    WireLog m_wireLog;
+    ControllerJournal m_journal;
     Controller m_controller;
 };
 
@@ -135,7 +135,7 @@ TEST_F(ControllerDialogue, HomingGoesToTheOriginAndIsAnsweredTwice)
 
 TEST_F(ControllerDialogue, OnceLeavesTheSecondAnswerOut)
 {
-    EXPECT_TRUE(instruct("once on"));
+    EXPECT_TRUE(runCommand("once on"));
 
     EXPECT_EQ("ok\n|", say("$H\n"));
     EXPECT_EQ("", wait(10000 * MS));
@@ -313,7 +313,7 @@ TEST_F(ControllerDialogue, HoldByteActsPastAFullQueueWithTheBeamOff)
     EXPECT_FALSE(beam().bMoving);
     wait(1000 * MS);
     EXPECT_DOUBLE_EQ(5, m_controller.getMotion().getPosition()[0]);
-    EXPECT_TRUE(instruct("go"));
+    EXPECT_TRUE(runCommand("go"));
     wait(0);
     EXPECT_TRUE(beam().bOn && beam().bMoving); // as it was
 }
@@ -345,7 +345,7 @@ TEST_F(ControllerDialogue, HeldControllerKeepsLaserOffForItsPlace)
     say("!");
 
     EXPECT_EQ("ok\n|", say("M5\n"));
-    EXPECT_TRUE(instruct("go"));
+    EXPECT_TRUE(runCommand("go"));
 
     wait(499 * MS);
     EXPECT_TRUE(beam().bOn);
@@ -358,7 +358,7 @@ TEST_F(ControllerDialogue, AlarmOfItsOwnComesUnasked)
     say("M3 S100\nG1 X10 F600\n");
     wait(500 * MS);
 
-    EXPECT_TRUE(instruct("alarm-now 2"));
+    EXPECT_TRUE(runCommand("alarm-now 2"));
 
     EXPECT_EQ("alarm:2\n|", wait(0));
     EXPECT_FALSE(beam().bOn || beam().bMoving);
@@ -369,7 +369,7 @@ TEST_F(ControllerDialogue, RestartGreetsWithTheBeamOff)
 {
     say("M3 S100\nG1 X10 F600\n");
 
-    EXPECT_TRUE(instruct("restart"));
+    EXPECT_TRUE(runCommand("restart"));
 
     EXPECT_EQ("ready\n|", wait(0));
     EXPECT_FALSE(beam().bOn || beam().bMoving);
@@ -377,9 +377,9 @@ TEST_F(ControllerDialogue, RestartGreetsWithTheBeamOff)
 
 TEST_F(ControllerDialogue, MutedControllerSaysNothingButWorks)
 {
-    EXPECT_TRUE(instruct("mute"));
+    EXPECT_TRUE(runCommand("mute"));
     EXPECT_EQ("", say("M3 S100\nG21\n"));
-    EXPECT_TRUE(instruct("unmute"));
+    EXPECT_TRUE(runCommand("unmute"));
 
     EXPECT_EQ("ok\n|", say("G21\n")); // what was lost stays lost
     EXPECT_TRUE(beam().bOn);
@@ -413,7 +413,7 @@ TEST_F(ControllerCareless, HoldAndAlarmKeepTheLaser)
     EXPECT_TRUE(beam().bOn);
     EXPECT_FALSE(beam().bMoving);
 
-    EXPECT_TRUE(instruct("alarm-now 1"));
+    EXPECT_TRUE(runCommand("alarm-now 1"));
 
     EXPECT_TRUE(beam().bOn);
 }
@@ -423,11 +423,11 @@ TEST_F(ControllerDialogue, HeldControllerTakesNoLineAndSaysWhenItGoesOn)
     say("G1 X100 F6000\n");
     wait(500 * MS);
 
-    EXPECT_TRUE(instruct("hold"));
+    EXPECT_TRUE(runCommand("hold"));
     EXPECT_EQ("status:1\n|", say("G1 X1\n"));
     EXPECT_EQ("", wait(1000 * MS));
     EXPECT_DOUBLE_EQ(50, m_controller.getMotion().getPosition()[0]);
-    EXPECT_TRUE(instruct("go"));
+    EXPECT_TRUE(runCommand("go"));
 
     EXPECT_EQ("status:4\nok\n|", say("G1 X1\n"));
     EXPECT_EQ("ok\n|", say("G1 X2\n"));
@@ -444,17 +444,17 @@ TEST_F(ControllerDialogue, HoldAndResumeLines)
 
 TEST_F(ControllerDialogue, FaultsChangeTheAnswer)
 {
-    EXPECT_TRUE(instruct("no-answer"));
+    EXPECT_TRUE(runCommand("no-answer"));
     EXPECT_EQ("", say("G21\n"));
-    EXPECT_TRUE(instruct("half"));
+    EXPECT_TRUE(runCommand("half"));
     EXPECT_EQ("o|", say("G21\n"));
-    EXPECT_TRUE(instruct("double"));
+    EXPECT_TRUE(runCommand("double"));
     EXPECT_EQ("ok\n|ok\n|", say("G21\n"));
-    EXPECT_TRUE(instruct("refuse 5"));
+    EXPECT_TRUE(runCommand("refuse 5"));
     EXPECT_EQ("error:5\n|", say("G21\n"));
-    EXPECT_TRUE(instruct("status 2"));
+    EXPECT_TRUE(runCommand("status 2"));
     EXPECT_EQ("status:2\nok\n|", say("G21\n"));
-    EXPECT_TRUE(instruct("say hello\\n"));
+    EXPECT_TRUE(runCommand("say hello\\n"));
     EXPECT_EQ("hello\n|", wait(0));
 
     EXPECT_EQ("ok\n|", say("G21\n"));
@@ -462,7 +462,7 @@ TEST_F(ControllerDialogue, FaultsChangeTheAnswer)
 
 TEST_F(ControllerDialogue, GarbageFillsAReplyBufferAndIsNoAcknowledgement)
 {
-    EXPECT_TRUE(instruct("garbage"));
+    EXPECT_TRUE(runCommand("garbage"));
 
     const std::string strAnswer = say("G21\n");
 
@@ -473,7 +473,7 @@ TEST_F(ControllerDialogue, GarbageFillsAReplyBufferAndIsNoAcknowledgement)
 
 TEST_F(ControllerDialogue, LateAnswerKeepsItsPlaceInLine)
 {
-    EXPECT_TRUE(instruct("late 300"));
+    EXPECT_TRUE(runCommand("late 300"));
 
     EXPECT_EQ("", say("G77\n"));
     EXPECT_EQ("", say("G21\n"));
@@ -483,8 +483,8 @@ TEST_F(ControllerDialogue, LateAnswerKeepsItsPlaceInLine)
 
 TEST_F(ControllerDialogue, FaultsAreUsedUpInOrder)
 {
-    EXPECT_TRUE(instruct("refuse 5 2"));
-    EXPECT_TRUE(instruct("half"));
+    EXPECT_TRUE(runCommand("refuse 5 2"));
+    EXPECT_TRUE(runCommand("half"));
 
     EXPECT_EQ("error:5\n|", say("G21\n"));
     EXPECT_EQ("error:5\n|", say("G21\n"));
@@ -494,7 +494,7 @@ TEST_F(ControllerDialogue, FaultsAreUsedUpInOrder)
 
 TEST_F(ControllerDialogue, RefusedLineIsNotCarriedOut)
 {
-    EXPECT_TRUE(instruct("refuse 5"));
+    EXPECT_TRUE(runCommand("refuse 5"));
 
     say("G1 X1\n");
 
@@ -506,7 +506,7 @@ TEST_F(ControllerDialogue, AlarmStopsTheArmAndLocks)
     say("G1 X100 F6000\n");
     wait(500 * MS);
     say("M3 S100\n");
-    EXPECT_TRUE(instruct("alarm 1"));
+    EXPECT_TRUE(runCommand("alarm 1"));
 
     EXPECT_EQ("alarm:1\n|", say("G1 X1\n"));
     EXPECT_FALSE(beam().bOn);
@@ -533,11 +533,11 @@ TEST_F(ControllerDialogue, LineOnWhichTheCableIsPulledIsLost)
     EXPECT_TRUE(m_controller.getMotion().isIdle());
 }
 
-TEST_F(ControllerDialogue, NonsenseInstructionsAreRefused)
+TEST_F(ControllerDialogue, NonsenseCommandsAreRefused)
 {
-    for (const char* const pInstruction :
+    for (const char* const pCommand :
          {"", "late", "late x", "refuse", "half 0", "half 1 2", "say", "once", "fly"}) {
-        EXPECT_FALSE(instruct(pInstruction)) << pInstruction;
+        EXPECT_FALSE(runCommand(pCommand)) << pCommand;
     }
 }
 

@@ -7,54 +7,54 @@
 
 TEST(Grammar, PositioningMoveHasItsWords)
 {
-    const Command command = parseLine("G05 X-12.50 Y3.00 F2000 ");
+    const ParsedLine line = parseLine("G05 X-12.50 Y3.00 F2000 ");
 
-    EXPECT_EQ(COMMAND_POSITION, command.eKind);
-    EXPECT_TRUE(command.bHasX && command.bHasY && command.bHasF);
-    EXPECT_FALSE(command.bHasZ);
-    EXPECT_DOUBLE_EQ(-12.5, command.dX);
-    EXPECT_DOUBLE_EQ(3, command.dY);
-    EXPECT_DOUBLE_EQ(2000, command.dF);
+    EXPECT_EQ(LINE_KIND_POSITION, line.eKind);
+    EXPECT_TRUE(line.bHasX && line.bHasY && line.bHasF);
+    EXPECT_FALSE(line.bHasZ);
+    EXPECT_DOUBLE_EQ(-12.5, line.dX);
+    EXPECT_DOUBLE_EQ(3, line.dY);
+    EXPECT_DOUBLE_EQ(2000, line.dF);
 }
 
 TEST(Grammar, NegativeZeroIsANumber)
 {
-    const Command command = parseLine("G05 Z-0.00 F1000 ");
+    const ParsedLine line = parseLine("G05 Z-0.00 F1000 ");
 
-    EXPECT_EQ(COMMAND_POSITION, command.eKind);
-    EXPECT_TRUE(command.bHasZ);
-    EXPECT_DOUBLE_EQ(0, command.dZ);
+    EXPECT_EQ(LINE_KIND_POSITION, line.eKind);
+    EXPECT_TRUE(line.bHasZ);
+    EXPECT_DOUBLE_EQ(0, line.dZ);
 }
 
 TEST(Grammar, KindsOfLines)
 {
-    EXPECT_EQ(COMMAND_HOME, parseLine("$H").eKind);
-    EXPECT_EQ(COMMAND_UNLOCK, parseLine("$X").eKind);
-    EXPECT_EQ(COMMAND_RESUME, parseLine("~").eKind);
+    EXPECT_EQ(LINE_KIND_HOME, parseLine("$H").eKind);
+    EXPECT_EQ(LINE_KIND_UNLOCK, parseLine("$X").eKind);
+    EXPECT_EQ(LINE_KIND_RESUME, parseLine("~").eKind);
     EXPECT_EQ(LASER_ON, parseLine("m3 s500").eLaser);
     EXPECT_EQ(LASER_ON, parseLine("M4").eLaser);
     EXPECT_EQ(LASER_OFF, parseLine("M5").eLaser);
     EXPECT_EQ(LASER_AS_IT_IS, parseLine("G1 X1 S500").eLaser);
-    EXPECT_EQ(COMMAND_SPOT, parseLine("M18 S1").eKind);
-    EXPECT_EQ(COMMAND_LOADER, parseLine("M21").eKind);
-    EXPECT_EQ(COMMAND_MOVE, parseLine("G1X1Y2").eKind);
-    EXPECT_EQ(COMMAND_MOVE, parseLine("X1").eKind);
-    EXPECT_EQ(COMMAND_MOVE, parseLine("G91 G1 X1").eKind);
+    EXPECT_EQ(LINE_KIND_SPOT, parseLine("M18 S1").eKind);
+    EXPECT_EQ(LINE_KIND_LOADER, parseLine("M21").eKind);
+    EXPECT_EQ(LINE_KIND_MOVE, parseLine("G1X1Y2").eKind);
+    EXPECT_EQ(LINE_KIND_MOVE, parseLine("X1").eKind);
+    EXPECT_EQ(LINE_KIND_MOVE, parseLine("G91 G1 X1").eKind);
     EXPECT_TRUE(parseLine("G1 G91 X1").bRelative);
-    EXPECT_EQ(COMMAND_ACCEPTED, parseLine("").eKind);
-    EXPECT_EQ(COMMAND_ACCEPTED, parseLine("; a comment").eKind);
-    EXPECT_EQ(COMMAND_ACCEPTED, parseLine("(a comment) G21").eKind);
-    EXPECT_EQ(COMMAND_ACCEPTED, parseLine("G90\r").eKind);
+    EXPECT_EQ(LINE_KIND_ACCEPTED, parseLine("").eKind);
+    EXPECT_EQ(LINE_KIND_ACCEPTED, parseLine("; a comment").eKind);
+    EXPECT_EQ(LINE_KIND_ACCEPTED, parseLine("(a comment) G21").eKind);
+    EXPECT_EQ(LINE_KIND_ACCEPTED, parseLine("G90\r").eKind);
 }
 
 TEST(Grammar, CombinedWordsAreAllKept)
 {
-    const Command command = parseLine("G1 X20 F600 M3 S100 G91");
+    const ParsedLine line = parseLine("G1 X20 F600 M3 S100 G91");
 
-    EXPECT_EQ(COMMAND_MOVE, command.eKind);
-    EXPECT_EQ(LASER_ON, command.eLaser);
-    EXPECT_TRUE(command.bHasX && command.bHasF && command.bHasS && command.bRelative);
-    EXPECT_EQ(COMMAND_POSITION, parseLine("M5 G05 X5").eKind);
+    EXPECT_EQ(LINE_KIND_MOVE, line.eKind);
+    EXPECT_EQ(LASER_ON, line.eLaser);
+    EXPECT_TRUE(line.bHasX && line.bHasF && line.bHasS && line.bRelative);
+    EXPECT_EQ(LINE_KIND_POSITION, parseLine("M5 G05 X5").eKind);
     EXPECT_EQ(LASER_OFF, parseLine("M5 G05 X5").eLaser);
     EXPECT_TRUE(parseLine("M3 S1 G4 P2").bDwell);
     EXPECT_DOUBLE_EQ(2, parseLine("M3 S1 G4 P2").dP);
@@ -94,8 +94,8 @@ TEST(Grammar, AnyBytesAreFine)
     for (int nFirst = 0; nFirst < 256; ++nFirst) {
         for (int nSecond = 0; nSecond < 256; ++nSecond) {
             const std::string strLine = {static_cast<char>(nFirst), static_cast<char>(nSecond)};
-            const Command command = parseLine(strLine);
-            EXPECT_EQ(COMMAND_REFUSED == command.eKind, 0 != command.nError) << nFirst << nSecond;
+            const ParsedLine line = parseLine(strLine);
+            EXPECT_EQ(LINE_KIND_REFUSED == line.eKind, 0 != line.nError) << nFirst << nSecond;
         }
     }
 }

@@ -1,4 +1,4 @@
-// Greeting, answers, resets and instructions of the virtual controller in Grbl 1.1.
+// Greeting, answers, resets and commands of the virtual controller in Grbl 1.1.
 #include <string>
 
 #include <gtest/gtest.h>
@@ -116,15 +116,15 @@ TEST_F(GrblControllerDialogue, ReportHasWhatTheMaskAsksFor)
 
 TEST_F(GrblControllerDialogue, FaultsHitTheirLines)
 {
-    EXPECT_TRUE(m_controller.instruct("refuse 7", m_s64Now));
+    EXPECT_TRUE(m_controller.runCommand("refuse 7", m_s64Now));
     EXPECT_EQ("error:7\r\n", say("G0 X1\n"));
-    EXPECT_TRUE(m_controller.instruct("no-answer", m_s64Now));
+    EXPECT_TRUE(m_controller.runCommand("no-answer", m_s64Now));
     EXPECT_EQ("", say("G21\n"));
-    EXPECT_TRUE(m_controller.instruct("alarm-now 1", m_s64Now));
+    EXPECT_TRUE(m_controller.runCommand("alarm-now 1", m_s64Now));
     EXPECT_EQ("ALARM:1\r\n[MSG:Reset to continue]\r\n", wait(20 * MS));
-    EXPECT_TRUE(m_controller.instruct("mute", m_s64Now));
+    EXPECT_TRUE(m_controller.runCommand("mute", m_s64Now));
     EXPECT_EQ("", say("?"));
-    EXPECT_TRUE(m_controller.instruct("unmute", m_s64Now));
-    EXPECT_TRUE(m_controller.instruct("restart", m_s64Now));
+    EXPECT_TRUE(m_controller.runCommand("unmute", m_s64Now));
+    EXPECT_TRUE(m_controller.runCommand("restart", m_s64Now));
     EXPECT_TRUE(contains(wait(100 * MS), "Grbl 1.1h"));
 }

@@ -15,10 +15,10 @@ class GrblDialogue : public testing::Test
 protected:
     static constexpr int64_t MS = 1000; // microseconds
 
-    GrblDialogue() : m_controller({}, m_wireLog)
+    GrblDialogue() : m_controller({}, m_journal)
     {
-        m_controller.setTrigger([this](const std::string& strInstruction) {
-            EXPECT_TRUE(m_controller.instruct(strInstruction, m_s64Now));
+        m_controller.setTrigger([this](const std::string& strCommand) {
+            EXPECT_TRUE(m_controller.runCommand(strCommand, m_s64Now));
         });
     }
 
@@ -115,6 +115,6 @@ protected:
     }
 
     int64_t m_s64Now = 0;
-    WireLog m_wireLog;
+    ControllerJournal m_journal;
     GrblController m_controller;
 };

@@ -103,7 +103,7 @@ TEST(KestrelController, AnswersLinesAndRecordsThem)
 
     EXPECT_EQ("ok\ndone\n", port.hear(8)); // the wire's times show them apart
     std::vector<VirtualController::Record> vecRecord;
-    for (const VirtualController::Record& record : controller.readWire()) {
+    for (const VirtualController::Record& record : controller.readJournal()) {
         if ("beam" != record.strKind) {
             vecRecord.push_back(record);
         }
@@ -134,12 +134,12 @@ TEST(KestrelController, PulledCableHangsUpAndTheNodeGoesAndComesBack)
     VirtualController controller;
     Port port(controller.getNode());
 
-    EXPECT_EQ("ok", controller.instruct("unplug"));
+    EXPECT_EQ("ok", controller.command("unplug"));
 
     EXPECT_FALSE(exists(controller.getNode()));
     EXPECT_EQ("", port.hear());
     EXPECT_EQ(-1, port.say("G21\n"));
-    EXPECT_EQ("ok", controller.instruct("plug"));
+    EXPECT_EQ("ok", controller.command("plug"));
     Port next(controller.getNode());
     next.say("G21\n");
     EXPECT_EQ("ok\n", next.hear());
@@ -156,7 +156,7 @@ TEST(KestrelController, CableIsPulledInMidJob)
 {
     VirtualController controller;
     Port port(controller.getNode());
-    EXPECT_EQ("ok", controller.instruct("line 2 unplug"));
+    EXPECT_EQ("ok", controller.command("line 2 unplug"));
 
     port.say("G21\n");
     EXPECT_EQ("ok\n", port.hear());
@@ -170,7 +170,7 @@ TEST(KestrelController, StalledControllerLetsThePipeFillUp)
 {
     VirtualController controller;
     Port port(controller.getNode());
-    EXPECT_EQ("ok", controller.instruct("stall"));
+    EXPECT_EQ("ok", controller.command("stall"));
 
     const std::string strBlock(4096, 'x');
     ssize_t nWritten = 0;
@@ -182,7 +182,7 @@ TEST(KestrelController, StalledControllerLetsThePipeFillUp)
     } while (nWritten > 0);
     EXPECT_EQ(EAGAIN, errno);
 
-    EXPECT_EQ("ok", controller.instruct("unstall"));
+    EXPECT_EQ("ok", controller.command("unstall"));
     EXPECT_TRUE(VirtualController::waitUntil([&port] { return port.say("\n") > 0; }));
     EXPECT_TRUE(VirtualController::waitUntil(
         [&controller] { return !controller.readTexts("rx").empty(); }));
@@ -193,7 +193,7 @@ TEST(KestrelController, WrongSpeedIsGarbage)
     VirtualController controller;
     Port port(controller.getNode(), B57600);
     port.say("G21\n");
-    controller.instruct("say ok\\n");
+    controller.command("say ok\\n");
 
     const std::string strHeard = port.hear(3);
 
@@ -324,14 +324,14 @@ TEST(KestrelController, MovesTheSceneSpotAgainstItsAxes)
     EXPECT_EQ(-3000, pScene->s32YMicrometre);
     EXPECT_EQ(4750, pScene->s32ZMicrometre);
     EXPECT_EQ((std::vector<std::string>{"ok\n", "done\nok\n"}), controller.readTexts("tx"));
-    controller.instruct("focus-z -1.5"); // another workpiece
+    controller.command("focus-z -1.5"); // another workpiece
     EXPECT_EQ(-1750, pScene->s32ZMicrometre);
 
-    controller.instruct("state");
+    controller.command("state");
     auto* const pWritable = static_cast<SceneState*>(
         mmap(nullptr, sizeof(SceneState), PROT_READ | PROT_WRITE, MAP_SHARED, nFd, 0));
     pWritable->s32XMicrometre = 7; // placed by someone else while the arm rests
-    controller.instruct("state");
+    controller.command("state");
     EXPECT_EQ(7, pScene->s32XMicrometre);
     munmap(pWritable, sizeof(SceneState));
     close(nFd);
@@ -371,7 +371,7 @@ TEST(KestrelController, ScriptIsCarriedOutAtItsTimes)
     port.say("G21\n");
     EXPECT_EQ("error:5\n", port.hear());
     const std::vector<std::string> vecExpected = {"unplug", "plug", "refuse 5"};
-    EXPECT_EQ(vecExpected, controller.readTexts("instructed"));
+    EXPECT_EQ(vecExpected, controller.readTexts("command"));
     unlink(strScript.c_str());
 }
 
@@ -396,7 +396,7 @@ TEST(KestrelController, BeamCanBeAskedForAndIsRecorded)
     const std::vector<std::string> vecExpected = {
         "on=1 power=250 moving=0", "on=1 power=250 moving=1", "on=0 power=250 moving=0"};
     EXPECT_EQ(vecExpected, controller.readTexts("beam"));
-    const std::string strBeam = controller.instruct("beam");
+    const std::string strBeam = controller.command("beam");
     EXPECT_EQ(0U, strBeam.find("on=0 power=250 moving=0 since=")) << strBeam;
 }
 
@@ -420,7 +420,7 @@ TEST(KestrelController, SpeaksGrbl)
 
     port.say("M3 S500\nG1 F300\n");
     EXPECT_EQ("ok\r\nok\r\n", port.hear(8));
-    EXPECT_EQ(0U, controller.instruct("beam").find("on=1 power=500 moving=0 "));
+    EXPECT_EQ(0U, controller.command("beam").find("on=1 power=500 moving=0 "));
     port.say("\x18");
 
     EXPECT_EQ("\r\nGrbl 1.1h ['$' for help]\r\n", port.hear(28));
@@ -438,5 +438,5 @@ TEST(KestrelController, NonsenseIsAnsweredSo)
 {
     VirtualController controller;
 
-    EXPECT_EQ("error: not understood: fly", controller.instruct("fly"));
+    EXPECT_EQ("error: not understood: fly", controller.command("fly"));
 }

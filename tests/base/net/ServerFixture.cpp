@@ -1,4 +1,4 @@
-// A TCP server whose steps can be made to fail, and a journal of what happens to its connections.
+// A TCP server whose steps can be made to fail, and a record of what happens to its connections.
 #include "ServerFixture.h"
 
 #include <cstdlib>
@@ -9,13 +9,13 @@
 #include "Eventually.h"
 #include "NetPair.h"
 
-void Journal::note(const std::string& strStep, int nClient)
+void StepLog::note(const std::string& strStep, int nClient)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
     m_vecStep.push_back(strStep + " " + std::to_string(nClient));
 }
 
-std::vector<std::string> Journal::take()
+std::vector<std::string> StepLog::take()
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
     std::vector<std::string> vecResult;
@@ -23,7 +23,7 @@ std::vector<std::string> Journal::take()
     return vecResult;
 }
 
-int Journal::count(const std::string& strStep)
+int StepLog::count(const std::string& strStep)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
     int nCount = 0;
@@ -33,53 +33,53 @@ int Journal::count(const std::string& strStep)
     return nCount;
 }
 
-JournalClient::JournalClient(Journal& journal, const std::set<std::string>& failing, int nNumber)
-    : m_journal(journal), m_failing(failing), m_nNumber(nNumber)
+StepClient::StepClient(StepLog& steps, const std::set<std::string>& failing, int nNumber)
+    : m_steps(steps), m_failing(failing), m_nNumber(nNumber)
 {
 }
 
-JournalClient::~JournalClient()
+StepClient::~StepClient()
 {
     (void)step("delete");
 }
 
-int JournalClient::step(const char* pStep)
+int StepClient::step(const char* pStep)
 {
-    m_journal.note(pStep, m_nNumber);
+    m_steps.note(pStep, m_nNumber);
     return (0 != m_failing.count(pStep)) ? 1 : 0;
 }
 
-int JournalClient::init()
+int StepClient::init()
 {
     return step("init");
 }
 
-int JournalClient::start()
+int StepClient::start()
 {
     return step("start");
 }
 
-int JournalClient::stop()
+int StepClient::stop()
 {
     return step("stop");
 }
 
-int JournalClient::uninit()
+int StepClient::uninit()
 {
     return step("uninit");
 }
 
-int JournalClient::onError(EPollEvent&)
+int StepClient::onError(EPollEvent&)
 {
     return step("onError");
 }
 
-int JournalClient::onWrite(EPollEvent& event)
+int StepClient::onWrite(EPollEvent& event)
 {
     return (0 != m_failing.count("onWrite")) ? step("onWrite") : SendQueueTcpClient::onWrite(event);
 }
 
-int JournalClient::onRead(EPollEvent&)
+int StepClient::onRead(EPollEvent&)
 {
     char acBuffer[10];
     int nDone = 0;
@@ -97,39 +97,39 @@ int JournalClient::onRead(EPollEvent&)
     return 0;
 }
 
-JournalServer::~JournalServer()
+StepServer::~StepServer()
 {
-    endService(); // the clients use the journal
+    endService(); // the clients use the record
 }
 
-TcpClient* JournalServer::createClient()
+TcpClient* StepServer::createClient()
 {
     const int nNumber = ++m_nClients;
-    m_journal.note("create", nNumber);
+    m_steps.note("create", nNumber);
     if (0 != m_failing.count("create")) {
         return nullptr;
     }
-    m_pLast = new JournalClient(m_journal, m_failing, nNumber);
+    m_pLast = new StepClient(m_steps, m_failing, nNumber);
     if (m_onCreate) {
         m_onCreate();
     }
     return m_pLast;
 }
 
-void JournalServer::listen()
+void StepServer::listen()
 {
     ASSERT_EQ(0, init(0, "127.0.0.1", 8192, 16384));
 }
 
-uint16_t JournalServer::getPort() const
+uint16_t StepServer::getPort() const
 {
     return portOf(m_socket.getFd());
 }
 
-bool JournalServer::poll(const std::string& strStep, int nCount)
+bool StepServer::poll(const std::string& strStep, int nCount)
 {
     return eventually([&] {
-        if (m_journal.count(strStep) >= nCount) {
+        if (m_steps.count(strStep) >= nCount) {
             return true;
         }
         (void)pollOnce();

@@ -1,4 +1,4 @@
-// A TCP server whose steps can be made to fail, and a journal of what happens to its connections.
+// A TCP server whose steps can be made to fail, and a record of what happens to its connections.
 #pragma once
 
 #include <atomic>
@@ -13,7 +13,7 @@
 #include "TcpServer.h"
 
 /** What happened, in order, as "STEP NUMBER" with the number of the connection. */
-class Journal
+class StepLog
 {
 public:
     void note(const std::string& strStep, int nClient);
@@ -29,11 +29,11 @@ private:
 };
 
 /** Echoes what it reads, a few bytes per call. */
-class JournalClient : public SendQueueTcpClient
+class StepClient : public SendQueueTcpClient
 {
 public:
-    JournalClient(Journal& journal, const std::set<std::string>& failing, int nNumber);
-    ~JournalClient() override;
+    StepClient(StepLog& steps, const std::set<std::string>& failing, int nNumber);
+    ~StepClient() override;
 
     int init() override;
     int start() override;
@@ -46,17 +46,17 @@ public:
 private:
     int step(const char* pStep);
 
-    Journal& m_journal;
+    StepLog& m_steps;
     const std::set<std::string>& m_failing;
     const int m_nNumber;
 };
 
 /** On a port of the kernel's choice; buffers of 8192 and 16384 bytes. */
-class JournalServer : public TcpServer
+class StepServer : public TcpServer
 {
 public:
-    explicit JournalServer(int nMostClients = INT_MAX) : TcpServer(nullptr, nMostClients) {}
-    ~JournalServer() override;
+    explicit StepServer(int nMostClients = INT_MAX) : TcpServer(nullptr, nMostClients) {}
+    ~StepServer() override;
 
     TcpClient* createClient() override;
 
@@ -72,10 +72,10 @@ public:
     /** Passes of the reactor on this thread until the steps have happened that often, or 30 s. */
     bool poll(const std::string& strStep, int nCount = 1);
 
-    Journal m_journal;
+    StepLog m_steps;
     std::set<std::string> m_failing;            // steps that return 1; "create" gives no client
     std::atomic<int> m_nClients{0};             // made so far
-    JournalClient* m_pLast = nullptr;           // made last
+    StepClient* m_pLast = nullptr;              // made last
     std::function<void()> m_onCreate;           // called once a client has been made
     std::function<uint32_t(TcpClient&)> m_rank; // of makeRoom; without, there is none
 

@@ -83,14 +83,14 @@ private:
 
 TEST(TcpServerAccept, ConnectionIsTunedServedAndAnnounced)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     LogCapture log;
     TcpSocket peer = connectTo(server.getPort());
 
     ASSERT_TRUE(server.poll("start"));
 
-    EXPECT_EQ(Steps({"create 1", "init 1", "start 1"}), server.m_journal.take());
+    EXPECT_EQ(Steps({"create 1", "init 1", "start 1"}), server.m_steps.take());
     const int nFd = server.m_pLast->getSocket().getFd();
     EXPECT_NE(0, fcntl(nFd, F_GETFL) & O_NONBLOCK);
     EXPECT_NE(0, fcntl(nFd, F_GETFD) & FD_CLOEXEC);
@@ -118,7 +118,7 @@ TEST(TcpServerAccept, ConnectionIsTunedServedAndAnnounced)
 
 TEST(TcpServerAccept, AllPendingConnectionsAreAcceptedAtOnce)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     std::vector<TcpSocket> vecPeer;
     for (int i = 0; i < 15; ++i) {
@@ -127,11 +127,11 @@ TEST(TcpServerAccept, AllPendingConnectionsAreAcceptedAtOnce)
 
     // The last ones may still be on their way through the kernel.
     int nPasses = 0;
-    for (; nPasses < 15 && server.m_journal.count("start") < 15; ++nPasses) {
+    for (; nPasses < 15 && server.m_steps.count("start") < 15; ++nPasses) {
         EXPECT_EQ(0, server.pollOnce());
     }
 
-    EXPECT_EQ(15, server.m_journal.count("start"));
+    EXPECT_EQ(15, server.m_steps.count("start"));
     EXPECT_GT(8, nPasses);
     for (TcpSocket& peer : vecPeer) {
         (void)peer.close();
@@ -140,7 +140,7 @@ TEST(TcpServerAccept, AllPendingConnectionsAreAcceptedAtOnce)
 
 TEST(TcpServerAccept, PassAcceptsSixteenConnectionsAndTheNextOneTheRest)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     std::vector<TcpSocket> vecPeer;
     for (int i = 0; i < 20; ++i) {
@@ -154,9 +154,9 @@ TEST(TcpServerAccept, PassAcceptsSixteenConnectionsAndTheNextOneTheRest)
     }));
 
     EXPECT_EQ(0, server.pollOnce());
-    EXPECT_EQ(16, server.m_journal.count("start"));
+    EXPECT_EQ(16, server.m_steps.count("start"));
     EXPECT_EQ(0, server.pollOnce());
-    EXPECT_EQ(20, server.m_journal.count("start"));
+    EXPECT_EQ(20, server.m_steps.count("start"));
     for (TcpSocket& peer : vecPeer) {
         (void)peer.close();
     }
@@ -164,7 +164,7 @@ TEST(TcpServerAccept, PassAcceptsSixteenConnectionsAndTheNextOneTheRest)
 
 TEST(TcpServerAccept, BeyondItsMostConnectionsTheNewestIsRefused)
 {
-    JournalServer server(2);
+    StepServer server(2);
     server.listen();
     TcpSocket first = connectTo(server.getPort());
     TcpSocket second = connectTo(server.getPort());
@@ -175,7 +175,7 @@ TEST(TcpServerAccept, BeyondItsMostConnectionsTheNewestIsRefused)
     EXPECT_TRUE(sawEnd(third));
     EXPECT_TRUE(isSilent(first));
     EXPECT_TRUE(isSilent(second));
-    EXPECT_EQ(2, server.m_journal.count("create"));
+    EXPECT_EQ(2, server.m_steps.count("create"));
 
     (void)first.close();
     ASSERT_TRUE(server.poll("delete"));
@@ -188,7 +188,7 @@ TEST(TcpServerAccept, BeyondItsMostConnectionsTheNewestIsRefused)
 
 TEST(TcpServerAccept, BeyondItsMostConnectionsOneMayMakeRoom)
 {
-    JournalServer server(2);
+    StepServer server(2);
     server.listen();
     TcpSocket first = connectTo(server.getPort());
     ASSERT_TRUE(server.poll("start"));
@@ -208,7 +208,7 @@ TEST(TcpServerAccept, BeyondItsMostConnectionsOneMayMakeRoom)
 
 TEST(TcpServerAccept, AcceptedSocketsDoNotWaitForMoreToSend)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     ASSERT_TRUE(server.poll("start"));
@@ -219,7 +219,7 @@ TEST(TcpServerAccept, AcceptedSocketsDoNotWaitForMoreToSend)
 
 TEST(TcpServerAccept, KernelKeepsLittleUnsentForAcceptedSockets)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     ASSERT_TRUE(server.poll("start"));
@@ -230,7 +230,7 @@ TEST(TcpServerAccept, KernelKeepsLittleUnsentForAcceptedSockets)
 
 TEST(TcpServerAccept, SocketThatWaitsForMoreToSendIsServedAllTheSame)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     LogCapture log;
@@ -258,10 +258,10 @@ TEST(TcpServerAccept, SocketThatCantBeTunedIsClosedAndItsClientKept)
         {"setsockopt:6:ENOMEM", "tcp client socket set send buffer error !!\n"},
     };
     for (const Case& entry : aCase) {
-        Journal* pJournal = nullptr;
+        StepLog* pSteps = nullptr;
         {
-            JournalServer server;
-            pJournal = &server.m_journal;
+            StepServer server;
+            pSteps = &server.m_steps;
             server.listen();
             TcpSocket peer = connectTo(server.getPort());
             TcpSocket next = connectTo(server.getPort());
@@ -273,7 +273,7 @@ TEST(TcpServerAccept, SocketThatCantBeTunedIsClosedAndItsClientKept)
             EXPECT_EQ(1U, faultHits());
             EXPECT_EQ(Lines({acceptLine(entry.pText)}), takeLines(log, "[error] [TcpServer ]"));
             // Deliberate: not destroyed, neither initialised.
-            EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), pJournal->take());
+            EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), pSteps->take());
             EXPECT_TRUE(sawEnd(peer));
             (void)peer.close();
             (void)next.close();
@@ -283,7 +283,7 @@ TEST(TcpServerAccept, SocketThatCantBeTunedIsClosedAndItsClientKept)
 
 TEST(TcpServerAccept, InterruptedAcceptIsLoggedAndTheLoopGoesOn)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     LogCapture log;
@@ -293,13 +293,13 @@ TEST(TcpServerAccept, InterruptedAcceptIsLoggedAndTheLoopGoesOn)
 
     EXPECT_EQ(Lines({acceptLine("tcp client socket set unblock error !!\n")}),
               takeLines(log, "[error]"));
-    EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), server.m_journal.take());
+    EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), server.m_steps.take());
     (void)peer.close();
 }
 
 TEST(TcpServerAccept, WithoutAClientTheConnectionStaysOpenAndUnserved)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     server.m_failing = {"create"};
     TcpSocket peer = connectTo(server.getPort());
@@ -313,7 +313,7 @@ TEST(TcpServerAccept, WithoutAClientTheConnectionStaysOpenAndUnserved)
     ASSERT_TRUE(server.poll("start"));
 
     EXPECT_TRUE(isSilent(peer));
-    EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), server.m_journal.take());
+    EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), server.m_steps.take());
     (void)peer.close();
     (void)next.close();
 }
@@ -342,7 +342,7 @@ TEST(TcpServerAccept, WithoutMemoryForAClientTheConnectionIsClosed)
 
 TEST(TcpServerAccept, WithoutMemoryToKeepAnUntunedClientItIsDestroyed)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     server.m_onCreate = [] {
@@ -353,7 +353,7 @@ TEST(TcpServerAccept, WithoutMemoryToKeepAnUntunedClientItIsDestroyed)
     ASSERT_TRUE(server.poll("delete"));
     (void)faultPlan("");
 
-    EXPECT_EQ(Steps({"create 1", "delete 1"}), server.m_journal.take());
+    EXPECT_EQ(Steps({"create 1", "delete 1"}), server.m_steps.take());
     EXPECT_TRUE(sawEnd(peer));
     (void)peer.close();
 }
@@ -382,7 +382,7 @@ TEST(TcpServerAccept, EachFailedStepOfAClientEndsIt)
          {"create 1", "init 1", "start 1", "stop 1", "uninit 1", "delete 1"}},
     };
     for (const Case& entry : aCase) {
-        JournalServer server;
+        StepServer server;
         server.listen();
         server.m_failing = {entry.pFailing};
         TcpSocket peer = connectTo(server.getPort());
@@ -391,7 +391,7 @@ TEST(TcpServerAccept, EachFailedStepOfAClientEndsIt)
 
         ASSERT_TRUE(server.poll("delete"));
 
-        EXPECT_EQ(entry.steps, server.m_journal.take());
+        EXPECT_EQ(entry.steps, server.m_steps.take());
         EXPECT_EQ(Lines({acceptLine(entry.pText)}), takeLines(log, "[TcpServer ]"));
         EXPECT_TRUE(sawEnd(peer));
         (void)peer.close();
@@ -401,7 +401,7 @@ TEST(TcpServerAccept, EachFailedStepOfAClientEndsIt)
 TEST(TcpServerAccept, FailedAcceptIsTriedAgainWithoutANewConnection)
 {
     for (const int nError : {ECONNABORTED, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO}) {
-        JournalServer server;
+        StepServer server;
         server.listen();
         TcpSocket peer = connectTo(server.getPort());
         FaultScope fault(("accept4:1:" + std::to_string(nError)).c_str());
@@ -415,7 +415,7 @@ TEST(TcpServerAccept, FailedAcceptIsTriedAgainWithoutANewConnection)
 
 TEST(TcpServerAccept, AcceptThatKeepsFailingIsTriedInEachPass)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     FaultScope fault("accept4:1-3:EMFILE");
@@ -424,7 +424,7 @@ TEST(TcpServerAccept, AcceptThatKeepsFailingIsTriedInEachPass)
     EXPECT_EQ(2U, faultHits()); // the event's, and once more at the end of the pass
     EXPECT_EQ(0, server.pollOnce());
     EXPECT_EQ(3U, faultHits()); // not in a loop
-    EXPECT_EQ(0, server.m_journal.count("start"));
+    EXPECT_EQ(0, server.m_steps.count("start"));
 
     EXPECT_TRUE(server.poll("start"));
     (void)peer.close();
@@ -432,7 +432,7 @@ TEST(TcpServerAccept, AcceptThatKeepsFailingIsTriedInEachPass)
 
 TEST(TcpServerAccept, NothingIsTriedAgainAfterTheLastConnection)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     ASSERT_TRUE(server.poll("start"));
@@ -452,7 +452,7 @@ TEST(TcpServerAccept, RunningOutOfDescriptorsIsOverWhenClientsLeave)
 {
     DescriptorLimit limit(64);
     std::vector<TcpSocket> vecPeer = limit.makePeers(15);
-    JournalServer server;
+    StepServer server;
     limit.apply(6);
     server.listen();
     for (TcpSocket& peer : vecPeer) {
@@ -460,14 +460,14 @@ TEST(TcpServerAccept, RunningOutOfDescriptorsIsOverWhenClientsLeave)
     }
     ASSERT_TRUE(server.poll("start", 3));
     EXPECT_EQ(0, server.pollOnce());
-    EXPECT_LT(server.m_journal.count("start"), 15);
+    EXPECT_LT(server.m_steps.count("start"), 15);
 
     // No new connection comes: only the departures make room.
     for (TcpSocket& peer : vecPeer) {
         (void)peer.close();
     }
     EXPECT_TRUE(server.poll("delete", 15));
-    EXPECT_EQ(15, server.m_journal.count("start"));
+    EXPECT_EQ(15, server.m_steps.count("start"));
 }
 
 TEST(TcpServerAccept, ManyClientsPassThroughFewDescriptors)
@@ -476,7 +476,7 @@ TEST(TcpServerAccept, ManyClientsPassThroughFewDescriptors)
     const size_t uLeaving = 12;
     DescriptorLimit limit(64);
     std::vector<TcpSocket> vecPeer = limit.makePeers(60);
-    JournalServer server;
+    StepServer server;
     limit.apply(20);
     server.listen();
     ASSERT_EQ(0, server.start());
@@ -509,5 +509,5 @@ TEST(TcpServerAccept, ManyClientsPassThroughFewDescriptors)
         return uConnected == vecPeer.size() && vecAsking.empty() && vecAnswered.empty();
     }));
 
-    EXPECT_TRUE(eventually([&] { return 60 == server.m_journal.count("delete"); }));
+    EXPECT_TRUE(eventually([&] { return 60 == server.m_steps.count("delete"); }));
 }

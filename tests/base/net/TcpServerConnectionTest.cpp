@@ -41,7 +41,7 @@ protected:
         (void)m_peer.close();
     }
 
-    JournalServer m_server;
+    StepServer m_server;
     TcpSocket m_peer;
 };
 
@@ -72,7 +72,7 @@ TEST_F(TcpServerConnection, PassReadsSixteenTimesAndTheRestHasItsTurn)
 
 TEST_F(TcpServerConnection, FloodDoesNotKeepOthersWaiting)
 {
-    JournalClient* pFlooded = m_server.m_pLast;
+    StepClient* pFlooded = m_server.m_pLast;
     TcpSocket other = connectTo(m_server.getPort());
     ASSERT_TRUE(m_server.poll("start", 2));
     const std::string strSent(10000, 'r'); // 63 passes
@@ -105,7 +105,7 @@ TEST_F(TcpServerConnection, ThatCannotBeArmedAgainEnds)
 
 TEST_F(TcpServerConnection, HangUpEndsItOnce)
 {
-    (void)m_server.m_journal.take();
+    (void)m_server.m_steps.take();
     const int nFd = m_server.m_pLast->getSocket().getFd();
     LogCapture log;
 
@@ -113,14 +113,14 @@ TEST_F(TcpServerConnection, HangUpEndsItOnce)
     ASSERT_TRUE(m_server.poll("delete"));
     EXPECT_EQ(0, m_server.pollOnce()); // nothing more comes of it
 
-    EXPECT_EQ(Steps({"onError 1", "stop 1", "uninit 1", "delete 1"}), m_server.m_journal.take());
+    EXPECT_EQ(Steps({"onError 1", "stop 1", "uninit 1", "delete 1"}), m_server.m_steps.take());
     EXPECT_FALSE(isOpen(nFd));
     EXPECT_EQ(Lines({CONNECTION_LINE}), takeLines(log));
 }
 
 TEST_F(TcpServerConnection, ResetEndsItOnce)
 {
-    (void)m_server.m_journal.take();
+    (void)m_server.m_steps.take();
     const int nFd = m_server.m_pLast->getSocket().getFd();
 
     ASSERT_EQ(0, m_peer.setOptLinger(true, 0));
@@ -128,30 +128,30 @@ TEST_F(TcpServerConnection, ResetEndsItOnce)
     ASSERT_TRUE(m_server.poll("delete"));
     EXPECT_EQ(0, m_server.pollOnce());
 
-    EXPECT_EQ(Steps({"onError 1", "stop 1", "uninit 1", "delete 1"}), m_server.m_journal.take());
+    EXPECT_EQ(Steps({"onError 1", "stop 1", "uninit 1", "delete 1"}), m_server.m_steps.take());
     EXPECT_FALSE(isOpen(nFd));
 }
 
 TEST_F(TcpServerConnection, FailedStopLeavesOutUninit)
 {
     m_server.m_failing = {"stop"};
-    (void)m_server.m_journal.take();
+    (void)m_server.m_steps.take();
 
     (void)m_peer.close();
     ASSERT_TRUE(m_server.poll("delete"));
 
-    EXPECT_EQ(Steps({"onError 1", "stop 1", "delete 1"}), m_server.m_journal.take());
+    EXPECT_EQ(Steps({"onError 1", "stop 1", "delete 1"}), m_server.m_steps.take());
 }
 
 TEST_F(TcpServerConnection, FailedReadOrWriteEndsIt)
 {
     m_server.m_failing = {"onRead"};
-    (void)m_server.m_journal.take();
+    (void)m_server.m_steps.take();
 
     ASSERT_EQ(1, send(m_peer.getFd(), "x", 1, 0));
     ASSERT_TRUE(m_server.poll("delete"));
     EXPECT_EQ(Steps({"onRead 1", "onError 1", "stop 1", "uninit 1", "delete 1"}),
-              m_server.m_journal.take());
+              m_server.m_steps.take());
     EXPECT_TRUE(sawEnd(m_peer));
 
     m_server.m_failing = {"onWrite"};
@@ -159,7 +159,7 @@ TEST_F(TcpServerConnection, FailedReadOrWriteEndsIt)
     ASSERT_TRUE(m_server.poll("delete")); // writable at once
     EXPECT_EQ(Steps({"create 2", "init 2", "start 2", "onWrite 2", "onError 2", "stop 2",
                      "uninit 2", "delete 2"}),
-              m_server.m_journal.take());
+              m_server.m_steps.take());
     EXPECT_TRUE(sawEnd(writer));
     (void)writer.close();
 }
@@ -167,7 +167,7 @@ TEST_F(TcpServerConnection, FailedReadOrWriteEndsIt)
 TEST_F(TcpServerConnection, WriteThatFailsOnAnotherThreadEndsIt)
 {
     (void)m_server.pollOnce(); // the first out event
-    (void)m_server.m_journal.take();
+    (void)m_server.m_steps.take();
     FaultScope fault("sendmsg:1:ENOMEM");
 
     std::thread producer([&] {
@@ -176,10 +176,10 @@ TEST_F(TcpServerConnection, WriteThatFailsOnAnotherThreadEndsIt)
         m_server.m_pLast->send(SafePointer_C<char>(pData), 4);
     });
     producer.join();
-    EXPECT_EQ(Steps(), m_server.m_journal.take()); // only the reactor ends it
+    EXPECT_EQ(Steps(), m_server.m_steps.take()); // only the reactor ends it
     ASSERT_TRUE(m_server.poll("delete"));
 
     EXPECT_EQ(1U, faultHits());
-    EXPECT_EQ(Steps({"onError 1", "stop 1", "uninit 1", "delete 1"}), m_server.m_journal.take());
+    EXPECT_EQ(Steps({"onError 1", "stop 1", "uninit 1", "delete 1"}), m_server.m_steps.take());
     EXPECT_TRUE(sawEnd(m_peer));
 }

@@ -45,7 +45,7 @@ public:
         EXPECT_TRUE(m_server.poll("start"));
         EXPECT_EQ(0, m_server.pollOnce());
         m_nFd = m_server.m_pLast->getSocket().getFd();
-        (void)m_server.m_journal.take();
+        (void)m_server.m_steps.take();
     }
     OneConnection(const OneConnection&) = delete;
     OneConnection& operator=(const OneConnection&) = delete;
@@ -66,7 +66,7 @@ public:
         EXPECT_EQ(0, m_server.pollOnce());
     }
 
-    JournalServer m_server;
+    StepServer m_server;
     TcpSocket m_peer;
     int m_nFd = -1;
 };
@@ -89,7 +89,7 @@ const Steps ENDED = {"onError 1", "stop 1", "uninit 1", "delete 1"};
 
 TEST(TcpServerReactor, StepsOfInitHaveTheirOrder)
 {
-    JournalServer server;
+    StepServer server;
     const CallJournal journal("socket fcntl setsockopt bind listen epoll_ctl");
 
     server.listen();
@@ -108,7 +108,7 @@ TEST(TcpServerReactor, StepsOfInitHaveTheirOrder)
 
 TEST(TcpServerReactor, ConnectionsAreEdgeTriggeredForAllButUrgentData)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     TcpSocket peer = connectTo(server.getPort());
     const CallJournal journal("epoll_ctl");
@@ -135,7 +135,7 @@ TEST(TcpServerReactor, ConnectionLeftWithMoreToReadIsArmedWithTheSameMask)
 
 TEST(TcpServerReactor, WaitTakesTwentyEntriesAndLastsASecond)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     const FaultScope fault("epoll_wait:1:EINTR");
     const CallJournal journal("epoll_wait select");
@@ -160,14 +160,14 @@ TEST(TcpServerReactor, ThreadWithoutANameIsCalledEpoll)
     };
     const int nBefore = countThreads();
 
-    const JournalServer server;
+    const StepServer server;
 
     EXPECT_EQ(nBefore + 1, countThreads());
 }
 
 TEST(TcpServerReactor, EndOfAConnectionFreesAllOfIt)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     int nEnded = 0;
     const auto comeAndGo = [&] {
@@ -176,7 +176,7 @@ TEST(TcpServerReactor, EndOfAConnectionFreesAllOfIt)
         ASSERT_EQ(0, peer.setOptLinger(true, 0)); // no port is left waiting
         (void)peer.close();
         ASSERT_TRUE(server.poll("delete"));
-        (void)server.m_journal.take();
+        (void)server.m_steps.take();
         ++nEnded;
     };
     LogCapture log;
@@ -199,7 +199,7 @@ TEST(TcpServerReactor, EachReportOfABrokenConnectionEndsItByItself)
 
         one.report(u32Mask);
 
-        EXPECT_EQ(ENDED, one.m_server.m_journal.take()) << u32Mask;
+        EXPECT_EQ(ENDED, one.m_server.m_steps.take()) << u32Mask;
         EXPECT_FALSE(isOpen(one.m_nFd)) << u32Mask;
     }
 }
@@ -238,14 +238,14 @@ TEST(TcpServerReactor, NothingOfAnEntryFollowsTheEndOfItsConnection)
 
         Steps expected = entry.before;
         expected.insert(expected.end(), ENDED.begin(), ENDED.end());
-        EXPECT_EQ(expected, one.m_server.m_journal.take()) << entry.u32Mask;
+        EXPECT_EQ(expected, one.m_server.m_steps.take()) << entry.u32Mask;
         EXPECT_EQ(0, later.m_nCalls) << entry.u32Mask;
     }
 }
 
 TEST(TcpServerReactor, BrokenEntryWithoutAConnectionEndsItsPartOfThePass)
 {
-    JournalServer server;
+    StepServer server;
     server.listen(); // nobody owns the listener's entry
     Counter later;
     ASSERT_EQ(RET_SUCCESS, server.setHupHandler(&later, &Counter::onEvent));
@@ -257,7 +257,7 @@ TEST(TcpServerReactor, BrokenEntryWithoutAConnectionEndsItsPartOfThePass)
     }
 
     EXPECT_EQ(0, later.m_nCalls);
-    EXPECT_EQ(Steps(), server.m_journal.take());
+    EXPECT_EQ(Steps(), server.m_steps.take());
     EXPECT_TRUE(isOpen(server.getListenFd()));
     (void)peer.close();
 }
@@ -268,21 +268,21 @@ TEST(TcpServerReactor, EndIsLoggedBeforeTheConnectionIsDeleted)
     {
         int onLog(Event*)
         {
-            journal.note("log", 1);
+            steps.note("log", 1);
             return 0;
         }
-        Journal& journal;
+        StepLog& steps;
     };
     OneConnection one;
     const LogCapture quiet;
-    Sink sink{one.m_server.m_journal};
+    Sink sink{one.m_server.m_steps};
     EventBus<LogEvent>::subscribe(&sink, &Sink::onLog);
 
     one.report(EPOLLHUP);
     EventBus<LogEvent>::unsubscribe(&sink, &Sink::onLog);
 
     EXPECT_EQ((Steps{"onError 1", "stop 1", "uninit 1", "log 1", "delete 1"}),
-              one.m_server.m_journal.take());
+              one.m_server.m_steps.take());
 }
 
 // A number that is closed first may be another thread's descriptor by the time it is taken out.
@@ -299,7 +299,7 @@ TEST(TcpServerReactor, DescriptorLeavesTheReactorBeforeItIsClosed)
 
 TEST(TcpServerReactor, ListenerLeavesTheReactorBeforeItIsClosed)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     const std::string strFd = text(server.getListenFd());
     const CallJournal journal("epoll_ctl close");

@@ -33,7 +33,7 @@ const char* const CONNECTION_LINE = "[info ] [TcpServer ] [onPollError] tcp clie
 
 TEST(TcpServer, InitListensOnAllAddressesOrOne)
 {
-    JournalServer server;
+    StepServer server;
     ASSERT_EQ(0, server.init(0, nullptr, 4096, 4096));
     sockaddr_in address{};
     socklen_t uLength = sizeof(address);
@@ -41,7 +41,7 @@ TEST(TcpServer, InitListensOnAllAddressesOrOne)
               getsockname(server.getListenFd(), reinterpret_cast<sockaddr*>(&address), &uLength));
     EXPECT_EQ(htonl(INADDR_ANY), address.sin_addr.s_addr);
 
-    JournalServer other;
+    StepServer other;
     other.listen();
     const int nFd = other.getListenFd();
     ASSERT_EQ(0, getsockname(nFd, reinterpret_cast<sockaddr*>(&address), &uLength));
@@ -81,7 +81,7 @@ TEST(TcpServer, EachFailedStepOfInitIsLogged)
         const std::string strEnd =
             (nullptr == pIp) ? "   accept ip:(null) port:0\n" : "   accept ip:127.0.0.1 port:0\n";
         for (const Case& entry : aCase) {
-            JournalServer server;
+            StepServer server;
             LogCapture log;
             {
                 FaultScope fault(entry.pPlan);
@@ -102,9 +102,9 @@ TEST(TcpServer, EachFailedStepOfInitIsLogged)
 
 TEST(TcpServer, TakenPortIsRefused)
 {
-    JournalServer first;
+    StepServer first;
     first.listen();
-    JournalServer second;
+    StepServer second;
     LogCapture log;
 
     EXPECT_EQ(1, second.init(first.getPort(), "127.0.0.1", 4096, 4096));
@@ -117,7 +117,7 @@ TEST(TcpServer, TakenPortIsRefused)
 
 TEST(TcpServer, UninitStopsListening)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     const int nFd = server.getListenFd();
     LogCapture log;
@@ -139,12 +139,12 @@ TEST(TcpServer, UninitStopsListening)
 
 TEST(TcpServer, KeptClientsAreFreedWithTheServer)
 {
-    Journal journal;
+    StepLog steps;
     const std::set<std::string> none;
     struct Server : public TcpServer
     {
-        Server(Journal& rJournal, const std::set<std::string>& rNone)
-            : m_journal(rJournal), m_none(rNone)
+        Server(StepLog& stepLog, const std::set<std::string>& failing)
+            : m_steps(stepLog), m_none(failing)
         {
         }
         ~Server() override
@@ -153,22 +153,22 @@ TEST(TcpServer, KeptClientsAreFreedWithTheServer)
         }
         TcpClient* createClient() override
         {
-            return new JournalClient(m_journal, m_none, 7);
+            return new StepClient(m_steps, m_none, 7);
         }
-        Journal& m_journal;
+        StepLog& m_steps;
         const std::set<std::string>& m_none;
         using TcpServer::m_socket;
     };
     {
-        Server server(journal, none);
+        Server server(steps, none);
         ASSERT_EQ(0, server.init(0, "127.0.0.1", 4096, 4096));
         TcpSocket peer = connectTo(portOf(server.m_socket.getFd()));
         FaultScope fault("setsockopt:1:ENOMEM");
         ASSERT_TRUE(eventually([&] { return 0 == server.pollOnce() && sawEnd(peer); }));
-        EXPECT_EQ(Steps(), journal.take());
+        EXPECT_EQ(Steps(), steps.take());
         (void)peer.close();
     }
-    EXPECT_EQ(Steps({"delete 7"}), journal.take());
+    EXPECT_EQ(Steps({"delete 7"}), steps.take());
 }
 
 TEST(TcpServer, ItsEndEndsTheOpenConnections)
@@ -176,16 +176,16 @@ TEST(TcpServer, ItsEndEndsTheOpenConnections)
     std::vector<TcpSocket> vecPeer;
     LogCapture log;
     {
-        JournalServer server;
+        StepServer server;
         server.listen();
         ASSERT_EQ(0, server.start());
         for (int i = 0; i < 5; ++i) {
             vecPeer.push_back(connectTo(server.getPort()));
         }
-        ASSERT_TRUE(eventually([&] { return 5 == server.m_journal.count("start"); }));
+        ASSERT_TRUE(eventually([&] { return 5 == server.m_steps.count("start"); }));
         EXPECT_EQ(0, server.stop());
         EXPECT_EQ(0, server.uninit());
-        EXPECT_EQ(0, server.m_journal.count("stop")); // they outlive both
+        EXPECT_EQ(0, server.m_steps.count("stop")); // they outlive both
         EXPECT_TRUE(isSilent(vecPeer[0]));
     }
     EXPECT_EQ(5U, takeLines(log, CONNECTION_LINE).size());
@@ -197,34 +197,34 @@ TEST(TcpServer, ItsEndEndsTheOpenConnections)
 
 TEST(TcpServer, OpenConnectionEndsAsAnErrorWouldEndIt)
 {
-    Journal journal;
+    StepLog steps;
     const std::set<std::string> none;
     struct Server : public TcpServer // without a destructor of its own
     {
-        explicit Server(Journal& rJournal, const std::set<std::string>& rNone)
-            : m_journal(rJournal), m_none(rNone)
+        explicit Server(StepLog& stepLog, const std::set<std::string>& failing)
+            : m_steps(stepLog), m_none(failing)
         {
         }
         TcpClient* createClient() override
         {
-            return new JournalClient(m_journal, m_none, 3);
+            return new StepClient(m_steps, m_none, 3);
         }
-        Journal& m_journal;
+        StepLog& m_steps;
         const std::set<std::string>& m_none;
         using TcpServer::m_socket;
     };
     TcpSocket peer;
     int nListener = -1;
     {
-        Server server(journal, none);
+        Server server(steps, none);
         ASSERT_EQ(0, server.init(0, "127.0.0.1", 4096, 4096));
         nListener = server.m_socket.getFd();
         peer = connectTo(portOf(nListener));
         ASSERT_TRUE(
-            eventually([&] { return 0 == server.pollOnce() && 0 != journal.count("start"); }));
-        (void)journal.take();
+            eventually([&] { return 0 == server.pollOnce() && 0 != steps.count("start"); }));
+        (void)steps.take();
     }
-    EXPECT_EQ(Steps({"onError 3", "stop 3", "uninit 3", "delete 3"}), journal.take());
+    EXPECT_EQ(Steps({"onError 3", "stop 3", "uninit 3", "delete 3"}), steps.take());
     EXPECT_TRUE(sawEnd(peer));
     EXPECT_FALSE(isOpen(nListener));
     (void)peer.close();
@@ -236,7 +236,7 @@ TEST(TcpServer, ItsEndDoesNotRaceWithConnectingPeers)
         std::atomic<bool> bQuit{false};
         std::thread peers;
         {
-            JournalServer server;
+            StepServer server;
             server.listen();
             ASSERT_EQ(0, server.start());
             const uint16_t u16Port = server.getPort();
@@ -259,7 +259,7 @@ TEST(TcpServer, ItsEndDoesNotRaceWithConnectingPeers)
 
 TEST(TcpServer, PeersComeAndGoWhileOthersAreSentTo)
 {
-    JournalServer server;
+    StepServer server;
     server.listen();
     ASSERT_EQ(0, server.start());
     const uint16_t u16Port = server.getPort();
@@ -285,9 +285,9 @@ TEST(TcpServer, PeersComeAndGoWhileOthersAreSentTo)
     }
 
     EXPECT_EQ(100, nRounds.load());
-    EXPECT_TRUE(eventually([&] { return 100 == server.m_journal.count("delete"); }));
+    EXPECT_TRUE(eventually([&] { return 100 == server.m_steps.count("delete"); }));
     for (const char* pStep : {"create", "init", "start", "onError", "stop", "uninit"}) {
-        EXPECT_EQ(100, server.m_journal.count(pStep)) << pStep;
+        EXPECT_EQ(100, server.m_steps.count(pStep)) << pStep;
     }
 }
 

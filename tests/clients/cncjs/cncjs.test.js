@@ -49,7 +49,7 @@ class Controller {
     constructor(folder) {
         this.node = path.join(folder, "ttyACM0");
         this.control = path.join(folder, "arm");
-        this.wire = path.join(folder, "wire");
+        this.journal = path.join(folder, "journal");
         const settings = ["22=1", "32=1", "24=500", "25=3000", "26=10"];
         for (const axis of [0, 1, 2]) {
             settings.push(`${110 + axis}=6000`, `${120 + axis}=500`);
@@ -57,7 +57,7 @@ class Controller {
         this.process = childProcess.spawn(
             `${BUILD}/simulator/controller/kestrel-controller`,
             ["--language", "grbl", "--node", this.node, "--control", this.control,
-                "--wire-log", this.wire, "--speed-up", "3", ...settings.flatMap((text) => ["--setting", text])],
+                "--journal", this.journal, "--speed-up", "3", ...settings.flatMap((text) => ["--setting", text])],
             { stdio: ["ignore", "pipe", "inherit"] },
         );
     }
@@ -75,10 +75,10 @@ class Controller {
         return Number(new RegExp(`(?:^| )${name}=([^ ]*)`).exec(this.ask("state"))[1]);
     }
 
-    /** The texts of one kind in the wire log. */
+    /** The texts of one kind in the journal. */
     texts(kind) {
         this.ask("state");
-        return fs.readFileSync(this.wire, "latin1").split("\n")
+        return fs.readFileSync(this.journal, "latin1").split("\n")
             .map((line) => line.split(" "))
             .filter((words) => words[1] === kind)
             .map((words) => words.slice(2).join(" "));

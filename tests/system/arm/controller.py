@@ -12,7 +12,7 @@ class Controller:
         self.folder = folder
         self.process = subprocess.Popen(
             [f"{TOOLS}/simulator/controller/kestrel-controller", "--node", "/dev/ttyACM0",
-             "--gpio", "/sys/class/gpio", "--control", f"{folder}/arm", "--wire-log", f"{folder}/wire",
+             "--gpio", "/sys/class/gpio", "--control", f"{folder}/arm", "--journal", f"{folder}/journal",
              *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
         if self.process.stdout.readline() != "ready\n":
             raise AssertionError("the virtual controller is not ready")
@@ -24,7 +24,7 @@ class Controller:
 
     def records(self, kind):
         self.ctl("state")  # brings the log up to date
-        with open(f"{self.folder}/wire", encoding="ascii") as file:
+        with open(f"{self.folder}/journal", encoding="ascii") as file:
             lines = [line.rstrip("\n").split(" ", 2) for line in file]
         return [line[2] for line in lines if line[1] == kind]
 

@@ -1,14 +1,14 @@
 // The journal of the device's calls.
-#include "Journal.h"
+#include "CameraJournal.h"
 
 #include <gtest/gtest.h>
 
 #include "ScratchFolder.h"
 
-TEST(Journal, StartsOverWhenItIsFull)
+TEST(CameraJournal, StartsOverWhenItIsFull)
 {
     ScratchFolder folder;
-    Journal journal((folder.path() / "journal").string(), 100);
+    CameraJournal journal((folder.path() / "journal").string(), 100);
     for (int i = 0; i < 10; ++i) {
         journal.note("this line has forty characters, or so");
     }

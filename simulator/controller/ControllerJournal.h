@@ -13,13 +13,13 @@
  * Bytes of the text outside the printable ASCII range and the backslash stand as \n, \r, \t, \\ or
  * \xHH. Lines are buffered until flush().
  */
-class WireLog
+class ControllerJournal
 {
 public:
-    WireLog() = default;
-    WireLog(const WireLog&) = delete;
-    WireLog& operator=(const WireLog&) = delete;
-    ~WireLog();
+    ControllerJournal() = default;
+    ControllerJournal(const ControllerJournal&) = delete;
+    ControllerJournal& operator=(const ControllerJournal&) = delete;
+    ~ControllerJournal();
 
     /** Create or truncate the file. @return false with errno set */
     bool open(const std::string& strPath);

@@ -1,5 +1,5 @@
 // The record of every device call: one line each, in the order in which they were answered.
-#include "Journal.h"
+#include "CameraJournal.h"
 
 #include <cstdio>
 #include <ctime>
@@ -7,37 +7,37 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-Journal::Journal(const std::string& strPath, uint32_t u32MaxBytes)
+CameraJournal::CameraJournal(const std::string& strPath, uint32_t u32MaxBytes)
     : m_nFd(::open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666)),
       m_u32MaxBytes(u32MaxBytes)
 {
 }
 
-Journal::~Journal()
+CameraJournal::~CameraJournal()
 {
     if (m_nFd >= 0) {
         ::close(m_nFd);
     }
 }
 
-void Journal::call(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
+void CameraJournal::call(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
 {
     append(u32Pid, u32Session, strText);
 }
 
-void Journal::note(const std::string& strText)
+void CameraJournal::note(const std::string& strText)
 {
     append(0, 0, "# " + strText);
 }
 
-void Journal::clear()
+void CameraJournal::clear()
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
     (void)::ftruncate(m_nFd, 0); // a journal that is not there stays empty
     m_u32Bytes = 0;
 }
 
-void Journal::append(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
+void CameraJournal::append(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
 {
     const std::lock_guard<std::mutex> guard(m_mtx);
     if (m_u32Bytes >= m_u32MaxBytes) {
@@ -48,7 +48,7 @@ void Journal::append(uint32_t u32Pid, uint32_t u32Session, const std::string& st
     write(u32Pid, u32Session, strText);
 }
 
-void Journal::write(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
+void CameraJournal::write(uint32_t u32Pid, uint32_t u32Session, const std::string& strText)
 {
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);

@@ -1,25 +1,25 @@
 // The record of everything that crosses the virtual controller's wire and pins.
-#include "WireLog.h"
+#include "ControllerJournal.h"
 
 #include <cinttypes>
 #include <cstdlib>
 
 static const int64_t SECOND_US = 1000000;
 
-WireLog::~WireLog()
+ControllerJournal::~ControllerJournal()
 {
     if (nullptr != m_pFile) {
         fclose(m_pFile);
     }
 }
 
-bool WireLog::open(const std::string& strPath)
+bool ControllerJournal::open(const std::string& strPath)
 {
     m_pFile = fopen(strPath.c_str(), "we");
     return nullptr != m_pFile;
 }
 
-void WireLog::record(int64_t s64NowUs, const char* pKind, const std::string& strText)
+void ControllerJournal::record(int64_t s64NowUs, const char* pKind, const std::string& strText)
 {
     if (nullptr != m_pFile) {
         fprintf(m_pFile, "%" PRId64 ".%06" PRId64 " %s %s\n", s64NowUs / SECOND_US,
@@ -27,14 +27,14 @@ void WireLog::record(int64_t s64NowUs, const char* pKind, const std::string& str
     }
 }
 
-void WireLog::flush()
+void ControllerJournal::flush()
 {
     if (nullptr != m_pFile) {
         fflush(m_pFile);
     }
 }
 
-std::string WireLog::escape(const std::string& strText)
+std::string ControllerJournal::escape(const std::string& strText)
 {
     std::string strResult;
     for (const char c : strText) {
@@ -58,7 +58,7 @@ std::string WireLog::escape(const std::string& strText)
     return strResult;
 }
 
-std::string WireLog::unescape(const std::string& strText)
+std::string ControllerJournal::unescape(const std::string& strText)
 {
     std::string strResult;
     for (size_t i = 0; i < strText.size(); ++i) {

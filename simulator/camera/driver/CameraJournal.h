@@ -13,16 +13,16 @@
  * "-1 ENAME". A note is "SECONDS 0 0 # text". At MAX_BYTES the file starts over, with a note. Any
  * thread.
  */
-class Journal
+class CameraJournal
 {
 public:
     static const uint32_t MAX_BYTES = 64 * 1024 * 1024; // five hours of streaming, about
 
     /** Start an empty file; lines are lost when it cannot be written. */
-    explicit Journal(const std::string& strPath, uint32_t u32MaxBytes = MAX_BYTES);
-    ~Journal();
-    Journal(const Journal&) = delete;
-    Journal& operator=(const Journal&) = delete;
+    explicit CameraJournal(const std::string& strPath, uint32_t u32MaxBytes = MAX_BYTES);
+    ~CameraJournal();
+    CameraJournal(const CameraJournal&) = delete;
+    CameraJournal& operator=(const CameraJournal&) = delete;
 
     void call(uint32_t u32Pid, uint32_t u32Session, const std::string& strText);
     void note(const std::string& strText);
