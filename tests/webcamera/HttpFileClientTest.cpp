@@ -247,6 +247,49 @@ TEST_F(HttpFileClientAnswer, RepeatsAreAnsweredInOrderOneAtATime)
                 strGot.substr(0, 4 * strAnswer.size()));
 }
 
+TEST_F(HttpFileClientAnswer, EachRepeatIsAnsweredOnce)
+{
+    const std::string strAnswer = header("image/png", 300000) + payload(300000);
+    m_www.write("f.png", payload(300000));
+    for (const int nRepeats : {1, 2, 3}) {
+        Connection connection(4096);
+        EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
+        for (int i = 0; i < nRepeats; ++i) {
+            EXPECT_EQ(0, connection.request("x"));
+        }
+
+        const std::string strGot = connection.receiveAll();
+
+        std::string strExpected = strAnswer;
+        for (int i = 0; i < nRepeats; ++i) {
+            strExpected += strAnswer;
+        }
+        EXPECT_EQ(strExpected.size(), strGot.size()) << nRepeats;
+        EXPECT_TRUE(strExpected == strGot) << nRepeats;
+    }
+}
+
+TEST_F(HttpFileClientAnswer, RepeatWithoutMemoryEndsTheConnectionBehindTheAnswer)
+{
+    const std::string strAnswer = header("image/png", 300000) + payload(300000);
+    m_www.write("f.png", payload(300000));
+    Connection connection(4096);
+    EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(0, connection.request("x"));
+    FaultScope fault(("malloc=" + std::to_string(sizeof(HttpFileClient)) + ":1:ENOMEM").c_str());
+
+    std::string strGot;
+    int nResult = 0;
+    while (0 == nResult && strGot.size() <= strAnswer.size()) {
+        strGot += connection.receive();
+        nResult = connection.writeOn();
+    }
+
+    EXPECT_EQ(1U, faultHits());
+    EXPECT_EQ(1, nResult);
+    EXPECT_TRUE(strAnswer == strGot + connection.receive());
+}
+
 TEST_F(HttpFileClientAnswer, DescriptorIsClosedOnceTheFileHasBeenRead)
 {
     m_www.write("f.txt", payload(100000));
@@ -291,6 +334,25 @@ TEST_F(HttpFileClientAnswer, DeliberateSilenceWithoutAFile)
     FaultScope fault("stat=/tmp/run/mountd:1:EIO");
 
     EXPECT_EQ("closed ", get("/f.txt")) << "no header with a length of -1";
+}
+
+TEST_F(HttpFileClientAnswer, WithoutMemoryForItsHeaderTheConnectionIsClosed)
+{
+    m_www.write("f.txt", "x");
+    FaultScope fault("calloc=1024:1:ENOMEM");
+
+    EXPECT_EQ("closed ", get("/f.txt"));
+    EXPECT_EQ(1U, faultHits());
+}
+
+// A C library may answer null for a block of no bytes.
+TEST_F(HttpFileClientAnswer, EmptyFileHasABlockOfOneByte)
+{
+    m_www.write("f.txt", "");
+    FaultScope fault("malloc=1:1:ENOMEM");
+
+    EXPECT_EQ("closed " + header("text/plain", 0), get("/f.txt"));
+    EXPECT_EQ(1U, faultHits());
 }
 
 TEST_F(HttpFileClientAnswer, StopReturnsSuccess)

@@ -237,6 +237,14 @@ TEST_F(HttpLiveClientStream, StoppedResponderIsNotReached)
     EXPECT_EQ(0, m_connection.client().getQueueLength());
 }
 
+TEST_F(HttpLiveClientStream, StopReturnsSuccess)
+{
+    HttpLiveClient responder(m_connection.client(), 0);
+
+    EXPECT_EQ(0, responder.start());
+    EXPECT_EQ(0, responder.stop());
+}
+
 TEST_F(HttpLiveClientStream, OtherEventIsABadCast)
 {
     HttpLiveClient live(m_connection.client(), 0);

@@ -287,6 +287,17 @@ TEST_F(HttpRequestParserChunk, LastUrlOfTheChunkCounts)
     EXPECT_EQ("b=2;", parsed.params());
 }
 
+TEST_F(HttpRequestParserChunk, EachChunkBeginsWithItsFirstPair)
+{
+    Parsed parsed("GET /first?a=1&b=2 HTTP/1.1\r\n\r\n");
+    EXPECT_EQ("a=1;b=2;", parsed.params());
+    const std::string strNext = "GET /second?c=3&d=4 HTTP/1.1\r\n\r\n";
+
+    EXPECT_EQ(0, parsed.parser.parse(strNext.data(), static_cast<int>(strNext.size())));
+
+    EXPECT_EQ("c=3;d=4;", parsed.params());
+}
+
 TEST_F(HttpRequestParserChunk, ChunkedBodyGivesItsLastPiece)
 {
     Parsed parsed("POST /camera HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"

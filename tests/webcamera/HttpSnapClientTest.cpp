@@ -12,6 +12,7 @@
 #include "CallJournal.h"
 #include "CardFolder.h"
 #include "Connection.h"
+#include "Descriptors.h"
 #include "FakeSystem.h"
 #include "Fault.h"
 #include "LogCapture.h"
@@ -369,6 +370,7 @@ TEST_F(HttpSnapClientAnswer, WithoutMemoryForAStreamTheFormerPictureStays)
     }
 
     EXPECT_EQ("old", card.read("a.jpg"));
+    EXPECT_EQ(0u, openDescriptors("/a.jpg").size());
 }
 
 TEST_F(HttpSnapClientAnswer, FileNameThatCannotBeOpenedIsAnsweredAndNothingIsLogged)
@@ -438,6 +440,14 @@ TEST_F(HttpSnapClientAnswer, StoppedResponderIsNotReached)
 
     EXPECT_EQ("", m_connection.receive());
     EXPECT_TRUE(card.isEmpty());
+}
+
+TEST_F(HttpSnapClientAnswer, StopReturnsSuccess)
+{
+    HttpSnapClient responder(m_connection.client(), 0, "a.jpg", false);
+
+    EXPECT_EQ(0, responder.start());
+    EXPECT_EQ(0, responder.stop());
 }
 
 TEST_F(HttpSnapClientAnswer, OtherEventIsABadCast)

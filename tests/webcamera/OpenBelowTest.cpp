@@ -9,6 +9,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -171,6 +172,8 @@ TEST_F(OpenBelow, WhatIsNoRegularFileIsRefusedAtOnce)
         EXPECT_FALSE(opened(pName)) << pName;
     }
 
+    pollfd entry{nReader, POLLIN, 0};
+    EXPECT_EQ(0, poll(&entry, 1, 0)) << "a writer has come and gone: opening may do anything";
     close(nReader);
     close(nSocket);
 }
@@ -198,12 +201,49 @@ TEST_F(OpenBelow, FolderReplacedByALinkMeanwhileLeadsNowhere)
     EXPECT_TRUE(fs::is_empty(m_folder.path() / "outside"));
 }
 
+TEST_F(OpenBelow, LinkPutThereMeanwhileIsNotFollowed)
+{
+    m_folder.write("outside", "old");
+    std::atomic<bool> bQuit{false};
+    std::thread swapper([&] {
+        std::error_code ignored;
+        while (!bQuit) {
+            fs::create_symlink(m_folder.path() / "outside", inside("link"), ignored);
+            fs::rename(inside("link"), inside("a"), ignored);
+            fs::remove(inside("a"), ignored);
+        }
+    });
+    for (int i = 0; i < 20000; ++i) {
+        (void)opened("a");
+    }
+    bQuit = true;
+    swapper.join();
+
+    EXPECT_EQ("old", m_folder.read("outside"));
+}
+
 TEST_F(OpenBelow, MissingFolderOrBadNameIsRefused)
 {
     EXPECT_EQ(-1, openBelow((m_folder.path() / "nowhere").c_str(), "a"));
     EXPECT_FALSE(opened(""));
     EXPECT_FALSE(opened(std::string(256, 'n'))); // NAME_MAX is 255
     EXPECT_FALSE(opened(std::string(256, 'n') + "/a"));
+}
+
+TEST_F(OpenBelow, DescriptorZeroIsAsGoodAsAnother)
+{
+    const int nKept = dup(STDIN_FILENO);
+    const size_t uBefore = openDescriptors().size();
+    close(STDIN_FILENO);
+
+    EXPECT_TRUE(opened("a"));
+    EXPECT_TRUE(opened("sub/b"));
+
+    const bool bLeftOpen = -1 != fcntl(STDIN_FILENO, F_GETFD);
+    dup2(nKept, STDIN_FILENO);
+    EXPECT_FALSE(bLeftOpen);
+    EXPECT_EQ(uBefore, openDescriptors().size());
+    close(nKept);
 }
 
 TEST_F(OpenBelow, NoDescriptorIsLeftOpen)

@@ -340,6 +340,7 @@ TEST_F(WebCameraClientConnection, DirectWriteHoldsNobody)
     EXPECT_EQ(0, connection.client().write(strLarge.data(), static_cast<int>(strLarge.size())));
 
     EXPECT_LT(monotonicMs32() - u32StartMs, 1000U);
+    EXPECT_EQ(0, connection.client().onTurn());
     EXPECT_FALSE(connection.client().mayRead()) << "nothing more is read meanwhile";
     EXPECT_TRUE(strLarge == connection.receiveAll()) << "it leaves as the socket drains";
     EXPECT_TRUE(connection.client().mayRead());
@@ -383,4 +384,52 @@ TEST_F(WebCameraClientConnection, DirectWriteThatFailsIsToldAtOnce)
     FaultScope fault("sendmsg:1:ECONNRESET");
 
     EXPECT_EQ(1, m_connection.client().write("x", 1));
+}
+
+TEST_F(WebCameraClientConnection, BindsEightKiBAndForEachResponderEightMore)
+{
+    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
+    {
+        Connection connection;
+        EXPECT_EQ(u32Before + 8192, ClientMemory::getInstance().getBytes());
+        EXPECT_EQ(0, connection.request("GET /live HTTP/1.1\r\n\r\n"));
+        EXPECT_EQ(u32Before + 2 * 8192 + 5, ClientMemory::getInstance().getBytes()) << "the path";
+        EXPECT_EQ(0, connection.request("x"));
+        EXPECT_EQ(u32Before + 3 * 8192 + 5, ClientMemory::getInstance().getBytes());
+    }
+    EXPECT_EQ(u32Before, ClientMemory::getInstance().getBytes());
+}
+
+TEST_F(WebCameraClientConnection, LongestSilentIsSparedFirstAndOneWithoutARequestBeforeThat)
+{
+    const uint32_t u32HalfOfAll = UINT32_MAX / 2;
+    const uint32_t u32StartMs = monotonicMs32();
+    Connection connection;
+    const uint32_t u32BegunMs = monotonicMs32();
+    const uint32_t u32MostMs = u32BegunMs - u32StartMs; // what the machine took
+
+    const uint32_t u32Waiting = connection.client().getIdleRank(u32BegunMs + 1000);
+    EXPECT_LE(1 + 1000 + u32HalfOfAll, u32Waiting);
+    EXPECT_GE(1 + 1000 + u32HalfOfAll + u32MostMs, u32Waiting);
+    EXPECT_EQ(UINT32_MAX - 1, connection.client().getIdleRank(u32BegunMs + 0x80000000U))
+        << "never 0, however long it was silent";
+
+    sleepFor(Time(0, 20000)); // so that the moments differ
+    const uint32_t u32AskedMs = monotonicMs32();
+    EXPECT_EQ(0, connection.request("GET /camera HTTP/1.1\r\n\r\n"));
+    const uint32_t u32AnsweredMs = monotonicMs32();
+    const uint32_t u32Answered = connection.client().getIdleRank(u32AnsweredMs + 1000);
+    EXPECT_LE(1U + 1000U, u32Answered);
+    EXPECT_GE(1 + 1000 + u32AnsweredMs - u32AskedMs, u32Answered);
+    EXPECT_EQ(u32HalfOfAll, connection.client().getIdleRank(u32AnsweredMs + 0x80000000U));
+}
+
+TEST_F(WebCameraClientConnection, ThatIsBeingAnsweredIsNotSpared)
+{
+    Connection connection(4096);
+    EXPECT_EQ(0, connection.client().write(std::string(1000000, 'x').c_str(), 1000000));
+    EXPECT_EQ(0, m_connection.request("GET /live HTTP/1.1\r\n\r\n"));
+
+    EXPECT_EQ(0U, connection.client().getIdleRank(monotonicMs32() + 1000));
+    EXPECT_EQ(0U, m_connection.client().getIdleRank(monotonicMs32() + 1000));
 }

@@ -68,6 +68,32 @@ private:
     const int m_nStop;
 };
 
+/** Has always something more to send, or fails. */
+class EndlessResponder : public IClient
+{
+public:
+    EndlessResponder(int& nCalls, PROGRESS_E eProgress) : m_nCalls(nCalls), m_eProgress(eProgress)
+    {
+    }
+    int start() override
+    {
+        return 0;
+    }
+    int stop() override
+    {
+        return 0;
+    }
+    PROGRESS_E goOn() override
+    {
+        ++m_nCalls;
+        return m_eProgress;
+    }
+
+private:
+    int& m_nCalls;
+    const PROGRESS_E m_eProgress;
+};
+
 /** The processor by itself; responders are not reached. */
 class WebCameraHttpDataProcessorRequest : public testing::Test
 {
@@ -209,7 +235,21 @@ TEST_F(WebCameraHttpDataProcessorRequest, WhatParametersBindIsCounted)
 
     EXPECT_EQ(0, feed("GET /live?a=1&b=2&c=3 HTTP/1.1\r\n\r\n"));
 
-    EXPECT_GE(ClientMemory::getInstance().getBytes(), u32Before + 3 * 100);
+    // The path, and for each parameter its texts and 160 bytes.
+    EXPECT_EQ(u32Before + 5 + 3 * (2 + 160), ClientMemory::getInstance().getBytes());
+}
+
+TEST_F(WebCameraHttpDataProcessorRequest, ConnectionThatWasGivenUpTakesNothingMore)
+{
+    EXPECT_EQ(0, feed("POST /live HTTP/1.1\r\nContent-Length: 9\r\n\r\n"));
+    EXPECT_FALSE(m_client.take(40U << 20)) << "beyond what all clients may bind";
+
+    EXPECT_EQ(1, feed("body"));
+    std::string strNotes;
+    EXPECT_EQ(1, m_processor.startResponder(std::make_unique<FakeResponder>(strNotes, "a", 0, 0)));
+    EXPECT_EQ("~a ", strNotes);
+    WebCameraHttpDataProcessor next(m_commucation, m_client);
+    EXPECT_EQ(1, next.feed("GET /live HTTP/1.1\r\n\r\n", 22));
 }
 
 TEST_F(WebCameraHttpDataProcessorRequest, WithoutMemoryForTheBodyItThrows)
@@ -241,6 +281,15 @@ TEST_F(WebCameraHttpDataProcessorRequest, ReplyIsTheGoldenText)
         "\r\n"
         "some text",
         m_commucation.m_strWritten);
+}
+
+TEST_F(WebCameraHttpDataProcessorRequest, ReplyWithoutMemoryFails)
+{
+    FaultScope fault("calloc=1024:1:ENOMEM");
+
+    EXPECT_EQ(1, m_processor.reply("some text"));
+    EXPECT_EQ(1U, faultHits());
+    EXPECT_EQ("", m_commucation.m_strWritten);
 }
 
 TEST_F(WebCameraHttpDataProcessorRequest, ReplyReturnsTheConnectionsResult)
@@ -279,6 +328,26 @@ TEST_F(WebCameraHttpDataProcessorRequest, RespondersAreStoppedThenDeletedWithThe
     EXPECT_EQ(1, countOf(strNotes, "~B"));
     EXPECT_LT(strNotes.find("stopA"), strNotes.find("~A"));
     EXPECT_LT(strNotes.find("stopB"), strNotes.find("~B"));
+}
+
+TEST_F(WebCameraHttpDataProcessorRequest, ResponderHasSixteenStepsInATurn)
+{
+    int nCalls = 0;
+    EXPECT_EQ(0, m_processor.startResponder(
+                     std::make_unique<EndlessResponder>(nCalls, IClient::PROGRESS_SENT)));
+
+    EXPECT_EQ(+TcpClient::TURN_AGAIN, m_processor.goOn());
+    EXPECT_EQ(16, nCalls);
+}
+
+TEST_F(WebCameraHttpDataProcessorRequest, ResponderThatFailsEndsTheConnection)
+{
+    int nCalls = 0;
+    EXPECT_EQ(0, m_processor.startResponder(
+                     std::make_unique<EndlessResponder>(nCalls, IClient::PROGRESS_FAILED)));
+
+    EXPECT_EQ(1, m_processor.goOn());
+    EXPECT_EQ(1, nCalls);
 }
 
 TEST_F(WebCameraHttpDataProcessorRequest, ResponderWhoseStopFailsIsNotDeleted)
