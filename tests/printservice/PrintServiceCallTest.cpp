@@ -27,7 +27,8 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-Texts g_vecIdleReport; // what the codec was asked to encode
+Texts g_vecIdleReport;                  // what the codec was asked to encode
+std::atomic<size_t> g_uLongestReply{0}; // that it was given, in bytes
 
 int codeBehind(const std::string& strReply, const char* pName)
 {
@@ -42,6 +43,7 @@ int codeBehind(const std::string& strReply, const char* pName)
 
 int ReplyCodec::getStatusCode(std::string strReply)
 {
+    g_uLongestReply = std::max(g_uLongestReply.load(), strReply.size());
     return codeBehind(strReply, "status:");
 }
 
@@ -217,6 +219,7 @@ protected:
         testing::internal::CaptureStdout();
         m_bCapturing = true;
         g_vecIdleReport.clear();
+        g_uLongestReply = 0;
     }
 
     void TearDown() override
@@ -253,6 +256,11 @@ protected:
     static bool wasCalled(const std::string& strLine)
     {
         return 0 < CallJournal::count(strLine);
+    }
+
+    std::string readOf64() const
+    {
+        return "read " + std::to_string(m_controller.m_uart.getFd()) + " 64";
     }
 
     std::string write(size_t uBytes) const
@@ -425,6 +433,42 @@ TEST_F(PrintServiceCall, ReadWaitsAsLongAsItIsAskedTo)
 
     EXPECT_EQ((Texts{"poll 3250"}), CallJournal::lines());
     EXPECT_STREQ("ok\n", acReply);
+}
+
+TEST_F(PrintServiceCall, RepliesAreReadSixtyFourBytesAtATime)
+{
+    const FaultScope fault(
+        ("write=" + std::to_string(m_controller.m_uart.getFd()) + ":1:EAGAIN").c_str());
+    EXPECT_EQ(1, service().printSingleCmd("M5", 2)); // cut short
+    const CallJournal journal("read");
+
+    EXPECT_EQ(0, service().printSingleCmd("M5", 2)); // behind a lone line end
+    std::thread publisher([] {
+        MeasureEvent event(1);
+        EventBus<MeasureEvent>::publish(event);
+    });
+    EXPECT_TRUE(eventually([] { return 3 == journalCount(); }));
+    m_controller.say("done\n"); // the arrival
+    publisher.join();
+    m_controller.say("status:5\n");
+    service().pollStatus();
+
+    EXPECT_EQ(Texts(5, readOf64()), CallJournal::lines());
+}
+
+TEST_F(PrintServiceCall, ReplyThatFillsTheBufferIsTakenWholeAndNoMoreOfIt)
+{
+    const std::string strLong = std::string(70, 'x') + "\n";
+    m_controller.say(strLong);
+    service().pollStatus();
+    EXPECT_EQ(64U, g_uLongestReply);
+    service().pollStatus(); // the rest
+
+    m_controller.answerWith({strLong});
+    startJob("G1 X1\n");
+
+    EXPECT_TRUE(eventually([this] { return PRINT_STATE_STOPPED == service().getState(); }));
+    EXPECT_EQ(64U, g_uLongestReply);
 }
 
 // Export, direction, value: sysfs refuses any other order, and wants the number without a line end.
