@@ -34,6 +34,27 @@ TEST(CommucationModule, PortInUseFailsAndIsLogged)
     ::close(nFd);
 }
 
+TEST(CommucationModule, ServesItsPortFromStartToStop)
+{
+    CommucationModule& module = CommucationModule::getInstance();
+    ASSERT_EQ(RET_SUCCESS, module.init());
+    ASSERT_EQ(RET_SUCCESS, module.start());
+    const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(8329);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, connect(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    ASSERT_EQ(24, send(nFd, "GET /camera HTTP/1.1\r\n\r\n", 24, 0));
+    char acAnswer[16] = {0};
+    EXPECT_EQ(15, recv(nFd, acAnswer, 15, MSG_WAITALL));
+    EXPECT_STREQ("HTTP/1.1 200 OK", acAnswer);
+    ::close(nFd);
+
+    EXPECT_EQ(RET_SUCCESS, module.stop());
+    EXPECT_EQ(RET_SUCCESS, module.uninit());
+}
+
 TEST(CommucationModule, DebugCommandDoesNothing)
 {
     LogCapture log;
