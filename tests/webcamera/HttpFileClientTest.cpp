@@ -241,6 +241,7 @@ TEST_F(HttpFileClientAnswer, RepeatsAreAnsweredInOrderOneAtATime)
     while (strGot.size() < 4 * strAnswer.size()) {
         const std::string strMore = connection.receive();
         EXPECT_EQ(0, connection.writeOn());
+        EXPECT_GE(u32Before, ClientMemory::getInstance().getBytes()) << "one piece at a time";
         strGot += strMore;
     }
     EXPECT_TRUE(strAnswer + strAnswer + strAnswer + strAnswer ==
@@ -267,6 +268,42 @@ TEST_F(HttpFileClientAnswer, EachRepeatIsAnsweredOnce)
         EXPECT_EQ(strExpected.size(), strGot.size()) << nRepeats;
         EXPECT_TRUE(strExpected == strGot) << nRepeats;
     }
+}
+
+TEST_F(HttpFileClientAnswer, AnswersThatAreGoneBindNothing)
+{
+    m_www.write("f.txt", payload(100000));
+    Connection connection(4096);
+    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
+    EXPECT_EQ(0, connection.request("GET /f.txt HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(0, connection.request("x"));
+
+    (void)connection.receiveAll();
+
+    EXPECT_EQ(u32Before + 6, ClientMemory::getInstance().getBytes()) << "the path stays";
+}
+
+TEST_F(HttpFileClientAnswer, RepeatOfAFileThatHasGoneEndsTheConnection)
+{
+    const std::string strAnswer = header("image/png", 300000) + payload(300000);
+    m_www.write("f.png", payload(300000));
+    Connection connection(4096);
+    EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(0, connection.request("x"));
+    std::filesystem::remove(m_www.path() / "f.png");
+
+    std::string strGot;
+    int nResult = 0;
+    while (0 == nResult && strGot.size() <= strAnswer.size()) {
+        strGot += connection.receive();
+        nResult = connection.writeOn();
+        if (strGot.size() == strAnswer.size()) {
+            break; // all of it, and the turn behind it
+        }
+    }
+
+    EXPECT_EQ(1, nResult);
+    EXPECT_TRUE(strAnswer == strGot + connection.receive());
 }
 
 TEST_F(HttpFileClientAnswer, RepeatWithoutMemoryEndsTheConnectionBehindTheAnswer)

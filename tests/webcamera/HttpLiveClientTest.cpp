@@ -226,6 +226,16 @@ TEST_F(HttpLiveClientStream, PlainFrameIsNeverSentBeyondItsBlock)
     EXPECT_EQ(payload(200) + TRAILER, m_connection.receive());
 }
 
+TEST_F(HttpLiveClientStream, LengthOfEightDigitsFillsItsField)
+{
+    PVENC_FRAME_T frame = makeFrame(10000000);
+
+    FakeSystem::deliver(frame);
+
+    EXPECT_EQ("Content-Type: image/jpeg\r\nContent-Length: 10000000\r\nX-Timestamp: ",
+              m_connection.receive(65));
+}
+
 TEST_F(HttpLiveClientStream, StoppedResponderIsNotReached)
 {
     EXPECT_EQ(0, m_connection.client().stop());

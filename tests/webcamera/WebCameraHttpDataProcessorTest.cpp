@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "AllocatedBytes.h"
 #include "Fault.h"
 #include "LogCapture.h"
 #include "WebCameraClient.h"
@@ -307,6 +308,19 @@ TEST_F(WebCameraHttpDataProcessorRequest, ReplyLongerThanItsBlockIsWhole)
     EXPECT_EQ(0, m_processor.reply(strLong.c_str()));
 
     EXPECT_EQ(textAnswer(strLong), m_commucation.m_strWritten);
+}
+
+TEST_F(WebCameraHttpDataProcessorRequest, ReplyLongerThanItsBlockLeavesNothingBehind)
+{
+    const std::string strLong(3000, 'x');
+    m_commucation.m_strWritten.reserve(1000000);
+    const size_t uBefore = allocatedBytes();
+
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(0, m_processor.reply(strLong.c_str()));
+    }
+
+    EXPECT_GT(uBefore + 100000, allocatedBytes()); // a block has a thousand
 }
 
 TEST_F(WebCameraHttpDataProcessorRequest, RespondersAreStoppedThenDeletedWithTheProcessor)

@@ -10,6 +10,7 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,6 +24,7 @@
 #include "Fault.h"
 #include "LogCapture.h"
 #include "Threads.h"
+#include "Time.h"
 
 namespace {
 
@@ -385,6 +387,36 @@ TEST_F(WebCameraServer, ThousandClientsAtRandomMomentsLeaveNothing)
     EXPECT_TRUE(eventually([] { return 1 == FakeSystem::consumerCount(); }));
     bEnd = true;
     capture.join();
+}
+
+TEST_F(WebCameraServer, FiveHundredAndTwelveClientsStayAndTheNextOneTakesAPlace)
+{
+    rlimit descriptors{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &descriptors));
+    const rlim_t uFormer = descriptors.rlim_cur;
+    descriptors.rlim_cur = std::max<rlim_t>(uFormer, 2000);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &descriptors));
+    {
+        std::vector<std::unique_ptr<Peer>> vecPeer;
+        for (int i = 0; i < 512; ++i) {
+            vecPeer.push_back(std::make_unique<Peer>());
+            ASSERT_TRUE(vecPeer.back()->isConnected()) << i;
+            sleepFor(Time(0, (0 == i) ? 50000 : 0)); // the first one's moment is its own
+        }
+        const size_t uAll = m_uDescriptors + 2 * 512;
+        EXPECT_TRUE(eventually([uAll] { return uAll == openDescriptors().size(); }));
+
+        Peer next;
+        next.send("GET /camera HTTP/1.1\r\n\r\n");
+
+        EXPECT_EQ("HTTP/1.1 200 OK", next.readUntil(15).substr(0, 15));
+        EXPECT_EQ("", vecPeer.front()->readToEnd()) << "it was silent longest";
+        EXPECT_TRUE(vecPeer.front()->isClosed());
+        EXPECT_EQ(uAll + 1, openDescriptors().size()) << "nobody else was closed";
+    }
+    descriptors.rlim_cur = uFormer;
+    EXPECT_TRUE(eventually([this] { return m_uDescriptors == openDescriptors().size(); }));
+    EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &descriptors));
 }
 
 TEST_F(WebCameraServer, ConnectionsStayOpenWhileTheServerIsStopped)
