@@ -4,6 +4,8 @@ import hashlib
 import re
 from dataclasses import dataclass
 
+from blocks import bodies, closing, masked
+
 SPACED = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==", "&&": "||", "||": "&&",
           "+": "-", "-": "+", "*": "/", "/": "*", "%": "*", "&": "|", "|": "&", "+=": "-=", "-=": "+=",
           "|=": "&=", "&=": "|="}
@@ -29,21 +31,6 @@ class Mutant:
     text: str
     kind: str
     key: str
-
-
-def masked(source):
-    """The source with comments, texts, characters and preprocessor lines blanked, its length kept."""
-    pattern = re.compile(
-        r'//[^\n]*|/\*.*?\*/|R"(?P<mark>[^(\s]*)\(.*?\)(?P=mark)"|"(?:\\.|[^"\\\n])*"'
-        r"|(?<![0-9a-fA-F])'(?:\\.|[^'\\\n])+'|^[ \t]*#(?:\\\n|[^\n])*", re.S | re.M)
-
-    def blank(match):
-        text = match.group()
-        # A text stays a word, so that a call keeps its argument.
-        fill = "_" if text[0] in "\"'R" else " "
-        return re.sub(r"[^\n]", fill, text)
-
-    return pattern.sub(blank, source)
 
 
 def statements(code):
@@ -88,19 +75,6 @@ def isExpression(text):
     return bool(re.search(r"\(|=|\+\+|--", text))
 
 
-def closing(code, opening):
-    """The place of the parenthesis that closes the one at opening."""
-    depth = 0
-    for place in range(opening, len(code)):
-        if code[place] == "(":
-            depth += 1
-        elif code[place] == ")":
-            depth -= 1
-            if depth == 0:
-                return place
-    return -1
-
-
 def numbers(text):
     """What an integer literal is changed to: neighbours of a small one, far from a large one."""
     value = int(text)
@@ -116,6 +90,7 @@ def numbers(text):
 def changes(source):
     """(start, end, replacement, kind) of every change, in the file's order."""
     code = masked(source)
+    inside = bodies(source)
     for match in re.finditer(r"(?<= )([<>=!&|+\-*/%]=?|&&|\|\|)(?=[ \n])", code):
         operator = match.group()
         if operator in SPACED:
@@ -123,6 +98,8 @@ def changes(source):
     for match in re.finditer(r"\+\+|--", code):
         yield match.start(), match.end(), "--" if match.group() == "++" else "++", "arithmetic"
     for match in re.finditer(r"(?<![\w.])(0|[1-9][0-9]*)(?![\w.'])", code):
+        if re.search(r"\bvirtual\b[^;{}]*\)( const)? = $", code[:match.start()]):
+            continue # a function without a body
         for text in numbers(match.group()):
             yield match.start(), match.end(), text, "constant"
     for match in re.finditer(r"(?<![\w.])([0-9]+\.[0-9]+)(?![\w.])", code):
@@ -143,7 +120,7 @@ def changes(source):
         text = code[start:end]
         if GUARD.match(text):
             yield start, end, ";", "dropped lock guard"
-        if not isExpression(text):
+        if not isExpression(text) or not any(begun < start < ended for _, begun, ended in inside):
             former = []
             continue
         yield start, end, ";", "dropped statement"

@@ -5,6 +5,7 @@ import os
 import random
 import subprocess
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import mutants
 import trial
@@ -55,7 +56,8 @@ def wanted(mutant, results, options):
     former = results.get(mutant.key)
     if former is None or options.again:
         return True
-    return former["result"] == "survived" and former["slowest"] < options.slowest
+    return former["result"] == "survived" and (options.survivors or
+                                               former["slowest"] < options.slowest)
 
 
 def report(path, all_mutants, results):
@@ -113,28 +115,40 @@ def run(options):
 
 
 def attempts(options, parts, results, stored):
+    """Try what is wanted of the changes, in an order given by the seed, those to be compiled alone last."""
     end = time.monotonic() + 60 * options.minutes
-    bench = trial.Bench(options.root, options.folder, jobs=options.jobs)
-    order = list(parts)
-    random.Random(options.seed).shuffle(order)
-    for file in order:
-        part = [mutant for mutant in parts[file] if wanted(mutant, results, options)]
-        if not part or time.monotonic() > end:
-            continue
-        stem, programs = bench.select(file)
-        bench.control(stem, programs, options.slowest)
-        source = read(options.root, file)
-        for mutant in part:
-            if time.monotonic() > end:
-                break
-            begin = time.monotonic()
-            result, who = bench.attempt(mutant, stem, programs, options.slowest)
-            record = {"key": mutant.key, "file": file, "line": mutant.line, "kind": mutant.kind,
-                      "result": result, "noticed by": who, "slowest": options.slowest,
-                      "seconds": round(time.monotonic() - begin, 1),
-                      "diff": difference(source, mutant)}
+    texts = {file: read(options.root, file) for file in parts}
+    bench = trial.Bench(options.root, options.folder, parts, texts.get, options.jobs)
+
+    def keep(mutant, result, who, begin):
+        record = {"key": mutant.key, "file": mutant.file, "line": mutant.line, "kind": mutant.kind,
+                  "result": result, "noticed by": "" if who is None else who[1] or who[0],
+                  "slowest": options.slowest, "seconds": round(time.monotonic() - begin, 1),
+                  "diff": difference(texts[mutant.file], mutant)}
+        with bench.lock:
             results[mutant.key] = record
             with open(stored, "a", encoding="utf-8") as stream:
                 stream.write(json.dumps(record) + "\n")
-            print(f"{file}:{mutant.line}: {mutant.kind}: {result} {who} ({record['seconds']} s)",
-                  flush=True)
+        bench.say(f"{mutant.file}:{mutant.line}: {mutant.kind}: {result} {record['noticed by']} "
+                  f"({record['seconds']} s)")
+
+    def attempt(mutant):
+        begin = time.monotonic()
+        if begin < end:
+            keep(mutant, *bench.attempt(mutant, options.slowest), begin)
+
+    try:
+        left = [mutant for part in parts.values() for mutant in part if wanted(mutant, results, options)]
+        random.Random(options.seed).shuffle(left)
+        with ThreadPoolExecutor(options.jobs) as pool:
+            for _ in pool.map(attempt, [mutant for mutant in left if not bench.isAlone(mutant)]):
+                pass # a failure is raised here
+        # A header's at last: most is compiled again for each of them.
+        for file in sorted(parts, key=lambda name: name.endswith(".h")):
+            alone = [mutant for mutant in left if mutant.file == file and bench.isAlone(mutant)]
+            begin = time.monotonic()
+            if alone and begin < end:
+                for mutant, result, who in bench.attemptAlone(alone, options.slowest):
+                    keep(mutant, result, who, begin)
+    finally:
+        bench.close()

@@ -10,9 +10,12 @@ import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
+import blocks
+import guards
 import mutants
 import mutation_run
-import trial
+from box import Box
+from trial import OVER
 
 
 def found(source):
@@ -104,6 +107,78 @@ class Finding(unittest.TestCase):
         self.assertNotEqual(tenth, mutation_run.chosen(part, 10, 8))
 
 
+class Blocks(unittest.TestCase):
+    def heads(self, source):
+        return [head.strip() for head, _, _ in blocks.bodies(source)]
+
+    def test_bodies_of_functions(self):
+        self.assertEqual(["void f()", "A::A()\n: m_n{1}, m_m(2)", "bool A::g() const REQUIRES(m_mtx)",
+                          "int h()"],
+                         self.heads("void f()\n{\nif (a) {\n}\n}\nA::A()\n: m_n{1}, m_m(2)\n{\n}\n"
+                                    "bool A::g() const REQUIRES(m_mtx)\n{\n}\n"
+                                    "namespace x {\nclass B : C\n{\npublic:\nint h() { return 1; }\n};\n}\n"))
+
+    def test_values_are_no_bodies(self):
+        self.assertEqual([], self.heads("const int a[] = {1, f(2), 3};\nenum class E\n{\nA = 1\n};\n"
+                                        "std::atomic<bool> b{false};\nstruct S\n{\nint n{g(1)};\n};\n"))
+
+    def statements(self, text):
+        source = body(text)
+        _, opening, end = blocks.bodies(source)[0]
+        begins = blocks.points(blocks.masked(source), opening, end)
+        return [source[place:].split("\n", 1)[0] for place, _ in begins]
+
+    def test_statements(self):
+        self.assertEqual(["int n = 1;", "if (a) {", "f();", "g();", "return h();"],
+                         self.statements("int n = 1;\nif (a) {\nf();\n} else {\ng();\n}\nreturn h();"))
+
+    def test_statements_of_loops_cases_and_lambdas(self):
+        self.assertEqual(["do {", "f();", "switch (x) {", "g();", "for (int i = 0; i < n; ++i) {",
+                          "h([&] {", "k();", "int a[] = {1, 2};"],
+                         self.statements("do {\nf();\n} while (b);\nswitch (x) {\ncase A::B:\ng();\n}\n"
+                                         "for (int i = 0; i < n; ++i) {\n}\nh([&] {\nk();\n});\n"
+                                         "int a[] = {1, 2};"))
+
+    def reaching(self, text, place):
+        source = body(text)
+        _, opening, end = blocks.bodies(source)[0]
+        code = blocks.masked(source)
+        begins = blocks.points(code, opening, end)
+        index = blocks.reaching(code, opening, begins, source.index(place))
+        return source[begins[index][0]:].split("\n", 1)[0]
+
+    def test_what_is_always_come_by_before(self):
+        text = "f();\nif (a) {\ng(1);\n} else if (b) {\nh();\n}\nk(2);"
+        self.assertEqual("g(1);", self.reaching(text, "1"))
+        self.assertEqual("if (a) {", self.reaching(text, "b)"))
+        self.assertEqual("k(2);", self.reaching(text, "2"))
+
+    def test_former_cases_are_not_come_by(self):
+        self.assertEqual("f();", self.reaching("f();\nswitch (x) {\ncase 1:\ng();\nbreak;\ncase 2:\nh();\n}",
+                                               "2:"))
+
+
+class Guarding(unittest.TestCase):
+    def guarded(self, source):
+        numbers = {mutant: number for number, mutant in enumerate(mutants.mutantsOf("x.cpp", source), 1)}
+        return guards.Guards("x.cpp", source, numbers, 0)
+
+    def test_each_change_has_its_copy(self):
+        text = self.guarded(body("f(7);")).text()
+        for number, changed in enumerate(("f(8);", "f(6);", ";"), 1):
+            self.assertIn(f'case {number}: {{\n#line 2 "change-{number}"\n\n{changed}\n', text)
+        self.assertIn('default: {\n#line 2 "x.cpp"\n\nmutation::reached[0] = 1; f(7);\n', text)
+
+    def test_constants_have_their_other_values_beside_them(self):
+        text = self.guarded("static const int A = 7;\n").text()
+        self.assertIn("static inline const int A = (mutation::chosen == 2 ? 6 : "
+                      "(mutation::chosen == 1 ? 8 : 7));", text)
+
+    def test_constant_expressions_are_compiled_alone(self):
+        guarded = self.guarded("constexpr int f()\n{\nreturn 7;\n}\n")
+        self.assertEqual(set(guarded.numbers), guarded.alone)
+
+
 class Planted(unittest.TestCase):
     """The whole run on a program whose survivor is known."""
 
@@ -125,9 +200,9 @@ class Planted(unittest.TestCase):
         self.output = result.stdout
         return result.returncode
 
-    def results(self):
+    def results(self, run="run"):
         """(line, diff's last line) -> result"""
-        with open(f"{self.folder}/run/results.jsonl", encoding="utf-8") as file:
+        with open(f"{self.folder}/{run}/results.jsonl", encoding="utf-8") as file:
             records = [json.loads(line) for line in file]
         return {(record["line"], record["diff"].split("\n")[-2].strip("+ ")): record["result"]
                 for record in records}
@@ -147,13 +222,28 @@ class Planted(unittest.TestCase):
         with open(f"{self.root}/{file}", encoding="utf-8") as source:
             self.assertIn("nFirst > nSecond", source.read())
 
-        # What has been tried is not tried again.
+        # What has been tried is not tried again, but survivors are when that is asked for.
         begun = os.path.getsize(f"{self.folder}/run/results.jsonl")
         self.assertEqual(0, self.mutate("--kind", "relational", file), self.output)
         self.assertEqual(begun, os.path.getsize(f"{self.folder}/run/results.jsonl"))
+        self.assertEqual(0, self.mutate("--kind", "relational", "--survivors", file), self.output)
+        self.assertIn("Planted.cpp:7: relational: survived", self.output)
+        self.assertNotIn("killed Planted", self.output)
         self.assertEqual(0, self.mutate("--kind", "dropped statement", file), self.output)
         self.assertEqual("timed out", self.results()[(14, "; // without it there is no end")])
         self.assertIn("killed", self.output)
+
+    def test_values_outside_of_functions_and_what_does_not_compile(self):
+        file = "application/planted/Planted.cpp"
+        self.assertEqual(0, self.mutate("--folder", f"{self.folder}/values", "--kind", "constant",
+                                        "--kind", "arithmetic", "--jobs", "2", file), self.output)
+        results = self.results("values")
+        for limit in (8, 10):
+            self.assertEqual("killed", results[(20, f"static const int LIMIT = {limit};")])
+        slots = [result for (line, _), result in results.items() if line == 21]
+        self.assertEqual(["killed", "killed"], slots)
+        self.assertEqual("not compiled", results[(39, "return pEnd + pBegin;")])
+        self.assertEqual("survived", results[(44, "return nValue / 2;")])
 
     def test_tests_that_fail_unchanged_are_told(self):
         path = f"{self.root}/application/planted/Planted.cpp"
@@ -183,17 +273,23 @@ class Contained(unittest.TestCase):
             subprocess.run([contain, folder, "sh", "-c", "kill -9 -1"], check=False)
 
 
-class Watching(unittest.TestCase):
-    def test_late_when_far_longer_than_usual(self):
-        with tempfile.TemporaryFile() as output:
-            watch = trial.Watch(output, {"Suite.Quick": 0.1, "Suite.Slow": 30})
-            output.write(b"[ RUN      ] Suite.Quick\n")
-            output.flush()
-            self.assertFalse(watch.late())
-            watch.begin -= 11
-            self.assertTrue(watch.late())
-            output.write(b"[       OK ] Suite.Quick (100 ms)\n[ RUN      ] Suite.Slow\n")
-            output.flush()
-            self.assertFalse(watch.late())
-            watch.begin -= 100
-            self.assertFalse(watch.late())
+class Boxed(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(dir=HERE)
+        self.addCleanup(folder.cleanup)
+        self.box = Box(folder.name)
+        self.addCleanup(self.box.close)
+
+    def test_one_program_sees_nothing_of_the_former(self):
+        status, output, _ = self.box.run(["sh", "-c", "echo a; echo b >&2; touch /tmp/left; exit 3"],
+                                         {"NAME": "value"}, 20, 20)
+        self.assertEqual((3, "a\nb\n"), (status, output))
+        status, output, _ = self.box.run(["sh", "-c", "ls /tmp; echo $NAME"], {"NAME": "value"}, 20, 20)
+        self.assertEqual((0, "value\n"), (status, output))
+
+    def test_too_long_and_too_busy_ones_are_ended(self):
+        status, _, took = self.box.run(["sleep", "60"], {}, 0.2, 20)
+        self.assertIsNone(status)
+        self.assertLess(took, 30)
+        status, _, _ = self.box.run(["sh", "-c", "while :; do :; done"], {}, 60, 1)
+        self.assertIn(status, OVER)

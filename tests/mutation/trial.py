@@ -1,19 +1,22 @@
-"""Builds one changed source and puts it to the tests that cover it."""
+"""Builds the changed sources and puts each change to the tests that come by it."""
 
+import itertools
 import json
 import os
+import queue
 import re
-import resource
 import shutil
 import signal
 import subprocess
-import tempfile
+import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
+from contextlib import contextmanager
 from dataclasses import dataclass, field
 
 import mutants
-
-HERE = os.path.dirname(os.path.abspath(__file__))
+from box import Box
+from guards import MOST_POINTS, AllGuards, written
 
 # Sources that no unit test's program is linked from, and the tests of the whole service.
 WHOLE_SERVICE = re.compile(r"application/[^/]+\.(cpp|h)$")
@@ -21,7 +24,13 @@ SERVICE_TESTS = ("system.test_main", "system.test_start")
 SERVICE_TARGETS = ("kestrel-server", "kestrel-server-console", "kestrel-server-scripted",
                    "kestrel_camera_preload", "kestrel-camera", "kestrel-camera-ctl")
 
-BUILD_SECONDS = 600
+BUILD_SECONDS = 1800
+MOST_ROUNDS = 30 # of leaving out what doesn't compile
+TIERS = (0.1, 0.3, 1, 3) # seconds; tests of a tier run in one process
+SOUND_SECONDS = 120 # so long holds that a test passes without any change
+
+
+OVER = (-signal.SIGXCPU, 128 + signal.SIGXCPU) # its processor time was used up
 
 
 class Broken(Exception):
@@ -30,16 +39,17 @@ class Broken(Exception):
 
 @dataclass
 class Program:
-    """A GoogleTest program, or one other test of ctest, with the seconds that each test takes."""
+    """A GoogleTest program, or one other test of ctest."""
 
     name: str
     command: list
     environment: dict
-    tests: dict = field(default_factory=dict) # name -> seconds; "" for a test that is no GoogleTest
+    usual: dict = field(default_factory=dict)   # test -> seconds; "" for a test that is no GoogleTest
+    reached: dict = field(default_factory=dict) # test -> the numbers of the statements it comes by
 
 
-def copied(root, to):
-    """Bring a copy of the working tree up to date, touching only what differs."""
+def copied(root, to, instead):
+    """Bring a copy of the working tree up to date, touching only what differs; some have another text."""
     names = subprocess.run(["git", "ls-files", "-co", "--exclude-standard", "-z", "."], cwd=root,
                            check=True, stdout=subprocess.PIPE).stdout.decode().split("\0")
     kept = set()
@@ -49,70 +59,84 @@ def copied(root, to):
             continue
         target = f"{to}/{name}"
         kept.add(target)
+        if name in instead:
+            written(target, instead[name].encode())
+            continue
         with open(source, "rb") as file:
-            content = file.read()
-        if os.path.exists(target):
-            with open(target, "rb") as file:
-                if file.read() == content:
-                    continue
-        os.makedirs(os.path.dirname(target), exist_ok=True)
-        with open(target, "wb") as file:
-            file.write(content)
-        shutil.copymode(source, target)
+            if written(target, file.read()):
+                shutil.copymode(source, target)
     for folder, _, files in os.walk(to):
         for name in files:
             if f"{folder}/{name}" not in kept:
                 os.remove(f"{folder}/{name}")
 
 
-class Watch:
-    """Tells when a test of a GoogleTest program has taken far too long, or floods its output."""
-
-    MOST_OUTPUT = 1 << 28
-
-    def __init__(self, output, usual):
-        self.output = output
-        self.usual = usual
-        self.seen = 0
-        self.test = None
-        self.begin = time.monotonic()
-
-    def late(self):
-        if os.fstat(self.output.fileno()).st_size > self.MOST_OUTPUT:
-            return True
-        if self.usual is None:
-            return False
-        text = os.pread(self.output.fileno(), 1 << 20, self.seen)
-        begun = re.findall(rb"\[ RUN      \] (\S+)", text)
-        end = text.rfind(b"\n") + 1
-        self.seen += end if end > 0 or len(text) < 1 << 20 else len(text)
-        if begun:
-            self.test = begun[-1].decode(errors="replace")
-            self.begin = time.monotonic()
-        return time.monotonic() - self.begin > 10 + 4 * self.usual.get(self.test, 0)
-
-
 class Bench:
-    """A copy of the sources and a build of it, in which one source at a time is changed."""
+    """A copy of the sources with all changes in them, its build, and what its tests come by."""
 
-    def __init__(self, root, folder, options=(), jobs=1):
+    def __init__(self, root, folder, parts, read, jobs=1):
+        """
+        @param parts  file -> its changes
+        @param read   gives the text of a file
+        """
+        self.read = read
         self.source = f"{folder}/source"
         self.build = f"{folder}/build"
         self.scratch = f"{folder}/scratch"
         self.jobs = jobs
-        self.programs = {} # by build target, as far as they have been looked at
-        for path in (self.source, self.build, self.scratch):
+        self.programs = {} # by build target, or the name in ctest
+        self.sounds = {}   # (program, test) -> when it last passed without a change
+        self.lonely = set() # tests that fail beside others only
+        self.boxes = queue.SimpleQueue()
+        self.lock = threading.Lock() # for what is printed
+        for path in (self.source, self.build):
             os.makedirs(path, exist_ok=True)
-        copied(root, self.source)
+        for number in range(jobs):
+            self.boxes.put(Box(f"{self.scratch}/{number}"))
+        self.guards = AllGuards(parts, read, f"{folder}/guards.json")
+        copied(root, self.source, self.guards.texts())
         linker = ["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld"] if shutil.which("ld.lld") else []
         self.call("cmake", "-G", "Ninja", "-S", self.source, "-B", self.build,
                   # No warning stops a change, and nothing is compiled for a debugger.
                   "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS=-w", "-DCMAKE_C_FLAGS=-w",
                   "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DCMAKE_C_FLAGS_DEBUG=-O0",
-                  "-DKESTREL_VISION=OFF", *linker, *options)
+                  "-DKESTREL_VISION=OFF", *linker)
         listed = self.call("ninja", "-C", self.build, "-t", "targets", "all")
         self.executables = re.findall(r"^(tests/\S+): CXX_EXECUTABLE_LINKER", listed, re.M)
+        libraries = re.findall(r"^(application/\S+): CXX_STATIC_LIBRARY_LINKER", listed, re.M)
         self.inputs = {}
+        self.covering = {file: [name for name in self.executables if self.covers(name, file)]
+                         for file in parts}
+        whole = os.path.isdir(f"{self.source}/tests/system")
+        for file, names in self.covering.items():
+            if whole and WHOLE_SERVICE.match(file):
+                names += SERVICE_TESTS
+            if not names:
+                raise Broken(f"no test covers {file}")
+        wanted = set(itertools.chain(*self.covering.values()))
+        self.targets = sorted(wanted.difference(SERVICE_TESTS))
+        if wanted.intersection(SERVICE_TESTS):
+            self.targets += SERVICE_TARGETS
+        if libraries:
+            self.compileAll(libraries) # what doesn't compile shows here, before the tests see it
+        self.compileAll(self.targets)
+        self.learn(wanted)
+
+    def close(self):
+        while not self.boxes.empty():
+            self.boxes.get().close()
+
+    @contextmanager
+    def box(self):
+        box = self.boxes.get()
+        try:
+            yield box
+        finally:
+            self.boxes.put(box)
+
+    def say(self, text):
+        with self.lock:
+            print(text, flush=True)
 
     def call(self, *command):
         result = subprocess.run(command, check=False, stdout=subprocess.PIPE,
@@ -121,20 +145,31 @@ class Bench:
             raise Broken(f"{' '.join(command)}\n{result.stdout[-4000:]}")
         return result.stdout
 
-    def compiled(self, changed=True):
-        """Build what self.targets names. @return whether that worked"""
-        environment = dict(os.environ)
-        if changed:
-            environment["CCACHE_READONLY"] = "1" # nobody compiles this again
+    # Building.
+
+    def compiled(self, targets, *options):
+        """@return whether that worked, and what was printed"""
         try:
-            result = subprocess.run(["ninja", "-C", self.build, f"-j{self.jobs}", *self.targets],
-                                    check=False, env=environment, stdout=subprocess.PIPE,
-                                    stderr=subprocess.STDOUT, text=True, timeout=BUILD_SECONDS)
+            result = subprocess.run(
+                ["ninja", "-C", self.build, f"-j{self.jobs}", *options, *targets], check=False,
+                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=BUILD_SECONDS)
         except subprocess.TimeoutExpired:
-            return False
-        if result.returncode != 0 and not changed:
-            raise Broken(result.stdout[-4000:])
-        return result.returncode == 0
+            return False, ""
+        return result.returncode == 0, result.stdout
+
+    def compileAll(self, targets):
+        """Build all changes together, without those that don't compile."""
+        for _ in range(MOST_ROUNDS):
+            done, output = self.compiled(targets, "-k", "0")
+            if done:
+                self.guards.keep()
+                return
+            if not self.guards.leaveOut(output):
+                raise Broken(output[-4000:])
+            self.say("once more, without what does not compile")
+            for file, text in self.guards.texts().items():
+                written(f"{self.source}/{file}", text.encode())
+        raise Broken(output[-4000:])
 
     # Which tests cover a source.
 
@@ -152,192 +187,188 @@ class Bench:
         return any(os.path.dirname(name) == mirrored or os.path.basename(name).startswith(stem)
                    for name in tests)
 
-    def select(self, file):
-        """Choose and build the programs for a source: those with tests in the folder that mirrors its."""
-        chosen = [name for name in self.executables if self.covers(name, file)]
-        whole = bool(WHOLE_SERVICE.match(file)) and os.path.isdir(f"{self.source}/tests/system")
-        self.targets = chosen + (list(SERVICE_TARGETS) if whole else [])
-        if not self.targets:
-            raise Broken(f"no test covers {file}")
-        self.compiled(changed=False)
-        self.learn(chosen, SERVICE_TESTS if whole else ())
-        stem = os.path.splitext(os.path.basename(file))[0]
-        found = [self.programs[name] for name in chosen if name in self.programs]
-        found.sort(key=lambda program: not any(self.isOf(stem, test) for test in program.tests))
-        return stem, found + [self.programs[name] for name in SERVICE_TESTS
-                              if whole and name in self.programs]
+    # What the tests come by.
 
-    @staticmethod
-    def isOf(stem, test):
-        """Whether a test is of the class that a file has the name of."""
-        return stem in test.split(".", 1)[0]
-
-    def learn(self, executables, others):
-        """Ask ctest how the tests are run, and run those that are new: that is what has to pass."""
-        wanted = [name for name in (*executables, *others) if name not in self.programs]
-        if not wanted:
-            return
+    def learn(self, wanted):
+        """Ask ctest how the tests are run, and run each by itself: that is what has to pass."""
         listed = json.loads(self.call("ctest", "--test-dir", self.build, "--show-only=json-v1"))
         for test in listed["tests"]:
             command = test.get("command", [])
-            name = next((os.path.relpath(word, self.build) for word in command
-                         if os.path.relpath(word, self.build) in wanted), None)
-            if name is None and test["name"] in wanted:
-                name = test["name"]
+            paths = [os.path.relpath(word, self.build) for word in command]
+            name = next((path for path in paths if path in wanted),
+                        test["name"] if test["name"] in wanted else None)
             if name is None or name in self.programs:
                 continue
-            environment = {}
-            for item in test.get("properties", []):
-                if item["name"] == "ENVIRONMENT":
-                    environment = dict(pair.split("=", 1) for pair in item["value"] if pair)
-                if item["name"] == "WORKING_DIRECTORY":
-                    folder = item["value"]
-            if name in others:
-                command = ["sh", "-c", 'cd "$0" && exec "$@"', folder, *command]
+            properties = {item["name"]: item["value"] for item in test.get("properties", [])}
+            environment = dict(pair.split("=", 1) for pair in properties.get("ENVIRONMENT", []) if pair)
+            if name in SERVICE_TESTS:
+                command = ["sh", "-c", 'cd "$0" && exec "$@"', properties["WORKING_DIRECTORY"], *command]
             else:
                 command = [word for word in command if not word.startswith("--gtest")]
-            self.programs[name] = self.measured(Program(name, command, environment))
+            self.programs[name] = Program(name, command, environment)
+        with ThreadPoolExecutor(self.jobs) as pool:
+            for program in self.programs.values():
+                self.measure(program, pool)
 
-    def measured(self, program):
-        """Fill in the tests and their times. Which fail together and alone are not used."""
-        stored = f"{self.build}/{program.name.replace('/', '_')}.times.json"
+    def measure(self, program, pool):
+        """Fill in times and statements of a program's tests. One that fails by itself is not used."""
         path = f"{self.build}/{program.name}"
-        if os.path.exists(stored) and (not os.path.exists(path) or
-                                       os.path.getmtime(stored) > os.path.getmtime(path)):
+        stored = f"{self.build}/{program.name.replace('/', '_')}.reached.json"
+        newest = max(os.path.getmtime(f"{self.build}/{name}")
+                     for name in self.targets if os.path.exists(f"{self.build}/{name}"))
+        if os.path.exists(stored) and os.path.getmtime(stored) > newest:
             with open(stored, encoding="utf-8") as file:
-                program.tests = json.load(file)
-            return program
-        if not os.path.exists(path):
-            begin = time.monotonic()
-            status, output = self.contained(program.command, program.environment, 900)
-            if status != 0:
-                raise Broken(f"{program.name} fails unchanged\n{output[-2000:]}")
-            program.tests = {"": time.monotonic() - begin}
-        else:
-            report = f"{self.scratch}/report.json"
-            status, output = self.contained(
-                [*program.command, "--gtest_brief=1", f"--gtest_output=json:{report}"],
-                program.environment, 1800)
-            if not os.path.exists(report):
-                raise Broken(f"{program.name} does not run unchanged\n{output[-2000:]}")
-            with open(report, encoding="utf-8") as file:
-                suites = json.load(file)["testsuites"]
-            os.remove(report)
-            for suite in suites:
-                for test in suite["testsuite"]:
-                    name = f"{suite['name']}.{test['name']}"
-                    if test.get("result") == "SKIPPED":
-                        continue
-                    if "failures" in test:
-                        print(f"left out, fails unchanged: {name}", flush=True)
-                    else:
-                        program.tests[name] = float(test["time"].rstrip("s"))
+                program.usual, reached = json.load(file)
+            program.reached = {test: frozenset(numbers) for test, numbers in reached.items()}
+            return
+        tests = [""]
+        if os.path.exists(path):
+            with self.box() as box:
+                _, listed, _ = box.run([*program.command, "--gtest_list_tests"], program.environment, 60, 60)
+            suite = ""
+            tests = []
+            for line in listed.split("\n"):
+                name = line.split("#")[0].rstrip()
+                if re.match(r"\w\S*\.$", name):
+                    suite = name
+                elif suite and name.startswith("  ") and "DISABLED_" not in suite + name:
+                    tests.append(suite + name.strip())
+        for test, took, reached in pool.map(lambda test: self.come(program, test), tests):
+            if reached is not None:
+                program.usual[test] = took
+                program.reached[test] = reached
+        if not program.usual:
+            raise Broken(f"{program.name} fails unchanged")
         with open(stored, "w", encoding="utf-8") as file:
-            json.dump(program.tests, file)
-        return program
+            json.dump([program.usual, {test: sorted(numbers)
+                                       for test, numbers in program.reached.items()}], file)
 
-    def contained(self, command, environment, seconds, usual=None):
-        """
-        @param usual  the seconds that each test takes; one that takes far longer ends the program
-        @return (status or None for a time-out, output)
-        """
+    def come(self, program, test):
+        """@return (test, seconds, the statements it comes by, or None when it does not pass)"""
+        with self.box() as box:
+            path = f"{box.folder}/reached"
+            with open(path, "wb") as file:
+                file.write(bytes(MOST_POINTS))
+            os.chmod(path, 0o666)
+            status, output, took = box.run(self.narrowed(program, [test]),
+                                           {**program.environment, "MUTATION_REACHED": path}, 900, 900)
+            with open(path, "rb") as file:
+                reached = frozenset(number for number, byte in enumerate(file.read()) if byte)
+        if status != 0:
+            self.say(f"left out, fails unchanged: {test or program.name}")
+        if status != 0 or "[  SKIPPED ]" in output:
+            return test, took, None
+        self.sounds[(program.name, test)] = time.monotonic()
+        return test, took, reached
 
-        def limits():
-            resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-
-        with tempfile.TemporaryFile() as output:
-            process = subprocess.Popen([f"{HERE}/contain", self.scratch, *command],
-                                       env={**os.environ, **environment}, stdout=output,
-                                       stderr=output, stdin=subprocess.DEVNULL,
-                                       start_new_session=True, preexec_fn=limits)
-            watch = Watch(output, usual)
-            end = time.monotonic() + seconds
-            try:
-                while process.poll() is None and time.monotonic() < end and not watch.late():
-                    time.sleep(0.02)
-                status = process.poll()
-            finally:
-                try:
-                    os.killpg(process.pid, signal.SIGKILL)
-                except ProcessLookupError:
-                    pass
-                process.wait()
-            size = os.fstat(output.fileno()).st_size
-            start = max(0, size - 200000)
-            return status, os.pread(output.fileno(), size - start, start).decode(errors="replace")
+    @staticmethod
+    def narrowed(program, tests):
+        if tests == [""]:
+            return program.command
+        return [*program.command, "--gtest_fail_fast", f"--gtest_filter={':'.join(tests)}"]
 
     # One change.
 
-    def attempt(self, mutant, stem, programs, slowest):
-        """@return (result, who noticed): killed, survived, not compiled or timed out"""
-        path = f"{self.source}/{mutant.file}"
-        with open(path, encoding="utf-8") as file:
-            source = file.read()
-        try:
-            with open(path, "w", encoding="utf-8") as file:
-                file.write(mutants.applied(source, mutant))
-            if not self.compiled():
-                return "not compiled", ""
-            return self.noticed(stem, programs, slowest)
-        finally:
-            with open(path, "w", encoding="utf-8") as file:
-                file.write(source)
+    def attempt(self, mutant, slowest):
+        """@return (killed, survived, not compiled or timed out; program and test that noticed or None)"""
+        if mutant in self.guards.files[mutant.file].refused:
+            return "not compiled", None
+        return self.noticed(mutant, self.guards.numbers[mutant], slowest, self.confirmed)
 
-    def control(self, stem, programs, slowest):
-        """Leave out what fails without any change when it is run as the changes are."""
-        for name, program, tests in list(self.stages(stem, programs, slowest)):
-            left = list(tests)
-            while left:
-                who, _ = self.failing(name, program, left)
+    def isAlone(self, mutant):
+        return mutant in self.guards.files[mutant.file].alone
+
+    def attemptAlone(self, some, slowest):
+        """
+        Compile some changes of a file one after another.
+        @return (change, result, who noticed) of each whose notice holds without any change, too
+        """
+        found = []
+        for mutant in some:
+            path = f"{self.source}/{mutant.file}"
+            written(path, mutants.applied(self.read(mutant.file), mutant).encode())
+            done, _ = self.compiled(self.targets)
+            result = ("not compiled", None)
+            if done:
+                result = self.noticed(mutant, 0, slowest, self.again)
+            written(path, self.guards.files[mutant.file].text().encode())
+            found.append((mutant, *result))
+        self.compiled(self.targets)
+        return [(mutant, result, who) for mutant, result, who in found
+                if who is None or self.sound(self.programs[who[0]], who[1])]
+
+    def candidates(self, mutant, slowest):
+        """The tests that come by a change, as (program, test)."""
+        number = self.guards.files[mutant.file].reaching(mutant)
+        several = self.guards.files[mutant.file].points
+        for name in self.covering[mutant.file]:
+            program = self.programs.get(name)
+            for test, took in program.usual.items() if program else ():
+                reached = program.reached[test]
+                # A value outside of functions is put to all tests that come by the file.
+                comes = (number in reached if number is not None else
+                         mutant.file.endswith(".h") or any(point in reached for point in several))
+                if comes and took <= slowest:
+                    yield program, test
+
+    def stages(self, mutant, slowest):
+        """The quick tests of the file's class first, and of the others the slow ones at last."""
+        stem = os.path.splitext(os.path.basename(mutant.file))[0]
+
+        def rank(pair):
+            program, test = pair
+            took = program.usual[test]
+            tier = next((index for index, most in enumerate(TIERS) if took <= most), len(TIERS))
+            own = tier == 0 and stem in test.split(".", 1)[0]
+            single = tier == len(TIERS) or (program.name, test) in self.lonely
+            return tier, not own, program.name, (took, test) if single else ()
+
+        for _, group in itertools.groupby(sorted(self.candidates(mutant, slowest), key=rank), rank):
+            group = list(group)
+            yield group[0][0], [test for _, test in group]
+
+    def noticed(self, mutant, number, slowest, stands):
+        """@param stands  whether a failure is the change's, by program, test and number"""
+        for program, tests in self.stages(mutant, slowest):
+            while tests:
+                who, result = self.failing(program, tests, number)
                 if who is None:
                     break
-                if who not in left:
-                    raise Broken(f"{name} fails unchanged: {who}")
-                print(f"left out, fails unchanged: {who}", flush=True)
-                left.remove(who)
-                del program.tests[who]
+                test = who if who in tests else tests[0]
+                if stands(program, test, number):
+                    return result, (program.name, test)
+                self.lonely.add((program.name, test))
+                tests.remove(test)
+        return "survived", None
 
-    def noticed(self, stem, programs, slowest):
-        for name, program, tests in self.stages(stem, programs, slowest):
-            left = list(tests)
-            while left:
-                who, result = self.failing(name, program, left)
-                if who is None:
-                    break
-                # Once more by itself: a busy machine is no test that notices.
-                again = self.failing(name, program, [who])[0] if who in left else who
-                if again is not None:
-                    return result, who
-                left.remove(who)
-        return "survived", ""
+    def confirmed(self, program, test, number):
+        """Whether a test fails once more with a change, by itself, and passes without."""
+        return self.again(program, test, number) and self.sound(program, test)
 
-    def failing(self, name, program, tests):
+    def again(self, program, test, number):
+        return self.failing(program, [test], number)[0] is not None
+
+    def sound(self, program, test):
+        passed = self.sounds.get((program.name, test))
+        if passed is None or time.monotonic() - passed > SOUND_SECONDS:
+            begun = time.monotonic()
+            if self.failing(program, [test], 0)[0] is not None:
+                return False
+            self.sounds[(program.name, test)] = begun
+        return True
+
+    def failing(self, program, tests, number):
         """@return (the first test that fails, or what is known of it; how), None when all pass"""
-        command = program.command
-        if tests != [""]:
-            command = [*command, "--gtest_fail_fast", f"--gtest_filter={':'.join(tests)}"]
-        usual = sum(program.tests.get(test, 1) for test in tests)
-        status, output = self.contained(command, program.environment, 3 * usual + 20,
-                                        program.tests if tests != [""] else None)
+        usual = sum(program.usual[test] for test in tests)
+        environment = {**program.environment, "MUTATION_CHOSEN": str(number)}
+        with self.box() as box:
+            status, output, _ = box.run(self.narrowed(program, tests), environment,
+                                        10 + 4 * usual, round(5 + 2 * usual))
         if status == 0:
             return None, ""
-        if status is None:
-            running = re.findall(r"\[ RUN      \] (\S+)", output)
-            return running[-1] if running else name, "timed out"
         failed = re.search(r"\[  FAILED  \] (\w[\w/]*\.[\w/]+)", output)
-        return failed.group(1) if failed else f"{name}, status {status}", "killed"
-
-    def stages(self, stem, programs, slowest):
-        """The class's own quick tests first, then the other quick ones, the slow ones at last."""
-        later = []
-        for program in programs:
-            quick = [test for test, took in program.tests.items() if took <= 1]
-            own = [test for test in quick if self.isOf(stem, test)]
-            others = [test for test in quick if test not in own]
-            slow = sorted((took, test) for test, took in program.tests.items() if 1 < took <= slowest)
-            if own:
-                yield f"{program.name}, own", program, own
-            later += [(f"{program.name}, quick", program, others)] if others else []
-            later += [(program.name, program, [test]) for took, test in slow]
-        later.sort(key=lambda stage: sum(stage[1].tests[test] for test in stage[2]))
-        yield from later
+        running = re.findall(r"\[ RUN      \] (\S+)", output)
+        if status is not None and failed:
+            return failed.group(1), "killed"
+        who = running[-1] if running else program.name
+        return who, "timed out" if status is None or status in OVER else "killed"

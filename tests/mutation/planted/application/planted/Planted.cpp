@@ -16,3 +16,30 @@ bool step(int& nValue)
     }
     return bStepped;
 }
+
+static const int LIMIT = 9;
+static const int SLOTS = 4; // an array's size can't be chosen when the program runs
+
+int clipped(int nValue)
+{
+    return (nValue > LIMIT) ? LIMIT : nValue;
+}
+
+int slots()
+{
+    struct Slots
+    {
+        char acSlot[SLOTS];
+    };
+    return static_cast<int>(sizeof(Slots));
+}
+
+long length(const char* pBegin, const char* pEnd)
+{
+    return pEnd - pBegin;
+}
+
+int calledByNobody(int nValue)
+{
+    return nValue * 2;
+}

@@ -18,6 +18,19 @@ TEST(Planted, StepsDown)
     EXPECT_EQ(0, nValue);
 }
 
+TEST(Planted, ValuesOutsideOfFunctions)
+{
+    EXPECT_EQ(9, clipped(20));
+    EXPECT_EQ(4, slots());
+}
+
+TEST(Planted, LengthBetween)
+{
+    const char acText[] = "planted";
+
+    EXPECT_EQ(7, length(acText, acText + 7));
+}
+
 // Passes when all tests are run, and fails when some are chosen: no change is to be judged by it.
 TEST(Planted, PassesInTheWholeOnly)
 {
