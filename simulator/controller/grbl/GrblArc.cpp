@@ -64,7 +64,11 @@ std::vector<Point> GrblArc::divide(double dTolerance) const
 {
     const double dRadius = std::hypot(m_dI, m_dJ);
     const double dFrom = std::atan2(-m_dJ, -m_dI);
-    double dAngle = std::atan2(m_dY - m_dJ, m_dX - m_dI) - dFrom;
+    // Between the two radii at once: of a whole circle the difference of two angles may be a turn
+    // or none, by the sign of a zero.
+    const double dToX = m_dX - m_dI;
+    const double dToY = m_dY - m_dJ;
+    double dAngle = std::atan2(m_dJ * dToX - m_dI * dToY, -m_dI * dToX - m_dJ * dToY);
     if (m_bClockwise && dAngle >= -1e-9) {
         dAngle -= 2 * PI;
     } else if (!m_bClockwise && dAngle <= 1e-9) {

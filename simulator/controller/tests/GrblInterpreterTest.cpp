@@ -52,6 +52,20 @@ TEST_F(GrblInterpreterDialogue, PausedProgramGoesOnAndEndedProgramIsDark)
     EXPECT_TRUE(contains(say("$G\n"), "M5"));
 }
 
+TEST_F(GrblInterpreterDialogue, WholeCircleGoesAllTheWayWhateverTheSignOfZero)
+{
+    prepare(500);
+
+    for (const char* const pCircle :
+         {"G2 X0 I-5 J0 F300\n", "G2 X0 I5 J0\n", "G3 X0 I-5 J0\n", "G3 X0 I5 J0\n"}) {
+        say(pCircle);
+        wait(3000 * MS); // half of it takes 3.1 s at 5 mm/s
+        EXPECT_NEAR(10, std::fabs(x()), 1) << pCircle;
+        wait(4000 * MS);
+        EXPECT_NEAR(0, x(), 1e-6) << pCircle;
+    }
+}
+
 TEST_F(GrblInterpreterDialogue, ArcEndsWhereItShouldOnItsCircle)
 {
     prepare(500);
