@@ -63,16 +63,9 @@ class Lines:
 
     def __init__(self, path):
         self.socket = socket.socket(socket.AF_UNIX)
-        wait_until(lambda: self.connects(path), f"{path} listens")
         self.socket.settimeout(DEADLINE)
+        self.socket.connect(path)
         self.input = b""
-
-    def connects(self, path):
-        try:
-            self.socket.connect(path)
-        except OSError:
-            return False
-        return True
 
     def ask(self, line, passed=None):
         if passed is None:
@@ -110,7 +103,7 @@ class Board:
                                  *OPTIONS[language]], stdout=subprocess.PIPE, text=True)
         if self.controller.stdout.readline() != "ready\n":
             raise AssertionError("the virtual controller is not ready")
-        self.control = Lines(self.path("control"))
+        self.control = Lines(self.path("control"))  # which listens before it is ready
         self.offset = min(self.measure_offset() for _ in range(20))[1]
         self.wire = open(self.path("wire"), encoding="ascii")
         self.rest = ""
@@ -177,10 +170,18 @@ class Board:
         self.reset_line = reset_line
         with contextlib.suppress(FileNotFoundError):
             os.unlink(self.path("socket"))
-        self.guard = start([GUARD, "--config", self.path("guard.toml"), "--last-port", self.path("last-port")],
-                           stdout=self.journal, stderr=self.journal)
-        self.operator = Lines(self.path("socket"))
+        self.operator = wait_until(self.run_guard, "the guard works")
         self.worker_id = self.worker()
+
+    def run_guard(self):
+        """As the service manager does: one that has ended is started again."""
+        if self.guard is None or self.guard.poll() is not None:
+            self.guard = start([GUARD, "--config", self.path("guard.toml"), "--last-port", self.path("last-port")],
+                               stdout=self.journal, stderr=self.journal)
+        try:
+            return Lines(self.path("socket"))
+        except OSError:
+            return None
 
     def await_end(self):
         """Of a guard that ends by itself, both processes: the next one wants the port."""

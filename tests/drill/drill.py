@@ -112,8 +112,9 @@ def work(language, tasks, results):
         except Exception as error:  # pylint: disable=broad-exception-caught  # a run that fails is told
             outcome = verdict.Outcome(problems=[f"{type(error).__name__}: {error}"])
             notes = traceback.format_exc().splitlines()[-4:]
-        if outcome.problems and board is not None:
+        if board is not None and (outcome.problems or verdict.is_late(task.fault, outcome.figure)):
             notes += board.tell_journal(12) + [" ".join(map(str, record)) for record in board.records[-30:]]
+        if board is not None and outcome.problems:
             board.close()
             board = None
         results.put(Result(task, outcome, notes))
@@ -166,9 +167,9 @@ def do_phases(tasks, boards):
         count += 1
         if sys.stderr.isatty():
             print(f"\r{count} of {len(tasks)} runs", end="", file=sys.stderr)
-        if result.outcome.problems:
-            print(f"{result.task}: {'; '.join(result.outcome.problems)}", *result.notes, sep="\n    ",
-                  file=sys.stderr, flush=True)
+        if result.notes:
+            what = "; ".join(result.outcome.problems) or f"{result.outcome.figure:.3f} s"
+            print(f"{result.task}: {what}", *result.notes, sep="\n    ", file=sys.stderr, flush=True)
     results = []
     calm = [task for task in tasks if not BY_NAME[task.fault].loaded]
     loaded = [task for task in tasks if BY_NAME[task.fault].loaded]

@@ -1,5 +1,6 @@
 """The drill's judgement, against logs in which something is wrong and logs in which nothing is."""
 
+import math
 import unittest
 
 import verdict
@@ -185,6 +186,12 @@ class Bounds(unittest.TestCase):
     def test_worker_that_is_noticed_late_is_found(self):
         self.assertEqual(["arm, worker stopped: 2.000 s, the bound 2.0 s"],
                          verdict.check_bounds({("worker stopped", "arm"): [1.2, 2.0]}))
+
+    def test_one_run_is_late_by_its_own_bound(self):
+        self.assertTrue(verdict.is_late("alarm", 0.25))
+        self.assertFalse(verdict.is_late("worker stopped", 1.9))
+        self.assertFalse(verdict.is_late("guard killed whole", 9.0))
+        self.assertFalse(verdict.is_late("alarm", math.nan))
 
     def test_percentile_is_the_nearest_rank(self):
         self.assertEqual(99, verdict.percentile(range(1, 101), 0.99))

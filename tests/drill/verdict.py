@@ -241,6 +241,11 @@ def judge(run):
     return outcome
 
 
+def is_late(fault, figure):
+    """Whether this one run alone breaks a bound."""
+    return fault not in UNBOUNDED and figure >= WORKER_BOUND.get(fault, POOLED_BOUND["worst"])
+
+
 def percentile(values, share):
     """Nearest rank."""
     ordered = sorted(values)
