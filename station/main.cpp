@@ -3,6 +3,7 @@
 
 #include "CheckCommand.h"
 
+// NOLINTNEXTLINE(bugprone-exception-escape): without memory for the options the program ends
 int main(int argc, char** argv)
 {
     CLI::App app("Works with the laser arm.");

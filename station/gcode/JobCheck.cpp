@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <utility>
 
 #include <sha256.h>
 
@@ -26,10 +27,9 @@ std::string sumUp(const std::string& strText)
 class JobPass
 {
 public:
-    JobPass(const GuardLimits& limits, const ILanguage& language, GcodeCheck check,
+    JobPass(const GuardLimits& limits, const ILanguage& language, const GcodeCheck& check,
             const JobCheck::MoveHandler& handler)
-        : m_check(std::move(check)), m_handler(handler),
-          m_time(limits.dAcceleration, limits.dRapidFeed),
+        : m_check(check), m_handler(handler), m_time(limits.dAcceleration, limits.dRapidFeed),
           m_bProgramEndIsDark(language.needsLaserMode())
     {
     }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 // Grbl 1.1 as it is delivered.
 static const double DEVIATION = 0.01;      // mm, $11
@@ -33,13 +34,15 @@ void MotionTime::addArc(const GcodeMove& move)
     const double dWay = move.dRadius * move.dTravel;
     const double dChord =
         2 * std::sqrt(std::max(ARC_TOLERANCE * (2 * move.dRadius - ARC_TOLERANCE), 1e-6));
-    const double dChords = std::max(1.0, std::floor(dWay / dChord));
+    const double dChords = std::clamp(std::floor(dWay / dChord), 1.0, 1e9);
     MachinePoint from = move.from;
-    for (double d = 1; d < dChords; ++d) {
-        const double dAngle = move.dStart + dSign * move.dTravel * d / dChords;
+    const auto uChords = static_cast<uint32_t>(dChords);
+    for (uint32_t u = 1; u < uChords; ++u) {
+        const double dShare = u / dChords;
+        const double dAngle = move.dStart + dSign * move.dTravel * dShare;
         const MachinePoint to = {move.dCentreX + move.dRadius * std::cos(dAngle),
                                  move.dCentreY + move.dRadius * std::sin(dAngle),
-                                 move.from[2] + (move.to[2] - move.from[2]) * d / dChords};
+                                 move.from[2] + (move.to[2] - move.from[2]) * dShare};
         addLine(from, to, move.dFeed / 60, false);
         from = to;
     }

@@ -18,8 +18,8 @@ const double TOLERANCE = 0.01; // of the controller's own time
 /** Seconds that the virtual controller needs, from the first byte until the head stands. */
 double runOnController(const std::string& strJob)
 {
-    WireLog wireLog;
-    GrblController controller({}, wireLog);
+    ControllerJournal journal;
+    GrblController controller({}, journal);
     for (int n = 0; n < 3; ++n) { // as jobLimits() has it
         EXPECT_TRUE(controller.preset(110 + n, 6000));
         EXPECT_TRUE(controller.preset(120 + n, 500));
