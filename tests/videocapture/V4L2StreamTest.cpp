@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "EventBus.h"
 #include "Fault.h"
 #include "LogCapture.h"
@@ -112,6 +113,15 @@ protected:
 };
 
 } // namespace
+
+TEST_F(V4L2Stream, WaitsForAFrameAsLongAsItIsAskedTo)
+{
+    const CallJournal journal("poll");
+    for (const int32_t s32Ms : {1, 999, 1500}) {
+        (void)m_v4l2.getVideoStream(m_frame, s32Ms); // or none has come
+        EXPECT_EQ(1U, CallJournal::count("poll " + std::to_string(s32Ms)));
+    }
+}
 
 TEST_F(V4L2Stream, StreamOnQueuesEveryBufferFirst)
 {
