@@ -93,7 +93,7 @@ TEST_P(KestrelGuardMemory, NothingIsAllocatedBetweenALineAndItsAnswerNorForATrip
         ASSERT_EQ("ok\n", bench.run("G1 X-9.5"));
     }
     EXPECT_EQ(u32Before, count.get());
-    ASSERT_EQ("ok", bench.controller().instruct("refuse 20"));
+    ASSERT_EQ("ok", bench.controller().command("refuse 20"));
     bench.send("G1 X-10 Y-5 F6000\n\n");
     EXPECT_EQ("error:26\n", bench.receive());
     std::string strEvent;
