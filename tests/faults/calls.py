@@ -10,9 +10,14 @@ ERESTARTSYS and ERESTARTNOINTR, which only a tracer sees; what a page names for 
 FOREVER = 4294967295  # a position that no run reaches: the rule only counts
 
 
+SERVICE = "kestrel-server"
+VISION = "kestrel-server-vision"  # the service with its vision host up
+
+
 class Call:
-    def __init__(self, name, rule, errors, manual, load="", last=200):
+    def __init__(self, name, rule, errors, manual, load="", last=200, program=SERVICE):
         self.name = name
+        self.program = program
         self.rule = rule  # how the fault library knows it
         self.errors = errors.split()
         self.manual = manual
@@ -61,4 +66,12 @@ CALLS = (
     Call("operator new", "new", "ENOMEM", "malloc(3), which is inside", last=3000),
 )
 
-ALLOCATIONS = ("malloc", "calloc", "realloc", "operator new")
+# The same of the vision host and its plug-in, while they measure and correct pictures. Not at the start,
+# where the plug-in's libraries are loaded.
+MEASURING = (
+    Call("malloc, measuring", "malloc", "ENOMEM", "malloc(3)", "measure", 3000, VISION),
+    Call("operator new, measuring", "new", "ENOMEM", "malloc(3), which is inside", "measure", 3000,
+         VISION),
+)
+
+ALLOCATIONS = ("malloc", "calloc", "realloc", "new")  # rules

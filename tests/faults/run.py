@@ -24,7 +24,7 @@ import sys
 import threading
 import time
 
-from calls import ALLOCATIONS, CALLS, FOREVER
+from calls import ALLOCATIONS, CALLS, FOREVER, MEASURING, SERVICE, VISION
 import service
 from service import harness
 
@@ -106,16 +106,20 @@ def do_all(tasks):
 
 def count_start(calls):
     """How often each call comes until the service listens, by name."""
-    plan = ";".join(f"{call.rule}:{FOREVER}:EIO" for call in calls)
-    result = do_all([{"plan": plan, "until": 0, "load": ""}])[0][1]
-    if not result["listens"] or result["failing"]:
-        raise SystemExit(f"the service does not serve undisturbed: {result}")
-    return {call.name: count for call, count in zip(calls, result["at_start"])}
+    counts = {}
+    for program in sorted({call.program for call in calls}):
+        of_program = [call for call in calls if call.program == program]
+        plan = ";".join(f"{call.rule}:{FOREVER}:EIO" for call in of_program)
+        result = do_all([{"program": program, "plan": plan, "until": 0, "load": ""}])[0][1]
+        if not result["listens"] or result["failing"]:
+            raise SystemExit(f"{program} does not serve undisturbed: {result}")
+        counts.update((call.name, count) for call, count in zip(of_program, result["at_start"]))
+    return counts
 
 
 def count_all(calls):
     """How often each call comes at all under its load, its last for at least that often, by name."""
-    tasks = [{"call": call.name, "plan": f"{call.rule}:{FOREVER}:EIO", "until": call.last,
+    tasks = [{"call": call.name, "program": call.program, "plan": f"{call.rule}:{FOREVER}:EIO", "until": call.last,
               "last": call.last, "load": call.load, "hurry": call.load == "reopen"}
              for call in calls]
     return {task["call"]: min(result["seen"], task["last"]) for task, result in do_all(tasks)}
@@ -125,7 +129,8 @@ def start_tasks(call, count, quick):
     for position in range(1, count + 1):
         errors = [call.errors[position % len(call.errors)]] if quick else call.errors
         for error in errors:
-            yield {"call": call.name, "phase": "start", "position": position, "errors": [error],
+            yield {"call": call.name, "program": call.program, "phase": "start",
+                   "position": position, "errors": [error],
                    "plan": f"{call.rule}:{position}:{error}", "until": 0, "load": ""}
 
 
@@ -135,7 +140,7 @@ def stream_tasks(call, count, quick):
     for first in range(count + 1, count + 1 + (1 if quick else STEP)):
         for turn in range(1 if quick else len(errors)):
             turned = errors[turn:] + errors[:turn]
-            yield {"call": call.name, "phase": "stream", "position": first, "errors": turned,
+            yield {"call": call.name, "program": call.program, "phase": "stream", "position": first, "errors": turned,
                    "plan": f"{call.rule}:{first}/{STEP}-{call.last}:{','.join(turned)}",
                    "until": call.last, "load": call.load, "hurry": call.load == "reopen"}
 
@@ -157,7 +162,7 @@ def verdict(task, result):
                 return words, False
         if "epoll_ctl" == task["call"] and task["errors"][0] in UNHEARD and not result["ended"]:
             return "as agreed, a listener that nobody hears", False
-        if task["call"] in ALLOCATIONS:
+        if task["plan"].split(":")[0] in ALLOCATIONS:
             if result["ended"]:
                 return "ends at the start", False
             return "starts without what it was for", False
@@ -208,17 +213,24 @@ def main():
     quick = "quick" == arguments.form
     Worker.most = arguments.workers
     sanitizer = harness.sanitizer_of(f"{harness.BUILD}/application/kestrel-server")[0]
-    calls = [call for call in CALLS if (not arguments.call or call.name in arguments.call)
-             and not (sanitizer and call.name in ALLOCATIONS)]  # those are the sanitizer's own
+    measuring = MEASURING if os.path.exists(service.PLUGIN) else ()
+    calls = [call for call in CALLS + measuring if (not arguments.call or call.name in arguments.call)
+             and not (sanitizer and call.rule in ALLOCATIONS)]  # those are the sanitizer's own
     if not calls:
         parser.error("no such call")
+    if not measuring:
+        print("the vision host is left out: its plug-in is not built")
 
     start = time.monotonic()
     at_start = count_start(calls)
+    for call in calls:
+        if call.program == VISION:  # its last ones are counted from the first measurement
+            call.last += at_start[call.name]
     reached = {name: max(count, at_start[name]) for name, count in count_all(calls).items()}
     # A sanitizer's wrapper of these hides whether the service or the virtual camera calls, which it
     # does while it is opened.
-    tasks = [task for call in calls if not (sanitizer and call.name in ("send", "sendmsg", "recv", "poll"))
+    tasks = [task for call in calls if call.program == SERVICE
+             and not (sanitizer and call.name in ("send", "sendmsg", "recv", "poll"))
              for task in start_tasks(call, at_start[call.name], quick)]
     tasks += [task for call in calls if reached[call.name] > at_start[call.name]
               for task in stream_tasks(call, at_start[call.name], quick)]

@@ -4,6 +4,7 @@ import contextlib
 import glob
 import mmap
 import os
+import re
 import signal
 import socket
 import struct
@@ -15,9 +16,12 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "system"))
 
 import harness
+from calls import VISION
 from harness import BUILD, CARD, HTTP_PORT, LOG_PORT, Camera, LiveStream, Server
 
 FAULT_LIBRARY = f"{BUILD}/tests/support/fault/libkestrel_fault_preload.so"
+PLUGIN = f"{BUILD}/plugin/libframe_process.so"
+HEIGHT = 1.5  # mm; how far out of focus the pictures' spot is
 CONTENT = bytes(range(256)) * 40
 LONG = "x" * 1500  # what it is copied to has a block of its own of more than 1 KB
 START_DEADLINE = 20.0  # seconds, as the others: only ends a failing run
@@ -49,6 +53,8 @@ class Host:
             os.makedirs(f"{CARD}/{folder}", exist_ok=True)
         with open(f"{CARD}/www/f.png", "wb") as file:
             file.write(CONTENT)
+        self.folder = tempfile.mkdtemp(prefix="kestrel-vision.")
+        os.symlink(PLUGIN, f"{self.folder}/libframe_process.so")
         self.pictures = self._draw_pictures()
         self.camera = Camera("--pictures", self._folder)
         self.camera.ctl(f"fps {RATE}")
@@ -57,6 +63,7 @@ class Host:
         """A few pictures of the camera's own, to compare what is streamed with."""
         self._folder = tempfile.mkdtemp(prefix="kestrel-pictures.")
         camera = Camera("--keep", "50")
+        camera.ctl(f"spot 3 4 {HEIGHT} on")
         server = Server(camera=camera)
         stream = LiveStream()
         pictures = {stream.frame() for _ in range(5)}
@@ -94,6 +101,29 @@ def get(path, headers=""):
     return f"GET {path} HTTP/1.1\r\nHost: board\r\n{headers}\r\n".encode()
 
 
+def body_of(answer):
+    """What stands behind an answer's head, once it is there in the length that the head tells."""
+    head, _, body = answer.partition(b"\r\n\r\n")
+    length = re.search(rb"Content-[Ll]ength: *(\d+)", head)
+    return body if length and len(body) >= int(length.group(1)) else None
+
+
+def measure():
+    """Have the height measured: right, or told as a failure. @return whether it was measured"""
+    answer = exchange(get("/camera?focus=1"), body_of, timeout=5)
+    value = abs(float(re.search(rb'"measure":"(-?\d+\.\d+)"', answer).group(1)))
+    if value != 0 and abs(value - HEIGHT) > 0.3:
+        raise AssertionError(f"measured {value}")
+    return value != 0
+
+
+def corrected():
+    """A corrected snapshot, or the picture as it was: in either case a whole one."""
+    picture = body_of(exchange(get("/snap?filename=c.jpg&mode=correction"), body_of, timeout=5))
+    if not picture.startswith(b"\xff\xd8") or not picture.endswith(b"\xff\xd9"):
+        raise AssertionError(f"not a whole picture, {len(picture)} bytes")
+
+
 def no_answer(_):
     return False  # until the service closes
 
@@ -107,11 +137,14 @@ REQUESTS = {
     "long name": lambda: exchange(get(f"/snap?filename={LONG}"), lambda a: len(a) > 10000),
     "body": lambda: exchange(b"POST /f.png HTTP/1.1\r\nContent-Length: 3000\r\n\r\n" + b"b" * 3000,
                              lambda answer: answer.endswith(CONTENT)),
+    "measure": lambda: measure(),  # pylint: disable=unnecessary-lambda
+    "corrected": lambda: corrected(),  # pylint: disable=unnecessary-lambda
     "long header": lambda: exchange(get("/f.png", f"Content-Type: {LONG}\r\n"),
                                     lambda answer: answer.endswith(CONTENT)),
 }
 LOADS = {
-    "": list(REQUESTS),
+    "": [name for name in REQUESTS if name not in ("measure", "corrected")],
+    "measure": ["measure", "corrected"],
     "log": ["reset", "reset", "reset", "snap"],
     "reopen": ["file"],
 }
@@ -179,6 +212,11 @@ def check_log(_):
         raise EOFError("no line")
 
 
+def check_measure(_):
+    if not measure():
+        raise AssertionError("measures nothing")
+
+
 CHECKS = {
     "live": check_live,
     "file": lambda _: REQUESTS["file"](),
@@ -186,10 +224,11 @@ CHECKS = {
 }
 
 
-def what_fails(server, pictures):
+def what_fails(server, pictures, program):
     """The checks that do not pass until the deadline, with the reason; none when all do."""
     failing = {}
-    for name, check in CHECKS.items():
+    checks = {**CHECKS, "measure": check_measure} if program == VISION else CHECKS
+    for name, check in checks.items():
         end = time.monotonic() + SERVE_DEADLINE
         while True:
             try:
@@ -231,8 +270,12 @@ def load(host, server, report, name, until):
     number = 0
     kinds = LOADS[name]
     while server.alive() and report.seen() < until:
-        with contextlib.suppress(OSError, EOFError):
+        try:
             REQUESTS[kinds[number % len(kinds)]]()
+        except (OSError, EOFError):
+            pass
+        except AssertionError as error:
+            viewers.bad.append(str(error))
         number += 1
         now = time.monotonic()
         if report.seen() > most:
@@ -247,18 +290,20 @@ def load(host, server, report, name, until):
 
 
 def run(host, task):
-    """Do a task {plan, until, load, hurry}; until 0: no load. Returns what came of it."""
+    """Do a task {program, plan, until, load, hurry}; until 0: no load. Returns what came of it."""
+    program = task["program"]
     for name in glob.glob("/tmp/usb-camera.log.*"):
         os.unlink(name)
     handle, path = tempfile.mkstemp(prefix="kestrel-report.")
     os.close(handle)
     report = Report(path)
-    environment = {"KESTREL_FAULT": task["plan"], "KESTREL_FAULT_PROGRAM": "kestrel-server",
+    environment = {"KESTREL_FAULT": task["plan"], "KESTREL_FAULT_PROGRAM": program,
                    "KESTREL_FAULT_EXCEPT": "libkestrel-camera", "KESTREL_FAULT_REPORT": path}
     if task.get("hurry"):
         environment["KESTREL_FAULT_HURRY"] = "100"
-    server = Server(camera=host.camera, environment=environment, preload=(FAULT_LIBRARY,),
-                    wait=False)
+    server = Server(camera=host.camera, program=program, environment=environment,
+                    preload=(FAULT_LIBRARY,), wait=False,
+                    cwd=host.folder if program == VISION else None)
     result = {"listens": False, "bad": [], "failing": {}, "ended": "", "sanitizer": ""}
     try:
         end = time.monotonic() + START_DEADLINE
@@ -269,7 +314,7 @@ def run(host, task):
         if result["listens"]:
             if task["until"]:
                 result["bad"] = load(host, server, report, task["load"], task["until"])
-            result["failing"] = what_fails(server, host.pictures)
+            result["failing"] = what_fails(server, host.pictures, program)
         if not server.alive():
             result["ended"] = how_ended(server)
         result["seen"], result["hits"] = report.seen(), report.hits()
