@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -249,6 +250,24 @@ TEST(KestrelGuardStart, TerminalIsRawAndSocketIsForOwnerAndGroup)
     EXPECT_EQ(0U, attr.c_oflag);
     EXPECT_EQ(0U, attr.c_lflag);
     EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&attr));
+}
+
+TEST(KestrelGuardStart, BothProcessesGoBeforeOthersWhereTheyMay)
+{
+    GuardBench bench(false);
+    ASSERT_TRUE(bench.waitForState("\"beam_seen_off\":true"));
+    const pid_t nChild = fork();
+    if (0 == nChild) {
+        _exit((0 == setpriority(PRIO_PROCESS, 0, -20)) ? 20 : 0);
+    }
+    int nStatus = 0;
+    ASSERT_EQ(nChild, waitpid(nChild, &nStatus, 0));
+    const int nFormer = getpriority(PRIO_PROCESS, 0);
+
+    for (const pid_t nPid : {bench.guard().pid(), bench.worker()}) {
+        EXPECT_EQ((20 == WEXITSTATUS(nStatus)) ? -20 : nFormer,
+                  getpriority(PRIO_PROCESS, static_cast<id_t>(nPid)));
+    }
 }
 
 TEST(KestrelGuardStart, RequestsThatMakeNoSenseAreAnswered)
