@@ -2,6 +2,7 @@
 
 import hashlib
 import json
+import lzma
 import os
 import subprocess
 import tempfile
@@ -28,6 +29,29 @@ rapid_feed = 6000
 """
 
 GOOD = "G21 G90\nM4 S500\nG0 X10 Y10\nG1 X110 F3000\nM5\n"
+
+JOBS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "jobs")
+
+WORD, FEED, POWER, BOX = "word not allowed", "feed", "power", "outside the box"
+BYTE, REAL_TIME, NO_WORD, NO_END = ("byte outside printable ASCII", "real-time byte", "no word",
+                                    "last line without a line end")
+
+# What other programs have written: lines, how many of the findings can be mended, findings by reason.
+WRITTEN = {
+    "dxf2gcode-dots.ngc": (1149, 1, {NO_END: 1, POWER: 1, WORD: 2}),
+    "dxf2gcode-plate.ngc": (55, 1, {NO_END: 1, POWER: 1, WORD: 2}),
+    "dxf2gcode-umlaut.ngc": (55, 2, {BYTE: 1, NO_END: 1, POWER: 1, WORD: 2}),
+    "gcodetools-crlf.ngc": (66, 67, {BYTE: 66, NO_END: 1}),
+    "gcodetools-frame.ngc": (66, 3, {NO_END: 1, NO_WORD: 2}),
+    "gcodetools-inch.ngc": (66, 3, {FEED: 20, NO_END: 1, NO_WORD: 2, BOX: 11}),
+    "gcodetools-laser.ngc": (50, 0, {}),
+    "repsnapper-box.gcode": (3660, 1, {FEED: 69, REAL_TIME: 1, WORD: 3415}),
+    "repsnapper-disc.gcode": (4272, 1, {FEED: 17, REAL_TIME: 1, WORD: 4176}),
+    "repsnapper-nut.gcode": (4081, 1, {FEED: 57, REAL_TIME: 1, WORD: 3878}),
+    "slic3r-box.gcode": (1412, 0, {FEED: 158, WORD: 948}),
+    "slic3r-disc.gcode": (5483, 0, {FEED: 101, WORD: 5122}),
+    "slic3r-gear.gcode": (55985, 0, {FEED: 886, WORD: 54110}),
+}
 
 
 class Check(unittest.TestCase):
@@ -136,6 +160,22 @@ class Check(unittest.TestCase):
         job = self.write("job.gcode", "G20\n")
         self.assertEqual(0, self.check(job)[0])
         self.assertEqual(1, self.check(job, configuration="own.toml")[0])
+
+    def test_jobs_of_other_programs(self):
+        """What is refused in each, and that mending leaves no more than could not be mended."""
+        self.write("wide.toml", CONFIGURATION.replace("[200, 100, 10]", "[200, 200, 20]"))
+        kept = sorted(name[:-3] for name in os.listdir(JOBS) if name.endswith(".xz"))
+        self.assertEqual(sorted(WRITTEN), kept)
+        for name, (lines, mendable, reasons) in WRITTEN.items():
+            with self.subTest(name), lzma.open(os.path.join(JOBS, name + ".xz")) as packed:
+                job = self.write(name, packed.read())
+                status, out, _ = self.check(job, "--json", "--mend", self.path("mended"),
+                                            configuration="wide.toml")
+                told = json.loads(out)
+                left = sum(reasons.values()) - mendable
+                self.assertEqual(1 if left else 0, status)
+                self.assertEqual((lines, mendable, reasons, left),
+                                 (told["lines"], told["mendable"], told["reasons"], told["mended"]["refused"]))
 
     def test_what_cannot_be_read_or_written_is_status_2(self):
         job = self.write("job.gcode", GOOD)
