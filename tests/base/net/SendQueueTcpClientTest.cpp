@@ -12,84 +12,14 @@
 
 #include <gtest/gtest.h>
 
-#include "EventBus.h"
-#include "Eventually.h"
 #include "Fault.h"
 #include "LogCapture.h"
-#include "LogEvent.h"
 #include "NetPair.h"
+#include "QueueClient.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-SafePointer_C<char> block(const std::string& strData)
-{
-    char* pData = static_cast<char*>(malloc(strData.size() + 1));
-    memcpy(pData, strData.c_str(), strData.size() + 1);
-    return SafePointer_C<char>(pData);
-}
-
-class QueueClient : public SendQueueTcpClient
-{
-public:
-    explicit QueueClient(NetPair& pair)
-    {
-        EXPECT_EQ(0, pair.m_near.setOptBlock(false));
-        shrinkSendBuffer(pair.m_near);
-        setSocket(pair.m_near);
-    }
-
-    void sendText(const std::string& strText)
-    {
-        send(block(strText), static_cast<int>(strText.size()));
-    }
-
-    /** What the reactor does when the socket is writable. */
-    int write()
-    {
-        int nFd = m_socket.getFd();
-        TcpClient* pThis = this;
-        EPollEvent event(EPOLLOUT, &nFd, &pThis);
-        return onWrite(event);
-    }
-};
-
-/** A connection that carries the log lines of its own process. */
-class LogViewer : public QueueClient
-{
-public:
-    explicit LogViewer(NetPair& pair) : QueueClient(pair)
-    {
-        EventBus<LogEvent>::subscribe(this, &LogViewer::onLog);
-    }
-    ~LogViewer() override
-    {
-        end();
-    }
-    void end()
-    {
-        EventBus<LogEvent>::unsubscribe(this, &LogViewer::onLog);
-    }
-
-    int onLog(Event* pEvent)
-    {
-        const auto& event = dynamic_cast<LogEvent&>(*pEvent);
-        ++m_nLines;
-        send(event.m_text, event.m_s32Length);
-        return 0;
-    }
-
-    std::atomic<int> m_nLines{0};
-};
-
-std::string faultOnSend(NetPair& pair, const char* pWhich, int nError)
-{
-    return "sendmsg=" + std::to_string(pair.m_near.getFd()) + ":" + pWhich + ":" +
-           std::to_string(nError);
-}
-
-const std::string LARGE(2 * 1024 * 1024, 'x');
 
 } // namespace
 
@@ -380,78 +310,5 @@ TEST(SendQueueTcpClient, ManyProducersLoseNothing)
         int nItem = -1;
         ASSERT_EQ(2, sscanf(strGot.substr(i, 8).c_str(), "%d:%d;", &nThread, &nItem));
         ASSERT_EQ(vecNext[static_cast<size_t>(nThread)]++, nItem);
-    }
-}
-
-TEST(SendQueueTcpClient, ConnectionThatCarriesTheLogSurvivesItsOwnFailure)
-{
-    NetPair pair;
-    LogCapture log;
-    LogViewer viewer(pair);
-    FaultScope fault(faultOnSend(pair, "1-", EPIPE).c_str());
-
-    // The line's own delivery fails to send, which is logged from inside the handler.
-    Log::getInstance().log("here", 1, "test", 2, "a line\n");
-
-    EXPECT_EQ(1, viewer.m_nLines.load()); // the line about the failure is not delivered to it
-    EXPECT_EQ(1U, faultHits());
-    const Lines lines = takeLines(log);
-    ASSERT_EQ(2U, lines.size());
-    EXPECT_EQ("[error] [here ] [test] a line\n", lines[0]);
-    EXPECT_EQ(0U, lines[1].find("[error] [Socket ] [write] EPIPE"));
-
-    // The next line only waits: no second attempt, no third line.
-    Log::getInstance().log("here", 1, "test", 2, "another\n");
-    EXPECT_EQ(Lines({"[error] [here ] [test] another\n"}), takeLines(log));
-    EXPECT_EQ(1, viewer.getQueueLength());
-}
-
-TEST(SendQueueTcpClient, ReactorsFailingWriteDoesNotReenterTheConnection)
-{
-    NetPair pair;
-    LogViewer viewer(pair);
-    viewer.sendText(LARGE); // a write in progress
-    LogCapture log;
-    FaultScope fault(faultOnSend(pair, "1-", EPIPE).c_str());
-
-    EXPECT_EQ(1, viewer.write()); // logs with the send lock held
-
-    EXPECT_EQ(1U, faultHits());
-    EXPECT_EQ(1, viewer.m_nLines.load());
-    EXPECT_EQ(1, viewer.getQueueLength()); // the line about it waits behind
-    EXPECT_EQ(1U, takeLines(log).size());  // no "mutex lock error !!"
-}
-
-TEST(SendQueueTcpClient, FailingDirectWriteDoesNotHangTheConnection)
-{
-    NetPair pair;
-    LogViewer viewer(pair);
-    LogCapture log;
-    int nDone = 0;
-    FaultScope fault("send:1:EPIPE");
-
-    EXPECT_EQ(-1, viewer.getSocket().writeTimeOut("x", 1, nDone, nullptr, Time(5, 0)));
-
-    const Lines lines = takeLines(log);
-    ASSERT_EQ(1U, lines.size());
-    EXPECT_EQ(lines[0], readBytes(pair.m_far, lines[0].size())); // sent from inside the failure
-}
-
-TEST(SendQueueTcpClient, TwoLogCarryingConnectionsFailingAtOnceDoNotBlockEachOther)
-{
-    for (int nRound = 0; nRound < 200; ++nRound) {
-        NetPair first;
-        NetPair second;
-        LogViewer a(first);
-        LogViewer b(second);
-        FaultScope fault(
-            (faultOnSend(first, "1-", EPIPE) + ";" + faultOnSend(second, "1-", EPIPE)).c_str());
-        std::thread one([&] { a.sendText("x"); });
-        std::thread two([&] { b.sendText("y"); });
-        one.join();
-        two.join();
-        a.end();
-        b.end();
-        EXPECT_GE(faultHits(), 2U); // a thread that waited for the lock meanwhile tries once more
     }
 }

@@ -110,3 +110,9 @@ public:
 
     ClientT* m_pLast = nullptr; // made last
 };
+
+/** What a server logs when it has not got a connection that it was to accept. */
+inline std::string acceptLine(const char* pText)
+{
+    return std::string("[error] [TcpServer ] [onPollAccept] ") + pText;
+}

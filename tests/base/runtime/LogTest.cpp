@@ -1,12 +1,9 @@
 // Log lines: levels, layout, console and colours, cutting, and the event that every line becomes.
 #include "Log.h"
 
-#include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <sys/syscall.h>
@@ -14,25 +11,16 @@
 
 #include <gtest/gtest.h>
 
-#include "ChildProgram.h"
 #include "EventBus.h"
 #include "Fault.h"
 #include "LogCapture.h"
 #include "LogEvent.h"
-#include "Mutex.h"
+#include "LogLine.h"
 #include "Pattern.h"
-
-// Relocking on purpose.
-#ifdef __clang__
-#pragma clang diagnostic ignored "-Wthread-safety-analysis"
-#endif
 
 namespace {
 
 const uint32_t SERVICE_LAYOUT = 71; // level, date, time, thread
-
-// A macro, so that the compiler sees each format.
-#define LOG_LINE(level, ...) Log::getInstance().log("Some.cpp", 12, "doIt", level, __VA_ARGS__)
 
 std::string tid()
 {
@@ -286,149 +274,4 @@ TEST(Log, LineWithoutMemoryIsReportedOnStandardOutputOnly)
 TEST(Log, MessageMayHoldNothing)
 {
     EXPECT_EQ("", lineWith(0, 2, ""));
-}
-
-namespace {
-
-/** What the console shows of one line, in a program of its own: the verdict on TERM is kept. */
-std::string consoleWith(const char* pTerm, const char* pLevel)
-{
-    std::vector<std::string> vecArgument{"/usr/bin/env", "-u", "TERM"};
-    if (nullptr != pTerm) {
-        vecArgument.push_back(std::string("TERM=") + pTerm);
-    }
-    for (const char* pMore : {BASE_CHILD, "console", pLevel}) {
-        vecArgument.emplace_back(pMore);
-    }
-    return runChild(vecArgument).strOutput;
-}
-
-} // namespace
-
-TEST(LogConsole, KnownTerminalsGetTheColourOfTheLevel)
-{
-    const char* apColour[] = {"\033[m",        "\033[0;32;31m", "\033[0;35m",
-                              "\033[0;32;31m", "\033[0;32;33m", "\033[0;32m",
-                              "\033[0;32;34m", "\033[m",        "\033[m"};
-    for (int i = 0; i <= 8; ++i) {
-        EXPECT_EQ(std::string(apColour[i]) + "text\n\033[m",
-                  consoleWith("xterm", std::to_string(i).c_str()));
-    }
-    for (const char* pTerm : {"xterm-color", "xterm-256color", "screen", "linux", "cygwin"}) {
-        EXPECT_EQ("\033[0;35mtext\n\033[m", consoleWith(pTerm, "2")) << pTerm;
-    }
-}
-
-TEST(LogConsole, OtherTerminalsGetTheResetAlone)
-{
-    EXPECT_EQ("text\n\033[m", consoleWith("vt100", "2"));
-    EXPECT_EQ("text\n\033[m", consoleWith("xterm-mono", "2"));
-    EXPECT_EQ("text\n\033[m", consoleWith("", "2"));
-    EXPECT_EQ("text\n\033[m", consoleWith(nullptr, "2"));
-}
-
-TEST(LogConsole, VerdictIsKeptOnceTermIsSet)
-{
-    // Unset for the first line, then linux, then vt100.
-    const ChildResult result =
-        runChild({"/usr/bin/env", "-u", "TERM", BASE_CHILD, "console-verdict"});
-
-    EXPECT_EQ("one\n\033[m"
-              "\033[0;35mtwo\n\033[m"
-              "\033[0;35mthree\n\033[m",
-              result.strOutput);
-}
-
-TEST(LogConsole, WithoutTheConsoleSinkNothingIsPrinted)
-{
-    LogCapture log(0);
-    testing::internal::CaptureStdout();
-
-    LOG_LINE(2, "text\n");
-
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
-    EXPECT_EQ("text\n", log.text());
-}
-
-TEST(LogSinks, SinkIsNotReenteredByLinesOfItsOwn)
-{
-    class Sink
-    {
-    public:
-        int onLog(Event*)
-        {
-            ++m_nCalls;
-            MutexGuard guard(m_mtx);
-            EXPECT_TRUE(guard.isHeld()); // refused, were this a call inside a call
-            if (1 == m_nCalls) {
-                LOG_LINE(2, "by the sink\n");
-                MutexGuard again(m_mtx); // "mutex lock error !!", logged with the lock held
-            }
-            return 0;
-        }
-        int m_nCalls = 0;
-        Mutex m_mtx{MUTEX_TYPE_ERRORCHECK};
-    };
-    Sink sink;
-    EventBus<LogEvent>::subscribe(&sink, &Sink::onLog);
-    LogCapture others(0);
-
-    LOG_LINE(2, "first\n");
-    LOG_LINE(2, "second\n");
-
-    EventBus<LogEvent>::unsubscribe(&sink, &Sink::onLog);
-    EXPECT_EQ(2, sink.m_nCalls);
-    EXPECT_EQ("by the sink\nmutex lock error !!\nfirst\nsecond\n", others.text());
-}
-
-TEST(LogSinks, TwoSinksThatLogDoNotChaseEachOther)
-{
-    class Sink
-    {
-    public:
-        explicit Sink(const char* pName) : m_pName(pName) {}
-        int onLog(Event*)
-        {
-            ++m_nCalls;
-            LOG_LINE(2, "%s\n", m_pName);
-            return 0;
-        }
-        const char* m_pName;
-        int m_nCalls = 0;
-    };
-    LogCapture others(0);
-    Sink a("a");
-    Sink b("b");
-    EventBus<LogEvent>::subscribe(&a, &Sink::onLog);
-    EventBus<LogEvent>::subscribe(&b, &Sink::onLog);
-
-    LOG_LINE(2, "line\n");
-
-    EventBus<LogEvent>::unsubscribe(&a, &Sink::onLog);
-    EventBus<LogEvent>::unsubscribe(&b, &Sink::onLog);
-    // line: a logs "a", which b gets and logs "b" about, which nobody running gets; then b's turn.
-    EXPECT_EQ(2, a.m_nCalls);
-    EXPECT_EQ(2, b.m_nCalls);
-    EXPECT_EQ("line\na\nb\nb\na\n", others.text());
-}
-
-TEST(LogSinks, SettingsMayChangeWhileOthersLog)
-{
-    LogCapture log(0);
-    std::vector<std::thread> vecThread;
-    for (int i = 0; i < 3; ++i) {
-        vecThread.emplace_back([] {
-            for (int nLine = 0; nLine < 200; ++nLine) {
-                LOG_LINE(2, "line\n");
-            }
-        });
-    }
-    for (int i = 0; i < 100; ++i) {
-        Log::getInstance().setLevel(5).setLayout(0).setSinks(0);
-    }
-    for (std::thread& thread : vecThread) {
-        thread.join();
-    }
-
-    EXPECT_EQ(600, log.count("line\n"));
 }

@@ -2,13 +2,8 @@
 #include "Thread.h"
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdarg>
-#include <cstring>
-#include <fstream>
-#include <new>
 #include <string>
 #include <thread>
 
@@ -20,14 +15,37 @@
 
 #include <gtest/gtest.h>
 
-#include "ChildProgram.h"
 #include "Eventually.h"
-#include "Fault.h"
 #include "LibraryCall.h"
 #include "LogCapture.h"
-#include "Time.h"
+#include "ThreadWorker.h"
 
-static std::atomic<bool> g_bSlowName{false};
+namespace {
+
+std::atomic<bool> g_bSlowName{false};
+
+class SpecialWorker : public Worker
+{
+public:
+    int run() override
+    {
+        m_bSpecial = true;
+        return 42;
+    }
+    std::atomic<bool> m_bSpecial{false};
+};
+
+std::string withTid(const char* pText, int32_t s32Tid, const char* pName)
+{
+    return std::string(pText) + "(tid:" + std::to_string(s32Tid) + " name:" + pName + ")\n";
+}
+
+/** Whether the threads are joinable. */
+class ThreadKinds : public testing::TestWithParam<bool>
+{
+};
+
+} // namespace
 
 // In front of the C library's: naming takes its time, as on a busy machine.
 extern "C" int prctl(int nOption, ...) LIBRARY_CALL
@@ -41,78 +59,6 @@ extern "C" int prctl(int nOption, ...) LIBRARY_CALL
     }
     return static_cast<int>(syscall(SYS_prctl, nOption, ulArgument, 0, 0, 0));
 }
-
-namespace {
-
-const uint32_t BARE_FUNCTION = LOG_LAYOUT_LEVEL | LOG_LAYOUT_FILE | LOG_LAYOUT_FUNCTION;
-
-/** A body that counts its calls and does what the test wants. */
-class Worker
-{
-public:
-    virtual ~Worker() = default;
-
-    virtual int run()
-    {
-        ++m_nCalls;
-        m_bInside = true;
-        while (m_bHold) {
-            sleepFor(Time(0, 1000));
-        }
-        if (m_bStopItself.exchange(false)) {
-            m_pThread->stop();
-            m_bResumed = true;
-        }
-        m_bInside = false;
-        sleepFor(Time(0, 200));
-        return m_nResult;
-    }
-
-    std::atomic<int> m_nCalls{0};
-    std::atomic<bool> m_bInside{false};
-    std::atomic<bool> m_bHold{false};
-    std::atomic<bool> m_bStopItself{false};
-    std::atomic<bool> m_bResumed{false};
-    std::atomic<int> m_nResult{0};
-    Thread* m_pThread = nullptr;
-};
-
-class SpecialWorker : public Worker
-{
-public:
-    int run() override
-    {
-        m_bSpecial = true;
-        return 42;
-    }
-    std::atomic<bool> m_bSpecial{false};
-};
-
-std::string nameOf(int32_t s32Tid)
-{
-    std::ifstream file("/proc/self/task/" + std::to_string(s32Tid) + "/comm");
-    std::string strName;
-    std::getline(file, strName);
-    return strName;
-}
-
-bool waitForCalls(Worker& worker, int nMore)
-{
-    const int nBefore = worker.m_nCalls;
-    return eventually([&] { return worker.m_nCalls >= nBefore + nMore; });
-}
-
-std::string withTid(const char* pText, int32_t s32Tid, const char* pName)
-{
-    return std::string(pText) + "(tid:" + std::to_string(s32Tid) + " name:" + pName + ")\n";
-}
-
-/** Whether the threads are joinable. */
-class ThreadKinds : public testing::TestWithParam<bool>
-{
-};
-
-} // namespace
 
 TEST_P(ThreadKinds, BodyIsNotCalledBeforeStart)
 {
@@ -271,11 +217,6 @@ TEST_P(ThreadKinds, DestructionEndsARunningThread)
     EXPECT_EQ(nCalls, worker.m_nCalls);
 }
 
-INSTANTIATE_TEST_SUITE_P(JoinableAndDetached, ThreadKinds, testing::Bool(),
-                         [](const testing::TestParamInfo<bool>& kind) {
-                             return kind.param ? "Joinable" : "Detached";
-                         });
-
 TEST(Thread, VirtualBodyReachesTheOverride)
 {
     SpecialWorker worker;
@@ -366,177 +307,7 @@ TEST(Thread, PolicyAndPriorityApply)
     EXPECT_EQ(2, param.sched_priority);
 }
 
-namespace {
-
-// A thread that was never created keeps its destructor waiting for ever: these are never destroyed.
-const int KEPT = 8;
-alignas(Thread) char g_acKept[KEPT * sizeof(Thread)];
-Worker g_aWorker[KEPT];
-int g_nKept = 0;
-
-Thread& keep(int nNice, int nPolicy, int nPriority)
-{
-    Worker* pWorker = &g_aWorker[g_nKept];
-    void* pPlace = &g_acKept[sizeof(Thread) * static_cast<size_t>(g_nKept)];
-    ++g_nKept;
-    return *new (pPlace) Thread(&Worker::run, pWorker, "kept", nNice, nPolicy, nPriority, false);
-}
-
-} // namespace
-
-TEST(Thread, FailuresOfCreationAreLoggedWithTheirErrorText)
-{
-    const struct
-    {
-        const char* pPlan;
-        int nError;
-        const char* pLine;
-    } aCase[] = {
-        {"pthread_attr_getinheritsched:1:EINVAL", EINVAL, "pthread_attr_getinheritsched failed! "},
-        {"pthread_attr_setinheritsched:1:ENOTSUP", ENOTSUP,
-         "pthread_attr_setinheritsched failed! "},
-        {"pthread_attr_setschedpolicy:1:EINVAL", EINVAL, "pthread_attr_setschedpolicy failed! "},
-        {"pthread_attr_setschedparam:1:EINVAL", EINVAL, "pthread_attr_setschedParam failed! "},
-        {"pthread_create:1:EAGAIN", EAGAIN, "pthread_create failed! "},
-    };
-    LogCapture log(BARE_FUNCTION);
-    for (const auto& entry : aCase) {
-        log.clear();
-        FaultScope fault(entry.pPlan);
-
-        const Thread& thread = keep(0, 0, 0);
-
-        EXPECT_EQ(1u, faultHits()) << entry.pPlan;
-        EXPECT_EQ(std::string("[error] [Thread.cpp ] [create] ") + entry.pLine +
-                      strerror(entry.nError) + "\n",
-                  log.text());
-        EXPECT_EQ(0, thread.getTid());
-    }
-}
-
-TEST(Thread, CreateReturnsThePlatformsErrorAndMayBeTriedAgain)
-{
-    (void)faultPlan("pthread_create:1-2:EAGAIN");
-    Worker worker;
-    Thread thread(&Worker::run, &worker, "late", 0, 0, 0, true);
-
-    EXPECT_EQ(EAGAIN, thread.create());
-    (void)faultPlan("");
-    EXPECT_EQ(0, thread.create());
-
-    (void)thread.start();
-    EXPECT_TRUE(waitForCalls(worker, 2));
-}
-
-TEST(Thread, RefusedPriorityIsLogged)
-{
-    LogCapture log(BARE_FUNCTION);
-
-    (void)keep(0, SCHED_OTHER, 77); // the ordinary policy has no priority but 0
-
-    EXPECT_EQ(std::string("[error] [Thread.cpp ] [create] pthread_attr_setschedParam failed! ") +
-                  strerror(EINVAL) + "\n",
-              log.text());
-}
-
-TEST(Thread, RefusedNiceValueEndsItBeforeTheGate)
-{
-    LogCapture log(BARE_FUNCTION);
-    FaultScope fault("nice:1:EPERM");
-
-    Thread& thread = keep(-5, 0, 0);
-
-    // Deliberate: the text of what nice returned, which is no error number.
-    const std::string strLine =
-        std::string("[error] [Thread.cpp ] [theThread] change nice failed! ") + strerror(-1) + "\n";
-    EXPECT_TRUE(eventually([&] { return 1 == log.count(strLine); }));
-    EXPECT_TRUE(eventually([&] { return "" == nameOf(thread.getTid()); })); // gone
-    (void)thread.start();
-    (void)thread.stop();
-    EXPECT_EQ(0, g_aWorker[g_nKept - 1].m_nCalls);
-}
-
-// Deliberate: three waits of the destruction have no limit. The alarm is what ends them here.
-TEST(Thread, DestructionWaitsForAThreadThatWasNeverCreated)
-{
-    EXPECT_EXIT(
-        {
-            (void)faultPlan("pthread_create:1:EAGAIN");
-            Worker worker;
-            {
-                const Thread thread(&Worker::run, &worker, "never", 0, 0, 0, true);
-                alarm(1);
-            }
-            _exit(0);
-        },
-        testing::KilledBySignal(SIGALRM), "");
-}
-
-TEST(Thread, DestructionWaitsForAThreadThatNeverReachedItsGate)
-{
-    EXPECT_EXIT(
-        {
-            (void)faultPlan("nice:1:EPERM");
-            Worker worker;
-            {
-                const Thread thread(&Worker::run, &worker, "refused", -5, 0, 0, true);
-                alarm(1);
-            }
-            _exit(0);
-        },
-        testing::KilledBySignal(SIGALRM), "");
-}
-
-TEST(Thread, DestructionWaitsForABodyThatNeverReturns)
-{
-    EXPECT_EXIT(
-        {
-            Worker worker;
-            worker.m_bHold = true;
-            {
-                Thread thread(&Worker::run, &worker, "busy", 0, 0, 0, false);
-                (void)thread.start();
-                if (!eventually([&] { return worker.m_bInside.load(); })) {
-                    _exit(1);
-                }
-                alarm(1);
-            }
-            _exit(0);
-        },
-        testing::KilledBySignal(SIGALRM), "");
-}
-
-TEST(Thread, NiceValueRefusedByTheKernelEndsItToo)
-{
-    const ChildResult result = runChild({BASE_CHILD, "nice-refused"});
-
-    EXPECT_NE(std::string::npos,
-              result.strOutput.find(std::string("change nice failed! ") + strerror(-1) + "\n"))
-        << result.strOutput;
-    EXPECT_NE(std::string::npos, result.strOutput.find("calls 0\n"));
-}
-
-namespace {
-
-bool g_bNothrowFails = false;
-
-} // namespace
-
-void* operator new(size_t uSize, const std::nothrow_t&) noexcept
-{
-    return g_bNothrowFails ? nullptr : ::operator new(uSize); // nobody else here runs out of it
-}
-
-TEST(Thread, BodyThatCannotBeAllocatedIsLogged)
-{
-    LogCapture log(BARE_FUNCTION);
-    g_bNothrowFails = true;
-
-    const Thread& thread = keep(0, 0, 0);
-
-    g_bNothrowFails = false;
-    EXPECT_EQ("[error] [application/base/include/Thread ] [Thread] thread callback function new "
-              "failed !!\n",
-              log.text());
-    EXPECT_EQ(0, thread.getTid());
-}
+INSTANTIATE_TEST_SUITE_P(JoinableAndDetached, ThreadKinds, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& kind) {
+                             return kind.param ? "Joinable" : "Detached";
+                         });
