@@ -1,7 +1,6 @@
 // One stream: delivery to the consumers, and recovery of a lost camera.
 #include "VideoStreamProducer.h"
 
-#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
@@ -20,11 +19,10 @@
 #include "LogCapture.h"
 #include "LogEvent.h"
 #include "VideoFrameEvent.h"
+#include "VideoStreamFixture.h"
 #include "VirtualCamera.h"
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 std::string logged(const std::string& strFunction, const std::string& strMessage)
 {
@@ -53,53 +51,6 @@ public:
     }
 
     std::atomic<int> m_nFrames{0};
-};
-
-class VideoStreamProducerStream : public testing::Test
-{
-protected:
-    ~VideoStreamProducerStream() override
-    {
-        EXPECT_EQ(RET_SUCCESS, m_producer.stop());
-    }
-
-    void start()
-    {
-        ASSERT_EQ(RET_SUCCESS, m_producer.init(0));
-        ASSERT_EQ(RET_SUCCESS, m_producer.start());
-    }
-
-    /** A camera that goes in the driver's order, while it has all its buffers: one in the service's
-     * hands ends the service by its assertion. */
-    void loseSlowly()
-    {
-        ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
-        m_camera.command("freeze");
-        start();
-        ASSERT_TRUE(m_camera.waitForCalls("STREAMON type=1 = 0", 1));
-        m_camera.command("unplug slowly 50");
-        ASSERT_TRUE(m_camera.waitForCalls("close", 1));
-        EXPECT_EQ(2U, m_camera.count("DQBUF type=1 memory=1 = 0"));
-        m_camera.command("thaw");
-    }
-
-    /** The calls from the first one that begins so. */
-    Lines callsFrom(const std::string& strBegin) const
-    {
-        const Lines vecCall = m_camera.readJournal();
-        size_t uFirst = 0;
-        while (uFirst < vecCall.size() && 0 != vecCall[uFirst].rfind(strBegin, 0)) {
-            ++uFirst;
-        }
-        return {vecCall.begin() + static_cast<ptrdiff_t>(uFirst), vecCall.end()};
-    }
-
-    // Consumers outlive the producer, which is stopped before they go.
-    VirtualCamera m_camera;
-    LogCapture m_log;
-    FrameConsumer m_consumer;
-    FrameConsumer m_second;
-    VideoStreamProducer m_producer;
 };
 
 } // namespace
@@ -395,170 +346,4 @@ TEST_F(VideoStreamProducerStream, StepsOutOfOrderDoNothing)
     EXPECT_EQ(RET_SUCCESS, m_producer.start());
     EXPECT_EQ(RET_SUCCESS, m_producer.start());
     EXPECT_EQ(1U, m_camera.count("STREAMON "));
-}
-
-TEST_F(VideoStreamProducerStream, CameraThatComesAfterTheStartIsOpened)
-{
-    m_camera.command("unplug");
-    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
-    start();
-
-    m_camera.command("replug");
-
-    EXPECT_TRUE(m_consumer.waitForMore(2));
-}
-
-TEST_F(VideoStreamProducerStream, LostCameraIsClosedOnceAndOpenedAgainWhenItIsThere)
-{
-    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
-    m_camera.command("fail DQBUF ENODEV 1 skip 3");
-    m_camera.command("fail stat ENOENT 2 skip 1");
-    start();
-
-    ASSERT_TRUE(m_camera.waitForCalls("STREAMON ", 2));
-    ASSERT_TRUE(m_consumer.waitForMore(3)); // registered all the time
-
-    Lines vecCall = callsFrom("DQBUF type=1 memory=1 = -1 ENODEV");
-    vecCall.resize(9);
-    EXPECT_EQ((Lines{"DQBUF type=1 memory=1 = -1 ENODEV", "STREAMOFF type=1 = 0",
-                     "munmap length=614400 offset=0 = 0", "munmap length=614400 offset=614400 = 0",
-                     "close = 0", "stat = -1 ENOENT", "stat = -1 ENOENT", "stat = 0 character",
-                     "open flags=O_RDWR|O_NONBLOCK|O_CLOEXEC = 0"}),
-              vecCall);
-    EXPECT_EQ(1, m_log.count("[debug] [videocapture/V4L2 ] [getVideoStream] [0]VIDIOC_DQBUF "
-                             "FAILED(errno:19)!\n"));
-}
-
-TEST_F(VideoStreamProducerStream, CameraThatGoesSlowlyIsOpenedAgainWhenItIsThere)
-{
-    loseSlowly();
-
-    m_camera.command("replug");
-
-    EXPECT_TRUE(m_consumer.waitForMore(2));
-}
-
-TEST_F(VideoStreamProducerStream, CameraUnderAnotherNumberIsFoundByItsEvent)
-{
-    loseSlowly();
-
-    m_camera.command("replug video1 event6");
-
-    EXPECT_TRUE(m_consumer.waitForMore(2));
-    EXPECT_LE(1U, m_camera.count("open node=1 "));
-}
-
-// Its number alone has changed: the event still names the old node.
-TEST_F(VideoStreamProducerStream, CameraUnderAnotherNumberWithItsOldEventIsNotFoundUntilItsReturn)
-{
-    loseSlowly();
-
-    m_camera.command("replug video1");
-    m_camera.clearJournal();
-
-    ASSERT_TRUE(m_camera.waitForCalls("stat = -1 ENOENT", 2));
-    EXPECT_EQ(0U, m_camera.count("open "));
-    m_camera.command("unplug");
-    m_camera.command("replug");
-
-    EXPECT_TRUE(m_consumer.waitForMore(2));
-}
-
-TEST_F(VideoStreamProducerStream, FrozenCameraIsClosedAfterFourTimeouts)
-{
-    m_camera.command("freeze");
-    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
-    start();
-
-    ASSERT_TRUE(m_camera.waitForCalls("close", 1)); // four seconds
-    m_camera.command("thaw");
-
-    EXPECT_TRUE(m_consumer.waitForMore(2));
-    EXPECT_EQ(0U, m_camera.count("DQBUF type=1 memory=1 = -1"));
-    EXPECT_EQ((Lines{"STREAMOFF type=1 = 0", "munmap length=614400 offset=0 = 0",
-                     "munmap length=614400 offset=614400 = 0", "close = 0"}),
-              [&] {
-                  Lines vecCall = callsFrom("STREAMOFF");
-                  vecCall.resize(4);
-                  return vecCall;
-              }());
-}
-
-TEST_F(VideoStreamProducerStream, CameraThatDoesNotStreamIsClosedAndTriedAgain)
-{
-    m_camera.command("fail STREAMON EIO 2"); // at the start, and at the first recovery
-    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
-    start();
-
-    ASSERT_TRUE(m_consumer.waitForMore(2));
-
-    EXPECT_EQ(2U, m_camera.count("STREAMON type=1 = -1 EIO"));
-    EXPECT_EQ(1U, m_camera.count("STREAMON type=1 = 0"));
-    EXPECT_EQ(3U, m_camera.count("open "));
-    EXPECT_EQ(1U, m_camera.count("STREAMOFF")); // when the loss was found, not at each attempt
-    // After the second refusal the camera is closed at once.
-    Lines vecCall = callsFrom("STREAMOFF");
-    vecCall.erase(vecCall.begin(),
-                  std::find(vecCall.begin(), vecCall.end(), "STREAMON type=1 = -1 EIO"));
-    vecCall.resize(4);
-    EXPECT_EQ((Lines{"STREAMON type=1 = -1 EIO", "munmap length=614400 offset=0 = 0",
-                     "munmap length=614400 offset=614400 = 0", "close = 0"}),
-              vecCall);
-}
-
-TEST_F(VideoStreamProducerStream, CameraThatIsLostTwiceIsClosedTwice)
-{
-    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
-    m_camera.command("fail DQBUF ENODEV 1 skip 2");
-    start();
-    ASSERT_TRUE(m_camera.waitForCalls("STREAMON ", 2));
-
-    m_camera.command("fail DQBUF ENODEV");
-    ASSERT_TRUE(m_camera.waitForCalls("STREAMON ", 3));
-    ASSERT_TRUE(m_consumer.waitForMore(1));
-
-    EXPECT_EQ(2U, m_camera.count("STREAMOFF type=1 = 0"));
-    EXPECT_EQ(2U, m_camera.count("close"));
-}
-
-TEST_F(VideoStreamProducerStream, NodeThatAnswersNothingIsOpenedAnewEachTime)
-{
-    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
-    m_camera.command("fail DQBUF ENODEV 1 skip 2");
-    m_camera.command("fail QUERYCAP EIO 2 skip 1");
-    start();
-
-    ASSERT_TRUE(m_camera.waitForCalls("STREAMON ", 2));
-    ASSERT_TRUE(m_consumer.waitForMore(1));
-
-    EXPECT_EQ(4U, m_camera.count("open "));
-    EXPECT_EQ(3U, m_camera.count("close"));
-    EXPECT_EQ(1U, m_camera.count("STREAMOFF")); // at the loss; not on a node that never streamed
-}
-
-TEST_F(VideoStreamProducerStream, FrameThatIsDroppedDoesNotDisturbTheStream)
-{
-    m_camera.command("bytes 175 3");
-    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
-
-    start();
-
-    EXPECT_TRUE(m_consumer.waitForMore(2));
-    EXPECT_EQ(0U, m_camera.count("close"));
-    EXPECT_EQ(3, m_log.count("[debug] [videocapture/V4L2 ] [getVideoStream] [0] Ignoring empty "
-                             "buffer ...\n"));
-}
-
-// Deliberate: the service ends, and its manager starts it again.
-TEST_F(VideoStreamProducerStream, UnplugWithABufferInHandAborts)
-{
-    m_camera.command("unplug after dequeue");
-
-    EXPECT_DEATH(
-        {
-            start();
-            (void)eventually([] { return false; }); // the capture thread aborts meanwhile
-        },
-        "int VideoStreamProducer::dispatchThread\\(\\): "
-        "Assertion `RET_SUCCESS == m_v4l2->releaseVideoStream\\(\\)' failed.");
 }
