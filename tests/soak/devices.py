@@ -83,6 +83,10 @@ class CableActor(Actor):
     """Prints jobs; pulls the cable, disturbs the replies, or lets them end."""
 
     def act(self):
+        with self.rig.arm:
+            self.print_job()
+
+    def print_job(self):
         lines = self.rig.printed_lines()
         length = self.chance.randrange(20, 2000)
         self.rig.console(f"job {length}")
@@ -126,3 +130,14 @@ class CableActor(Actor):
 
     def nothing(self):
         self.rig.console("stop")
+
+
+class MeasureActor(Actor):
+    """Measures while no job prints; everyone's answers wait for it, and it for the camera."""
+
+    def act(self):
+        with self.rig.arm:
+            answer = self.rig.measure()
+        self.tally.add("measurements")
+        if answer != "0.0000":
+            self.tally.add("heights measured")

@@ -3,7 +3,8 @@
 import json
 import sys
 
-COUNTS = ("rounds", "connects", "frames", "snapshots", "files", "camera commands", "log lines",
+COUNTS = ("rounds", "connects", "frames", "snapshots", "files", "camera commands", "measurements",
+          "heights measured", "log lines",
           "nonsense sent", "vanished silently", "camera unplugged", "camera faults",
           "cable unplugged", "jobs", "job lines printed", "replies disturbed")
 # Name in the record, in the table, and what divides the number.

@@ -2,6 +2,7 @@
 
 import contextlib
 import glob
+import http.client
 import json
 import os
 import re
@@ -11,11 +12,14 @@ import threading
 import time
 
 from controller import Controller
-from harness import BUILD, CARD, SOURCE, Camera, Server, wait_until
+from harness import BUILD, CARD, HTTP_PORT, SOURCE, Camera, Server, wait_until
 
 PINS = "/sys/class/gpio"  # each reset leaves its descriptors open by agreement
 PINS_PER_RESET = 4
 MOST_FAILURES = 20  # a service that is gone fails every client
+PLUGIN = f"{BUILD}/plugin/libframe_process.so"
+MEASURE_BOUND = 120.0  # s; two pictures, and three moves that are waited for 20 s each at most
+FOCUS = 1.5  # mm; where the arm's laser is sharp
 CONSOLE_DEADLINE = 60.0  # s; stopping a job waits 10 s for a reply and 2 s more for "M5"
 
 
@@ -48,7 +52,16 @@ class Rig:
         os.makedirs(f"{CARD}/camera", exist_ok=True)
         self.files = self._make_files()
         self.camera = Camera("--keep", "1000")
-        self.controller = Controller(self.folder, "--settle-ms", "1")
+        # An acknowledgement that is read together with the end of its move would cost a measurement 20
+        # seconds: positioning moves, which no job here has, take their time.
+        self.controller = Controller(self.folder, "--settle-ms", "300", "--focus-z", str(FOCUS),
+                                     "--position", "-5,5,0", "--scene", self.camera.path("scene"))
+        self.arm = threading.Lock()  # held by who moves the arm: a job, or a measurement
+        self.measures = os.path.exists(PLUGIN)
+        if self.measures:
+            os.symlink(PLUGIN, f"{self.folder}/libframe_process.so")
+        else:
+            print("nothing is measured: the vision plug-in is not built", flush=True)
         # A small quarantine, so that freed memory is reused and the resident size settles soon.
         self.server = Server(camera=self.camera, program="kestrel-server-soak", cwd=self.folder,
                              stdin=subprocess.PIPE, limit_files=8192, environment={
@@ -132,6 +145,21 @@ class Rig:
 
     def resident(self):
         return self.server.status("VmRSS")  # kB
+
+    def measure(self):
+        """Have the height measured, with the arm's moves. @return the answer; "0.0000" a failure"""
+        with contextlib.closing(http.client.HTTPConnection(
+                "127.0.0.1", HTTP_PORT, timeout=MEASURE_BOUND)) as client:
+            client.request("GET", "/camera?focus=1")
+            body = client.getresponse().read()
+        found = re.fullmatch(rb'\{"measure":"(-?\d+\.\d{4})"\}', body)
+        if not found:
+            raise AssertionError(f"measuring: {body!r}")
+        return found.group(1).decode()
+
+    def off_focus(self):
+        """Millimetres between the arm and its focus."""
+        return abs(float(re.search(r" z=(\S+)", self.controller.ctl("state")).group(1)) - FOCUS)
 
     def printed_lines(self):
         return int(re.search(r"lines=(\d+)", self.controller.ctl("state")).group(1))
