@@ -82,6 +82,7 @@ extern "C" ssize_t __real_write(int nFd, const void* pData, size_t uSize);
 extern "C" ssize_t __wrap_write(int nFd, const void* pData, size_t uSize)
 {
     if (nFd == g_calls.nNarrowFd) {
+        g_calls.strNoted += std::to_string(uSize) + " ";
         uSize = std::min(uSize, ++g_calls.uWrites);
     }
     return __real_write(nFd, pData, uSize);
@@ -166,6 +167,7 @@ TEST_F(UARTCall, SendGoesOnBehindEachPartThatThePortTakes)
     EXPECT_EQ(10, m_uart.send("0123456789", 10, 0));
 
     EXPECT_EQ(4U, g_calls.uWrites);
+    EXPECT_EQ("10 9 7 4 ", g_calls.strNoted.substr(0, 9)) << "nothing from behind the data";
     std::string strArrived;
     while (strArrived.size() < 10) { // in parts here, too
         char acPart[16];
