@@ -92,6 +92,9 @@ public:
         if (m_uSent < LINES.size() && LINES[m_uSent] + std::string("\n") == strText &&
             m_uSent == m_interlock.getJobLine()) {
             ++m_uSent;
+        } else if (m_bHeld && m_uSent == m_interlock.getJobLine() + 1 &&
+                   LINES[m_uSent - 1] + std::string("\n") == strText) {
+            // a held controller has said that it did not take it
         } else if (bWords) {
             const bool bEnd = "M5\n" == strText || 0 == strText.compare(0, 2, "M1") ||
                               0 == strText.compare(0, 2, "M9") || 0 == line.uLength;
@@ -114,6 +117,7 @@ public:
     void tell(NOTICE_E eNotice, int nDetail) override
     {
         m_bTripped = m_bTripped || NOTICE_TRIP == eNotice;
+        m_bHeld = m_bHeld || NOTICE_HELD == eNotice;
         if (NOTICE_JOB_DONE == eNotice) {
             require(LINES.size() == static_cast<size_t>(nDetail),
                     "a job ends behind its last line");
@@ -190,6 +194,7 @@ private:
             m_uSent = 0;
             eWish = m_interlock.openJob(m_strJob.data(), m_strJob.size(), 10000000, m_s64NowUs);
             m_uSent = (WISH_DONE == eWish) ? m_uSent : uFormer;
+            m_bHeld = m_bHeld && WISH_DONE != eWish;
             break;
         }
         case 3:
@@ -233,7 +238,8 @@ private:
     bool m_bPort = false;
     bool m_bTripped = false; // and nothing was wished for since
     bool m_bWished = false;
-    size_t m_uSent = 0; // lines of the job
+    size_t m_uSent = 0;   // lines of the job
+    bool m_bHeld = false; // by the controller itself, in this job
 };
 
 } // namespace
