@@ -1,5 +1,5 @@
-# What the .deb installs of the build; packaging/deb adds the rest, scripts/package builds it.
-install(TARGETS kestrel-server RUNTIME DESTINATION bin)
+# What the .debs install of the build; packaging/deb adds the rest, scripts/package builds it.
+install(TARGETS kestrel-server kestrel-guard RUNTIME DESTINATION bin)
 install(PROGRAMS packaging/prepare DESTINATION lib/kestrel-server)
 install(DIRECTORY www/ DESTINATION share/kestrel-server/www)
 install(FILES packaging/proxy/kestrel-server.conf packaging/proxy/kestrel-server.nft
