@@ -13,7 +13,7 @@
 
 namespace {
 
-class FileCopyTest : public testing::Test
+class FileCopyFolder : public testing::Test
 {
 protected:
     int openFile(const std::string& strText)
@@ -41,7 +41,7 @@ protected:
 
 } // namespace
 
-TEST_F(FileCopyTest, CopyIsWholeAndHasItsSum)
+TEST_F(FileCopyFolder, CopyIsWholeAndHasItsSum)
 {
     ASSERT_TRUE(m_copy.begin(openFile("abc"), m_strError));
     EXPECT_TRUE(m_copy.isUnderWay());
@@ -55,7 +55,7 @@ TEST_F(FileCopyTest, CopyIsWholeAndHasItsSum)
               m_copy.getSum());
 }
 
-TEST_F(FileCopyTest, LargeFileTakesStepsAndAfterwardsItsOwnerMayChangeIt)
+TEST_F(FileCopyFolder, LargeFileTakesStepsAndAfterwardsItsOwnerMayChangeIt)
 {
     const std::string strText(150000, 'x');
     ASSERT_TRUE(m_copy.begin(openFile(strText), m_strError));
@@ -68,7 +68,7 @@ TEST_F(FileCopyTest, LargeFileTakesStepsAndAfterwardsItsOwnerMayChangeIt)
     EXPECT_EQ(strText, std::string(m_copy.getText(), m_copy.getSize()));
 }
 
-TEST_F(FileCopyTest, DescriptorIsTakenInAnyCase)
+TEST_F(FileCopyFolder, DescriptorIsTakenInAnyCase)
 {
     const size_t uBefore = openDescriptors().size();
 
@@ -84,7 +84,7 @@ TEST_F(FileCopyTest, DescriptorIsTakenInAnyCase)
     EXPECT_EQ(uBefore, openDescriptors().size());
 }
 
-TEST_F(FileCopyTest, WhatIsNoFileOrTooLargeIsRefused)
+TEST_F(FileCopyFolder, WhatIsNoFileOrTooLargeIsRefused)
 {
     int anPipe[2] = {-1, -1};
     ASSERT_EQ(0, pipe2(anPipe, O_CLOEXEC));
@@ -106,7 +106,7 @@ TEST_F(FileCopyTest, WhatIsNoFileOrTooLargeIsRefused)
     EXPECT_TRUE(m_copy.begin(nLargest, m_strError));
 }
 
-TEST_F(FileCopyTest, FileThatShrinksOrCannotBeReadIsTold)
+TEST_F(FileCopyFolder, FileThatShrinksOrCannotBeReadIsTold)
 {
     ASSERT_TRUE(m_copy.begin(openFile(std::string(100000, 'x')), m_strError));
     ASSERT_EQ(FileCopy::STEP_MORE, m_copy.step(m_strError));
@@ -122,7 +122,7 @@ TEST_F(FileCopyTest, FileThatShrinksOrCannotBeReadIsTold)
     EXPECT_EQ("the file cannot be read: Bad file descriptor", finish(m_copy));
 }
 
-TEST_F(FileCopyTest, ReleaseKeepsSizeAndSum)
+TEST_F(FileCopyFolder, ReleaseKeepsSizeAndSum)
 {
     ASSERT_TRUE(m_copy.begin(openFile("abc"), m_strError));
     ASSERT_EQ("", finish(m_copy));

@@ -19,14 +19,14 @@
 
 namespace {
 
-class GuardParentTest : public testing::Test
+class GuardParentWatch : public testing::Test
 {
 protected:
-    GuardParentTest()
+    GuardParentWatch()
     {
         sigprocmask(SIG_SETMASK, nullptr, &m_mask);
     }
-    ~GuardParentTest() override
+    ~GuardParentWatch() override
     {
         // The parent blocks signals; what came behind its end is nobody's.
         sigset_t signals;
@@ -56,7 +56,7 @@ void beat(int nFd)
 
 } // namespace
 
-TEST_F(GuardParentTest, WorkerThatEndsInOrderKeepsItsStatus)
+TEST_F(GuardParentWatch, WorkerThatEndsInOrderKeepsItsStatus)
 {
     for (const int nStatus : {0, 2, 3}) {
         EXPECT_EQ(nStatus, run([nStatus](int nFd) {
@@ -67,7 +67,7 @@ TEST_F(GuardParentTest, WorkerThatEndsInOrderKeepsItsStatus)
     EXPECT_EQ("", m_terminal.read());
 }
 
-TEST_F(GuardParentTest, WorkerThatDidNotSeeTheBeamOffIsFollowedByBeamOff)
+TEST_F(GuardParentWatch, WorkerThatDidNotSeeTheBeamOffIsFollowedByBeamOff)
 {
     EXPECT_EQ(1, run([](int) { return 1; }));
 
@@ -75,7 +75,7 @@ TEST_F(GuardParentTest, WorkerThatDidNotSeeTheBeamOffIsFollowedByBeamOff)
     EXPECT_EQ("\x18", m_terminal.read());
 }
 
-TEST_F(GuardParentTest, WorkerThatIsKilledIsFollowedByBeamOff)
+TEST_F(GuardParentWatch, WorkerThatIsKilledIsFollowedByBeamOff)
 {
     EXPECT_EQ(1, run([](int nFd) {
                   beat(nFd);
@@ -87,7 +87,7 @@ TEST_F(GuardParentTest, WorkerThatIsKilledIsFollowedByBeamOff)
     EXPECT_EQ("\x18", m_terminal.read());
 }
 
-TEST_F(GuardParentTest, WorkerThatMissesABeatIsKilledAndFollowedByBeamOff)
+TEST_F(GuardParentWatch, WorkerThatMissesABeatIsKilledAndFollowedByBeamOff)
 {
     std::array<int, 2> anPipe{};
     ASSERT_EQ(0, pipe2(anPipe.data(), O_CLOEXEC));
@@ -108,7 +108,7 @@ TEST_F(GuardParentTest, WorkerThatMissesABeatIsKilledAndFollowedByBeamOff)
     EXPECT_EQ("\x18", m_terminal.read());
 }
 
-TEST_F(GuardParentTest, SignalsInBetweenDoNotReplaceBeats)
+TEST_F(GuardParentWatch, SignalsInBetweenDoNotReplaceBeats)
 {
     // The worker beats once and has its parent signalled all the time.
     EXPECT_EQ(1, run([](int nFd) {
@@ -124,7 +124,7 @@ TEST_F(GuardParentTest, SignalsInBetweenDoNotReplaceBeats)
     EXPECT_EQ("\x18", m_terminal.read());
 }
 
-TEST_F(GuardParentTest, SignalsArePassedOn)
+TEST_F(GuardParentWatch, SignalsArePassedOn)
 {
     EXPECT_EQ(7, run([](int nFd) {
                   sigset_t signals;
@@ -138,7 +138,7 @@ TEST_F(GuardParentTest, SignalsArePassedOn)
               }));
 }
 
-TEST_F(GuardParentTest, SystemdIsToldReadyAndEachBeat)
+TEST_F(GuardParentWatch, SystemdIsToldReadyAndEachBeat)
 {
     const ScratchFolder folder;
     const std::string strPath = (folder.path() / "notify").string();

@@ -14,15 +14,15 @@
 namespace {
 
 /** A pipe whose reader is the test. */
-class JournalTest : public testing::Test
+class JournalFile : public testing::Test
 {
 protected:
-    JournalTest()
+    JournalFile()
     {
         EXPECT_EQ(0, pipe2(m_anPipe.data(), O_CLOEXEC));
         EXPECT_EQ(0, fcntl(m_anPipe[0], F_SETFL, O_NONBLOCK));
     }
-    ~JournalTest() override
+    ~JournalFile() override
     {
         close(m_anPipe[0]);
         close(m_anPipe[1]);
@@ -45,7 +45,7 @@ const std::string STAMP = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}
 
 } // namespace
 
-TEST_F(JournalTest, LineHasBothTimes)
+TEST_F(JournalFile, LineHasBothTimes)
 {
     Journal journal(m_anPipe[1]);
 
@@ -55,7 +55,7 @@ TEST_F(JournalTest, LineHasBothTimes)
     EXPECT_TRUE(std::regex_match(strLine, std::regex(STAMP + "trip: alarm 1\n"))) << strLine;
 }
 
-TEST_F(JournalTest, LongLineIsCut)
+TEST_F(JournalFile, LongLineIsCut)
 {
     Journal journal(m_anPipe[1]);
 
@@ -66,7 +66,7 @@ TEST_F(JournalTest, LongLineIsCut)
     EXPECT_EQ('\n', strLine.back());
 }
 
-TEST_F(JournalTest, WhatFindsNoRoomIsCountedInsteadOfWaitedFor)
+TEST_F(JournalFile, WhatFindsNoRoomIsCountedInsteadOfWaitedFor)
 {
     Journal journal(m_anPipe[1]);
     for (int n = 0; n < 10000; ++n) { // far more than a pipe holds

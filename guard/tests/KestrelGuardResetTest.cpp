@@ -114,7 +114,7 @@ TEST_P(KestrelGuardReset, ParentHoldsTheLineWhenThePortIsGone)
     EXPECT_GE(m_bench.waitForDark(), 0);
 }
 
-TEST(ResetPin, InputIsDrivenByItsDirection)
+TEST(KestrelGuardResetPin, InputIsDrivenByItsDirection)
 {
     VirtualController controller(OPTIONS);
     const ResetPin pin(PIN);
@@ -131,7 +131,7 @@ TEST(ResetPin, InputIsDrivenByItsDirection)
     EXPECT_TRUE(eventually([&] { return 2 == controller.readTexts("plugged").size(); }));
 }
 
-TEST(ResetPin, NoneAndAMissingOneAreTold)
+TEST(KestrelGuardResetPin, NoneAndAMissingOneAreTold)
 {
     EXPECT_TRUE(ResetPin("").prepare());
     EXPECT_TRUE(ResetPin("").hold(true));

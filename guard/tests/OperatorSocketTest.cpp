@@ -22,10 +22,10 @@
 
 namespace {
 
-class OperatorSocketTest : public testing::Test
+class OperatorSocketRequests : public testing::Test
 {
 protected:
-    OperatorSocketTest() : m_strPath((m_folder.path() / "socket").string())
+    OperatorSocketRequests() : m_strPath((m_folder.path() / "socket").string())
     {
         m_pSocket = std::make_unique<OperatorSocket>(
             [this](OperatorSocket::Client& client, const std::string& strLine) {
@@ -37,7 +37,7 @@ protected:
                 return ("later" == strLine) ? "" : "[" + strLine + "]";
             });
     }
-    ~OperatorSocketTest() override
+    ~OperatorSocketRequests() override
     {
         for (const int nFd : m_vecFd) {
             close(nFd);
@@ -138,7 +138,7 @@ protected:
 
 } // namespace
 
-TEST_F(OperatorSocketTest, EachLineIsAnsweredByOneInOrder)
+TEST_F(OperatorSocketRequests, EachLineIsAnsweredByOneInOrder)
 {
     open();
     const int nFd = connect();
@@ -148,7 +148,7 @@ TEST_F(OperatorSocketTest, EachLineIsAnsweredByOneInOrder)
     EXPECT_EQ(geteuid(), m_uUser);
 }
 
-TEST_F(OperatorSocketTest, LineOfTheGreatestLengthPassesAndALongerOneEndsTheConnection)
+TEST_F(OperatorSocketRequests, LineOfTheGreatestLengthPassesAndALongerOneEndsTheConnection)
 {
     open();
     const int nFd = connect();
@@ -161,7 +161,7 @@ TEST_F(OperatorSocketTest, LineOfTheGreatestLengthPassesAndALongerOneEndsTheConn
     EXPECT_EQ(1U, m_vecLine.size());
 }
 
-TEST_F(OperatorSocketTest, NinthConnectionIsClosedUntilAnotherGoes)
+TEST_F(OperatorSocketRequests, NinthConnectionIsClosedUntilAnotherGoes)
 {
     open();
     for (int n = 0; n < 8; ++n) {
@@ -176,7 +176,7 @@ TEST_F(OperatorSocketTest, NinthConnectionIsClosedUntilAnotherGoes)
     EXPECT_EQ("[x]\n", ask(connect(), "x\n"));
 }
 
-TEST_F(OperatorSocketTest, DescriptorReachesTheHandlerAndTheRestIsClosed)
+TEST_F(OperatorSocketRequests, DescriptorReachesTheHandlerAndTheRestIsClosed)
 {
     open();
     const int nFd = connect();
@@ -197,7 +197,7 @@ TEST_F(OperatorSocketTest, DescriptorReachesTheHandlerAndTheRestIsClosed)
     EXPECT_EQ(uBefore - 1, openDescriptors().size()); // the connection's own end is gone, too
 }
 
-TEST_F(OperatorSocketTest, AnswerMayComeLaterAndHoldsBackItsOwnClientAlone)
+TEST_F(OperatorSocketRequests, AnswerMayComeLaterAndHoldsBackItsOwnClientAlone)
 {
     open();
     const int nFd = connect();
@@ -215,7 +215,7 @@ TEST_F(OperatorSocketTest, AnswerMayComeLaterAndHoldsBackItsOwnClientAlone)
     EXPECT_EQ("", receive(nFd));
 }
 
-TEST_F(OperatorSocketTest, ClientThatGoesBeforeItsAnswerIsForgotten)
+TEST_F(OperatorSocketRequests, ClientThatGoesBeforeItsAnswerIsForgotten)
 {
     open();
     const int nFd = connect();
@@ -230,7 +230,7 @@ TEST_F(OperatorSocketTest, ClientThatGoesBeforeItsAnswerIsForgotten)
     m_pSocket->answer(uNumber, "now");
 }
 
-TEST_F(OperatorSocketTest, EventsGoToWhoAskedForThem)
+TEST_F(OperatorSocketRequests, EventsGoToWhoAskedForThem)
 {
     open();
     const int nFd = connect();
@@ -243,7 +243,7 @@ TEST_F(OperatorSocketTest, EventsGoToWhoAskedForThem)
     EXPECT_EQ("", receive(nOther));
 }
 
-TEST_F(OperatorSocketTest, SlowReaderOfEventsLosesItsConnectionAndCostsNoMemory)
+TEST_F(OperatorSocketRequests, SlowReaderOfEventsLosesItsConnectionAndCostsNoMemory)
 {
     open();
     const int nSlow = connect();
@@ -263,7 +263,7 @@ TEST_F(OperatorSocketTest, SlowReaderOfEventsLosesItsConnectionAndCostsNoMemory)
     EXPECT_LT(strTaken.size(), 100000U * 201);
 }
 
-TEST_F(OperatorSocketTest, ClientThatDoesNotReadItsAnswersLosesItsConnection)
+TEST_F(OperatorSocketRequests, ClientThatDoesNotReadItsAnswersLosesItsConnection)
 {
     open();
     const int nSlow = connect();
@@ -279,7 +279,7 @@ TEST_F(OperatorSocketTest, ClientThatDoesNotReadItsAnswersLosesItsConnection)
     EXPECT_EQ("[x]\n", ask(connect(), "x\n"));
 }
 
-TEST_F(OperatorSocketTest, OnlyOwnerAndGroupMayConnect)
+TEST_F(OperatorSocketRequests, OnlyOwnerAndGroupMayConnect)
 {
     const group* const pGroup = getgrgid(1);
     ASSERT_NE(nullptr, pGroup);
@@ -294,7 +294,7 @@ TEST_F(OperatorSocketTest, OnlyOwnerAndGroupMayConnect)
     EXPECT_FALSE(canConnect(65534, 65534));
 }
 
-TEST_F(OperatorSocketTest, WhatIsInTheWayIsTold)
+TEST_F(OperatorSocketRequests, WhatIsInTheWayIsTold)
 {
     std::string strError;
     EXPECT_FALSE(m_pSocket->open("/nonexistent/socket", "", strError));
@@ -305,7 +305,7 @@ TEST_F(OperatorSocketTest, WhatIsInTheWayIsTold)
     EXPECT_EQ("the socket's path is too long: " + std::string(200, 'x'), strError);
 }
 
-TEST_F(OperatorSocketTest, SocketOfAnotherGuardIsLeftAloneAndADeadOnesReplaced)
+TEST_F(OperatorSocketRequests, SocketOfAnotherGuardIsLeftAloneAndADeadOnesReplaced)
 {
     open();
     OperatorSocket other([](OperatorSocket::Client&, const std::string&) { return "x"; });

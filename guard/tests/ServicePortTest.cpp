@@ -20,10 +20,10 @@
 
 namespace {
 
-class ServicePortTest : public testing::Test
+class ServicePortTerminal : public testing::Test
 {
 protected:
-    ServicePortTest() : m_strLink((m_folder.path() / "ttyACM").string()), m_port(m_strLink) {}
+    ServicePortTerminal() : m_strLink((m_folder.path() / "ttyACM").string()), m_port(m_strLink) {}
 
     int openLink() const
     {
@@ -61,7 +61,7 @@ protected:
 
 } // namespace
 
-TEST_F(ServicePortTest, BytesPassAsTheyAreInBothDirections)
+TEST_F(ServicePortTerminal, BytesPassAsTheyAreInBothDirections)
 {
     ASSERT_TRUE(m_port.renew());
     const int nUser = openLink();
@@ -77,7 +77,7 @@ TEST_F(ServicePortTest, BytesPassAsTheyAreInBothDirections)
     close(nUser);
 }
 
-TEST_F(ServicePortTest, NobodyHasOpenedItIsNoHangUp)
+TEST_F(ServicePortTerminal, NobodyHasOpenedItIsNoHangUp)
 {
     ASSERT_TRUE(m_port.renew());
     std::array<char, 8> acData{};
@@ -87,7 +87,7 @@ TEST_F(ServicePortTest, NobodyHasOpenedItIsNoHangUp)
     EXPECT_EQ(0, m_port.read(acData.data(), acData.size()));
 }
 
-TEST_F(ServicePortTest, HangUpIsOneEventAndTheNextUserGetsNothingOfTheFormer)
+TEST_F(ServicePortTerminal, HangUpIsOneEventAndTheNextUserGetsNothingOfTheFormer)
 {
     ASSERT_TRUE(m_port.renew());
     const std::string strFormer = target();
@@ -109,7 +109,7 @@ TEST_F(ServicePortTest, HangUpIsOneEventAndTheNextUserGetsNothingOfTheFormer)
     close(nUser);
 }
 
-TEST_F(ServicePortTest, LinkIsNeverAway)
+TEST_F(ServicePortTerminal, LinkIsNeverAway)
 {
     ASSERT_TRUE(m_port.renew());
 
@@ -124,7 +124,7 @@ TEST_F(ServicePortTest, LinkIsNeverAway)
     close(nFolder);
 }
 
-TEST_F(ServicePortTest, CallsOfASerialPortEndAsThere)
+TEST_F(ServicePortTerminal, CallsOfASerialPortEndAsThere)
 {
     ASSERT_TRUE(m_port.renew());
     const int nUser = openLink();
@@ -138,7 +138,7 @@ TEST_F(ServicePortTest, CallsOfASerialPortEndAsThere)
     close(nUser);
 }
 
-TEST_F(ServicePortTest, GroupMayOpenTheTerminal)
+TEST_F(ServicePortTerminal, GroupMayOpenTheTerminal)
 {
     const group* const pGroup = getgrgid(1);
     ASSERT_NE(nullptr, pGroup);
@@ -155,7 +155,7 @@ TEST_F(ServicePortTest, GroupMayOpenTheTerminal)
     EXPECT_EQ("no such group: no such one", strError);
 }
 
-TEST_F(ServicePortTest, AnswerThatIsNotTakenWholeIsTold)
+TEST_F(ServicePortTerminal, AnswerThatIsNotTakenWholeIsTold)
 {
     ASSERT_TRUE(m_port.renew());
     const int nUser = openLink();
@@ -170,7 +170,7 @@ TEST_F(ServicePortTest, AnswerThatIsNotTakenWholeIsTold)
     close(nUser);
 }
 
-TEST_F(ServicePortTest, WithoutATerminalThereIsNoLink)
+TEST_F(ServicePortTerminal, WithoutATerminalThereIsNoLink)
 {
     ASSERT_TRUE(m_port.renew());
     std::filesystem::rename(m_folder.path() / "ttyACM", m_folder.path() / "kept");
@@ -186,7 +186,7 @@ TEST_F(ServicePortTest, WithoutATerminalThereIsNoLink)
     EXPECT_TRUE(m_port.renew());
 }
 
-TEST_F(ServicePortTest, LinkGoesWithTheObject)
+TEST_F(ServicePortTerminal, LinkGoesWithTheObject)
 {
     {
         ServicePort port(m_strLink);
