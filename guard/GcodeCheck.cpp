@@ -223,7 +223,7 @@ LINE_FAULT_E GcodeCheck::takeValues(const GcodeLine& line, bool bBeamAllowed, Mo
     if (!bBeamAllowed && (bOn || (line.has('S') && line.get('S') > 0))) {
         return LINE_LASER;
     }
-    if (line.hasM(20) || line.hasM(300)) { // the end of the program takes modes back
+    if (m_words.bEndTakesModesBack && (line.hasM(20) || line.hasM(300))) {
         modal.uSystem = 0;
         modal.bRelative = false;
         modal.nMotion = 1;

@@ -44,6 +44,7 @@ struct AllowedWords
     size_t uG;
     const int* pM;
     size_t uM;
+    bool bEndTakesModesBack; // M2 and M30 lead to G1, G54 and G90
 };
 
 /**

@@ -93,7 +93,7 @@ Reply GrblLanguage::parse(const char* pLine, size_t uLength) const
 AllowedWords GrblLanguage::getWords() const
 {
     return {G_WORDS, sizeof(G_WORDS) / sizeof(G_WORDS[0]), M_WORDS,
-            sizeof(M_WORDS) / sizeof(M_WORDS[0])};
+            sizeof(M_WORDS) / sizeof(M_WORDS[0]), true};
 }
 
 double GrblLanguage::getPowerUpFeed() const

@@ -31,7 +31,7 @@ Reply KestrelLanguage::parse(const char* pLine, size_t uLength) const
 AllowedWords KestrelLanguage::getWords() const
 {
     return {G_WORDS, sizeof(G_WORDS) / sizeof(G_WORDS[0]), M_WORDS,
-            sizeof(M_WORDS) / sizeof(M_WORDS[0])};
+            sizeof(M_WORDS) / sizeof(M_WORDS[0]), false};
 }
 
 double KestrelLanguage::getPowerUpFeed() const

@@ -271,6 +271,17 @@ TEST(GcodeCheck, EndOfProgramTakesModesBack)
     expectAt(desk, 10, 0, 0);
 }
 
+TEST(GcodeCheck, EndOfProgramIsNothingToTheArm)
+{
+    GcodeCheckDesk desk(KESTREL);
+    ASSERT_EQ(LINE_GOOD, desk.apply("G91 G1 X10 F100"));
+    ASSERT_EQ(LINE_GOOD, desk.apply("M2"));
+
+    ASSERT_EQ(LINE_GOOD, desk.apply("G1 X10"));
+
+    expectAt(desk, 20, 0, 0);
+}
+
 TEST(GcodeCheck, MoveOfItsOwnIsRefusedWhileRelative)
 {
     GcodeCheckDesk desk(KESTREL);
