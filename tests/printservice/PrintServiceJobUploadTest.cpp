@@ -6,7 +6,7 @@
 
 namespace {
 
-class PrintServiceUpload : public PrintTest
+class PrintServiceJobUpload : public PrintTest
 {
 protected:
     static std::string makeLine(const std::string& strName, int nNumber)
@@ -37,7 +37,7 @@ protected:
 
 } // namespace
 
-TEST_F(PrintServiceUpload, WhileAJobEndsIsKept)
+TEST_F(PrintServiceJobUpload, WhileAJobEndsIsKept)
 {
     m_controller.command("line 59 late 200");
     saveJob(makeJob("A", 60));
@@ -54,7 +54,7 @@ TEST_F(PrintServiceUpload, WhileAJobEndsIsKept)
         [this] { return contains(m_controller.readReceivedBytes(), "\nG1 X7\n\nG1 X8\n\n\n"); }));
 }
 
-TEST_F(PrintServiceUpload, OverAJobEndsItWithTheLaserOff)
+TEST_F(PrintServiceJobUpload, OverAJobEndsItWithTheLaserOff)
 {
     saveJob("M3 S100\n" + makeJob("A", 20000));
     EXPECT_EQ(0, service().startPrint());
@@ -76,7 +76,7 @@ TEST_F(PrintServiceUpload, OverAJobEndsItWithTheLaserOff)
     }
 }
 
-TEST_F(PrintServiceUpload, OverAPausedJobEndsItToo)
+TEST_F(PrintServiceJobUpload, OverAPausedJobEndsItToo)
 {
     m_controller.command("line 100 late 500");
     saveJob(makeJob("A", 3000));
@@ -99,7 +99,7 @@ TEST_F(PrintServiceUpload, OverAPausedJobEndsItToo)
     EXPECT_EQ(100U, count("(A"));
 }
 
-TEST_F(PrintServiceUpload, OverAJobThatCouldNotStartSwitchesOffToo)
+TEST_F(PrintServiceJobUpload, OverAJobThatCouldNotStartSwitchesOffToo)
 {
     EXPECT_EQ(1, service().startPrint()); // no file: printing without a job
 
@@ -111,7 +111,7 @@ TEST_F(PrintServiceUpload, OverAJobThatCouldNotStartSwitchesOffToo)
     EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
 }
 
-TEST_F(PrintServiceUpload, WithoutAnOpenJobSendsNothing)
+TEST_F(PrintServiceJobUpload, WithoutAnOpenJobSendsNothing)
 {
     saveJob("G1 X1\n");
     saveJob("G1 X2\n");
@@ -121,7 +121,7 @@ TEST_F(PrintServiceUpload, WithoutAnOpenJobSendsNothing)
     EXPECT_TRUE(eventually([this] { return "G1 X3\n\n\n" == m_controller.readReceivedBytes(); }));
 }
 
-TEST_F(PrintServiceUpload, StartedBeforeItIsOverRunsTheNewFile)
+TEST_F(PrintServiceJobUpload, StartedBeforeItIsOverRunsTheNewFile)
 {
     std::thread saver([this] { saveJob("G1 X1\nG1 X2\n"); });
     EXPECT_TRUE(eventually([] { return fileExists("tmp.gcode"); }));
@@ -135,7 +135,7 @@ TEST_F(PrintServiceUpload, StartedBeforeItIsOverRunsTheNewFile)
         eventually([this] { return "G1 X1\n\nG1 X2\n\n\n" == m_controller.readReceivedBytes(); }));
 }
 
-TEST_F(PrintServiceUpload, ProgressIsZeroBeforeTheNewJobRuns)
+TEST_F(PrintServiceJobUpload, ProgressIsZeroBeforeTheNewJobRuns)
 {
     runJob("G1 X1\nG1 X2\nG1 X3\nG1 X4\n");
     EXPECT_EQ(1.0F, progress());
@@ -146,7 +146,7 @@ TEST_F(PrintServiceUpload, ProgressIsZeroBeforeTheNewJobRuns)
     EXPECT_EQ(0.0F, progress());
 }
 
-TEST_F(PrintServiceUpload, ProgressStaysBetweenZeroAndOneThroughJobsOfAnySize)
+TEST_F(PrintServiceJobUpload, ProgressStaysBetweenZeroAndOneThroughJobsOfAnySize)
 {
     std::atomic<bool> bDone{false};
     std::thread asker([this, &bDone] {
