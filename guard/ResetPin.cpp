@@ -7,7 +7,8 @@
 #include <poll.h>
 #include <unistd.h>
 
-static const int STORE_MS = 100; // the kernel takes a text at once
+static const int STORE_MS = 100;  // the kernel takes a text at once
+static const int EXPORT_MS = 300; // for udev to make a new pin's files writable
 
 ResetPin::ResetPin(const std::string& strFile)
     : m_strFile(strFile), m_strFolder(strFile.substr(0, strFile.rfind('/')))
@@ -21,7 +22,21 @@ ResetPin::ResetPin(const std::string& strFile)
 bool ResetPin::prepare() const
 {
     return !isThere() || 0 == access(m_strFile.c_str(), W_OK) ||
-           (store(m_strExport, m_strNumber) && store(m_strFolder + "/direction", "high"));
+           (store(m_strExport, m_strNumber) && awaitDirection() &&
+            store(m_strFolder + "/direction", "high"));
+}
+
+/** @return whether the pin's direction can be set by now */
+bool ResetPin::awaitDirection() const
+{
+    const std::string strDirection = m_strFolder + "/direction";
+    for (int nMs = 0; nMs < EXPORT_MS; ++nMs) {
+        if (0 == access(strDirection.c_str(), W_OK)) {
+            return true;
+        }
+        (void)poll(nullptr, 0, 1);
+    }
+    return false;
 }
 
 bool ResetPin::hold(bool bLow) const

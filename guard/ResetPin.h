@@ -3,7 +3,10 @@
 
 #include <string>
 
-/** Blocks for a tenth of a second at most, where a file does not take its text at once. */
+/**
+ * Blocks for a tenth of a second at most, where a file does not take its text at once, and for 0.3
+ * s where an exported pin's files are slow to come.
+ */
 class ResetPin
 {
 public:
@@ -29,6 +32,7 @@ public:
     bool hold(bool bLow) const;
 
 private:
+    bool awaitDirection() const;
     static bool store(const std::string& strPath, const std::string& strText);
 
     std::string m_strFile;

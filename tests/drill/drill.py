@@ -22,7 +22,7 @@ import time
 import traceback
 
 import verdict
-from board import ACCELERATION, Board, die_with_parent, start, wait_until
+from burning_board import ACCELERATION, Board, die_with_parent, start, wait_until
 from faults import BY_NAME, FAULTS
 
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))

@@ -7,7 +7,7 @@ import signal
 import subprocess
 import typing
 
-import board as boards
+import burning_board as boards
 import verdict
 
 AT_ONCE = "at once"
