@@ -32,7 +32,7 @@ public:
 
     std::string getText(const char* pKey) const
     {
-        const std::string strText = getText(pKey, "");
+        std::string strText = getText(pKey, "");
         if (strText.empty()) {
             throw std::runtime_error(name(pKey) + " is missing");
         }
@@ -117,7 +117,7 @@ private:
 /** A line for the controller that cannot do anything but switch an output. */
 std::string takePilot(const Section& section, const char* pKey, const std::string& strDefault)
 {
-    const std::string strLine = section.getText(pKey, strDefault);
+    std::string strLine = section.getText(pKey, strDefault);
     if ("M7" != strLine && "M8" != strLine && "M9" != strLine) {
         throw std::runtime_error(std::string("controller.") + pKey + " is none of M7, M8, M9");
     }

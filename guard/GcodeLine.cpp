@@ -1,6 +1,8 @@
 // One line of G-code taken apart: which words it has.
 #include "GcodeLine.h"
 
+#include <cmath>
+
 static const double MAX_NUMBER = 1e7; // far above every limit; sums of it stay exact enough
 
 namespace {
@@ -77,7 +79,7 @@ bool takeNumber(const GcodeLine& line, size_t& uPos, double& dValue)
 bool addCode(double dValue, std::array<int, GcodeLine::MAX_CODES>& anCode, size_t& uCount)
 {
     const double dTenths = dValue * 10;
-    const int nTenths = (dTenths >= 0 && dTenths <= 9999) ? static_cast<int>(dTenths + 0.5) : -1;
+    const int nTenths = (dTenths >= 0 && dTenths <= 9999) ? static_cast<int>(lround(dTenths)) : -1;
     const double dOff = dTenths - nTenths;
     if (nTenths < 0 || dOff > 1e-6 || dOff < -1e-6 || GcodeLine::MAX_CODES == uCount) {
         return false;

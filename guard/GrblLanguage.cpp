@@ -1,6 +1,7 @@
 // The language of Grbl 1.1 in laser mode.
 #include "GrblLanguage.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "ReplyText.h"
@@ -209,8 +210,8 @@ size_t GrblLanguage::encodeMove(const char* pText, size_t uLength, const GcodeLi
     if (uPrefix + uWords > GcodeLine::MAX_TEXT || uPrefix + uWords + 1 > uRoom) {
         return 0;
     }
-    memcpy(pOut, STRAIGHT, uPrefix);
-    memcpy(pOut + uPrefix, line.acText.data() + uSkip, uWords);
-    pOut[uPrefix + uWords] = '\n';
+    char* pAt = std::copy_n(STRAIGHT, uPrefix, pOut);
+    pAt = std::copy_n(line.acText.data() + uSkip, uWords, pAt);
+    *pAt = '\n';
     return uPrefix + uWords + 1;
 }

@@ -54,6 +54,7 @@ int check(const std::string& strConfiguration)
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): without memory at its start it ends, and is started again
 int main(int argc, char** argv)
 {
     CLI::App app(

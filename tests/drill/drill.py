@@ -314,7 +314,7 @@ def main():
         bounded = [value for (fault, _), values in by_language.items() for value in values
                    if fault not in verdict.WORKER_BOUND and fault not in verdict.UNBOUNDED]
         store(lines, max(bounded), len(bounded))
-    return 1 if bad or broken else 0
+    return 1 if bad else 3 if broken else 0
 
 
 if __name__ == "__main__":
