@@ -7,7 +7,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-static const int STORE_MS = 100;  // the kernel takes a text at once
+static const int STORE_MS = 400;  // the kernel takes a text at once, a busy virtual board later
 static const int EXPORT_MS = 300; // for udev to make a new pin's files writable
 
 ResetPin::ResetPin(const std::string& strFile)

@@ -4,8 +4,8 @@
 #include <string>
 
 /**
- * Blocks for a tenth of a second at most, where a file does not take its text at once, and for 0.3
- * s where an exported pin's files are slow to come.
+ * Blocks for 0.4 s at most, where a file does not take its text at once, and for 0.3 s where an
+ * exported pin's files are slow to come.
  */
 class ResetPin
 {
