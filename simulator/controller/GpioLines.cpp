@@ -94,7 +94,11 @@ void GpioLines::noticeOpenings()
         const auto* const pEvent = reinterpret_cast<const inotify_event*>(acBuffer.data() + nPos);
         nPos += static_cast<ssize_t>(sizeof(inotify_event) + pEvent->len);
         for (Pipe& pipe : m_aPipe) {
-            if (pipe.nWatch != pEvent->wd || !pipe.bFull) {
+            if (pipe.nWatch != pEvent->wd) {
+                continue;
+            }
+            if (!pipe.bFull) {
+                pipe.bAwaited = true;
                 continue;
             }
             // Whoever exports finds the pin's files when its write returns.
@@ -137,9 +141,10 @@ void GpioLines::readFile(FILE_E eFile, std::vector<Store>& vecStore)
             strText.clear();
         }
     }
-    if (nRead > 0 && pipe.nWatch >= 0) {
+    if (nRead > 0 && pipe.nWatch >= 0 && !pipe.bAwaited) {
         fill(pipe);
     }
+    pipe.bAwaited = false;
 }
 
 bool GpioLines::take(FILE_E eFile, const std::string& strText)

@@ -53,6 +53,7 @@ private:
         int nFd = -1;    // both ends: it opens without a writer, and no writer that leaves ends it
         int nWatch = -1; // of its openings; only of those that are kept full
         bool bFull = false;
+        bool bAwaited = false; // somebody has opened it since it was emptied, and may wait to write
     };
 
     bool make(FILE_E eFile, bool bFull);
