@@ -171,7 +171,7 @@ def verdict(task, result):
         if "pthread_create" == task["call"] and not result["ended"]:
             return "as agreed, without the thread and what it serves", False
     if result["ended"] and task["call"] in {call.name for call in MEASURING} and TLS in text:
-        return "ends, by the C library: a new thread's memory for OpenCV", False
+        return "ends, by the C library: a thread's variables", False
     last = text.strip().splitlines()[-1:] or [""]
     what = result["ended"] or "does not serve: " + ", ".join(
         f"{name} {why}" for name, why in result["failing"].items())
