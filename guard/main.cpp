@@ -54,7 +54,8 @@ int check(const std::string& strConfiguration)
 
 } // namespace
 
-// NOLINTNEXTLINE(bugprone-exception-escape): without memory at its start it ends, and is started again
+// Without memory at its start it ends, and is started again.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv)
 {
     CLI::App app(
