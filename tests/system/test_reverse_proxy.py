@@ -54,12 +54,14 @@ def run(*command, **options):
 class Proxy:
     """nginx with the shipped configuration, a certificate and one user."""
 
+    NAME = "localhost"  # the certificate's
+
     def __init__(self):
         self.folder = tempfile.mkdtemp(prefix="kestrel-proxy.")
         with open(f"{self.folder}/nginx.conf", "w", encoding="ascii") as file:
             file.write(AROUND)
         shutil.copy(f"{RECIPE}/kestrel-server.conf", self.folder)
-        run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=kestrel",
+        run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={self.NAME}",
             "-keyout", "kestrel-server.key", "-out", "kestrel-server.pem", cwd=self.folder)
         hashed = run("openssl", "passwd", "-apr1", "-stdin", input=PASSWORD + "\n")
         with open(f"{self.folder}/kestrel-server.users", "w", encoding="ascii") as file:
