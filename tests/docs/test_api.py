@@ -27,7 +27,8 @@ class Api(unittest.TestCase):
         for former, damaged, complaint in (
                 ("components/schemas/Health\"", "components/schemas/Healt\"", "Can't resolve $ref"),
                 ("operationId: home", "operationId: watch", "unique `operationId`"),
-                ("    get:\n      operationId: getState", "    put:\n      operationId: getState", "neither GET nor POST"),
+                ("    get:\n      operationId: getState", "    put:\n      operationId: getState",
+                 "neither GET nor POST"),
                 ("x-problems: [full]\n", "x-nothing: 1\n", "GET /events: no x-problems"),
                 ("      additionalProperties: false\n      required: [status]", "      required: [status]",
                  "may hold anything"),
