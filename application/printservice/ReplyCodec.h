@@ -10,7 +10,8 @@
  * over the commands that go out. Stateless; any thread.
  *
  * A program links one unit with these functions: the library kestrel_replycodec has a placeholder
- * for a controller whose language is not settled, the simulator has the virtual controller's.
+ * for a controller whose language is not settled, kestrel_guardcodec the guard's and the virtual
+ * controller's.
  */
 namespace ReplyCodec {
 

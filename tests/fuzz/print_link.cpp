@@ -253,6 +253,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t uSize)
     start(follower);
 
     const std::string strInput(reinterpret_cast<const char*>(pData), uSize);
+    require(ReplyCodec::isAck(strInput + "\nok\n"), "an acknowledgement is found behind anything");
     size_t uStart = 0;
     for (int i = 0; i < MOST_PIECES && uStart < strInput.size(); ++i) {
         const size_t uEnd = std::min(strInput.find('|', uStart), strInput.size());
