@@ -3,8 +3,7 @@
 #include <cstring>
 
 #include "Interlock.h"
-
-static const int64_t SECOND = 1000000;
+#include "InterlockTimes.h"
 
 static const size_t BLOCK_SIZE = 2048;
 static const int64_t ANSWER_TIME = 2 * SECOND; // to the line that announces it
