@@ -1,4 +1,4 @@
-// The limits of the tests.
+// The limits that the tests and fuzz targets of the interlock go by.
 #pragma once
 
 #include "GcodeCheck.h"

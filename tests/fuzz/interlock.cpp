@@ -16,6 +16,7 @@
 #include <cstring>
 #include <string>
 
+#include "DeskLimits.h"
 #include "GrblLanguage.h"
 #include "KestrelLanguage.h"
 
@@ -34,22 +35,11 @@ void require(bool bHolds, const char* pWhat)
     }
 }
 
-GuardLimits makeLimits()
-{
-    GuardLimits limits;
-    limits.minimum = {-100, -100, -100};
-    limits.maximum = {100, 100, 100};
-    limits.dMaxFeed = 6000;
-    limits.dMaxPower = 1000;
-    limits.dAcceleration = 500;
-    return limits;
-}
-
 class World : public IGuardActions
 {
 public:
     explicit World(const ILanguage& language)
-        : m_language(language), m_interlock(language, makeLimits(), *this)
+        : m_language(language), m_interlock(language, deskLimits(), *this)
     {
         for (const char* const pLine : LINES) {
             m_strJob += std::string(pLine) + "\n";
