@@ -12,6 +12,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "RawLine.h"
+
 static const char BEAM_OFF = 0x18;
 
 GuardPort::GuardPort(std::string strPath) : m_strPath(std::move(strPath)) {}
@@ -32,7 +34,7 @@ PORT_E GuardPort::open()
         ::close(nFd);
         return bTaken ? PORT_TAKEN : PORT_MISSING;
     }
-    if (!setRaw(nFd)) {
+    if (!setRawLine(nFd)) {
         ::close(nFd);
         return PORT_MISSING;
     }
@@ -51,24 +53,6 @@ void GuardPort::close()
     }
     m_uPending = 0;
     m_bBroken = false;
-}
-
-bool GuardPort::setRaw(int nFd)
-{
-    termios attr{};
-    if (0 != tcgetattr(nFd, &attr)) {
-        return false;
-    }
-    attr.c_iflag = 0;
-    attr.c_oflag = 0;
-    attr.c_lflag = 0;
-    // HUPCL: when nobody holds the port any more, boards that reset by DTR do.
-    attr.c_cflag = CS8 | CREAD | CLOCAL | HUPCL;
-    attr.c_cc[VMIN] = 1;
-    attr.c_cc[VTIME] = 0;
-    cfsetispeed(&attr, B115200);
-    cfsetospeed(&attr, B115200);
-    return 0 == tcsetattr(nFd, TCSANOW, &attr);
 }
 
 void GuardPort::flush()
@@ -119,7 +103,7 @@ bool GuardPort::sendOff(const std::string& strPath)
     if (nFd < 0) {
         return false;
     }
-    (void)setRaw(nFd);        // as good as it goes
+    (void)setRawLine(nFd);    // as good as it goes
     (void)tcflow(nFd, TCOON); // somebody may have stopped it
     tcflush(nFd, TCOFLUSH);
     const bool bSent = 1 == ::write(nFd, &BEAM_OFF, 1);

@@ -69,8 +69,6 @@ public:
     static bool sendOff(const std::string& strPath);
 
 private:
-    static bool setRaw(int nFd);
-
     std::string m_strPath;
     int m_nFd = -1;
     std::array<char, 4096> m_acPending{};

@@ -9,10 +9,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include "GroupName.h"
+#include "RawLine.h"
 
 ServicePort::ServicePort(std::string strLink) : m_strLink(std::move(strLink)) {}
 
@@ -57,24 +57,14 @@ bool ServicePort::renew()
 bool ServicePort::prepare(int nFd) const
 {
     // The kernel sets the other end's attributes; opening that end here would hide the hang-up.
-    termios attr{};
     std::array<char, 64> acName{};
-    if (0 != grantpt(nFd) || 0 != unlockpt(nFd) || 0 != tcgetattr(nFd, &attr) ||
-        0 != ptsname_r(nFd, acName.data(), acName.size())) {
+    if (0 != grantpt(nFd) || 0 != unlockpt(nFd) ||
+        0 != ptsname_r(nFd, acName.data(), acName.size()) || !setRawLine(nFd)) {
         return false;
     }
-    attr.c_iflag = 0;
-    attr.c_oflag = 0;
-    attr.c_lflag = 0;
-    attr.c_cflag = CS8 | CREAD | CLOCAL | HUPCL;
-    attr.c_cc[VMIN] = 1;
-    attr.c_cc[VTIME] = 0;
-    cfsetispeed(&attr, B115200);
-    cfsetospeed(&attr, B115200);
     const bool bGroup = static_cast<gid_t>(-1) != m_uGroup;
-    if (0 != tcsetattr(nFd, TCSANOW, &attr) ||
-        (bGroup && (0 != chown(acName.data(), static_cast<uid_t>(-1), m_uGroup) ||
-                    0 != chmod(acName.data(), 0660)))) {
+    if (bGroup && (0 != chown(acName.data(), static_cast<uid_t>(-1), m_uGroup) ||
+                   0 != chmod(acName.data(), 0660))) {
         return false;
     }
     const std::string strNew = m_strLink + ".new";
