@@ -7,7 +7,7 @@
 #include "InterlockTimes.h"
 #include "ServiceAnswer.h"
 
-static const int64_t OFF_REPEAT = SECOND;       // Grbl greets 0.56 s after a reset in motion
+static const int64_t GREETING_TIME = 2 * OFF_REPEAT;
 static const int64_t LOADER_QUIET = 2 * SECOND; // it gives an image up after one of silence
 
 Interlock::Interlock(const ILanguage& language, const GuardLimits& limits, IGuardActions& actions,
@@ -21,6 +21,7 @@ Interlock::Interlock(const ILanguage& language, const GuardLimits& limits, IGuar
 void Interlock::onPortUp(int64_t s64NowUs)
 {
     m_bPort = true;
+    m_nGreetingsDue = 0;
     m_fromController.clear();
     forget(s64NowUs);
     startOff(s64NowUs);
@@ -116,6 +117,8 @@ void Interlock::tellOff(int64_t s64NowUs)
         m_actions.cutBeam(m_language.getBeamOff(), strlen(m_language.getBeamOff()));
         m_s64OffUs = s64NowUs + OFF_REPEAT;
         ++m_nOffTold;
+        m_nGreetingsDue = 1 + (isGreetingDue(s64NowUs) ? m_nGreetingsDue : 0);
+        m_s64GreetingUs = s64NowUs + GREETING_TIME;
     }
 }
 
@@ -164,10 +167,15 @@ bool Interlock::isHolding() const
     return m_bHeld || isPausedByOperator();
 }
 
+bool Interlock::isGreetingDue(int64_t s64NowUs) const
+{
+    return m_nGreetingsDue > 0 && s64NowUs < m_s64GreetingUs;
+}
+
 bool Interlock::isUnderWay(int64_t s64NowUs) const
 {
-    return m_uExpected > 0 || MOVE_NONE != m_move.eState || m_s64BusyUs > s64NowUs ||
-           SLOT_KEPT == m_slot.eState || isSendingFirmware();
+    return isGreetingDue(s64NowUs) || m_uExpected > 0 || MOVE_NONE != m_move.eState ||
+           m_s64BusyUs > s64NowUs || SLOT_KEPT == m_slot.eState || isSendingFirmware();
 }
 
 bool Interlock::send(const char* pText, EXPECT_E eKind, int64_t s64NowUs)

@@ -268,6 +268,8 @@ private:
     // What the controller sends.
     void onReply(const Reply& reply, int64_t s64NowUs);
     void onReplyWhileOff(const Reply& reply, int64_t s64NowUs);
+    void onGreeting(int64_t s64NowUs);
+    void onGreetingAgain(int64_t s64NowUs);
     void onAnswer(bool bOk, int nCode, int64_t s64NowUs);
     void onLineAnswer(bool bOk, int nCode, int64_t s64NowUs);
     void onMoveAnswer(bool bOk, int nCode, int64_t s64NowUs);
@@ -302,6 +304,7 @@ private:
     int64_t getServiceDueUs() const;
     bool isHolding() const;
     bool isPausedByOperator() const;
+    bool isGreetingDue(int64_t s64NowUs) const;
     bool isUnderWay(int64_t s64NowUs) const;
     bool send(const char* pText, EXPECT_E eKind, int64_t s64NowUs);
     bool send(const char* pBytes, size_t uLength, EXPECT_E eKind, int64_t s64NowUs);
@@ -324,6 +327,8 @@ private:
     bool m_bLoaderMayTakeIt = false; // what was told off last went to a controller that loads
     int m_nOffTold = 0;              // times that the beam was told off since it was last seen off
     int64_t m_s64OffUs = 0;          // when it is told again
+    int m_nGreetingsDue = 0;         // each time that it is told may bring one
+    int64_t m_s64GreetingUs = 0;     // until then
     size_t m_uSettings = 0;          // settings lines asked for
     int64_t m_s64BusyUs = 0; // when the controller will have done what it has, at the latest
     // 18: both controllers queue 16 moves at most; one is under way, one just sent.

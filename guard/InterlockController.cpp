@@ -58,6 +58,8 @@ void Interlock::onReply(const Reply& reply, int64_t s64NowUs)
     case REPLY_GREETING:
         if (FIRMWARE_SETTLING == m_firmware.eState) {
             endFirmware(s64NowUs); // the new firmware starts
+        } else if (bDark && isGreetingDue(s64NowUs) && !isSendingFirmware()) {
+            onGreetingAgain(s64NowUs);
         } else {
             trip(TRIP_CONTROLLER_RESET, 0, s64NowUs);
         }
@@ -92,12 +94,7 @@ void Interlock::onReply(const Reply& reply, int64_t s64NowUs)
 void Interlock::onReplyWhileOff(const Reply& reply, int64_t s64NowUs)
 {
     if (REPLY_GREETING == reply.eKind) {
-        if (m_language.hasReports()) {
-            m_eOff = OFF_GREETED;
-            m_s64AskUs = s64NowUs;
-        } else {
-            offSeen(s64NowUs);
-        }
+        onGreeting(s64NowUs);
         return;
     }
     if (OFF_GREETED != m_eOff) {
@@ -109,6 +106,26 @@ void Interlock::onReplyWhileOff(const Reply& reply, int64_t s64NowUs)
     if (bLocked || bDark) {
         offSeen(s64NowUs);
     }
+}
+
+void Interlock::onGreeting(int64_t s64NowUs)
+{
+    m_nGreetingsDue = isGreetingDue(s64NowUs) ? m_nGreetingsDue - 1 : 0;
+    if (m_language.hasReports()) {
+        m_eOff = OFF_GREETED;
+        m_s64AskUs = s64NowUs;
+    } else {
+        offSeen(s64NowUs);
+    }
+}
+
+/** A beam off that was told twice has reset the controller twice: what was asked between is lost.
+ */
+void Interlock::onGreetingAgain(int64_t s64NowUs)
+{
+    forget(s64NowUs);
+    m_s64OffUs = s64NowUs + OFF_REPEAT;
+    onGreeting(s64NowUs);
 }
 
 void Interlock::onAnswer(bool bOk, int nCode, int64_t s64NowUs)

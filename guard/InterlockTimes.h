@@ -15,6 +15,7 @@ static const int64_t SECOND_ANSWER_GAP = 100 * MS; // else both end in one read
 static const int64_t SECOND_ANSWER = 19 * SECOND;  // the service waits for 20 s
 
 // Towards the controller.
+static const int64_t OFF_REPEAT = SECOND;      // Grbl greets 0.56 s after a reset in motion
 static const int64_t LINE_MARGIN = 2 * SECOND; // beyond what is queued
 static const int64_t HOME_TIME = 60 * SECOND;
 static const int64_t HOME_REFUSED_BY = 200 * MS; // Grbl refuses after 4 ms

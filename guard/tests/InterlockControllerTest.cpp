@@ -113,6 +113,50 @@ TEST(InterlockController, ResetInDarkIsLookedAtAnew)
     EXPECT_TRUE(desk.m_interlock.isBeamSeenOff());
 }
 
+TEST(InterlockController, EachBeamOffMayBringAGreeting)
+{
+    for (const ILanguage* const pLanguage :
+         {static_cast<const ILanguage*>(&KESTREL), static_cast<const ILanguage*>(&GRBL)}) {
+        InterlockDesk desk(*pLanguage);
+        desk.m_interlock.onPortUp(desk.m_s64NowUs);
+        desk.pass(1000); // told twice
+        desk.greet();
+        ASSERT_TRUE(desk.m_interlock.isBeamSeenOff());
+        EXPECT_EQ(WISH_BUSY, desk.m_interlock.raise(desk.m_s64NowUs));
+        desk.forget();
+
+        desk.pass(100);
+        desk.controller(pLanguage->hasReports() ? "Grbl 1.1h ['$' for help]\n" : "ready\n");
+        desk.pass(0);
+
+        EXPECT_EQ(0, desk.count(NOTICE_TRIP));
+        EXPECT_EQ(1, desk.count(NOTICE_OFF_SEEN)); // looked at anew
+        EXPECT_EQ(pLanguage->hasReports() ? "$$\n" : "", desk.sent());
+        desk.controller(pLanguage->hasReports() ? "ok\nok\n" : "");
+        EXPECT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    }
+}
+
+TEST(InterlockController, GreetingThatDoesNotComeIsWaitedForTwoSeconds)
+{
+    InterlockDesk desk(KESTREL);
+    desk.m_interlock.onPortUp(desk.m_s64NowUs);
+    desk.pass(1000);
+    desk.greet();
+    desk.forget();
+
+    desk.pass(1999);
+    EXPECT_EQ(WISH_BUSY, desk.m_interlock.raise(desk.m_s64NowUs));
+    desk.pass(1);
+    EXPECT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    EXPECT_EQ("", desk.sent());
+
+    desk.controller("ready\n");
+
+    EXPECT_TRUE(desk.tripped(TRIP_CONTROLLER_RESET));
+    EXPECT_EQ(CUT, desk.sent());
+}
+
 TEST(InterlockController, NoiseInDarkIsTold)
 {
     InterlockDesk desk(KESTREL);
