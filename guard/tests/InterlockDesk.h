@@ -45,8 +45,8 @@ public:
 class InterlockDesk
 {
 public:
-    explicit InterlockDesk(const ILanguage& language)
-        : m_language(language), m_interlock(language, deskLimits(), m_actions)
+    explicit InterlockDesk(const ILanguage& language, bool bHoming = true)
+        : m_language(language), m_interlock(language, deskLimits(), m_actions, bHoming)
     {
     }
 

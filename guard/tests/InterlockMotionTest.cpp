@@ -263,6 +263,64 @@ TEST(InterlockMotion, GrblHomingThatIsOffIsRefusedTwice)
     EXPECT_FALSE(desk.m_interlock.isHomed());
 }
 
+TEST(InterlockMotion, ArmWithoutSwitchesStandsWhereItReportsAtRest)
+{
+    InterlockDesk desk(GRBL, false);
+    desk.plug();
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    desk.forget();
+
+    desk.report("<Run|MPos:1.000,0.000,0.000|FS:600,0>\n");
+    EXPECT_EQ(WISH_DONE, desk.m_interlock.home(desk.m_s64NowUs));
+    desk.pass(1000);
+    EXPECT_FALSE(desk.m_interlock.isHomed());
+    desk.report("<Idle|MPos:95.000,-5.000,0.000|FS:0,0>\n");
+    desk.pass(200);
+    EXPECT_TRUE(desk.m_interlock.isHomed());
+    EXPECT_EQ(1, desk.count(NOTICE_HOMED));
+    EXPECT_EQ("", desk.sent()); // it has not moved
+
+    desk.service("G91 G1 X6 F600\n"); // the box ends at 100
+    EXPECT_EQ("error:23\n", desk.told());
+    desk.service("G91 G1 X5 F600\n");
+    EXPECT_EQ("G91G1X5F600\n", desk.sent());
+}
+
+TEST(InterlockMotion, PlaceWithoutSwitchesIsAskedForAnewBehindATrip)
+{
+    InterlockDesk desk(GRBL, false);
+    desk.plug();
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.home(desk.m_s64NowUs));
+    desk.pass(200);
+    ASSERT_TRUE(desk.m_interlock.isHomed());
+
+    desk.m_interlock.off(desk.m_s64NowUs);
+    desk.greet();
+    desk.pass(3000);
+
+    EXPECT_FALSE(desk.m_interlock.isHomed());
+    EXPECT_EQ(WISH_NOT_HOMED, desk.m_interlock.openJob("M5\n", 3, 0, desk.m_s64NowUs));
+}
+
+TEST(InterlockMotion, PlaceWithoutSwitchesIsNotTakenOnceTheLevelIsDark)
+{
+    InterlockDesk desk(GRBL, false);
+    desk.plug();
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    desk.report("<Run|MPos:1.000,0.000,0.000|FS:600,0>\n");
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.home(desk.m_s64NowUs));
+    desk.pass(200);
+
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.drop(desk.m_s64NowUs));
+    desk.controller("ok\n");
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    desk.report("<Idle|MPos:1.000,0.000,0.000|FS:0,0>\n");
+    desk.pass(3000);
+
+    EXPECT_FALSE(desk.m_interlock.isHomed());
+}
+
 TEST(InterlockMotion, CutLineIsDropped)
 {
     InterlockDesk desk(KESTREL);

@@ -45,6 +45,28 @@ INSTANTIATE_TEST_SUITE_P(Languages, KestrelGuard, testing::Values(false, true),
                              return param.param ? "Grbl" : "Kestrel";
                          });
 
+TEST(KestrelGuardUnhomed, ArmWithoutSwitchesBurnsFromWhereItStands)
+{
+    GuardBench bench(true, {"--setting", "22=0"}, "homing = false\n");
+    bench.openService();
+    ASSERT_TRUE(bench.home());
+    EXPECT_EQ(0, bench.controller().getState("homed"));
+
+    EXPECT_NE(std::string::npos, bench.openJob("M3 S500\nG1 X10 F6000\nM5\n").find("\"ok\":true"));
+    EXPECT_EQ("ok\n", bench.run("M3 S500"));
+    EXPECT_EQ("ok\n", bench.run("G1 X10 F6000"));
+    EXPECT_EQ("ok\n", bench.run("M5"));
+
+    EXPECT_TRUE(bench.waitForState("\"level\":\"dark\""));
+    EXPECT_EQ(10, bench.controller().getState("x"));
+    const std::vector<std::string> vecLine = bench.controller().readTexts("rx");
+    EXPECT_EQ(0, std::count(vecLine.begin(), vecLine.end(), "$H"));
+    kill(bench.guard().pid(), SIGTERM);
+    EXPECT_NE(std::string::npos,
+              bench.guard().wait().strOutput.find(
+                  "THE ARM IS NOT HOMED: THE BOX IS WHERE THE CONTROLLER COUNTS FROM\n"));
+}
+
 TEST_P(KestrelGuard, JobRunsToItsEndAndDark)
 {
     GuardBench bench(GetParam());
