@@ -49,6 +49,12 @@ class Good(unittest.TestCase):
         self.assertEqual([], outcome.problems)
         self.assertAlmostEqual(0.008, outcome.figure)
 
+    def test_beam_off_that_the_clocks_put_before_the_fault_is_its_own(self):
+        outcome = run(BURNING + CUT + "29.7 byte \\x18", injected=1.0045)
+
+        self.assertEqual([], outcome.problems)
+        self.assertAlmostEqual(-0.0005, outcome.figure)
+
     def test_line_that_came_between_fault_and_beam_off_is_passed(self):
         self.assertEqual([], run(BURNING + "1.002 rx G1 X3" + CUT).problems)
 
