@@ -57,6 +57,23 @@ TEST(Focus, TwoMeasurementsLeadIntoFocusAndTenMoreStayThere)
     }
 }
 
+TEST(Focus, TwoMeasurementsLeadIntoFocusOnABurntWorkpiece)
+{
+    SceneCamera camera(0, 640, 480, 80);
+    for (double d = -3; d <= 3; d += 0.5) { // crossing the spot, and in its middle
+        camera.burn(2, -5 + d, 8, -5 + d);
+        camera.burn(5 + d, -8, 5 + d, -2);
+    }
+    for (const double dFocusZ : STARTS) {
+        ServiceLoop loop(camera, dFocusZ); // the spot is at 5, -5 in the picture
+
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+
+        EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "focus at " << dFocusZ;
+    }
+}
+
 TEST(Focus, FirstSideNeedsOneMeasurement)
 {
     SceneCamera camera;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "Burner.h"
 #include "FrameProcessor.h"
 #include "SceneFile.h"
 #include "SceneGeometry.h"
@@ -34,6 +35,13 @@ public:
         m_scene.getState().u32LaserOn = bOn ? 1 : 0;
     }
 
+    /** Burn a straight line as one pass of the beam does, in millimetres of the picture. */
+    void burn(double dFromX, double dFromY, double dToX, double dToY)
+    {
+        const double dSeconds = std::hypot(dToX - dFromX, dToY - dFromY) / 25; // 1500 mm/min
+        m_burner.burn({dFromX, dFromY, 0}, {dToX, dToY, 0}, 1000 * dSeconds);
+    }
+
     /** Factor on the scene's light. */
     void setExposure(double dFactor)
     {
@@ -62,6 +70,7 @@ public:
 
 private:
     SceneFile m_scene{""}; // no file: a record of its own
+    Burner m_burner{m_scene.getBurnt()};
     SceneSource m_source;
     SceneGeometry m_geometry;
     PictureRequest m_request;

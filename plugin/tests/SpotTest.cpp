@@ -89,6 +89,34 @@ INSTANTIATE_TEST_SUITE_P(Views, SpotAccuracy,
                                          View{-0.12, 640, 480, 2, 1}, View{0, 640, 480, 0, 0.4},
                                          View{0, 640, 480, 0, 1.4}));
 
+TEST(Spot, IsFoundOnABurntWorkpiece)
+{
+    SceneCamera camera(0, 640, 480, 80);
+    FrameProcessor processor{Parameters()};
+    for (double d = -6; d <= 6; d += 0.7) { // hatched both ways, with whole fields charred
+        camera.burn(-6, d, 6, d);
+        camera.burn(d, -6, d, 6);
+    }
+    for (double d = 8; d <= 12; d += 0.2) {
+        camera.burn(8, d, 12, d);
+    }
+    double dWorst = 0;
+
+    for (const double dZ : {0.0, 1.5, -3.0}) {
+        for (const auto& [dX, dY] : std::vector<std::pair<double, double>>{
+                 {0, 0}, {0.35, 0}, {-3.21, 1.17}, {5.9, -4.4}, {10, 10}, {8.05, 9.5}, {12, 12}}) {
+            camera.setSpot(dX, dY, dZ);
+            cv::Point2d found;
+            ASSERT_EQ(FrameProcessor::RESULT_OK, processor.findPosition(camera.take(), found))
+                << dX << ", " << dY << ", " << dZ;
+            const double dError = 10 * std::hypot(found.x - dX, found.y - dY);
+            EXPECT_LT(dError, 2 * MAX_ERROR_PIXELS) << dX << ", " << dY << ", " << dZ;
+            dWorst = std::max(dWorst, dError);
+        }
+    }
+    printf("largest error: %.3f pixels\n", dWorst);
+}
+
 TEST(Spot, LaserOffIsNoSpot)
 {
     SceneCamera camera;

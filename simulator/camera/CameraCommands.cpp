@@ -124,6 +124,8 @@ std::string CameraCommands::change(const Words& vecWord)
     } else if ("timeperframe" == strName && 2 == uWords && oneOf(vecWord[1], "on", "off")) {
         m_camera.changeFaults(
             [&](CameraFaults& faults) { faults.m_bNoTimePerFrame = "off" == vecWord[1]; });
+    } else if ("workpiece" == strName && 2 == uWords && "new" == vecWord[1]) {
+        putWorkpiece();
     } else if ("stat" == strName && 2 == uWords && oneOf(vecWord[1], "regular", "normal")) {
         m_camera.changeFaults(
             [&](CameraFaults& faults) { faults.m_bRegularNode = "regular" == vecWord[1]; });
@@ -342,8 +344,20 @@ std::string CameraCommands::spot(const Words& vecWord)
     state.s32XMicrometre = as32Position[0];
     state.s32YMicrometre = as32Position[1];
     state.s32ZMicrometre = as32Position[2];
-    state.u32LaserOn = "on" == vecWord[4] ? 1 : 0;
+    state.u32LaserOn = "on" == vecWord[4] ? LIGHT_PILOT : LIGHT_OFF;
     return OK;
+}
+
+void CameraCommands::putWorkpiece()
+{
+    BurntState& burnt = m_scene.getBurnt();
+    if (0 == burnt.u32Changes.load(std::memory_order_relaxed)) {
+        return; // nothing was ever burnt
+    }
+    for (std::atomic<float>& fShare : burnt.afShare) {
+        fShare.store(0, std::memory_order_relaxed);
+    }
+    burnt.u32Changes.fetch_add(1, std::memory_order_release);
 }
 
 std::string CameraCommands::stateText()

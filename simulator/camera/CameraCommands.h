@@ -40,6 +40,7 @@ private:
     std::string replug(const Words& vecWord);
     std::string broken(const Words& vecWord);
     std::string capabilities(const std::string& strWord);
+    void putWorkpiece();
     std::string stateText();
     std::string statusText();
 

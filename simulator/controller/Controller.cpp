@@ -50,6 +50,15 @@ void Controller::setTrigger(std::function<void(const std::string&)> trigger)
     m_triggers.setTrigger(std::move(trigger));
 }
 
+void Controller::onBeam(BeamSink sink)
+{
+    m_motion.onBeam([this, sink = std::move(sink)](const BeamStroke& stroke) {
+        if (!isDarkened()) {
+            sink(stroke);
+        }
+    });
+}
+
 void Controller::receive(const std::string& strBytes, int64_t s64NowUs)
 {
     advance(s64NowUs);
@@ -116,8 +125,14 @@ void Controller::tellBeam(int64_t s64NowUs)
 
 void Controller::updateBeam(int64_t s64AtUs, const Laser& laser, bool bMoving)
 {
-    const bool bDark = m_bHeld && !m_settings.bHoldKeepsLaser;
-    m_beamLog.update(s64AtUs, {laser.bOn && laser.dPower > 0 && !bDark, laser.dPower, bMoving});
+    m_beamLog.update(s64AtUs,
+                     {laser.bOn && laser.dPower > 0 && !isDarkened(), laser.dPower, bMoving});
+}
+
+/** Whether a hold keeps the light back. */
+bool Controller::isDarkened() const
+{
+    return m_bHeld && !m_settings.bHoldKeepsLaser;
 }
 
 void Controller::hold(bool bHeld, int64_t s64NowUs)

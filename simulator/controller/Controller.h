@@ -31,6 +31,7 @@ public:
     Controller(const ControllerSettings& settings, ControllerJournal& journal);
 
     void setTrigger(std::function<void(const std::string&)> trigger) override;
+    void onBeam(BeamSink sink) override;
     void receive(const std::string& strBytes, int64_t s64NowUs) override;
     void advance(int64_t s64NowUs) override;
     bool takeAnswer(int64_t s64NowUs, std::string& strText) override;
@@ -72,6 +73,7 @@ private:
     void alarm();
     void tellBeam(int64_t s64NowUs);
     void updateBeam(int64_t s64AtUs, const Laser& laser, bool bMoving);
+    bool isDarkened() const;
     void processLines(int64_t s64NowUs);
     bool mustWait(const ParsedLine& line) const;
     void processLine(const std::string& strLine, int64_t s64NowUs);

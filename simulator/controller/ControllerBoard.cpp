@@ -77,6 +77,10 @@ bool ControllerBoard::init(std::string& strError)
         if (!m_pScene->isMapped()) {
             return fail(m_options.strScene);
         }
+        m_pBurner = std::make_unique<Burner>(m_pScene->getBurnt());
+        m_pController->onBeam([this](const BeamStroke& stroke) {
+            m_pBurner->burn(toScene(stroke.from), toScene(stroke.to), stroke.dEnergy);
+        });
         updateScene(true);
     }
     if (!m_options.strGpio.empty() && !m_gpio.open(m_options.strGpio)) {
@@ -237,23 +241,31 @@ void ControllerBoard::runDue(int64_t s64NowUs)
 void ControllerBoard::updateScene(bool bAlways)
 {
     const Point position = m_pController->getPosition();
-    // The camera sees both: the pilot spot and the laser's own light.
-    const bool bSpot = m_pController->isPilotOn() || m_pController->getBeam().get().bOn;
-    const bool bSame = position == m_scenePosition && bSpot == m_bSceneSpot;
+    LIGHT_E eLight = m_pController->isPilotOn() ? LIGHT_PILOT : LIGHT_OFF;
+    if (m_pController->getBeam().get().bOn) {
+        eLight = LIGHT_BEAM; // outshines the pilot spot
+    }
+    const bool bSame = position == m_scenePosition && eLight == m_eSceneLight;
     if (nullptr == m_pScene || (bSame && !bAlways)) {
         return;
     }
     m_scenePosition = position;
-    m_bSceneSpot = bSpot;
+    m_eSceneLight = eLight;
     const auto toMicrometres = [](double dMm) {
         return static_cast<int32_t>(lround(dMm * MICROMETRES_PER_MM));
     };
+    const Burner::Place place = toScene(position);
     SceneState& scene = m_pScene->getState();
-    // The arm's axes point against the picture's.
-    scene.s32XMicrometre = toMicrometres(-position[0]);
-    scene.s32YMicrometre = toMicrometres(-position[1]);
-    scene.s32ZMicrometre = toMicrometres(m_options.dFocusZ - position[2]);
-    scene.u32LaserOn = bSpot ? 1 : 0;
+    scene.s32XMicrometre = toMicrometres(place.dX);
+    scene.s32YMicrometre = toMicrometres(place.dY);
+    scene.s32ZMicrometre = toMicrometres(place.dZ);
+    scene.u32LaserOn = eLight;
+}
+
+/** The arm's axes point against the picture's. */
+Burner::Place ControllerBoard::toScene(const Point& position) const
+{
+    return {-position[0], -position[1], m_options.dFocusZ - position[2]};
 }
 
 void ControllerBoard::setPlugged(bool bPlugged, int64_t s64NowUs)

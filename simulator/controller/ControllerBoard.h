@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "Burner.h"
 #include "ControlServer.h"
 #include "Controller.h"
 #include "ControllerJournal.h"
@@ -60,6 +61,7 @@ private:
     void setResetLine(bool bLow, int64_t s64NowUs);
     void runDue(int64_t s64NowUs);
     void updateScene(bool bAlways);
+    Burner::Place toScene(const Point& position) const;
     void setPlugged(bool bPlugged, int64_t s64NowUs);
     std::string runCommand(const std::string& strCommand);
 
@@ -71,8 +73,9 @@ private:
     GpioLines m_gpio;
     ControlServer m_control;
     Point m_scenePosition{}; // as last told, to leave the scene alone while nothing moves
-    bool m_bSceneSpot = false;
+    LIGHT_E m_eSceneLight = LIGHT_OFF;
     std::unique_ptr<SceneFile> m_pScene; // null without a scene
+    std::unique_ptr<Burner> m_pBurner;   // as m_pScene
     TimedScript m_script;
     bool m_bPreset = true; // the settings were taken
     bool m_bResetLow = false;

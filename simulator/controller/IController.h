@@ -24,6 +24,9 @@ public:
     /** @param trigger  carries out a command when the turn of its line comes */
     virtual void setTrigger(std::function<void(const std::string&)> trigger) = 0;
 
+    /** Tell what the beam goes over while light comes out; nobody at first. */
+    virtual void onBeam(BeamSink sink) = 0;
+
     /** Bytes from the wire; call advance() next. */
     virtual void receive(const std::string& strBytes, int64_t s64NowUs) = 0;
 

@@ -49,6 +49,9 @@ unsigned Motion::advance(int64_t s64NowUs)
     unsigned uEnded = 0;
     while (!m_bHeld && !m_deqMove.empty()) {
         Move& move = m_deqMove.front();
+        const Point from = m_position;
+        const double dJobSeconds = static_cast<double>(std::min(s64LeftUs, move.s64LeftUs)) / 1e6 *
+                                   (KIND_MOVE == move.eKind ? m_dSpeedUp : 1);
         if (s64LeftUs < move.s64LeftUs) {
             const double dShare =
                 static_cast<double>(s64LeftUs) / static_cast<double>(move.s64LeftUs);
@@ -56,10 +59,12 @@ unsigned Motion::advance(int64_t s64NowUs)
                 m_position[i] += (move.target[i] - m_position[i]) * dShare;
             }
             move.s64LeftUs -= s64LeftUs;
-            break;
+            tellBeam(from, dJobSeconds);
+            return uEnded;
         }
         s64LeftUs -= move.s64LeftUs;
         m_position = move.target;
+        tellBeam(from, dJobSeconds);
         uEnded += move.bPositioning ? 1 : 0;
         const bool bLaser = KIND_LASER == move.eKind;
         m_laser = bLaser ? move.laser : m_laser;
@@ -69,7 +74,15 @@ unsigned Motion::advance(int64_t s64NowUs)
         }
         timeFront();
     }
+    tellBeam(m_position, static_cast<double>(s64LeftUs) / 1e6); // it stands
     return uEnded;
+}
+
+void Motion::tellBeam(const Point& from, double dSeconds) const
+{
+    if (m_beamSink && m_laser.bOn && m_laser.dPower > 0 && dSeconds > 0) {
+        m_beamSink({from, m_position, m_laser.dPower * dSeconds});
+    }
 }
 
 void Motion::clear()

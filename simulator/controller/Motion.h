@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <utility>
 #include <vector>
 
 /** A point of the arm in millimetres: x, y, z. */
@@ -16,6 +18,18 @@ struct Laser
     bool bOn = false;
     double dPower = 0;
 };
+
+/** A stretch that the beam has gone over, straight and at an even speed, or a place where it stood.
+ */
+struct BeamStroke
+{
+    Point from{};
+    Point to{};
+    double dEnergy = 0; // power (S word) times seconds, of the job's time where moves are sped up
+};
+
+/** Is told of each stretch as soon as it is over, on the thread that lets the time pass. */
+using BeamSink = std::function<void(const BeamStroke&)>;
 
 /**
  * Carries out what is queued one after the other: moves, in a straight line at constant speed,
@@ -84,6 +98,12 @@ public:
     /** Tell the laser something at once. */
     void setLaser(const Laser& laser);
 
+    /** Tell what the laser goes over while it is on, also while held; nobody at first. */
+    void onBeam(BeamSink sink)
+    {
+        m_beamSink = std::move(sink);
+    }
+
     /** Laser and motion from a moment on that has passed. */
     struct Change
     {
@@ -133,6 +153,7 @@ private:
 
     void timeFront();
     void noteChange(int64_t s64AtUs);
+    void tellBeam(const Point& from, double dSeconds) const;
 
     double m_dSpeedUp;
     int64_t m_s64SettleUs;
@@ -140,6 +161,7 @@ private:
     bool m_bHeld = false;
     Point m_position{};
     Laser m_laser;
+    BeamSink m_beamSink;
     std::vector<Change> m_vecChange;
     std::deque<Move> m_deqMove; // MAX_QUEUED, the current one and what its line adds
 };

@@ -20,6 +20,12 @@
  * state; sigma = 0.3 mm + 0.15 * |z|, peak = (0.3 mm / sigma)^2. The colour is w * (255, 40, 40) +
  * (1 - w) * what lies beneath, so that red minus green is 215 * w wherever the spot is.
  *
+ * Beam: a spot as bright in its middle as can be: over the spot's colour lies white, with the
+ * weight peak * exp(-d^2 / (2 (sigma / 3)^2)).
+ *
+ * Burnt: what the beam has gone over is darker; the workpiece's value goes from what it was to 20
+ * with the share that is burnt of the pixel (SceneState.h, Burner.h).
+ *
  * Light: every value is multiplied by the exposure factor (exposure_absolute / 157 in manual mode,
  * else 1), 2 * brightness is added, and the result is cut to 0 .. 255.
  *
@@ -27,7 +33,8 @@
  * r^2 = u^2 + v^2, appears at (u, v) * (1 + k1 * r^2). In the terms of a usual camera model: focal
  * length width / 2, principal point the centre, one radial coefficient.
  *
- * Grain: each pixel's grey value beneath the spot is off by at most 6, always by the same amount.
+ * Grain: each pixel's grey value beneath the spot is off by at most 6, always by the same amount,
+ * less where it is burnt.
  *
  * Writing, after light and lens: frame number and wall-clock time, white on black, in the box
  * (8, 8) .. (8 + 248 * s, 8 + 20 * s) with s = width / 640; a white block of 16s x 6s pixels runs

@@ -14,6 +14,9 @@ const double TABLE = 95;
 const double PLATE = 150;
 const double LINE = 70;
 const int GRAIN = 6;
+const int CHAR = 20;
+const double BEAM_CORE = 3; // that much narrower than the spot
+const uint32_t NO_CELL = UINT32_MAX;
 const double SPOT_REACH = 4.5; // in sigma: beyond, the weight is below a thousandth of a grey value
 
 /** A pixel's grain, always the same: -GRAIN .. GRAIN. */
@@ -64,16 +67,71 @@ void SceneSource::drawBackground(const VideoFormats::Choice& choice)
 {
     m_geometry = SceneGeometry(choice.u32Width, choice.u32Height, m_dK1);
     m_background.resize(choice.u32Width, choice.u32Height);
-    m_vecBase.resize(static_cast<size_t>(choice.u32Width) * choice.u32Height);
+    m_vecNew.resize(static_cast<size_t>(choice.u32Width) * choice.u32Height);
+    m_vecCell.clear();
+    m_u32Changes = 0;
     m_dExposure = -1;
     const double dPixel = 1 / m_geometry.getPixelsPerMillimetre();
-    uint8_t* pBase = m_vecBase.data();
+    uint8_t* pNew = m_vecNew.data();
     for (uint32_t y = 0; y < choice.u32Height; ++y) {
         for (uint32_t x = 0; x < choice.u32Width; ++x) {
             const SceneGeometry::Point pixel{static_cast<double>(x), static_cast<double>(y)};
             const double dGrey = greyAt(m_geometry.toMillimetre(pixel), dPixel);
-            *pBase++ = static_cast<uint8_t>(std::lround(dGrey + grain(x, y)));
+            *pNew++ = static_cast<uint8_t>(std::lround(dGrey + grain(x, y)));
         }
+    }
+    m_vecBase = m_vecNew;
+}
+
+void SceneSource::findCells()
+{
+    const double dPixel = 1 / m_geometry.getPixelsPerMillimetre();
+    const long nAcross = std::max(1L, std::lround(dPixel / BurntState::CELL_MM));
+    m_u32CellsAcross = static_cast<uint32_t>(nAcross);
+    m_vecCell.reserve(m_vecNew.size());
+    const auto first = [&](double dMillimetre, size_t uCells) {
+        const double dCell = (dMillimetre - dPixel / 2) / BurntState::CELL_MM;
+        return std::lround(dCell) + static_cast<long>(uCells / 2);
+    };
+    for (uint32_t y = 0; y < m_background.u32Height; ++y) {
+        for (uint32_t x = 0; x < m_background.u32Width; ++x) {
+            const SceneGeometry::Point at =
+                m_geometry.toMillimetre({static_cast<double>(x), static_cast<double>(y)});
+            const long nColumn = first(at.dX, BurntState::COLUMNS);
+            const long nRow = first(at.dY, BurntState::ROWS);
+            const bool bWithin = nColumn >= 0 && nRow >= 0 &&
+                                 nColumn + nAcross <= static_cast<long>(BurntState::COLUMNS) &&
+                                 nRow + nAcross <= static_cast<long>(BurntState::ROWS);
+            const long nCell = nRow * static_cast<long>(BurntState::COLUMNS) + nColumn;
+            m_vecCell.push_back(bWithin ? static_cast<uint32_t>(nCell) : NO_CELL);
+        }
+    }
+}
+
+void SceneSource::drawBurnt()
+{
+    const BurntState& burnt = m_scene.getBurnt();
+    const uint32_t u32Changes = burnt.u32Changes.load(std::memory_order_acquire);
+    if (u32Changes == m_u32Changes) {
+        return;
+    }
+    m_u32Changes = u32Changes;
+    m_dExposure = -1;
+    if (m_vecCell.empty()) {
+        findCells();
+    }
+    const float fCells = static_cast<float>(m_u32CellsAcross * m_u32CellsAcross);
+    for (size_t i = 0; i < m_vecCell.size(); ++i) {
+        float fShare = 0;
+        for (uint32_t y = 0; NO_CELL != m_vecCell[i] && y < m_u32CellsAcross; ++y) {
+            for (uint32_t x = 0; x < m_u32CellsAcross; ++x) {
+                const size_t uCell = m_vecCell[i] + y * BurntState::COLUMNS + x;
+                fShare += burnt.afShare[uCell].load(std::memory_order_relaxed);
+            }
+        }
+        const float fNew = m_vecNew[i];
+        const float fBase = fNew + fShare / fCells * (CHAR - fNew);
+        m_vecBase[i] = static_cast<uint8_t>(std::lround(fBase));
     }
 }
 
@@ -97,7 +155,8 @@ void SceneSource::expose(double dExposure, int32_t s32Brightness)
 void SceneSource::drawSpot(Truth& truth)
 {
     SceneState& state = m_scene.getState();
-    truth.bLaserOn = 0 != state.u32LaserOn.load(std::memory_order_relaxed);
+    const uint32_t u32Light = state.u32LaserOn.load(std::memory_order_relaxed);
+    truth.bLaserOn = LIGHT_OFF != u32Light;
     truth.dXMillimetre = fromMicrometre(state.s32XMicrometre.load(std::memory_order_relaxed));
     truth.dYMillimetre = fromMicrometre(state.s32YMicrometre.load(std::memory_order_relaxed));
     truth.dZMillimetre = fromMicrometre(state.s32ZMicrometre.load(std::memory_order_relaxed));
@@ -128,11 +187,15 @@ void SceneSource::drawSpot(Truth& truth)
                 m_geometry.toMillimetre({static_cast<double>(x), static_cast<double>(y)});
             const double dX = at.dX - truth.dXMillimetre;
             const double dY = at.dY - truth.dYMillimetre;
-            const double dWeight = dPeak * std::exp(-(dX * dX + dY * dY) / (2 * dSigma * dSigma));
+            const double dSquares = (dX * dX + dY * dY) / (2 * dSigma * dSigma);
+            const double dWeight = dPeak * std::exp(-dSquares);
+            const double dCore =
+                LIGHT_BEAM == u32Light ? dPeak * std::exp(-dSquares * BEAM_CORE * BEAM_CORE) : 0;
             const size_t uAt = static_cast<size_t>(y) * m_raster.u32Width + static_cast<size_t>(x);
             const double dBase = m_vecBase[uAt];
             const auto mix = [&](int nColour) {
-                return m_au8Light[std::lround(dWeight * nColour + (1 - dWeight) * dBase)];
+                const double dSpot = dWeight * nColour + (1 - dWeight) * dBase;
+                return m_au8Light[std::lround(dSpot + dCore * (255 - dSpot))];
             };
             uint8_t* pPixel = m_raster.vecByte.data() + uAt * 3;
             pPixel[0] = mix(SceneGeometry::SPOT_RED);
@@ -167,6 +230,7 @@ void SceneSource::draw(const PictureRequest& request, Picture& picture)
     if (choice.u32Width != m_background.u32Width || choice.u32Height != m_background.u32Height) {
         drawBackground(choice);
     }
+    drawBurnt();
     if (request.dExposure != m_dExposure || request.s32Brightness != m_s32Brightness) {
         expose(request.dExposure, request.s32Brightness);
     }

@@ -10,7 +10,8 @@
 
 /**
  * Pictures of the scene that SceneGeometry.h describes, with the spot where the scene file has it
- * at the moment of drawing. What does not move is drawn once per size and light.
+ * at the moment of drawing, and what is burnt there. What does not move is drawn once per size and
+ * light, and again when more has been burnt.
  */
 class SceneSource : public IPictureSource
 {
@@ -22,6 +23,8 @@ public:
 
 private:
     void drawBackground(const VideoFormats::Choice& choice);
+    void findCells();
+    void drawBurnt();
     void expose(double dExposure, int32_t s32Brightness);
     void drawSpot(Truth& truth);
     void drawWriting(const PictureRequest& request);
@@ -30,9 +33,13 @@ private:
     const double m_dK1;
     const int m_nQuality;
     SceneGeometry m_geometry;
-    std::vector<uint8_t> m_vecBase; // the workpiece before light, one grey value per pixel
-    uint8_t m_au8Light[256] = {};   // value to value with light
-    double m_dExposure = -1;        // that m_background was made with
+    std::vector<uint8_t> m_vecNew;   // the workpiece before burning, one grey value per pixel
+    std::vector<uint8_t> m_vecBase;  // with what is burnt, before light
+    std::vector<uint32_t> m_vecCell; // a pixel's first burnt cell; empty until something is burnt
+    uint32_t m_u32CellsAcross = 1;   // of a pixel, in both directions
+    uint32_t m_u32Changes = 0;       // what m_vecBase shows of BurntState
+    uint8_t m_au8Light[256] = {};    // value to value with light
+    double m_dExposure = -1;         // that m_background was made with
     int32_t m_s32Brightness = 0;
     Raster m_background;
     Raster m_raster;

@@ -57,6 +57,8 @@ TEST(CameraCommands, WrongWordsAreRefused)
                               "spot 1 2 x on",
                               "spot 1 2 3 maybe",
                               "spot 9e9 0 0 on",
+                              "workpiece",
+                              "workpiece old",
                               "timeperframe",
                               "timeperframe maybe",
                               "stat gone",
@@ -88,6 +90,21 @@ TEST(CameraCommands, SpotIsWrittenToTheScene)
     EXPECT_EQ(-2250, board.scene.getState().s32YMicrometre);
     EXPECT_EQ(1, board.scene.getState().s32ZMicrometre);
     EXPECT_EQ(1u, board.scene.getState().u32LaserOn);
+}
+
+TEST(CameraCommands, NewWorkpieceIsUnburnt)
+{
+    Board board;
+    BurntState& burnt = board.scene.getBurnt();
+    EXPECT_EQ("ok", board.commands.run("workpiece new"));
+    EXPECT_EQ(0u, burnt.u32Changes);
+    burnt.afShare[7] = 0.5;
+    burnt.u32Changes = 3;
+
+    EXPECT_EQ("ok", board.commands.run("workpiece new"));
+
+    EXPECT_EQ(0, burnt.afShare[7]);
+    EXPECT_EQ(4u, burnt.u32Changes); // so that whoever draws it notices
 }
 
 TEST(CameraCommands, StatusTellsRateAndPlug)

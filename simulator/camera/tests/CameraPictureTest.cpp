@@ -7,41 +7,12 @@
 
 #include <gtest/gtest.h>
 
-#include "Jpeg.h"
+#include "CameraFrames.h"
 #include "SceneGeometry.h"
 #include "VideoClient.h"
 #include "VirtualCamera.h"
 
 namespace {
-
-/** The next frame's bytes; the buffer is queued again. */
-std::vector<uint8_t> nextFrame(VideoClient& client)
-{
-    v4l2_buffer buffer{};
-    if (!client.readable(30000) || 0 != client.dequeue(buffer)) {
-        ADD_FAILURE() << "no frame";
-        return {};
-    }
-    std::vector<uint8_t> vecBytes = client.bytes(buffer);
-    EXPECT_EQ(0, client.enqueue(buffer.index));
-    return vecBytes;
-}
-
-/** A frame that was drawn after all that was commanded before. */
-std::vector<uint8_t> freshFrame(VideoClient& client)
-{
-    for (int i = 0; i < 3; ++i) { // two may be filled, one on its way
-        (void)nextFrame(client);
-    }
-    return nextFrame(client);
-}
-
-Raster decoded(const std::vector<uint8_t>& vecBytes)
-{
-    Raster raster;
-    EXPECT_TRUE(Jpeg::decode(vecBytes, raster));
-    return raster;
-}
 
 /** The field of an answer such as "ok x=1.5 y=2". */
 double field(const std::string& strAnswer, const std::string& strName)

@@ -34,6 +34,10 @@ public:
     bool preset(int nNumber, double dValue);
 
     void setTrigger(std::function<void(const std::string&)> trigger) override;
+    void onBeam(BeamSink sink) override
+    {
+        m_machine.onBeam(std::move(sink));
+    }
     void receive(const std::string& strBytes, int64_t s64NowUs) override;
     void advance(int64_t s64NowUs) override;
     bool takeAnswer(int64_t s64NowUs, std::string& strText) override;

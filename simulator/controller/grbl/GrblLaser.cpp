@@ -42,8 +42,17 @@ Beam GrblLaser::getLight(int nShare) const
 double GrblLaser::getPower(int nShare) const
 {
     const Beam light = getLight(nShare);
-    const bool bScaled = isFollowing() && SPINDLE_DYNAMIC == m_planner.getCurrent().eSpindle;
-    return light.bOn ? light.dPower * (bScaled ? m_planner.getSpeedShare() : 1) : 0;
+    return light.bOn ? light.dPower * (isScaled() ? m_planner.getSpeedShare() : 1) : 0;
+}
+
+bool GrblLaser::isScaled() const
+{
+    return isFollowing() && SPINDLE_DYNAMIC == m_planner.getCurrent().eSpindle;
+}
+
+double GrblLaser::getWholeSpeed() const
+{
+    return isScaled() ? m_planner.getCurrent().dSpeed : 0;
 }
 
 double GrblLaser::getTimeToDark() const

@@ -54,6 +54,9 @@ public:
     /** The power that comes out now: dynamic power follows the speed. */
     double getPower(int nShare) const;
 
+    /** The speed, in mm/s, from which dynamic power is whole; 0 while power follows no speed. */
+    double getWholeSpeed() const;
+
     /** Seconds until dynamic power ends; not positive when that is not ahead. */
     double getTimeToDark() const;
 
@@ -62,6 +65,7 @@ public:
 
 private:
     bool isFollowing() const;
+    bool isScaled() const;
     double getLastSegment() const;
 
     const GrblSettings& m_settings;

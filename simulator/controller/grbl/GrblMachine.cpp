@@ -2,6 +2,7 @@
 #include "GrblMachine.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "GrblErrors.h"
 
@@ -21,6 +22,12 @@ Point plus(const Point& first, const Point& second)
 Point minus(const Point& first, const Point& second)
 {
     return {first[0] - second[0], first[1] - second[1], first[2] - second[2]};
+}
+
+double distance(const Point& first, const Point& second)
+{
+    const Point way = minus(first, second);
+    return std::sqrt(way[0] * way[0] + way[1] * way[1] + way[2] * way[2]);
 }
 
 } // namespace
@@ -124,10 +131,23 @@ int64_t GrblMachine::nextEventUs() const
 void GrblMachine::stepTo(int64_t s64Us)
 {
     const double dSeconds = static_cast<double>(s64Us - m_s64NowUs) / US_PER_SECOND;
+    const double dJobSeconds = isMoving() ? dSeconds * m_dSpeedUp : dSeconds;
+    const Point from = getPosition();
+    const Beam light = m_laser.getLight(m_overrides.getSpindle());
+    const double dWholeSpeed = m_laser.getWholeSpeed();
     m_s64NowUs = s64Us;
     if (m_planner.isMoving()) {
-        m_planner.advance(dSeconds * m_dSpeedUp);
+        m_planner.advance(dJobSeconds);
     }
+    if (!m_beamSink || !light.bOn || dSeconds <= 0) {
+        return;
+    }
+    BeamStroke stroke{from, getPosition(), light.dPower * dJobSeconds};
+    if (dWholeSpeed > 0) {
+        const double dWholeSeconds = distance(stroke.from, stroke.to) / dWholeSpeed;
+        stroke.dEnergy = light.dPower * std::min(dJobSeconds, dWholeSeconds);
+    }
+    m_beamSink(stroke);
 }
 
 bool GrblMachine::isSuspended() const

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "BeamLog.h"
 #include "ControllerJournal.h"
@@ -37,6 +38,12 @@ public:
      */
     GrblMachine(const ControllerSettings& options, const GrblSettings& settings,
                 GrblInterpreter& interpreter, ControllerJournal& journal);
+
+    /** Tell what the beam goes over while light comes out; nobody at first. */
+    void onBeam(BeamSink sink)
+    {
+        m_beamSink = std::move(sink);
+    }
 
     /** The settings have changed: speeds and accelerations are theirs from now on. */
     void applySettings();
@@ -151,6 +158,7 @@ private:
     const GrblSettings& m_settings;
     GrblInterpreter& m_interpreter;
     BeamLog m_beamLog;
+    BeamSink m_beamSink;
     GrblPlanner m_planner;
     GrblLaser m_laser;
     GrblOverrides m_overrides;

@@ -161,3 +161,33 @@ TEST_F(ControllerLaserCareless, HoldAndAlarmKeepTheLaser)
 
     EXPECT_TRUE(beam().bOn);
 }
+
+TEST_F(ControllerLaser, WhatTheBeamGoesOverIsToldButInAHold)
+{
+    double dEnergy = 0;
+    m_controller.onBeam([&dEnergy](const BeamStroke& stroke) { dEnergy += stroke.dEnergy; });
+    say("M3 S100\nG1 X10 F600\n");
+    wait(500 * MS);
+    say("!");
+    wait(1000 * MS);
+    EXPECT_DOUBLE_EQ(50, dEnergy);
+
+    EXPECT_TRUE(runCommand("go"));
+    wait(500 * MS);
+    say("M5\n");
+    wait(1000 * MS);
+
+    EXPECT_DOUBLE_EQ(100, dEnergy);
+}
+
+TEST_F(ControllerLaserCareless, HoldThatKeepsTheLaserBurnsOn)
+{
+    double dEnergy = 0;
+    say("M3 S100\nG1 X10 F600\n");
+    m_controller.onBeam([&dEnergy](const BeamStroke& stroke) { dEnergy += stroke.dEnergy; });
+    say("!");
+
+    wait(1000 * MS);
+
+    EXPECT_DOUBLE_EQ(100, dEnergy);
+}

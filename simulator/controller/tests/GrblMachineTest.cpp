@@ -198,3 +198,39 @@ TEST_F(GrblMachineDialogue, CoolantIsThePilotSpot)
     say("M9\n");
     EXPECT_FALSE(m_controller.isPilotOn());
 }
+
+TEST_F(GrblMachineDialogue, DynamicPowerBurnsAllOfItsWayAlikeAndConstantPowerMoreWhereItIsSlow)
+{
+    prepare(10); // 5 mm/s are reached after 1.25 mm, and at the other end the same
+    double dSlow = 0;
+    double dFast = 0;
+    double dDark = 0;
+    m_controller.onBeam([&](const BeamStroke& stroke) {
+        const double dMiddle = (stroke.from[0] + stroke.to[0]) / 2;
+        dSlow += (dMiddle < 1) ? stroke.dEnergy : 0;
+        dFast += (dMiddle > 5 && dMiddle < 6) ? stroke.dEnergy : 0;
+        dDark += (stroke.from[1] > 0) ? stroke.dEnergy : 0;
+    });
+
+    const auto run = [this] {
+        for (int i = 0; i < 4000; ++i) {
+            wait(1 * MS);
+        }
+    };
+    say("M4 S500\nG1 X10 F300\n");
+    run();
+    EXPECT_NEAR(500 / 5.0, dSlow, 2); // S500 for a fifth of a second
+    EXPECT_NEAR(500 / 5.0, dFast, 2);
+
+    say("G0 X0\n");
+    run();
+    dSlow = 0;
+    say("M3 S500\nG1 X10\n");
+    run();
+    EXPECT_GT(dSlow, 180);                // twice as long, and the moment before it begins to move
+    EXPECT_NEAR(2 * 500 / 5.0, dFast, 4); // as much as with M4
+
+    say("G0 Y10\n");
+    run();
+    EXPECT_EQ(0, dDark);
+}

@@ -77,6 +77,12 @@ TEST(KestrelController, MovesTheSceneSpotAgainstItsAxes)
     pWritable->s32XMicrometre = 7; // placed by someone else while the arm rests
     controller.command("state");
     EXPECT_EQ(7, pScene->s32XMicrometre);
+    port.say("M3 S500\n");
+    EXPECT_EQ("ok\n", port.hear(3));
+    EXPECT_EQ(2U, pScene->u32LaserOn); // the beam, though the pilot spot is off
+    port.say("M5\n");
+    EXPECT_EQ("ok\n", port.hear(3));
+    EXPECT_EQ(0U, pScene->u32LaserOn);
     munmap(pWritable, sizeof(SceneState));
     close(nFd);
     munmap(const_cast<SceneState*>(pScene), sizeof(SceneState));

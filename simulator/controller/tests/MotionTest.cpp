@@ -91,3 +91,46 @@ TEST(Motion, ClearedArmStaysWhereItIs)
     EXPECT_EQ(0U, motion.advance(10 * SECOND));
     EXPECT_DOUBLE_EQ(5, motion.getPosition()[0]);
 }
+
+TEST(Motion, BeamIsToldWithItsWayAndItsEnergyWhileItIsOn)
+{
+    Motion motion(10, 0); // ten times as fast as the job says
+    std::vector<BeamStroke> vecStroke;
+    motion.onBeam([&vecStroke](const BeamStroke& stroke) { vecStroke.push_back(stroke); });
+    motion.queueMove({10, 0, 0}, 600, false);
+    motion.queueLaser({true, 500});
+    motion.queueMove({10, 5, 0}, 600, false);
+    motion.queueMove({10, 5, 2}, 600, false);
+    motion.queueLaser({false, 500});
+    motion.queueMove({0, 0, 0}, 600, false);
+
+    motion.advance(3 * SECOND);
+
+    ASSERT_EQ(2U, vecStroke.size());
+    EXPECT_EQ((Point{10, 0, 0}), vecStroke[0].from);
+    EXPECT_EQ((Point{10, 5, 0}), vecStroke[0].to);
+    EXPECT_DOUBLE_EQ(250, vecStroke[0].dEnergy); // half a second of the job's time
+    EXPECT_EQ((Point{10, 5, 2}), vecStroke[1].to);
+    EXPECT_DOUBLE_EQ(100, vecStroke[1].dEnergy);
+}
+
+TEST(Motion, BeamThatStandsIsToldToo)
+{
+    Motion motion(10, 0);
+    std::vector<BeamStroke> vecStroke;
+    motion.onBeam([&vecStroke](const BeamStroke& stroke) { vecStroke.push_back(stroke); });
+    motion.queueLaser({true, 100});
+    motion.queueDwell(2);
+    motion.advance(SECOND);
+    motion.setHeld(true);
+    motion.advance(2 * SECOND);
+    motion.setHeld(false);
+    motion.advance(4 * SECOND); // the dwell's other second, and one without anything to do
+
+    ASSERT_EQ(4U, vecStroke.size());
+    for (const BeamStroke& stroke : vecStroke) {
+        EXPECT_EQ((Point{0, 0, 0}), stroke.from);
+        EXPECT_EQ((Point{0, 0, 0}), stroke.to);
+        EXPECT_DOUBLE_EQ(100, stroke.dEnergy);
+    }
+}
