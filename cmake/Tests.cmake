@@ -23,6 +23,7 @@ function(kestrel_test NAME)
         set_target_properties(${NAME} PROPERTIES CROSSCOMPILING_EMULATOR
             "${PROJECT_SOURCE_DIR}/tests/support/private-host;${CMAKE_CROSSCOMPILING_EMULATOR}")
     endif()
-    gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST
+    # Five seconds, unless told, are too few for a sanitized program's list on a machine with other work.
+    gtest_discover_tests(${NAME} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
         PROPERTIES TIMEOUT 300 ENVIRONMENT "${ARG_ENVIRONMENT}")
 endfunction()
