@@ -1,0 +1,1 @@
+"""Shows the pictures of many boards to many viewers, with one connection to each board."""

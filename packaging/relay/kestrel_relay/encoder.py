@@ -1,0 +1,66 @@
+"""H.264 of a board's pictures, while somebody wants it."""
+
+import threading
+
+from .feed import Feed, Pipeline, picture_of
+from .gst import Gst, GstVideo
+
+# Baseline, which every browser and phone decodes. A viewer that joins waits for a key frame, at most two seconds
+# at 25 pictures a second, unless one is asked for.
+ENCODE = ("jpegdec ! videoconvert ! video/x-raw,format=I420 ! "
+          "x264enc name=encoder tune=zerolatency speed-preset=ultrafast threads=1 bitrate={} key-int-max=50 ! "
+          "video/x-h264,profile=constrained-baseline ! h264parse config-interval=-1 ! "
+          "video/x-h264,stream-format=byte-stream,alignment=au ! "
+          "appsink name=encoded sync=false emit-signals=true max-buffers=30 drop=true")
+
+
+class Encoder:
+    """Encodes between the first use() and the last release(); any thread may call."""
+
+    def __init__(self, pictures, kilobits):
+        self.feed = Feed()
+        self._pictures = pictures
+        self._text = ENCODE.format(kilobits)
+        self._lock = threading.Lock()  # guards the two below
+        self._users = 0
+        self._pipeline = None
+
+    def use(self):
+        """Encode for one more; the next picture is a key frame."""
+        with self._lock:
+            self._users += 1
+            if self._pipeline is None:
+                self._pipeline = Pipeline(self._pictures, self._text)
+                self._pipeline.element("encoded").connect("new-sample", self._encoded)
+            else:
+                self._ask_key_frame()
+
+    def release(self):
+        with self._lock:
+            self._users -= 1
+            pipeline = None
+            if self._users == 0:
+                pipeline, self._pipeline = self._pipeline, None
+        if pipeline:
+            pipeline.close()
+
+    def key_frame(self):
+        """Have the next picture encoded so that a viewer can begin with it."""
+        with self._lock:
+            if self._pipeline:
+                self._ask_key_frame()
+
+    @property
+    def running(self):
+        return self._pipeline is not None
+
+    def _ask_key_frame(self):
+        event = GstVideo.video_event_new_upstream_force_key_unit(Gst.CLOCK_TIME_NONE, True, 0)
+        self._pipeline.element("encoder").send_event(event)
+
+    def _encoded(self, sink):
+        sample = sink.emit("pull-sample")
+        if sample is None:
+            return Gst.FlowReturn.EOS
+        self.feed.push(picture_of(sample), sample.get_caps())
+        return Gst.FlowReturn.OK

@@ -1,0 +1,136 @@
+"""Recording in segments, and the rule by which they go."""
+
+import os
+import sys
+import tempfile
+import time
+import unittest
+from types import SimpleNamespace
+
+from fleet import PACKAGE, Fleet, Relay, run, wait_until
+
+sys.path.insert(0, PACKAGE)
+from kestrel_relay.recorder import GIGABYTE, CleanUp, to_remove, unused  # noqa: E402
+
+NOW = 10**9
+DAY = 86400
+
+
+def files(folder):
+    return sorted(os.listdir(folder)) if os.path.isdir(folder) else []
+
+
+def pictures(path, codec):
+    """The number of pictures in a file, and the seconds between its first and its last."""
+    lines = run("ffprobe", "-v", "error", "-select_streams", "v:0",
+                "-show_entries", "stream=codec_name:packet=pts_time", "-of", "csv=p=0", path).split()
+    assert codec in lines, lines
+    times = [float(line.strip(",")) for line in lines if line != codec]
+    return len(times), times[-1] - times[0]
+
+
+class Recording(unittest.TestCase):
+    def record(self, form):
+        """(fleet, folder of the recordings of a board that is recorded in segments of three seconds)."""
+        fleet = Fleet(1)
+        self.addCleanup(fleet.close)
+        folder = f"{fleet.folder}/recordings"
+        relay = Relay(fleet, f'[recording]\nboards = ["*"]\npictures = "{form}"\nfolder = "{folder}"\n'
+                             "minutes = 0.05\n")
+        self.addCleanup(relay.close)
+        return fleet.boards[0], relay, f"{folder}/board-1"
+
+    def test_segments_hold_the_cameras_bytes(self):
+        board, relay, folder = self.record("jpeg")
+        wait_until(lambda: len(files(folder)) >= 3, "a third segment begins")
+        kept = board.frames()
+
+        first, second = (f"{folder}/{name}" for name in files(folder)[:2])
+        for path in (first, second):
+            count, seconds = pictures(path, "mjpeg")
+            self.assertGreater(count, 20)
+            self.assertGreater(seconds, 1.5)
+            self.assertLess(seconds, 4.5)
+        with tempfile.TemporaryDirectory() as place:
+            run("ffmpeg", "-v", "error", "-i", second, "-c", "copy", "-f", "image2", f"{place}/%04d.jpg")
+            for name in os.listdir(place):
+                with open(f"{place}/{name}", "rb") as file:
+                    self.assertIn(file.read(), kept, name)
+        self.assertEqual(1, relay.metrics()['kestrel_relay_recording{board="board-1"}'])
+
+    def test_gap_ends_a_file_and_begins_another(self):
+        board, relay, folder = self.record("h264")
+        wait_until(lambda: files(folder), "a segment begins")
+
+        board.command("freeze")
+        wait_until(lambda: not relay.metrics()['kestrel_relay_recording{board="board-1"}'], "recording has stopped")
+        before = files(folder)
+        for name in before:
+            pictures(f"{folder}/{name}", "h264")  # whole files
+        board.command("thaw")
+
+        wait_until(lambda: len(files(folder)) > len(before) + 1, "two more segments begin")
+        count, _ = pictures(f"{folder}/{files(folder)[len(before)]}", "h264")
+        self.assertGreater(count, 20)
+
+    def test_end_leaves_whole_files(self):
+        _, relay, folder = self.record("jpeg")
+        wait_until(lambda: files(folder), "a segment begins")
+
+        self.assertEqual(0, relay.close())
+
+        for name in files(folder):
+            pictures(f"{folder}/{name}", "mjpeg")
+
+
+class Rule(unittest.TestCase):
+    RULE = SimpleNamespace(keep_days=7, keep_gigabytes=10, keep_free_gigabytes=5)
+    ENOUGH = 100 * GIGABYTE
+
+    def test_keeps_what_is_within_all_limits(self):
+        self.assertEqual([], to_remove([(NOW - DAY, GIGABYTE, "a")], self.RULE, NOW, self.ENOUGH))
+
+    def test_removes_what_is_too_old(self):
+        found = [(NOW - 8 * DAY, 1, "a"), (NOW - 6 * DAY, 1, "b")]
+        self.assertEqual(["a"], to_remove(found, self.RULE, NOW, self.ENOUGH))
+
+    def test_removes_the_oldest_of_too_much(self):
+        found = [(NOW - age * 1000, 4 * GIGABYTE, str(age)) for age in (4, 3, 2, 1)]
+        self.assertEqual(["4", "3"], to_remove(found, self.RULE, NOW, self.ENOUGH))
+
+    def test_frees_the_disk(self):
+        found = [(NOW - age * 1000, GIGABYTE, str(age)) for age in (4, 3, 2, 1)]
+        self.assertEqual(["4", "3"], to_remove(found, self.RULE, NOW, 3 * GIGABYTE))
+
+    def test_never_removes_what_may_be_open(self):
+        found = [(NOW - 59, 100 * GIGABYTE, "a")]
+        self.assertEqual([], to_remove(found, self.RULE, NOW, 0))
+
+    def test_no_file_is_written_over(self):
+        with tempfile.TemporaryDirectory() as folder:
+            names = []
+            for _ in range(3):
+                names.append(os.path.basename(unused(f"{folder}/a")))
+                with open(f"{folder}/{names[-1]}", "w", encoding="ascii"):
+                    pass
+            self.assertEqual(["a.mkv", "a.2.mkv", "a.3.mkv"], names)
+
+    def test_clean_up_looks_at_recordings_only_and_follows_no_link(self):
+        with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as other:
+            old = time.time() - 8 * DAY
+            os.mkdir(f"{folder}/board-1")
+            for path in (f"{folder}/board-1/old.mkv", f"{folder}/board-1/notes.txt", f"{other}/else.mkv"):
+                with open(path, "w", encoding="ascii") as file:
+                    file.write("x")
+                os.utime(path, (old, old))
+            os.symlink(other, f"{folder}/link")
+            os.symlink(f"{other}/else.mkv", f"{folder}/link.mkv")
+
+            CleanUp(SimpleNamespace(folder=folder, **vars(self.RULE))).once()
+
+            self.assertEqual(["notes.txt"], files(f"{folder}/board-1"))
+            self.assertEqual(["else.mkv"], files(other))
+
+
+if __name__ == "__main__":
+    unittest.main()
