@@ -1,0 +1,224 @@
+"""Figures and logs: Prometheus, the dashboard's queries, rsyslog."""
+
+import json
+import os
+import shutil
+import socket
+import subprocess
+import unittest
+import urllib.parse
+import urllib.request
+
+from fleet import PACKAGE, PASSWORD, RELAY, UNPACKED, USER, Fleet, Relay, Viewer, Web, answers, end, run, wait_until
+
+EXAMPLES = f"{PACKAGE}/examples"
+PROMETHEUS = "http://127.0.0.1:9090"
+DASHBOARD = f"{EXAMPLES}/grafana-dashboard.json"
+
+
+def queries():
+    """(panel, expression) of the dashboard, and of its variable, as Grafana fills them in."""
+    with open(DASHBOARD, encoding="utf-8") as file:
+        dashboard = json.load(file)
+    for panel in dashboard["panels"]:
+        for target in panel["targets"]:
+            expression = target["expr"].replace("$__rate_interval", "1m").replace("$board", ".*")
+            yield panel["title"], expression
+
+
+def ask(path, **parameters):
+    with urllib.request.urlopen(f"{PROMETHEUS}/api/v1/{path}?{urllib.parse.urlencode(parameters)}",
+                                timeout=10) as answer:
+        said = json.load(answer)
+    assert said["status"] == "success", said
+    return said["data"]
+
+
+class Figures(unittest.TestCase):
+    """A real Prometheus with the shipped configuration asks a real relay through nginx."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.fleet = Fleet(2)
+        cls.addClassCleanup(cls.fleet.close)
+        folder = cls.fleet.folder
+        cls.relay = Relay(cls.fleet, f'[recording]\nboards = ["board-1"]\nfolder = "{folder}/recordings"\n')
+        cls.addClassCleanup(cls.relay.close)
+        cls.web = Web(cls.fleet)
+        cls.addClassCleanup(cls.web.close)
+        cls.configuration = f"{folder}/prometheus"
+        os.makedirs(cls.configuration)
+        shutil.copy(f"{EXAMPLES}/kestrel.rules.yml", cls.configuration)
+        shutil.copy(f"{cls.web.folder}/tls.pem", f"{cls.configuration}/kestrel-relay.pem")
+        with open(f"{cls.configuration}/kestrel-relay.password", "w", encoding="ascii") as file:
+            file.write(PASSWORD)
+        with open(f"{EXAMPLES}/prometheus.yml", encoding="utf-8") as file:
+            text = file.read()
+        # The test's user, its address with the certificate's name, and less waiting.
+        text = text.replace("username: prometheus", f"username: {USER}").replace("relay:443", "127.0.0.1:443")
+        text = text.replace("ca_file: kestrel-relay.pem", "ca_file: kestrel-relay.pem\n      server_name: relay")
+        with open(f"{cls.configuration}/prometheus.yml", "w", encoding="utf-8") as file:
+            file.write(text.replace("_interval: 10s", "_interval: 1s"))
+        with open(f"{folder}/prometheus.out", "wb") as output:
+            cls.prometheus = subprocess.Popen(
+                [f"{UNPACKED}/usr/bin/prometheus", f"--config.file={cls.configuration}/prometheus.yml",
+                 f"--storage.tsdb.path={folder}/tsdb", "--web.listen-address=127.0.0.1:9090"],
+                stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+        cls.addClassCleanup(end, cls.prometheus)
+        wait_until(lambda: answers(9090, cls.prometheus), "Prometheus listens")
+        wait_until(cls.scraped, "Prometheus has asked the relay")
+
+    @classmethod
+    def scraped(cls):
+        try:
+            return any(target["health"] == "up" for target in ask("targets")["activeTargets"])
+        except OSError:
+            return False
+
+    def test_configuration_and_rules_are_sound(self):
+        promtool = f"{UNPACKED}/usr/bin/promtool"
+        said = run(promtool, "check", "config", f"{self.configuration}/prometheus.yml")
+        self.assertIn("5 rules found", said)
+        run(promtool, "test", "rules", f"{PACKAGE}/../../tests/relay/kestrel.rules.test.yml")
+
+    def test_figures_are_sound(self):
+        with urllib.request.urlopen("http://127.0.0.1:8331/metrics", timeout=10) as answer:
+            text = answer.read()
+        done = subprocess.run([f"{UNPACKED}/usr/bin/promtool", "check", "metrics"], input=text, capture_output=True,
+                              check=False)
+        self.assertEqual((0, b""), (done.returncode, done.stdout + done.stderr))
+
+    def test_every_query_of_the_dashboard_has_a_result(self):
+        viewer = Viewer("board-1")
+        self.addCleanup(viewer.close)
+        wait_until(lambda: viewer.pictures() > 10, "pictures come")
+        asked = list(queries())
+        self.assertGreater(len(asked), 10)
+
+        for title, expression in asked:
+            wait_until(lambda expression=expression: ask("query", query=expression)["result"],
+                       f"{title}: {expression} has a result")
+        boards = ask("label/board/values", **{"match[]": "kestrel_relay_board_up"})
+        self.assertEqual(["board-1", "board-2"], boards)
+
+    def test_values_are_the_boards(self):
+        def value(expression):
+            found = ask("query", query=expression)["result"]
+            return float(found[0]["value"][1]) if found else None
+        wait_until(lambda: (value('rate(kestrel_relay_pictures_total{board="board-2"}[10s])') or 0) > 15,
+                   "pictures are counted")
+        self.assertLess(value('rate(kestrel_relay_pictures_total{board="board-2"}[10s])'), 35)
+        self.assertEqual(2, value("sum(kestrel_relay_board_up)"))
+
+        self.fleet.boards[1].command("freeze")
+        self.addCleanup(self.relay.wait_live, "board-2")
+        self.addCleanup(self.fleet.boards[1].command, "thaw")
+
+        wait_until(lambda: value('kestrel_relay_board_up{board="board-2"}') == 0, "the board is down")
+        wait_until(lambda: value('ALERTS{alertname="KestrelBoardDown",board="board-2",alertstate="pending"}') == 1,
+                   "the rule sees it")
+        self.assertGreater(value('kestrel_relay_picture_age_seconds{board="board-2"}'), 1)
+
+
+class Logs(unittest.TestCase):
+    """rsyslog with the shipped recipes."""
+
+    def setUp(self):
+        self.fleet = Fleet(1)
+        self.addCleanup(self.fleet.close)
+        self.folder = self.fleet.folder
+
+    def rsyslog(self, name, recipe, *replaced):
+        """rsyslog with a recipe in a folder's place of /var/log, and with a socket of its own; the socket."""
+        with open(f"{EXAMPLES}/{recipe}", encoding="utf-8") as file:
+            text = file.read()
+        for old, new in replaced:
+            self.assertIn(old, text)
+            text = text.replace(old, new)
+        place = f"{self.folder}/{name}"
+        os.makedirs(f"{place}/work")
+        path = f"{place}/rsyslog.conf"
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(f'global(workDirectory="{place}/work")\nmodule(load="imuxsock" SysSock.Use="off")\n'
+                       f'input(type="imuxsock" Socket="{place}/log" RateLimit.Interval="0")\n{text}')
+        modules = f"{UNPACKED}/usr/lib/x86_64-linux-gnu/rsyslog"
+        run(f"{UNPACKED}/usr/sbin/rsyslogd", "-N1", "-f", path, "-M", modules, stderr=None)
+        process = subprocess.Popen([f"{UNPACKED}/usr/sbin/rsyslogd", "-n", "-f", path, "-M", modules,
+                                    "-i", f"{place}/pid"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL)
+        self.addCleanup(end, process)
+        wait_until(lambda: os.path.exists(f"{place}/log"), "rsyslog listens")
+        return f"{place}/log"
+
+    def relays_rsyslog(self):
+        return self.rsyslog("relay", "rsyslog-relay.conf", ("/var/log/kestrel", f"{self.folder}/kestrel"))
+
+    def lines(self, name):
+        path = f"{self.folder}/kestrel/{name}"
+        if not os.path.exists(path):
+            return []
+        with open(path, encoding="utf-8") as file:
+            return file.read().splitlines()
+
+    def follow(self, host, syslog):
+        path = f"{self.folder}/logs.toml"
+        with open(path, "w", encoding="ascii") as file:
+            file.write(f'[boards]\nnorth = "{host}"\n')
+        process = subprocess.Popen([RELAY, "--config", path, "logs", "--socket", syslog], stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(end, process)
+
+    def test_log_port_of_a_board_fills_its_file(self):
+        """In the board's place stands what sends lines: the service itself logs hardly any."""
+        syslog = self.relays_rsyslog()
+        listener = socket.create_server(("127.0.0.1", 8001))
+        self.addCleanup(listener.close)
+        self.follow("127.0.0.1", syslog)
+
+        for number in (1, 2):  # it connects again
+            client, _ = listener.accept()
+            client.sendall(b"first %d\nsecond \x1b[31m%d\nhalf" % (number, number))
+            client.close()
+
+        wait_until(lambda: len(self.lines("kestrel-board-north.log")) == 6, "all lines are there")
+        texts = [line.split("kestrel-board-north: ")[1] for line in self.lines("kestrel-board-north.log")]
+        self.assertEqual(["first 1", "second  [31m1", "half", "first 2", "second  [31m2", "half"], texts)
+
+    def test_boards_service_has_the_connection(self):
+        """8001 of a real board, with the connection that it shows."""
+        board = self.fleet.boards[0]
+        self.follow(board.address, self.relays_rsyslog())
+
+        def followed():
+            with open(f"/proc/{board.host.pid}/net/tcp", encoding="ascii") as table:
+                return any(line.split()[1].endswith(":1F41") and line.split()[3] == "01"
+                           for line in table.readlines()[1:])
+        wait_until(followed, "the log is followed")
+        board.kill()
+        wait_until(lambda: not followed(), "it has gone")
+        board.start()
+        wait_until(followed, "it is followed again")
+
+    def test_journal_of_a_board_comes_and_waits_for_the_relay(self):
+        here = self.relays_rsyslog()
+        there = self.rsyslog("board", "rsyslog-board.conf", ("RELAY", "127.0.0.1"))
+        for text in ("kestrel-server[7]: one", "cron[8]: not ours", "kestrel-guard[9]: two"):
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
+                client.sendto(f"<13>Nov 22 10:00:00 {text}".encode(), there)
+
+        wait_until(lambda: len(self.lines("journal-127.0.0.1.log")) == 2, "both lines are there")
+        self.assertTrue(os.path.exists(here))
+        self.assertRegex(self.lines("journal-127.0.0.1.log")[0], r"kestrel-server\[7\]: one$")
+        self.assertRegex(self.lines("journal-127.0.0.1.log")[1], r"kestrel-guard\[9\]: two$")
+
+    def test_rotation_is_sound(self):
+        path = f"{self.folder}/logrotate"
+        shutil.copy(f"{EXAMPLES}/logrotate", path)
+        os.chmod(path, 0o644)
+        done = subprocess.run(["/usr/sbin/logrotate", "--debug", path], capture_output=True, text=True, check=False)
+        self.assertEqual(0, done.returncode, done.stderr)
+        self.assertNotIn("error", done.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
