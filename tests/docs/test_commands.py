@@ -8,7 +8,8 @@ import tempfile
 import unittest
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-PAGES = ("README.md", "docs/owner.md", "docs/http.md", "docs/plugin.md", "docs/contributing.md")
+PAGES = ("README.md", "docs/owner.md", "docs/http.md", "docs/plugin.md", "docs/contributing.md",
+         "docs/many.md")
 # The blocks of other languages are run by tests/system/test_http_clients.py and scripts/clients, which
 # find them by these words.
 PROGRAMS = {"sh": ("mpjpeg",), "python": ("urlopen", "cv2"), "js": ("fetch",)}
