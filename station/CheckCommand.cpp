@@ -1,7 +1,6 @@
 // "kestrel-arm check": looks through a job's file, without a machine.
 #include "CheckCommand.h"
 
-#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -13,32 +12,12 @@
 #include "CheckText.h"
 #include "Configuration.h"
 #include "GrblLanguage.h"
+#include "InputFile.h"
 #include "JobCheck.h"
 #include "JobPicture.h"
 #include "KestrelLanguage.h"
 
 namespace {
-
-/** Says so on standard error when it fails. */
-bool readFile(const std::string& strPath, std::string& strText)
-{
-    FILE* const pFile = fopen(strPath.c_str(), "re");
-    std::array<char, 65536> acBlock{};
-    size_t uRead = 1;
-    errno = 0;
-    while (nullptr != pFile && uRead > 0 && strText.size() <= JobCheck::MAX_SIZE) {
-        uRead = fread(acBlock.data(), 1, acBlock.size(), pFile);
-        strText.append(acBlock.data(), uRead);
-    }
-    const bool bRead = nullptr != pFile && 0 == ferror(pFile);
-    if (!bRead) {
-        fprintf(stderr, "kestrel-arm: %s: %s\n", strPath.c_str(), strerror(errno));
-    }
-    if (nullptr != pFile) {
-        fclose(pFile);
-    }
-    return bRead;
-}
 
 /** Says so on standard error when it fails. */
 bool writeFile(const std::string& strPath, const std::string& strText)
@@ -83,30 +62,30 @@ bool takeSystem(const std::string& strText, JobCheck& check)
 
 } // namespace
 
-CheckCommand::CheckCommand(CLI::App& app) : m_strConfiguration("/etc/kestrel-guard.toml")
+CheckCommand::CheckCommand(CLI::App& app)
+    : m_pCommand(app.add_subcommand("check", "Look through a job's file; needs no machine.")),
+      m_strConfiguration("/etc/kestrel-guard.toml")
 {
-    CLI::App* const pCommand =
-        app.add_subcommand("check", "Look through a job's file; needs no machine.");
-    pCommand->add_option("FILE", m_strFile, "the job")->required();
-    pCommand->add_option("--configuration", m_strConfiguration, "the guard's, for its limits")
+    m_pCommand->add_option("FILE", m_strFile, "the job")->required();
+    m_pCommand->add_option("--configuration", m_strConfiguration, "the guard's, for its limits")
         ->capture_default_str();
-    pCommand->add_flag("--json", m_bJson, "print JSON");
-    pCommand->add_option("--mend", m_strMended, "write a mended copy there");
-    pCommand->add_option("--svg", m_strPicture, "draw the path there");
-    pCommand->add_option("--start", m_vecStart, "X Y Z of the arm when the job begins, mm")
+    m_pCommand->add_flag("--json", m_bJson, "print JSON");
+    m_pCommand->add_option("--mend", m_strMended, "write a mended copy there");
+    m_pCommand->add_option("--svg", m_strPicture, "draw the path there");
+    m_pCommand->add_option("--start", m_vecStart, "X Y Z of the arm when the job begins, mm")
         ->expected(3)
         ->capture_default_str();
-    pCommand->add_option("--system", m_vecSystem,
-                         "origin of a coordinate system, e.g. G55=10,20,0; may be repeated");
+    m_pCommand->add_option("--system", m_vecSystem,
+                           "origin of a coordinate system, e.g. G55=10,20,0; may be repeated");
 }
 
-int CheckCommand::run() const
+int CheckCommand::run()
 {
     Configuration configuration;
     std::string strError;
     if (!readConfiguration(m_strConfiguration, configuration, strError)) {
         fprintf(stderr, "kestrel-arm: %s\n", strError.c_str());
-        return FAILED;
+        return STATUS_UNUSABLE;
     }
     std::unique_ptr<ILanguage> pLanguage;
     if (configuration.bGrbl) {
@@ -118,20 +97,20 @@ int CheckCommand::run() const
     check.setStart({m_vecStart[0], m_vecStart[1], m_vecStart[2]});
     for (const std::string& strSystem : m_vecSystem) {
         if (!takeSystem(strSystem, check)) {
-            return FAILED;
+            return STATUS_UNUSABLE;
         }
     }
     for (const std::string& strOut : {m_strMended, m_strPicture}) {
         if (!strOut.empty() && isSameFile(m_strFile, strOut)) {
             fprintf(stderr, "kestrel-arm: %s is the job itself\n", strOut.c_str());
-            return FAILED;
+            return STATUS_UNUSABLE;
         }
     }
     CheckResult result;
     result.strFile = m_strFile;
     std::string strText;
-    if (!readFile(m_strFile, strText)) {
-        return FAILED;
+    if (!readInputFile(m_strFile, strText)) {
+        return STATUS_UNUSABLE;
     }
     JobPicture picture;
     if (!m_strPicture.empty()) {
@@ -141,19 +120,19 @@ int CheckCommand::run() const
     std::string strMended;
     result.report = check.check(strText, m_strMended.empty() ? nullptr : &strMended);
     if (!m_strPicture.empty() && !writeFile(m_strPicture, picture.draw(configuration.limits))) {
-        return FAILED;
+        return STATUS_UNUSABLE;
     }
     if (!strMended.empty()) {
         check.onMove(nullptr);
         result.strMendedFile = m_strMended;
         result.mended = check.check(strMended, nullptr);
         if (!writeFile(m_strMended, strMended)) {
-            return FAILED;
+            return STATUS_UNUSABLE;
         }
     }
     const std::string strOut = m_bJson ? toJson(result) : toText(result);
     if (fwrite(strOut.data(), 1, strOut.size(), stdout) != strOut.size() || 0 != fflush(stdout)) {
-        return FAILED;
+        return STATUS_UNUSABLE;
     }
-    return result.passes() ? PASSES : REFUSED;
+    return result.passes() ? STATUS_DONE : STATUS_REFUSED;
 }

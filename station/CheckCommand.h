@@ -6,20 +6,23 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ExitStatus.h"
+#include "IArmCommand.h"
+
 /** The command's options and what it does. Lives as long as the program's command line. */
-class CheckCommand
+class CheckCommand : public IArmCommand
 {
 public:
-    static const int PASSES = 0;
-    static const int REFUSED = 1;
-    static const int FAILED = 2; // a file or the configuration cannot be read or written
-
     explicit CheckCommand(CLI::App& app);
 
-    /** Prints to standard output, failures to standard error. @return the program's status */
-    int run() const;
+    bool isGiven() const override
+    {
+        return m_pCommand->parsed();
+    }
+    int run() override;
 
 private:
+    CLI::App* m_pCommand; // the command line's
     std::string m_strFile;
     std::string m_strConfiguration;
     std::string m_strMended;
