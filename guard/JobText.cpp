@@ -12,7 +12,9 @@ void JobText::open(const char* pText, size_t uSize)
 
 void JobText::close()
 {
+    const size_t uLine = m_uLine; // whoever asks why it ended asks where, too
     *this = {};
+    m_uLine = uLine;
 }
 
 bool JobText::isNext(const char* pLine, size_t uLength) const

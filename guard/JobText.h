@@ -25,7 +25,7 @@ public:
     /** The next line is through; only when not isDone(). */
     void advance();
 
-    /** Lines that are through. */
+    /** Lines that are through, of the job that was open last. */
     size_t getLine() const
     {
         return m_uLine;

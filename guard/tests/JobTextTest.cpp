@@ -44,6 +44,21 @@ TEST(JobText, LastLineMayLackItsEnd)
     EXPECT_TRUE(job.isDone());
 }
 
+TEST(JobText, ClosedJobTellsHowFarItCame)
+{
+    static const char TEXT[] = "G1\nG2\nG3\n";
+    JobText job;
+    job.open(TEXT, sizeof(TEXT) - 1);
+    job.advance();
+    job.advance();
+
+    job.close();
+
+    EXPECT_EQ(2U, job.getLine());
+    job.open(TEXT, sizeof(TEXT) - 1);
+    EXPECT_EQ(0U, job.getLine());
+}
+
 TEST(JobText, ClosedJobIsDone)
 {
     const std::string strJob = "M5\n";
