@@ -1,0 +1,31 @@
+// What can be asked for on the operator's interface about jobs: docs/api.yaml.
+#pragma once
+
+#include <string>
+
+#include <httplib.h>
+
+class ApiServer;
+class Station;
+
+/** Tells the server its paths; lives as long as that serves. Its handlers run on several threads.
+ */
+class JobApi
+{
+public:
+    /** Both are borrowed. */
+    JobApi(ApiServer& server, Station& station);
+    JobApi(const JobApi&) = delete;
+    JobApi& operator=(const JobApi&) = delete;
+
+private:
+    void addFiles();
+    void addRun();
+    void upload(const httplib::Request& request, httplib::Response& response,
+                const httplib::ContentReader& reader);
+    void start(const httplib::Request& request, httplib::Response& response);
+    void demandIdle(const std::string& strName) const;
+
+    ApiServer& m_server;
+    Station& m_station;
+};

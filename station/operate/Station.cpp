@@ -1,0 +1,410 @@
+// The station: what of the arm is there, what goes on, and what the operator wants.
+#include "Station.h"
+
+#include <utility>
+
+#include <unistd.h>
+
+#include "ApiProblem.h"
+#include "GuardProblem.h"
+#include "NoticeText.h"
+#include "Time.h"
+#include "WallTime.h"
+
+static const Time STEP(0, 50000);          // between two looks of the thread
+static const uint64_t WAKE_MS = 1000;      // watchers are woken so often, to see whether they go on
+static const uint64_t REFRESH_MS = 2000;   // for the guard to be looked at
+static const uint64_t OFF_REFRESH_MS = 50; // beam off is answered within 100 ms
+static const uint64_t HOME_MS = 60000;
+static const uint64_t BUSY_MS = 1000;
+
+static const char* const PLUGIN = "libframe_process.so";
+
+using nlohmann::json;
+
+namespace {
+
+const char* getUseName(ARM_USE_E eUse)
+{
+    switch (eUse) {
+    case ARM_HOME:
+        return "home";
+    case ARM_MOVE:
+        return "move";
+    case ARM_JOG:
+        return "jog";
+    case ARM_MEASURE:
+        return "measure";
+    case ARM_FREE:
+    case ARM_JOB:
+        break;
+    }
+    return nullptr;
+}
+
+/** The guard's notice as a line. */
+std::string tellEvent(const json& event)
+{
+    std::string strText = event.value("event", "");
+    for (const char* const pKey : {"level", "reason", "fault", "code", "detail"}) {
+        const auto value = event.find(pKey);
+        if (event.end() != value) {
+            strText += ("reason" == std::string(pKey)) ? ": " : " ";
+            strText += value->is_string() ? value->get<std::string>() : value->dump();
+        }
+    }
+    return strText;
+}
+
+} // namespace
+
+Station::Station(const StationConfiguration& configuration)
+    : m_configuration(configuration), m_strStarted(getWallTime())
+{
+    readGuardConfiguration();
+    m_pTerminal = std::make_unique<ArmTerminal>(m_guardConfiguration.strLink);
+    m_pGuard = std::make_unique<GuardLink>(
+        m_guardConfiguration.strSocket, [this](const json& event) { onGuardEvent(event); },
+        [this](const GuardState& state) { onGuardState(state); });
+    m_pStore = std::make_unique<JobStore>(m_strNoLimits.empty() ? &m_guardConfiguration : nullptr);
+    m_pRun = std::make_unique<JobRun>(*m_pGuard, *m_pTerminal, m_pictures, m_journal);
+    ArmUse::getInstance().setOpen(m_configuration.bOpenMeasure);
+}
+
+Station::~Station()
+{
+    stop();
+}
+
+void Station::readGuardConfiguration()
+{
+    if (!readConfiguration(m_configuration.strGuard, m_guardConfiguration, m_strNoLimits)) {
+        m_guardConfiguration = {}; // of no meaning
+    }
+}
+
+void Station::start()
+{
+    m_journal.add("station", "started");
+    if (!m_strNoLimits.empty()) {
+        m_journal.add("station", "the guard's configuration: " + m_strNoLimits);
+    }
+    m_pGuard->start();
+    m_pThread = std::make_unique<Thread>(&Station::loop, this, "station", 0, 0, 0, true);
+    (void)m_pThread->start(); // returns 0
+}
+
+void Station::stop()
+{
+    if (m_bEnd.exchange(true)) {
+        return;
+    }
+    m_pThread.reset();
+    const GuardState state = m_pGuard->getState();
+    if (state.bPresent && "dark" != state.strLevel) {
+        (void)m_pGuard->turnOff(); // the guard does it anyway when the terminal is closed in a job
+    }
+    m_pGuard->stop();
+    m_pTerminal.reset();
+    m_journal.add("station", "ended");
+    m_board.wake();
+}
+
+int Station::loop()
+{
+    if (m_bEnd) {
+        return 1;
+    }
+    const GuardState state = m_pGuard->getState();
+    if (state.bPresent && !m_bDarkened) {
+        m_bDarkened = true;
+        if ("job" == state.strLevel) {
+            (void)m_pGuard->turnOff(); // the guard does it by itself when it has seen the hang-up
+        }
+    }
+    m_pTerminal->follow(state.bPresent);
+    m_pRun->look();
+    ArmUse::getInstance().setReady("motion" == state.strLevel && m_pictures.isPresent());
+    publish();
+    sleepFor(STEP);
+    return 0;
+}
+
+/** At most every 200 ms: this is many watchers' work. */
+void Station::publish()
+{
+    const json state = describe();
+    json key = state;
+    for (const char* const pVolatile : {"time"}) {
+        key.erase(pVolatile);
+    }
+    key["camera"].erase("pictures");
+    key["camera"].erase("age_ms");
+    if (key["job"].is_object()) {
+        key["job"].erase("seconds");
+        key["job"].erase("seconds_left");
+        key["job"].erase("lease_left_ms");
+    }
+    const uint64_t u64NowMs = monotonicMs();
+    const uint64_t u64Id = m_journal.getLastId();
+    const bool bWake = u64NowMs - m_u64WakeMs >= WAKE_MS || u64Id != m_u64ToldId;
+    if (bWake) {
+        m_u64WakeMs = u64NowMs;
+        m_u64ToldId = u64Id;
+    }
+    m_board.put(state.dump(), key.dump(), bWake);
+}
+
+void Station::onGuardEvent(const json& event)
+{
+    m_u32Homed += ("homed" == event.value("event", "")) ? 1 : 0;
+    m_journal.add("guard", tellEvent(event));
+    m_pRun->onGuardEvent(event);
+}
+
+void Station::onGuardState(const GuardState& state)
+{
+    if (m_bGuardSeen.exchange(state.bPresent) != state.bPresent) {
+        m_journal.add("station", state.bPresent ? "the guard is there" : "the guard is gone");
+    }
+    m_pRun->onGuardState(state);
+}
+
+json Station::describeGuard() const
+{
+    const GuardState state = m_pGuard->getState();
+    json guard = {{"present", state.bPresent}};
+    for (const char* const pKey : {"level", "controller", "beam_seen_off", "reset_held", "homed",
+                                   "paused", "line", "firmware"}) {
+        guard[pKey] = nullptr;
+    }
+    if (state.bPresent) {
+        guard["level"] = state.strLevel;
+        guard["controller"] = state.bController;
+        guard["beam_seen_off"] = state.bBeamSeenOff;
+        guard["reset_held"] = state.bResetHeld;
+        guard["homed"] = state.bHomed;
+        guard["paused"] = state.bPaused;
+        guard["line"] = state.u64Line;
+    }
+    if (state.bPresent && state.s64Firmware >= 0) {
+        guard["firmware"] = state.s64Firmware;
+    }
+    return guard;
+}
+
+json Station::describeMissing() const
+{
+    json missing = json::array();
+    const auto add = [&missing](const char* pWhat, const std::string& strAction) {
+        missing.push_back({{"what", pWhat}, {"action", strAction}});
+    };
+    const GuardState state = m_pGuard->getState();
+    if (!m_strNoLimits.empty()) {
+        add("limits", "Complete the guard's configuration: " + m_strNoLimits);
+    }
+    if (!state.bPresent) {
+        add("guard", "Start kestrel-guard, and add the station's user to the group of its socket.");
+    } else {
+        if (!state.bController) {
+            add("controller", "Plug the motion controller in, and switch it on.");
+        }
+        if (!m_pTerminal->isOpen()) {
+            add("terminal", "Let the station's user open " + m_guardConfiguration.strLink + ".");
+        }
+    }
+    if (!m_pictures.isPresent()) {
+        add("camera", "Plug the camera in.");
+    }
+    if (0 != access(PLUGIN, R_OK)) {
+        add("vision",
+            std::string("Put ") + PLUGIN + " into the station's folder, and start it anew.");
+    }
+    return missing;
+}
+
+json Station::describe() const
+{
+    const bool bPictures = m_pictures.getCount() > 0;
+    const char* const pUse = getUseName(ArmUse::getInstance().get());
+    json camera = {{"present", m_pictures.isPresent()},
+                   {"pictures", m_pictures.getCount()},
+                   {"age_ms", nullptr},
+                   {"width", nullptr},
+                   {"height", nullptr}};
+    if (bPictures) {
+        camera["age_ms"] = m_pictures.getAgeMs();
+        camera["width"] = m_pictures.getWidth();
+        camera["height"] = m_pictures.getHeight();
+    }
+    return {
+        {"version", KESTREL_VERSION},
+        {"started", m_strStarted},
+        {"time", getWallTime()},
+        {"camera", camera},
+        {"vision",
+         {{"present", 0 == access(PLUGIN, R_OK)}, {"open_to_all", ArmUse::getInstance().isOpen()}}},
+        {"guard", describeGuard()},
+        {"terminal", m_pTerminal->isOpen()},
+        {"activity", (nullptr == pUse) ? json(nullptr) : json(pUse)},
+        {"job", m_pRun->describe()},
+        {"last_job", m_pRun->describeLast()},
+        {"missing", describeMissing()}};
+}
+
+json Station::describeAnew()
+{
+    (void)m_pGuard->refresh(REFRESH_MS);
+    return describe();
+}
+
+json Station::startJob(const std::string& strName, bool bUnattended)
+{
+    std::string strText;
+    const json job = m_pStore->getRunnable(strName, strText);
+    const std::string strLease = m_pRun->start(job, strText, bUnattended, m_guardConfiguration);
+    return {{"lease", strLease}, {"lease_ms", JobRun::LEASE_MS}, {"state", describeAnew()}};
+}
+
+/** Behind a reset the guard asks the controller for its settings, and is busy for a moment. */
+void Station::ask(const std::string& strDo)
+{
+    GuardLink::Answer answer = m_pGuard->ask({{"do", strDo}});
+    const uint64_t u64EndMs = monotonicMs() + BUSY_MS;
+    while (GuardLink::Answer::REFUSED == answer.eResult &&
+           getWishText(WISH_BUSY) == answer.strError && monotonicMs() < u64EndMs && !m_bEnd) {
+        sleepFor(STEP);
+        answer = m_pGuard->ask({{"do", strDo}});
+    }
+    demandDone(answer);
+}
+
+void Station::turnOff()
+{
+    m_pRun->noteOff();
+    const GuardLink::Answer answer = m_pGuard->turnOff(); // before it is noted
+    m_journal.add("operator", "beam off");
+    demandDone(answer);
+    (void)m_pGuard->refresh(OFF_REFRESH_MS);
+}
+
+void Station::setLevel(const std::string& strLevel)
+{
+    if (m_pGuard->refresh(REFRESH_MS).strLevel == strLevel) {
+        return;
+    }
+    m_journal.add("operator", "level " + strLevel);
+    ask(strLevel);
+}
+
+void Station::demandMotion()
+{
+    const GuardState state = m_pGuard->refresh(REFRESH_MS);
+    if (!state.bPresent) {
+        throw ApiProblem("no-guard", "Nobody answers at " + m_guardConfiguration.strSocket + ".");
+    }
+    if ("motion" != state.strLevel) {
+        throw ApiProblem("level", "The level is " + state.strLevel + ".");
+    }
+}
+
+void Station::demandTerminal()
+{
+    if (!m_pTerminal->isOpen()) {
+        throw ApiProblem("no-terminal", "The terminal is not open.");
+    }
+}
+
+void Station::home()
+{
+    demandMotion();
+    const ArmUser user(ARM_HOME);
+    if (!user.hasBegun()) {
+        throw ApiProblem("busy", "The arm is in use.");
+    }
+    const uint32_t u32Homed = m_u32Homed;
+    m_journal.add("operator", "home");
+    ask("home");
+    const uint64_t u64EndMs = monotonicMs() + HOME_MS;
+    while (m_u32Homed == u32Homed) {
+        const GuardState state = m_pGuard->refresh(REFRESH_MS);
+        if (m_u32Homed != u32Homed) {
+            break;
+        }
+        if (m_bEnd || "motion" != state.strLevel) {
+            throw ApiProblem("stopped", "The level is not motion any more.");
+        }
+        if (monotonicMs() > u64EndMs) {
+            throw ApiProblem("late", "The controller does not tell that it is homed.");
+        }
+        sleepFor(STEP); // the guard tells it to its link, which has no more to wait for
+    }
+}
+
+void Station::judge(ArmTerminal::ANSWER_E eAnswer)
+{
+    if (ArmTerminal::ANSWER_OK == eAnswer) {
+        return;
+    }
+    if ("motion" != m_pGuard->refresh(REFRESH_MS).strLevel) {
+        throw ApiProblem("stopped", "The level is not motion any more.");
+    }
+    switch (eAnswer) {
+    case ArmTerminal::ANSWER_REFUSED:
+        throw ApiProblem("refused", "It was answered with error " +
+                                        std::to_string(m_pTerminal->getCode()) +
+                                        "; docs/guard.md and the controller's manual tell it.");
+    case ArmTerminal::ANSWER_LATE:
+        throw ApiProblem("late", "The end of the move was not told.");
+    case ArmTerminal::ANSWER_GONE:
+    case ArmTerminal::ANSWER_OK:
+        break;
+    }
+    throw ApiProblem("no-terminal", "The terminal is gone.");
+}
+
+void Station::move(const std::string& strWords)
+{
+    demandMotion();
+    demandTerminal();
+    if (!m_pGuard->getState().bHomed) {
+        throw ApiProblem("not-homed", "Nobody knows where the arm is.");
+    }
+    const ArmUser user(ARM_MOVE);
+    if (!user.hasBegun()) {
+        throw ApiProblem("busy", "The arm is in use.");
+    }
+    m_journal.add("operator", "move " + strWords);
+    judge(m_pTerminal->move("G05 " + strWords));
+}
+
+void Station::jog(const std::string& strWords)
+{
+    demandMotion();
+    demandTerminal();
+    if (!m_pGuard->getState().bHomed) {
+        throw ApiProblem("not-homed", "Nobody knows where the arm is.");
+    }
+    const ArmUser user(ARM_JOG);
+    if (!user.hasBegun()) {
+        throw ApiProblem("busy", "The arm is in use.");
+    }
+    m_journal.add("operator", "jog " + strWords);
+    const ArmTerminal::ANSWER_E eMoved = m_pTerminal->send("G91 G1 " + strWords);
+    judge((ArmTerminal::ANSWER_OK == eMoved) ? m_pTerminal->send("G90") : eMoved);
+}
+
+void Station::unlock()
+{
+    m_journal.add("operator", "unlock");
+    ask("unlock");
+}
+
+void Station::reset()
+{
+    m_journal.add("operator", "reset");
+    demandDone(m_pGuard->turnOff());
+    if (m_pGuard->refresh(REFRESH_MS).bResetHeld) {
+        demandDone(m_pGuard->ask({{"do", "reset"}}));
+    }
+}

@@ -1,0 +1,114 @@
+// The station: what of the arm is there, what goes on, and what the operator wants.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "ArmTerminal.h"
+#include "ArmUse.h"
+#include "Configuration.h"
+#include "GuardLink.h"
+#include "JobRun.h"
+#include "JobStore.h"
+#include "PictureWatch.h"
+#include "StateBoard.h"
+#include "StationConfiguration.h"
+#include "StationJournal.h"
+#include "Thread.h"
+
+/**
+ * Works without guard, plug-in or camera, and tells what is missing. What is asked for and not done
+ * is thrown as an ApiProblem. Any thread, unless stated otherwise; what moves the arm waits for its
+ * end.
+ *
+ * Its thread, "station", opens and closes the guard's terminal and publishes the state.
+ */
+class Station
+{
+public:
+    /** In the working directory; the guard's configuration is read anew only by the next one. */
+    explicit Station(const StationConfiguration& configuration);
+    Station(const Station&) = delete;
+    Station& operator=(const Station&) = delete;
+
+    /** As stop(). */
+    ~Station();
+
+    void start();
+
+    /** Turns the beam off when anything is under way. */
+    void stop();
+
+    /** Everything that is known, as docs/api.yaml's State. */
+    nlohmann::json describe() const;
+
+    /** The same, after a look at the guard. */
+    nlohmann::json describeAnew();
+
+    StationJournal& getJournal()
+    {
+        return m_journal;
+    }
+    StateBoard& getBoard()
+    {
+        return m_board;
+    }
+
+    JobStore& getStore()
+    {
+        return *m_pStore;
+    }
+    JobRun& getRun()
+    {
+        return *m_pRun;
+    }
+
+    /** docs/api.yaml's Started. */
+    nlohmann::json startJob(const std::string& strName, bool bUnattended);
+
+    void turnOff();
+    void setLevel(const std::string& strLevel);
+    void home();
+
+    /** @param strWords  of a straight move: "X1 Y2 F600" */
+    void move(const std::string& strWords);
+    void jog(const std::string& strWords);
+    void unlock();
+    void reset();
+
+private:
+    int loop();
+    void onGuardEvent(const nlohmann::json& event);
+    void onGuardState(const GuardState& state);
+    void readGuardConfiguration();
+    void publish();
+    nlohmann::json describeGuard() const;
+    nlohmann::json describeMissing() const;
+    void ask(const std::string& strDo);
+    void demandMotion();
+    void demandTerminal();
+    void judge(ArmTerminal::ANSWER_E eAnswer);
+
+    const StationConfiguration m_configuration;
+    const std::string m_strStarted;
+    Configuration m_guardConfiguration;
+    std::string m_strNoLimits; // why the guard's configuration is of no use; empty: it is
+    StationJournal m_journal;
+    StateBoard m_board;
+    PictureWatch m_pictures;
+    std::unique_ptr<ArmTerminal> m_pTerminal;
+    std::unique_ptr<GuardLink> m_pGuard;
+    std::unique_ptr<JobStore> m_pStore;
+    std::unique_ptr<JobRun> m_pRun;
+    std::atomic<uint32_t> m_u32Homed{0}; // times that the guard told it
+    std::atomic<bool> m_bGuardSeen{false};
+    std::atomic<bool> m_bEnd{false};
+    bool m_bDarkened = false; // the thread: no job of a former station's runs on
+    uint64_t m_u64WakeMs = 0; // of the thread
+    uint64_t m_u64ToldId = 0;
+    std::unique_ptr<Thread> m_pThread;
+};

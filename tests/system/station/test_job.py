@@ -1,0 +1,258 @@
+"""Jobs by the operator's interface: kept, checked, run, held, stopped, interrupted; both languages."""
+
+import math
+import re
+import signal
+import threading
+import time
+import unittest
+
+from station import Station, request
+
+HEAD = ["G21", "G90", "G54", "M3 S100"]
+END = ["M5"]
+
+
+def make_job(lines):
+    """A job of about so many lines: short chords around circles, in the box, beam on."""
+    text = HEAD + ["G1 X0 Y0 F6000"]
+    for number in range(lines - len(HEAD) - len(END) - 1):
+        angle = number / 50 * math.pi
+        text.append(f"G1 X{10 * math.sin(angle):.3f} Y{10 - 10 * math.cos(angle):.3f}")
+    return text + END
+
+
+def upload(name, lines, query=""):
+    return request("POST", f"/jobs?name={name}{query}", "".join(line + "\n" for line in lines).encode())
+
+
+class Owner:
+    """Starts a job and renews its lease until it is closed, as a page or a command line does."""
+
+    def __init__(self, name, **options):
+        self.answer = request("POST", f"/jobs/{name}/start", options)
+        self.ended = threading.Event()
+        self.thread = threading.Thread(target=self.renew)
+        if self.answer.status == 200:
+            self.thread.start()
+
+    def renew(self):
+        while not self.ended.wait(2):
+            request("POST", "/job/lease", {"lease": self.answer.json["lease"]})
+
+    def close(self):
+        self.ended.set()
+        if self.thread.is_alive():
+            self.thread.join()
+
+
+class Job(unittest.TestCase):
+    language = ""
+
+    def setUp(self):
+        self.board = Station(self.language, controller_options=self.controller_options)
+        self.addCleanup(self.board.close)
+        self.board.homed()
+        self.board.wait_for(lambda state: state["camera"]["present"], "pictures come")
+
+    controller_options = ()
+
+    def own(self, name, **options):
+        owner = Owner(name, **options)
+        self.addCleanup(owner.close)
+        self.assertEqual(200, owner.answer.status, owner.answer.body)
+        return owner
+
+    def wait_for_line(self, line):
+        return self.board.wait_for(lambda state: state["job"] is None or state["job"]["line"] >= line,
+                                   f"line {line} is through", 120)
+
+    def wait_for_end(self, deadline=120):
+        return self.board.wait_for(lambda state: state["job"] is None, "the job is over", deadline)["last_job"]
+
+    def executed(self, since):
+        """Blocks that the controller has taken, without what the guard sends of itself."""
+        blocks = []
+        for text in self.board.records("rx")[since:]:
+            line = text.strip()
+            if line and not re.fullmatch(r"\$\$|\$#|\$H|\$X|\?|!|~|0x18|M18.*|G4 ?P0(\.0+)?", line):
+                blocks.append(line)
+        return blocks
+
+    def test_runs_to_its_end_and_every_block_is_carried_out_once(self):
+        lines = make_job(300)
+        self.assertEqual(201, upload("circle.gcode", lines).status)
+        since = len(self.board.records("rx"))
+        self.own("circle.gcode")
+        last = self.wait_for_end()
+
+        self.assertEqual(("done", 300, None), (last["result"], last["line"], last["reason"]))
+        state = self.board.ready()
+        self.assertEqual("dark", state["guard"]["level"])
+        blocks = self.executed(since)
+        self.assertEqual([line.replace(" ", "") for line in lines],
+                         [block.replace(" ", "") for block in blocks][:300])
+        self.assertLessEqual(set(blocks[300:]), {"M5"})
+
+    def test_is_paused_resumed_and_stopped(self):
+        upload("circle.gcode", make_job(3000))
+        self.own("circle.gcode")
+        self.wait_for_line(20)
+        self.assertEqual("operator", request("POST", "/job/pause", {}).json["job"]["held_by"])
+        self.board.wait_for(lambda state: state["guard"]["paused"], "it is dark")
+        line = self.board.state()["job"]["line"]
+        for problem, path in (("busy", "/jobs/circle.gcode/remove"), ("busy", "/jobs/circle.gcode/start")):
+            self.assertEqual(problem, request("POST", path, {}).problem)
+        self.assertEqual("level", request("POST", "/home", {}).problem)
+        self.assertEqual(line, self.board.state()["job"]["line"])
+        self.assertEqual("running", request("POST", "/job/resume", {}).json["job"]["status"])
+        self.wait_for_line(line + 20)
+        self.assertEqual(200, request("POST", "/job/stop", {}).status)
+        last = self.wait_for_end()
+        self.assertEqual("stopped", last["result"])
+        self.assertGreaterEqual(last["line"], line + 20)
+        for path in ("pause", "resume", "stop"):
+            self.assertEqual("no-job", request("POST", f"/job/{path}", {}).problem)
+
+    def test_lost_camera_holds_it_until_the_operator_resumes(self):
+        upload("circle.gcode", make_job(3000))
+        self.own("circle.gcode")
+        self.wait_for_line(20)
+        self.board.camera.ctl("freeze")
+        self.board.wait_for(lambda state: state["job"]["held_by"] == "camera", "it is held")
+        self.assertEqual("no-camera", request("POST", "/job/resume", {}).problem)
+        self.board.camera.ctl("thaw")
+        state = self.board.wait_for(lambda now: now["camera"]["present"] and now["guard"]["paused"], "pictures come")
+        self.assertEqual("camera", state["job"]["held_by"])
+        line = state["job"]["line"]
+        self.assertEqual(200, request("POST", "/job/resume", {}).status)
+        self.wait_for_line(line + 20)
+        self.assertEqual(200, request("POST", "/off", {}).status)
+        self.assertEqual("stopped", self.wait_for_end()["result"])
+
+    def test_unattended_goes_on_without_pictures(self):
+        upload("circle.gcode", make_job(600))
+        self.board.camera.ctl("freeze")
+        self.board.wait_for(lambda state: not state["camera"]["present"], "pictures end")
+        self.assertEqual("no-camera", request("POST", "/jobs/circle.gcode/start", {}).problem)
+        self.own("circle.gcode", unattended=True)
+        self.assertEqual("done", self.wait_for_end()["result"])
+        self.assertIn("job circle.gcode started UNATTENDED",
+                      [each["text"] for each in request("GET", "/journal").json["entries"]])
+
+    def test_closed_page_lets_the_lease_run_out(self):
+        upload("circle.gcode", make_job(9000))
+        owner = self.own("circle.gcode")
+        self.assertEqual("lease", request("POST", "/job/lease", {"lease": "0" * 32}).problem)
+        self.wait_for_line(20)
+        owner.close()
+        last = self.wait_for_end()
+        self.assertEqual(("tripped", "lease"), (last["result"], last["reason"]))
+
+    def test_restart_in_mid_job_is_dark_and_tells_the_line(self):
+        lines = make_job(3000)
+        upload("circle.gcode", lines)
+        since = len(self.board.records("rx"))
+        owner = self.own("circle.gcode")
+        self.wait_for_line(50)
+        owner.ended.set()
+        self.board.stop(signal.SIGKILL)
+        self.board.start()
+        state = self.board.wait_for(lambda now: now["guard"]["present"] and now["guard"]["level"] == "dark"
+                                    and now["guard"]["beam_seen_off"], "it is dark")
+        self.assertIsNone(state["job"])
+        last = state["last_job"]
+        self.assertEqual(("interrupted", "circle.gcode", 3000), (last["result"], last["name"], last["lines"]))
+        self.assertGreaterEqual(last["line"], 50)
+        self.assertIn(f"job circle.gcode was interrupted behind line {last['line']} of 3000",
+                      [each["text"] for each in request("GET", "/journal").json["entries"]])
+        blocks = self.executed(since)
+        taken = len([block for block in blocks if block != "M5"])
+        self.assertIn(taken - last["line"], (0, 1))  # one may have been under way
+        self.assertEqual(blocks, self.executed(since))
+        time.sleep(2)  # nothing begins by itself: there is no event for what does not happen
+        self.assertEqual(blocks, self.executed(since))
+        self.board.homed()
+        self.own("circle.gcode")
+        self.wait_for_line(20)
+        request("POST", "/job/stop", {})
+
+
+class Grbl(Job):
+    language = "grbl"
+
+    def test_controller_hold_is_told(self):
+        upload("circle.gcode", make_job(3000))
+        self.own("circle.gcode")
+        self.wait_for_line(20)
+        self.board.control.ask("hold")
+        self.board.wait_for(lambda state: state["job"]["held_by"] == "controller", "the hold is told")
+        self.board.control.ask("go")
+        self.board.wait_for(lambda state: state["job"]["held_by"] is None, "it goes on")
+        request("POST", "/job/stop", {})
+        self.wait_for_end()
+
+
+class OwnLanguage(Job):
+    language = "arm"
+
+
+class Files(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.board = Station(camera=False, guard=False, controller=False)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.board.close()
+
+    def test_kept_listed_drawn_and_removed(self):
+        lines = make_job(100)
+        job = upload("a.gcode", lines).json
+        self.assertIs(True, job["check"]["passes"], job["check"])
+        self.assertEqual(100, job["check"]["lines"])
+        self.assertEqual("exists", upload("a.gcode", lines).problem)
+        self.assertEqual(201, upload("a.gcode", lines, "&replace=true").status)
+        upload("b.gcode", ["G28"])
+        jobs = request("GET", "/jobs").json["jobs"]
+        self.assertEqual([("a.gcode", True), ("b.gcode", False)], [(each["name"], each["passes"]) for each in jobs])
+        self.assertEqual("".join(line + "\n" for line in lines).encode(), request("GET", "/jobs/a.gcode/file").body)
+        self.assertIn(b"<svg", request("GET", "/jobs/a.gcode/picture").body)
+        self.assertEqual(job["sha256"], request("GET", "/jobs/a.gcode").json["sha256"])
+        self.assertEqual(200, request("POST", "/jobs/b.gcode/check", {}).status)
+        self.assertEqual("job-refused", request("POST", "/jobs/b.gcode/start", {}).problem)
+        left = request("POST", "/jobs/b.gcode/remove", {}).json["jobs"]
+        self.assertEqual(["a.gcode"], [each["name"] for each in left])
+        self.assertEqual("not-found", request("GET", "/jobs/b.gcode").problem)
+
+    def test_what_is_no_file_is_refused(self):
+        for query, body, problem in (("name=../a", b"G21\n", "bad-request"), ("name=.a", b"G21\n", "bad-request"),
+                                     ("name=", b"G21\n", "bad-request"), ("name=c&replace=1", b"G21\n", "bad-request"),
+                                     ("name=c", b"", "bad-request"), ("name=" + "c" * 65, b"G21\n", "bad-request")):
+            with self.subTest(query):
+                self.assertEqual(problem, request("POST", f"/jobs?{query}", body).problem)
+        self.assertEqual("media-type", request("POST", "/jobs?name=c", {}).problem)
+        self.assertEqual("not-found", request("GET", "/jobs/..%2Ftoken/file").problem)
+        self.assertEqual("not-found", request("GET", "/jobs/../token").problem)
+
+    def test_large_file(self):
+        line = b"G21 (" + b"x" * 248 + b")\n"  # as long as a line may be: a short one costs as much time
+        text = (line * ((32 << 20) // len(line) + 1))[:32 << 20]
+        answer = request("POST", "/jobs?name=large", text, timeout=300)
+        self.assertEqual(201, answer.status)
+        self.assertEqual(32 << 20, answer.json["size"])
+        self.assertEqual("too-large", request("POST", "/jobs?name=larger", b"", headers={
+            "Content-Length": str((32 << 20) + 1)}).problem)
+        request("POST", "/jobs/large/remove", {})
+
+    def test_without_a_machine_nothing_starts(self):
+        upload("d.gcode", make_job(20))
+        self.assertEqual("no-camera", request("POST", "/jobs/d.gcode/start", {}).problem)
+        self.assertEqual("no-guard", request("POST", "/jobs/d.gcode/start", {"unattended": True}).problem)
+        self.assertEqual("bad-request", request("POST", "/jobs/d.gcode/start", {"unattended": 1}).problem)
+
+
+del Job  # of no language: nothing to run
+
+if __name__ == "__main__":
+    unittest.main()
