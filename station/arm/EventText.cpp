@@ -3,7 +3,7 @@
 
 #include <utility>
 
-static const size_t MAX_LINE = 1024 * 1024; // a state has some thousand bytes
+static const size_t MAX_LINE = 1048576; // a state has some thousand bytes
 
 bool EventText::take(const std::string& strBytes)
 {

@@ -8,7 +8,7 @@
 
 #include "Output.h"
 
-static const size_t MAX_SIZE = 32 * 1024 * 1024;
+static const size_t MAX_SIZE = 33554432; // 32 MiB
 
 bool readInputFile(const std::string& strPath, std::string& strText)
 {

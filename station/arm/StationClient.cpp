@@ -1,6 +1,7 @@
 // Asks the station over HTTP.
 #include "StationClient.h"
 
+#include <chrono>
 #include <utility>
 
 #include <httplib.h>
@@ -62,8 +63,8 @@ StationAnswer toAnswer(const std::string& strUrl, const httplib::Result& result)
 void prepare(httplib::Client& client, const std::string& strToken, int nTimeoutMs)
 {
     client.set_connection_timeout(CONNECT_SECONDS, 0);
-    client.set_read_timeout(nTimeoutMs / 1000, nTimeoutMs % 1000 * 1000);
-    client.set_write_timeout(nTimeoutMs / 1000, nTimeoutMs % 1000 * 1000);
+    client.set_read_timeout(std::chrono::milliseconds(nTimeoutMs));
+    client.set_write_timeout(std::chrono::milliseconds(nTimeoutMs));
     client.set_keep_alive(false);
     client.set_bearer_token_auth(strToken.c_str());
 }

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 /** What came back. */
+// NOLINTNEXTLINE(bugprone-exception-escape): what JSON's own assertions would throw is never caught
 struct StationAnswer
 {
     int nStatus = 0;      // of HTTP; 0: nobody answered
