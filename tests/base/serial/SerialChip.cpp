@@ -51,7 +51,9 @@ extern "C" int tcsetattr(int nFd, int nAction, const termios* pAttr) LIBRARY_CAL
         return realFunction<int (*)(int, int, const termios*)>("tcsetattr")(nFd, nAction, pAttr);
     }
     g_chip.strJournal += (TCSANOW == nAction) ? "set " : "set-late ";
+    const tcflag_t untaken = g_chip.attr.c_cflag & g_chip.untaken;
     g_chip.attr = *pAttr;
+    g_chip.attr.c_cflag = (pAttr->c_cflag & ~g_chip.untaken) | untaken;
     return 0;
 }
 

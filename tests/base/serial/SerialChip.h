@@ -15,6 +15,7 @@ struct SerialChip
 {
     int nFd = -1;
     termios attr{};
+    tcflag_t untaken = 0;       // control flags that stay as they are whatever is set
     std::vector<int> vecStatus; // answers to the line-status query
     size_t uQueries = 0;
     std::string strJournal; // "get ", "set ", "flush-in ", "flush-io "

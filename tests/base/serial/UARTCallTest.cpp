@@ -29,9 +29,11 @@ struct Calls
 {
     std::string strNoted; // "get ", "set ", "set-late ", "flush-in ", "flush-other ", "fsync "
     int nGetError = 0;
+    int nGetsBefore = 0; // so many succeed first
     int nSetError = 0;
     int nNarrowFd = -1; // takes a byte, then two, then three ...
     size_t uWrites = 0; // to it
+    int nIdleFd = -1;   // takes nothing, and no write to it fails
 };
 
 Calls g_calls;
@@ -48,7 +50,7 @@ template <class F> F realFunction(const char* pName)
 extern "C" int tcgetattr(int nFd, termios* pAttr) LIBRARY_CALL
 {
     g_calls.strNoted += "get ";
-    if (0 != g_calls.nGetError) {
+    if (0 != g_calls.nGetError && --g_calls.nGetsBefore < 0) {
         errno = g_calls.nGetError;
         return -1;
     }
@@ -81,6 +83,10 @@ extern "C" ssize_t __real_write(int nFd, const void* pData, size_t uSize);
 
 extern "C" ssize_t __wrap_write(int nFd, const void* pData, size_t uSize)
 {
+    if (nFd == g_calls.nIdleFd) {
+        errno = EIO; // of something else; a write that succeeds leaves it alone
+        return 0;
+    }
     if (nFd == g_calls.nNarrowFd) {
         g_calls.strNoted += std::to_string(uSize) + " ";
         uSize = std::min(uSize, ++g_calls.uWrites);
@@ -176,6 +182,57 @@ TEST_F(UARTCall, SendGoesOnBehindEachPartThatThePortTakes)
         strArrived.append(acPart, static_cast<size_t>(nRead));
     }
     EXPECT_EQ("0123456789", strArrived);
+}
+
+TEST_F(UARTCall, PortThatTakesNothingCountsAsFull)
+{
+    g_calls.nIdleFd = m_uart.getFd();
+    testing::internal::CaptureStdout();
+
+    EXPECT_EQ(0, m_uart.send("M5\n", 3, 0));
+
+    const int nError = errno;
+    EXPECT_EQ("nWriteLength:0\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(EAGAIN, nError);
+}
+
+TEST_F(UARTCall, ShortSendTellsTheWritesErrorAndNotTheSynchronisations)
+{
+    close(m_nMaster);
+    m_nMaster = -1;
+    testing::internal::CaptureStdout();
+
+    EXPECT_EQ(0, m_uart.send("M5\n", 3, 0));
+
+    const int nError = errno;
+    EXPECT_EQ("nWriteLength:-1\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(EIO, nError);
+}
+
+TEST_F(UARTCall, CloseOfAClosedPortCallsNothing)
+{
+    m_uart.close();
+    errno = 0;
+
+    m_uart.close();
+
+    EXPECT_EQ(0, errno) << "closed -1";
+}
+
+TEST_F(UARTCall, AttributesThatCannotBeReadBackCountAsTaken)
+{
+    g_calls.nGetsBefore = 1;
+    g_calls.nGetError = EIO;
+
+    EXPECT_EQ(1, m_uart.setStopBits(1));
+
+    EXPECT_EQ("get flush-in set get ", g_calls.strNoted);
+}
+
+TEST_F(UARTCall, FailedSpeedEndsTheParameters)
+{
+    EXPECT_EQ(line("tcsetattr fd1"),
+              told(&Calls::nSetError, 0, [this] { return m_uart.setParam(9600, 8, 1, 0); }));
 }
 
 TEST_F(UARTCall, ParityHasBadCharactersNeitherMarkedNorIgnored)

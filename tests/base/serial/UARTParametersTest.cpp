@@ -68,6 +68,19 @@ TEST_F(UARTParametersChip, ParametersStopAtTheFirstFailure)
     EXPECT_EQ(11520, m_uart.getCharRate());
 }
 
+TEST_F(UARTParametersChip, RefusedStopBitsAndParityEndTheParameters)
+{
+    testing::internal::CaptureStderr();
+
+    EXPECT_EQ(0, m_uart.setParam(9600, 8, 3, 1));
+    EXPECT_EQ(0U, controlFlags(PARENB)) << "what comes behind the failure is not set";
+    EXPECT_EQ(0, m_uart.setParam(9600, 8, 1, 5));
+
+    EXPECT_EQ("Unsupported stop bits(3)\nUnsupported parity\n",
+              testing::internal::GetCapturedStderr());
+    EXPECT_EQ(0, m_uart.getCharRate());
+}
+
 TEST_F(UARTParameters, EverySpeedOfTheTable)
 {
     const std::vector<std::pair<int32_t, speed_t>> vecSpeed = {
@@ -118,6 +131,63 @@ TEST_F(UARTParameters, SizeThatTheDeviceRefusesIsTold)
 
     EXPECT_EQ(std::string("SetupSerial 3: ") + strerror(EINVAL) + "\n",
               testing::internal::GetCapturedStderr());
+}
+
+// Some C libraries leave it to the caller to look whether all was taken.
+TEST_F(UARTParametersChip, SizeThatTheDeviceDoesNotTakeIsTold)
+{
+    g_chip.attr.c_cflag = CS8;
+    g_chip.untaken = CSIZE;
+    testing::internal::CaptureStderr();
+
+    EXPECT_EQ(0, m_uart.setDataBits(7));
+
+    EXPECT_EQ(std::string("SetupSerial 3: ") + strerror(EINVAL) + "\n",
+              testing::internal::GetCapturedStderr());
+    EXPECT_EQ(1, m_uart.setDataBits(8));
+}
+
+TEST_F(UARTParametersChip, FiveBitsAreNotAskedForBack)
+{
+    g_chip.attr.c_cflag = CS8;
+    g_chip.untaken = CSIZE; // as a pseudo terminal
+
+    EXPECT_EQ(1, m_uart.setDataBits(5));
+
+    EXPECT_EQ(5, m_uart.getDataBits());
+}
+
+TEST_F(UARTParametersChip, ParityThatTheDeviceDoesNotTakeIsTold)
+{
+    g_chip.untaken = PARENB;
+    testing::internal::CaptureStderr();
+
+    EXPECT_EQ(0, m_uart.setParity(1));
+
+    EXPECT_EQ(std::string("SetupSerial 3: ") + strerror(EINVAL) + "\n",
+              testing::internal::GetCapturedStderr());
+    EXPECT_EQ(0, m_uart.getParity());
+}
+
+TEST_F(UARTParametersChip, ReceiverThatStaysOffIsTold)
+{
+    g_chip.untaken = CREAD;
+    testing::internal::CaptureStderr();
+
+    EXPECT_EQ(0, m_uart.setRawMode());
+
+    EXPECT_EQ(std::string("setattr error: ") + strerror(EINVAL) + "\n",
+              testing::internal::GetCapturedStderr());
+}
+
+TEST_F(UARTParametersChip, RawModeSwitchesTheReceiverOn)
+{
+    ASSERT_EQ(0U, controlFlags(CREAD)); // a pseudo terminal always has it
+
+    EXPECT_EQ(1, m_uart.setRawMode());
+
+    EXPECT_EQ(static_cast<tcflag_t>(CLOCAL | CREAD | HUPCL),
+              controlFlags(CLOCAL | CREAD | HUPCL | CRTSCTS));
 }
 
 TEST_F(UARTParametersChip, RawModeAndSpeedFlushAroundTheirChange)
@@ -183,6 +253,17 @@ TEST_F(UARTParametersChip, ParityCodesSetTheirFlags)
     EXPECT_EQ(0U, controlFlags(PARENB));
     EXPECT_EQ(0U, inputFlags());
     EXPECT_EQ(0, m_uart.getParity());
+}
+
+TEST_F(UARTParametersChip, EvenParityNeedsNoOtherBeforeIt)
+{
+    g_chip.attr.c_iflag = PARMRK | IGNPAR;
+    g_chip.attr.c_cflag = CS8 | PARODD;
+
+    EXPECT_EQ(1, m_uart.setParity(2));
+
+    EXPECT_EQ(static_cast<tcflag_t>(CS8 | PARENB), g_chip.attr.c_cflag);
+    EXPECT_EQ(static_cast<tcflag_t>(INPCK), g_chip.attr.c_iflag);
 }
 
 TEST_F(UARTParametersChip, DeliberateParityCodesThreeAndFourLeaveTheInputFlags)
