@@ -1,17 +1,54 @@
 // The module of the HTTP service: a port that is taken, and the console's commands.
 #include "CommucationModule.h"
 
+#include <cstdlib>
 #include <string>
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "AtExitOrder.h"
+#include "ControllerPort.h"
 #include "DebugCmdEvent.h"
 #include "LogCapture.h"
+#include "SystemModule.h"
+#include "VideoCapturer.h"
+#include "VideoProcessor.h"
 #include "WebCamera.h"
+
+namespace {
+
+/** A connection to the service's port; -1 when it is refused. */
+int connected()
+{
+    const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(8329);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (0 != connect(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address))) {
+        ::close(nFd);
+        return -1;
+    }
+    return nFd;
+}
+
+/** The first to use any of them is the server. */
+void exitInOrder()
+{
+    const void* const pServer = &WebCamera::getInstance();
+    const void* const pModule = &SystemModule::getInstance();
+    const bool bDevices = outlive({&VideoCapturer::getInstance(), &VideoProcessor::getInstance(),
+                                   &ControllerPort::getInstance()},
+                                  pModule);
+    exit(bDevices && outlive({pModule}, pServer) ? 0 : 1);
+}
+
+} // namespace
 
 TEST(CommucationModule, PortInUseFailsAndIsLogged)
 {
@@ -38,21 +75,27 @@ TEST(CommucationModule, ServesItsPortFromStartToStop)
 {
     CommucationModule& module = CommucationModule::getInstance();
     ASSERT_EQ(RET_SUCCESS, module.init());
-    ASSERT_EQ(RET_SUCCESS, module.start());
-    const int nFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(8329);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(0, connect(nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    const int nFd = connected();
+    ASSERT_LE(0, nFd);
     ASSERT_EQ(24, send(nFd, "GET /camera HTTP/1.1\r\n\r\n", 24, 0));
+
+    ASSERT_EQ(RET_SUCCESS, module.start());
+
+    pollfd entry{nFd, POLLIN, 0};
+    ASSERT_EQ(1, poll(&entry, 1, 30000)) << "no answer";
     char acAnswer[16] = {0};
     EXPECT_EQ(15, recv(nFd, acAnswer, 15, MSG_WAITALL));
     EXPECT_STREQ("HTTP/1.1 200 OK", acAnswer);
     ::close(nFd);
-
     EXPECT_EQ(RET_SUCCESS, module.stop());
     EXPECT_EQ(RET_SUCCESS, module.uninit());
+    EXPECT_EQ(-1, connected()) << "the port is closed";
+}
+
+TEST(CommucationModule, ServerDiesBeforeTheModuleAndThatBeforeItsDevices)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process that has used none of them yet
+    EXPECT_EXIT(exitInOrder(), testing::ExitedWithCode(0), "");
 }
 
 TEST(CommucationModule, DebugCommandDoesNothing)

@@ -20,7 +20,9 @@
 
 #include <gtest/gtest.h>
 
+#include "AtExitOrder.h"
 #include "BoardEnvironment.h"
+#include "CallJournal.h"
 #include "ControllerPort.h"
 #include "Descriptors.h"
 #include "ElectricController.h"
@@ -37,23 +39,6 @@
 #include "VirtualController.h"
 
 static bool g_bRefuseSpeed = false;
-
-// The objects whose destructors run at the program's end, in the order of their registration.
-static const size_t MOST_AT_EXIT = 4096;
-static const void* g_apAtExit[MOST_AT_EXIT];
-static std::atomic<size_t> g_uAtExit{0};
-
-/** In place of the C library's. */
-extern "C" int __cxa_atexit(void (*pDestructor)(void*), void* pObject, void* pLibrary)
-{
-    const size_t uPlace = g_uAtExit++;
-    if (uPlace < MOST_AT_EXIT) {
-        g_apAtExit[uPlace] = pObject;
-    }
-    using AtExit = int (*)(void (*)(void*), void*, void*);
-    static const AtExit s_pReal = reinterpret_cast<AtExit>(dlsym(RTLD_NEXT, "__cxa_atexit"));
-    return s_pReal(pDestructor, pObject, pLibrary);
-}
 
 /**
  * In place of the C library's: a device that takes the controller's speed and says that it did not,
@@ -174,15 +159,6 @@ void leaveInMidJob(Arm& arm)
     EXPECT_TRUE(eventually([&arm] { return 100 < arm.m_controller.readTexts("rx").size(); }));
 }
 
-/** When an object's destructor was registered, counted from the first; the later goes first. */
-size_t placeAtExit(const void* pObject)
-{
-    const auto pEnd = g_apAtExit + std::min(g_uAtExit.load(), MOST_AT_EXIT);
-    const auto pFound = std::find(g_apAtExit, pEnd, pObject);
-    EXPECT_NE(pEnd, pFound);
-    return static_cast<size_t>(pFound - g_apAtExit);
-}
-
 } // namespace
 
 TEST(SystemModuleSerial, IsOpenedAfterTheReset)
@@ -299,11 +275,13 @@ TEST(SystemModuleSerial, HasItsParametersWhateverTheLineHadBefore)
     ASSERT_EQ(0, tcsetattr(nSlave, TCSANOW, &attr));
     ASSERT_EQ(0, symlink(acPath, "/dev/ttyACM0"));
     ControllerPort& port = ControllerPort::getInstance();
+    const size_t uDescriptors = openDescriptors().size();
     testing::internal::CaptureStdout();
 
     EXPECT_EQ(RET_SUCCESS, port.open());
 
     EXPECT_EQ("[/dev/ttyACM0]", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(uDescriptors + 1, openDescriptors().size()) << "the port, and not the look for it";
     ASSERT_EQ(0, tcgetattr(nSlave, &attr));
     EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&attr));
     EXPECT_EQ(static_cast<tcflag_t>(CS8), attr.c_cflag & (CSIZE | CSTOPB | PARENB));
@@ -318,6 +296,7 @@ TEST(SystemModuleSerial, HasItsParametersWhateverTheLineHadBefore)
 TEST(SystemModuleSerial, IsWaitedForOnceASecond)
 {
     Arm arm({"--boot-ms", "3000"}); // the node comes three seconds after the reset
+    const CallJournal journal("select");
     const uint64_t u64Start = monotonicMs();
 
     EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
@@ -328,6 +307,7 @@ TEST(SystemModuleSerial, IsWaitedForOnceASecond)
     EXPECT_LE(2U, countParts(strOutput, "[]")); // each look takes two shell commands
     EXPECT_GE(u64Waited / 1000, countParts(strOutput, "[]"));
     EXPECT_EQ(1U, countParts(strOutput, "[/dev/ttyACM0]"));
+    EXPECT_EQ(countParts(strOutput, "[]"), CallJournal::count("select 1.000000"));
 }
 
 TEST(SystemModuleSerial, NeverReturnsWithoutADevice)

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "AtExitOrder.h"
 #include "CallJournal.h"
 #include "DriverAnswer.h"
 #include "EventBus.h"
@@ -21,6 +22,8 @@
 #include "FrameConsumer.h"
 #include "LogCapture.h"
 #include "SetExposureEvent.h"
+#include "UvcProber.h"
+#include "VideoFrameEvent.h"
 #include "VirtualCamera.h"
 
 namespace {
@@ -282,4 +285,21 @@ TEST_F(VideoCapturerStream, ProcessMayExitWhileFramesFlow)
             exit(bFrames ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
+}
+
+// The first to use any of them is the capture object.
+static void exitInOrder()
+{
+    const void* const pCapturer = &VideoCapturer::getInstance();
+    exit(outlive({&Log::getInstance(), &UvcProber::getInstance(),
+                  &EventBus<VideoFrameEvent>::getInstance(),
+                  &EventBus<SetExposureEvent>::getInstance()},
+                 pCapturer)
+             ? 0
+             : 1);
+}
+
+TEST(VideoCapturerExit, WhatItsThreadsUseOutlivesIt)
+{
+    EXPECT_EXIT(exitInOrder(), testing::ExitedWithCode(0), "");
 }
