@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "Descriptors.h"
 #include "PrintTest.h"
 
 namespace {
@@ -96,6 +97,34 @@ TEST_F(PrintServiceFirmware, MissingImageIsTold)
               "start update\n"
               "open bin failed!\n",
               output());
+}
+
+TEST_F(PrintServiceFirmware, ImageOfOneByteIsKept)
+{
+    EXPECT_EQ(0, service().updateFirmware("x", 1));
+
+    EXPECT_EQ("x", m_folder.read("firmware.bin"));
+}
+
+TEST_F(PrintServiceFirmware, LastBlockMayHaveOneByte)
+{
+    const std::string strImage = makeImage(2 * 2048 + 1);
+    m_folder.write("pp.bin", strImage);
+
+    EXPECT_EQ(0, service().updateFirmware("x", 1));
+
+    EXPECT_TRUE(waitForImage("4097 bytes complete"));
+    EXPECT_TRUE(strImage == keptImage());
+}
+
+TEST_F(PrintServiceFirmware, UploadLeavesNothingOpen)
+{
+    m_folder.write("pp.bin", makeImage(3000));
+    const size_t uBefore = openDescriptors().size();
+
+    EXPECT_EQ(0, service().updateFirmware("x", 1));
+
+    EXPECT_EQ(uBefore, openDescriptors().size());
 }
 
 TEST_F(PrintServiceFirmware, EmptyImageIsAnnouncedOnly)

@@ -15,7 +15,8 @@ namespace {
 struct NarrowPort
 {
     std::atomic<int> nFd{-1};
-    std::atomic<ssize_t> nRoom{-1}; // -1: any number
+    std::atomic<ssize_t> nRoom{-1};  // -1: any number
+    std::atomic<int> nError{EAGAIN}; // of a write without room
 };
 
 NarrowPort g_port;
@@ -29,7 +30,7 @@ extern "C" ssize_t write(int nFd, const void* pData, size_t uSize)
         return syscall(SYS_write, nFd, pData, uSize);
     }
     if (0 == g_port.nRoom) {
-        errno = EAGAIN;
+        errno = g_port.nError;
         return -1;
     }
     const size_t uTaken = std::min(uSize, static_cast<size_t>(g_port.nRoom.load()));
@@ -58,6 +59,7 @@ protected:
     void TearDown() override
     {
         g_port.nFd = -1;
+        g_port.nError = EAGAIN;
         PrintTest::TearDown();
     }
 
@@ -204,6 +206,21 @@ TEST_F(PrintServiceLink, ClosedPortIsToldAsGoneToo)
     EXPECT_EQ(1, service().printSingleCmd("$X", 2));
 
     EXPECT_TRUE(contains(output(), "\n" + portIsGone(EBADF)));
+}
+
+TEST_F(PrintServiceLink, EveryErrorOfAPortThatIsGoneIsTold)
+{
+    leaveRoomFor(0);
+    for (const int nError : {EIO, ENODEV, ENXIO, EBADF}) {
+        g_port.nError = nError;
+
+        EXPECT_EQ(1, service().printSingleCmd("$X", 2));
+    }
+
+    const std::string strOutput = output();
+    for (const int nError : {EIO, ENODEV, ENXIO, EBADF}) {
+        EXPECT_TRUE(contains(strOutput, "\n" + portIsGone(nError))) << nError;
+    }
 }
 
 TEST_F(PrintServiceLink, JobOnAPortThatIsGoneTellsIt)

@@ -2,13 +2,16 @@
 #include "VideoStreamProducer.h"
 
 #include <atomic>
+#include <cerrno>
 #include <string>
 #include <thread>
 #include <typeinfo>
 #include <utility>
 #include <vector>
 
+#include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 
 #include <gtest/gtest.h>
 
@@ -18,6 +21,7 @@
 #include "FrameConsumer.h"
 #include "LogCapture.h"
 #include "LogEvent.h"
+#include "Threads.h"
 #include "VideoFrameEvent.h"
 #include "VideoStreamFixture.h"
 #include "VirtualCamera.h"
@@ -259,6 +263,36 @@ TEST_F(VideoStreamProducerStream, CaptureThreadIsDetached)
     EXPECT_EQ(RET_SUCCESS, m_producer.uninit());
 
     EXPECT_EQ(Lines{"pthread_create detached"}, CallJournal::lines());
+}
+
+TEST_F(VideoStreamProducerStream, CaptureThreadIsAnOrdinaryOne)
+{
+    errno = 0;
+    const int nNice = getpriority(PRIO_PROCESS, 0);
+    ASSERT_EQ(0, errno);
+    std::atomic<int> nCaptureNice{100};
+    std::atomic<int> nPolicy{-1};
+    m_consumer.m_onFrame = [&](VideoFrameEvent&) {
+        nCaptureNice = getpriority(PRIO_PROCESS, 0); // of the calling thread
+        nPolicy = sched_getscheduler(0);
+    };
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    start();
+    ASSERT_TRUE(m_consumer.waitForMore(1));
+
+    EXPECT_EQ(nNice, nCaptureNice);
+    EXPECT_EQ(SCHED_OTHER, nPolicy);
+}
+
+TEST_F(VideoStreamProducerStream, UninitEndsTheCaptureThread)
+{
+    start();
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
+    EXPECT_EQ(1, countThreads("videocapture0"));
+
+    EXPECT_EQ(RET_SUCCESS, m_producer.uninit());
+
+    EXPECT_TRUE(eventually([] { return 0 == countThreads("videocapture0"); }));
 }
 
 TEST_F(VideoStreamProducerStream, CancelOfAnUnknownConsumerFailsInSilence)

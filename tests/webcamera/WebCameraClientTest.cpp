@@ -12,6 +12,7 @@
 #include "FakeSystem.h"
 #include "Fault.h"
 #include "LogCapture.h"
+#include "SafePointer.h"
 #include "Time.h"
 
 namespace {
@@ -376,6 +377,15 @@ TEST_F(WebCameraClientConnection, DirectWriteWithoutMemoryFails)
     FaultScope fault("malloc=1:1:ENOMEM");
 
     EXPECT_EQ(1, m_connection.client().write("x", 1));
+    EXPECT_EQ(1U, faultHits());
+}
+
+TEST_F(WebCameraClientConnection, DirectWriteWithoutMemoryForItsHandleFails)
+{
+    const std::string strSize = std::to_string(sizeof(SafePointerBlock));
+    FaultScope fault(("malloc=" + strSize + ":1:ENOMEM").c_str());
+
+    EXPECT_EQ(1, m_connection.client().write("x", 1)) << "the peer would wait for its answer";
     EXPECT_EQ(1U, faultHits());
 }
 

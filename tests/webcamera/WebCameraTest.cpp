@@ -272,6 +272,24 @@ TEST_F(WebCameraServer, LargeFileReachesASlowClientWhole)
     EXPECT_TRUE(strContent == peer.readUntil(uHead + strContent.size()).substr(uHead));
 }
 
+TEST_F(WebCameraServer, ClientThatHalfClosesGetsACutFile)
+{
+    CardFolder www("www");
+    const std::string strContent = payload(4000000); // more than both sockets hold
+    www.write("large.png", strContent);
+    Peer peer(2048);
+    peer.send("GET /large.png HTTP/1.1\r\n\r\n");
+    const size_t uHead = peer.readUntil(1000).find("\r\n\r\n") + 4;
+
+    peer.finish();
+
+    EXPECT_TRUE(eventually([this] { return openDescriptors().size() == m_uDescriptors + 1; }))
+        << "the service has closed its end; left is the peer's own";
+    const std::string strBody = peer.readToEnd().substr(uHead);
+    EXPECT_GT(strContent.size(), strBody.size());
+    EXPECT_TRUE(0 == strContent.compare(0, strBody.size(), strBody));
+}
+
 TEST_F(WebCameraServer, RefusedFileClosesTheConnection)
 {
     Peer peer;

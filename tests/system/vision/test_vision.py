@@ -145,6 +145,7 @@ class Vision(unittest.TestCase):
         self.assertEqual(b"\xff\xd8", corrected[:2])
         self.assertEqual(b"\xff\xd9", corrected[-2:])
         self.assertIn(b"\xff\xc0\x00\x11\x08\x01\xe0\x02\x80\x03", corrected)  # 480 x 640, colour
+        self.board.wait_for_saved("corrected.jpg")  # as the camera took it
 
 
 if __name__ == "__main__":
