@@ -17,6 +17,7 @@ static const size_t MAX_WAITING = 64;
 
 static const int STATUS_HELD = 1;
 static const int STATUS_RUNNING = 4;
+static const int STATUS_MOVING = 5;
 
 namespace {
 
@@ -62,6 +63,7 @@ void Controller::onBeam(BeamSink sink)
 void Controller::receive(const std::string& strBytes, int64_t s64NowUs)
 {
     advance(s64NowUs);
+    m_s64BusyUs = s64NowUs;
     size_t uPos = 0;
     while (uPos < strBytes.size()) {
         if (m_loader.isActive()) {
@@ -105,13 +107,46 @@ void Controller::takeByte(char c, int64_t s64NowUs)
 
 void Controller::advance(int64_t s64NowUs)
 {
+    m_s64BusyUs = m_motion.isIdle() ? m_s64BusyUs : s64NowUs;
     for (unsigned uEnded = m_motion.advance(s64NowUs); uEnded > 0; --uEnded) {
         endMove(s64NowUs);
     }
     processLines(s64NowUs);
     tellBeam(s64NowUs);
+    tellStatus(s64NowUs);
+    tireOfIdling(s64NowUs);
     if (m_loader.endIfQuiet(s64NowUs)) {
         m_journal.record(s64NowUs, "image", m_loader.getResult());
+    }
+}
+
+/** Once for each interval that has begun since the arm moves. */
+void Controller::tellStatus(int64_t s64NowUs)
+{
+    if (m_settings.s64StatusUs <= 0 || !m_motion.isMoving()) {
+        m_s64StatusUs = -1;
+        return;
+    }
+    if (m_s64StatusUs < 0) {
+        m_s64StatusUs = s64NowUs + m_settings.s64StatusUs;
+    }
+    for (; m_s64StatusUs <= s64NowUs; m_s64StatusUs += m_settings.s64StatusUs) {
+        m_answers.tell(formatStatus(STATUS_MOVING), s64NowUs);
+    }
+}
+
+bool Controller::isIdleOffDue() const
+{
+    return m_settings.s64IdleOffUs > 0 && m_laser.bOn && m_motion.isIdle();
+}
+
+void Controller::tireOfIdling(int64_t s64NowUs)
+{
+    if (isIdleOffDue() && s64NowUs >= m_s64BusyUs + m_settings.s64IdleOffUs) {
+        m_laser.bOn = false;
+        m_motion.setLaser(m_laser);
+        m_journal.record(s64NowUs, "idle", "laser off");
+        tellBeam(s64NowUs);
     }
 }
 
@@ -356,6 +391,9 @@ int64_t Controller::nextDueUs(int64_t s64NowUs) const
     if (m_loader.isActive()) {
         s64DueUs = std::min(s64DueUs, m_loader.getQuietUs());
     }
+    if (isIdleOffDue()) {
+        s64DueUs = std::min(s64DueUs, m_s64BusyUs + m_settings.s64IdleOffUs);
+    }
     return (INT64_MAX == s64DueUs) ? -1 : s64DueUs;
 }
 
@@ -383,6 +421,13 @@ void Controller::reset(int64_t s64NowUs)
     m_laser = {m_settings.bResetLaserOn, m_settings.bResetLaserOn ? FULL_POWER : 0};
     m_motion.setLaser(m_laser);
     tellBeam(s64NowUs);
+}
+
+void Controller::booted(int64_t s64NowUs)
+{
+    if (m_settings.bBootGreeting) {
+        m_answers.tell(formatGreeting(), s64NowUs);
+    }
 }
 
 void Controller::addTrigger(int nLine, const std::string& strCommand)

@@ -39,6 +39,7 @@ public:
     bool wantsInput() const override;
     void dropWire() override;
     void reset(int64_t s64NowUs) override;
+    void booted(int64_t s64NowUs) override;
     void addTrigger(int nLine, const std::string& strCommand) override;
 
     /**
@@ -47,6 +48,10 @@ public:
      */
     bool runCommand(const std::string& strCommand, int64_t s64NowUs) override;
 
+    std::string getInput() const override
+    {
+        return m_strInput;
+    }
     const Motion& getMotion() const
     {
         return m_motion;
@@ -82,6 +87,9 @@ private:
     std::string carryOut(const ParsedLine& line);
     std::string lockWith(const std::string& strAnswer);
     void endMove(int64_t s64NowUs);
+    void tellStatus(int64_t s64NowUs);
+    void tireOfIdling(int64_t s64NowUs);
+    bool isIdleOffDue() const;
 
     ControllerSettings m_settings;
     ControllerJournal& m_journal;
@@ -108,4 +116,6 @@ private:
     bool m_bPilotOn;
     Laser m_laser; // as the lines so far tell it, in front of the queue
     double m_dFeed;
+    int64_t m_s64StatusUs = -1; // when the next status is told; -1 at rest
+    int64_t m_s64BusyUs = 0;    // when it last moved or heard a byte
 };

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 #include <vector>
 
 #include <poll.h>
@@ -89,8 +90,9 @@ bool ControllerBoard::init(std::string& strError)
     if (!m_options.strControl.empty() && !m_control.start(m_options.strControl)) {
         return fail(m_options.strControl);
     }
+    m_pController->booted(nowUs());
     if (m_options.bPlugged) {
-        if (!m_port.plug()) {
+        if (!plug()) {
             return fail(m_options.strNode);
         }
         m_journal.record(nowUs(), "plugged", m_options.strNode);
@@ -142,6 +144,7 @@ void ControllerBoard::run(int nStopFd)
         if (!m_bStalled && m_pController->wantsInput()) {
             vecPoll.push_back({m_port.getFd(), POLLIN, 0});
         }
+        vecPoll.push_back({m_dtr.getFd(), POLLIN, 0}); // poll(2) leaves a negative one out
         m_control.watch(vecPoll);
         if (poll(vecPoll.data(), vecPoll.size(), pollTimeoutMs(nowUs())) < 0 && EINTR != errno) {
             return;
@@ -151,6 +154,8 @@ void ControllerBoard::run(int nStopFd)
         }
         runDue(nowUs());
         readPins(nowUs());
+        readDtr(nowUs());
+        endBoot(nowUs());
         readPort(nowUs());
         m_pController->advance(nowUs());
         writeAnswers(nowUs());
@@ -161,6 +166,8 @@ void ControllerBoard::run(int nStopFd)
 
 std::string ControllerBoard::answer(const std::string& strCommand)
 {
+    readDtr(nowUs());
+    endBoot(nowUs());
     readPort(nowUs()); // what the client wrote to the wire before it asked comes first
     std::string strResult = runCommand(strCommand);
     writeAnswers(nowUs());
@@ -175,8 +182,13 @@ void ControllerBoard::readPort(int64_t s64NowUs)
         if (strBytes.empty()) {
             return;
         }
+        readDtr(s64NowUs);            // whoever has sent them may have opened the port just now
         if (!m_port.isSpeedRight()) { // broken frames: nothing that a line could be made of
             m_journal.record(s64NowUs, "garbled", strBytes);
+            continue;
+        }
+        if (m_bDeaf) {
+            m_journal.record(s64NowUs, "unheard", strBytes);
             continue;
         }
         m_pController->receive(strBytes, s64NowUs);
@@ -188,11 +200,15 @@ void ControllerBoard::writeAnswers(int64_t s64NowUs)
 {
     updateScene(false); // whoever hears that a move has ended finds the spot there
     for (std::string strText; m_pController->takeAnswer(s64NowUs, strText);) {
+        if (m_bDeaf) {
+            continue; // what it says once it has booted is another greeting
+        }
         if (m_port.isPlugged() && !m_port.isSpeedRight()) {
             m_journal.record(s64NowUs, "garbled", strText);
             garble(strText);
         }
-        const size_t uWritten = m_port.isPlugged() ? m_port.write(strText) : 0;
+        const bool bHeard = m_port.isPlugged() && (!m_options.bResetOnOpen || m_dtr.isOpen());
+        const size_t uWritten = bHeard ? m_port.write(strText) : 0;
         m_journal.record(s64NowUs, "tx", strText.substr(0, uWritten));
         if (uWritten < strText.size()) {
             m_journal.record(s64NowUs, "lost", strText.substr(uWritten));
@@ -212,16 +228,36 @@ void ControllerBoard::readPins(int64_t s64NowUs)
         const bool bLow = "0" == store.strText || "low" == store.strText || "out" == store.strText;
         setResetLine(bLow, s64NowUs);
     }
-    if (m_s64BootUs >= 0 && s64NowUs >= m_s64BootUs) {
-        m_s64BootUs = -1;
+}
+
+void ControllerBoard::readDtr(int64_t s64NowUs)
+{
+    if (!m_dtr.hasRisen()) {
+        return;
+    }
+    m_journal.record(s64NowUs, "dtr", "reset");
+    m_pController->reset(s64NowUs);
+    m_bDeaf = true;
+    m_s64BootUs = s64NowUs + m_options.s64BootUs;
+}
+
+void ControllerBoard::endBoot(int64_t s64NowUs)
+{
+    if (m_s64BootUs < 0 || s64NowUs < m_s64BootUs) {
+        return;
+    }
+    m_s64BootUs = -1;
+    if (!std::exchange(m_bDeaf, false)) {
         setPlugged(true, s64NowUs);
     }
+    m_pController->booted(s64NowUs);
 }
 
 void ControllerBoard::setResetLine(bool bLow, int64_t s64NowUs)
 {
     if (bLow && !m_bResetLow) {
         m_s64BootUs = -1;
+        m_bDeaf = false;
         setPlugged(false, s64NowUs);
         m_pController->reset(s64NowUs);
     } else if (!bLow && m_bResetLow) {
@@ -268,16 +304,23 @@ Burner::Place ControllerBoard::toScene(const Point& position) const
     return {-position[0], -position[1], m_options.dFocusZ - position[2]};
 }
 
+/** @return false with errno set */
+bool ControllerBoard::plug()
+{
+    return m_port.plug() && (!m_options.bResetOnOpen || m_dtr.watch());
+}
+
 void ControllerBoard::setPlugged(bool bPlugged, int64_t s64NowUs)
 {
     if (bPlugged == m_port.isPlugged()) {
         return;
     }
     if (!bPlugged) {
+        m_dtr.forget();
         m_port.unplug();
         m_pController->dropWire();
         m_journal.record(s64NowUs, "unplugged", m_options.strNode);
-    } else if (m_port.plug()) {
+    } else if (plug()) {
         m_journal.record(s64NowUs, "plugged", m_options.strNode);
     } else {
         m_journal.record(s64NowUs, "unpluggable", strerror(errno));
@@ -294,6 +337,9 @@ std::string ControllerBoard::runCommand(const std::string& strCommand)
     if ("beam" == strCommand) {
         m_pController->advance(s64NowUs);
         return m_pController->getBeam().describe(s64NowUs);
+    }
+    if ("input" == strCommand) {
+        return "input=" + ControllerJournal::escape(m_pController->getInput());
     }
     const std::vector<std::string> vecWord = splitWords(strCommand);
     int nLine = 0;

@@ -11,6 +11,7 @@
 #include "ControlServer.h"
 #include "Controller.h"
 #include "ControllerJournal.h"
+#include "DtrLine.h"
 #include "GpioLines.h"
 #include "PtyPort.h"
 #include "SceneFile.h"
@@ -31,6 +32,7 @@ struct ControllerBoardOptions
     std::string strScript;      // commands with their times
     int64_t s64BootUs = 300000; // from the end of a reset until the port is there again
     bool bPlugged = true;       // the port is there from the start
+    bool bResetOnOpen = false;  // the line DTR resets the controller, as it does on many boards
 };
 
 /** Runs on the calling thread alone. */
@@ -59,9 +61,12 @@ private:
     void writeAnswers(int64_t s64NowUs);
     void readPins(int64_t s64NowUs);
     void setResetLine(bool bLow, int64_t s64NowUs);
+    void readDtr(int64_t s64NowUs);
+    void endBoot(int64_t s64NowUs);
     void runDue(int64_t s64NowUs);
     void updateScene(bool bAlways);
     Burner::Place toScene(const Point& position) const;
+    bool plug();
     void setPlugged(bool bPlugged, int64_t s64NowUs);
     std::string runCommand(const std::string& strCommand);
 
@@ -70,6 +75,7 @@ private:
     ControllerJournal m_journal;
     std::unique_ptr<IController> m_pController;
     PtyPort m_port;
+    DtrLine m_dtr{m_port};
     GpioLines m_gpio;
     ControlServer m_control;
     Point m_scenePosition{}; // as last told, to leave the scene alone while nothing moves
@@ -80,6 +86,7 @@ private:
     bool m_bPreset = true; // the settings were taken
     bool m_bResetLow = false;
     int64_t m_s64BootUs = -1; // when the controller has booted
+    bool m_bDeaf = false;     // it boots with the port there, after a reset by DTR
     bool m_bStalled = false;
     bool m_bQuit = false;
 };

@@ -14,7 +14,10 @@ struct ControllerSettings
     bool bHoldKeepsLaser = false;
     bool bResetLaserOn = false; // the reset line switches the laser on
     bool bPowerUpLaserOn = false;
-    bool bPilotOff = false; // the pilot spot is off at power-up and after a reset
+    bool bPilotOff = false;     // the pilot spot is off at power-up and after a reset
+    bool bBootGreeting = false; // it greets when it has booted, not after the byte 0x18 alone
+    int64_t s64StatusUs = 0;    // while it moves it tells a status unasked that often; 0: never
+    int64_t s64IdleOffUs = 0; // at rest and without a byte for so long the laser goes off; 0: never
 
     double dSpeedUp = 1;               // the arm moves that many times faster
     int64_t s64SettleUs = 100000;      // least time between a move's two answers

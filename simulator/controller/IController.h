@@ -48,6 +48,9 @@ public:
     /** The reset line: as after power-up, except that the head stays where it is. */
     virtual void reset(int64_t s64NowUs) = 0;
 
+    /** It has booted, after power-up or a reset by a line: it begins anew and greets if it does. */
+    virtual void booted(int64_t s64NowUs) = 0;
+
     /** Carry out a command before line number nLine (from 1, over all lines answered). */
     virtual void addTrigger(int nLine, const std::string& strCommand) = 0;
 
@@ -56,6 +59,9 @@ public:
      * @return false when it is none of them or makes no sense
      */
     virtual bool runCommand(const std::string& strCommand, int64_t s64NowUs) = 0;
+
+    /** The bytes behind the last line end, of a line that is not whole yet. */
+    virtual std::string getInput() const = 0;
 
     /** Where the head is, in millimetres. */
     virtual Point getPosition() const = 0;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -38,6 +39,7 @@ bool PtyPort::plug()
     termios attr{};
     tcgetattr(nSlave, &attr);
     cfmakeraw(&attr);
+    attr.c_cflag |= HUPCL; // as a serial port begins, unlike a pseudo terminal
     cfsetispeed(&attr, B9600);
     cfsetospeed(&attr, B9600);
     tcsetattr(nSlave, TCSANOW, &attr);
@@ -52,6 +54,7 @@ bool PtyPort::plug()
         errno = nError;
         return false;
     }
+    m_strSlave = pSlave;
     m_nMaster = nMaster;
     m_nSlave = nSlave;
     return true;
@@ -73,6 +76,21 @@ bool PtyPort::isSpeedRight() const
 {
     termios attr{};
     return 0 == tcgetattr(m_nSlave, &attr) && B115200 == cfgetospeed(&attr);
+}
+
+bool PtyPort::isOpenedByOthers()
+{
+    close(m_nSlave);
+    pollfd entry{m_nMaster, 0, 0};
+    const bool bOpen = poll(&entry, 1, 0) >= 0 && 0 == (entry.revents & POLLHUP);
+    m_nSlave = open(m_strSlave.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    return bOpen;
+}
+
+bool PtyPort::hangsUpOnClose() const
+{
+    termios attr{};
+    return 0 == tcgetattr(m_nSlave, &attr) && 0 != (attr.c_cflag & HUPCL);
 }
 
 std::string PtyPort::read() const

@@ -45,6 +45,18 @@ public:
      */
     bool isSpeedRight() const;
 
+    /** The terminal that the node leads to. */
+    const std::string& getSlavePath() const
+    {
+        return m_strSlave;
+    }
+
+    /** Whether a client has the port open now. The look closes and opens this end's own. */
+    bool isOpenedByOthers();
+
+    /** Whether the line DTR falls when the last client closes the port. */
+    bool hangsUpOnClose() const;
+
     /** What has arrived, at most 4096 bytes; empty when nothing has. */
     std::string read() const;
 
@@ -53,6 +65,7 @@ public:
 
 private:
     std::string m_strNode;
+    std::string m_strSlave;
     int m_nMaster = -1;
     int m_nSlave = -1;
 };

@@ -39,7 +39,13 @@ static const char* const USAGE =
     "  --hold-keeps-laser     a hold does not\n"
     "  --reset-laser-on       the reset line switches the laser on\n"
     "  --power-up-laser-on    it is on at power-up\n"
-    "  --pilot-off            the pilot spot is off at power-up and after the reset line\n";
+    "  --pilot-off            the pilot spot is off at power-up and after the reset line\n"
+    "  --reset-on-open        opening the port resets the controller (DTR), which is deaf while it\n"
+    "                         boots\n"
+    "  --boot-greeting        it greets when it has booted; in grbl it always does\n"
+    "  --status-ms N          a moving arm tells \"status:5\" unasked that often; not in grbl\n"
+    "  --idle-off-ms N        the laser goes off when the arm has stood still and heard nothing for so\n"
+    "                         long; not in grbl\n";
 
 namespace {
 
@@ -67,7 +73,11 @@ enum OPTION_E
     OPTION_HOLD_KEEPS_LASER,
     OPTION_RESET_LASER_ON,
     OPTION_POWER_UP_LASER_ON,
-    OPTION_PILOT_OFF
+    OPTION_PILOT_OFF,
+    OPTION_RESET_ON_OPEN,
+    OPTION_BOOT_GREETING,
+    OPTION_STATUS,
+    OPTION_IDLE_OFF
 };
 
 const option OPTIONS[] = {{"node", required_argument, nullptr, OPTION_NODE},
@@ -93,6 +103,10 @@ const option OPTIONS[] = {{"node", required_argument, nullptr, OPTION_NODE},
                           {"reset-laser-on", no_argument, nullptr, OPTION_RESET_LASER_ON},
                           {"power-up-laser-on", no_argument, nullptr, OPTION_POWER_UP_LASER_ON},
                           {"pilot-off", no_argument, nullptr, OPTION_PILOT_OFF},
+                          {"reset-on-open", no_argument, nullptr, OPTION_RESET_ON_OPEN},
+                          {"boot-greeting", no_argument, nullptr, OPTION_BOOT_GREETING},
+                          {"status-ms", required_argument, nullptr, OPTION_STATUS},
+                          {"idle-off-ms", required_argument, nullptr, OPTION_IDLE_OFF},
                           {nullptr, 0, nullptr, 0}};
 
 bool parseMs(const char* pText, int64_t& s64Us)
@@ -137,6 +151,8 @@ bool* habitOf(int nOption, ControllerSettings& settings)
         return &settings.bPowerUpLaserOn;
     case OPTION_PILOT_OFF:
         return &settings.bPilotOff;
+    case OPTION_BOOT_GREETING:
+        return &settings.bBootGreeting;
     default:
         return nullptr;
     }
@@ -188,6 +204,13 @@ bool applyOption(int nOption, const char* pValue, ControllerBoardOptions& option
         return options.bGrbl || 0 == strcmp("arm", pValue);
     case OPTION_SETTING:
         return parseSetting(pValue, options.vecSetting);
+    case OPTION_RESET_ON_OPEN:
+        options.bResetOnOpen = true;
+        return true;
+    case OPTION_STATUS:
+        return parseMs(pValue, options.controller.s64StatusUs);
+    case OPTION_IDLE_OFF:
+        return parseMs(pValue, options.controller.s64IdleOffUs);
     case OPTION_POSITION:
         return parsePosition(pValue, options.controller.powerUpPosition);
     default: {

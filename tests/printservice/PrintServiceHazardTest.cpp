@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <set>
 #include <thread>
 
 #include <pty.h>
@@ -96,6 +97,27 @@ protected:
         : PrintServiceHazard({"--answer-empty-lines", "--answer-ms", "40"})
     {
     }
+};
+
+/** One that tells what it does while it moves. */
+class PrintServiceHazardTellingArm : public PrintServiceHazard
+{
+protected:
+    PrintServiceHazardTellingArm() : PrintServiceHazard({"--status-ms", "50"}) {}
+};
+
+/** One that switches the laser off when it hears nothing. */
+class PrintServiceHazardTiringArm : public PrintServiceHazard
+{
+protected:
+    PrintServiceHazardTiringArm() : PrintServiceHazard({"--idle-off-ms", "300"}) {}
+};
+
+/** One that is reset by who opens its port. */
+class PrintServiceHazardResettingArm : public PrintServiceHazard
+{
+protected:
+    PrintServiceHazardResettingArm() : PrintServiceHazard({"--reset-on-open"}) {}
 };
 
 /** A controller that answers as the test says, line by line. */
@@ -352,6 +374,48 @@ TEST_F(PrintServiceHazardAnsweringArm, DeliberateAnsweredLineEndsLoseARefusedLin
     EXPECT_EQ((Texts{"G1 X1 F60000", "G1 X2", "G1 X3", "G1 X4", "G1 X5", "G1 X6", "G1 X7", "G1 X7",
                      "G1 X8"}),
               vecLine);
+}
+
+TEST_F(PrintServiceHazardTellingArm, DeliberateLineThatWaitsIsRepeatedForAStatusAlone)
+{
+    std::string strJob; // of moves that take seconds: the queue is full before the last one
+    for (int i = 0; i < 30; ++i) {
+        strJob += "G1 X" + std::to_string(60 * (i % 2)) + " Y" + std::to_string(i) + " F1200\n";
+    }
+
+    startJob(strJob);
+
+    EXPECT_TRUE(eventually([this] {
+        const Texts vecLine = received();
+        std::set<std::string> setLine(vecLine.begin(), vecLine.end());
+        const auto nEmpty = std::count(vecLine.begin(), vecLine.end(), "");
+        return vecLine.size() - static_cast<size_t>(nEmpty) > setLine.size() - setLine.count("");
+    })) << "carried out twice";
+    EXPECT_EQ(0, service().stopPrint());
+    EXPECT_TRUE(contains(output(), "get status code:5 \n"));
+}
+
+TEST_F(PrintServiceHazardTiringArm, LaserGoesOffBehindAJobThatLeavesItOn)
+{
+    startJob("M3 S100\n");
+
+    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+
+    EXPECT_TRUE(waitUntilDark());
+    EXPECT_EQ((Texts{"laser off"}), m_controller.readTexts("idle"));
+}
+
+TEST_F(PrintServiceHazardResettingArm, LaserGoesOffWhenThePortIsOpenedAgain)
+{
+    ASSERT_TRUE(eventually([this] { // its boot ends
+        return 0 == service().printSingleCmd("M3 S100", 7) && isLaserOn();
+    }));
+    m_uart.close();
+    EXPECT_TRUE(isLaserOn());
+
+    EXPECT_EQ(1, m_uart.open(m_controller.getNode()));
+
+    EXPECT_TRUE(waitUntilDark());
 }
 
 TEST_F(PrintServiceHazard, TakenLineMovesTheArmTwiceASecondWhilePaused)

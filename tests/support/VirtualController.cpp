@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
@@ -173,6 +174,8 @@ std::string VirtualController::readReceivedBytes()
     for (const std::string& strLine : readTexts("rx")) {
         strBytes += strLine + "\n";
     }
+    // Whoever says "exactly these bytes" means those behind the last line end, too.
+    strBytes += ControllerJournal::unescape(command("input").substr(strlen("input=")));
     return strBytes;
 }
 

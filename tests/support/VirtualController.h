@@ -64,7 +64,7 @@ public:
     /** The texts of one kind, e.g. the lines received ("rx"). */
     std::vector<std::string> readTexts(const std::string& strKind);
 
-    /** The bytes of all lines received. */
+    /** All bytes received, but for those that act as they come and firmware images. */
     std::string readReceivedBytes();
 
     /** Wait until a condition holds, looking every few milliseconds; false after 30 seconds. */

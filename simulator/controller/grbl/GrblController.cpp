@@ -93,6 +93,11 @@ void GrblController::reset(int64_t s64NowUs)
     m_machine.tellBeam();
 }
 
+void GrblController::booted(int64_t s64NowUs)
+{
+    reset(s64NowUs); // what came while it booted is lost, and the greeting comes now
+}
+
 void GrblController::dropWire()
 {
     m_transmitter.drop();

@@ -48,6 +48,11 @@ public:
     }
     void dropWire() override;
     void reset(int64_t s64NowUs) override;
+    void booted(int64_t s64NowUs) override;
+    std::string getInput() const override
+    {
+        return m_receiveBuffer.getInput();
+    }
     void addTrigger(int nLine, const std::string& strCommand) override;
 
     /**

@@ -30,6 +30,12 @@ public:
     /** Forget the bytes and the line begun. */
     void clear();
 
+    /** What is there of the next lines, without blanks and comments of the first. */
+    std::string getInput() const
+    {
+        return m_strLine + m_strReceived;
+    }
+
     /** Bytes that there is room for. */
     size_t getFree() const
     {

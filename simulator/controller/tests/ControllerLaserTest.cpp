@@ -27,6 +27,19 @@ class ControllerLaser : public ControllerDialogue
 {
 };
 
+class ControllerLaserIdle : public ControllerDialogue
+{
+protected:
+    ControllerLaserIdle() : ControllerDialogue(makeSettings()) {}
+
+    static ControllerSettings makeSettings()
+    {
+        ControllerSettings settings;
+        settings.s64IdleOffUs = 3000 * MS;
+        return settings;
+    }
+};
+
 } // namespace
 
 TEST_F(ControllerLaser, LaserAndPilotSpotAreTwoThings)
@@ -190,4 +203,45 @@ TEST_F(ControllerLaserCareless, HoldThatKeepsTheLaserBurnsOn)
     wait(1000 * MS);
 
     EXPECT_DOUBLE_EQ(100, dEnergy);
+}
+
+TEST_F(ControllerLaserIdle, LaserGoesOffWhenTheArmRestsAndNothingIsHeard)
+{
+    say("M3 S100\nG1 X10 F600\n"); // a second
+    wait(1000 * MS);
+    EXPECT_EQ(3000 * MS, m_controller.nextDueUs(m_s64Now) - m_s64Now);
+    wait(2999 * MS);
+    EXPECT_TRUE(beam().bOn);
+
+    EXPECT_EQ("", wait(1 * MS)) << "it says nothing of it";
+
+    EXPECT_FALSE(beam().bOn);
+    say("M3\n");
+    EXPECT_TRUE(beam().bOn) << "it is not locked";
+}
+
+TEST_F(ControllerLaserIdle, BytesKeepItOn)
+{
+    say("M3 S100\n");
+    wait(2999 * MS);
+    say("G");
+    wait(2999 * MS);
+
+    EXPECT_TRUE(beam().bOn);
+    EXPECT_EQ(1 * MS, m_controller.nextDueUs(m_s64Now) - m_s64Now);
+}
+
+TEST_F(ControllerLaserIdle, NothingIsDueInTheDark)
+{
+    say("G21\n");
+
+    EXPECT_EQ(-1, m_controller.nextDueUs(m_s64Now));
+}
+
+TEST_F(ControllerLaser, DarknessDoesNotComeByItself)
+{
+    say("M3 S100\n");
+    wait(3600 * 1000 * MS);
+
+    EXPECT_TRUE(beam().bOn);
 }

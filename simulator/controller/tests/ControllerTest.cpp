@@ -242,3 +242,53 @@ TEST_F(ControllerLines, ResetForgetsEverythingButThePosition)
     EXPECT_FALSE(beam().bOn);
     EXPECT_DOUBLE_EQ(50, m_controller.getMotion().getPosition()[0]);
 }
+
+namespace {
+
+class ControllerTelling : public ControllerDialogue
+{
+protected:
+    ControllerTelling() : ControllerDialogue(makeSettings()) {}
+
+    static ControllerSettings makeSettings()
+    {
+        ControllerSettings settings;
+        settings.s64StatusUs = 400 * MS;
+        settings.bBootGreeting = true;
+        return settings;
+    }
+};
+
+} // namespace
+
+TEST_F(ControllerTelling, MovingArmTellsItsStatusUnasked)
+{
+    EXPECT_EQ("ok\n|", say("G1 X10 F600\n")); // a second
+    EXPECT_EQ("", wait(399 * MS));
+    EXPECT_EQ("status:5\n|", wait(1 * MS));
+    EXPECT_EQ("status:5\n|", wait(400 * MS));
+
+    EXPECT_EQ("", wait(5000 * MS)) << "it rests since";
+}
+
+TEST_F(ControllerTelling, HeldArmDoesNotMove)
+{
+    say("G1 X10 F600\n");
+    say("!");
+
+    EXPECT_EQ("", wait(5000 * MS));
+}
+
+TEST_F(ControllerTelling, GreetsOnceItHasBooted)
+{
+    m_controller.booted(m_s64Now);
+
+    EXPECT_EQ("ready\n|", wait(0));
+}
+
+TEST_F(ControllerLines, DoesNotGreetUnlessToldSo)
+{
+    m_controller.booted(m_s64Now);
+
+    EXPECT_EQ("", wait(0));
+}

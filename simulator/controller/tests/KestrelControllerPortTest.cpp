@@ -89,6 +89,106 @@ TEST(KestrelControllerPort, StalledControllerLetsThePipeFillUp)
         [&controller] { return !controller.readTexts("rx").empty(); }));
 }
 
+TEST(KestrelControllerPort, OpeningItResetsTheControllerWhenNobodyElseHasItOpen)
+{
+    VirtualController controller({"--reset-on-open", "--boot-greeting", "--boot-ms", "50"});
+    {
+        const Port port(controller.getNode());
+        EXPECT_EQ("ready\n", port.hear(6));
+        port.say("M3 S500\n");
+        EXPECT_EQ("ok\n", port.hear(3));
+        const Port second(controller.getNode());
+        EXPECT_EQ(1, controller.getState("laser")) << "the line is up already";
+    }
+    EXPECT_EQ(1, controller.getState("laser")) << "nor does closing it";
+    EXPECT_EQ(1U, controller.readTexts("dtr").size());
+
+    const Port port(controller.getNode());
+
+    EXPECT_EQ("ready\n", port.hear(6));
+    EXPECT_EQ(0, controller.getState("laser"));
+    EXPECT_EQ(2U, controller.readTexts("dtr").size());
+}
+
+TEST(KestrelControllerPort, ClientThatDoesNotHangUpLeavesTheLineHigh)
+{
+    VirtualController controller({"--reset-on-open", "--boot-greeting", "--boot-ms", "50"});
+    {
+        const Port port(controller.getNode());
+        EXPECT_EQ("ready\n", port.hear(6));
+        termios attr{};
+        ASSERT_EQ(0, tcgetattr(port.getFd(), &attr));
+        attr.c_cflag &= ~static_cast<tcflag_t>(HUPCL);
+        ASSERT_EQ(0, tcsetattr(port.getFd(), TCSANOW, &attr));
+    }
+
+    const Port port(controller.getNode());
+    port.say("G21\n");
+
+    EXPECT_EQ("ok\n", port.hear(3));
+    EXPECT_EQ(1U, controller.readTexts("dtr").size());
+}
+
+TEST(KestrelControllerPort, WhatIsSaidWhileItBootsIsNotHeard)
+{
+    VirtualController controller({"--reset-on-open", "--boot-greeting", "--boot-ms", "300"});
+    const Port port(controller.getNode());
+
+    port.say("G21\n");
+    EXPECT_EQ("ready\n", port.hear(6));
+    port.say("G90\n");
+
+    EXPECT_EQ("ok\n", port.hear(3));
+    EXPECT_EQ((std::vector<std::string>{"G90"}), controller.readTexts("rx"));
+    EXPECT_EQ((std::vector<std::string>{"G21\n"}), controller.readTexts("unheard"));
+}
+
+TEST(KestrelControllerPort, GrblGreetsBehindTheResetByOpening)
+{
+    VirtualController controller(
+        {"--language", "grbl", "--setting", "32=1", "--reset-on-open", "--boot-ms", "50"});
+    const std::string strGreeting = "\r\nGrbl 1.1h ['$' for help]\r\n";
+    {
+        const Port port(controller.getNode());
+        EXPECT_EQ(strGreeting, port.hear(28));
+        port.say("M3 S500\nG1 F300\n");
+        EXPECT_EQ("ok\r\nok\r\n", port.hear(8));
+        EXPECT_EQ(1, controller.getState("laser"));
+    }
+
+    const Port port(controller.getNode());
+
+    EXPECT_EQ(strGreeting, port.hear(28));
+    EXPECT_EQ(0, controller.getState("laser"));
+}
+
+TEST(KestrelControllerPort, ControllerGreetsBehindTheResetLine)
+{
+    for (const bool bGrbl : {false, true}) {
+        const std::string strPins = scratchPath("gpio");
+        std::vector<std::string> vecOption = {"--gpio", strPins, "--boot-ms", "50"};
+        vecOption.emplace_back(bGrbl ? "--language" : "--boot-greeting");
+        if (bGrbl) {
+            vecOption.emplace_back("grbl");
+        }
+        VirtualController controller(vecOption);
+        const std::string strGreeting = bGrbl ? "\r\nGrbl 1.1h ['$' for help]\r\n" : "ready\n";
+        std::ofstream(strPins + "/export") << "106";
+        std::ofstream(strPins + "/gpio106/direction") << "out";
+        EXPECT_TRUE(VirtualController::waitUntil([&] { return !exists(controller.getNode()); }));
+        const size_t uBefore = controller.readTexts("garbled").size();
+
+        std::ofstream(strPins + "/gpio106/value") << "1";
+
+        // A new port has another speed than the controller.
+        EXPECT_TRUE(VirtualController::waitUntil(
+            [&] { return uBefore < controller.readTexts("garbled").size(); }));
+        EXPECT_EQ(strGreeting, controller.readTexts("garbled").back());
+        EXPECT_EQ(2U, controller.readTexts("plugged").size());
+        removePins(strPins);
+    }
+}
+
 TEST(KestrelControllerPort, WrongSpeedIsGarbage)
 {
     VirtualController controller;

@@ -45,6 +45,9 @@ TEST(KestrelController, ReceivedBytesAreKeptAsTheyCame)
     port.say(strBytes);
 
     EXPECT_EQ(strBytes, controller.readReceivedBytes());
+    port.say("G1 X\t");
+    EXPECT_EQ(strBytes + "G1 X\t", controller.readReceivedBytes());
+    EXPECT_EQ("input=G1 X\\t", controller.command("input"));
 }
 
 TEST(KestrelController, MovesTheSceneSpotAgainstItsAxes)
