@@ -1,5 +1,7 @@
 // Whether measurements lead into focus, in the order in which the service makes them.
 #include <cmath>
+#include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +14,33 @@ namespace {
 
 const double STARTS[] = {-3, -1.5, -0.5, 0.5, 1.5, 3};
 const double IN_FOCUS = 0.1; // millimetres
+
+/** The height of the focus at first, and the quality of the camera's pictures. */
+class FocusFrom : public testing::TestWithParam<std::tuple<double, int>>
+{
+public:
+    /** In tenths of a millimetre, since a name holds no point: "At15Below80". */
+    static std::string name(const testing::TestParamInfo<ParamType>& info)
+    {
+        const auto [dFocusZ, nQuality] = info.param;
+        return "At" + std::to_string(std::lround(std::fabs(dFocusZ) * 10)) +
+               (dFocusZ < 0 ? "Below" : "Above") + std::to_string(nQuality);
+    }
+
+protected:
+    static double getFocusZ()
+    {
+        return std::get<0>(GetParam());
+    }
+    static int getQuality()
+    {
+        return std::get<1>(GetParam());
+    }
+};
+
+class FocusAtFirst : public FocusFrom
+{
+};
 
 double homedAt(FrameProcessor& processor, SceneCamera& camera, double dZ)
 {
@@ -37,25 +66,25 @@ double measure(FocusJudge& judge, double dZ, double dFocusZ)
 
 } // namespace
 
-// At the virtual camera's own quality of pictures, and at a better one.
-TEST(Focus, TwoMeasurementsLeadIntoFocusAndTenMoreStayThere)
+TEST_P(FocusFrom, TwoMeasurementsLeadIntoFocusAndTenMoreStayThere)
 {
-    for (const int nQuality : {80, 90}) {
-        SceneCamera camera(0, 640, 480, nQuality);
-        for (const double dFocusZ : STARTS) {
-            ServiceLoop loop(camera, dFocusZ);
+    // The virtual camera's own quality of pictures, and a better one.
+    SceneCamera camera(0, 640, 480, getQuality());
+    ServiceLoop loop(camera, getFocusZ());
 
-            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
-            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+    ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+    ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
 
-            EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "focus at " << dFocusZ;
-            for (int i = 0; i < 10; ++i) {
-                ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
-                EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "focus at " << dFocusZ;
-            }
-        }
+    EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS);
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+        EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS);
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Focus, FocusFrom,
+                         testing::Combine(testing::ValuesIn(STARTS), testing::Values(80, 90)),
+                         FocusFrom::name);
 
 TEST(Focus, TwoMeasurementsLeadIntoFocusOnABurntWorkpiece)
 {
@@ -86,23 +115,26 @@ TEST(Focus, FirstSideNeedsOneMeasurement)
     }
 }
 
-TEST(Focus, WorkpieceOfAnotherHeightNeedsTwoMeasurementsMore)
+TEST_P(FocusAtFirst, WorkpieceOfAnotherHeightNeedsTwoMeasurementsMore)
 {
     SceneCamera camera;
-    for (const double dFocusZ : STARTS) {
-        for (const double dNext : {-dFocusZ, dFocusZ / 3, dFocusZ + 0.3}) {
-            ServiceLoop loop(camera, dFocusZ);
-            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
-            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+    const double dFocusZ = getFocusZ();
+    for (const double dNext : {-dFocusZ, dFocusZ / 3, dFocusZ + 0.3}) {
+        ServiceLoop loop(camera, dFocusZ);
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
 
-            loop.m_dFocusZ = dNext;
-            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
-            ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+        loop.m_dFocusZ = dNext;
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
+        ASSERT_EQ(FrameProcessor::RESULT_OK, loop.measure());
 
-            EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "from " << dFocusZ << " to " << dNext;
-        }
+        EXPECT_NEAR(0, loop.offFocus(), IN_FOCUS) << "to " << dNext;
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Focus, FocusAtFirst,
+                         testing::Combine(testing::ValuesIn(STARTS), testing::Values(80)),
+                         FocusFrom::name);
 
 TEST(Focus, FocusAtHomeIsLeftForEitherSide)
 {
