@@ -1,11 +1,13 @@
 """The mutation run itself: which changes it finds, and what it says of a small program."""
 
+import contextlib
 import json
 import os
 import shutil
 import subprocess
 import sys
 import tempfile
+import types
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -14,6 +16,7 @@ import blocks
 import guards
 import mutants
 import mutation_run
+import trial
 from box import Box
 from trial import OVER
 
@@ -257,6 +260,44 @@ class Planted(unittest.TestCase):
         finally:
             with open(path, "w", encoding="utf-8") as file:
                 file.write(source)
+
+
+class Patience(unittest.TestCase):
+    """Whether a test that took too long hangs, or the machine was busy."""
+
+    def hangs(self, needs, takes):
+        """
+        @param needs  seconds that the test takes without a change, each time that it is asked
+        @param takes  seconds that it takes with the change, each time
+        """
+        bench = trial.Bench.__new__(trial.Bench)
+        bench.sounds = {}
+        program = trial.Program("program", [], {}, {"test": 1})
+        needs, takes = iter(needs), iter(takes)
+
+        def run(_command, environment, seconds, _processor):
+            took = next(takes) if environment.get("MUTATION_CHOSEN") else next(needs)
+            return (None if took > seconds else 0), "", took
+
+        @contextlib.contextmanager
+        def box():
+            yield types.SimpleNamespace(run=run)
+
+        bench.box = box
+        return bench.hangs(program, "test", 5)
+
+    def test_test_without_end_hangs(self):
+        self.assertTrue(self.hangs([1, 1], [1e9]))
+
+    def test_busy_machine_gives_more_time(self):
+        self.assertFalse(self.hangs([20], [60]))
+
+    def test_machine_that_became_busy_is_asked_again(self):
+        self.assertFalse(self.hangs([1, 20], [20, 60]))
+        self.assertTrue(self.hangs([1, 20, 20], [20, 1e9]))
+
+    def test_test_that_fails_without_a_change_says_nothing(self):
+        self.assertFalse(self.hangs([1e9], []))
 
 
 class Contained(unittest.TestCase):

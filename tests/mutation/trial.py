@@ -28,6 +28,7 @@ BUILD_SECONDS = 1800
 MOST_ROUNDS = 30 # of leaving out what doesn't compile
 TIERS = (0.1, 0.3, 1, 3) # seconds; tests of a tier run in one process
 SOUND_SECONDS = 120 # so long holds that a test passes without any change
+MOST_PATIENCE = 5 # times that a busy machine is given before a test counts as passed
 
 
 OVER = (-signal.SIGXCPU, 128 + signal.SIGXCPU) # its processor time was used up
@@ -80,6 +81,8 @@ class Bench:
         @param read   gives the text of a file
         """
         self.read = read
+        self.root = root
+        self.foreign = {}  # name of a class without tests of its own -> those that use it
         self.source = f"{folder}/source"
         self.build = f"{folder}/build"
         self.scratch = f"{folder}/scratch"
@@ -184,8 +187,20 @@ class Bench:
         tests = [name[len(self.source) + 1:] for name in self.inputs[executable]
                  if name.startswith(f"{self.source}/tests/") and name.endswith("Test.cpp")]
         mirrored = folder.replace("application", "tests", 1)
-        return any(os.path.dirname(name) == mirrored or os.path.basename(name).startswith(stem)
-                   for name in tests)
+        return any(os.path.dirname(name) == mirrored or os.path.basename(name).startswith(stem) or
+                   name in self.foreignTests(stem) for name in tests)
+
+    def foreignTests(self, stem):
+        """The tests that use a class without tests of its own."""
+        if stem not in self.foreign:
+            listed = subprocess.run(["git", "ls-files", "-co", "--exclude-standard", "tests/*Test.cpp"],
+                                    cwd=self.root, check=True, stdout=subprocess.PIPE, text=True)
+            names = listed.stdout.split()
+            own = any(os.path.basename(name).startswith(stem) for name in names)
+            mark = f'#include "{stem}.h"\n'
+            self.foreign[stem] = set() if own else {
+                name for name in names if mark in open(f"{self.root}/{name}", encoding="utf-8").read()}
+        return self.foreign[stem]
 
     # What the tests come by.
 
@@ -304,7 +319,14 @@ class Bench:
             found.append((mutant, *result))
         self.compiled(self.targets)
         return [(mutant, result, who) for mutant, result, who in found
-                if who is None or self.sound(self.programs[who[0]], who[1])]
+                if who is None or self.holds(result, self.programs[who[0]], who[1])]
+
+    def holds(self, result, program, test):
+        """Whether a notice is to be believed now that the test runs without any change."""
+        if result != "timed out":
+            return self.sound(program, test)
+        needed = self.needed(program, test)
+        return needed is not None and needed <= 2 * program.usual[test] + 1 # the machine isn't too busy
 
     def candidates(self, mutant, slowest):
         """The tests that come by a change, as (program, test)."""
@@ -337,24 +359,26 @@ class Bench:
             yield group[0][0], [test for _, test in group]
 
     def noticed(self, mutant, number, slowest, stands):
-        """@param stands  whether a failure is the change's, by program, test and number"""
+        """@param stands  whether a failure is the change's, by program, test, number and what is known"""
         for program, tests in self.stages(mutant, slowest):
             while tests:
                 who, result = self.failing(program, tests, number)
                 if who is None:
                     break
                 test = who if who in tests else tests[0]
-                if stands(program, test, number):
+                if stands(program, test, number, result):
                     return result, (program.name, test)
                 self.lonely.add((program.name, test))
                 tests.remove(test)
         return "survived", None
 
-    def confirmed(self, program, test, number):
+    def confirmed(self, program, test, number, result):
         """Whether a test fails once more with a change, by itself, and passes without."""
-        return self.again(program, test, number) and self.sound(program, test)
+        if result == "timed out":
+            return self.hangs(program, test, number)
+        return self.again(program, test, number, result) and self.sound(program, test)
 
-    def again(self, program, test, number):
+    def again(self, program, test, number, _):
         return self.failing(program, [test], number)[0] is not None
 
     def sound(self, program, test):
@@ -366,9 +390,36 @@ class Bench:
             self.sounds[(program.name, test)] = begun
         return True
 
-    def failing(self, program, tests, number):
-        """@return (the first test that fails, or what is known of it; how), None when all pass"""
-        usual = sum(program.usual[test] for test in tests)
+    def hangs(self, program, test, number):
+        """
+        Whether a test takes far too long with a change, and not because the machine is busy: it is
+        given a multiple of what it needs at the time without any change, before and behind.
+        """
+        needed = self.needed(program, test)
+        for _ in range(MOST_PATIENCE):
+            if needed is None:
+                return False
+            if self.failing(program, [test], number, needed)[0] is None:
+                return False
+            former = needed
+            needed = self.needed(program, test)
+            if needed is not None and needed <= 2 * former + 1: # as busy as before
+                self.sounds[(program.name, test)] = time.monotonic()
+                return True
+        return False
+
+    def needed(self, program, test):
+        """The seconds that a test takes now without any change; None when it fails."""
+        with self.box() as box:
+            status, _, took = box.run(self.narrowed(program, [test]), program.environment, 900, 900)
+        return took if status == 0 else None
+
+    def failing(self, program, tests, number, usual=0):
+        """
+        @param usual  the seconds that they take at this time, when that is known
+        @return (the first test that fails, or what is known of it; how), None when all pass
+        """
+        usual = max(usual, sum(program.usual[test] for test in tests))
         environment = {**program.environment, "MUTATION_CHOSEN": str(number)}
         with self.box() as box:
             status, output, _ = box.run(self.narrowed(program, tests), environment,
