@@ -192,6 +192,7 @@ void ControllerBoard::readPort(int64_t s64NowUs)
             continue;
         }
         m_pController->receive(strBytes, s64NowUs);
+        m_pController->advance(s64NowUs); // whoever hears the answer finds the beam as it says
         writeAnswers(s64NowUs);
     }
 }
