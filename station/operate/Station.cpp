@@ -408,3 +408,9 @@ void Station::reset()
         demandDone(m_pGuard->ask({{"do", "reset"}}));
     }
 }
+
+void Station::sendFirmware(int nFile, uint64_t u64Size, const std::string& strSum)
+{
+    m_journal.add("operator", "firmware, " + std::to_string(u64Size) + " bytes, SHA-256 " + strSum);
+    demandDone(m_pGuard->ask({{"do", "firmware"}, {"size", u64Size}, {"sha256", strSum}}, nFile));
+}

@@ -80,6 +80,9 @@ public:
     void unlock();
     void reset();
 
+    /** @param nFile  stays the caller's; the guard compares it with size and sum */
+    void sendFirmware(int nFile, uint64_t u64Size, const std::string& strSum);
+
 private:
     int loop();
     void onGuardEvent(const nlohmann::json& event);

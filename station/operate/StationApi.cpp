@@ -70,6 +70,9 @@ void StationApi::addState()
     m_server.get("/events", [this](const httplib::Request& request, httplib::Response& response) {
         watch(request, response);
     });
+    m_server.get("/metrics", [this](const httplib::Request&, httplib::Response& response) {
+        tellMetrics(response);
+    });
     m_server.get("/journal", [this](const httplib::Request& request, httplib::Response& response) {
         tellJournal(request, response);
     });
@@ -131,6 +134,57 @@ void StationApi::watch(const httplib::Request& request, httplib::Response& respo
         });
 }
 
+void StationApi::tellMetrics(httplib::Response& response)
+{
+    std::string strText;
+    const auto add = [&strText](const std::string& strName, const char* pType, const char* pHelp,
+                                const json& value) {
+        const std::string strValue = value.is_boolean() ? (value.get<bool>() ? "1" : "0")
+                                     : value.is_null()  ? "0"
+                                                        : value.dump();
+        strText += "# HELP kestrel_" + strName + " " + pHelp + "\n# TYPE kestrel_" + strName + " " +
+                   pType + "\nkestrel_" + strName + " " + strValue + "\n";
+    };
+    const json state = m_station.describe();
+    const json& guard = state["guard"];
+    const json& job = state["job"];
+    const bool bJob = job.is_object();
+    add("camera_pictures_total", "counter", "Pictures that the camera has delivered.",
+        state["camera"]["pictures"]);
+    add("camera_present", "gauge", "Whether a picture came in the last 2 s.",
+        state["camera"]["present"]);
+    add("guard_present", "gauge", "Whether the guard answers.", guard["present"]);
+    add("controller_present", "gauge", "Whether the controller is plugged in.",
+        guard["controller"]);
+    add("beam_seen_off", "gauge", "Whether the controller has shown that the beam is off.",
+        guard["beam_seen_off"]);
+    add("homed", "gauge", "Whether the place of the arm is known.", guard["homed"]);
+    add("level_dark", "gauge", "Whether the guard's level is dark.", "dark" == guard["level"]);
+    add("job_running", "gauge", "Whether a job is open.", bJob);
+    add("job_held", "gauge", "Whether it is held.", bJob && "held" == job["status"]);
+    add("job_lines", "gauge", "Lines of the job.", bJob ? job["lines"] : json(0));
+    add("job_lines_through", "gauge", "Lines of the job that are through.",
+        bJob ? job["line"] : json(0));
+    add("http_connections", "gauge", "Connections to the operator's interface.",
+        m_server.getConnections());
+    response.set_content(strText, "text/plain; version=0.0.4");
+}
+
+void StationApi::sendFirmware(const httplib::Request& request, httplib::Response& response,
+                              const httplib::ContentReader& reader)
+{
+    const uint64_t u64Size = takeCount(request, "size", 0, 1, ApiConnection::MAX_FILE);
+    const std::string strSum = request.get_param_value("sha256");
+    if (0 == u64Size || 64 != strSum.size() ||
+        std::string::npos != strSum.find_first_not_of("0123456789abcdef")) {
+        throw ApiProblem("bad-request", "An image comes with its size and its SHA-256.");
+    }
+    JobStore::Incoming incoming;
+    receiveFile(request, reader, incoming);
+    m_station.sendFirmware(incoming.finish(), u64Size, strSum);
+    answerJson(response, {{"size", u64Size}, {"sha256", strSum}});
+}
+
 void StationApi::addArm()
 {
     const auto change = [this](const char* pPath, void (Station::*pDo)()) {
@@ -146,6 +200,10 @@ void StationApi::addArm()
         m_station.turnOff();
         answerJson(response, m_station.describe()); // without another look
     });
+    m_server.upload(
+        "/firmware",
+        [this](const httplib::Request& request, httplib::Response& response,
+               const httplib::ContentReader& reader) { sendFirmware(request, response, reader); });
     change("/home", &Station::home);
     change("/unlock", &Station::unlock);
     change("/reset", &Station::reset);

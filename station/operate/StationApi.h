@@ -25,6 +25,9 @@ private:
     void addArm();
     void watch(const httplib::Request& request, httplib::Response& response);
     void tellJournal(const httplib::Request& request, httplib::Response& response);
+    void tellMetrics(httplib::Response& response);
+    void sendFirmware(const httplib::Request& request, httplib::Response& response,
+                      const httplib::ContentReader& reader);
     void tellState(httplib::Response& response);
 
     ApiServer& m_server;

@@ -1,5 +1,6 @@
 """The operator's interface with the arm: levels, beam off, moves, events; both languages."""
 
+import hashlib
 import signal
 import time
 import unittest
@@ -7,6 +8,12 @@ import unittest
 from harness import request as page_request
 from harness import wait_until
 from station import Events, Station, request
+
+
+def send_firmware(image, announced=None):
+    announced = image if announced is None else announced
+    digest = hashlib.sha256(announced).hexdigest()
+    return request("POST", f"/firmware?size={len(announced)}&sha256={digest}", image)
 
 
 class Arm(unittest.TestCase):
@@ -114,6 +121,16 @@ class Arm(unittest.TestCase):
         self.assertEqual(last + 1, told["id"])
         events.close()
 
+    def test_metrics_are_prometheus_text(self):
+        request("POST", "/level", {"level": "motion"})
+        text = request("GET", "/metrics").body.decode()
+        for line in text.splitlines():
+            self.assertRegex(line, r"^(# (HELP|TYPE) kestrel_[a-z_]+ .+|kestrel_[a-z_]+ \d+)$")
+        values = dict(line.split() for line in text.splitlines() if not line.startswith("#"))
+        self.assertEqual(("1", "0", "0"), tuple(values[f"kestrel_{name}"] for name in (
+            "guard_present", "level_dark", "job_running")))
+        self.assertGreater(int(values["kestrel_camera_pictures_total"]), 0)
+
     def test_measurement_without_login_does_nothing(self):
         self.board.homed()
         before = len(self.board.records("rx"))
@@ -125,9 +142,24 @@ class Arm(unittest.TestCase):
 class Grbl(Arm):
     language = "grbl"
 
+    def test_firmware_is_not_for_this_language(self):
+        self.assertEqual("not-supported", send_firmware(b"x" * 1000).problem)
+
 
 class OwnLanguage(Arm):
     language = "arm"
+
+    def test_firmware_is_taken_whole(self):
+        image = bytes(range(256)) * 40
+        self.assertEqual("checksum", send_firmware(image, announced=image[:-1]).problem)
+        self.assertEqual("bad-request", request("POST", "/firmware?size=1&sha256=0", image).problem)
+        request("POST", "/level", {"level": "motion"})
+        self.assertEqual("level", send_firmware(image).problem)
+        request("POST", "/level", {"level": "dark"})
+        answer = send_firmware(image)
+        self.assertEqual((200, len(image)), (answer.status, answer.json["size"]))
+        wait_until(lambda: f"firmware taken {len(image)}" in [each["text"] for each in request(
+            "GET", "/journal").json["entries"]], "it is taken")
 
 
 class ComingAndGoing(unittest.TestCase):
