@@ -41,8 +41,9 @@ std::unique_ptr<ILanguage> GuardWorker::makeLanguage(const Configuration& config
 
 GuardWorker::GuardWorker(const Configuration& configuration, std::string strLastPort, int nBeatFd)
     : m_configuration(configuration), m_strLastPort(std::move(strLastPort)), m_nBeatFd(nBeatFd),
-      m_pLanguage(makeLanguage(configuration)), m_journal(STDOUT_FILENO),
-      m_port(configuration.strPort), m_resetPin(configuration.strResetLine),
+      m_pLanguage(makeLanguage(configuration)), m_relay(STDOUT_FILENO, nBeatFd),
+      m_journal(m_relay.getFd()), m_port(configuration.strPort),
+      m_resetPin(configuration.strResetLine),
       m_servicePort(configuration.strLink),
       m_operator([this](OperatorSocket::Client& client, const std::string& strLine) {
           return onRequest(client, strLine);
@@ -96,7 +97,7 @@ bool GuardWorker::begin()
     if (!m_configuration.bHoming) {
         m_journal.write("THE ARM IS NOT HOMED: THE BOX IS WHERE THE CONTROLLER COUNTS FROM");
     }
-    return m_nSignalFd >= 0;
+    return m_nSignalFd >= 0 && m_relay.getFd() >= 0;
 }
 
 WORKER_E GuardWorker::run()

@@ -14,6 +14,7 @@
 #include "ILanguage.h"
 #include "Interlock.h"
 #include "Journal.h"
+#include "JournalRelay.h"
 #include "OperatorSocket.h"
 #include "ResetPin.h"
 #include "ServicePort.h"
@@ -29,7 +30,8 @@ enum WORKER_E
 
 /**
  * One event loop, poll(2), without threads. SIGTERM, SIGINT and SIGHUP have to be blocked, SIGPIPE
- * ignored. Nothing is allocated on a line's way, in either direction.
+ * ignored. Nothing is allocated on a line's way, in either direction, and nothing waits for what
+ * standard output takes.
  */
 class GuardWorker : public IGuardActions
 {
@@ -91,6 +93,7 @@ private:
     int m_nBeatFd;
     int m_nSignalFd = -1;
     std::unique_ptr<ILanguage> m_pLanguage;
+    JournalRelay m_relay; // started before any other descriptor is open
     Journal m_journal;
     GuardPort m_port;
     ResetPin m_resetPin;

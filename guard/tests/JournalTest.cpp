@@ -19,8 +19,7 @@ class JournalFile : public testing::Test
 protected:
     JournalFile()
     {
-        EXPECT_EQ(0, pipe2(m_anPipe.data(), O_CLOEXEC));
-        EXPECT_EQ(0, fcntl(m_anPipe[0], F_SETFL, O_NONBLOCK));
+        EXPECT_EQ(0, pipe2(m_anPipe.data(), O_CLOEXEC | O_NONBLOCK));
     }
     ~JournalFile() override
     {
