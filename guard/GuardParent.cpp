@@ -42,8 +42,8 @@ int GuardParent::run(const std::function<int(int)>& worker)
     const int nSignalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     int anBeat[2] = {-1, -1};
     if (nSignalFd < 0 || 0 != pipe2(anBeat, O_CLOEXEC | O_NONBLOCK)) {
-        perror("kestrel-guard: pipe");
-        return turnOff();
+        const int nError = errno;
+        return turnOff(nError);
     }
     const pid_t nParent = getpid();
     const pid_t nWorker = fork();
@@ -51,14 +51,13 @@ int GuardParent::run(const std::function<int(int)>& worker)
         close(anBeat[0]);
         close(nSignalFd);
         prctl(PR_SET_PDEATHSIG, SIGTERM);
-        _exit((getppid() == nParent) ? worker(anBeat[1]) : 1);
+        exit((getppid() == nParent) ? worker(anBeat[1]) : 1); // in order: a leak check may follow
     }
+    const int nError = (nWorker < 0) ? errno : 0;
     close(anBeat[1]);
     int nStatus = 0;
     bool bEnded = false;
-    if (nWorker < 0) {
-        perror("kestrel-guard: fork");
-    } else {
+    if (nWorker > 0) {
         watch(nWorker, anBeat[0], nSignalFd);
         bEnded = waitForEnd(nWorker, OWN_END_MS, nStatus);
         if (!bEnded) {
@@ -69,7 +68,7 @@ int GuardParent::run(const std::function<int(int)>& worker)
     close(anBeat[0]);
     close(nSignalFd);
     const bool bInOrder = bEnded && WIFEXITED(nStatus) && 1 != WEXITSTATUS(nStatus);
-    return bInOrder ? WEXITSTATUS(nStatus) : turnOff();
+    return bInOrder ? WEXITSTATUS(nStatus) : turnOff(nError);
 }
 
 /** Returns when the worker has ended, has missed a beat, or cannot be watched. */
@@ -114,14 +113,19 @@ bool GuardParent::waitForEnd(pid_t nWorker, int nMs, int& nStatus)
     return false;
 }
 
-int GuardParent::turnOff() const
+int GuardParent::turnOff(int nError) const
 {
     const bool bSent = GuardPort::sendOff(m_strPort);
-    fprintf(stderr, "kestrel-guard: the worker is gone, beam off %s\n",
-            bSent ? "sent" : strerror(errno));
+    const int nSendError = errno;
+    const bool bHeld = !bSent && m_resetPin.isThere() && m_resetPin.hold(true);
+    const int nHoldError = errno;
+    // Told only now: standard error may take nothing.
+    fprintf(stderr, "kestrel-guard: %s%s, beam off %s\n",
+            (0 == nError) ? "the worker is gone" : "no worker: ",
+            (0 == nError) ? "" : strerror(nError), bSent ? "sent" : strerror(nSendError));
     if (!bSent && m_resetPin.isThere()) {
-        const bool bHeld = m_resetPin.hold(true);
-        fprintf(stderr, "kestrel-guard: reset line %s\n", bHeld ? "held low" : strerror(errno));
+        fprintf(stderr, "kestrel-guard: reset line %s\n",
+                bHeld ? "held low" : strerror(nHoldError));
     }
     return 1;
 }

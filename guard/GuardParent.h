@@ -38,7 +38,8 @@ public:
 private:
     void watch(pid_t nWorker, int nBeatFd, int nSignalFd);
     static bool waitForEnd(pid_t nWorker, int nMs, int& nStatus);
-    int turnOff() const;
+    /** @param nError  why there was no worker, else 0 */
+    int turnOff(int nError) const;
     static void notify(const char* pText);
     static int64_t nowMs();
 

@@ -99,14 +99,21 @@ int GuardPort::read(char* pBuffer, size_t uSize) const
 
 bool GuardPort::sendOff(const std::string& strPath)
 {
-    const int nFd = ::open(strPath.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    int nFd = -1;
+    do {
+        nFd = ::open(strPath.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    } while (nFd < 0 && EINTR == errno);
     if (nFd < 0) {
         return false;
     }
     (void)setRawLine(nFd);    // as good as it goes
     (void)tcflow(nFd, TCOON); // somebody may have stopped it
     tcflush(nFd, TCOFLUSH);
-    const bool bSent = 1 == ::write(nFd, &BEAM_OFF, 1);
+    ssize_t nWritten = 0;
+    do {
+        nWritten = ::write(nFd, &BEAM_OFF, 1);
+    } while (nWritten < 0 && EINTR == errno);
+    const bool bSent = 1 == nWritten;
     const int nError = errno;
     // A closed port drops what it has not sent; tcdrain(3) would wait for a stuck one for ever.
     int nLeft = bSent ? 1 : 0;

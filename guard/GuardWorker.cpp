@@ -43,8 +43,7 @@ GuardWorker::GuardWorker(const Configuration& configuration, std::string strLast
     : m_configuration(configuration), m_strLastPort(std::move(strLastPort)), m_nBeatFd(nBeatFd),
       m_pLanguage(makeLanguage(configuration)), m_relay(STDOUT_FILENO, nBeatFd),
       m_journal(m_relay.getFd()), m_port(configuration.strPort),
-      m_resetPin(configuration.strResetLine),
-      m_servicePort(configuration.strLink),
+      m_resetPin(configuration.strResetLine), m_servicePort(configuration.strLink),
       m_operator([this](OperatorSocket::Client& client, const std::string& strLine) {
           return onRequest(client, strLine);
       }),
@@ -60,7 +59,8 @@ GuardWorker::~GuardWorker()
     }
 }
 
-bool GuardWorker::begin()
+/** @return how it has ended already, or nothing: it works */
+std::optional<WORKER_E> GuardWorker::begin()
 {
     sigset_t signals;
     sigemptyset(&signals);
@@ -70,23 +70,29 @@ bool GuardWorker::begin()
     m_nSignalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     const PORT_E ePort = m_port.open();
     if (PORT_TAKEN == ePort) {
-        fprintf(stderr, "kestrel-guard: another guard has %s\n", m_port.getPath().c_str());
-        return false;
+        return refuse(WORKER_REFUSED, "another guard has " + m_port.getPath());
     }
     if (PORT_OPEN == ePort) { // first of all
         m_interlock.onPortUp(nowUs());
         keepLastPort();
     }
+    if (m_nSignalFd < 0 || m_relay.getFd() < 0) {
+        return refuse(WORKER_NOT_SEEN, std::string("no signals or no journal: ") + strerror(errno));
+    }
     std::string strError;
-    if (!m_operator.open(m_configuration.strSocket, m_configuration.strGroup, strError) ||
-        !m_servicePort.setGroup(m_configuration.strServiceGroup, strError)) {
-        fprintf(stderr, "kestrel-guard: %s\n", strError.c_str());
-        return false;
+    if (!m_servicePort.setGroup(m_configuration.strServiceGroup, strError)) {
+        return refuse(WORKER_REFUSED, strError);
+    }
+    switch (m_operator.open(m_configuration.strSocket, m_configuration.strGroup, strError)) {
+    case SOCKET_OPEN:
+        break;
+    case SOCKET_REFUSED:
+        return refuse(WORKER_REFUSED, strError);
+    case SOCKET_FAILED:
+        return refuse(WORKER_NOT_SEEN, strError);
     }
     if (!m_servicePort.renew()) {
-        fprintf(stderr, "kestrel-guard: %s: %s\n", m_configuration.strLink.c_str(),
-                strerror(errno));
-        return false;
+        return refuse(WORKER_NOT_SEEN, m_configuration.strLink + ": " + strerror(errno));
     }
     if (!m_resetPin.prepare()) {
         m_journal.write(std::string("NO RESET LINE: ") + strerror(errno));
@@ -97,13 +103,19 @@ bool GuardWorker::begin()
     if (!m_configuration.bHoming) {
         m_journal.write("THE ARM IS NOT HOMED: THE BOX IS WHERE THE CONTROLLER COUNTS FROM");
     }
-    return m_nSignalFd >= 0 && m_relay.getFd() >= 0;
+    return std::nullopt;
+}
+
+WORKER_E GuardWorker::refuse(WORKER_E eHow, const std::string& strText)
+{
+    fprintf(stderr, "kestrel-guard: %s\n", strText.c_str());
+    return eHow;
 }
 
 WORKER_E GuardWorker::run()
 {
-    if (!begin()) {
-        return WORKER_REFUSED;
+    if (const std::optional<WORKER_E> eEnded = begin()) {
+        return *eEnded;
     }
     for (;;) {
         beat();
@@ -112,7 +124,7 @@ WORKER_E GuardWorker::run()
         }
         if (m_bEnding && isEnded()) {
             const bool bDark = m_interlock.isBeamSeenOff() || m_port.getFd() < 0;
-            return bDark ? WORKER_DARK : WORKER_NOT_SEEN;
+            return (bDark && !m_bOrphan) ? WORKER_DARK : WORKER_NOT_SEEN;
         }
         if (m_port.isBroken()) {
             losePort();
@@ -293,6 +305,7 @@ void GuardWorker::beat()
     m_s64BeatUs = s64NowUs + BEAT;
     if (write(m_nBeatFd, "b", 1) < 0 && EPIPE == errno && !m_bEnding) { // full: it is stopped
         m_journal.write("the parent is gone");
+        m_bOrphan = true;
         end();
     }
 }

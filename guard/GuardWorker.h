@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,8 +24,8 @@
 enum WORKER_E
 {
     WORKER_DARK = 0,     // asked to; the beam was seen off, or there was no controller
-    WORKER_NOT_SEEN = 1, // asked to, and the controller did not show it
-    WORKER_REFUSED = 2,  // could not begin
+    WORKER_NOT_SEEN = 1, // the controller did not show it, nobody has asked, or a call has failed
+    WORKER_REFUSED = 2,  // another guard is there, or the configuration names what is not there
     WORKER_ANEW = 3      // SIGHUP in dark: begin again with the configuration as it is now
 };
 
@@ -65,7 +66,8 @@ private:
     static std::unique_ptr<ILanguage> makeLanguage(const Configuration& configuration);
     static int64_t nowUs();
 
-    bool begin();
+    std::optional<WORKER_E> begin();
+    static WORKER_E refuse(WORKER_E eHow, const std::string& strText);
     bool isEnded() const;
     void openPort();
     void losePort();
@@ -109,6 +111,7 @@ private:
     Interlock m_interlock;
 
     bool m_bEnding = false;
+    bool m_bOrphan = false; // nobody has asked for the end
     int64_t m_s64EndUs = 0;
     bool m_bAnew = false;
     bool m_bTaken = false;   // somebody else has the port

@@ -41,23 +41,23 @@ bool OperatorSocket::isTaken(const std::string& strPath)
     return bTaken;
 }
 
-bool OperatorSocket::open(const std::string& strPath, const std::string& strGroup,
-                          std::string& strError)
+SOCKET_E OperatorSocket::open(const std::string& strPath, const std::string& strGroup,
+                              std::string& strError)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (strPath.size() >= sizeof(address.sun_path)) {
         strError = "the socket's path is too long: " + strPath;
-        return false;
+        return SOCKET_REFUSED;
     }
     memcpy(address.sun_path, strPath.c_str(), strPath.size());
     gid_t uGroup = 0;
     if (!findGroup(strGroup, uGroup, strError)) {
-        return false;
+        return SOCKET_REFUSED;
     }
     if (isTaken(strPath)) {
         strError = "another guard has " + strPath;
-        return false;
+        return SOCKET_REFUSED;
     }
     const int nFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     unlink(strPath.c_str());
@@ -71,11 +71,11 @@ bool OperatorSocket::open(const std::string& strPath, const std::string& strGrou
         if (nFd >= 0) {
             ::close(nFd);
         }
-        return false;
+        return SOCKET_FAILED;
     }
     m_strPath = strPath;
     m_nFd = nFd;
-    return true;
+    return SOCKET_OPEN;
 }
 
 void OperatorSocket::addTo(std::vector<pollfd>& vecPoll) const
@@ -125,23 +125,25 @@ void OperatorSocket::accept()
     m_listClient.back().uUser = user.uid;
 }
 
-/** Keeps the first of the descriptors that came with a message; the kernel gives what fits. */
-void OperatorSocket::takePassed(Client& client, msghdr& message)
+/**
+ * Keeps the first of the descriptors that came with a message. The kernel puts all of them, as many
+ * as fit, into one header.
+ */
+void OperatorSocket::takePassed(Client& client, const msghdr& message)
 {
-    for (const cmsghdr* pHeader = CMSG_FIRSTHDR(&message); nullptr != pHeader;
-         pHeader = CMSG_NXTHDR(&message, const_cast<cmsghdr*>(pHeader))) {
-        if (SOL_SOCKET != pHeader->cmsg_level || SCM_RIGHTS != pHeader->cmsg_type) {
-            continue;
+    const cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
+    if (nullptr == pHeader || SOL_SOCKET != pHeader->cmsg_level ||
+        SCM_RIGHTS != pHeader->cmsg_type) {
+        return;
+    }
+    for (size_t u = 0; CMSG_LEN((u + 1) * sizeof(int)) <= pHeader->cmsg_len; ++u) {
+        int nFd = -1;
+        memcpy(&nFd, CMSG_DATA(pHeader) + u * sizeof(int), sizeof(int));
+        if (0 == u) {
+            std::swap(nFd, client.nPassed);
         }
-        for (size_t u = 0; CMSG_LEN((u + 1) * sizeof(int)) <= pHeader->cmsg_len; ++u) {
-            int nFd = -1;
-            memcpy(&nFd, CMSG_DATA(pHeader) + u * sizeof(int), sizeof(int));
-            if (0 == u) {
-                std::swap(nFd, client.nPassed);
-            }
-            if (nFd >= 0) {
-                ::close(nFd);
-            }
+        if (nFd >= 0) {
+            ::close(nFd);
         }
     }
 }

@@ -10,6 +10,13 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
+enum SOCKET_E
+{
+    SOCKET_OPEN,
+    SOCKET_REFUSED, // somebody listens there already, or path or group cannot be
+    SOCKET_FAILED   // a call has failed, which may succeed another time
+};
+
 /**
  * A Unix stream socket, mode 0660. Each line is a request and gets one line; events go to whoever
  * has asked for them. At most MAX_CLIENTS connections; one that sends a line over MAX_LINE bytes,
@@ -46,9 +53,9 @@ public:
 
     /**
      * @param strGroup  who may connect besides the owner; empty: the process's group
-     * @param strError  one line, when it cannot be made or somebody listens there already
+     * @param strError  one line, unless it is open
      */
-    bool open(const std::string& strPath, const std::string& strGroup, std::string& strError);
+    SOCKET_E open(const std::string& strPath, const std::string& strGroup, std::string& strError);
 
     /** Append what to wait for. */
     void addTo(std::vector<pollfd>& vecPoll) const;
@@ -70,7 +77,7 @@ private:
     void accept();
     bool receive(Client& client);
     bool handleLines(Client& client);
-    static void takePassed(Client& client, msghdr& message);
+    static void takePassed(Client& client, const msghdr& message);
     static bool send(const Client& client, const char* pText, size_t uLength);
     static bool send(const Client& client, const std::string& strLine);
     static void close(Client& client);

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <string>
 
@@ -52,11 +53,18 @@ int check(const std::string& strConfiguration)
     return bRead ? 0 : 2;
 }
 
-} // namespace
+/** The worker's status. Without memory it ends in order, and its parent turns the beam off. */
+int work(const Configuration& configuration, const std::string& strLast, int nBeatFd)
+{
+    try {
+        return static_cast<int>(GuardWorker(configuration, strLast, nBeatFd).run());
+    } catch (const std::exception& error) {
+        fprintf(stderr, "kestrel-guard: %s\n", error.what());
+        return static_cast<int>(WORKER_NOT_SEEN);
+    }
+}
 
-// Without memory at its start it ends, and is started again.
-// NOLINTNEXTLINE(bugprone-exception-escape)
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     CLI::App app(
         "Keeps the laser off in any fault, between the service and the motion controller.");
@@ -96,16 +104,29 @@ int main(int argc, char** argv)
         Configuration configuration;
         std::string strError;
         if (!readConfiguration(strConfiguration, configuration, strError)) {
-            fprintf(stderr, "kestrel-guard: %s\n", strError.c_str());
+            // Before anything is told: standard error may take nothing.
             (void)switchOff(strPort.empty() ? readLastPort(strLast) : strPort); // told either way
+            fprintf(stderr, "kestrel-guard: %s\n", strError.c_str());
             return 2;
         }
         GuardParent parent(configuration.strPort, configuration.strResetLine);
         const int nStatus = parent.run([&configuration, &strLast](int nBeatFd) {
-            return static_cast<int>(GuardWorker(configuration, strLast, nBeatFd).run());
+            return work(configuration, strLast, nBeatFd);
         });
         if (WORKER_ANEW != nStatus) {
             return nStatus;
         }
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) { // no memory at the start: it is started again
+        fprintf(stderr, "kestrel-guard: %s\n", error.what());
+        return 1;
     }
 }

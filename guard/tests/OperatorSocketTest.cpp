@@ -46,7 +46,7 @@ protected:
     void open(const std::string& strGroup = "")
     {
         std::string strError;
-        ASSERT_TRUE(m_pSocket->open(m_strPath, strGroup, strError)) << strError;
+        ASSERT_EQ(SOCKET_OPEN, m_pSocket->open(m_strPath, strGroup, strError)) << strError;
     }
     static int connectTo(const std::string& strPath)
     {
@@ -297,11 +297,11 @@ TEST_F(OperatorSocketRequests, OnlyOwnerAndGroupMayConnect)
 TEST_F(OperatorSocketRequests, WhatIsInTheWayIsTold)
 {
     std::string strError;
-    EXPECT_FALSE(m_pSocket->open("/nonexistent/socket", "", strError));
+    EXPECT_EQ(SOCKET_FAILED, m_pSocket->open("/nonexistent/socket", "", strError));
     EXPECT_EQ("/nonexistent/socket: No such file or directory", strError);
-    EXPECT_FALSE(m_pSocket->open(m_strPath, "no such one", strError));
+    EXPECT_EQ(SOCKET_REFUSED, m_pSocket->open(m_strPath, "no such one", strError));
     EXPECT_EQ("no such group: no such one", strError);
-    EXPECT_FALSE(m_pSocket->open(std::string(200, 'x'), "", strError));
+    EXPECT_EQ(SOCKET_REFUSED, m_pSocket->open(std::string(200, 'x'), "", strError));
     EXPECT_EQ("the socket's path is too long: " + std::string(200, 'x'), strError);
 }
 
@@ -311,7 +311,7 @@ TEST_F(OperatorSocketRequests, SocketOfAnotherGuardIsLeftAloneAndADeadOnesReplac
     OperatorSocket other([](OperatorSocket::Client&, const std::string&) { return "x"; });
     std::string strError;
 
-    EXPECT_FALSE(other.open(m_strPath, "", strError));
+    EXPECT_EQ(SOCKET_REFUSED, other.open(m_strPath, "", strError));
     EXPECT_EQ("another guard has " + m_strPath, strError);
     serve(); // the other's look
     EXPECT_EQ("[x]\n", ask(connect(), "x\n"));
@@ -319,10 +319,10 @@ TEST_F(OperatorSocketRequests, SocketOfAnotherGuardIsLeftAloneAndADeadOnesReplac
     const pid_t nChild = fork();
     if (0 == nChild) { // dies without taking its socket along
         OperatorSocket dead([](OperatorSocket::Client&, const std::string&) { return "x"; });
-        _exit(dead.open(m_strPath + "2", "", strError) ? 0 : 1);
+        _exit((SOCKET_OPEN == dead.open(m_strPath + "2", "", strError)) ? 0 : 1);
     }
     int nStatus = 1;
     waitpid(nChild, &nStatus, 0);
     ASSERT_EQ(0, nStatus);
-    EXPECT_TRUE(other.open(m_strPath + "2", "", strError)) << strError;
+    EXPECT_EQ(SOCKET_OPEN, other.open(m_strPath + "2", "", strError)) << strError;
 }

@@ -20,21 +20,24 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/select.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
 #include "CallNote.h"
 #include "LibraryCall.h"
 
-#define MAX_RULES 24
+#define MAX_RULES 48
 #define MAX_TEXT 256
 #define MAX_ERRORS 32
 #define MAX_EXCEPT 4
@@ -122,6 +125,7 @@ static const struct ErrorName ERROR_NAMES[] = {
     {"ENOBUFS", ENOBUFS},
     {"ENODEV", ENODEV},
     {"ENOENT", ENOENT},
+    {"ENOLCK", ENOLCK},
     {"ENOMEM", ENOMEM},
     {"ENONET", ENONET},
     {"ENOPKG", ENOPKG},
@@ -133,6 +137,7 @@ static const struct ErrorName ERROR_NAMES[] = {
     {"ENOTDIR", ENOTDIR},
     {"ENOTSOCK", ENOTSOCK},
     {"ENOTSUP", ENOTSUP},
+    {"ENOTTY", ENOTTY},
     {"ENXIO", ENXIO},
     {"EOPNOTSUPP", EOPNOTSUPP},
     {"EOVERFLOW", EOVERFLOW},
@@ -140,6 +145,7 @@ static const struct ErrorName ERROR_NAMES[] = {
     {"EPIPE", EPIPE},
     {"EPROTO", EPROTO},
     {"EPROTONOSUPPORT", EPROTONOSUPPORT},
+    {"ERANGE", ERANGE},
     {"EROFS", EROFS},
     {"ESOCKTNOSUPPORT", ESOCKTNOSUPPORT},
     {"ESRCH", ESRCH},
@@ -736,9 +742,32 @@ BY_FD_NOTED(ssize_t, write, (int fd, const void* pData, size_t uCount), (fd, pDa
 BY_FD(int, close, (int fd), (fd), -1)
 BY_TEXT(int, access, (const char* text, int nMode), (text, nMode), -1)
 BY_TEXT(int, stat, (const char* text, struct stat* pStat), (text, pStat), -1)
+BY_FD_NOTED(ssize_t, pread, (int fd, void* pBuffer, size_t uCount, off_t nOffset),
+            (fd, pBuffer, uCount, nOffset), -1, "%d %zu", fd, uCount)
+BY_TEXT(int, rename, (const char* text, const char* pNew), (text, pNew), -1)
+BY_TEXT(int, symlink, (const char* text, const char* pLink), (text, pLink), -1)
+BY_TEXT(int, unlink, (const char* text), (text), -1)
+BY_TEXT(int, chmod, (const char* text, mode_t uMode), (text, uMode), -1)
+BY_TEXT(int, chown, (const char* text, uid_t uUser, gid_t uGroup), (text, uUser, uGroup), -1)
+BY_FD(int, flock, (int fd, int nOperation), (fd, nOperation), -1)
 PLAIN(int, pipe, (int anFd[2]), (anFd), -1)
+PLAIN(int, pipe2, (int anFd[2], int nFlags), (anFd, nFlags), -1)
+BY_FD(void*, mmap,
+      (void* pStart, size_t uLength, int nProtection, int nFlags, int fd, off_t nOffset),
+      (pStart, uLength, nProtection, nFlags, fd, nOffset), MAP_FAILED)
 PLAIN(int, munmap, (void* pStart, size_t uLength), (pStart, uLength), -1)
 BY_TEXT(void*, dlopen, (const char* text, int nFlags), (text, nFlags), NULL)
+
+// Terminals. Weak: a test may have some of its own.
+#pragma weak tcgetattr
+#pragma weak tcsetattr
+BY_FD(int, tcgetattr, (int fd, struct termios* pAttributes), (fd, pAttributes), -1)
+BY_FD(int, tcsetattr, (int fd, int nActions, const struct termios* pAttributes),
+      (fd, nActions, pAttributes), -1)
+PLAIN(int, posix_openpt, (int nFlags), (nFlags), -1)
+BY_FD(int, grantpt, (int fd), (fd), -1)
+BY_FD(int, unlockpt, (int fd), (fd), -1)
+INTERCEPT_RETURNED(ptsname_r, (int fd, char* pBuffer, size_t uSize), (fd, pBuffer, uSize), "%d", fd)
 
 // Sockets.
 PLAIN(int, socket, (int nDomain, int nType, int nProtocol), (nDomain, nType, nProtocol), -1)
@@ -764,6 +793,7 @@ BY_FD_NOTED(ssize_t, send, (int fd, const void* pData, size_t uCount, int nFlags
             (fd, pData, uCount, nFlags), -1, "%d %zu", fd, uCount)
 BY_FD_NOTED(ssize_t, recv, (int fd, void* pBuffer, size_t uCount, int nFlags),
             (fd, pBuffer, uCount, nFlags), -1, "%d %zu", fd, uCount)
+BY_FD(ssize_t, recvmsg, (int fd, struct msghdr* pMessage, int nFlags), (fd, pMessage, nFlags), -1)
 BY_FD(ssize_t, sendmsg, (int fd, const struct msghdr* pMessage, int nFlags), (fd, pMessage, nFlags),
       -1)
 BY_FD_NOTED(ssize_t, sendto,
@@ -840,8 +870,9 @@ INTERCEPT_RETURNED(clock_nanosleep,
 PLAIN_NOTED(int, usleep, (useconds_t uTime), (uTime), -1, "%u", (unsigned)uTime)
 PLAIN_NOTED(unsigned, sleep, (unsigned uTime), (uTime), uTime, "%u", uTime)
 
-// Processes and threads.
+// Processes, signals and threads.
 PLAIN(pid_t, fork, (void), (), -1)
+PLAIN(int, signalfd, (int nFd, const sigset_t* pSignals, int nFlags), (nFd, pSignals, nFlags), -1)
 PLAIN(pid_t, setsid, (void), (), -1)
 BY_TEXT(int, execv, (const char* text, char* const argv[]), (text, argv), -1)
 BY_TEXT(int, execvp, (const char* text, char* const argv[]), (text, argv), -1)
