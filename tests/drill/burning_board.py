@@ -89,6 +89,7 @@ class Board:
 
     def __init__(self, language):
         self.language = language
+        self.environment = None  # of the guard
         # In memory: a disk that is busy stops whoever writes a log, for seconds at times.
         self.folder = tempfile.mkdtemp(prefix="kestrel-drill.", dir=MEMORY if os.path.isdir(MEMORY) else None)
         self.guard = self.service = self.operator = None
@@ -161,6 +162,12 @@ class Board:
         if self.guard is not None and self.guard.poll() is None and self.reset_line == reset_line:
             return
         self.stop_guard()
+        self.configure(reset_line)
+        self.operator = wait_until(self.run_guard, "the guard works")
+        self.worker_id = self.worker()
+
+    def configure(self, reset_line):
+        """For a guard that is not running."""
         line = f'reset_line = "{self.path("gpio/gpio106/value")}"\n' if reset_line else ""
         with open(self.path("guard.toml"), "w", encoding="utf-8") as file:
             file.write(f'[controller]\nport = "{self.path("port")}"\nlanguage = "{LANGUAGES[self.language]}"\n{line}'
@@ -170,14 +177,15 @@ class Board:
         self.reset_line = reset_line
         with contextlib.suppress(FileNotFoundError):
             os.unlink(self.path("socket"))
-        self.operator = wait_until(self.run_guard, "the guard works")
-        self.worker_id = self.worker()
+
+    def launch(self):
+        self.guard = start([GUARD, "--config", self.path("guard.toml"), "--last-port", self.path("last-port")],
+                           stdout=self.journal, stderr=self.journal, env=self.environment)
 
     def run_guard(self):
         """As the service manager does: one that has ended is started again."""
         if self.guard is None or self.guard.poll() is not None:
-            self.guard = start([GUARD, "--config", self.path("guard.toml"), "--last-port", self.path("last-port")],
-                               stdout=self.journal, stderr=self.journal)
+            self.launch()
         try:
             return Lines(self.path("socket"))
         except OSError:

@@ -70,6 +70,22 @@ def bare(line):
     return line.replace(" ", "")
 
 
+def taken(records, pattern):
+    """The first groups of the job's lines that the controller took, as numbers. A line that is answered by
+    "status:1" in place of "ok" was not taken, and comes again."""
+    numbers, waiting = [], []
+    for record in records:
+        found = re.match(pattern, bare(record.text)) if record.kind == "rx" else None
+        if found:
+            numbers.append(int(found.group(1)))
+            waiting.append(numbers[-1])
+        elif record.kind == "tx" and waiting and re.match("ok|error|status:1", record.text):
+            number = waiting.pop(0)
+            if record.text.startswith("status:1"):
+                numbers.remove(number)
+    return numbers
+
+
 def is_lit(record):
     return record.kind == "beam" and record.text.startswith("on=1")
 

@@ -1,4 +1,4 @@
-"""The calls that are made to fail, and the errors that each one's manual page names.
+"""The calls of service and guard that are made to fail, and the errors that each one's manual page names.
 
 The pages are those of the Linux man-pages project, sections 2 and 3. Where a page refers to another
 one (fopen to open and malloc, popen to fork and pipe), that page's errors are given too. All are
@@ -12,6 +12,7 @@ FOREVER = 4294967295  # a position that no run reaches: the rule only counts
 
 SERVICE = "kestrel-server"
 VISION = "kestrel-server-vision"  # the service with its vision host up
+GUARD = "kestrel-guard"
 
 
 class Call:
@@ -73,5 +74,56 @@ MEASURING = (
     Call("operator new, measuring", "new", "ENOMEM", "malloc(3), which is inside", "measure", 3000,
          VISION),
 )
+
+SOCKET = "EACCES EAFNOSUPPORT EINVAL EMFILE ENFILE ENOBUFS ENOMEM EPROTONOSUPPORT"
+PATH = "EACCES EEXIST EIO ELOOP ENAMETOOLONG ENOENT ENOMEM ENOSPC ENOTDIR EPERM EROFS"
+TERMINAL = "EBADF EINTR EINVAL ENOTTY EIO"
+
+
+def guarding(name, errors, manual, last=60):
+    """A call of the guard's; its last position is counted from the end of the start."""
+    return Call(f"{name}, guard", name, errors, manual, last=last, program=GUARD)
+
+
+# The guard's, in both of its processes and the one that writes the journal. "close" is left out, which
+# closes whatever it returns, and so are "kill" and "waitpid" of a child.
+GUARDING = (
+    guarding("open", OPEN, "open(2)"),
+    guarding("fopen64", OPEN, "fopen(3), open(2), malloc(3)"),
+    guarding("read", "EAGAIN EBADF EFAULT EINTR EINVAL EIO EISDIR", "read(2)", 300),
+    guarding("write", WRITE, "write(2)", 300),
+    guarding("poll", "EFAULT EINTR EINVAL ENOMEM", "poll(2)", 300),
+    guarding("pread", "EAGAIN EBADF EFAULT EINTR EINVAL EIO", "pread(2), read(2)"),
+    guarding("flock", "EBADF EINTR EINVAL ENOLCK", "flock(2)"),
+    guarding("tcgetattr", TERMINAL, "termios(3), tty_ioctl(4)"),
+    guarding("tcsetattr", TERMINAL, "termios(3), tty_ioctl(4)"),
+    guarding("posix_openpt", "EAGAIN EMFILE ENFILE ENOSPC", "posix_openpt(3)"),
+    guarding("grantpt", "EACCES EBADF EINVAL", "grantpt(3)"),
+    guarding("unlockpt", "EBADF EINVAL", "unlockpt(3)"),
+    guarding("ptsname_r", "ENOTTY ERANGE", "ptsname(3)"),
+    guarding("symlink", PATH, "symlink(2)"),
+    guarding("rename", PATH, "rename(2)"),
+    guarding("unlink", PATH, "unlink(2)"),
+    guarding("chmod", PATH, "chmod(2)"),
+    guarding("chown", PATH, "chown(2)"),
+    guarding("mmap", "EACCES EAGAIN EBADF EINVAL ENFILE ENODEV ENOMEM EPERM", "mmap(2)"),
+    guarding("pipe2", "EFAULT EINVAL EMFILE ENFILE", "pipe(2)"),
+    guarding("fork", "EAGAIN ENOMEM ENOSYS", "fork(2)"),
+    guarding("signalfd", "EBADF EINVAL EMFILE ENFILE ENODEV ENOMEM", "signalfd(2)"),
+    guarding("socket", SOCKET, "socket(2)"),
+    guarding("bind", "EACCES EADDRINUSE EBADF EINVAL ELOOP ENOMEM ENOENT ENOTDIR EROFS", "bind(2)"),
+    guarding("listen", "EADDRINUSE EBADF EOPNOTSUPP", "listen(2)"),
+    guarding("accept4", "EAGAIN EBADF ECONNABORTED EFAULT EINTR EINVAL EMFILE ENFILE ENOBUFS ENOMEM EPERM EPROTO",
+             "accept(2)"),
+    guarding("getsockopt", "EBADF EFAULT EINVAL ENOPROTOOPT", "getsockopt(2)"),
+    guarding("recvmsg", "EAGAIN EBADF ECONNREFUSED EFAULT EINTR EINVAL ENOMEM ENOTCONN", "recv(2)", 300),
+    guarding("send", "EACCES EAGAIN EBADF ECONNRESET EINTR EMSGSIZE ENOBUFS ENOMEM ENOTCONN EPIPE", "send(2)", 300),
+    guarding("malloc", "ENOMEM", "malloc(3)", 300),
+    guarding("new", "ENOMEM", "malloc(3), which is inside", 1000),
+)
+
+# Those that come again and again while the guard works; the others only where it begins anew.
+AT_WORK = ("open", "read", "write", "poll", "pread", "flock", "tcsetattr", "posix_openpt", "symlink", "mmap", "accept4",
+           "recvmsg", "send", "malloc", "new")
 
 ALLOCATIONS = ("malloc", "calloc", "realloc", "new")  # rules
