@@ -1,4 +1,4 @@
-"""The table of one or two runs. usage: report.py RECORD..."""
+"""The table of one or two runs. usage: report.py [--guard] RECORD..."""
 
 import json
 import sys
@@ -7,6 +7,8 @@ COUNTS = ("rounds", "connects", "frames", "snapshots", "files", "camera commands
           "heights measured", "log lines",
           "nonsense sent", "vanished silently", "camera unplugged", "camera faults",
           "cable unplugged", "jobs", "job lines printed", "replies disturbed")
+GUARD_COUNTS = ("rounds", "job lines", "whole", "paused", "service killed", "service silent", "unplugged", "restarted",
+                "alarm", "garbage", "operator off", "lease lost", "strangers", "guards started again")
 # Name in the record, in the table, and what divides the number.
 WATCHED = (("resident", "resident memory, kB", 1), ("allocated", "allocated, kB", 1024),
            ("descriptors", "descriptors", 1), ("threads", "threads", 1),
@@ -33,13 +35,26 @@ def rows(record):
     yield "verdict", "FAILED" if record["failures"] else "clean"
 
 
+def guard_rows(record):
+    yield "minutes", f"{record['minutes']:.1f}"
+    yield "seed", str(record["seed"])
+    for name in GUARD_COUNTS:
+        yield name, f"{record['counts'].get(name, 0):,}"
+    for name, samples in record["samples"].items():
+        values = [value for _, value in samples] or [0]
+        yield (name.replace("resident", "resident, kB"),
+               " / ".join(f"{number:,}" for number in (values[0], max(values), values[-1])))
+    yield "verdict", "FAILED" if record["failures"] else "clean"
+
+
 def main():
     records = []
-    for path in sys.argv[1:]:
+    guard = sys.argv[1] == "--guard"
+    for path in sys.argv[2 if guard else 1:]:
         with open(path, encoding="utf-8") as file:
             records.append(json.load(file))
-    print(f"{'':22}" + "".join(f"{record['build']:>28}" for record in records))
-    for columns in zip(*(rows(record) for record in records)):
+    print(f"{'guard' if guard else '':22}" + "".join(f"{record['build']:>28}" for record in records))
+    for columns in zip(*((guard_rows if guard else rows)(record) for record in records)):
         print(f"{columns[0][0]:22}" + "".join(f"{value:>28}" for _, value in columns))
     print("(three numbers: at the first quiet moment / highest / at the last quiet moment)")
     failed = False
