@@ -65,7 +65,7 @@ def resident_kilobytes(pid):
 
 
 class VirtualBoard:
-    """The service on a virtual camera, in a network, mount and /tmp of its own, at `address`."""
+    """The service on a virtual camera, in a network of its own, at `address`."""
 
     def __init__(self, number, camera=("--keep", "400")):
         self.name = f"board-{number}"
@@ -74,7 +74,7 @@ class VirtualBoard:
         self.folder = tempfile.mkdtemp(prefix="kestrel-camera.")
         self.server = None
         # Holds the host while the service comes and goes.
-        self.host = subprocess.Popen([f"{SOURCE}/tests/support/private-host", "sh", "-c", "echo ready; exec cat"],
+        self.host = subprocess.Popen(["unshare", "--net", "sh", "-c", "ip link set lo up; echo ready; exec cat"],
                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         assert self.host.stdout.readline() == b"ready\n"
         run("ip", "link", "add", self.cable, "type", "veth", "peer", "name", "eth0", "netns", str(self.host.pid))
@@ -89,7 +89,7 @@ class VirtualBoard:
         self.start()
 
     def inside(self, *command):
-        return ["nsenter", "-t", str(self.host.pid), "-n", "-m", *command]
+        return ["nsenter", "-t", str(self.host.pid), "-n", *command]
 
     def _inside_run(self, *command):
         return run(*self.inside(*command))
@@ -160,23 +160,24 @@ class VirtualBoard:
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
-def make_pictures(folder):
-    """Two seconds of pictures of 640x480 and some 46 KB."""
+def make_pictures(folder, quality):
+    """Two seconds of pictures of 640x480."""
     os.makedirs(folder)
     run("ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=640x480:rate=25", "-frames:v", "50",
-        "-vf", "noise=alls=12:allf=t", "-pix_fmt", "yuvj422p", "-q:v", "5", f"{folder}/%03d.jpg")
+        "-vf", "noise=alls=12:allf=t", "-pix_fmt", "yuvj420p", "-q:v", str(quality), f"{folder}/%03d.jpg")
     return folder
 
 
 class Fleet:
     """Boards, and a folder for all that the relay's servers write."""
 
-    def __init__(self, count, drawn=True):
-        """The cameras draw their pictures and keep them; or, with less work, repeat some pictures."""
+    def __init__(self, count, drawn=True, quality=6):
+        """The cameras draw their pictures and keep them; or, with less work, repeat some pictures of a quality:
+        6 gives some 46 KB, more gives less."""
         self.folder = tempfile.mkdtemp(prefix="kestrel-relay.")
         camera = ("--keep", "400")
         if not drawn:
-            camera = ("--pictures", make_pictures(f"{self.folder}/pictures"))
+            camera = ("--pictures", make_pictures(f"{self.folder}/pictures", quality))
         self.boards = [VirtualBoard(number, camera) for number in range(1, count + 1)]
 
     def close(self):

@@ -15,32 +15,43 @@ ENCODE = ("jpegdec ! videoconvert ! video/x-raw,format=I420 ! "
 
 
 class Encoder:
-    """Encodes between the first use() and the last release(); any thread may call."""
+    """Encodes while it has users; any thread may call."""
 
     def __init__(self, pictures, kilobits):
         self.feed = Feed()
         self._pictures = pictures
         self._text = ENCODE.format(kilobits)
         self._lock = threading.Lock()  # guards the two below
-        self._users = 0
+        self._users = set()
         self._pipeline = None
 
-    def use(self):
+    def use(self, user):
         """Encode for one more; the next picture is a key frame."""
         with self._lock:
-            self._users += 1
+            self._users.add(user)
             if self._pipeline is None:
                 self._pipeline = Pipeline(self._pictures, self._text)
                 self._pipeline.element("encoded").connect("new-sample", self._encoded)
             else:
                 self._ask_key_frame()
 
-    def release(self):
+    def release(self, user):
+        """One who is none any more is no error."""
         with self._lock:
-            self._users -= 1
+            self._users.discard(user)
             pipeline = None
-            if self._users == 0:
+            if not self._users:
                 pipeline, self._pipeline = self._pipeline, None
+        if pipeline:
+            pipeline.close()
+
+    def end(self):
+        """The pictures have ended, and with them what the pipeline can take: whoever still was a user is none.
+        A viewer's session may outlive its connection, and would keep the next one without pictures."""
+        self.feed.end()
+        with self._lock:
+            self._users.clear()
+            pipeline, self._pipeline = self._pipeline, None
         if pipeline:
             pipeline.close()
 

@@ -28,12 +28,12 @@ class Mount(GstRtspServer.RTSPMediaFactory):
         media.connect("unprepared", self._gone, source)
         self._feed.add(source)
         if self._encoder:
-            self._encoder.use()
+            self._encoder.use(source)
 
     def _gone(self, _media, source):
         self._feed.remove(source)
         if self._encoder:
-            self._encoder.release()
+            self._encoder.release(source)
 
 
 class Mounts:

@@ -67,7 +67,7 @@ class ForJanus:
             self._asked[page] = time.monotonic()
             if self._pipeline is None:
                 self._pipeline = Pipeline(self._encoder.feed, self._text, 30)
-                self._encoder.use()
+                self._encoder.use(self)
             elif new:
                 self._encoder.key_frame()
 
@@ -83,7 +83,7 @@ class ForJanus:
             if self._asked or self._pipeline is None:
                 return
             pipeline, self._pipeline = self._pipeline, None
-        self._encoder.release()
+        self._encoder.release(self)
         pipeline.close()
 
     def end(self):
@@ -91,7 +91,7 @@ class ForJanus:
         with self._lock:
             pipeline, self._pipeline = self._pipeline, None
         if pipeline:
-            self._encoder.release()
+            self._encoder.release(self)
             pipeline.close()
 
     def _forget(self):

@@ -70,12 +70,12 @@ class Recorder:
         self._pipeline = Pipeline(self._feed, self._text, 60)
         self._pipeline.element("files").connect("format-location", self._next)
         if self._encoder:
-            self._encoder.use()
+            self._encoder.use(self)
 
     def _forget(self):
         self._pipeline = None
         if self._encoder:
-            self._encoder.release()
+            self._encoder.release(self)
 
     def _next(self, _sink, _number):
         self.begun += 1

@@ -75,7 +75,7 @@ class Relayed:
             else:
                 self.multipart.end()
                 self.pictures.end()
-                self.encoder.feed.end()
+                self.encoder.end()
                 self.for_janus.end()
                 self._mounts.close(self.board.name)
         if self.recorder:
