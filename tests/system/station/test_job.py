@@ -7,6 +7,7 @@ import threading
 import time
 import unittest
 
+from harness import wait_until
 from station import Station, request
 
 HEAD = ["G21", "G90", "G54", "M3 S100"]
@@ -75,7 +76,7 @@ class Job(unittest.TestCase):
         blocks = []
         for text in self.board.records("rx")[since:]:
             line = text.strip()
-            if line and not re.fullmatch(r"\$\$|\$#|\$H|\$X|\?|!|~|0x18|M18.*|G4 ?P0(\.0+)?", line):
+            if line and not re.fullmatch(r"\$\$|\$#|\$H|\$X|\?|!|~|0x18|M18.*|\(\)|G4 ?P0(\.0+)?", line):
                 blocks.append(line)
         return blocks
 
@@ -195,6 +196,31 @@ class Grbl(Job):
 
 class OwnLanguage(Job):
     language = "arm"
+
+    def test_ten_thousand_lines_with_pauses_and_a_lost_camera(self):
+        lines = make_job(10000)
+        upload("long.gcode", lines)
+        since = len(self.board.records("rx"))
+        self.own("long.gcode")
+        for line in (500, 3000):
+            self.wait_for_line(line)
+            self.assertEqual(200, request("POST", "/job/pause", {}).status)
+            self.board.wait_for(lambda state: state["guard"]["paused"], "it is dark")
+            self.assertEqual(200, request("POST", "/job/resume", {}).status)
+        self.wait_for_line(5000)
+        self.board.camera.ctl("freeze")
+        lost = time.monotonic()
+        self.board.wait_for(lambda state: state["job"]["held_by"] == "camera" and state["guard"]["paused"],
+                            "it is held")
+        wait_until(lambda: time.monotonic() > lost + 3, "the camera was lost for 3 s")
+        self.board.camera.ctl("thaw")
+        self.board.wait_for(lambda state: state["camera"]["present"], "pictures come")
+        self.assertEqual(200, request("POST", "/job/resume", {}).status)
+        last = self.wait_for_end(300)
+        self.assertEqual(("done", 10000, None), (last["result"], last["line"], last["reason"]))
+        blocks = [block.replace(" ", "") for block in self.executed(since)]
+        self.assertEqual([line.replace(" ", "") for line in lines], blocks[:10000])
+        self.assertLessEqual(set(blocks[10000:]), {"M5"})
 
 
 class Files(unittest.TestCase):
