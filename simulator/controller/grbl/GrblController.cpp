@@ -334,7 +334,7 @@ void GrblController::report()
 {
     GrblStatusReport::Status status = m_machine.getStatus();
     status.uBytes = m_receiveBuffer.getFree();
-    say(m_statusReport.format(status));
+    m_transmitter.sayNow(m_statusReport.format(status), m_machine.getNowUs());
 }
 
 bool GrblController::takeAnswer(int64_t s64NowUs, std::string& strText)

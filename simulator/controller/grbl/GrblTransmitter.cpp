@@ -10,9 +10,22 @@ static const int64_t BYTE_US = 87;     // at 115200 baud
 
 void GrblTransmitter::say(const std::string& strText, int64_t s64NowUs)
 {
+    if (std::max(s64NowUs + ANSWER_US, m_s64WireUs) >= m_s64LateUs) {
+        sayNow(strText, s64NowUs);
+        return;
+    }
+    m_s64LateUs += static_cast<int64_t>(strText.size()) * BYTE_US;
+    m_deqAnswer.push_back({m_s64LateUs, strText});
+}
+
+void GrblTransmitter::sayNow(const std::string& strText, int64_t s64NowUs)
+{
     const auto s64Wire = static_cast<int64_t>(strText.size()) * BYTE_US;
     m_s64WireUs = std::max(s64NowUs + ANSWER_US, m_s64WireUs) + s64Wire;
-    m_deqAnswer.push_back({m_s64WireUs, strText});
+    const auto it =
+        std::find_if(m_deqAnswer.begin(), m_deqAnswer.end(),
+                     [this](const Answer& answer) { return answer.s64DueUs > m_s64WireUs; });
+    m_deqAnswer.insert(it, {m_s64WireUs, strText});
 }
 
 void GrblTransmitter::sayWithFault(const std::string& strText, const Fault& fault, int64_t s64NowUs)
@@ -21,9 +34,10 @@ void GrblTransmitter::sayWithFault(const std::string& strText, const Fault& faul
     case FAULT_NO_ANSWER:
         return;
     case FAULT_LATE:
-        say(strText, s64NowUs);
-        m_s64WireUs += static_cast<int64_t>(fault.nValue) * 1000;
-        m_deqAnswer.back().s64DueUs = m_s64WireUs;
+        m_s64LateUs = std::max({s64NowUs + ANSWER_US, m_s64WireUs, m_s64LateUs}) +
+                      static_cast<int64_t>(strText.size()) * BYTE_US +
+                      static_cast<int64_t>(fault.nValue) * 1000;
+        m_deqAnswer.push_back({m_s64LateUs, strText});
         return;
     case FAULT_HALF:
         say(strText.substr(0, strText.size() / 2), s64NowUs);

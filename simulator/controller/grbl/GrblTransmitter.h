@@ -18,6 +18,9 @@ class GrblTransmitter
 public:
     void say(const std::string& strText, int64_t s64NowUs);
 
+    /** What no line asked for: it does not wait behind a line's late answer. */
+    void sayNow(const std::string& strText, int64_t s64NowUs);
+
     /** Say a line's result with what the fault makes of it. */
     void sayWithFault(const std::string& strText, const Fault& fault, int64_t s64NowUs);
 
@@ -34,6 +37,7 @@ public:
     void drop()
     {
         m_deqAnswer.clear();
+        m_s64LateUs = 0;
     }
 
     /** Have what becomes whole from now on lost, or no longer. */
@@ -51,5 +55,6 @@ private:
 
     std::deque<Answer> m_deqAnswer;
     int64_t m_s64WireUs = 0; // until then the wire is busy with answers
+    int64_t m_s64LateUs = 0; // when the last late answer, or what waits behind it, is whole
     bool m_bMuted = false;
 };

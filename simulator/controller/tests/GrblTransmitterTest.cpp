@@ -81,6 +81,19 @@ TEST(GrblTransmitter, LateAnswerHoldsTheNextOnesBack)
     EXPECT_EQ("ok\r\n|", takeAll(transmitter, 102848 + 348));
 }
 
+TEST(GrblTransmitter, ReportDoesNotWaitForALateAnswer)
+{
+    GrblTransmitter transmitter;
+    transmitter.say("ok\r\n", 0);
+    transmitter.sayWithFault("late\r\n", fault(FAULT_LATE, 100), 0);
+
+    transmitter.sayNow("<Run>\r\n", 0);
+
+    EXPECT_EQ("ok\r\n|", takeAll(transmitter, 2848));
+    EXPECT_EQ("<Run>\r\n|", takeAll(transmitter, 2848 + 7 * 87));
+    EXPECT_EQ(2848 + 6 * 87 + 100000, transmitter.getDueUs());
+}
+
 TEST(GrblTransmitter, MutedAnswersAreLost)
 {
     GrblTransmitter transmitter;
