@@ -137,6 +137,11 @@ const char* GrblLanguage::getPilot(bool bOn) const
     return (bOn ? m_strPilotOn : m_strPilotOff).c_str();
 }
 
+bool GrblLanguage::isPilotOffByReset() const
+{
+    return true;
+}
+
 const char* GrblLanguage::getQuestion() const
 {
     return "?";

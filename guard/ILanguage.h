@@ -78,6 +78,9 @@ public:
      */
     virtual const char* getPilot(bool bOn) const = 0;
 
+    /** Whether a reset, and so each beam off, turns the pilot spot off. */
+    virtual bool isPilotOffByReset() const = 0;
+
     /** Asks for a report; may be sent at any time. Empty unless hasReports(). */
     virtual const char* getQuestion() const = 0;
 

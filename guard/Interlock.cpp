@@ -174,8 +174,17 @@ bool Interlock::isGreetingDue(int64_t s64NowUs) const
 
 bool Interlock::isUnderWay(int64_t s64NowUs) const
 {
-    return isGreetingDue(s64NowUs) || m_uExpected > 0 || MOVE_NONE != m_move.eState ||
+    const bool bExpects =
+        std::any_of(m_aExpected.begin(), m_aExpected.begin() + static_cast<ptrdiff_t>(m_uExpected),
+                    [](const Expected& expected) { return EXPECT_LIGHT != expected.eKind; });
+    return bExpects || isGreetingDue(s64NowUs) || MOVE_NONE != m_move.eState ||
            m_s64BusyUs > s64NowUs || SLOT_KEPT == m_slot.eState || isSendingFirmware();
+}
+
+/** Whether nothing is under way, and no answer at all is due. */
+bool Interlock::isQuiet(int64_t s64NowUs) const
+{
+    return 0 == m_uExpected && !isUnderWay(s64NowUs);
 }
 
 bool Interlock::send(const char* pText, EXPECT_E eKind, int64_t s64NowUs)

@@ -176,6 +176,7 @@ private:
     enum EXPECT_E
     {
         EXPECT_NOTHING, // the answer is of no interest
+        EXPECT_LIGHT,   // nor is this one, and moves need not wait for it
         EXPECT_LINE,
         EXPECT_MOVE,
         EXPECT_PILOT,
@@ -278,6 +279,7 @@ private:
     void onReport(const Reply& reply, int64_t s64NowUs);
     void endMove(int64_t s64NowUs);
     void finishMove(int64_t s64NowUs);
+    void lightPilot(int64_t s64NowUs);
     void setHeld(bool bHeld, int64_t s64NowUs);
 
     // The controller's firmware.
@@ -306,6 +308,7 @@ private:
     bool isPausedByOperator() const;
     bool isGreetingDue(int64_t s64NowUs) const;
     bool isUnderWay(int64_t s64NowUs) const;
+    bool isQuiet(int64_t s64NowUs) const;
     bool send(const char* pText, EXPECT_E eKind, int64_t s64NowUs);
     bool send(const char* pBytes, size_t uLength, EXPECT_E eKind, int64_t s64NowUs);
 
@@ -349,6 +352,7 @@ private:
     bool m_bAnswered = false;    // the job's reader has had an answer
     int64_t m_s64AnsweredUs = 0;
     bool m_bHoldTold = false; // the service was told status 1 and not yet 4
+    bool m_bEndDue = false;   // the empty line behind a job's last one has not come
 
     LineBuffer m_fromController;
     std::array<Expected, 16> m_aExpected{}; // what is not answered yet, the oldest first

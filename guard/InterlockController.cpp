@@ -152,6 +152,7 @@ void Interlock::onAnswer(bool bOk, int nCode, int64_t s64NowUs)
     }
     switch (expected.eKind) {
     case EXPECT_NOTHING:
+    case EXPECT_LIGHT:
         break;
     case EXPECT_LINE:
         onLineAnswer(bOk, nCode, s64NowUs);

@@ -21,7 +21,7 @@ WISH_E Interlock::checkFirmware(int64_t s64NowUs) const
     if (OFF_SEEN != m_eOff || !m_bPort) {
         return WISH_BEAM;
     }
-    return isUnderWay(s64NowUs) ? WISH_BUSY : WISH_DONE;
+    return isQuiet(s64NowUs) ? WISH_DONE : WISH_BUSY;
 }
 
 WISH_E Interlock::sendFirmware(const char* pImage, size_t uSize, int64_t s64NowUs)

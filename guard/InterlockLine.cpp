@@ -1,5 +1,6 @@
 // The rules between the service, the operator and the controller: the line that is under way.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <numeric>
 
@@ -133,6 +134,7 @@ void Interlock::onLineAnswer(bool bOk, int nCode, int64_t s64NowUs)
     }
     if (LEVEL_JOB == m_eLevel) {
         m_job.advance();
+        m_bEndDue = m_bEndDue || m_job.isDone();
     }
     m_slot.eState = SLOT_TAKEN;
     if (!isPausedByOperator()) {
@@ -143,9 +145,11 @@ void Interlock::onLineAnswer(bool bOk, int nCode, int64_t s64NowUs)
     }
     if (1 == nStatus || 3 == nStatus) {
         answerHeld(nStatus, s64NowUs);
-    } else if (2 == nStatus) {
+    } else if (0 != nStatus && 4 != nStatus) { // only to be told
+        std::array<char, 24> acText{};
+        snprintf(acText.data(), acText.size(), "status:%d\nok\n", nStatus);
         freeSlot();
-        answerSlot("status:2\nok\n", s64NowUs);
+        answerSlot(acText.data(), s64NowUs);
         drainIfDone(s64NowUs);
     } else {
         m_bHoldTold = m_bHoldTold || 4 == nStatus;

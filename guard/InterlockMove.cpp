@@ -145,6 +145,7 @@ void Interlock::endMove(int64_t s64NowUs)
             m_check.setPosition({});
         }
         m_actions.tell(NOTICE_HOMED, 0);
+        lightPilot(s64NowUs); // a locked controller has refused it before
     }
     m_move.eState = MOVE_ENDED;
     if (m_move.nPilot >= 0) {
@@ -167,5 +168,14 @@ void Interlock::finishMove(int64_t /*s64NowUs*/)
         refuse(move.nCode);
     } else {
         answer((move.nPilot >= 0) ? "done\nok\n" : "done\n");
+    }
+}
+
+/** Who measures looks for the pilot spot, which is on from power-up in the arm's own language. */
+void Interlock::lightPilot(int64_t s64NowUs)
+{
+    if (m_language.isPilotOffByReset()) {
+        m_bPilotOn = true;
+        (void)send(m_language.getPilot(true), EXPECT_LIGHT, s64NowUs); // no room: as it was
     }
 }

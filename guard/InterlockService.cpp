@@ -53,6 +53,7 @@ void Interlock::onServiceByte(char c, int64_t s64NowUs)
 void Interlock::onServiceGone(int64_t s64NowUs)
 {
     m_fromService.clear();
+    m_bEndDue = false;
     m_bDropRest = false;
     m_bAfterLine = false;
     m_slot.bWaiting = false;
@@ -114,7 +115,12 @@ void Interlock::takeJobLine(const char* pText, size_t uLength, int64_t s64NowUs)
             m_s64AnsweredUs = s64NowUs;
             answer(ANSWER_OK);
             return;
+        } else if (0 == uLength && (m_bEndDue || m_job.isDone())) {
+            m_bEndDue = false;
+            answer(ANSWER_OK); // the service's own end of this job, or of the one before
+            return;
         } else if (m_job.isNext(pText, uLength)) {
+            m_bEndDue = false;
             fillSlot(pText, uLength, s64NowUs);
             m_slot.s64AnswerByUs = s64NowUs + ANSWER_JOB;
             m_slot.bJob = true;
@@ -124,9 +130,6 @@ void Interlock::takeJobLine(const char* pText, size_t uLength, int64_t s64NowUs)
             } else {
                 forwardSlot(s64NowUs);
             }
-            return;
-        } else if (m_job.isDone() && 0 == uLength) {
-            answer(ANSWER_OK); // the service's own end of the job
             return;
         }
     }
@@ -174,6 +177,7 @@ bool Interlock::takeForeignLine(const char* pText, size_t uLength, int64_t s64No
 void Interlock::takeLine(const char* pText, size_t uLength, int64_t s64NowUs)
 {
     if (0 == uLength) {
+        m_bEndDue = false;
         answer(ANSWER_OK);
     } else if (isText(pText, uLength, "M5")) {
         (void)send(m_language.getLaserOff(), EXPECT_NOTHING, s64NowUs); // off anyway when unsent

@@ -20,6 +20,7 @@ WISH_E Interlock::raise(int64_t s64NowUs)
     setLevel(LEVEL_MOTION);
     m_s64AskUs = s64NowUs;
     m_s64SilentUs = 0;
+    lightPilot(s64NowUs);
     return WISH_DONE;
 }
 
@@ -89,7 +90,7 @@ WISH_E Interlock::openJob(const char* pText, size_t uSize, int64_t s64LeaseUs, i
     if (OFF_SEEN != m_eOff || !m_bPort) {
         return WISH_BEAM;
     }
-    if (isUnderWay(s64NowUs)) {
+    if (!isQuiet(s64NowUs)) {
         return WISH_BUSY;
     }
     if (!m_check.isPositionKnown()) {
@@ -103,6 +104,7 @@ WISH_E Interlock::openJob(const char* pText, size_t uSize, int64_t s64LeaseUs, i
     }
     freeSlot();
     m_job.open(pText, uSize);
+    m_bEndDue = m_bEndDue || m_job.isDone();
     m_eJob = JOB_RUNNING;
     m_bAnswered = false;
     m_bHeld = false;

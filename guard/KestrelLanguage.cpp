@@ -74,6 +74,11 @@ const char* KestrelLanguage::getPilot(bool bOn) const
     return bOn ? "M18 S1\n" : "M18 S0\n";
 }
 
+bool KestrelLanguage::isPilotOffByReset() const
+{
+    return false;
+}
+
 const char* KestrelLanguage::getQuestion() const
 {
     return "";

@@ -22,6 +22,7 @@ public:
     const char* getUnlock() const override;
     const char* getHome() const override;
     const char* getPilot(bool bOn) const override;
+    bool isPilotOffByReset() const override;
     const char* getQuestion() const override;
     const char* getFirmwareLine() const override;
     const char* getProbe() const override;

@@ -131,17 +131,30 @@ public:
         }
     }
 
+    /** In motion, its pilot spot on. @return whether it was allowed */
+    bool raise()
+    {
+        const bool bRaised = WISH_DONE == m_interlock.raise(m_s64NowUs);
+        if (bRaised && m_language.hasReports()) {
+            controller("ok\n");
+        }
+        return bRaised;
+    }
+
     /** Plugged in, in motion and homed. */
     void home()
     {
         plug();
-        (void)m_interlock.raise(m_s64NowUs);
+        raise();
         (void)m_interlock.home(m_s64NowUs);
         controller("ok\n");
         if (!m_language.hasReports()) {
             controller("done\n");
         }
         pass(200);
+        if (m_language.hasReports()) {
+            controller("ok\n"); // the pilot spot
+        }
         forget();
     }
 

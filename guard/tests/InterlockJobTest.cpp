@@ -260,6 +260,28 @@ TEST(InterlockJob, GrblCommentLinesAreTakenWithoutBeingSent)
     EXPECT_EQ(1U, desk.m_interlock.getJobLine());
 }
 
+TEST(InterlockJob, EmptyLineBehindTheFormerJobMayComeInTheNext)
+{
+    InterlockDesk desk(KESTREL);
+    desk.open("M5\n");
+    run(desk, "M5");
+    desk.controller("ok\nok\n"); // all motion has ended, and the beam is off
+    ASSERT_EQ(LEVEL_DARK, desk.m_interlock.getLevel());
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.openJob("G1 X1\nM5\n", 9, 0, desk.m_s64NowUs));
+    desk.forget();
+
+    desk.service("\n");
+
+    EXPECT_EQ("ok\n", desk.told());
+    EXPECT_EQ("", desk.sent());
+    EXPECT_EQ(LEVEL_JOB, desk.m_interlock.getLevel());
+    run(desk, "G1 X1");
+    EXPECT_EQ(1U, desk.m_interlock.getJobLine());
+    desk.pass(100);
+    desk.service("\n"); // but once, and ahead of its lines
+    EXPECT_TRUE(desk.tripped(TRIP_LINE_FOREIGN));
+}
+
 TEST(InterlockJob, LinesOfADarkLevelDoNotCount)
 {
     InterlockDesk desk(KESTREL);

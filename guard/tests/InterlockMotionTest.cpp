@@ -14,7 +14,7 @@ TEST(InterlockMotion, HomingIsAnsweredTakenAndDone)
 {
     InterlockDesk desk(KESTREL);
     desk.plug();
-    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_TRUE(desk.raise());
     desk.forget();
 
     desk.service("$H\n");
@@ -93,7 +93,7 @@ TEST(InterlockMotion, MoveBeforeHomingIsRefused)
 {
     InterlockDesk desk(KESTREL);
     desk.plug();
-    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_TRUE(desk.raise());
     desk.forget();
 
     desk.service("G05 X1.00 Y1.00 F2000 \n");
@@ -228,11 +228,43 @@ TEST(InterlockMotion, GrblMoveIsDoneWhenReportsSayIdle)
     EXPECT_EQ("done\nok\n", desk.told());
 }
 
+TEST(InterlockMotion, GrblPilotSpotIsOnWithTheLevelAndBehindHoming)
+{
+    InterlockDesk desk(GRBL);
+    desk.plug();
+    desk.forget();
+
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    EXPECT_EQ("M8\n", desk.sent());
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.home(desk.m_s64NowUs));
+    EXPECT_EQ("$H\n", desk.sent());
+    desk.controller("error:9\n"); // locked until homed
+    desk.controller("ok\n");
+    desk.pass(200);
+
+    EXPECT_TRUE(desk.m_interlock.isHomed());
+    EXPECT_EQ("M8\n", desk.sent());
+    EXPECT_EQ(WISH_BUSY, desk.m_interlock.openJob("M5\n", 3, 0, desk.m_s64NowUs));
+    desk.controller("error:20\n"); // a controller without such an output
+    EXPECT_EQ(WISH_DONE, desk.m_interlock.openJob("M5\n", 3, 0, desk.m_s64NowUs));
+}
+
+TEST(InterlockMotion, PilotSpotOfTheArmsOwnControllerStaysAsItIs)
+{
+    InterlockDesk desk(KESTREL);
+    desk.plug();
+    desk.forget();
+
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+
+    EXPECT_EQ("", desk.sent());
+}
+
 TEST(InterlockMotion, GrblHomingIsAnsweredTwice)
 {
     InterlockDesk desk(GRBL);
     desk.plug();
-    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_TRUE(desk.raise());
     desk.forget();
 
     desk.service("$H\n");
@@ -251,7 +283,7 @@ TEST(InterlockMotion, GrblHomingThatIsOffIsRefusedTwice)
 {
     InterlockDesk desk(GRBL);
     desk.plug();
-    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_TRUE(desk.raise());
     desk.forget();
 
     desk.service("$H\n");
@@ -267,7 +299,7 @@ TEST(InterlockMotion, ArmWithoutSwitchesStandsWhereItReportsAtRest)
 {
     InterlockDesk desk(GRBL, false);
     desk.plug();
-    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_TRUE(desk.raise());
     desk.forget();
 
     desk.report("<Run|MPos:1.000,0.000,0.000|FS:600,0>\n");
@@ -290,7 +322,7 @@ TEST(InterlockMotion, PlaceWithoutSwitchesIsAskedForAnewBehindATrip)
 {
     InterlockDesk desk(GRBL, false);
     desk.plug();
-    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_TRUE(desk.raise());
     ASSERT_EQ(WISH_DONE, desk.m_interlock.home(desk.m_s64NowUs));
     desk.pass(200);
     ASSERT_TRUE(desk.m_interlock.isHomed());
@@ -307,14 +339,14 @@ TEST(InterlockMotion, PlaceWithoutSwitchesIsNotTakenOnceTheLevelIsDark)
 {
     InterlockDesk desk(GRBL, false);
     desk.plug();
-    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_TRUE(desk.raise());
     desk.report("<Run|MPos:1.000,0.000,0.000|FS:600,0>\n");
     ASSERT_EQ(WISH_DONE, desk.m_interlock.home(desk.m_s64NowUs));
     desk.pass(200);
 
     ASSERT_EQ(WISH_DONE, desk.m_interlock.drop(desk.m_s64NowUs));
     desk.controller("ok\n");
-    ASSERT_EQ(WISH_DONE, desk.m_interlock.raise(desk.m_s64NowUs));
+    ASSERT_TRUE(desk.raise());
     desk.report("<Idle|MPos:1.000,0.000,0.000|FS:0,0>\n");
     desk.pass(3000);
 

@@ -222,6 +222,18 @@ TEST(InterlockPause, AttentionIsToldWithTheAcknowledgement)
     EXPECT_EQ("status:2\nok\n", desk.told());
 }
 
+TEST(InterlockPause, StatusWithoutAMeaningIsToldWithTheAcknowledgement)
+{
+    InterlockDesk desk(KESTREL);
+    runFirst(desk);
+
+    desk.service("G1 X50 F600\n\n");
+    desk.controller("status:7\nok\n");
+
+    EXPECT_EQ("status:7\nok\n", desk.told());
+    EXPECT_EQ(LEVEL_JOB, desk.m_interlock.getLevel());
+}
+
 TEST(InterlockPause, GrblHoldIsToldAndItsTimeDoesNotCount)
 {
     InterlockDesk desk(GRBL);
