@@ -148,9 +148,10 @@ void Interlock::drainIfDone(int64_t s64NowUs)
     }
 }
 
-void Interlock::endJob(int64_t /*s64NowUs*/)
+void Interlock::endJob(int64_t s64NowUs)
 {
     const auto nLines = static_cast<int>(m_job.getLine());
+    m_s64BusyUs = std::min(m_s64BusyUs, s64NowUs); // it stands, sooner than was estimated
     leaveJob();
     setLevel(LEVEL_DARK);
     m_actions.tell(NOTICE_JOB_DONE, nLines);

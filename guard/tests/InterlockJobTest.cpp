@@ -260,6 +260,18 @@ TEST(InterlockJob, GrblCommentLinesAreTakenWithoutBeingSent)
     EXPECT_EQ(1U, desk.m_interlock.getJobLine());
 }
 
+TEST(InterlockJob, NextOneNeedNotWaitForTheEstimateOfTheLast)
+{
+    InterlockDesk desk(KESTREL);
+    desk.open("G1 X50 F60\n"); // a minute, as is estimated
+    run(desk, "G1 X50 F60");
+
+    desk.controller("ok\nok\n"); // all motion has ended, and the beam is off
+
+    ASSERT_EQ(LEVEL_DARK, desk.m_interlock.getLevel());
+    EXPECT_EQ(WISH_DONE, desk.m_interlock.openJob("M5\n", 3, 0, desk.m_s64NowUs));
+}
+
 TEST(InterlockJob, EmptyLineBehindTheFormerJobMayComeInTheNext)
 {
     InterlockDesk desk(KESTREL);
