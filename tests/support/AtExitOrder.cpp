@@ -12,6 +12,7 @@ static const void* g_apAtExit[MOST_AT_EXIT];
 static std::atomic<size_t> g_uAtExit{0};
 
 /** In place of the C library's. */
+// NOLINTNEXTLINE(readability-identifier-naming,bugprone-reserved-identifier)
 extern "C" int __cxa_atexit(void (*pDestructor)(void*), void* pObject, void* pLibrary)
 {
     const size_t uPlace = g_uAtExit++;
