@@ -12,7 +12,7 @@
 namespace {
 
 /** A server with the answers of one test. */
-class StationPeer : public testing::Test
+class StationClientServed : public testing::Test
 {
 protected:
     void SetUp() override
@@ -64,7 +64,7 @@ protected:
 
 } // namespace
 
-TEST_F(StationPeer, TokenAndFolderOfTheUrlGoWithEachRequest)
+TEST_F(StationClientServed, TokenAndFolderOfTheUrlGoWithEachRequest)
 {
     const StationAnswer answer = client().get("/state");
 
@@ -72,14 +72,14 @@ TEST_F(StationPeer, TokenAndFolderOfTheUrlGoWithEachRequest)
     EXPECT_EQ("Bearer secret", answer.json["token"]);
 }
 
-TEST_F(StationPeer, ChangeIsJson)
+TEST_F(StationClientServed, ChangeIsJson)
 {
     const StationAnswer answer = client("/arm").post("/level", {{"level", "dark"}});
 
     EXPECT_EQ("[{\"level\":\"dark\"},\"application/json\"]", answer.strBody);
 }
 
-TEST_F(StationPeer, ProblemIsToldInItsWords)
+TEST_F(StationClientServed, ProblemIsToldInItsWords)
 {
     const StationAnswer answer = client().post("/off", nlohmann::json::object());
 
@@ -89,7 +89,7 @@ TEST_F(StationPeer, ProblemIsToldInItsWords)
     EXPECT_EQ("No guard. Start it.", answer.strError);
 }
 
-TEST_F(StationPeer, AnswerOfAnotherServerIsAProblemWithoutAName)
+TEST_F(StationClientServed, AnswerOfAnotherServerIsAProblemWithoutAName)
 {
     const StationAnswer answer = client("").get("/nowhere");
 
@@ -98,7 +98,7 @@ TEST_F(StationPeer, AnswerOfAnotherServerIsAProblemWithoutAName)
     EXPECT_EQ("HTTP status 404", answer.strError);
 }
 
-TEST_F(StationPeer, EventsAreHandedOnUntilTheyEnd)
+TEST_F(StationClientServed, EventsAreHandedOnUntilTheyEnd)
 {
     std::string strSeen;
 
