@@ -134,6 +134,9 @@ class Planted(unittest.TestCase):
     def test_foreign_line_is_found(self):
         self.assertEqual(["not of the job: G0 X99"], run(BURNING + "0.2 rx G0 X99" + CUT).problems)
 
+    def test_pilot_spot_that_the_guard_lights_is_not_foreign(self):
+        self.assertEqual([], run("0.01 rx M8\n" + BURNING + CUT).problems)
+
     def test_line_behind_the_trip_is_found(self):
         outcome = run(BURNING + CUT + "1.1 rx G1 X3")
 

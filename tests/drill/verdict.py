@@ -22,7 +22,7 @@ ESTIMATE_SHARE = 1.2
 QUEUED_MOVES = 18  # what the guard takes the controller to have, the last one included
 
 # What the guard sends of itself, in either language; a job of the drill has none of these.
-OWN = re.compile(r"\$\$|\$#|\$H|M5|M18S[01]|\(\)|")
+OWN = re.compile(r"\$\$|\$#|\$H|M5|M8|M18S[01]|\(\)|")
 AFTER_TRIP = re.compile(r"\$\$|\$#|M5|")
 
 Record = collections.namedtuple("Record", "seconds kind text")
