@@ -265,12 +265,24 @@ class Station:
     def controller_state(self):
         return dict(word.split("=", 1) for word in self.control.ask("state").split() if "=" in word)
 
-    def records(self, kind):
-        """Of the controller's log: the text of each record of a kind."""
+    def log(self):
+        """Of the controller's log: kind and text of each record."""
         self.control.ask("state")  # brings the log up to date
         with open(self.path("wire"), encoding="ascii") as file:
-            lines = [line.rstrip("\n").split(" ", 2) for line in file]
-        return [line[2] for line in lines if line[1] == kind]
+            return [line.rstrip("\n").split(" ", 2)[1:] for line in file]
+
+    def records(self, kind):
+        return [text for of_kind, text in self.log() if of_kind == kind]
+
+    def taken(self):
+        """The lines that the controller took: one that it answers by "status:1" while it is held comes again."""
+        lines = []
+        for kind, text in self.log():
+            if kind == "rx":
+                lines.append(text)
+            elif kind == "tx" and text.startswith("status:1") and lines:
+                lines.pop()
+        return lines
 
     def close(self):
         try:
