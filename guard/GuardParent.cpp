@@ -87,7 +87,9 @@ void GuardParent::watch(pid_t nWorker, int nBeatFd, int nSignalFd)
         signalfd_siginfo info{};
         if (nReady > 0 && 0 != aPoll[1].revents &&
             static_cast<ssize_t>(sizeof(info)) == read(nSignalFd, &info, sizeof(info))) {
-            kill(nWorker, static_cast<int>(info.ssi_signo));
+            const int nSignal = static_cast<int>(info.ssi_signo);
+            m_nEndSignal = (SIGHUP == nSignal) ? m_nEndSignal : nSignal;
+            kill(nWorker, nSignal);
         }
         if (nReady > 0 && 0 != aPoll[0].revents) {
             std::array<char, 64> acBeat{};

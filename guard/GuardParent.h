@@ -35,6 +35,13 @@ public:
      */
     int run(const std::function<int(int)>& worker);
 
+    /** @return the SIGTERM or SIGINT that came, else 0. A worker that was just ending may have
+     * missed it. */
+    int getEndSignal() const
+    {
+        return m_nEndSignal;
+    }
+
 private:
     void watch(pid_t nWorker, int nBeatFd, int nSignalFd);
     static bool waitForEnd(pid_t nWorker, int nMs, int& nStatus);
@@ -45,4 +52,5 @@ private:
 
     std::string m_strPort;
     ResetPin m_resetPin;
+    int m_nEndSignal = 0;
 };

@@ -116,6 +116,9 @@ int run(int argc, char** argv)
         if (WORKER_ANEW != nStatus) {
             return nStatus;
         }
+        if (0 != parent.getEndSignal()) {
+            raise(parent.getEndSignal()); // blocked until the next worker is there to see it
+        }
     }
 }
 

@@ -296,6 +296,17 @@ TEST(KestrelGuardStart, ConfigurationIsReadAnewInDarkOnly)
     }));
 }
 
+TEST(KestrelGuardStart, EndThatIsAskedForWhileItBeginsAnewIsNotLost)
+{
+    GuardBench bench(false);
+    ASSERT_TRUE(bench.guard().waitForOutput("beam seen off"));
+
+    kill(bench.guard().pid(), SIGHUP);
+
+    kill(bench.guard().pid(), SIGTERM);
+    EXPECT_EQ(0, bench.guard().wait().nStatus);
+}
+
 TEST(KestrelGuardStart, TerminalIsRawAndSocketIsForOwnerAndGroup)
 {
     GuardBench bench(false);
