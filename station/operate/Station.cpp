@@ -158,6 +158,9 @@ void Station::publish()
 void Station::onGuardEvent(const json& event)
 {
     m_u32Homed += ("homed" == event.value("event", "")) ? 1 : 0;
+    if ("trip" == event.value("event", "")) {
+        m_trips.add(event.value("reason", ""));
+    }
     m_journal.add("guard", tellEvent(event));
     m_pRun->onGuardEvent(event);
 }

@@ -19,6 +19,7 @@
 #include "StationConfiguration.h"
 #include "StationJournal.h"
 #include "Thread.h"
+#include "TripCount.h"
 
 /**
  * Works without guard, plug-in or camera, and tells what is missing. What is asked for and not done
@@ -56,6 +57,10 @@ public:
     StateBoard& getBoard()
     {
         return m_board;
+    }
+    const TripCount& getTrips() const
+    {
+        return m_trips;
     }
 
     JobStore& getStore()
@@ -102,6 +107,7 @@ private:
     std::string m_strNoLimits; // why the guard's configuration is of no use; empty: it is
     StationJournal m_journal;
     StateBoard m_board;
+    TripCount m_trips;
     PictureWatch m_pictures;
     std::unique_ptr<ArmTerminal> m_pTerminal;
     std::unique_ptr<GuardLink> m_pGuard;

@@ -165,6 +165,9 @@ void StationApi::tellMetrics(httplib::Response& response)
     add("job_lines", "gauge", "Lines of the job.", bJob ? job["lines"] : json(0));
     add("job_lines_through", "gauge", "Lines of the job that are through.",
         bJob ? job["line"] : json(0));
+    strText += "# HELP kestrel_trips_total Trips of the guard since the station's start.\n"
+               "# TYPE kestrel_trips_total counter\n" +
+               m_station.getTrips().tell("kestrel_trips_total");
     add("http_connections", "gauge", "Connections to the operator's interface.",
         m_server.getConnections());
     response.set_content(strText, "text/plain; version=0.0.4");

@@ -16,6 +16,18 @@ def send_firmware(image, announced=None):
     return request("POST", f"/firmware?size={len(announced)}&sha256={digest}", image)
 
 
+def metrics():
+    """Values as they are written, by name with labels."""
+    lines = request("GET", "/metrics").body.decode().splitlines()
+    return dict(line.rsplit(" ", 1) for line in lines if not line.startswith("#"))
+
+
+def trips():
+    """How often, by reason."""
+    return {name.split('"')[1]: int(value) for name, value in metrics().items()
+            if name.startswith("kestrel_trips_total")}
+
+
 class Arm(unittest.TestCase):
     language = ""
 
@@ -122,14 +134,25 @@ class Arm(unittest.TestCase):
         events.close()
 
     def test_metrics_are_prometheus_text(self):
+        self.board.wait_for(lambda state: state["camera"]["present"], "pictures come")
         request("POST", "/level", {"level": "motion"})
         text = request("GET", "/metrics").body.decode()
         for line in text.splitlines():
-            self.assertRegex(line, r"^(# (HELP|TYPE) kestrel_[a-z_]+ .+|kestrel_[a-z_]+ \d+)$")
-        values = dict(line.split() for line in text.splitlines() if not line.startswith("#"))
+            self.assertRegex(
+                line, r"""^(# (HELP|TYPE) kestrel_[a-z_]+ .+|kestrel_[a-z_]+(\{reason="[a-z' ]+"\})? \d+)$""")
+        values = metrics()
         self.assertEqual(("1", "0", "0"), tuple(values[f"kestrel_{name}"] for name in (
             "guard_present", "level_dark", "job_running")))
         self.assertGreater(int(values["kestrel_camera_pictures_total"]), 0)
+
+    def test_trips_are_counted_by_reason(self):
+        request("POST", "/level", {"level": "motion"})
+        before = trips()
+        self.assertEqual(200, request("POST", "/off", {}).status)
+        wait_until(lambda: trips() != before, "the trip is counted")
+
+        self.assertEqual({**before, "operator": before["operator"] + 1}, trips())
+        self.assertIn("controller gone", before)
 
     def test_measurement_without_login_does_nothing(self):
         self.board.homed()
