@@ -5,11 +5,17 @@ import os
 import shutil
 import socket
 import subprocess
+import sys
 import unittest
 import urllib.parse
 import urllib.request
 
-from fleet import PACKAGE, PASSWORD, RELAY, UNPACKED, USER, Fleet, Relay, Viewer, Web, answers, end, run, wait_until
+from fleet import (PACKAGE, PASSWORD, RELAY, SOURCE, UNPACKED, USER, Fleet, Relay, Viewer, Web, answers, end, run,
+                   wait_until)
+
+sys.path.insert(0, f"{SOURCE}/tests/system/station")
+from station import Station, request  # noqa: E402
+from test_job import Owner, make_job, upload  # noqa: E402, pylint: disable=wrong-import-order
 
 EXAMPLES = f"{PACKAGE}/examples"
 PROMETHEUS = "http://127.0.0.1:9090"
@@ -17,12 +23,14 @@ DASHBOARD = f"{EXAMPLES}/grafana-dashboard.json"
 
 
 def queries():
-    """(panel, expression) of the dashboard, and of its variable, as Grafana fills them in."""
+    """(panel, expression) of the dashboard, as Grafana fills them in."""
     with open(DASHBOARD, encoding="utf-8") as file:
         dashboard = json.load(file)
     for panel in dashboard["panels"]:
         for target in panel["targets"]:
-            expression = target["expr"].replace("$__rate_interval", "1m").replace("$board", ".*")
+            expression = target["expr"].replace("$__rate_interval", "1m")
+            for variable in ("$board", "$arm"):
+                expression = expression.replace(variable, ".*")
             yield panel["title"], expression
 
 
@@ -34,8 +42,18 @@ def ask(path, **parameters):
     return said["data"]
 
 
+def queries_of(title):
+    return [expression for panel, expression in queries() if panel == title]
+
+
+def value(expression):
+    """The first one's, or None."""
+    found = ask("query", query=expression)["result"]
+    return float(found[0]["value"][1]) if found else None
+
+
 class Figures(unittest.TestCase):
-    """A real Prometheus with the shipped configuration asks a real relay through nginx."""
+    """A real Prometheus with the shipped configuration asks a real relay through nginx, and a real station."""
 
     @classmethod
     def setUpClass(cls):
@@ -46,16 +64,20 @@ class Figures(unittest.TestCase):
         cls.addClassCleanup(cls.relay.close)
         cls.web = Web(cls.fleet)
         cls.addClassCleanup(cls.web.close)
+        cls.station = Station()
+        cls.addClassCleanup(cls.station.close)
         cls.configuration = f"{folder}/prometheus"
         os.makedirs(cls.configuration)
         shutil.copy(f"{EXAMPLES}/kestrel.rules.yml", cls.configuration)
         shutil.copy(f"{cls.web.folder}/tls.pem", f"{cls.configuration}/kestrel-relay.pem")
         with open(f"{cls.configuration}/kestrel-relay.password", "w", encoding="ascii") as file:
             file.write(PASSWORD)
+        shutil.copy(cls.station.path("token"), f"{cls.configuration}/kestrel-station.token")
         with open(f"{EXAMPLES}/prometheus.yml", encoding="utf-8") as file:
             text = file.read()
-        # The test's user, its address with the certificate's name, and less waiting.
-        text = text.replace("username: prometheus", f"username: {USER}").replace("relay:443", "127.0.0.1:443")
+        # The test's user, its addresses, the relay's with the certificate's name, and less waiting.
+        text = text.replace("username: prometheus", f"username: {USER}")
+        text = text.replace("relay:443", "127.0.0.1:443").replace("arm:8330", "127.0.0.1:8330")
         text = text.replace("ca_file: kestrel-relay.pem", "ca_file: kestrel-relay.pem\n      server_name: relay")
         with open(f"{cls.configuration}/prometheus.yml", "w", encoding="utf-8") as file:
             file.write(text.replace("_interval: 10s", "_interval: 1s"))
@@ -66,29 +88,51 @@ class Figures(unittest.TestCase):
                 stdin=subprocess.DEVNULL, stdout=output, stderr=output)
         cls.addClassCleanup(end, cls.prometheus)
         wait_until(lambda: answers(9090, cls.prometheus), "Prometheus listens")
-        wait_until(cls.scraped, "Prometheus has asked the relay")
+        wait_until(cls.scraped, "Prometheus has asked relay and station")
 
     @classmethod
     def scraped(cls):
         try:
-            return any(target["health"] == "up" for target in ask("targets")["activeTargets"])
+            return [target["health"] for target in ask("targets")["activeTargets"]] == ["up", "up"]
         except OSError:
             return False
+
+    def run_job(self):
+        """A job of more than a minute, and who renews its lease."""
+        self.station.ready()
+        request("POST", "/level", {"level": "motion"})
+        # The former job's end keeps the arm in use for a moment.
+        wait_until(lambda: request("POST", "/home", {}).status == 200, "the arm is homed")
+        self.station.wait_for(lambda state: state["camera"]["present"], "pictures come")
+        self.assertIn(upload("long.gcode", make_job(20000), "&replace=true").status, (200, 201))
+        owner = Owner("long.gcode")
+        self.addCleanup(owner.close)
+        self.assertEqual(200, owner.answer.status, owner.answer.body)
+        return owner
+
+    def stop_job(self):
+        request("POST", "/off", {})
+        self.station.wait_for(lambda state: state["job"] is None and state["guard"]["beam_seen_off"], "the job is over")
 
     def test_configuration_and_rules_are_sound(self):
         promtool = f"{UNPACKED}/usr/bin/promtool"
         said = run(promtool, "check", "config", f"{self.configuration}/prometheus.yml")
-        self.assertIn("5 rules found", said)
+        self.assertIn("9 rules found", said)
         run(promtool, "test", "rules", f"{PACKAGE}/../../tests/relay/kestrel.rules.test.yml")
 
     def test_figures_are_sound(self):
         with urllib.request.urlopen("http://127.0.0.1:8331/metrics", timeout=10) as answer:
-            text = answer.read()
-        done = subprocess.run([f"{UNPACKED}/usr/bin/promtool", "check", "metrics"], input=text, capture_output=True,
-                              check=False)
-        self.assertEqual((0, b""), (done.returncode, done.stdout + done.stderr))
+            relays = answer.read()
+        for text in (relays, request("GET", "/metrics").body):
+            done = subprocess.run([f"{UNPACKED}/usr/bin/promtool", "check", "metrics"], input=text,
+                                  capture_output=True, check=False)
+            self.assertEqual((0, b""), (done.returncode, done.stdout + done.stderr))
 
     def test_every_query_of_the_dashboard_has_a_result(self):
+        self.run_job()
+        self.stop_job()  # a trip
+        self.run_job()
+        self.addCleanup(self.stop_job)
         viewer = Viewer("board-1")
         self.addCleanup(viewer.close)
         wait_until(lambda: viewer.pictures() > 10, "pictures come")
@@ -100,11 +144,31 @@ class Figures(unittest.TestCase):
                        f"{title}: {expression} has a result")
         boards = ask("label/board/values", **{"match[]": "kestrel_relay_board_up"})
         self.assertEqual(["board-1", "board-2"], boards)
+        arms = ask("label/instance/values", **{"match[]": "kestrel_job_running"})
+        self.assertEqual(["127.0.0.1:8330"], arms)
+
+    def test_job_and_trip_are_the_stations(self):
+        job = queries_of("Job")[0]
+        through = queries_of("Lines of the job that are through")[0]
+        tripped = 'ALERTS{alertname="KestrelTripped",alertstate="firing",reason="lease"}'
+        wait_until(lambda: value(job) == 0, "no job is seen")
+        self.assertIsNone(value(tripped))
+
+        owner = self.run_job()
+        self.addCleanup(self.stop_job)
+        wait_until(lambda: value(job) == 1, "the job is seen to run")
+        wait_until(lambda: (value(through) or 0) > 0, "lines are seen to pass")
+        self.assertLess(value(through), 1)
+        self.assertEqual(200, request("POST", "/job/pause", {}).status)
+        wait_until(lambda: value(job) == 2, "the job is seen to be held")
+        wait_until(lambda: value('ALERTS{alertname="KestrelJobHeld",alertstate="pending"}') == 1, "the rule sees it")
+        owner.close()  # nobody renews the lease
+
+        wait_until(lambda: value(tripped) == 1, "the rule sees the trip")
+        wait_until(lambda: value(job) == 0, "the job is seen to be over")
+        self.assertEqual(1, value('kestrel_trips_total{reason="lease"}'))
 
     def test_values_are_the_boards(self):
-        def value(expression):
-            found = ask("query", query=expression)["result"]
-            return float(found[0]["value"][1]) if found else None
         wait_until(lambda: (value('rate(kestrel_relay_pictures_total{board="board-2"}[10s])') or 0) > 15,
                    "pictures are counted")
         self.assertLess(value('rate(kestrel_relay_pictures_total{board="board-2"}[10s])'), 35)
