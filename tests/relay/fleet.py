@@ -154,6 +154,7 @@ class VirtualBoard:
     def close(self):
         end(self.server, signal.SIGKILL)
         end(self.camera)
+        run("ip", "link", "delete", self.cable)  # would go some time after its network
         self.host.stdin.close()
         self.host.stdout.close()
         end(self.host)
