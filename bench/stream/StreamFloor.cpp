@@ -47,7 +47,7 @@ namespace {
 
 const unsigned BUFFERS = 2; // as the service
 const int SOCKET_BUFFER = 35840;
-const int MOST_UNSENT = 8192; // bytes
+const int MOST_UNSENT = 1; // bytes
 const char* const ANSWER =
     "HTTP/1.0 200 OK\r\nConnection: close\r\n"
     "Content-Type: multipart/x-mixed-replace;boundary=boundarydonotcross\r\n\r\n";

@@ -42,8 +42,8 @@ class Viewer(LiveStream):
 
 
 def in_time(delays):
-    """The share of the pictures that were there within a second. How TCP shares the link out decides
-    how much of 1 an unlucky viewer misses: scripts/bench has the figures, here is what always holds."""
+    """The share of the pictures that were there within a second. A viewer whose repeated packets are
+    lost as well misses some more than the others, in one run of some."""
     return sum(delay <= 1.0 for delay in delays) / len(delays)
 
 
@@ -71,8 +71,8 @@ class Viewers(unittest.TestCase):
             self.assertGreater(int(between.say("count").split()[3]), 0, "the queue overflows")
             for viewer in viewers:
                 self.assertGreaterEqual(len(viewer.delays), 2 * MEASURED_S)
-                self.assertGreaterEqual(in_time(viewer.delays), 0.90)
-            self.assertGreaterEqual(in_time(sum((viewer.delays for viewer in viewers), [])), 0.98)
+                self.assertGreaterEqual(in_time(viewer.delays), 0.95)
+            self.assertGreaterEqual(in_time(sum((viewer.delays for viewer in viewers), [])), 0.99)
 
 
 if __name__ == "__main__":
