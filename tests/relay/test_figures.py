@@ -133,6 +133,7 @@ class Figures(unittest.TestCase):
         self.stop_job()  # a trip
         self.run_job()
         self.addCleanup(self.stop_job)
+        self.relay.wait_live("board-1")  # before that the mount refuses whoever comes
         viewer = Viewer("board-1")
         self.addCleanup(viewer.close)
         wait_until(lambda: viewer.pictures() > 10, "pictures come")

@@ -20,9 +20,9 @@ static const int MOST_ACCEPTS = 16; // in a pass
 static const int MOST_READS = 16;   // likewise, of one connection
 static const uint32_t LISTENER_MASK = EPOLLET | EPOLLIN;
 static const uint32_t CLIENT_MASK = EPOLLET | EPOLLHUP | EPOLLERR | EPOLLOUT | EPOLLIN;
-// Bytes that the kernel has not sent yet and with which it takes more: none. What a slow peer cannot
-// have yet had better wait in our queue, where a picture that would come late is left out. With 8192
-// one picture in ten came more than a second late to viewers that shared a link.
+// Bytes that the kernel has not sent yet and with which it takes more: none. What a slow peer
+// cannot have yet had better wait in our queue, where a picture that would come late is left out.
+// With 8192 one picture in ten came more than a second late to viewers that shared a link.
 static const int MOST_UNSENT = 1;
 static const uint32_t LOOK_MS = 1000;
 static const uint32_t SILENT_MS = 8000;
