@@ -73,6 +73,7 @@ int run(int argc, char** argv)
     std::string strPort;
     bool bOff = false;
     bool bCheck = false;
+    app.set_version_flag("--version", std::string("kestrel-guard ") + KESTREL_VERSION);
     app.add_option("--config", strConfiguration, "configuration file")->capture_default_str();
     app.add_option("--last-port", strLast, "file that keeps the last port used")
         ->capture_default_str();
