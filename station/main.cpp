@@ -5,10 +5,23 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ChangeCommand.h"
 #include "CheckCommand.h"
 #include "ExitStatus.h"
+#include "FirmwareCommand.h"
 #include "IArmCommand.h"
+#include "JournalCommand.h"
+#include "LevelCommand.h"
+#include "MoveCommand.h"
 #include "OffCommand.h"
+#include "RunCommand.h"
+#include "StatusCommand.h"
+#include "SupportCommand.h"
+#include "WatchCommand.h"
+
+// How long each may take, by docs/api.yaml.
+static const int SHORT_MS = 15000;
+static const int HOME_MS = 70000;
 
 // NOLINTNEXTLINE(bugprone-exception-escape): without memory for the options the program ends
 int main(int argc, char** argv)
@@ -19,8 +32,25 @@ int main(int argc, char** argv)
     app.set_help_all_flag("--help-all", "Print the help of every command and exit");
     app.require_subcommand(1);
     std::vector<std::unique_ptr<IArmCommand>> vecCommand;
+    const auto addChange = [&](const char* pName, const char* pHelp, const char* pPath, int nMs) {
+        vecCommand.push_back(std::make_unique<ChangeCommand>(app, pName, pHelp, pPath, nMs));
+    };
+    vecCommand.push_back(std::make_unique<StatusCommand>(app));
+    vecCommand.push_back(std::make_unique<WatchCommand>(app));
+    vecCommand.push_back(std::make_unique<LevelCommand>(app));
+    addChange("home", "Home the arm.", "/home", HOME_MS);
+    vecCommand.push_back(std::make_unique<MoveCommand>(app, false));
+    vecCommand.push_back(std::make_unique<MoveCommand>(app, true));
     vecCommand.push_back(std::make_unique<CheckCommand>(app));
+    vecCommand.push_back(std::make_unique<RunCommand>(app));
+    addChange("pause", "Hold the job, beam off.", "/job/pause", SHORT_MS);
+    addChange("resume", "Go on with a job that is held.", "/job/resume", SHORT_MS);
+    addChange("stop", "End the job, beam off.", "/job/stop", SHORT_MS);
     vecCommand.push_back(std::make_unique<OffCommand>(app));
+    addChange("reset", "Reset the controller, beam off.", "/reset", SHORT_MS);
+    vecCommand.push_back(std::make_unique<FirmwareCommand>(app));
+    vecCommand.push_back(std::make_unique<JournalCommand>(app));
+    vecCommand.push_back(std::make_unique<SupportCommand>(app));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

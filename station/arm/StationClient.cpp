@@ -92,6 +92,21 @@ StationClient::StationClient(std::string strUrl, std::string strToken)
     }
 }
 
+bool StationClient::canAsk(const std::string& strUrl)
+{
+    for (const std::string strScheme : {
+             "http://",
+#ifdef CPPHTTPLIB_OPENSSL_SUPPORT
+             "https://",
+#endif
+         }) {
+        if (0 == strUrl.rfind(strScheme, 0)) {
+            return strUrl.size() > strScheme.size() && '/' != strUrl[strScheme.size()];
+        }
+    }
+    return false;
+}
+
 StationAnswer StationClient::get(const std::string& strPath, int nTimeoutMs) const
 {
     httplib::Client client(m_strOrigin);

@@ -36,6 +36,9 @@ public:
      */
     StationClient(std::string strUrl, std::string strToken);
 
+    /** Whether it is a URL that can be asked: "https://" where TLS was built in. */
+    static bool canAsk(const std::string& strUrl);
+
     /** @param nTimeoutMs  until the answer has to begin */
     StationAnswer get(const std::string& strPath, int nTimeoutMs = 5000) const;
     StationAnswer post(const std::string& strPath, const nlohmann::json& body,

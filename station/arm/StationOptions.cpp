@@ -13,7 +13,11 @@ const char* const StationOptions::DEFAULT_GUARD = "/run/kestrel-guard/operator/s
 StationOptions::StationOptions(CLI::App& command)
     : m_strUrl(DEFAULT_URL), m_strTokenFile(DEFAULT_TOKEN), m_strGuard(DEFAULT_GUARD)
 {
-    command.add_option("--url", m_strUrl, "where the station answers")->capture_default_str();
+    command.add_option("--url", m_strUrl, "where the station answers")
+        ->capture_default_str()
+        ->check([](const std::string& strUrl) {
+            return StationClient::canAsk(strUrl) ? "" : strUrl + " is no URL that can be asked";
+        });
     command.add_option("--token", m_strTokenFile, "the file with its token")->capture_default_str();
     command.add_flag("--json", m_bJson, "print JSON");
 }

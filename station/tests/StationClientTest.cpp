@@ -126,3 +126,12 @@ TEST(StationClient, HostIsTheUrls)
     EXPECT_EQ("127.0.0.1", StationClient("http://127.0.0.1:8330", "").getHost());
     EXPECT_EQ("[::1]", StationClient("http://[::1]:8330", "").getHost());
 }
+
+TEST(StationClient, OnlyUrlsOfHttpCanBeAsked)
+{
+    EXPECT_TRUE(StationClient::canAsk("http://127.0.0.1:8330"));
+    EXPECT_FALSE(StationClient::canAsk("127.0.0.1:8330"));
+    EXPECT_FALSE(StationClient::canAsk("ftp://127.0.0.1"));
+    EXPECT_FALSE(StationClient::canAsk("http:///arm"));
+    EXPECT_FALSE(StationClient::canAsk("http://"));
+}

@@ -19,8 +19,10 @@ def complete(*words):
 
 class Completion(unittest.TestCase):
     def test_commands_and_options_are_the_programs(self):
-        self.assertLessEqual({"check", "off"}, complete(""))
+        self.assertEqual({"check", "firmware", "home", "jog", "journal", "level", "move", "off", "pause",
+                          "reset", "resume", "run", "status", "stop", "support", "watch"}, complete(""))
         self.assertEqual({"check"}, complete("ch"))
+        self.assertEqual({"dark", "motion"}, complete("level", ""))
         self.assertEqual({"--help", "--version", "--help-all"}, complete("--"))
         self.assertEqual({"--help", "--help-all", "--url", "--token", "--json", "--guard"},
                          complete("off", "--"))
@@ -29,7 +31,9 @@ class Completion(unittest.TestCase):
     def test_files_are_offered_where_a_file_is_meant(self):
         self.assertIn("kestrel-guard.toml", complete("check", "kestrel-gu"))
         self.assertIn("kestrel-guard.toml", complete("check", "--configuration", "kestrel-gu"))
+        self.assertIn("kestrel-guard.toml", complete("run", "kestrel-gu"))
         self.assertEqual(set(), complete("off", "--url", ""))
+        self.assertEqual(set(), complete("jog", "--x", ""))
         self.assertEqual(set(), complete("off", "kestrel-gu"))
 
 
