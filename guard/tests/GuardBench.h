@@ -8,31 +8,14 @@
 #include <sys/types.h>
 
 #include "ChildProgram.h"
+#include "OperatorClient.h"
 #include "ScratchFolder.h"
 #include "VirtualController.h"
 
-/** The operator's end of the socket. */
-class OperatorClient
-{
-public:
-    /** Connects, waiting for the socket to come. */
-    explicit OperatorClient(const std::string& strPath);
-    OperatorClient(const OperatorClient&) = delete;
-    OperatorClient& operator=(const OperatorClient&) = delete;
-    ~OperatorClient();
-
-    /** Send a request line; a descriptor may go along. @return the answer's line */
-    std::string ask(const std::string& strLine, int nPassed = -1);
-
-    /** The next line; empty when the guard has closed the connection. */
-    std::string readLine();
-
-private:
-    int m_nFd;
-    std::string m_strInput;
-};
-
-/** Starts the guard's program on a virtual controller and plays service and operator. */
+/**
+ * Starts the guard's program on a virtual controller and plays service and operator. A guard that
+ * does not come throws std::runtime_error with what it has said.
+ */
 class GuardBench
 {
 public:

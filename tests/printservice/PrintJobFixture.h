@@ -22,16 +22,6 @@ protected:
                " F60000";
     }
 
-    /** How a job of numbered moves goes out. */
-    static std::string makeWire(int nLines)
-    {
-        std::string strWire;
-        for (int i = 1; i <= nLines; ++i) {
-            strWire += makeLine(i) + "\n\n";
-        }
-        return strWire + "\n";
-    }
-
     bool waitForWire(const std::string& strBytes)
     {
         return eventually([&] { return strBytes == m_controller.readReceivedBytes(); });

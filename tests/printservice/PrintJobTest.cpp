@@ -256,7 +256,7 @@ TEST_F(PrintJobLines, ProgressMayBeAskedFromAnotherThread)
     });
 
     EXPECT_EQ(0, service().startPrint());
-    EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+    EXPECT_TRUE(waitForEnd());
 
     bDone = true;
     asker.join();

@@ -1,5 +1,6 @@
 // Uploads while a job is open or ends, and the progress through them.
 #include <atomic>
+#include <set>
 #include <thread>
 
 #include "PrintTest.h"
@@ -22,6 +23,18 @@ protected:
             strJob += makeLine(strName, i) + "\n";
         }
         return strJob;
+    }
+
+    /** Lines received that hold a text, each once. */
+    size_t countDifferent(const std::string& strPart)
+    {
+        std::set<std::string> setLine;
+        for (const std::string& strLine : received()) {
+            if (contains(strLine, strPart)) {
+                setLine.insert(strLine);
+            }
+        }
+        return setLine.size();
     }
 
     /** Lines received that hold a text. */
@@ -58,7 +71,7 @@ TEST_F(PrintServiceJobUpload, OverAJobEndsItWithTheLaserOff)
 {
     saveJob("M3 S100\n" + makeJob("A", 20000));
     EXPECT_EQ(0, service().startPrint());
-    EXPECT_TRUE(eventually([this] { return 500 <= m_controller.getState("lines"); }));
+    EXPECT_TRUE(eventually([this] { return 100 <= m_controller.getState("lines"); }));
 
     saveJob(makeJob("B", 20000));
 
@@ -81,8 +94,9 @@ TEST_F(PrintServiceJobUpload, OverAPausedJobEndsItToo)
     m_controller.command("line 100 late 500");
     saveJob(makeJob("A", 3000));
     EXPECT_EQ(0, service().startPrint());
-    EXPECT_TRUE(eventually([this] { return 100 <= m_controller.getState("lines"); }));
+    EXPECT_TRUE(eventually([this] { return 100 <= count("(A"); }));
     EXPECT_EQ(0, service().pausePrint());
+    const size_t uOld = countDifferent("(A");
 
     saveJob("G1 X1 (B1)\nG1 X2 (B2)\n");
     EXPECT_EQ(PRINT_STATE_FILE_READY, service().getState());
@@ -96,7 +110,7 @@ TEST_F(PrintServiceJobUpload, OverAPausedJobEndsItToo)
         return contains(m_controller.readReceivedBytes(),
                         "M5\nM5\nM5\nG1 X1 (B1)\n\nG1 X2 (B2)\n\n\n");
     }));
-    EXPECT_EQ(100U, count("(A"));
+    EXPECT_EQ(uOld, countDifferent("(A"));
 }
 
 TEST_F(PrintServiceJobUpload, OverAJobThatCouldNotStartSwitchesOffToo)

@@ -15,13 +15,51 @@
 #include "PrintService.h"
 #include "ScratchFolder.h"
 #include "StatusReportEvent.h"
+#include "TestArm.h"
 #include "Time.h"
 #include "UART.h"
-#include "VirtualController.h"
 
-/** A service of the test's own; the singleton would bring its past along. */
+/**
+ * A service of the test's own; the singleton would bring its past along. Whoever works it is the
+ * operator as well.
+ */
 class FreshPrintService : public PrintService
 {
+public:
+    /** @param pArm  borrowed; null: nobody has to allow anything */
+    explicit FreshPrintService(TestArm* pArm = nullptr) : m_pArm(pArm) {}
+
+    int startPrint()
+    {
+        if (nullptr != m_pArm && PRINT_STATE_PRINTING != getState()) {
+            m_pArm->allowJob(PRINT_STATE_PAUSED == getState());
+        }
+        return PrintService::startPrint();
+    }
+    int saveGcode(const char* pData, int nSize)
+    {
+        if (nullptr != m_pArm && PRINT_STATE_PAUSED == getState()) {
+            m_pArm->allowStop(); // it ends the job that is open
+        }
+        return PrintService::saveGcode(pData, nSize);
+    }
+    int pausePrint()
+    {
+        if (nullptr != m_pArm) {
+            m_pArm->allowPause();
+        }
+        return PrintService::pausePrint();
+    }
+    int stopPrint()
+    {
+        if (nullptr != m_pArm) {
+            m_pArm->allowStop();
+        }
+        return PrintService::stopPrint();
+    }
+
+private:
+    TestArm* m_pArm;
 };
 
 /** Keeps the codes of the status reports. */
@@ -73,9 +111,10 @@ protected:
     {
         Log::getInstance().setSinks(0); // standard output is the service's own here
         ASSERT_EQ(0, chdir(m_folder.path().c_str()));
-        ASSERT_EQ(1, m_uart.open(m_controller.getNode()));
+        ASSERT_EQ(1, m_uart.open(m_controller.getPort()));
         ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
-        m_pService = std::make_unique<FreshPrintService>();
+        m_controller.listenTo(m_uart.getFd());
+        m_pService = std::make_unique<FreshPrintService>(&m_controller);
         m_pService->setUart(&m_uart);
         testing::internal::CaptureStdout();
         m_bCapturing = true;
@@ -95,7 +134,7 @@ protected:
                                                   : std::string();
     }
 
-    PrintService& service()
+    FreshPrintService& service()
     {
         return *m_pService;
     }
@@ -103,6 +142,20 @@ protected:
     bool waitForState(PRINT_STATE_E eState)
     {
         return eventually([this, eState] { return eState == service().getState(); });
+    }
+
+    /** Wait for a job's end; a slow machine may take its time, but goes on. */
+    bool waitForEnd()
+    {
+        size_t uBefore = 0;
+        while (!waitForState(PRINT_STATE_STOPPED)) {
+            const size_t uNow = received().size();
+            if (uNow == uBefore) {
+                return false;
+            }
+            uBefore = uNow;
+        }
+        return true;
     }
 
     /** Wait until the controller has got so many lines, empty ones included. */
@@ -143,7 +196,7 @@ protected:
     {
         saveJob(strJob);
         EXPECT_EQ(0, service().startPrint());
-        EXPECT_TRUE(waitForState(PRINT_STATE_STOPPED));
+        EXPECT_TRUE(waitForEnd());
     }
 
     float progress()
@@ -164,7 +217,7 @@ protected:
     }
 
     ScratchFolder m_folder;
-    VirtualController m_controller;
+    TestArm m_controller;
     UART m_uart;
     std::unique_ptr<FreshPrintService> m_pService;
 

@@ -1,7 +1,8 @@
 """The names of the tests: a suite begins with its file's name, is in one file only, and does not
-end in "Test"; a test's name begins with no article."""
+end in "Test"; a test's name begins with no article. What is excepted by name is there."""
 
 import collections
+import fnmatch
 import os
 import re
 import subprocess
@@ -51,6 +52,22 @@ class Names(unittest.TestCase):
                                  os.path.join(SOURCE, "tests")],
                                 capture_output=True, text=True, check=False).stdout
         self.assertEqual("", python)
+
+    def test_whatever_does_not_run_through_the_guard_is_a_test_and_has_a_reason(self):
+        names = {f"{suite}.{test}" for _, suite, test in self.found}
+        folder = os.path.join(SOURCE, "tests/system/arm")
+        for file in os.listdir(folder):
+            with open(os.path.join(folder, file), encoding="utf-8") as text:
+                for suite, body in re.findall(r"^class (\w+)\(.*\n((?:(?: .*)?\n)+)", text.read(), re.M):
+                    names |= {f"{file[:-len('.py')]}.{suite}.{test}" for test in re.findall(r"def (test_\w+)", body)}
+        with open(os.path.join(SOURCE, "guard/tests/not_through_guard.txt"), encoding="utf-8") as file:
+            lines = [line.rstrip("\n") for line in file if not line.startswith("#") and line.strip()]
+        for line in lines:
+            language, name, reason = line.split(" ", 2)
+            self.assertIn(language, ("both", "arm", "grbl"))
+            self.assertTrue(fnmatch.filter(names, name), f"no such test: {name}")
+            self.assertTrue(reason)
+        self.assertEqual(len(lines), len({line.split()[1] for line in lines}), "a name stands there twice")
 
 
 if __name__ == "__main__":
