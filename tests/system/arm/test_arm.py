@@ -41,6 +41,7 @@ class Arm(unittest.TestCase):
         self.addCleanup(self.controller.close)
         self.server = Server(camera=self.camera, program="kestrel-server-arm", cwd=self.folder)
         self.addCleanup(self.server.close)
+        self.controller.allow_moves()
 
     def test_measuring_homes_moves_and_focuses_the_arm(self):
         # The spot is at 12.34 / -7.89 mm in the picture, 1.5 mm out of focus.

@@ -25,6 +25,7 @@ class Focus(unittest.TestCase):
         self.addCleanup(self.controller.close)
         self.server = Server(camera=self.camera, program="kestrel-server-arm", cwd=self.folder)
         self.addCleanup(self.server.close)
+        self.controller.allow_moves()
         live = LiveStream()
         live.frame()
         live.close()

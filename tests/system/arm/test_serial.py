@@ -6,7 +6,7 @@ import subprocess
 import tempfile
 import unittest
 
-from controller import Controller
+from controller import GUARDED, PORT, Controller
 from harness import BUILD, EMULATOR, SOURCE, Board, LiveStream, Server, request, wait_until
 
 
@@ -18,9 +18,11 @@ class Start(unittest.TestCase):
             server = Server(program="kestrel-server-arm", cwd=folder)
             self.addCleanup(server.close)
 
-            self.assertIn("[/dev/ttyACM0]", server.output())
+            self.assertIn(f"[{PORT}]", server.output())
             stores = [text for text in controller.records("gpio") if "value" in text]
             self.assertEqual(["gpio106/value 1", "gpio106/value 0", "gpio106/value 1"], stores)
+            if GUARDED:  # whose terminal was there all the time
+                controller.allow_moves()
 
     def test_shipped_start_makes_no_print_service(self):
         with Board() as board:
@@ -42,7 +44,8 @@ class PulledCable(unittest.TestCase):
             controller = Controller(folder)
             self.addCleanup(controller.close)
             with Board(program="kestrel-server-arm", cwd=folder):
-                controller.ctl("line", "1", "unplug")
+                controller.allow_moves()
+                controller.at_line(1, "unplug")
 
                 response, _ = request("/camera?focus=1")
 
