@@ -17,7 +17,11 @@ void Interlock::takeMove(const char* pText, size_t uLength, int64_t s64NowUs)
     }
     freeSlot();
     if (isText(pText, uLength, "$H")) {
-        beginMove(true, true, 0, s64NowUs);
+        if (m_bHoming) {
+            beginMove(true, true, 0, s64NowUs);
+        } else { // nothing would stop the head at the machine's end
+            refuseTwice(CODE_NEVER, s64NowUs);
+        }
         return;
     }
     GcodeLine line;

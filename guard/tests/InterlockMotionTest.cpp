@@ -318,6 +318,25 @@ TEST(InterlockMotion, ArmWithoutSwitchesStandsWhereItReportsAtRest)
     EXPECT_EQ("G91G1X5F600\n", desk.sent());
 }
 
+TEST(InterlockMotion, HomingWithoutSwitchesIsRefusedTwiceAndThePlaceStays)
+{
+    InterlockDesk desk(GRBL, false);
+    desk.plug();
+    ASSERT_TRUE(desk.raise());
+    ASSERT_EQ(WISH_DONE, desk.m_interlock.home(desk.m_s64NowUs));
+    desk.pass(200);
+    desk.forget();
+
+    desk.service("$H\n");
+    desk.pass(200);
+
+    EXPECT_EQ("", desk.sent());
+    EXPECT_EQ("error:21\n|error:21\n", desk.told());
+    EXPECT_TRUE(desk.m_interlock.isHomed());
+    desk.service("G05 X-5.00 Y3.00 F2000 \nM18 S1\n");
+    EXPECT_EQ("G90G21G53G1X-5.00Y3.00F2000\n", desk.sent());
+}
+
 TEST(InterlockMotion, PlaceWithoutSwitchesIsAskedForAnewBehindATrip)
 {
     InterlockDesk desk(GRBL, false);
