@@ -80,8 +80,9 @@ std::optional<WORKER_E> GuardWorker::begin()
         return refuse(WORKER_NOT_SEEN, std::string("no signals or no journal: ") + strerror(errno));
     }
     std::string strError;
-    if (!m_servicePort.setGroup(m_configuration.strServiceGroup, strError)) {
-        return refuse(WORKER_REFUSED, strError);
+    if (const GROUP_E eGroup = m_servicePort.setGroup(m_configuration.strServiceGroup, strError);
+        GROUP_FOUND != eGroup) {
+        return refuse((GROUP_UNKNOWN == eGroup) ? WORKER_REFUSED : WORKER_NOT_SEEN, strError);
     }
     switch (m_operator.open(m_configuration.strSocket, m_configuration.strGroup, strError)) {
     case SOCKET_OPEN:

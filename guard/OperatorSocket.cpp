@@ -52,8 +52,8 @@ SOCKET_E OperatorSocket::open(const std::string& strPath, const std::string& str
     }
     memcpy(address.sun_path, strPath.c_str(), strPath.size());
     gid_t uGroup = 0;
-    if (!findGroup(strGroup, uGroup, strError)) {
-        return SOCKET_REFUSED;
+    if (const GROUP_E eGroup = findGroup(strGroup, uGroup, strError); GROUP_FOUND != eGroup) {
+        return (GROUP_UNKNOWN == eGroup) ? SOCKET_REFUSED : SOCKET_FAILED;
     }
     if (isTaken(strPath)) {
         strError = "another guard has " + strPath;

@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "GroupName.h"
 #include "RawLine.h"
 
 ServicePort::ServicePort(std::string strLink) : m_strLink(std::move(strLink)) {}
@@ -31,7 +30,7 @@ void ServicePort::close()
     }
 }
 
-bool ServicePort::setGroup(const std::string& strGroup, std::string& strError)
+GROUP_E ServicePort::setGroup(const std::string& strGroup, std::string& strError)
 {
     return findGroup(strGroup, m_uGroup, strError);
 }

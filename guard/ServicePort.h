@@ -6,6 +6,8 @@
 
 #include <sys/types.h>
 
+#include "GroupName.h"
+
 /**
  * A pseudo terminal under a link. It is raw before its link appears, and the link is replaced in
  * one step. When the service closes it, that is told once; then a new terminal takes its place, so
@@ -24,9 +26,9 @@ public:
     /**
      * Who may open the terminals made from now on, besides their owner.
      * @param strGroup  empty: as the system makes them
-     * @param strError  one line, when there is no such group
+     * @param strError  one line, when it is not found
      */
-    bool setGroup(const std::string& strGroup, std::string& strError);
+    GROUP_E setGroup(const std::string& strGroup, std::string& strError);
 
     /**
      * Make a terminal, in place of the one before.

@@ -3,12 +3,14 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <string>
 
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -143,7 +145,7 @@ TEST_F(ServicePortTerminal, GroupMayOpenTheTerminal)
     const group* const pGroup = getgrgid(1);
     ASSERT_NE(nullptr, pGroup);
     std::string strError;
-    ASSERT_TRUE(m_port.setGroup(pGroup->gr_name, strError));
+    ASSERT_EQ(GROUP_FOUND, m_port.setGroup(pGroup->gr_name, strError));
 
     ASSERT_TRUE(m_port.renew()) << "needs the right to change a file's group";
 
@@ -151,8 +153,23 @@ TEST_F(ServicePortTerminal, GroupMayOpenTheTerminal)
     ASSERT_EQ(0, stat(m_strLink.c_str(), &status));
     EXPECT_EQ(1U, status.st_gid);
     EXPECT_EQ(0660U, status.st_mode & 0777U);
-    EXPECT_FALSE(m_port.setGroup("no such one", strError));
+    EXPECT_EQ(GROUP_UNKNOWN, m_port.setGroup("no such one", strError));
     EXPECT_EQ("no such group: no such one", strError);
+}
+
+TEST_F(ServicePortTerminal, GroupsThatCannotBeReadNowAreToldApart)
+{
+    rlimit former{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &former));
+    const rlimit none{0, former.rlim_max};
+    std::string strError;
+
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+    const GROUP_E eGroup = m_port.setGroup("no such one", strError);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &former));
+
+    EXPECT_EQ(GROUP_FAILED, eGroup);
+    EXPECT_EQ(std::string("group no such one: ") + strerror(EMFILE), strError);
 }
 
 TEST_F(ServicePortTerminal, AnswerThatIsNotTakenWholeIsTold)
