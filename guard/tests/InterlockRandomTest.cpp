@@ -17,11 +17,18 @@ namespace {
 
 const uint64_t STEPS = 5000000; // for each language
 
-/** Neighbours are equal by twos. */
+const char* const LONG_LINE = "G4P9";
+const int64_t LONG_US = 9000000;
+
+/** Neighbours are equal by twos; one takes longer than the service waits for the answer behind it.
+ */
 std::string makeLine(size_t uIndex)
 {
     if (0 == uIndex % 40) {
         return "M3S500";
+    }
+    if (30 == uIndex) {
+        return LONG_LINE;
     }
     std::array<char, 32> acLine{};
     snprintf(acLine.data(), acLine.size(), "G1X%.3fF6000", static_cast<double>(uIndex / 2) / 1000);
@@ -50,6 +57,7 @@ public:
     uint64_t m_u64JobsDone = 0;
     uint64_t m_u64Trips = 0;
     uint64_t m_u64Lines = 0;
+    uint64_t m_u64Repeats = 0; // by a service that was told to wait
     std::string m_strComplaint;
 
     void toController(const char* pBytes, size_t uLength) override;
@@ -100,18 +108,21 @@ private:
     bool m_bBeam = false;
     bool m_bHeld = false;
     bool m_bGreet = false;
-    bool m_bOwes = false; // a line's answer was no good
+    int64_t m_s64BusyUs = 0; // until then it answers no line
+    bool m_bOwes = false;    // a line's answer was no good
     unsigned m_uQuestions = 0;
     bool m_bTripped = false; // and nobody of the operator's has come since
 
     size_t m_uNext = 0;      // the line that the service sends next
     bool m_bWaiting = false; // for an answer
+    bool m_bTold = false;    // to wait
     bool m_bPaused = false;  // the operator has paused
 };
 
 bool RandomWorld::isJobLine(const std::string& strLine) const
 {
-    return ("G1X" == strLine.substr(0, 3) && "G1X5F100" != strLine) || "M3S500" == strLine;
+    return ("G1X" == strLine.substr(0, 3) && "G1X5F100" != strLine) || "M3S500" == strLine ||
+           LONG_LINE == strLine;
 }
 
 void RandomWorld::toController(const char* pBytes, size_t uLength)
@@ -155,6 +166,7 @@ void RandomWorld::cutBeam(const char* /*pBytes*/, size_t /*uLength*/)
     m_bBeam = false;
     m_bHeld = false;
     m_bGreet = true;
+    m_s64BusyUs = 0;
     m_bOwes = false;
     m_uQuestions = 0;
 }
@@ -175,6 +187,7 @@ void RandomWorld::toService(const char* pBytes, size_t uLength)
         ++m_uNext;
     }
     m_bWaiting = false;
+    m_bTold = "wait\n" == strText;
 }
 
 void RandomWorld::tell(NOTICE_E eNotice, int nDetail)
@@ -197,6 +210,7 @@ void RandomWorld::stepService()
         return;
     }
     m_bWaiting = true;
+    m_u64Repeats += std::exchange(m_bTold, false) ? 1 : 0;
     serve((m_uNext < m_vecLine.size()) ? m_vecLine[m_uNext] + "\n\n" : "\n");
 }
 
@@ -232,6 +246,7 @@ void RandomWorld::answerLine()
     if (isJobLine(strLine)) {
         ++m_uTaken;
         m_bBeam = m_bBeam || "M3S500" == strLine;
+        m_s64BusyUs = (LONG_LINE == strLine) ? m_s64NowUs + LONG_US : m_s64BusyUs;
     }
     if ("$$" == strLine) {
         reply("$32=1\n");
@@ -258,7 +273,8 @@ void RandomWorld::stepController()
     } else if (m_uQuestions > 0) {
         --m_uQuestions;
         reply(report());
-    } else if (!m_deqLine.empty() && !(m_bHeld && m_language.hasReports())) {
+    } else if (!m_deqLine.empty() && (m_bHeld || m_s64NowUs >= m_s64BusyUs) &&
+               !(m_bHeld && m_language.hasReports())) {
         answerLine();
     }
 }
@@ -284,6 +300,7 @@ void RandomWorld::stepOperator()
             m_uTaken = 0;
             m_uNext = 0;
             m_bWaiting = false;
+            m_bTold = false;
         }
         break;
     case 4:
@@ -378,7 +395,10 @@ void RandomWorld::step()
     } else if (uKind < 800) {
         stepController();
     } else {
-        const int64_t s64Us = (0 == pick(200)) ? 1000000 : 1000 * pick(40);
+        const bool bBusy = m_s64NowUs < m_s64BusyUs;
+        const int64_t s64Us = (0 == pick(200))          ? 1000000
+                              : (bBusy && 0 == pick(4)) ? 400000
+                                                        : 1000 * pick(40);
         m_s64NowUs += s64Us;
         if (m_interlock.getDeadline() <= m_s64NowUs) {
             m_interlock.onTime(m_s64NowUs);
@@ -407,9 +427,11 @@ void run(const ILanguage& language)
     EXPECT_GT(world.m_u64Jobs, STEPS / 20000);
     EXPECT_GT(world.m_u64JobsDone, STEPS / 100000);
     EXPECT_GT(world.m_u64Trips, STEPS / 20000);
-    printf("%d jobs, %d to their end, %d trips, %d lines\n", static_cast<int>(world.m_u64Jobs),
-           static_cast<int>(world.m_u64JobsDone), static_cast<int>(world.m_u64Trips),
-           static_cast<int>(world.m_u64Lines));
+    EXPECT_GT(world.m_u64Repeats, STEPS / 100000);
+    printf("%d jobs, %d to their end, %d trips, %d lines, %d repeats\n",
+           static_cast<int>(world.m_u64Jobs), static_cast<int>(world.m_u64JobsDone),
+           static_cast<int>(world.m_u64Trips), static_cast<int>(world.m_u64Lines),
+           static_cast<int>(world.m_u64Repeats));
 }
 
 } // namespace

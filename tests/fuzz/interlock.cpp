@@ -23,8 +23,9 @@
 namespace {
 
 // Neighbours that are equal among them.
-const std::array<const char*, 8> LINES{"M3S500", "G91",    "G1X1F6000", "G1X1",
-                                       "G1X1",   "G4P0.1", "G1X-3",     "M5"};
+// One takes so long that the next may wait for its answer beyond the service's patience.
+const std::array<const char*, 8> LINES{"M3S500", "G91",  "G1X1F6000", "G1X1",
+                                       "G1X1",   "G4P9", "G1X-3",     "M5"};
 const std::string IMAGE(5000, 'i');
 
 void require(bool bHolds, const char* pWhat)
@@ -82,8 +83,7 @@ public:
         if (m_uSent < LINES.size() && LINES[m_uSent] + std::string("\n") == strText &&
             m_uSent == m_interlock.getJobLine()) {
             ++m_uSent;
-        } else if (m_bHeld && m_uSent == m_interlock.getJobLine() + 1 &&
-                   LINES[m_uSent - 1] + std::string("\n") == strText) {
+        } else if (isKept() && LINES[m_uSent - 1] + std::string("\n") == strText) {
             // a held controller has said that it did not take it
         } else if (bWords) {
             const bool bEnd = "M5\n" == strText || 0 == strText.compare(0, 2, "M1") ||
@@ -107,7 +107,10 @@ public:
     void tell(NOTICE_E eNotice, int nDetail) override
     {
         m_bTripped = m_bTripped || NOTICE_TRIP == eNotice;
-        m_bHeld = m_bHeld || NOTICE_HELD == eNotice;
+        if (NOTICE_HELD == eNotice || NOTICE_GOES_ON == eNotice) {
+            m_bHeld = NOTICE_HELD == eNotice;
+            m_uKept = m_interlock.getJobLine();
+        }
         if (NOTICE_JOB_DONE == eNotice) {
             require(LINES.size() == static_cast<size_t>(nDetail),
                     "a job ends behind its last line");
@@ -115,6 +118,12 @@ public:
     }
 
 private:
+    /** Whether the line sent last may go out again: one that is not answered never does. */
+    bool isKept() const
+    {
+        const bool bLast = m_uSent == m_interlock.getJobLine() + 1;
+        return !m_language.hasReports() && bLast && (m_bHeld || m_uKept + 1 == m_uSent);
+    }
     void act(char cKind, const char* pData, size_t uLength)
     {
         const unsigned uValue = (uLength > 0) ? static_cast<unsigned char>(pData[0]) : 0;
@@ -184,7 +193,10 @@ private:
             m_uSent = 0;
             eWish = m_interlock.openJob(m_strJob.data(), m_strJob.size(), 10000000, m_s64NowUs);
             m_uSent = (WISH_DONE == eWish) ? m_uSent : uFormer;
-            m_bHeld = m_bHeld && WISH_DONE != eWish;
+            if (WISH_DONE == eWish) {
+                m_bHeld = false;
+                m_uKept = LINES.size();
+            }
             break;
         }
         case 3:
@@ -230,6 +242,7 @@ private:
     bool m_bWished = false;
     size_t m_uSent = 0;   // lines of the job
     bool m_bHeld = false; // by the controller itself, in this job
+    size_t m_uKept = 0;   // the line at which that began or ended last
 };
 
 } // namespace
