@@ -147,11 +147,10 @@ void Interlock::takeJobLine(const char* pText, size_t uLength, int64_t s64NowUs)
 bool Interlock::takeForeignLine(const char* pText, size_t uLength, int64_t s64NowUs)
 {
     if (isText(pText, uLength, "M5")) {
-        if (isPausedByOperator() || (m_job.isDone() && SLOT_FREE == m_slot.eState)) {
+        if (isPausedByOperator()) {
             answer(ANSWER_OK);
-            return true;
         }
-        return false;
+        return isPausedByOperator(); // else somebody wants it dark
     }
     const bool bMove = isMove(pText, uLength);
     const bool bOwn = isText(pText, uLength, "$X") || isText(pText, uLength, "~") ||

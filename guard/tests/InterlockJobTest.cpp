@@ -83,6 +83,22 @@ TEST(InterlockJob, GrblEndsDarkWhenReportsShowIdleAndNoBeam)
     EXPECT_EQ(0, desk.count(NOTICE_TRIP));
 }
 
+TEST(InterlockJob, LaserOffBehindTheLastLineTrips)
+{
+    InterlockDesk desk(KESTREL);
+    desk.open("M3 S500\nG1 X50 F600\n");
+    run(desk, "M3 S500");
+    run(desk, "G1 X50 F600");
+    desk.service("\n");
+    desk.forget();
+
+    desk.service("M5\n"); // the service is stopped while the arm still moves
+
+    EXPECT_EQ(CUT, desk.sent());
+    EXPECT_EQ("ok\n", desk.told());
+    EXPECT_TRUE(desk.tripped(TRIP_LINE_FOREIGN));
+}
+
 TEST(InterlockJob, EndThatStaysLitTrips)
 {
     InterlockDesk desk(GRBL);
