@@ -32,14 +32,22 @@ void Interlock::onPortLost(int64_t s64NowUs)
     const bool bMayBurn = LEVEL_DARK != m_eLevel || (m_bPort && OFF_SEEN != m_eOff);
     m_bPort = false;
     if (bMayBurn) { // nothing else reaches the controller
-        m_bResetHeld = true;
-        m_actions.holdReset(true);
+        holdReset();
     }
     if (LEVEL_DARK != m_eLevel) {
         trip(TRIP_CONTROLLER_GONE, 0, s64NowUs);
     } else {
         forget(s64NowUs);
         startOff(s64NowUs);
+    }
+}
+
+/** Until the operator lets it go. */
+void Interlock::holdReset()
+{
+    if (!m_bResetHeld) {
+        m_bResetHeld = true;
+        m_actions.holdReset(true);
     }
 }
 

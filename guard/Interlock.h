@@ -289,6 +289,7 @@ private:
     void forgetFirmware();
 
     // Levels.
+    void holdReset();
     void setLevel(LEVEL_E eLevel);
     void trip(TRIP_E eReason, int nDetail, int64_t s64NowUs);
     void startOff(int64_t s64NowUs);

@@ -21,9 +21,8 @@ void Interlock::onTime(int64_t s64NowUs)
         if (bFailed) {
             m_actions.tell(NOTICE_OFF_FAILED, nTold);
         }
-        if (bFailed && !m_bResetHeld) {
-            m_bResetHeld = true;
-            m_actions.holdReset(true);
+        if (bFailed) {
+            holdReset();
         }
     }
     if (!m_fromService.isEmpty() && s64NowUs >= m_s64PieceUs + SAME_WRITE) {
@@ -35,6 +34,10 @@ void Interlock::onTime(int64_t s64NowUs)
     if (LEVEL_DARK != m_eLevel) {
         if (const TRIP_E eReason = findOverdue(s64NowUs); TRIP_NONE != eReason) {
             trip(eReason, 0, s64NowUs);
+            if (TRIP_CONTROLLER_SILENT == eReason ||
+                (TRIP_LINE_LATE == eReason && !m_language.hasReports())) {
+                holdReset(); // one that hears nothing does not obey either
+            }
         }
     } else if (m_uExpected > 0 && s64NowUs >= m_aExpected[0].s64ByUs) {
         m_uExpected = 0; // an answer that nobody needs

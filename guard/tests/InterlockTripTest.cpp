@@ -135,6 +135,29 @@ TEST(InterlockTrip, ControllerIsSilentToQuestionsForASecond)
     EXPECT_EQ(CUT, desk.sent());
 }
 
+TEST(InterlockTrip, SilentControllerIsHeldInResetAtOnce)
+{
+    InterlockDesk grbl(GRBL);
+    burn(grbl);
+    grbl.report("");
+    grbl.pass(1200);
+    ASSERT_TRUE(grbl.tripped(TRIP_CONTROLLER_SILENT));
+    EXPECT_TRUE(grbl.m_actions.m_bReset);
+
+    InterlockDesk own(KESTREL);
+    burn(own);
+    own.service("G1 X0\n\n");
+    own.pass(3680);
+    ASSERT_TRUE(own.tripped(TRIP_LINE_LATE));
+    EXPECT_TRUE(own.m_actions.m_bReset);
+
+    InterlockDesk talking(KESTREL);
+    burn(talking);
+    talking.controller("alarm:1\n");
+    ASSERT_TRUE(talking.tripped(TRIP_ALARM));
+    EXPECT_FALSE(talking.m_actions.m_bReset);
+}
+
 TEST(InterlockTrip, CableIsPulled)
 {
     for (const ILanguage* const pLanguage :
