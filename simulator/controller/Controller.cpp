@@ -175,6 +175,7 @@ void Controller::hold(bool bHeld, int64_t s64NowUs)
     advance(s64NowUs);
     m_bHeld = bHeld;
     m_motion.setHeld(bHeld);
+    processLines(s64NowUs); // one that waited for room is not taken now
     tellBeam(s64NowUs);
 }
 

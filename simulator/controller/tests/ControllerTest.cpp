@@ -209,6 +209,18 @@ TEST_F(ControllerLines, HeldControllerTakesNoLineAndSaysWhenItGoesOn)
     EXPECT_EQ("ok\n|", say("G1 X2\n"));
 }
 
+TEST_F(ControllerLines, HoldTakesNoLineThatWaitsForRoom)
+{
+    for (size_t i = 0; i <= Motion::MAX_QUEUED; ++i) {
+        say("G91 G1 X1 F600\n");
+    }
+    EXPECT_EQ("", say("G1 X1\n"));
+
+    EXPECT_TRUE(runCommand("hold"));
+
+    EXPECT_EQ("status:1\n|", wait(0));
+}
+
 TEST_F(ControllerLines, HoldAndResumeLines)
 {
     EXPECT_EQ("ok\n|", say("G21\n"));
