@@ -212,6 +212,7 @@ std::string GuardWorker::describeState() const
                {"reset_held", m_interlock.isResetHeld()},
                {"homed", m_interlock.isHomed()},
                {"paused", m_interlock.isPaused()},
+               {"held", m_interlock.isHeld()},
                {"line", m_interlock.getJobLine()},
                {"job", m_strJobSum},
                {"firmware", nullptr}};

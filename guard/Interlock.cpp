@@ -14,7 +14,7 @@ Interlock::Interlock(const ILanguage& language, const GuardLimits& limits, IGuar
                      bool bHoming)
     : m_language(language), m_actions(actions),
       m_check(limits, language.getWords(), language.getPowerUpFeed()), m_bHoming(bHoming),
-      m_s64OffUs(NEVER)
+      m_s64OffUs(NEVER), m_beforeSlot(m_check)
 {
 }
 

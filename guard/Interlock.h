@@ -120,6 +120,11 @@ public:
     {
         return JOB_PAUSED == m_eJob;
     }
+    /** Whether the controller holds a job by itself, or slows down for that. */
+    bool isHeld() const
+    {
+        return m_bHeld && !isPausedByOperator();
+    }
     size_t getJobLine() const
     {
         return m_job.getLine();
@@ -345,6 +350,7 @@ private:
     bool m_bAfterLine = false; // a line end right behind belongs to the line before
     int64_t m_s64LineEndUs = 0;
     Slot m_slot;
+    GcodeCheck m_beforeSlot; // as it was before the slot's line was sent
     Move m_move;
     int m_nStray = 0; // answers to strangers, which the job's reader may have taken for its own
     std::array<Second, 4> m_aSecond{};

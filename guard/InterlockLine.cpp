@@ -63,7 +63,7 @@ void Interlock::forwardSlot(int64_t s64NowUs)
     GcodeLine line;
     int64_t s64DurationUs = 0;
     std::array<char, LineBuffer::MAX_LINE + 1> acOut{};
-    const GcodeCheck before = m_check;
+    m_beforeSlot = m_check;
     LINE_FAULT_E eFault = parseGcode(pText, m_slot.uLength, line);
     if (LINE_GOOD == eFault) {
         eFault = m_check.apply(line, LEVEL_JOB == m_eLevel, s64DurationUs);
@@ -86,7 +86,7 @@ void Interlock::forwardSlot(int64_t s64NowUs)
         return;
     }
     if (!sendLine(acOut.data(), uOut, s64DurationUs, s64NowUs)) {
-        m_check = before; // stays kept, and goes out when it is repeated
+        m_check = m_beforeSlot; // stays kept, and goes out when it is repeated
         return;
     }
     m_slot.eState = SLOT_SENT;
@@ -137,7 +137,7 @@ void Interlock::onLineAnswer(bool bOk, int nCode, int64_t s64NowUs)
         m_bEndDue = m_bEndDue || m_job.isDone();
     }
     m_slot.eState = SLOT_TAKEN;
-    if (!isPausedByOperator()) {
+    if (!isPausedByOperator() && !m_language.hasReports()) { // else a report tells it
         setHeld(1 == nStatus || 3 == nStatus, s64NowUs);
     }
     if (!m_slot.bWaiting) {

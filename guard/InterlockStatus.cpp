@@ -49,6 +49,7 @@ void Interlock::onStatusAlone(int64_t s64NowUs)
     setHeld(true, s64NowUs);
     if (EXPECT_LINE == expected.eKind) {
         m_slot.eState = SLOT_KEPT;
+        m_check = m_beforeSlot; // it moved nothing, and comes again
         if (m_slot.bWaiting) {
             answerHeld(nCode, s64NowUs);
         }

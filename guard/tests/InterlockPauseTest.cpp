@@ -195,6 +195,64 @@ TEST(InterlockPause, HoldOfTheControllerIsToldByStatusAlone)
     EXPECT_EQ(2U, desk.m_interlock.getJobLine());
 }
 
+TEST(InterlockPause, LineThatAHeldControllerDoesNotTakeMovesOnce)
+{
+    InterlockDesk desk(KESTREL);
+    desk.open("G91\nG1 X40 F600\nG1 X40\n");
+    desk.service("G91\n\n");
+    desk.controller("ok\n");
+    for (int n = 0; n < 5; ++n) { // the box ends at 100
+        desk.service("G1 X40 F600\n\n");
+        desk.controller("status:1\n");
+        desk.pass(500);
+    }
+    desk.service("G1 X40 F600\n\n");
+    desk.controller("status:4\nok\n");
+    desk.service("G1 X40\n\n");
+    desk.controller("ok\n");
+
+    EXPECT_FALSE(desk.tripped(TRIP_LINE_BAD));
+    EXPECT_EQ(3U, desk.m_interlock.getJobLine());
+}
+
+TEST(InterlockPause, HoldOfTheControllerIsToldAndItsEnd)
+{
+    InterlockDesk desk(KESTREL);
+    runFirst(desk);
+    desk.service("G1 X50 F600\n\n");
+    desk.controller("status:1\n");
+    desk.pass(50);
+    EXPECT_TRUE(desk.m_interlock.isHeld());
+    EXPECT_EQ(1, desk.count(NOTICE_HELD));
+    EXPECT_EQ(0, desk.count(NOTICE_GOES_ON));
+
+    desk.pass(500);
+    desk.service("G1 X50 F600\n\n");
+    desk.controller("status:4\nok\n");
+
+    EXPECT_FALSE(desk.m_interlock.isHeld());
+    EXPECT_EQ(1, desk.count(NOTICE_HELD));
+    EXPECT_EQ(1, desk.count(NOTICE_GOES_ON));
+}
+
+TEST(InterlockPause, GrblLineThatIsTakenInAHoldDoesNotEndIt)
+{
+    InterlockDesk desk(GRBL);
+    runFirst(desk);
+    desk.service("G1 X50 F600\n\n");
+    desk.report("<Hold:0|MPos:1.000,0.000,0.000|FS:0,0>\n");
+    desk.pass(250);
+
+    desk.controller("ok\n"); // its queue has room
+
+    EXPECT_TRUE(desk.m_interlock.isHeld());
+    EXPECT_EQ(0, desk.count(NOTICE_GOES_ON));
+    desk.report("<Run|MPos:1.000,0.000,0.000|FS:600,500>\n");
+    desk.pass(250);
+    EXPECT_FALSE(desk.m_interlock.isHeld());
+    EXPECT_EQ(1, desk.count(NOTICE_GOES_ON));
+}
+
 TEST(InterlockPause, StatusWithAcknowledgementIsToldInTwoSteps)
 {
     InterlockDesk desk(KESTREL);
