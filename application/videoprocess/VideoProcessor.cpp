@@ -126,39 +126,50 @@ RET_E VideoProcessor::uninit()
     return RET_SUCCESS;
 }
 
+bool VideoProcessor::canMeasure()
+{
+    const Plugin plugin = getPlugin();
+    return nullptr != plugin.m_pHandle && nullptr != plugin.pFindPos &&
+           nullptr != plugin.pAutoFocus && nullptr != plugin.pSetExposure;
+}
+
 RET_E VideoProcessor::measure(float* pResult)
 {
     *pResult = 0;
-    const Plugin plugin = getPlugin();
-    if (nullptr == plugin.m_pHandle || nullptr == plugin.pFindPos || nullptr == plugin.pAutoFocus ||
-        nullptr == plugin.pSetExposure) {
+    Measurement measurement;
+    const RET_E eResult = measure(measurement);
+    *pResult = measurement.fHeight;
+    return eResult;
+}
+
+RET_E VideoProcessor::measure(Measurement& measurement)
+{
+    measurement = {};
+    if (!canMeasure()) {
         return RET_FAILED;
     }
+    const Plugin plugin = getPlugin();
 
-    PVENC_FRAME_T frame;
-    getFrame(frame);
-    int32_t s32Exposure = 0;
-    plugin.pSetExposure(&s32Exposure);
-    SetExposureEvent exposureEvent(0, s32Exposure);
+    getFrame(measurement.spotFrame);
+    plugin.pSetExposure(&measurement.s32Exposure);
+    SetExposureEvent exposureEvent(0, measurement.s32Exposure);
     EventBus<SetExposureEvent>::publish(exposureEvent);
 
-    float fX = 0;
-    float fY = 0;
-    const VENC_FRAME_T* pFrame = frame.get();
-    if (plugin.pFindPos(pFrame->u32Size, pFrame->u32Width, pFrame->u32Height, pFrame->au8Data, &fX,
-                        &fY) > 0) {
+    const VENC_FRAME_T* pFrame = measurement.spotFrame.get();
+    if (plugin.pFindPos(pFrame->u32Size, pFrame->u32Width, pFrame->u32Height, pFrame->au8Data,
+                        &measurement.fX, &measurement.fY) > 0) {
         return RET_FAILED;
     }
-    MoveLaserEvent moveEvent(fX, fY);
+    MoveLaserEvent moveEvent(measurement.fX, measurement.fY);
     EventBus<MoveLaserEvent>::publish(moveEvent);
 
-    getFrame(frame); // what the camera sees once the move was announced
-    pFrame = frame.get();
+    getFrame(measurement.heightFrame); // what the camera sees once the move was announced
+    pFrame = measurement.heightFrame.get();
     if (plugin.pAutoFocus(pFrame->u32Size, pFrame->u32Width, pFrame->u32Height, pFrame->au8Data,
-                          pResult) > 0) {
+                          &measurement.fHeight) > 0) {
         return RET_FAILED;
     }
-    MeasureEvent measureEvent(*pResult);
+    MeasureEvent measureEvent(measurement.fHeight);
     EventBus<MeasureEvent>::publish(measureEvent);
     return RET_SUCCESS;
 }

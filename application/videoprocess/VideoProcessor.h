@@ -10,6 +10,17 @@
 #include "VideoFrame.h"
 #include "frame_process.h"
 
+/** What a measurement has come to, and the pictures that it was made on. */
+struct Measurement
+{
+    int32_t s32Exposure = 0;   // that the camera was set to
+    PVENC_FRAME_T spotFrame;   // where the spot was looked for; none without the plug-in
+    PVENC_FRAME_T heightFrame; // where the height was measured; none when no spot was found
+    float fX = 0;              // of the spot, in the plug-in's unit
+    float fY = 0;
+    float fHeight = 0; // in the plug-in's unit
+};
+
 /**
  * Loads the plug-in "./libframe_process.so", hands it frames that it takes from the capture side on
  * demand, and announces what the plug-in found. Without the plug-in, or one of its names, whatever
@@ -54,6 +65,12 @@ public:
      * @throws std::bad_alloc  as getFrame does
      */
     RET_E measure(float* pResult);
+
+    /** The same, with all that was seen on the way. */
+    RET_E measure(Measurement& measurement);
+
+    /** Whether the plug-in has all that a measurement needs. */
+    bool canMeasure();
 
     /**
      * Correct a frame's lens distortion. May run on the capture thread.
