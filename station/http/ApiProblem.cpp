@@ -44,6 +44,7 @@ const Kind KINDS[] = {
     {"refused", 422, "Refused by the guard or the controller",
      "Look at the limits; the journal tells more."},
     {"job-refused", 422, "The file would be refused", "Look at its check and mend the file."},
+    {"restart", 422, "It cannot begin at that line", "Begin at another line, or at the first."},
     {"checksum", 422, "Not the file that was announced", "Send it again."},
     {"stopped", 409, "Stopped on the way", "See why in the journal; then home the arm."},
     {"late", 504, "It did not end in time",

@@ -27,6 +27,7 @@ GuardState takeState(const json& answer)
     state.bResetHeld = answer.value("reset_held", false);
     state.bHomed = answer.value("homed", false);
     state.bPaused = answer.value("paused", false);
+    state.bHeld = answer.value("held", false);
     state.u64Line = answer.value("line", uint64_t{0});
     state.strJob = answer.value("job", "");
     const auto firmware = answer.find("firmware");

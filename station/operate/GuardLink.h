@@ -24,6 +24,7 @@ struct GuardState
     bool bResetHeld = false;
     bool bHomed = false;
     bool bPaused = false;
+    bool bHeld = false;       // by the controller itself
     uint64_t u64Line = 0;     // of the job's lines, through
     std::string strJob;       // SHA-256 of the last one opened
     int64_t s64Firmware = -1; // bytes taken; -1: none is under way

@@ -90,12 +90,16 @@ void JobApi::addFiles()
 
 void JobApi::start(const httplib::Request& request, httplib::Response& response)
 {
-    const json body = takeBody(request, {"unattended"});
+    const json body = takeBody(request, {"unattended", "line"});
     const json unattended = body.value("unattended", json(false));
     if (!unattended.is_boolean()) {
         throw ApiProblem("bad-request", "\"unattended\" is neither true nor false.");
     }
-    answerJson(response, m_station.startJob(request.matches[1], unattended));
+    const json line = body.value("line", json(1U));
+    if (!line.is_number_unsigned() || 0U == line) {
+        throw ApiProblem("bad-request", "\"line\" is no number of a line.");
+    }
+    answerJson(response, m_station.startJob(request.matches[1], unattended, line));
 }
 
 void JobApi::addRun()

@@ -73,12 +73,24 @@ void JobRun::readRecord()
     }
     const MutexGuard guard(m_mtx);
     m_last = record["last"];
-    m_bInterrupted = true == record["running"];
+    if (const json& running = record["running"]; running.is_object()) {
+        m_bInterrupted = true;
+        m_interrupted.strSum = running.value("sha256", "");
+        m_interrupted.u64Skipped = running.value("skipped", uint64_t{0});
+        m_interrupted.u64Added = running.value("added", uint64_t{0});
+    }
 }
 
-void JobRun::writeRecord(const json& last, bool bRunning)
+/** @param pRunning  null: nothing runs */
+void JobRun::writeRecord(const json& last, const Place* pRunning)
 {
-    std::ofstream(NEW_RECORD) << json{{"last", last}, {"running", bRunning}}.dump();
+    json running;
+    if (nullptr != pRunning) {
+        running = {{"sha256", pRunning->strSum},
+                   {"skipped", pRunning->u64Skipped},
+                   {"added", pRunning->u64Added}};
+    }
+    std::ofstream(NEW_RECORD) << json{{"last", last}, {"running", running}}.dump();
     (void)rename(NEW_RECORD, RECORD); // else the former one stays
 }
 
@@ -86,23 +98,34 @@ json JobRun::makeLast(const char* pResult, const std::string& strReason) const
 {
     return {{"name", m_run.strName},
             {"sha256", m_run.strSum},
-            {"lines", m_run.pProfile->getLines()},
-            {"line", m_run.u64Line},
+            {"lines", m_run.getLines()},
+            {"line", m_run.place.toFile(m_run.u64Line)},
             {"result", pResult},
             {"reason", strReason.empty() ? json(nullptr) : json(strReason)},
+            {"restart", nullptr},
             {"ended", getWallTime()}};
 }
 
 /** The print service reads the very file that the guard is given. */
-void JobRun::placeFile(const std::string& strName)
+void JobRun::placeFile(const RunnableJob& job)
 {
     (void)unlink(PRINT_FILE); // none as a rule
-    if (0 != link(JobStore::getPath(strName).c_str(), PRINT_FILE)) {
-        throw ApiProblem("internal", "The print service cannot be given the file.");
+    const std::string strName = job.job["name"];
+    if (1 == job.uLine) {
+        if (0 != link(JobStore::getPath(strName).c_str(), PRINT_FILE)) {
+            throw ApiProblem("internal", "The print service cannot be given the file.");
+        }
+        return;
+    }
+    std::ofstream file(PRINT_FILE);
+    file << job.strText;
+    file.close();
+    if (!file) {
+        throw ApiProblem("no-space", "The print service cannot be given the rest of the file.");
     }
 }
 
-std::string JobRun::start(const json& job, const std::string& strText, bool bUnattended,
+std::string JobRun::start(const RunnableJob& job, bool bUnattended,
                           const Configuration& configuration)
 {
     if (!bUnattended && !m_pictures.isPresent()) {
@@ -121,20 +144,20 @@ std::string JobRun::start(const json& job, const std::string& strText, bool bUna
     }
     Run run;
     run.bThere = true;
-    run.strName = job["name"];
-    run.strSum = job["sha256"];
-    run.u64Size = job["size"];
+    run.strName = job.job["name"];
+    run.strSum = job.job["sha256"];
+    run.u64Size = job.job["size"];
+    run.place = {job.strSum, job.uLine - 1, job.uAdded};
     run.bUnattended = bUnattended;
     run.strStarted = getWallTime();
     run.strLease = makeSecret();
-    run.pProfile =
-        std::make_shared<const JobProfile>(strText, configuration, job["check"]["seconds"]);
-    placeFile(run.strName);
+    run.pProfile = std::make_shared<const JobProfile>(job.strText, configuration, job.dSeconds);
+    placeFile(job);
     const int nFile = ::open(PRINT_FILE, O_RDONLY | O_CLOEXEC);
     const GuardLink::Answer answer = m_guard.openJob(nFile, LEASE_MS);
     ::close(nFile);
     demandDone(answer);
-    if (answer.content.value("sha256", "") != run.strSum) {
+    if (answer.content.value("sha256", "") != job.strSum) {
         (void)m_guard.turnOff();
         throw ApiProblem("internal", "The file is another than the one that was looked through.");
     }
@@ -145,10 +168,11 @@ std::string JobRun::start(const json& job, const std::string& strText, bool bUna
         const MutexGuard guard(m_mtx);
         m_run = run;
         m_bInterrupted = false;
-        writeRecord(makeLast("interrupted", ""), true);
+        writeRecord(makeLast("interrupted", ""), &m_run.place);
     }
     m_journal.add("operator",
-                  "job " + run.strName + (bUnattended ? " started UNATTENDED" : " started"));
+                  "job " + run.strName + (bUnattended ? " started UNATTENDED" : " started") +
+                      ((1 == job.uLine) ? "" : " at line " + std::to_string(job.uLine)));
     user.release();                    // tidyUp() ends it
     (void)m_guard.refresh(REFRESH_MS); // what it tells from now on is about this job
     const bool bSent = 0 == PrintService::getInstance().startPrint();
@@ -243,10 +267,6 @@ void JobRun::onGuardEvent(const json& event)
         m_run.bDone = true;
     } else if ("trip" == strEvent) {
         m_run.strTrip = event.value("reason", "");
-    } else if ("held" == strEvent && HELD_NOT == m_run.eHeld) {
-        m_run.eHeld = HELD_BY_CONTROLLER;
-    } else if ("goes on" == strEvent && HELD_BY_CONTROLLER == m_run.eHeld) {
-        m_run.eHeld = HELD_NOT;
     }
 }
 
@@ -255,23 +275,27 @@ void JobRun::onGuardState(const GuardState& state)
     const MutexGuard guard(m_mtx);
     if (m_bInterrupted && state.bPresent && "job" != state.strLevel) {
         m_bInterrupted = false;
-        if (m_last.value("sha256", "") == state.strJob) {
-            m_last["line"] = state.u64Line; // it knows better than the record
+        if (m_interrupted.strSum == state.strJob) {
+            m_last["line"] = m_interrupted.toFile(state.u64Line); // it knows better than the record
         }
         m_journal.add("station", "job " + m_last.value("name", "") +
                                      " was interrupted behind line " + m_last["line"].dump() +
                                      " of " + m_last["lines"].dump());
-        writeRecord(m_last, false);
+        writeRecord(m_last, nullptr);
     }
     if (!m_run.bThere) {
         return;
     }
-    if (state.bPresent && state.strJob == m_run.strSum &&
+    if (state.bPresent && state.strJob == m_run.place.strSum &&
         ("job" == state.strLevel || m_run.bFollowed)) {
         m_run.u64Line = std::max(m_run.u64Line, state.u64Line);
     }
     if (m_run.bFollowed && "job" != state.strLevel) {
         finish(state);
+    } else if (state.bHeld && HELD_NOT == m_run.eHeld) {
+        m_run.eHeld = HELD_BY_CONTROLLER;
+    } else if (!state.bHeld && HELD_BY_CONTROLLER == m_run.eHeld) {
+        m_run.eHeld = HELD_NOT;
     }
 }
 
@@ -285,11 +309,10 @@ void JobRun::finish(const GuardState& state)
     }
     m_last = makeLast(pResult, strReason);
     m_journal.add("station", "job " + m_run.strName + " " + pResult + " behind line " +
-                                 std::to_string(m_run.u64Line) + " of " +
-                                 std::to_string(m_run.pProfile->getLines()) +
+                                 m_last["line"].dump() + " of " + m_last["lines"].dump() +
                                  (strReason.empty() ? "" : ": " + strReason));
     m_run = {};
-    writeRecord(m_last, false);
+    writeRecord(m_last, nullptr);
     (void)m_end.add([this] { tidyUp(); }); // there is room: one job, one end
 }
 
@@ -326,7 +349,7 @@ void JobRun::look()
         m_run.u64SeenMs = u64NowMs;
         if (u64NowMs - m_u64RecordMs >= RECORD_MS) {
             m_u64RecordMs = u64NowMs;
-            writeRecord(makeLast("interrupted", ""), true);
+            writeRecord(makeLast("interrupted", ""), &m_run.place);
         }
         bLost = m_run.bFollowed && !m_run.bUnattended && !m_pictures.isPresent() &&
                 (HELD_NOT == m_run.eHeld || HELD_BY_CONTROLLER == m_run.eHeld);
@@ -359,8 +382,9 @@ json JobRun::describe() const
         {"name", m_run.strName},
         {"sha256", m_run.strSum},
         {"size", m_run.u64Size},
-        {"lines", m_run.pProfile->getLines()},
-        {"line", m_run.u64Line},
+        {"lines", m_run.getLines()},
+        {"line", m_run.place.toFile(m_run.u64Line)},
+        {"begun_at", m_run.place.u64Skipped + 1},
         {"percent", round1(100 * dShare)},
         {"seconds", round1(m_run.dSeconds)},
         {"seconds_left", round1(m_run.pProfile->getSeconds() * (1 - dShare) * dPace)},

@@ -35,13 +35,8 @@ public:
     JobRun& operator=(const JobRun&) = delete;
     ~JobRun();
 
-    /**
-     * @param job      docs/api.yaml's Job, whose check has passed
-     * @param strText  its bytes
-     * @return the lease, a secret
-     */
-    std::string start(const nlohmann::json& job, const std::string& strText, bool bUnattended,
-                      const Configuration& configuration);
+    /** @return the lease, a secret */
+    std::string start(const RunnableJob& job, bool bUnattended, const Configuration& configuration);
     void renew(const std::string& strLease);
     void pause();
     void resume();
@@ -60,7 +55,7 @@ public:
     /** docs/api.yaml's RunningJob, or null. */
     nlohmann::json describe() const;
 
-    /** docs/api.yaml's EndedJob, or null. */
+    /** docs/api.yaml's EndedJob, or null; its "restart" is null. */
     nlohmann::json describeLast() const;
 
     /** Whether this file runs. */
@@ -74,6 +69,18 @@ private:
         HELD_BY_CAMERA,
         HELD_BY_CONTROLLER
     };
+    /** Where the lines of what the guard was given stand in the file. */
+    struct Place
+    {
+        std::string strSum;      // of what the guard was given
+        uint64_t u64Skipped = 0; // lines of the file that it does not have
+        uint64_t u64Added = 0;   // lines that stand before the rest
+
+        uint64_t toFile(uint64_t u64Line) const
+        {
+            return u64Skipped + ((u64Line > u64Added) ? u64Line - u64Added : 0);
+        }
+    };
     struct Run
     {
         bool bThere = false;
@@ -81,11 +88,12 @@ private:
         std::string strName;
         std::string strSum;
         uint64_t u64Size = 0;
+        Place place;
         bool bUnattended = false;
         std::string strStarted;
         std::string strLease;
         uint64_t u64LeaseEndMs = 0;
-        uint64_t u64Line = 0;
+        uint64_t u64Line = 0; // of what the guard was given
         HELD_E eHeld = HELD_NOT;
         bool bDone = false;    // the guard has told so
         bool bStopped = false; // the operator wanted it
@@ -93,17 +101,22 @@ private:
         double dSeconds = 0; // it runs
         uint64_t u64SeenMs = 0;
         std::shared_ptr<const JobProfile> pProfile;
+
+        uint64_t getLines() const
+        {
+            return place.toFile(pProfile->getLines());
+        }
     };
 
     void readRecord();
-    static void writeRecord(const nlohmann::json& last, bool bRunning);
+    static void writeRecord(const nlohmann::json& last, const Place* pRunning);
     nlohmann::json makeLast(const char* pResult, const std::string& strReason) const
         REQUIRES(m_mtx);
     void finish(const GuardState& state) REQUIRES(m_mtx);
     void tidyUp();
     void hold(HELD_E eHeld);
     void demandRun() const;
-    static void placeFile(const std::string& strName);
+    static void placeFile(const RunnableJob& job);
 
     GuardLink& m_guard;
     const ArmTerminal& m_terminal;
@@ -114,6 +127,7 @@ private:
     Run m_run GUARDED_BY(m_mtx);
     nlohmann::json m_last GUARDED_BY(m_mtx);
     bool m_bInterrupted GUARDED_BY(m_mtx) = false; // m_last waits for what the guard knows
+    Place m_interrupted GUARDED_BY(m_mtx);         // of what it was given
     uint64_t m_u64RecordMs GUARDED_BY(m_mtx) = 0;  // when it was written
     WorkerPool m_end{"station-end", 1, 1};
 };

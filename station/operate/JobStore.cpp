@@ -18,6 +18,7 @@
 #include "GrblLanguage.h"
 #include "JobCheck.h"
 #include "JobPicture.h"
+#include "JobRestart.h"
 #include "KestrelLanguage.h"
 #include "WallTime.h"
 
@@ -322,12 +323,12 @@ std::string JobStore::draw(const std::string& strName)
     return picture.draw(m_pConfiguration->limits);
 }
 
-json JobStore::getRunnable(const std::string& strName, std::string& strText)
+RunnableJob JobStore::getRunnable(const std::string& strName, size_t uLine)
 {
     demandLimits();
     json record = readRecord(strName);
     const Turn turn(m_bLooking);
-    strText = read(strName);
+    std::string strText = read(strName);
     if (record["key"] != m_strKey) {
         record = look(strName, strText, record["uploaded"]);
     }
@@ -335,5 +336,56 @@ json JobStore::getRunnable(const std::string& strName, std::string& strText)
         throw ApiProblem("job-refused",
                          record["check"]["refused"].dump() + " places would be refused.");
     }
-    return describe(record);
+    RunnableJob runnable;
+    runnable.job = describe(record);
+    runnable.strText = std::move(strText);
+    runnable.strSum = record["check"]["sha256"];
+    runnable.dSeconds = record["check"]["seconds"];
+    if (1 != uLine) {
+        beginAt(uLine, runnable);
+    }
+    return runnable;
+}
+
+void JobStore::beginAt(size_t uLine, RunnableJob& runnable) const
+{
+    RestartedJob restarted = restartJob(runnable.strText, uLine);
+    if (!restarted.strReason.empty()) {
+        throw ApiProblem("restart", "It cannot begin at line " + std::to_string(uLine) + ": " +
+                                        restarted.strReason + ".");
+    }
+    const std::unique_ptr<ILanguage> pLanguage = makeLanguage(*m_pConfiguration);
+    const JobReport report =
+        JobCheck(m_pConfiguration->limits, *pLanguage).check(restarted.strText, nullptr);
+    if (!report.passes()) {
+        throw ApiProblem("restart", "What would set it up would be refused.");
+    }
+    runnable.strText = std::move(restarted.strText);
+    runnable.strSum = report.strSum;
+    runnable.dSeconds = report.dSeconds;
+    runnable.uLine = uLine;
+    runnable.uAdded = restarted.uAdded;
+}
+
+json JobStore::describeRestart(const std::string& strName, const std::string& strSum,
+                               size_t uThrough) const
+{
+    json restart = {{"line", nullptr}, {"unsure_from", nullptr}, {"reason", nullptr}};
+    try {
+        if (readRecord(strName)["check"]["sha256"] != strSum) {
+            restart["reason"] = "the file of that name is another now";
+            return restart;
+        }
+        const std::string strText = read(strName);
+        const RestartedJob restarted = restartJob(strText, uThrough + 1);
+        if (!restarted.strReason.empty()) {
+            restart["reason"] = restarted.strReason;
+            return restart;
+        }
+        restart["line"] = uThrough + 1;
+        restart["unsure_from"] = findUnsure(strText, uThrough);
+    } catch (const ApiProblem&) {
+        restart["reason"] = "the file is not there any more";
+    }
+    return restart;
 }

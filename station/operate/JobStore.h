@@ -10,6 +10,17 @@
 #include "Configuration.h"
 #include "Mutex.h"
 
+/** A file that may run, from its beginning or from one of its lines. */
+struct RunnableJob
+{
+    nlohmann::json job;  // docs/api.yaml's Job
+    std::string strText; // what is to be run
+    std::string strSum;  // SHA-256 of that
+    double dSeconds = 0; // it takes
+    size_t uLine = 1;    // of the file, where it begins
+    size_t uAdded = 0;   // lines that stand before that one, to set it up
+};
+
 /**
  * In the working directory: "jobs" holds the files, "checks" what the check of each came to,
  * "incoming" what is still being received. What is refused is thrown as an ApiProblem. Any thread;
@@ -73,10 +84,17 @@ public:
 
     /**
      * A file that may run: its check has passed, by the limits as they are.
-     * @param strText  its bytes
-     * @return docs/api.yaml's Job
+     * @param uLine  the line to begin at; 1 is the first
      */
-    nlohmann::json getRunnable(const std::string& strName, std::string& strText);
+    RunnableJob getRunnable(const std::string& strName, size_t uLine);
+
+    /**
+     * Whether a file could begin behind a line, and what would be unsure then.
+     * @param strSum  SHA-256 of the file that is meant
+     * @return docs/api.yaml's Restart
+     */
+    nlohmann::json describeRestart(const std::string& strName, const std::string& strSum,
+                                   size_t uThrough) const;
 
     /** Where it lies. */
     static std::string getPath(const std::string& strName);
@@ -85,6 +103,7 @@ private:
     nlohmann::json readRecord(const std::string& strName) const;
     nlohmann::json look(const std::string& strName, const std::string& strText,
                         const std::string& strUploaded);
+    void beginAt(size_t uLine, RunnableJob& runnable) const;
     void demandLimits() const;
 
     const Configuration* m_pConfiguration;

@@ -1,14 +1,17 @@
 // The station: what of the arm is there, what goes on, and what the operator wants.
 #include "Station.h"
 
+#include <array>
+#include <cstdio>
 #include <utility>
 
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include "ApiProblem.h"
 #include "GuardProblem.h"
 #include "NoticeText.h"
 #include "Time.h"
+#include "VideoProcessor.h"
 #include "WallTime.h"
 
 static const Time STEP(0, 50000);          // between two looks of the thread
@@ -16,6 +19,7 @@ static const uint64_t WAKE_MS = 1000;      // watchers are woken so often, to se
 static const uint64_t REFRESH_MS = 2000;   // for the guard to be looked at
 static const uint64_t OFF_REFRESH_MS = 50; // beam off is answered within 100 ms
 static const uint64_t HOME_MS = 60000;
+static const uint64_t MEASURE_MS = 90000; // the print service waits for 68 s at most
 static const uint64_t BUSY_MS = 1000;
 
 static const char* const PLUGIN = "libframe_process.so";
@@ -51,6 +55,28 @@ std::string tellEvent(const json& event)
         if (event.end() != value) {
             strText += ("reason" == std::string(pKey)) ? ": " : " ";
             strText += value->is_string() ? value->get<std::string>() : value->dump();
+        }
+    }
+    return strText;
+}
+
+/** What a measurement came to, as a line. */
+std::string tellMeasurement(const json& measurement)
+{
+    std::string strText = "measured: " + measurement["result"].get<std::string>();
+    std::array<char, 96> acText{};
+    if (const json& spot = measurement["spot"]; spot.is_object()) {
+        snprintf(acText.data(), acText.size(), ", spot at %.2f %.2f", spot["x"].get<double>(),
+                 spot["y"].get<double>());
+        strText += acText.data();
+    }
+    if (const json& height = measurement["height"]; height.is_number()) {
+        snprintf(acText.data(), acText.size(), ", height %.4f", height.get<double>());
+        strText += acText.data();
+    }
+    for (const char* const pKey : {"spot_picture", "height_picture"}) {
+        if (const json& picture = measurement[pKey]; picture.is_object()) {
+            strText += ", picture " + picture["sha256"].get<std::string>();
         }
     }
     return strText;
@@ -104,6 +130,9 @@ void Station::stop()
     if (state.bPresent && "dark" != state.strLevel) {
         (void)m_pGuard->turnOff(); // the guard does it anyway when the terminal is closed in a job
     }
+    while (ARM_MEASURE == ArmUse::getInstance().get()) {
+        sleepFor(STEP); // its moves are refused now; without a camera it does not end
+    }
     m_pGuard->stop();
     m_pTerminal.reset();
     m_journal.add("station", "ended");
@@ -124,10 +153,19 @@ int Station::loop()
     }
     m_pTerminal->follow(state.bPresent);
     m_pRun->look();
-    ArmUse::getInstance().setReady("motion" == state.strLevel && m_pictures.isPresent());
+    lookForRestart();
+    updateReady();
     publish();
     sleepFor(STEP);
     return 0;
+}
+
+/** Whether the camera service's clients would find the arm ready, by what the guard told last. */
+void Station::updateReady()
+{
+    const MutexGuard guard(m_mtxReady);
+    const bool bMotion = "motion" == m_pGuard->getState().strLevel;
+    ArmUse::getInstance().setReady(bMotion && m_pictures.isPresent());
 }
 
 /** At most every 200 ms: this is many watchers' work. */
@@ -157,8 +195,11 @@ void Station::publish()
 
 void Station::onGuardEvent(const json& event)
 {
-    m_u32Homed += ("homed" == event.value("event", "")) ? 1 : 0;
-    if ("trip" == event.value("event", "")) {
+    const std::string strEvent = event.value("event", "");
+    m_u32Homed += ("homed" == strEvent) ? 1 : 0;
+    m_u32Refused += ("refused" == strEvent) ? 1 : 0;
+    if ("trip" == strEvent) {
+        ++m_u32Trips;
         m_trips.add(event.value("reason", ""));
     }
     m_journal.add("guard", tellEvent(event));
@@ -219,7 +260,7 @@ json Station::describeMissing() const
     if (!m_pictures.isPresent()) {
         add("camera", "Plug the camera in.");
     }
-    if (0 != access(PLUGIN, R_OK)) {
+    if (!VideoProcessor::getInstance().canMeasure()) {
         add("vision",
             std::string("Put ") + PLUGIN + " into the station's folder, and start it anew.");
     }
@@ -240,19 +281,19 @@ json Station::describe() const
         camera["width"] = m_pictures.getWidth();
         camera["height"] = m_pictures.getHeight();
     }
-    return {
-        {"version", KESTREL_VERSION},
-        {"started", m_strStarted},
-        {"time", getWallTime()},
-        {"camera", camera},
-        {"vision",
-         {{"present", 0 == access(PLUGIN, R_OK)}, {"open_to_all", ArmUse::getInstance().isOpen()}}},
-        {"guard", describeGuard()},
-        {"terminal", m_pTerminal->isOpen()},
-        {"activity", (nullptr == pUse) ? json(nullptr) : json(pUse)},
-        {"job", m_pRun->describe()},
-        {"last_job", m_pRun->describeLast()},
-        {"missing", describeMissing()}};
+    return {{"version", KESTREL_VERSION},
+            {"started", m_strStarted},
+            {"time", getWallTime()},
+            {"camera", camera},
+            {"vision",
+             {{"present", VideoProcessor::getInstance().canMeasure()},
+              {"open_to_all", ArmUse::getInstance().isOpen()}}},
+            {"guard", describeGuard()},
+            {"terminal", m_pTerminal->isOpen()},
+            {"activity", (nullptr == pUse) ? json(nullptr) : json(pUse)},
+            {"job", m_pRun->describe()},
+            {"last_job", describeLastJob()},
+            {"missing", describeMissing()}};
 }
 
 json Station::describeAnew()
@@ -261,11 +302,51 @@ json Station::describeAnew()
     return describe();
 }
 
-json Station::startJob(const std::string& strName, bool bUnattended)
+/** Whether the job that ended last can go on: once, and again when its file has changed. */
+void Station::lookForRestart()
 {
-    std::string strText;
-    const json job = m_pStore->getRunnable(strName, strText);
-    const std::string strLease = m_pRun->start(job, strText, bUnattended, m_guardConfiguration);
+    const json last = m_pRun->describeLast();
+    if (!last.is_object() || "done" == last["result"]) {
+        return;
+    }
+    const std::string strName = last["name"];
+    struct stat file = {};
+    (void)stat(JobStore::getPath(strName).c_str(), &file); // gone: all zero
+    const std::string strOf = last.dump();
+    const std::string strKey = strOf + std::to_string(file.st_ino) + "." +
+                               std::to_string(file.st_mtim.tv_sec) + "." +
+                               std::to_string(file.st_mtim.tv_nsec);
+    if (strKey == m_strRestartKey) {
+        return;
+    }
+    const std::string strSum = last["sha256"];
+    const size_t uThrough = last["line"];
+    const bool bBegun = m_restarts.add([this, strOf, strName, strSum, uThrough] {
+        const json restart = m_pStore->describeRestart(strName, strSum, uThrough);
+        const MutexGuard guard(m_mtxRestart);
+        m_restart = restart;
+        m_strRestartOf = strOf;
+    });
+    if (bBegun) { // else at the next look
+        m_strRestartKey = strKey;
+    }
+}
+
+/** docs/api.yaml's EndedJob, or null. */
+json Station::describeLastJob() const
+{
+    json last = m_pRun->describeLast();
+    const MutexGuard guard(m_mtxRestart);
+    if (last.is_object() && last.dump() == m_strRestartOf) {
+        last["restart"] = m_restart;
+    }
+    return last;
+}
+
+json Station::startJob(const std::string& strName, bool bUnattended, size_t uLine)
+{
+    const RunnableJob job = m_pStore->getRunnable(strName, uLine);
+    const std::string strLease = m_pRun->start(job, bUnattended, m_guardConfiguration);
     return {{"lease", strLease}, {"lease_ms", JobRun::LEASE_MS}, {"state", describeAnew()}};
 }
 
@@ -289,6 +370,7 @@ void Station::turnOff()
     m_journal.add("operator", "beam off");
     demandDone(answer);
     (void)m_pGuard->refresh(OFF_REFRESH_MS);
+    updateReady();
 }
 
 void Station::setLevel(const std::string& strLevel)
@@ -298,6 +380,8 @@ void Station::setLevel(const std::string& strLevel)
     }
     m_journal.add("operator", "level " + strLevel);
     ask(strLevel);
+    (void)m_pGuard->refresh(REFRESH_MS);
+    updateReady();
 }
 
 void Station::demandMotion()
@@ -395,6 +479,48 @@ void Station::jog(const std::string& strWords)
     m_journal.add("operator", "jog " + strWords);
     const ArmTerminal::ANSWER_E eMoved = m_pTerminal->send("G91 G1 " + strWords);
     judge((ArmTerminal::ANSWER_OK == eMoved) ? m_pTerminal->send("G90") : eMoved);
+}
+
+json Station::measure()
+{
+    demandMotion();
+    demandTerminal();
+    if (!m_pictures.isPresent()) {
+        throw ApiProblem("no-camera", "No picture came in the last 2 s.");
+    }
+    if (!VideoProcessor::getInstance().canMeasure()) {
+        throw ApiProblem("no-vision", std::string("There is no usable ") + PLUGIN + ".");
+    }
+    ArmUser user(ARM_MEASURE);
+    if (!user.hasBegun()) {
+        throw ApiProblem("busy", "The arm is in use.");
+    }
+    const uint32_t u32Refused = m_u32Refused;
+    const uint32_t u32Trips = m_u32Trips;
+    m_journal.add("operator", "measure");
+    const std::shared_ptr<const ArmMeasure::Turn> pTurn = m_measure.begin(user);
+    const uint64_t u64EndMs = monotonicMs() + MEASURE_MS;
+    json result;
+    do {
+        sleepFor(STEP); // it is a matter of seconds
+        result = pTurn->getResult();
+        // What the guard told of it has been handled behind this.
+        const bool bMotion = "motion" == m_pGuard->refresh(REFRESH_MS).strLevel;
+        if (m_bEnd || !bMotion || u32Trips != m_u32Trips) {
+            throw ApiProblem("stopped", "The level is not motion any more.");
+        }
+        if (monotonicMs() > u64EndMs) {
+            throw ApiProblem("late", "The camera does not deliver, or the arm does not arrive.");
+        }
+    } while (result.is_null());
+    if (u32Refused != m_u32Refused) {
+        throw ApiProblem("refused", "The guard has refused a move to what was measured.");
+    }
+    if (!result.is_object()) {
+        throw ApiProblem("internal", "Measuring failed: " + result.dump());
+    }
+    m_journal.add("station", tellMeasurement(result));
+    return result;
 }
 
 void Station::unlock()

@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "ArmMeasure.h"
 #include "ArmTerminal.h"
 #include "ArmUse.h"
 #include "Configuration.h"
@@ -20,6 +21,7 @@
 #include "StationJournal.h"
 #include "Thread.h"
 #include "TripCount.h"
+#include "WorkerPool.h"
 
 /**
  * Works without guard, plug-in or camera, and tells what is missing. What is asked for and not done
@@ -73,7 +75,7 @@ public:
     }
 
     /** docs/api.yaml's Started. */
-    nlohmann::json startJob(const std::string& strName, bool bUnattended);
+    nlohmann::json startJob(const std::string& strName, bool bUnattended, size_t uLine);
 
     void turnOff();
     void setLevel(const std::string& strLevel);
@@ -82,6 +84,13 @@ public:
     /** @param strWords  of a straight move: "X1 Y2 F600" */
     void move(const std::string& strWords);
     void jog(const std::string& strWords);
+
+    /** docs/api.yaml's Measurement. */
+    nlohmann::json measure();
+    const ArmMeasure& getMeasure() const
+    {
+        return m_measure;
+    }
     void unlock();
     void reset();
 
@@ -93,6 +102,9 @@ private:
     void onGuardEvent(const nlohmann::json& event);
     void onGuardState(const GuardState& state);
     void readGuardConfiguration();
+    void updateReady();
+    void lookForRestart();
+    nlohmann::json describeLastJob() const;
     void publish();
     nlohmann::json describeGuard() const;
     nlohmann::json describeMissing() const;
@@ -113,11 +125,21 @@ private:
     std::unique_ptr<GuardLink> m_pGuard;
     std::unique_ptr<JobStore> m_pStore;
     std::unique_ptr<JobRun> m_pRun;
-    std::atomic<uint32_t> m_u32Homed{0}; // times that the guard told it
+    ArmMeasure m_measure;
+    // Times that the guard told it.
+    std::atomic<uint32_t> m_u32Homed{0};
+    std::atomic<uint32_t> m_u32Refused{0};
+    std::atomic<uint32_t> m_u32Trips{0};
     std::atomic<bool> m_bGuardSeen{false};
     std::atomic<bool> m_bEnd{false};
     bool m_bDarkened = false; // the thread: no job of a former station's runs on
     uint64_t m_u64WakeMs = 0; // of the thread
     uint64_t m_u64ToldId = 0;
+    Mutex m_mtxReady{MUTEX_TYPE_NORMAL};               // guards ArmUse's flag while it is looked at
+    std::string m_strRestartKey;                       // the thread: what was looked at last
+    mutable Mutex m_mtxRestart{MUTEX_TYPE_NORMAL};     // guards what follows; innermost
+    nlohmann::json m_restart GUARDED_BY(m_mtxRestart); // of the job that ended last
+    std::string m_strRestartOf GUARDED_BY(m_mtxRestart); // its key
+    WorkerPool m_restarts{"station-restart", 1, 1};
     std::unique_ptr<Thread> m_pThread;
 };

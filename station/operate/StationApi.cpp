@@ -223,6 +223,18 @@ void StationApi::addArm()
         m_station.move(takeMove(request));
         tellState(response);
     });
+    m_server.post("/measure", [this](const httplib::Request& request, httplib::Response& response) {
+        (void)takeBody(request);
+        answerJson(response, m_station.measure());
+    });
+    m_server.get("/measure/pictures/([a-z]+)", [this](const httplib::Request& request,
+                                                      httplib::Response& response) {
+        const std::string strPicture = m_station.getMeasure().getPicture(request.matches[1]);
+        if (strPicture.empty()) {
+            throw ApiProblem("not-found", "The last measurement has no such picture.");
+        }
+        response.set_content(strPicture, "image/jpeg");
+    });
     m_server.post("/jog", [this](const httplib::Request& request, httplib::Response& response) {
         m_station.jog(takeMove(request));
         tellState(response);

@@ -147,17 +147,18 @@ class Station:
     """The station and what it works with; each part may be left out, and stopped and started."""
 
     def __init__(self, language="grbl", camera=True, guard=True, controller=True, settings="", controller_options=(),
-                 plugin=None):
+                 camera_options=(), plugin=None, box=((-100, -100, -100), (100, 100, 100))):
         self.stack = contextlib.ExitStack()
         self.language = language
         self.folder = self.stack.enter_context(tempfile.TemporaryDirectory(prefix="kestrel-station."))
         self.settings = settings
+        self.box = box
         self.station = self.guard = self.controller = self.control = None
         if plugin:
             os.symlink(plugin, f"{self.folder}/libframe_process.so")
         os.makedirs(f"{CARD}/www", exist_ok=True)
         os.makedirs(f"{CARD}/camera", exist_ok=True)
-        self.camera = Camera() if camera else None
+        self.camera = Camera(*camera_options) if camera else None
         if self.camera:
             self.stack.callback(self.camera.close)
         try:
@@ -178,7 +179,8 @@ class Station:
         with open(self.path("guard.toml"), "w", encoding="utf-8") as file:
             file.write(f'[controller]\nport = "{self.path("port")}"\nlanguage = "{LANGUAGES[self.language]}"\n'
                        f'[service]\nlink = "{self.path("ttyACM")}"\n[operator]\nsocket = "{self.path("socket")}"\n'
-                       "[limits]\nmin = [-100, -100, -100]\nmax = [100, 100, 100]\nfeed = 6000\npower = 1000\n"
+                       f"[limits]\nmin = {list(self.box[0])}\nmax = {list(self.box[1])}\n"
+                       "feed = 6000\npower = 1000\n"
                        "acceleration = 500\nrapid_feed = 6000\n")
         with open(self.path("token"), "w", encoding="ascii") as file:
             file.write(TOKEN + "\n")

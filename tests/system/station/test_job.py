@@ -1,6 +1,7 @@
 """Jobs by the operator's interface: kept, checked, run, held, stopped, interrupted; both languages."""
 
 import math
+import os
 import re
 import signal
 import threading
@@ -10,6 +11,7 @@ import unittest
 from harness import wait_until
 from station import Station, request
 
+LONG = int(os.environ.get("KESTREL_JOB_LINES", "2000"))  # of the long job
 HEAD = ["G21", "G90", "G54", "M3 S100"]
 END = ["M5"]
 
@@ -66,7 +68,7 @@ class Job(unittest.TestCase):
 
     def wait_for_line(self, line):
         return self.board.wait_for(lambda state: state["job"] is None or state["job"]["line"] >= line,
-                                   f"line {line} is through", 120)
+                                   f"line {line} is through", 120 + LONG / 10)
 
     def wait_for_end(self, deadline=120):
         return self.board.wait_for(lambda state: state["job"] is None, "the job is over", deadline)["last_job"]
@@ -178,35 +180,115 @@ class Job(unittest.TestCase):
         self.wait_for_line(20)
         request("POST", "/job/stop", {})
 
+    def offered(self):
+        """Where the last job can go on."""
+        return self.board.wait_for(lambda state: state["last_job"]["restart"], "it is offered")["last_job"]["restart"]
 
-class Grbl(Job):
-    language = "grbl"
+    def test_restarted_station_offers_the_line_and_a_person_goes_on_there(self):
+        lines = make_job(400)
+        upload("circle.gcode", lines)
+        owner = self.own("circle.gcode")
+        self.wait_for_line(100)
+        owner.ended.set()
+        self.board.stop(signal.SIGKILL)
+        self.board.start()
+        last = self.board.ready()["last_job"]
+        restart = self.offered()
+        line = last["line"] + 1
+        self.assertEqual((line, None), (restart["line"], restart["reason"]))
+        self.assertEqual(line - 18, restart["unsure_from"])
+        self.board.homed()
+        self.board.wait_for(lambda state: state["camera"]["present"], "pictures come")
+        records = len(self.board.log())
+        since = len(self.board.taken())
+        answer = self.own("circle.gcode", line=line).answer
+        self.assertEqual(line, answer.json["state"]["job"]["begun_at"])
+        self.assertEqual((400, "circle.gcode"), tuple(answer.json["state"]["job"][key] for key in ("lines", "name")))
+        last = self.wait_for_end()
 
-    def test_controller_hold_is_told(self):
+        self.assertEqual(("done", 400, None), (last["result"], last["line"], last["restart"]))
+        blocks = [block.replace(" ", "") for block in self.executed(since)]
+        rest = [each.replace(" ", "") for each in lines[line - 1:]]
+        place = lines[line - 2].split(" ", 1)[1]
+        setup = [each.replace(" ", "") for each in ("M5", "G21 G90 G17 G54", f"G0 {place} F6000", "M3 S100")]
+        # The controller's numbers are those of the file, as short as they can be said.
+        self.assertEqual([self.shorten(each) for each in setup + rest],
+                         [self.shorten(each) for each in blocks[:len(setup + rest)]])
+        self.assertLessEqual(set(blocks[len(setup + rest):]), {"M5"})
+        before = []  # what the beam did until it was switched on again
+        for kind, text in self.board.log()[records:]:
+            if kind == "rx" and text.replace(" ", "") == "M3S100":
+                break
+            before += [text] if kind == "beam" else []
+        self.assertEqual([], [text for text in before if "on=1" in text])
+
+    @staticmethod
+    def shorten(block):
+        return re.sub(r"(?<=[A-Z])-?\d+(\.\d+)?", lambda number: f"{float(number[0]) + 0:g}", block)
+
+    def test_line_that_cannot_be_begun_at_is_refused(self):
+        upload("shifted.gcode", ["G21", "G91", "G0 X1", "G0 X1", "M5"])
+        self.own("shifted.gcode")
+        self.assertEqual("done", self.wait_for_end()["result"])
+        for line, problem in ((0, "bad-request"), ("2", "bad-request"), (1.5, "bad-request"), (-1, "bad-request"),
+                              (6, "restart"), (4, "restart")):
+            with self.subTest(line):
+                self.assertEqual(problem, request("POST", "/jobs/shifted.gcode/start", {"line": line}).problem)
+
+    def test_offer_goes_with_its_file(self):
         upload("circle.gcode", make_job(3000))
         self.own("circle.gcode")
         self.wait_for_line(20)
+        request("POST", "/job/stop", {})
+        last = self.wait_for_end()
+        self.assertEqual("stopped", last["result"])
+        self.assertEqual(last["line"] + 1, self.offered()["line"])
+        upload("circle.gcode", make_job(30), "&replace=true")
+        self.board.wait_for(lambda state: state["last_job"]["restart"]["reason"] ==
+                            "the file of that name is another now", "the offer is withdrawn")
+        request("POST", "/jobs/circle.gcode/remove", {})
+        self.board.wait_for(lambda state: state["last_job"]["restart"]["reason"] ==
+                            "the file is not there any more", "the reason changes")
+
+    def hold(self):
+        """The button at the machine."""
         self.board.control.ask("hold")
         self.board.wait_for(lambda state: state["job"]["held_by"] == "controller", "the hold is told")
+
+    def go(self):
+        if self.language == "grbl":  # which drops the button's "go" while it still slows down
+            wait_until(lambda: self.board.controller_state()["state"] == "Hold:0", "it stands")
         self.board.control.ask("go")
+        self.board.wait_for(lambda state: state["job"]["held_by"] is None, "its end is told")
+
+    def test_controller_hold_and_its_end_are_told(self):
+        upload("circle.gcode", make_job(3000))
+        self.own("circle.gcode")
+        self.wait_for_line(20)
+        self.hold()
+        self.assertEqual("held", self.board.state()["job"]["status"])
+        self.go()
+        line = self.board.state()["job"]["line"]
+        self.wait_for_line(line + 40)
+        texts = [each["text"] for each in request("GET", "/journal").json["entries"] if each["source"] == "guard"]
+        self.assertEqual(["held", "goes on"], [text for text in texts if text in ("held", "goes on")])
         request("POST", "/job/stop", {})
         self.wait_for_end()
 
-
-class OwnLanguage(Job):
-    language = "arm"
-
-    def test_ten_thousand_lines_with_pauses_and_a_lost_camera(self):
-        lines = make_job(10000)
+    def test_long_job_with_pauses_a_hold_and_a_lost_camera(self):
+        lines = make_job(LONG)
         upload("long.gcode", lines)
-        since = len(self.board.records("rx"))
+        since = len(self.board.taken())
         self.own("long.gcode")
-        for line in (500, 3000):
+        for line in (LONG // 20, LONG // 4):
             self.wait_for_line(line)
             self.assertEqual(200, request("POST", "/job/pause", {}).status)
             self.board.wait_for(lambda state: state["guard"]["paused"], "it is dark")
             self.assertEqual(200, request("POST", "/job/resume", {}).status)
-        self.wait_for_line(5000)
+        self.wait_for_line(LONG // 3)
+        self.hold()
+        self.go()
+        self.wait_for_line(LONG // 2)
         self.board.camera.ctl("freeze")
         lost = time.monotonic()
         self.board.wait_for(lambda state: state["job"]["held_by"] == "camera" and state["guard"]["paused"],
@@ -215,11 +297,19 @@ class OwnLanguage(Job):
         self.board.camera.ctl("thaw")
         self.board.wait_for(lambda state: state["camera"]["present"], "pictures come")
         self.assertEqual(200, request("POST", "/job/resume", {}).status)
-        last = self.wait_for_end(300)
-        self.assertEqual(("done", 10000, None), (last["result"], last["line"], last["reason"]))
+        last = self.wait_for_end(60 + LONG / 10)
+        self.assertEqual(("done", LONG, None), (last["result"], last["line"], last["reason"]))
         blocks = [block.replace(" ", "") for block in self.executed(since)]
-        self.assertEqual([line.replace(" ", "") for line in lines], blocks[:10000])
-        self.assertLessEqual(set(blocks[10000:]), {"M5"})
+        self.assertEqual([line.replace(" ", "") for line in lines], blocks[:LONG])
+        self.assertLessEqual(set(blocks[LONG:]), {"M5"})
+
+
+class Grbl(Job):
+    language = "grbl"
+
+
+class OwnLanguage(Job):
+    language = "arm"
 
 
 class Files(unittest.TestCase):
