@@ -227,14 +227,14 @@ class Run(unittest.TestCase):
             run = self.start(word)
             output = run.communicate(timeout=60)[0]
             self.assertEqual(0, run.returncode)
-            self.assertTrue(output.startswith("usage: scripts/run\n"), output)
+            self.assertTrue(output.startswith("usage: scripts/run [station]\n"), output)
         self.assertFalse(os.path.exists(f"{self.checkout.folder}/build/run"))
 
     def test_unknown_word_is_answered_with_the_usage(self):
         run = self.start("--halp")
         output = run.communicate(timeout=60)[0]
         self.assertEqual(2, run.returncode)
-        self.assertTrue(output.startswith("usage: scripts/run\n"), output)
+        self.assertTrue(output.startswith("usage: scripts/run [station]\n"), output)
 
 
 if __name__ == "__main__":
