@@ -7,8 +7,8 @@ import unittest
 
 from harness import request as page_request
 from harness import wait_until
-from station import Station, request
 from test_job import Owner, make_job, upload
+from station import Station, request
 
 PLUGINS = os.environ["KESTREL_TEST_PLUGINS"]  # folder of the small plug-ins of tests/videoprocess
 

@@ -8,9 +8,9 @@ import shutil
 import unittest
 
 from harness import CARD, SOURCE, wait_until
-from station import TOKEN, Station, check_answer
 from test_job import make_job
 from test_reverse_proxy import AUTHORIZATION, PORT, TRUSTING, Proxy
+from station import TOKEN, Station, check_answer
 
 ORIGIN = "https://arm.example"
 BEARER = {"Host": "arm.example", "Authorization": f"Bearer {TOKEN}"}
