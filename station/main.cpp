@@ -12,6 +12,7 @@
 #include "IArmCommand.h"
 #include "JournalCommand.h"
 #include "LevelCommand.h"
+#include "MeasureCommand.h"
 #include "MoveCommand.h"
 #include "OffCommand.h"
 #include "RunCommand.h"
@@ -41,6 +42,7 @@ int main(int argc, char** argv)
     addChange("home", "Home the arm.", "/home", HOME_MS);
     vecCommand.push_back(std::make_unique<MoveCommand>(app, false));
     vecCommand.push_back(std::make_unique<MoveCommand>(app, true));
+    vecCommand.push_back(std::make_unique<MeasureCommand>(app));
     vecCommand.push_back(std::make_unique<CheckCommand>(app));
     vecCommand.push_back(std::make_unique<RunCommand>(app));
     addChange("pause", "Hold the job, beam off.", "/job/pause", SHORT_MS);

@@ -17,8 +17,11 @@ static std::string findingsToText(const std::string& strFile, const nlohmann::js
     std::string strText;
     for (const nlohmann::json& finding : fieldOf(check, "findings")) {
         const std::string strLine = fieldOf(finding, "line").dump();
-        strText += strFile + ("0" == strLine ? "" : ":" + strLine) + ": " +
-                   textOf(finding, "reason") + "\n";
+        strText += strFile;
+        if ("0" != strLine) {
+            strText += ":" + strLine;
+        }
+        strText += ": " + textOf(finding, "reason") + "\n";
     }
     return strText;
 }
@@ -29,6 +32,9 @@ RunCommand::RunCommand(CLI::App& app)
     getCommand().add_option("FILE", m_strFile, "the job")->required();
     getCommand().add_option("--name", m_strName, "its name at the station; the file's unless told");
     getCommand().add_flag("--unattended", m_bUnattended, "go on without pictures");
+    getCommand()
+        .add_option("--line", m_nLine, "begin at this line of it")
+        ->check(CLI::PositiveNumber);
     getOptions().addGuard(getCommand());
 }
 
@@ -65,7 +71,10 @@ int RunCommand::ask(const StationClient& client)
     }
 
     JobMinder::blockSignals();
-    const nlohmann::json start = {{"unattended", m_bUnattended}};
+    nlohmann::json start = {{"unattended", m_bUnattended}};
+    if (m_nLine > 0) {
+        start["line"] = m_nLine;
+    }
     const StationAnswer started = client.post("/jobs/" + strName + "/start", start, START_MS);
     if (!started.isGood()) {
         return refuse(started, isJson());

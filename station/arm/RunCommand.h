@@ -19,4 +19,5 @@ private:
     std::string m_strFile;
     std::string m_strName;
     bool m_bUnattended = false;
+    int m_nLine = 0; // to begin at; 0: the beginning
 };

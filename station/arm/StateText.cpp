@@ -50,6 +50,15 @@ std::string levelOf(const nlohmann::json& state)
     return true == fieldOf(guard, "present") ? textOf(guard, "level") : "not known: no guard";
 }
 
+/** What was seen before a job says nothing about the beam in it. */
+std::string beamOf(const nlohmann::json& guard)
+{
+    if ("job" == textOf(guard, "level")) {
+        return true == fieldOf(guard, "paused") ? "off, paused" : "may be on";
+    }
+    return choose(fieldOf(guard, "beam_seen_off"), "seen off", "not seen off");
+}
+
 } // namespace
 
 std::string secondsToText(double dSeconds)
@@ -110,7 +119,7 @@ std::string stateToLine(const nlohmann::json& state)
     const nlohmann::json job = fieldOf(state, "job");
     std::string strLine = "level " + levelOf(state);
     strLine += ", arm " + choose(fieldOf(guard, "homed"), "homed", "not homed");
-    strLine += ", beam " + choose(fieldOf(guard, "beam_seen_off"), "seen off", "not seen off");
+    strLine += ", beam " + beamOf(guard);
     const std::string strActivity = textOf(state, "activity");
     strLine += strActivity.empty() ? "" : ", under way: " + strActivity;
     return strLine + (job.is_object() ? ", " + textOf(job, "name") + " " + jobToLine(job) : "");
@@ -121,8 +130,7 @@ std::string stateToText(const nlohmann::json& state)
     const nlohmann::json guard = fieldOf(state, "guard");
     std::string strText = line("level", levelOf(state));
     if (true == fieldOf(guard, "present")) {
-        strText +=
-            line("beam", choose(fieldOf(guard, "beam_seen_off"), "seen off", "not seen off"));
+        strText += line("beam", beamOf(guard));
         strText += line("arm", choose(fieldOf(guard, "homed"), "homed", "not homed"));
         strText += line("controller", choose(fieldOf(guard, "controller"), "there", "not there"));
     }

@@ -37,6 +37,19 @@ TEST(StateText, EndOfAJobTellsWhereItGoesOn)
     EXPECT_EQ("a tripped at line 7 of 9: lease", endToText(job));
 }
 
+TEST(StateText, BeamOfARunningJobIsNotSaidToBeOff)
+{
+    nlohmann::json state = {
+        {"guard",
+         {{"present", true}, {"level", "job"}, {"beam_seen_off", true}, {"paused", false}}}};
+
+    EXPECT_EQ("level job, arm not known, beam may be on", stateToLine(state));
+    state["guard"]["paused"] = true;
+    EXPECT_EQ("level job, arm not known, beam off, paused", stateToLine(state));
+    state["guard"]["level"] = "motion";
+    EXPECT_EQ("level motion, arm not known, beam seen off", stateToLine(state));
+}
+
 TEST(StateText, StateWithoutAGuardIsToldSo)
 {
     const nlohmann::json state = {

@@ -18,6 +18,7 @@ import unittest
 from harness import BUILD, wait_until
 from station import API, PORT, TOKEN, Station, validate
 
+PLUGINS = os.environ["KESTREL_TEST_PLUGINS"]  # folder of the small plug-ins of tests/videoprocess
 ARM = os.environ.get("KESTREL_ARM", f"{BUILD}/station/kestrel-arm")
 STATE = API["components"]["schemas"]["State"]
 
@@ -56,10 +57,11 @@ class Bench(unittest.TestCase):
     """A station, and kestrel-arm run against it."""
 
     language = "grbl"
+    plugin = None
 
     def setUp(self):
         self.errors = ""  # what the last command complained of
-        self.board = Station(self.language)
+        self.board = Station(self.language, plugin=self.plugin)
         self.addCleanup(self.board.close)
         self.board.ready()
 
@@ -182,6 +184,24 @@ class Commands(Bench):
         self.assertIn("line 200 of 200", out.splitlines()[-1])
         self.assertTrue(out.endswith("job.gcode done at line 200 of 200\n"), out)
         self.assertEqual("done", self.wait_for_end()["result"])
+
+    def test_job_that_was_stopped_goes_on_at_the_line_that_is_told(self):
+        self.ready_for_a_job()
+        run = self.background("run", self.job(400))
+        self.board.wait_for(lambda state: state["job"] and state["job"]["line"] > 30, "some lines are through")
+        self.arm("stop")
+        self.assertEqual(1, run.wait(60))
+        last = self.board.wait_for(lambda state: state["last_job"]["restart"], "it is offered")["last_job"]
+        restart = last["restart"]
+        self.assertIn(f'; goes on with "run --line {restart["line"]}", but lines from', self.arm("status"))
+        self.ready_for_a_job()
+
+        out = self.arm("run", self.job(400), "--line", str(restart["line"]))
+
+        self.assertTrue(out.endswith("job.gcode done at line 400 of 400\n"), out)
+        begun = [entry["text"] for entry in json.loads(self.arm("journal", "--json"))["entries"]
+                 if f'line {restart["line"]}' in entry["text"]]
+        self.assertTrue(begun, self.arm("journal"))
 
     def test_running_job_is_told_in_json(self):
         self.ready_for_a_job()
@@ -344,6 +364,25 @@ class Commands(Bench):
             wait_until(lambda: self.board.controller_state()["laser"] == "0", "the beam is off")
             _, errors = run.communicate(timeout=60)
         self.assertEqual(3, run.returncode, errors)
+
+
+class Measure(Bench):
+    plugin = f"{PLUGINS}/libtest_plugin.so"
+
+    def test_measurement_is_told(self):
+        self.ready_for_a_job()
+
+        self.assertEqual("spot at 0.00, 0.00 mm from the picture's centre\n"
+                         "homed laser 0.00 mm over its focus; focused\n", self.arm("measure"))
+        validate(json.loads(self.arm("measure", "--json")), API["components"]["schemas"]["Measurement"])
+
+
+class MeasureNothing(Bench):
+    plugin = f"{PLUGINS}/libtest_plugin_failing.so"
+
+    def test_spot_that_is_not_found_is_no_success(self):
+        self.ready_for_a_job()
+        self.assertEqual("no spot found; nothing was moved\n", self.arm("measure", status=1))
 
 
 class Firmware(Bench):
