@@ -4,9 +4,11 @@ import { measurement, snapshot } from "./board.js";
 import { LivePicture } from "./live.js";
 import { Snapshots } from "./snapshots.js";
 import { Stage } from "./stage.js";
+import { Station } from "./station.js";
 import { clockTime, duration } from "./text.js";
 
 const MEASURE_LIMIT = 120000; // ms; then the page stops waiting, whatever the board does
+const LOOK_EVERY = 15000; // ms between looks for a station
 const SERVICE_PORT = "8329"; // on another one a proxy answers
 
 const PROBLEMS = {
@@ -136,6 +138,16 @@ function tellOfLog() {
     element("log-proxy").hidden = direct;
 }
 
+/** Look for a station while the page is seen; what is for the arm comes with it. */
+async function findArm() {
+    const station = new Station();
+    while (document.hidden || !(await station.isThere())) {
+        await new Promise((resolve) => setTimeout(resolve, LOOK_EVERY));
+    }
+    const { Arm } = await import("./arm.js");
+    new Arm(station).start();
+}
+
 element("host").textContent = location.host;
 tellOfLog();
 new Stage().start();
@@ -157,3 +169,4 @@ live.onLive = () => {
     }
 };
 live.start();
+findArm();

@@ -5,15 +5,17 @@ import { createInterface } from "node:readline";
 import { fileURLToPath } from "node:url";
 
 export const HTTP_PORT = 8329;
+export const TOKEN = "0123456789abcdef0123456789abcdef"; // the station's, see station.py
 export const CARD = "/tmp/run/mountd/mmcblk0p1/kestrel-server";
 
 /** The service on the virtual camera, see board.py. */
 export class Board {
-    static async start() {
+    /** @param kind  "station" for the station in the service's place; see board.py */
+    static async start(...kind) {
         const board = new Board();
         board.process = spawn(
             "python3",
-            ["-B", fileURLToPath(new URL("board.py", import.meta.url))],
+            ["-B", fileURLToPath(new URL("board.py", import.meta.url)), ...kind],
             { stdio: ["pipe", "pipe", "inherit"] },
         );
         board.ended = new Promise((resolve) => board.process.once("close", resolve));

@@ -1,9 +1,14 @@
-"""Virtual camera and service for the browser's tests, commanded by lines on standard input.
+"""Virtual camera and service for the browser's tests, commanded by lines on standard input; with the argument
+"station" the station with guard and controller, too.
 
 camera COMMAND   to the virtual camera, e.g. "camera freeze"; "camera unplug" leaves
                  the service no buffer
 server stop      end the service; "server start" starts another one on the same camera
 saved NAME       wait until the SD card has a whole picture of this name
+station COMMAND  "stop" or "kill" it, "start" it, "freeze" or "thaw" it
+guard COMMAND    "stop" or "start" it
+laser 0          wait until the controller's laser is off; "laser 1": on
+arm X Y Z        wait until the arm stands there, in millimetres
 quit             end all; so does the end of the input
 
 Each line is answered by a line "ok" or "failed REASON".
@@ -11,12 +16,15 @@ Each line is answered by a line "ok" or "failed REASON".
 
 import os
 import shutil
+import signal
 import sys
 
 FOLDER = os.path.dirname(os.path.abspath(__file__))
 sys.path.append(os.path.join(FOLDER, "..", "system"))
+sys.path.append(os.path.join(FOLDER, "..", "system", "station"))
 
-from harness import CARD, Board, Server
+from harness import CARD, Board, Server, wait_until
+from station import Station
 
 
 # What the programs print goes elsewhere than the answers.
@@ -41,6 +49,24 @@ def obey(board, line):
         board.server.close()
     elif line == "server start":
         board.server = Server(camera=board.camera)
+    elif line == "station stop":
+        board.stop()
+    elif line == "station kill":
+        board.stop(signal.SIGKILL)
+    elif line == "station start":
+        board.start()
+    elif line in ("station freeze", "station thaw"):
+        board.station.send_signal(signal.SIGSTOP if command == "freeze" else signal.SIGCONT)
+    elif line == "guard stop":
+        board.stop_guard()
+    elif line == "guard start":
+        board.start_guard()
+    elif target == "laser":
+        wait_until(lambda: board.controller_state()["laser"] == command, line)
+    elif target == "arm":
+        place = dict(zip("xyz", map(float, command.split())))
+        wait_until(lambda: all(abs(float(board.controller_state()[axis]) - place[axis]) < 0.02 for axis in place),
+                   line)
     else:
         raise AssertionError(f"no such command: {line}")
 
@@ -48,7 +74,7 @@ def obey(board, line):
 def main():
     shutil.rmtree(CARD, ignore_errors=True)
     shutil.copytree(os.path.join(FOLDER, "..", "..", "www"), f"{CARD}/www")
-    with Board() as board:
+    with Station() if "station" in sys.argv else Board() as board:
         answer("ok")
         for line in sys.stdin:
             if line.strip() == "quit":

@@ -118,6 +118,10 @@ class ChromiumPage extends Page {
         return this.page.click(selector);
     }
 
+    pressEscape() {
+        return this.page.keyboard.press("Escape");
+    }
+
     resize(width, height) {
         return this.page.setViewportSize({ width, height });
     }
@@ -170,6 +174,10 @@ class FirefoxPage extends Page {
 
     click(selector) {
         return this.page.click(selector);
+    }
+
+    pressEscape() {
+        return this.page.keyboard.press("Escape");
     }
 
     resize(width, height) {
@@ -279,13 +287,25 @@ class WebKitPage extends Page {
         return value;
     }
 
-    async click(selector) {
+    async find(selector) {
         const element = await this.call("POST", `${this.session}/element`, {
             using: "css selector",
             value: selector,
         });
-        const [id] = Object.values(element);
-        await this.call("POST", `${this.session}/element/${id}/click`, {});
+        return `${this.session}/element/${Object.values(element)[0]}`;
+    }
+
+    async click(selector) {
+        // The driver scrolls no farther than to the window's edge, below what is fixed there.
+        await this.run(
+            (selector) => document.querySelector(selector).scrollIntoView({ block: "center" }),
+            selector,
+        );
+        await this.call("POST", `${await this.find(selector)}/click`, {});
+    }
+
+    async pressEscape() {
+        await this.call("POST", `${await this.find("body")}/value`, { text: "\uE00C" });
     }
 
     /** The page's size; the window has a bar above it. */

@@ -8,6 +8,7 @@ import { Board, CARD, HTTP_PORT, Network } from "./board.js";
 import { startChromium } from "./browsers.js";
 
 const PAGE = `http://127.0.0.1:${HTTP_PORT}/index.html`;
+const STATION = "http://127.0.0.1:8330/healthz"; // where the page looks for one
 const PHONE = {
     viewport: { width: 390, height: 844 },
     deviceScaleFactor: 2,
@@ -836,7 +837,7 @@ function findSmallTargets() {
 }
 
 pageTest(
-    "all comes from the board, without cookies, in less than 60 KB",
+    "all comes from the board, without cookies, in less than 80 KB, and nothing of the arm's",
     {},
     async (page, context) => {
         const asked = [];
@@ -845,15 +846,22 @@ pageTest(
         await page.getByRole("button", { name: "Take snapshot" }).click();
         await page.getByRole("img", { name: "Snapshot photo.jpg" }).waitFor();
 
-        for (const url of asked) {
-            assert.ok(new URL(url).origin === new URL(PAGE).origin, url);
-        }
-        assert.deepEqual(await context.cookies(), []);
         const files = readdirSync(`${CARD}/www`);
+        const loaded = new Set();
+        for (const url of asked.filter((url) => url !== STATION)) {
+            assert.ok(new URL(url).origin === new URL(PAGE).origin, url);
+            loaded.add(new URL(url).pathname.slice(1));
+        }
+        assert.ok(asked.includes(STATION)); // which no station answers
+        assert.deepEqual([...loaded].filter((name) => name.startsWith("arm")), []);
+        assert.equal(await page.locator("#arm, #arm-bar, .with-arm").count(), 0);
+        assert.deepEqual(await context.cookies(), []);
         for (const file of files) {
             assert.match(file, /\.(html|htm|css|js|txt|jpg|jpeg|png|ico)$/);
         }
-        const total = files.reduce((sum, file) => sum + statSync(`${CARD}/www/${file}`).size, 0);
-        assert.ok(total > 1000 && total < 60 * 1024, `${total} bytes`);
+        const total = files
+            .filter((file) => loaded.has(file))
+            .reduce((sum, file) => sum + statSync(`${CARD}/www/${file}`).size, 0);
+        assert.ok(total > 1000 && total < 80 * 1024, `${total} bytes`);
     },
 );

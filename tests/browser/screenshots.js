@@ -1,16 +1,16 @@
 // Takes pictures of the page in each browser, size, colour scheme and state, to be looked at.
-// usage: screenshots.js FOLDER [chromium|firefox|webkit|readme...]
+// usage: screenshots.js FOLDER [chromium|firefox|webkit|readme|arm...]
 import { mkdirSync } from "node:fs";
 import { join, resolve } from "node:path";
 
-import { Board, Network } from "./board.js";
+import { Board, Network, TOKEN } from "./board.js";
 import { endBrowser, startPage } from "./browsers.js";
 
 const SIZES = { phone: [390, 844], across: [844, 390], desktop: [1280, 800] };
 const README = [1120, 760];
 
 const folder = resolve(process.env.FROM ?? ".", process.argv[2]);
-const names = process.argv.length > 3 ? process.argv.slice(3) : ["chromium", "firefox", "webkit", "readme"];
+const names = process.argv.length > 3 ? process.argv.slice(3) : ["chromium", "firefox", "webkit", "readme", "arm"];
 mkdirSync(folder, { recursive: true });
 
 /** Pictures in each size, with the element of this id in view. */
@@ -80,17 +80,116 @@ async function takeReadme(board) {
     await endBrowser("chromium");
 }
 
-const board = await Board.start();
-try {
-    for (const browser of names.filter((name) => name !== "readme")) {
-        for (const scheme of ["light", "dark"]) {
-            await visit(board, browser, scheme);
+/** A job that shows what it does: a star in a circle, in short pieces. */
+const corner = (number, radius) => {
+    const angle = (number * 2 * Math.PI) / 5;
+    return [radius * Math.cos(angle), radius * Math.sin(angle)];
+};
+const go = (word, [x, y]) => `${word} X${x.toFixed(2)} Y${y.toFixed(2)}`;
+const between = ([x, y], [toX, toY], share) => [x + (toX - x) * share, y + (toY - y) * share];
+const STAR = [
+    "G21 G90",
+    go("G0", corner(0, 18)),
+    "M3 S700",
+    "G1 F1500",
+    ...Array.from({ length: 100 }, (_, i) => go("G1", corner((i + 1) / 20, 18))),
+    ...Array.from({ length: 100 }, (_, i) => {
+        const edge = Math.floor(i / 20) * 2;
+        return go("G1", between(corner(edge, 18), corner(edge + 2, 18), (i % 20) / 20 + 0.05));
+    }),
+    "M5",
+    "",
+].join("\n");
+
+async function pressArm(page, id) {
+    await page.until((id) => document.getElementById(id).ariaDisabled !== "true", id);
+    await page.click(`#${id}`);
+}
+
+async function visitArm(board, scheme) {
+    const page = await startPage("chromium", scheme);
+    const name = (state) => `arm-${scheme}-${state}`;
+    try {
+        await page.resize(...SIZES.desktop);
+        await page.open("http://127.0.0.1:8329/index.html");
+        await page.until(() => document.getElementById("arm-token"));
+        await take(page, name("token"), "live");
+        await page.run((token) => (document.getElementById("arm-token").value = token), TOKEN);
+        await page.click("#arm-login button");
+        await page.textBecomes("arm-level", /^Dark$/);
+        await take(page, name("dark"), "live");
+
+        await pressArm(page, "arm-motion");
+        await page.textBecomes("arm-level", /^Motion$/);
+        await pressArm(page, "arm-home");
+        await page.textBecomes("arm-homed", /^Homed$/);
+        await page.run((text) => {
+            const files = new DataTransfer();
+            files.items.add(new File([text], "star.gcode"));
+            document.getElementById("arm-file").files = files.files;
+            document.getElementById("arm-file").dispatchEvent(new Event("change"));
+            document.getElementById("arm-width").value = "64";
+            document.getElementById("arm-width").dispatchEvent(new Event("change"));
+        }, STAR);
+        await page.textBecomes("arm-check", /^Passes/);
+        await pressArm(page, "arm-start");
+        await take(page, name("question"), "arm-question");
+        await page.run(() => document.querySelectorAll("#arm details").forEach((each) => (each.open = true)));
+        await take(page, name("moves"), "arm-jog");
+        await take(page, name("journal"), "arm-reset");
+        await page.run(() => document.querySelectorAll("#arm details").forEach((each) => (each.open = false)));
+
+        await pressArm(page, "arm-burn");
+        await page.textBecomes("arm-lines", /, [3-9]\d %/);
+        await take(page, name("job"), "live");
+        if (scheme === "light") {
+            await page.resize(...README);
+            await page.run(() => scrollTo(0, 0));
+            await page.screenshot(join(folder, "page-arm.jpg"), { type: "jpeg", quality: 45 });
         }
-        await endBrowser(browser);
+        await pressArm(page, "arm-pause");
+        await page.textBecomes("arm-hold", /^Paused/);
+        await take(page, name("held"), "arm-progress");
+        await page.click("#arm-off");
+        await page.textBecomes("arm-off-said", /^Beam off was sent/);
+        await take(page, name("off"), "live");
+        await board.command("station stop");
+        await page.textBecomes("arm-level", /^Not known$/);
+        await take(page, name("silent"), "arm");
+    } finally {
+        await board.command("station start");
+        await page.close();
     }
-    if (names.includes("readme")) {
-        await takeReadme(board);
+}
+
+async function withBoard(kind, body) {
+    const board = await Board.start(...kind);
+    try {
+        await body(board);
+    } finally {
+        await board.close();
     }
-} finally {
-    await board.close();
+}
+
+const browsers = names.filter((name) => name !== "readme" && name !== "arm");
+if (browsers.length > 0 || names.includes("readme")) {
+    await withBoard([], async (board) => {
+        for (const browser of browsers) {
+            for (const scheme of ["light", "dark"]) {
+                await visit(board, browser, scheme);
+            }
+            await endBrowser(browser);
+        }
+        if (names.includes("readme")) {
+            await takeReadme(board);
+        }
+    });
+}
+if (names.includes("arm")) {
+    await withBoard(["station"], async (board) => {
+        for (const scheme of ["light", "dark"]) {
+            await visitArm(board, scheme);
+        }
+        await endBrowser("chromium");
+    });
 }
