@@ -25,7 +25,7 @@ set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -stdlib=libc++")
 # -static-libgcc is what chooses the static unwinder.
 set(LINK "-rtlib=compiler-rt -unwindlib=libunwind -static-libgcc -static-libstdc++")
 set(LINK "${LINK} -Wl,--gc-sections,--exclude-libs,libc++.a:libc++abi.a:libunwind.a")
-set(LINK "${LINK} -Wl,--exclude-libs,libclang_rt.builtins-mipsel.a:libhttp_parser.a:libjpeg.a")
+set(LINK "${LINK} -Wl,--exclude-libs,libclang_rt.builtins-mipsel.a:libhttp_parser.a:libjpeg.a:libmd.a")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${LINK}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${LINK}")
 # A thread's stack is what the program's header asks for; the C library's own choice is 128 KiB.

@@ -49,6 +49,7 @@ PORT_E GuardPort::open()
 void GuardPort::close()
 {
     if (m_nFd >= 0) {
+        (void)ioctl(m_nFd, TIOCNXCL); // a pseudo terminal keeps it as long as its other end is open
         ::close(std::exchange(m_nFd, -1));
     }
     m_uPending = 0;

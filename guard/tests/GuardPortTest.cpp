@@ -5,7 +5,11 @@
 #include <cerrno>
 #include <string>
 
+#include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -35,6 +39,21 @@ std::string fill(GuardPort& port)
     }
     EXPECT_TRUE(port.isPending());
     return strAll;
+}
+
+/** @return the error of open(2) without root's rights; 0 when there is none */
+int openAsNobody(const std::string& strPath)
+{
+    const pid_t nChild = fork();
+    if (0 == nChild) {
+        if (0 == getuid() && (0 != setgid(65534) || 0 != setuid(65534))) {
+            _exit(255);
+        }
+        _exit((open(strPath.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC) >= 0) ? 0 : errno);
+    }
+    int nStatus = 0;
+    EXPECT_EQ(nChild, waitpid(nChild, &nStatus, 0));
+    return WEXITSTATUS(nStatus);
 }
 
 } // namespace
@@ -79,6 +98,18 @@ TEST(GuardPort, LockHoldsUnderAnotherNameToo)
     ASSERT_EQ(PORT_OPEN, port.open());
 
     EXPECT_EQ(PORT_TAKEN, GuardPort(strLink).open());
+}
+
+TEST(GuardPort, OnlyRootPassesWhileItIsOpenAndEverybodyBehindIt)
+{
+    const TestTerminal terminal;
+    ASSERT_EQ(0, chmod(terminal.path().c_str(), 0666));
+    GuardPort port(terminal.path());
+
+    ASSERT_EQ(PORT_OPEN, port.open());
+    EXPECT_EQ(EBUSY, openAsNobody(terminal.path()));
+    port.close();
+    EXPECT_EQ(0, openAsNobody(terminal.path()));
 }
 
 TEST(GuardPort, MissingPortAndWhatIsNoTerminalAreMissing)

@@ -15,7 +15,7 @@
 
 namespace {
 
-const uint64_t STEPS = 5000000; // for each language
+const uint64_t STEPS = KESTREL_RANDOM_STEPS; // for each language
 
 const char* const LONG_LINE = "G4P9";
 const int64_t LONG_US = 9000000;
