@@ -49,7 +49,18 @@ std::string statusesOfDescendants()
     return strStatuses;
 }
 
-void reportDaemon(FILE* pReport, pid_t caller)
+/** Beyond the three of every program. */
+int countNullDevices()
+{
+    int nCount = 0;
+    for (int nFd = 3; nFd < 256; ++nFd) {
+        const std::string strLink = "/proc/self/fd/" + std::to_string(nFd);
+        nCount += ("/dev/null" == linkOf(strLink.c_str())) ? 1 : 0;
+    }
+    return nCount;
+}
+
+void reportDaemon(FILE* pReport, pid_t caller, int nNullsBefore)
 {
     fprintf(pReport, "directory %s\n", linkOf("/proc/self/cwd").c_str());
     fprintf(pReport, "mask %o\n", static_cast<unsigned>(umask(0)));
@@ -59,6 +70,7 @@ void reportDaemon(FILE* pReport, pid_t caller)
         fprintf(pReport, "%d %s\n", nFd,
                 (O_RDWR == (fcntl(nFd, F_GETFL) & O_ACCMODE)) ? "reads and writes" : "is one-way");
     }
+    fprintf(pReport, "%d more\n", countNullDevices() - nNullsBefore);
     fprintf(pReport, "%s session\n", (getsid(0) != getsid(caller)) ? "own" : "caller's");
     fprintf(pReport, "%s leader\n", (getsid(0) == getpid()) ? "session" : "no");
     fflush(pReport);
@@ -75,12 +87,13 @@ int runDaemonise(int argc, char** argv)
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     FILE* pReport = fopen(argv[2], "w");
     const pid_t caller = getpid();
+    const int nNulls = countNullDevices();
     if (0 == fork()) {
         printf("buffered\n");
         (void)faultPlan(argv[3]);
         daemonise();
         (void)faultPlan("");
-        reportDaemon(pReport, caller);
+        reportDaemon(pReport, caller, nNulls);
         _exit(42);
     }
     const std::string strStatuses = statusesOfDescendants();
@@ -89,7 +102,10 @@ int runDaemonise(int argc, char** argv)
     return 0;
 }
 
-/** A file: not there yet, then the run that is restarted; there, then the restarted run. */
+/**
+ * A file: not there yet, then the run that is restarted, which waits for that unless the last word
+ * is "leaves"; there, then the restarted run.
+ */
 int runRestart(int argc, char** argv)
 {
     FILE* pMark = fopen(argv[2], "r");
@@ -109,6 +125,9 @@ int runRestart(int argc, char** argv)
         (void)dup2(fileno(pMark), nFd);
     }
     restartProcess(argv, Time(0, 100000));
+    if (0 == strcmp("leaves", argv[argc - 1])) {
+        return 0;
+    }
     for (;;) {
         pause(); // until it is killed
     }

@@ -20,6 +20,7 @@ int main(int argc, char** argv)
         {"termination-address", &runTerminationAddress},
         {"termination-again", &runTerminationAgain},
         {"termination-end", &runTerminationEnd},
+        {"termination-errno", &runTerminationErrno},
         {"termination-restart-fails", &runTerminationRestartFails},
         {"termination-locked", &runTerminationLocked},
         {"termination-restart", &runTerminationRestart},

@@ -10,6 +10,7 @@ int runTermination(int argc, char** argv);
 int runTerminationAddress(int argc, char** argv);
 int runTerminationAgain(int argc, char** argv);
 int runTerminationEnd(int argc, char** argv);
+int runTerminationErrno(int argc, char** argv);
 int runTerminationRestartFails(int argc, char** argv);
 int runTerminationLocked(int argc, char** argv);
 int runTerminationRestart(int argc, char** argv);

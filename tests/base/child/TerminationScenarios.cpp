@@ -1,4 +1,5 @@
 // Scenarios of the termination signals.
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -72,6 +73,29 @@ int runTerminationAgain(int, char** argv)
         raise(SIGTERM);
         printf("count %d seen %d\n", signals.getCount(), signals.isSeen() ? 1 : 0);
     }
+    return 0;
+}
+
+/** Whoever hears of the end leaves an error behind. */
+int runTerminationErrno(int, char** argv)
+{
+    class Failing
+    {
+    public:
+        int onQuit(Event*)
+        {
+            errno = EBADF;
+            return 0;
+        }
+    };
+    Failing failing;
+    TerminationSignals::getInstance().install(false, argv, Time(), 5);
+    EventBus<SystemNeedQuitEvent>::subscribe(&failing, &Failing::onQuit);
+    errno = ERANGE;
+    raise(SIGTERM);
+    const int nErrno = errno;
+    EventBus<SystemNeedQuitEvent>::unsubscribe(&failing, &Failing::onQuit);
+    printf("%s\n", (ERANGE == nErrno) ? "kept" : "lost");
     return 0;
 }
 

@@ -6,11 +6,13 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -108,6 +110,29 @@ TEST(CommandCapture, KeepsTheFirstBytesOnly)
 TEST(CommandCapture, SlowOutputIsWaitedFor)
 {
     EXPECT_EQ("one two", capture("printf one; sleep 0.05; printf ' two'", 64));
+}
+
+TEST(CommandCapture, OutputInPiecesStaysWithinTheBuffer)
+{
+    ScratchFolder folder;
+    const std::string strRest = (folder.path() / "rest").string();
+    ASSERT_EQ(0, mkfifo(strRest.c_str(), 0600));
+    const CallJournal journal("read");
+    std::thread writer([&strRest] {
+        // The first piece has been read.
+        EXPECT_TRUE(eventually([] { return CallJournal::lines().size() >= 2; }));
+        std::ofstream(strRest) << "efghijklmnop";
+    });
+    std::string strBuffer(16, '?');
+
+    EXPECT_TRUE(captureCommand(("printf abcd; cat " + strRest).c_str(), strBuffer.data(), 8));
+
+    writer.join();
+    EXPECT_EQ(std::string("abcdefg\0", 8) + "????????", strBuffer);
+    const std::vector<std::string> vecLine = CallJournal::lines();
+    ASSERT_EQ(2u, vecLine.size());
+    EXPECT_TRUE(hasPattern(vecLine[0], "^read [0-9]+ 7$")) << vecLine[0];
+    EXPECT_TRUE(hasPattern(vecLine[1], "^read [0-9]+ 3$")) << vecLine[1];
 }
 
 TEST(CommandCapture, SilentCommandGivesAnEmptyText)

@@ -32,6 +32,7 @@ TEST(Daemon, GoesOnInASessionOfItsOwn)
               "mask 0\n"
               "0 /dev/null\n1 /dev/null\n2 /dev/null\n"
               "0 reads and writes\n1 reads and writes\n2 reads and writes\n"
+              "0 more\n"
               "own session\n"
               "no leader\n",
               folder.read("report"));
@@ -89,6 +90,19 @@ TEST(DaemonRestart, KillsTheProcessAndStartsTheProgramAgain)
         << result.strOutput;
     EXPECT_EQ(std::string::npos, result.strOutput.find("(sub_fd:" + strPid + ")"))
         << "its own number, not its parent's";
+}
+
+TEST(DaemonRestart, DeliberateProcessThatHasLeftIsKilledAndStartedAllTheSame)
+{
+    ScratchFolder folder;
+
+    const ChildResult result =
+        runChild({BASE_CHILD, "restart", (folder.path() / "mark").string(), "leaves"});
+
+    EXPECT_TRUE(hasPattern(result.strOutput,
+                           "^kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\nrestarted restart leaves, "
+                           "open: 256\n$"))
+        << result.strOutput;
 }
 
 TEST(DaemonRestart, PausesForTheDelayAndForThreeSeconds)

@@ -55,6 +55,13 @@ TEST_F(FileOnDisk, ModeFollowsTheFlags)
     EXPECT_EQ("ab+", File::mode(3 | 8 | 16));
 }
 
+TEST_F(FileOnDisk, DeliberateAcceptedFlagHasNoEffect)
+{
+    for (const int nFlags : {0, 1, 2, 3, 8, 16, 64, 66, 3 | 8, 3 | 8 | 16}) {
+        EXPECT_EQ(File::mode(nFlags), File::mode(nFlags | 4)) << nFlags;
+    }
+}
+
 TEST_F(FileOnDisk, WriteThenRead)
 {
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_WRITE));
@@ -185,7 +192,7 @@ TEST_F(FileOnDisk, SeekHandsTheTargetOverWithTheOriginUnchanged)
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_READ));
     ASSERT_TRUE(m_file.seek(20, SEEK_SET));
 
-    // Deliberate: 20 + 10 from the current position, and that from the current position again.
+    // 20 + 10 from the current position, and that from the current position again.
     EXPECT_TRUE(m_file.seek(10, SEEK_CUR));
     EXPECT_EQ(50, m_file.tell());
     EXPECT_TRUE(m_file.seek(0, SEEK_END));
@@ -212,6 +219,14 @@ TEST_F(FileOnDisk, LengthLeavesThePositionAlone)
 
     EXPECT_EQ(10, m_file.length());
     EXPECT_EQ(4, m_file.tell());
+}
+
+TEST_F(FileOnDisk, PipeHasNoLength)
+{
+    ASSERT_EQ(0, mkfifo(at("pipe").c_str(), 0600));
+    ASSERT_EQ(0, m_file.open(at("pipe").c_str(), FILE_FLAG_READ | FILE_FLAG_WRITE));
+
+    EXPECT_EQ(-1, m_file.length());
 }
 
 TEST_F(FileOnDisk, WithoutAStreamEverythingFailsQuietly)

@@ -1,14 +1,13 @@
 // The rotating log file: disks, folders and memory that refuse.
-#include <csignal>
 #include <filesystem>
 #include <string>
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "Fault.h"
+#include "FileSizeLimit.h"
 #include "Log.h"
 #include "LogFileFolder.h"
 
@@ -23,17 +22,12 @@ using LogFileFailure = LogFileFolder;
 TEST_F(LogFileFailure, FullDiskLosesLinesOnly)
 {
     ASSERT_EQ(RET_SUCCESS, init(4096, 2));
-    signal(SIGXFSZ, SIG_IGN); // the write then fails, as on a full disk
-    rlimit limit{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &limit));
-    const rlimit old = limit;
-    limit.rlim_cur = 4096;
-    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-    for (int i = 0; i < 100; ++i) {
-        logLine(std::string(200, 'x') + "\n");
+    {
+        const FileSizeLimit limit(4096);
+        for (int i = 0; i < 100; ++i) {
+            logLine(std::string(200, 'x') + "\n");
+        }
     }
-    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &old));
-    signal(SIGXFSZ, SIG_DFL);
 
     logLine("room again\n");
 

@@ -155,7 +155,7 @@ TEST_F(LogFileLines, LineIsWrittenUnderTheLock)
               vecLine);
 }
 
-// Deliberate: no line lost, none torn, none written to a closed stream while files change.
+// No line is lost, torn or written to a closed stream while files change.
 TEST_F(LogFileLines, RotationWhileSeveralThreadsLogLosesNothing)
 {
     const int THREADS = 4;

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "AllocatedBytes.h"
 #include "EventBus.h"
 #include "Fault.h"
 #include "LogCapture.h"
@@ -107,7 +108,7 @@ TEST(Log, EachFieldAlone)
     EXPECT_EQ("[" + tid() + "] text", lineWith(LOG_LAYOUT_THREAD, 2, "text"));
 }
 
-// Deliberate: padded names, an empty one, and debug above info.
+// Padded names, an empty one, and debug above info.
 TEST(Log, LevelNamesAreAsTheyAre)
 {
     EXPECT_EQ("[] ", nameOf(0));
@@ -119,6 +120,16 @@ TEST(Log, LevelNamesAreAsTheyAre)
     EXPECT_EQ("[notice] ", nameOf(6));
     EXPECT_EQ("[debug] ", nameOf(7));
     EXPECT_EQ("[info ] ", nameOf(8));
+}
+
+TEST(Log, LevelAboveTheLastHasNoName)
+{
+    LogCapture log(LOG_LAYOUT_LEVEL);
+    Log::getInstance().setLevel(9);
+
+    LOG_LINE(9, "text");
+
+    EXPECT_EQ("[] text", log.text());
 }
 
 TEST(Log, LinesAboveTheMaximumLevelAreDropped)
@@ -213,6 +224,22 @@ TEST(Log, CutLineKeepsItsFullLengthFilledWithZeros)
 
         EXPECT_EQ(std::string(4093, 'x') + std::string(uLength - 4093, '\0'), strLine) << uLength;
     }
+}
+
+TEST(Log, CutLinesPileNothingUp)
+{
+    LogCapture log(0);
+    const std::string strText(5000, 'x');
+    LOG_LINE(2, "%s", strText.c_str());
+    log.clear();
+    const size_t uBefore = allocatedBytes();
+
+    for (int i = 0; i < 100; ++i) {
+        LOG_LINE(2, "%s", strText.c_str());
+        log.clear();
+    }
+
+    EXPECT_GT(uBefore + 100000, allocatedBytes()); // a line alone has 5000
 }
 
 TEST(Log, PrefixCountsIntoTheCutLine)

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "Eventually.h"
 #include "SubscriberList.h"
 #include "SubscriberListVisitors.h"
@@ -227,6 +228,85 @@ TEST(SubscriberListNesting, RemoveWaitsForACallDeepInside)
     remover.join();
 
     EXPECT_TRUE(bRemoved);
+}
+
+TEST(SubscriberListNesting, RemoveWaitsForACallAlthoughDeepOnesHaveComeAndGone)
+{
+    SubscriberList list;
+    Nest nest(list);
+    Gate gate;
+    list.add(std::make_unique<CB<Nest, int>>(&nest, &Nest::onEvent));
+    list.add(std::make_unique<CB<Gate, int>>(&gate, &Gate::onEvent));
+    std::thread([&list] {
+        t_bLeaver = true; // not held
+        NumberEvent event;
+        list.publish(event, PUBLISH_NESTED);
+    }).join();
+    list.remove(CB<Nest, int>(&nest, &Nest::onEvent));
+    std::thread publisher([&list] {
+        NumberEvent event;
+        list.publish(event, PUBLISH_NESTED);
+    });
+    ASSERT_TRUE(eventually([&] { return 1 == gate.m_nInside; }));
+    const CallJournal journal("select");
+    std::atomic<bool> bRemoved{false};
+
+    std::thread remover([&] {
+        list.remove(CB<Gate, int>(&gate, &Gate::onEvent));
+        bRemoved = true;
+    });
+
+    EXPECT_TRUE(eventually([&] { return bRemoved || !CallJournal::lines().empty(); }));
+    EXPECT_FALSE(bRemoved);
+    gate.m_bOpen = true;
+    publisher.join();
+    remover.join();
+}
+
+TEST(SubscriberListNesting, HandlerThatLeavesWaitsForItsCallOnAnotherThread)
+{
+    class Leaver
+    {
+    public:
+        explicit Leaver(SubscriberList& list) : m_list(list) {}
+        int onEvent(Event*)
+        {
+            if (t_bLeaver) {
+                m_list.remove(CB<Leaver, int>(this, &Leaver::onEvent));
+                m_bGone = true;
+            } else {
+                m_bInside = true;
+                EXPECT_TRUE(eventually([this] { return m_bMayReturn.load(); }));
+            }
+            return 0;
+        }
+        SubscriberList& m_list;
+        std::atomic<bool> m_bInside{false};
+        std::atomic<bool> m_bMayReturn{false};
+        std::atomic<bool> m_bGone{false};
+    };
+    SubscriberList list;
+    Leaver leaver(list);
+    list.add(std::make_unique<CB<Leaver, int>>(&leaver, &Leaver::onEvent));
+    std::thread other([&list] {
+        NumberEvent event;
+        list.publish(event, PUBLISH_NESTED);
+    });
+    ASSERT_TRUE(eventually([&] { return leaver.m_bInside.load(); }));
+    const CallJournal journal("select");
+
+    std::thread publisher([&list] {
+        t_bLeaver = true;
+        NumberEvent event;
+        list.publish(event, PUBLISH_NESTED);
+    });
+
+    EXPECT_TRUE(eventually([&] { return leaver.m_bGone || !CallJournal::lines().empty(); }));
+    EXPECT_FALSE(leaver.m_bGone);
+    leaver.m_bMayReturn = true;
+    other.join();
+    publisher.join();
+    EXPECT_TRUE(leaver.m_bGone);
 }
 
 TEST(SubscriberListNesting, EntryBehindOneThatIsGoneStaysForTheDeliveryThatStandsThere)

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Descriptors.h"
 #include "Fault.h"
 #include "Pattern.h"
 
@@ -48,7 +49,7 @@ TEST(TempFile, TwoAreDifferent)
     EXPECT_NE(first.getPath(), second.getPath());
 }
 
-TEST(TempFile, SecondCreateRemovesTheFirst)
+TEST(TempFile, SecondCreateRemovesAndClosesTheFirst)
 {
     TempFile file;
     ASSERT_EQ(0, file.create(FILE_FLAG_WRITE));
@@ -58,6 +59,7 @@ TEST(TempFile, SecondCreateRemovesTheFirst)
 
     EXPECT_FALSE(exists(strFirst));
     EXPECT_TRUE(exists(file.getPath()));
+    EXPECT_EQ(1u, openDescriptors("/tmp/temp_file.").size());
 }
 
 TEST(TempFile, RemovalThatFailsIsPrinted)

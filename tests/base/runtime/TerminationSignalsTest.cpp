@@ -77,6 +77,14 @@ TEST(TerminationSignals, EndPutsBackWhatItHasInstalled)
               result.strOutput);
 }
 
+TEST(TerminationSignals, ErrnoOfWhatASignalInterruptsIsKept)
+{
+    const ChildResult result = runChild({BASE_CHILD, "termination-errno"});
+
+    EXPECT_EQ(report(SIGTERM) + "kept\n", masked(result.strOutput));
+    EXPECT_EQ(0, result.nStatus);
+}
+
 TEST(TerminationSignals, RestartComesBeforeTheReport)
 {
     const ChildResult result = runChild({BASE_CHILD, "termination-restart-fails"});

@@ -104,7 +104,7 @@ TEST(ThreadFailure, RefusedNiceValueEndsItBeforeTheGate)
 
     Thread& thread = keep(-5, 0, 0);
 
-    // Deliberate: the text of what nice returned, which is no error number.
+    // The text of what nice returned, which is no error number.
     const std::string strLine =
         std::string("[error] [Thread.cpp ] [theThread] change nice failed! ") + strerror(-1) + "\n";
     EXPECT_TRUE(eventually([&] { return 1 == log.count(strLine); }));
@@ -114,7 +114,7 @@ TEST(ThreadFailure, RefusedNiceValueEndsItBeforeTheGate)
     EXPECT_EQ(0, g_aWorker[g_nKept - 1].m_nCalls);
 }
 
-// Deliberate: three waits of the destruction have no limit. The alarm is what ends them here.
+// Three waits of the destruction have no limit. The alarm is what ends them here.
 TEST(ThreadFailure, DestructionWaitsForAThreadThatWasNeverCreated)
 {
     EXPECT_EXIT(
