@@ -1,7 +1,6 @@
 // The job's file: what stays readable, what is removed, and how far the reading has come.
 #include "JobFile.h"
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -9,11 +8,11 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "FileSizeLimit.h"
 #include "ScratchFolder.h"
 
 namespace {
@@ -260,22 +259,10 @@ TEST(JobFile, MeasuringLeavesAnOpenJobAlone)
 TEST(JobFile, DeliberateFullDiskCutsTheJob)
 {
     JobFileInFolder job;
-    struct sigaction ignore
     {
-    };
-    struct sigaction former
-    {
-    };
-    ignore.sa_handler = SIG_IGN;
-    ASSERT_EQ(0, sigaction(SIGXFSZ, &ignore, &former));
-    rlimit unlimited{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &unlimited));
-    const rlimit tight{4, unlimited.rlim_max};
-    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &tight));
+        const FileSizeLimit limit(4);
+        job.saveText("G1 X1\nG1 X2\n");
+    }
 
-    job.saveText("G1 X1\nG1 X2\n");
-
-    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &unlimited));
-    EXPECT_EQ(0, sigaction(SIGXFSZ, &former, nullptr));
     EXPECT_EQ("G1 X", job.m_folder.read("tmp.gcode"));
 }

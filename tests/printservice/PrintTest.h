@@ -1,8 +1,10 @@
-// A print service on the virtual controller, in a scratch working directory.
+// A print service of the test's own, and one with an arm.
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -99,23 +101,19 @@ private:
     std::vector<std::string> m_vecCode;
 };
 
-/** Standard output is kept from SetUp() until output() is asked for. */
-class PrintTest : public testing::Test
+/** A service in a scratch working directory; its output is kept until output() is asked for. */
+class FreshPrintTest : public testing::Test
 {
 protected:
     using Texts = std::vector<std::string>;
 
-    explicit PrintTest(const Texts& vecOption = {"--speed-up", "1000"}) : m_controller(vecOption) {}
-
-    void SetUp() override
+    /** @param pArm  as FreshPrintService has it */
+    void begin(UART& uart, TestArm* pArm = nullptr)
     {
         Log::getInstance().setSinks(0); // standard output is the service's own here
         ASSERT_EQ(0, chdir(m_folder.path().c_str()));
-        ASSERT_EQ(1, m_uart.open(m_controller.getPort()));
-        ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
-        m_controller.listenTo(m_uart.getFd());
-        m_pService = std::make_unique<FreshPrintService>(&m_controller);
-        m_pService->setUart(&m_uart);
+        m_pService = std::make_unique<FreshPrintService>(pArm);
+        m_pService->setUart(&uart);
         testing::internal::CaptureStdout();
         m_bCapturing = true;
     }
@@ -124,7 +122,6 @@ protected:
     {
         m_pService.reset();
         (void)output();
-        m_uart.close();
         EXPECT_EQ(0, chdir("/"));
     }
 
@@ -137,6 +134,33 @@ protected:
     FreshPrintService& service()
     {
         return *m_pService;
+    }
+
+    ScratchFolder m_folder;
+    std::unique_ptr<FreshPrintService> m_pService;
+
+private:
+    bool m_bCapturing = false;
+};
+
+/** Such a service with an arm. */
+class PrintTest : public FreshPrintTest
+{
+protected:
+    explicit PrintTest(const Texts& vecOption = {"--speed-up", "1000"}) : m_controller(vecOption) {}
+
+    void SetUp() override
+    {
+        ASSERT_EQ(1, m_uart.open(m_controller.getPort()));
+        ASSERT_EQ(1, m_uart.setParam(115200, 8, 1, 0));
+        m_controller.listenTo(m_uart.getFd());
+        begin(m_uart, &m_controller);
+    }
+
+    void TearDown() override
+    {
+        FreshPrintTest::TearDown();
+        m_uart.close();
     }
 
     bool waitForState(PRINT_STATE_E eState)
@@ -216,11 +240,6 @@ protected:
         return 0 == access(pName, F_OK);
     }
 
-    ScratchFolder m_folder;
     TestArm m_controller;
     UART m_uart;
-    std::unique_ptr<FreshPrintService> m_pService;
-
-private:
-    bool m_bCapturing = false;
 };
