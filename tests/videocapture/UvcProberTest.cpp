@@ -47,7 +47,7 @@ protected:
 
 } // namespace
 
-// Deliberate: the board's numbering of input events and video nodes is fixed.
+// The board's numbering of input events and video nodes is fixed.
 TEST_F(UvcProberFind, IndexFollowsFromTheEventNumber)
 {
     const int anIndex[] = {0, 0, 0, 0, 0, 0, 1, 2, 3};

@@ -90,7 +90,7 @@ TEST_F(V4L2FrameRate, CameraThatRefusesTheRateStreams)
     expectStream();
 }
 
-// Deliberate: a camera that grants more than was asked is asked for all it can.
+// A camera that grants more than was asked is asked for all it can.
 TEST_F(V4L2FrameRate, FasterCameraIsAskedFor255)
 {
     m_camera.command("coerce 30");

@@ -10,55 +10,17 @@
 #include "Descriptors.h"
 #include "DriverAnswer.h"
 #include "Fault.h"
-#include "LogCapture.h"
-#include "V4L2.h"
-#include "VirtualCamera.h"
+#include "V4L2InitFixture.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
-/** Video buffers that are mapped into this process. */
-size_t mappedBuffers()
-{
-    size_t uCount = 0;
-    std::ifstream maps("/proc/self/maps");
-    for (std::string strLine; std::getline(maps, strLine);) {
-        uCount += (std::string::npos != strLine.find("/buffers-")) ? 1 : 0;
-    }
-    return uCount;
-}
+using V4L2Init = V4L2InitFixture;
 
 bool endsWith(const std::string& strText, const std::string& strEnd)
 {
     return strText.size() >= strEnd.size() &&
            0 == strText.compare(strText.size() - strEnd.size(), strEnd.size(), strEnd);
 }
-
-std::string logged(const std::string& strFunction, const std::string& strMessage)
-{
-    return "[debug] [videocapture/V4L2 ] [" + strFunction + "] " + strMessage;
-}
-
-class V4L2Init : public testing::Test
-{
-protected:
-    /** The lines of V4L2 behind the ones that every opened camera writes. */
-    Lines messages() const
-    {
-        Lines vecLine = m_log.lines();
-        if (!vecLine.empty() &&
-            vecLine[0] == logged("init", "Probe: stream(0) dev(/dev/video0)\n")) {
-            vecLine.erase(vecLine.begin());
-        }
-        return vecLine;
-    }
-
-    size_t m_uDescriptors = openDescriptors().size(); // the camera's own come later
-    VirtualCamera m_camera;
-    LogCapture m_log;
-    V4L2 m_v4l2;
-};
 
 } // namespace
 
@@ -197,18 +159,6 @@ TEST_F(V4L2Init, NodeThatCannotBeOpenedFailsWithoutAMessage)
     EXPECT_EQ(Lines{}, messages());
 }
 
-TEST_F(V4L2Init, NodeWithoutCapabilitiesStaysOpenUntilUninit)
-{
-    m_camera.command("fail QUERYCAP EINVAL");
-
-    EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
-
-    EXPECT_EQ(Lines{logged("init", "/dev/video0 is no V4L2 device\n")}, messages());
-    EXPECT_EQ(0U, m_camera.count("close"));
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit());
-    EXPECT_EQ(1U, m_camera.count("close"));
-}
-
 TEST_F(V4L2Init, NodeWithoutCapabilitiesIsClosedByTheNextInit)
 {
     m_camera.command("fail QUERYCAP EIO");
@@ -343,91 +293,10 @@ INSTANTIATE_TEST_SUITE_P(
                     "mmap length=614400 prot=READ|WRITE flags=SHARED offset=614400 = -1 ENOMEM",
                     "[setFrameRate] [0] set frame rate to 25\n"}));
 
-TEST_F(V4L2Init, MoreBuffersThanAskedForAreAllMapped)
-{
-    m_camera.command("grant 4");
-
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
-    EXPECT_EQ(4U, m_camera.count("mmap "));
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit());
-
-    EXPECT_EQ(4U, m_camera.count("munmap "));
-    EXPECT_EQ(0U, mappedBuffers());
-}
-
-TEST_F(V4L2Init, InitOfAnOpenCameraBeginsAnew)
-{
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
-    const size_t uOpen = openDescriptors().size();
-
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
-
-    EXPECT_EQ(uOpen, openDescriptors().size());
-    EXPECT_EQ(2U, mappedBuffers());
-}
-
-TEST_F(V4L2Init, ObjectReleasesAnOpenCamera)
-{
-    const size_t uBefore = openDescriptors().size();
-    {
-        V4L2 other;
-        EXPECT_EQ(RET_SUCCESS, other.init(0));
-    }
-
-    EXPECT_EQ(uBefore, openDescriptors().size());
-    EXPECT_EQ(0U, mappedBuffers());
-}
-
-TEST_F(V4L2Init, UninitUnmapsAndCloses)
-{
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
-    m_camera.clearJournal();
-
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit());
-
-    EXPECT_EQ((Lines{"munmap length=614400 offset=0 = 0", "munmap length=614400 offset=614400 = 0",
-                     "close = 0"}),
-              m_camera.readJournal());
-    EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
-}
-
-TEST_F(V4L2Init, UninitEndsAtTheFirstMappingThatStays)
-{
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
-    m_camera.clearJournal();
-
-    {
-        const FaultScope fault("munmap:2:EINVAL");
-        EXPECT_EQ(0, fault.result());
-        EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
-    }
-
-    EXPECT_EQ(Lines{"munmap length=614400 offset=0 = 0"}, m_camera.readJournal());
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit()); // goes on where it ended
-    EXPECT_EQ((Lines{"munmap length=614400 offset=0 = 0", "munmap length=614400 offset=614400 = 0",
-                     "close = 0"}),
-              m_camera.readJournal());
-}
-
-TEST_F(V4L2Init, FailedCloseFailsUninitAndIsNotRepeated)
-{
-    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
-
-    {
-        const FaultScope fault("close:1:EIO");
-        EXPECT_EQ(0, fault.result());
-        EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
-        EXPECT_EQ(1U, faultHits());
-    }
-
-    EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
-    EXPECT_EQ(0U, m_camera.count("close"));
-}
-
 TEST_F(V4L2Init, PixelFormatIsMotionJpegButForTwoCodes)
 {
     EXPECT_EQ(0x47504A4DU, V4L2::pixelFormat(28)); // "MJPG"
     EXPECT_EQ(0x47504A4DU, V4L2::pixelFormat(0));
-    EXPECT_EQ(5U, V4L2::pixelFormat(5)); // Deliberate: no four-character code
+    EXPECT_EQ(5U, V4L2::pixelFormat(5)); // no four-character code
     EXPECT_EQ(5U, V4L2::pixelFormat(13));
 }

@@ -171,7 +171,7 @@ TEST_F(VideoStreamProducerLoss, FrameThatIsDroppedDoesNotDisturbTheStream)
                              "buffer ...\n"));
 }
 
-// Deliberate: the service ends, and its manager starts it again.
+// The service ends, and its manager starts it again.
 TEST_F(VideoStreamProducerLoss, UnplugWithABufferInHandAborts)
 {
     m_camera.command("unplug after dequeue");

@@ -1,0 +1,105 @@
+// Letting one camera go: its mappings and its descriptor, and what is left by a failure.
+#include <gtest/gtest.h>
+
+#include "Descriptors.h"
+#include "Fault.h"
+#include "V4L2InitFixture.h"
+
+namespace {
+
+using V4L2Uninit = V4L2InitFixture;
+
+} // namespace
+
+TEST_F(V4L2Uninit, NodeWithoutCapabilitiesStaysOpenUntilUninit)
+{
+    m_camera.command("fail QUERYCAP EINVAL");
+
+    EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
+
+    EXPECT_EQ(Lines{logged("init", "/dev/video0 is no V4L2 device\n")}, messages());
+    EXPECT_EQ(0U, m_camera.count("close"));
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit());
+    EXPECT_EQ(1U, m_camera.count("close"));
+}
+
+TEST_F(V4L2Uninit, MoreBuffersThanAskedForAreAllMapped)
+{
+    m_camera.command("grant 4");
+
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
+    EXPECT_EQ(4U, m_camera.count("mmap "));
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit());
+
+    EXPECT_EQ(4U, m_camera.count("munmap "));
+    EXPECT_EQ(0U, mappedBuffers());
+}
+
+TEST_F(V4L2Uninit, InitOfAnOpenCameraBeginsAnew)
+{
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
+    const size_t uOpen = openDescriptors().size();
+
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
+
+    EXPECT_EQ(uOpen, openDescriptors().size());
+    EXPECT_EQ(2U, mappedBuffers());
+}
+
+TEST_F(V4L2Uninit, ObjectReleasesAnOpenCamera)
+{
+    const size_t uBefore = openDescriptors().size();
+    {
+        V4L2 other;
+        EXPECT_EQ(RET_SUCCESS, other.init(0));
+    }
+
+    EXPECT_EQ(uBefore, openDescriptors().size());
+    EXPECT_EQ(0U, mappedBuffers());
+}
+
+TEST_F(V4L2Uninit, UninitUnmapsAndCloses)
+{
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
+    m_camera.clearJournal();
+
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit());
+
+    EXPECT_EQ((Lines{"munmap length=614400 offset=0 = 0", "munmap length=614400 offset=614400 = 0",
+                     "close = 0"}),
+              m_camera.readJournal());
+    EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
+}
+
+TEST_F(V4L2Uninit, UninitEndsAtTheFirstMappingThatStays)
+{
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
+    m_camera.clearJournal();
+
+    {
+        const FaultScope fault("munmap:2:EINVAL");
+        EXPECT_EQ(0, fault.result());
+        EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
+    }
+
+    EXPECT_EQ(Lines{"munmap length=614400 offset=0 = 0"}, m_camera.readJournal());
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit()); // goes on where it ended
+    EXPECT_EQ((Lines{"munmap length=614400 offset=0 = 0", "munmap length=614400 offset=614400 = 0",
+                     "close = 0"}),
+              m_camera.readJournal());
+}
+
+TEST_F(V4L2Uninit, FailedCloseFailsUninitAndIsNotRepeated)
+{
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
+
+    {
+        const FaultScope fault("close:1:EIO");
+        EXPECT_EQ(0, fault.result());
+        EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
+        EXPECT_EQ(1U, faultHits());
+    }
+
+    EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
+    EXPECT_EQ(0U, m_camera.count("close"));
+}
