@@ -66,10 +66,17 @@ TEST_F(HttpFileClientAnswer, EveryKnownExtensionHasItsContentType)
     }
 }
 
+TEST_F(HttpFileClientAnswer, DeliberateExtensionsAreComparedWithCase)
+{
+    for (const char* pName : {"f.HTML", "f.Html", "f.htmL"}) {
+        m_www.write(pName, "some content");
+        EXPECT_EQ("closed ", get(std::string("/") + pName)) << pName;
+    }
+}
+
 TEST_F(HttpFileClientAnswer, OtherExtensionsAreRefused)
 {
-    for (const char* pName :
-         {"f.HTML", "f.Html", "f.svg", "f.json", "f.", "f.htmlx", "f.html.gz", "f", "f.tx"}) {
+    for (const char* pName : {"f.svg", "f.json", "f.", "f.htmlx", "f.html.gz", "f", "f.tx"}) {
         m_www.write(pName, "some content");
         EXPECT_EQ("closed ", get(std::string("/") + pName)) << pName;
     }
