@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pty.h>
@@ -20,20 +19,14 @@
 
 #include <gtest/gtest.h>
 
-#include "AtExitOrder.h"
+#include "Arm.h"
 #include "BoardEnvironment.h"
 #include "CallJournal.h"
 #include "ControllerPort.h"
 #include "Descriptors.h"
-#include "ElectricController.h"
-#include "EventBus.h"
 #include "Eventually.h"
-#include "IdlePrintEvent.h"
 #include "LibraryCall.h"
-#include "Log.h"
 #include "PrintService.h"
-#include "ScratchFolder.h"
-#include "StatusReportEvent.h"
 #include "SystemModule.h"
 #include "Time.h"
 #include "VirtualController.h"
@@ -62,46 +55,6 @@ namespace {
     testing::AddGlobalTestEnvironment(new BoardEnvironment);
 
 using Texts = std::vector<std::string>;
-
-Texts withNode(Texts vecOption, const std::string& strNode)
-{
-    vecOption.insert(vecOption.end(),
-                     {"--node", strNode, "--gpio", "/sys/class/gpio", "--speed-up", "1000"});
-    return vecOption;
-}
-
-/** A controller under its real names, and a scratch working directory. */
-class Arm
-{
-public:
-    explicit Arm(const Texts& vecOption = {}, const std::string& strNode = "/dev/ttyACM0")
-        : m_controller(withNode(vecOption, strNode))
-    {
-        Log::getInstance().setSinks(0); // standard output is the service's own here
-        EXPECT_EQ(0, chdir(m_folder.path().c_str()));
-        testing::internal::CaptureStdout();
-    }
-    Arm(const Arm&) = delete;
-    Arm& operator=(const Arm&) = delete;
-    ~Arm()
-    {
-        (void)output();
-        EXPECT_EQ(0, chdir("/"));
-    }
-
-    std::string output()
-    {
-        return std::exchange(m_bCapturing, false) ? testing::internal::GetCapturedStdout()
-                                                  : std::string();
-    }
-
-    ScratchFolder m_folder;
-    VirtualController m_controller;
-    SystemModule& m_module = SystemModule::getInstance();
-
-private:
-    bool m_bCapturing = true;
-};
 
 size_t countParts(const std::string& strText, const std::string& strPart)
 {
@@ -144,19 +97,6 @@ size_t countPorts()
                       : 0;
     }
     return uCount;
-}
-
-/** What is left to the caller is the program's own end, with the job's thread still at work. */
-void leaveInMidJob(Arm& arm)
-{
-    std::string strJob;
-    for (int i = 0; i < 5000; ++i) {
-        strJob += "G1 X1\n";
-    }
-    EXPECT_EQ(RET_SUCCESS, arm.m_module.openSerial());
-    EXPECT_EQ(0, arm.m_module.savePrintJob(strJob.data(), static_cast<int>(strJob.size())));
-    EXPECT_EQ(0, arm.m_module.startPrintJob());
-    EXPECT_TRUE(eventually([&arm] { return 100 < arm.m_controller.readTexts("rx").size(); }));
 }
 
 } // namespace
@@ -396,57 +336,4 @@ TEST(SystemModuleSerial, PrintServiceIsReachedThroughTheModule)
     EXPECT_EQ(vecExpected, arm.m_controller.readTexts("rx"));
     EXPECT_EQ("x", arm.m_folder.read("firmware.bin"));
     EXPECT_EQ(Texts{"10 bytes complete"}, arm.m_controller.readTexts("image"));
-}
-
-TEST(SystemModuleSerial, ProcessMayEndInTheMiddleOfAJob)
-{
-    Arm arm({"--boot-ms", "10"});
-
-    leaveInMidJob(arm);
-}
-
-TEST(SystemModuleSerial, ProcessMayEndInMidJobWhenThePrintServiceWasUsedFirst)
-{
-    (void)PrintService::getInstance();
-    Arm arm({"--boot-ms", "10"});
-
-    leaveInMidJob(arm);
-}
-
-TEST(SystemModuleSerial, ProcessMayEndInMidJobWhenTheControllerObjectWasUsedFirst)
-{
-    (void)ElectricController::getInstance();
-    (void)PrintService::getInstance();
-    Arm arm({"--boot-ms", "10"});
-
-    leaveInMidJob(arm);
-}
-
-TEST(SystemModuleSerial, ProcessMayEndInMidJobWhenTheEventsWereUsedLast)
-{
-    Arm arm({"--boot-ms", "10"});
-    leaveInMidJob(arm);
-
-    EventBus<StatusReportEvent>::getInstance();
-    EventBus<IdlePrintEvent>::getInstance();
-}
-
-TEST(SystemModuleSerial, PortOutlivesPrintServiceThatWasUsedBeforeTheModule)
-{
-    const void* const pService = &PrintService::getInstance();
-    const void* const pModule = &SystemModule::getInstance();
-    const void* const pPort = &ControllerPort::getInstance();
-
-    EXPECT_LT(placeAtExit(pService), placeAtExit(pModule)); // the module goes first
-    EXPECT_LT(placeAtExit(pPort), placeAtExit(pService));   // the port last
-}
-
-TEST(SystemModuleSerial, PortOutlivesModuleThatWasUsedBeforeThePrintService)
-{
-    const void* const pModule = &SystemModule::getInstance();
-    const void* const pService = &PrintService::getInstance();
-    const void* const pPort = &ControllerPort::getInstance();
-
-    EXPECT_LT(placeAtExit(pModule), placeAtExit(pService));
-    EXPECT_LT(placeAtExit(pPort), placeAtExit(pModule));
 }
