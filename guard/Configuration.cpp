@@ -7,6 +7,8 @@
 
 #include <toml++/toml.h>
 
+#include "TomlFile.h"
+
 namespace {
 
 /** A table of the file; throws std::runtime_error with the line to show. */
@@ -181,15 +183,8 @@ Configuration take(const toml::table& file)
 bool readConfiguration(const std::string& strPath, Configuration& configuration,
                        std::string& strError)
 {
-    try {
-        configuration = take(toml::parse_file(strPath));
+    return readToml(strPath, strError, [&](const toml::table& file) {
+        configuration = take(file);
         configuration.strFile = strPath;
-        return true;
-    } catch (const toml::parse_error& error) {
-        strError = strPath + ":" + std::to_string(error.source().begin.line) + ": " +
-                   std::string(error.description());
-    } catch (const std::exception& error) {
-        strError = strPath + ": " + error.what();
-    }
-    return false;
+    });
 }

@@ -9,6 +9,8 @@
 
 #include <toml++/toml.h>
 
+#include "TomlFile.h"
+
 namespace {
 
 std::string takeText(const toml::node& node, const std::string& strKey)
@@ -76,9 +78,8 @@ void take(const std::string& strKey, const toml::node& node, StationConfiguratio
 bool readStationConfiguration(const std::string& strPath, StationConfiguration& configuration,
                               std::string& strError)
 {
-    try {
-        configuration = {};
-        const toml::table file = toml::parse_file(strPath);
+    configuration = {};
+    return readToml(strPath, strError, [&configuration](const toml::table& file) {
         for (const auto& [section, node] : file) {
             const std::string strSection(section.str());
             if (!node.is_table()) {
@@ -88,14 +89,7 @@ bool readStationConfiguration(const std::string& strPath, StationConfiguration& 
                 take(strSection + "." + std::string(key.str()), value, configuration);
             }
         }
-        return true;
-    } catch (const toml::parse_error& error) {
-        strError = strPath + ":" + std::to_string(error.source().begin.line) + ": " +
-                   std::string(error.description());
-    } catch (const std::exception& error) {
-        strError = strPath + ": " + error.what();
-    }
-    return false;
+    });
 }
 
 bool readToken(const std::string& strPath, std::string& strToken, std::string& strError)
