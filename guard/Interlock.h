@@ -276,6 +276,7 @@ private:
     void onReplyWhileOff(const Reply& reply, int64_t s64NowUs);
     void onGreeting(int64_t s64NowUs);
     void onGreetingAgain(int64_t s64NowUs);
+    Expected takeExpected();
     void onAnswer(bool bOk, int nCode, int64_t s64NowUs);
     void onLineAnswer(bool bOk, int nCode, int64_t s64NowUs);
     void onMoveAnswer(bool bOk, int nCode, int64_t s64NowUs);

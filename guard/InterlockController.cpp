@@ -128,6 +128,17 @@ void Interlock::onGreetingAgain(int64_t s64NowUs)
     onGreeting(s64NowUs);
 }
 
+/** What the oldest answer is to; it is none of those any more. */
+Interlock::Expected Interlock::takeExpected()
+{
+    const Expected expected = m_aExpected[0];
+    std::copy(m_aExpected.begin() + 1, m_aExpected.begin() + static_cast<ptrdiff_t>(m_uExpected),
+              m_aExpected.begin());
+    --m_uExpected;
+    m_uOutstanding -= expected.uBytes;
+    return expected;
+}
+
 void Interlock::onAnswer(bool bOk, int nCode, int64_t s64NowUs)
 {
     if (0 == m_uExpected) {
@@ -138,11 +149,7 @@ void Interlock::onAnswer(bool bOk, int nCode, int64_t s64NowUs)
         }
         return;
     }
-    const Expected expected = m_aExpected[0];
-    std::copy(m_aExpected.begin() + 1, m_aExpected.begin() + static_cast<ptrdiff_t>(m_uExpected),
-              m_aExpected.begin());
-    --m_uExpected;
-    m_uOutstanding -= expected.uBytes;
+    const Expected expected = takeExpected();
     if (!bOk && LEVEL_JOB == m_eLevel && EXPECT_NOTHING != expected.eKind) {
         trip(TRIP_ERROR, nCode, s64NowUs);
         return;

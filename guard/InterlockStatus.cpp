@@ -1,7 +1,5 @@
 // The rules between the service, the operator and the controller: what the controller tells of
 // itself.
-#include <algorithm>
-
 #include "Interlock.h"
 #include "InterlockTimes.h"
 #include "ServiceAnswer.h"
@@ -30,11 +28,7 @@ void Interlock::onStatusAlone(int64_t s64NowUs)
     if (0 == m_uExpected) {
         return;
     }
-    const Expected expected = m_aExpected[0];
-    std::copy(m_aExpected.begin() + 1, m_aExpected.begin() + static_cast<ptrdiff_t>(m_uExpected),
-              m_aExpected.begin());
-    --m_uExpected;
-    m_uOutstanding -= expected.uBytes;
+    const Expected expected = takeExpected();
     if (EXPECT_PROBE_HELD == expected.eKind) {
         if (JOB_PAUSING == m_eJob) {
             m_eJob = JOB_PAUSED;
