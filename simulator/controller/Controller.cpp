@@ -2,16 +2,12 @@
 #include "Controller.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <utility>
 
 #include "AnswerText.h"
 
-static const double POWER_UP_FEED = 1000; // millimetres per minute
-static const double HOMING_FEED = 3000;
-static const double FULL_POWER = 1000; // of a laser that nobody has told a power
-static const int64_t TICK_US = 5000;   // how often a moving arm's position is told
+static const int64_t TICK_US = 5000; // how often a moving arm's position is updated
 static const size_t MAX_INPUT = 4096;
 static const size_t MAX_WAITING = 64;
 
@@ -36,14 +32,9 @@ bool isLaserOff(const ParsedLine& line)
 } // namespace
 
 Controller::Controller(const ControllerSettings& settings, ControllerJournal& journal)
-    : m_settings(settings), m_journal(journal), m_beamLog(journal), m_answers(settings.s64AnswerUs),
-      m_motion(settings.dSpeedUp, settings.s64SettleUs),
-      m_loader(settings.strImagePath, settings.s64ImageQuietUs), m_bPilotOn(!settings.bPilotOff),
-      m_dFeed(POWER_UP_FEED)
+    : m_settings(settings), m_journal(journal), m_answers(settings.s64AnswerUs),
+      m_loader(settings.strImagePath, settings.s64ImageQuietUs), m_arm(settings, journal)
 {
-    m_motion.setPosition(settings.powerUpPosition);
-    m_laser = {settings.bPowerUpLaserOn, settings.bPowerUpLaserOn ? FULL_POWER : 0};
-    m_motion.setLaser(m_laser);
 }
 
 void Controller::setTrigger(std::function<void(const std::string&)> trigger)
@@ -53,17 +44,13 @@ void Controller::setTrigger(std::function<void(const std::string&)> trigger)
 
 void Controller::onBeam(BeamSink sink)
 {
-    m_motion.onBeam([this, sink = std::move(sink)](const BeamStroke& stroke) {
-        if (!isDarkened()) {
-            sink(stroke);
-        }
-    });
+    m_arm.onBeam(std::move(sink));
 }
 
 void Controller::receive(const std::string& strBytes, int64_t s64NowUs)
 {
     advance(s64NowUs);
-    m_s64BusyUs = s64NowUs;
+    m_arm.stayAwake(s64NowUs);
     size_t uPos = 0;
     while (uPos < strBytes.size()) {
         if (m_loader.isActive()) {
@@ -107,14 +94,13 @@ void Controller::takeByte(char c, int64_t s64NowUs)
 
 void Controller::advance(int64_t s64NowUs)
 {
-    m_s64BusyUs = m_motion.isIdle() ? m_s64BusyUs : s64NowUs;
-    for (unsigned uEnded = m_motion.advance(s64NowUs); uEnded > 0; --uEnded) {
+    for (unsigned uEnded = m_arm.advance(s64NowUs); uEnded > 0; --uEnded) {
         endMove(s64NowUs);
     }
     processLines(s64NowUs);
-    tellBeam(s64NowUs);
+    m_arm.tellBeam(s64NowUs);
     tellStatus(s64NowUs);
-    tireOfIdling(s64NowUs);
+    m_arm.tireOfIdling(s64NowUs);
     if (m_loader.endIfQuiet(s64NowUs)) {
         m_journal.record(s64NowUs, "image", m_loader.getResult());
     }
@@ -123,7 +109,7 @@ void Controller::advance(int64_t s64NowUs)
 /** Once for each interval that has begun since the arm moves. */
 void Controller::tellStatus(int64_t s64NowUs)
 {
-    if (m_settings.s64StatusUs <= 0 || !m_motion.isMoving()) {
+    if (m_settings.s64StatusUs <= 0 || !m_arm.getMotion().isMoving()) {
         m_s64StatusUs = -1;
         return;
     }
@@ -135,101 +121,35 @@ void Controller::tellStatus(int64_t s64NowUs)
     }
 }
 
-bool Controller::isIdleOffDue() const
-{
-    return m_settings.s64IdleOffUs > 0 && m_laser.bOn && m_motion.isIdle();
-}
-
-void Controller::tireOfIdling(int64_t s64NowUs)
-{
-    if (isIdleOffDue() && s64NowUs >= m_s64BusyUs + m_settings.s64IdleOffUs) {
-        m_laser.bOn = false;
-        m_motion.setLaser(m_laser);
-        m_journal.record(s64NowUs, "idle", "laser off");
-        tellBeam(s64NowUs);
-    }
-}
-
-void Controller::tellBeam(int64_t s64NowUs)
-{
-    for (const Motion::Change& change : m_motion.takeChanges()) {
-        updateBeam(change.s64AtUs, change.laser, change.bMoving);
-    }
-    updateBeam(s64NowUs, m_motion.getLaser(), m_motion.isMoving());
-}
-
-void Controller::updateBeam(int64_t s64AtUs, const Laser& laser, bool bMoving)
-{
-    m_beamLog.update(s64AtUs,
-                     {laser.bOn && laser.dPower > 0 && !isDarkened(), laser.dPower, bMoving});
-}
-
-/** Whether a hold keeps the light back. */
-bool Controller::isDarkened() const
-{
-    return m_bHeld && !m_settings.bHoldKeepsLaser;
-}
-
 void Controller::hold(bool bHeld, int64_t s64NowUs)
 {
     advance(s64NowUs);
-    m_bHeld = bHeld;
-    m_motion.setHeld(bHeld);
+    m_arm.hold(bHeld);
     processLines(s64NowUs); // one that waited for room is not taken now
-    tellBeam(s64NowUs);
+    m_arm.tellBeam(s64NowUs);
 }
 
 void Controller::softReset(int64_t s64NowUs)
 {
-    forgetJob();
-    m_bHomed = false;
+    m_bHoldTold = false;
+    m_bLocked = false;
     m_strInput.clear();
     m_bAfterLine = false;
     m_deqLine.clear();
     m_answers.drop();
-    m_laser = {};
-    m_motion.setLaser({});
-    tellBeam(s64NowUs);
+    m_arm.reset(s64NowUs);
     m_answers.tell(formatGreeting(), s64NowUs);
-}
-
-/** What is queued and what was modal. */
-void Controller::forgetJob()
-{
-    m_motion.clear();
-    m_deqHoming.clear();
-    m_motion.setHeld(false);
-    m_bHeld = false;
-    m_bHoldTold = false;
-    m_bLocked = false;
-    m_bRelative = false;
-    m_dFeed = POWER_UP_FEED;
-}
-
-void Controller::alarm()
-{
-    m_motion.clear();
-    m_deqHoming.clear();
-    m_bHomed = false;
-    m_bLocked = true;
-    if (!m_settings.bAlarmKeepsLaser) {
-        m_laser.bOn = false;
-        m_motion.setLaser(m_laser);
-    }
 }
 
 void Controller::endMove(int64_t s64NowUs)
 {
-    if (!m_deqHoming.empty()) { // an alarm may have come with the move before
-        m_bHomed = m_bHomed || m_deqHoming.front();
-        m_deqHoming.pop_front();
-    }
+    m_arm.endMove();
     if (m_bOnce) {
         return;
     }
     m_answers.tell(formatDone(), s64NowUs);
     // An M18 behind the move is answered in the same write.
-    if (!m_deqLine.empty() && m_motion.isIdle() &&
+    if (!m_deqLine.empty() && m_arm.getMotion().isIdle() &&
         LINE_KIND_SPOT == parseLine(m_deqLine.front()).eKind) {
         m_answers.join();
         const std::string strLine = std::move(m_deqLine.front());
@@ -254,11 +174,11 @@ bool Controller::mustWait(const ParsedLine& line) const
     case LINE_KIND_MOVE:
     case LINE_KIND_POSITION:
     case LINE_KIND_HOME:
-        return m_motion.isFull() && !m_bHeld;
+        return m_arm.getMotion().isFull() && !m_arm.isHeld();
     case LINE_KIND_ACCEPTED:
-        return usesQueue(line) && m_motion.isFull() && !m_bHeld;
+        return usesQueue(line) && m_arm.getMotion().isFull() && !m_arm.isHeld();
     case LINE_KIND_SPOT:
-        return !m_motion.isIdle() && !m_bHeld;
+        return !m_arm.getMotion().isIdle() && !m_arm.isHeld();
     default:
         return false;
     }
@@ -288,25 +208,26 @@ std::string Controller::answerFor(const ParsedLine& line, const Fault& fault, in
         return formatError(fault.nValue);
     }
     if (FAULT_ALARM == fault.eKind) {
-        alarm();
+        m_bLocked = true;
+        m_arm.alarm();
         return formatAlarm(fault.nValue);
     }
     if (LINE_KIND_UNLOCK == line.eKind) {
         m_bLocked = false;
         return formatOk();
     }
-    if (isLaserOff(line) && !(m_bHeld && m_motion.isFull())) { // taken at any time
+    if (isLaserOff(line) && !(m_arm.isHeld() && m_arm.getMotion().isFull())) { // taken at any time
         return carryOut(line);
     }
     if (m_bLocked) {
         return formatError(ERROR_LOCKED);
     }
-    if (m_bHeld && LINE_KIND_RESUME != line.eKind) {
+    if (m_arm.isHeld() && LINE_KIND_RESUME != line.eKind) {
         m_bHoldTold = true;
         return formatStatus(STATUS_HELD);
     }
     std::string strAnswer = execute(line, s64NowUs);
-    if (!m_bHeld && std::exchange(m_bHoldTold, false)) {
+    if (!m_arm.isHeld() && std::exchange(m_bHoldTold, false)) {
         return formatStatus(STATUS_RUNNING) + strAnswer;
     }
     return strAnswer;
@@ -324,11 +245,10 @@ std::string Controller::execute(const ParsedLine& line, int64_t s64NowUs)
         hold(false, s64NowUs);
         return formatOk();
     case LINE_KIND_HOME:
-        m_motion.queueMove({}, HOMING_FEED, true);
-        m_deqHoming.push_back(true);
+        m_arm.home();
         return formatOk();
     case LINE_KIND_SPOT:
-        m_bPilotOn = !line.bHasS || line.dS > 0;
+        m_arm.switchPilot(!line.bHasS || line.dS > 0);
         return formatOk();
     case LINE_KIND_LOADER:
         m_loader.begin(s64NowUs);
@@ -340,35 +260,7 @@ std::string Controller::execute(const ParsedLine& line, int64_t s64NowUs)
 
 std::string Controller::carryOut(const ParsedLine& line)
 {
-    const bool bRelative = line.bRelative || (m_bRelative && !line.bAbsolute);
-    Point target = m_motion.getDestination();
-    const Point base = bRelative ? target : Point{};
-    target[0] = line.bHasX ? base[0] + line.dX : target[0];
-    target[1] = line.bHasY ? base[1] + line.dY : target[1];
-    target[2] = line.bHasZ ? base[2] + line.dZ : target[2];
-    for (const double dAxis : target) {
-        if (std::fabs(dAxis) > MAX_TRAVEL_MM) {
-            return formatError(ERROR_OUT_OF_RANGE); // nothing of the line is carried out
-        }
-    }
-    m_bRelative = bRelative;
-    m_dFeed = line.bHasF ? line.dF : m_dFeed;
-    if (line.bHasS || LASER_AS_IT_IS != line.eLaser) {
-        m_laser.dPower = line.bHasS ? line.dS : m_laser.dPower;
-        m_laser.bOn = (LASER_AS_IT_IS == line.eLaser) ? m_laser.bOn : LASER_ON == line.eLaser;
-        m_motion.queueLaser(m_laser);
-    }
-    if (line.bDwell) {
-        m_motion.queueDwell(line.dP);
-    }
-    if (LINE_KIND_ACCEPTED != line.eKind) {
-        const bool bPositioning = LINE_KIND_POSITION == line.eKind;
-        m_motion.queueMove(target, m_dFeed, bPositioning);
-        if (bPositioning) {
-            m_deqHoming.push_back(false);
-        }
-    }
-    return formatOk();
+    return m_arm.carryOut(line) ? formatOk() : formatError(ERROR_OUT_OF_RANGE);
 }
 
 std::string Controller::lockWith(const std::string& strAnswer)
@@ -386,14 +278,14 @@ int64_t Controller::nextDueUs(int64_t s64NowUs) const
 {
     const int64_t s64AnswerUs = m_answers.getDueUs();
     int64_t s64DueUs = (s64AnswerUs < 0) ? INT64_MAX : s64AnswerUs;
-    if (const int64_t s64LeftUs = m_motion.getRemainingUs(); s64LeftUs >= 0) {
+    if (const int64_t s64LeftUs = m_arm.getMotion().getRemainingUs(); s64LeftUs >= 0) {
         s64DueUs = std::min(s64DueUs, s64NowUs + std::min(s64LeftUs, TICK_US));
     }
     if (m_loader.isActive()) {
         s64DueUs = std::min(s64DueUs, m_loader.getQuietUs());
     }
-    if (isIdleOffDue()) {
-        s64DueUs = std::min(s64DueUs, m_s64BusyUs + m_settings.s64IdleOffUs);
+    if (const int64_t s64OffUs = m_arm.getIdleOffUs(); s64OffUs >= 0) {
+        s64DueUs = std::min(s64DueUs, s64OffUs);
     }
     return (INT64_MAX == s64DueUs) ? -1 : s64DueUs;
 }
@@ -416,12 +308,9 @@ void Controller::dropWire()
 void Controller::reset(int64_t s64NowUs)
 {
     dropWire();
-    forgetJob();
-    m_bHomed = false;
-    m_bPilotOn = !m_settings.bPilotOff;
-    m_laser = {m_settings.bResetLaserOn, m_settings.bResetLaserOn ? FULL_POWER : 0};
-    m_motion.setLaser(m_laser);
-    tellBeam(s64NowUs);
+    m_bHoldTold = false;
+    m_bLocked = false;
+    m_arm.restart(s64NowUs);
 }
 
 void Controller::booted(int64_t s64NowUs)
@@ -458,8 +347,9 @@ bool Controller::runCommand(const std::string& strCommand, int64_t s64NowUs)
     if (int nCode = 0;
         2 == vecWord.size() && "alarm-now" == vecWord[0] && parseCount(vecWord[1], nCode)) {
         advance(s64NowUs);
-        alarm();
-        tellBeam(s64NowUs);
+        m_bLocked = true;
+        m_arm.alarm();
+        m_arm.tellBeam(s64NowUs);
         m_answers.tell(formatAlarm(nCode), s64NowUs);
         return true;
     }
@@ -476,13 +366,14 @@ bool Controller::runCommand(const std::string& strCommand, int64_t s64NowUs)
 
 std::string Controller::describe() const
 {
-    const Point& position = m_motion.getPosition();
+    const Point& position = m_arm.getMotion().getPosition();
+    const Beam& beam = m_arm.getBeam().get();
     char acText[200] = {0};
     snprintf(acText, sizeof(acText),
              "x=%.3f y=%.3f z=%.3f laser=%d power=%.0f pilot=%d moving=%d held=%d locked=%d "
              "homed=%d loading=%d lines=%d",
-             position[0], position[1], position[2], m_beamLog.get().bOn ? 1 : 0,
-             m_beamLog.get().dPower, m_bPilotOn ? 1 : 0, m_motion.isIdle() ? 0 : 1, m_bHeld ? 1 : 0,
-             m_bLocked ? 1 : 0, m_bHomed ? 1 : 0, m_loader.isActive() ? 1 : 0, m_nLines);
+             position[0], position[1], position[2], beam.bOn ? 1 : 0, beam.dPower,
+             m_arm.isPilotOn() ? 1 : 0, m_arm.getMotion().isIdle() ? 0 : 1, m_arm.isHeld() ? 1 : 0,
+             m_bLocked ? 1 : 0, m_arm.isHomed() ? 1 : 0, m_loader.isActive() ? 1 : 0, m_nLines);
     return acText;
 }

@@ -16,14 +16,15 @@
 #include "IController.h"
 #include "LineTriggers.h"
 #include "Motion.h"
+#include "VirtualArm.h"
 
 /**
  * The controller in the arm's own language.
  *
  * Every line is answered once, positioning moves and homing a second time when the arm is there. A
  * second line end right behind a line belongs to that line, unless the settings say otherwise; any
- * other empty line is answered "ok". The bytes of a hold and a reset act as they come. README.md
- * tells the rest.
+ * other empty line is answered "ok". The bytes of a hold and a reset act as they come. The rest is
+ * in README.md.
  */
 class Controller : public IController
 {
@@ -54,19 +55,19 @@ public:
     }
     const Motion& getMotion() const
     {
-        return m_motion;
+        return m_arm.getMotion();
     }
     Point getPosition() const override
     {
-        return m_motion.getPosition();
+        return m_arm.getMotion().getPosition();
     }
     bool isPilotOn() const override
     {
-        return m_bPilotOn;
+        return m_arm.isPilotOn();
     }
     const BeamLog& getBeam() const override
     {
-        return m_beamLog;
+        return m_arm.getBeam();
     }
     std::string describe() const override;
 
@@ -74,11 +75,6 @@ private:
     void takeByte(char c, int64_t s64NowUs);
     void hold(bool bHeld, int64_t s64NowUs);
     void softReset(int64_t s64NowUs);
-    void forgetJob();
-    void alarm();
-    void tellBeam(int64_t s64NowUs);
-    void updateBeam(int64_t s64AtUs, const Laser& laser, bool bMoving);
-    bool isDarkened() const;
     void processLines(int64_t s64NowUs);
     bool mustWait(const ParsedLine& line) const;
     void processLine(const std::string& strLine, int64_t s64NowUs);
@@ -88,34 +84,23 @@ private:
     std::string lockWith(const std::string& strAnswer);
     void endMove(int64_t s64NowUs);
     void tellStatus(int64_t s64NowUs);
-    void tireOfIdling(int64_t s64NowUs);
-    bool isIdleOffDue() const;
 
     ControllerSettings m_settings;
     ControllerJournal& m_journal;
-    BeamLog m_beamLog;
     AnswerQueue m_answers;
     LineTriggers m_triggers;
     FaultPlan m_faultPlan;
-    Motion m_motion;
     FirmwareLoader m_loader;
+    VirtualArm m_arm;
 
     std::string m_strInput;            // the line that is coming in, at most MAX_INPUT bytes
     bool m_bAfterLine = false;         // the next line end belongs to the line before it
     std::deque<std::string> m_deqLine; // lines that wait; bounded by wantsInput()
 
-    int m_nLines = 0;          // lines whose turn has come
-    unsigned m_uWireEpoch = 0; // counts dropWire(), for the line whose trigger pulled the cable
-    bool m_bOnce = false;      // no second answers
-    bool m_bHeld = false;      // stands still and takes no line until resumed
-    bool m_bHoldTold = false;  // the client has been told status 1
-    bool m_bLocked = false;    // refuses everything until $X
-    bool m_bRelative = false;
-    std::deque<bool> m_deqHoming; // per positioning move under way: whether it is a homing
-    bool m_bHomed = false;
-    bool m_bPilotOn;
-    Laser m_laser; // as the lines so far tell it, in front of the queue
-    double m_dFeed;
+    int m_nLines = 0;           // lines whose turn has come
+    unsigned m_uWireEpoch = 0;  // counts dropWire(), for the line whose trigger pulled the cable
+    bool m_bOnce = false;       // no second answers
+    bool m_bHoldTold = false;   // the client has been told status 1
+    bool m_bLocked = false;     // refuses everything until $X
     int64_t m_s64StatusUs = -1; // when the next status is told; -1 at rest
-    int64_t m_s64BusyUs = 0;    // when it last moved or heard a byte
 };
