@@ -113,7 +113,7 @@ void PrintJob::sendNextLine()
     char acLine[LINE_SIZE] = {0};
     const JOB_LINE_E eLine = m_jobFile.nextLine(acLine, LINE_SIZE);
     if (JOB_LINE_NONE == eLine) {
-        sleepFor(IDLE_SLEEP); // a last line without a line end waits here for stop()
+        sleepFor(IDLE_SLEEP); // Deliberate: a last line without line end waits here for stop()
         return;
     }
     if (JOB_LINE_END == eLine) {

@@ -66,8 +66,8 @@ TEST(ModuleManagerConsole, LastLineNeedsALineEndToQuit)
     EXPECT_EQ(0, result.nStatus);
 }
 
-// Deliberate: words are not bounded by their buffers of 128 bytes, only by the end of the table.
-TEST(ModuleManagerConsole, LongWordRunsIntoTheNextBuffers)
+// Words are not bounded by their buffers of 128 bytes, only by the end of the table.
+TEST(ModuleManagerConsole, DeliberateLongWordRunsIntoTheNextBuffers)
 {
     const std::string strLong(200, 'a');
     // The second word overwrites the long one's tail, from byte 128 on.

@@ -62,6 +62,13 @@ TEST(ModuleManager, ModulesComeUpInOrderAndGoDownInReverse)
     EXPECT_EQ(0, result.nStatus);
 }
 
+TEST(ModuleManager, DeliberateModulesAreNamedAsTheirTypesAreSpelt)
+{
+    const ChildResult result = run({"QUIT=1"});
+
+    EXPECT_EQ(0U, result.strOutput.find(logged("initModule", "12SystemModule init ...\n")));
+}
+
 TEST(ModuleManager, FirstModuleThatFailsToInitialiseEndsTheStart)
 {
     const ChildResult result = run({"SystemModule_init=2"});
@@ -201,8 +208,8 @@ TEST(ModuleManager, OwnStepsDoNothing)
     EXPECT_EQ(&manager, &ModuleManager::getInstance());
 }
 
-// Deliberate: nothing starts the console, though its thread waits from the beginning.
-TEST(ModuleManager, WithoutItsThreadStartedTheConsoleReadsNothing)
+// Nothing starts the console, though its thread waits from the beginning.
+TEST(ModuleManager, DeliberateWithoutItsThreadStartedTheConsoleReadsNothing)
 {
     const CallFile journal("select fgets");
     ChildProgram child(program(journal.environment()));

@@ -107,7 +107,7 @@ TEST_F(PrintJobStart, PauseAtTheEndLeavesNoJobToGoOnWith)
     EXPECT_TRUE(waitForWire("G1 X1\n\n\nM5\nM5\nG1 X2\n\n\n"));
 }
 
-TEST_F(PrintJobStart, StartWithoutAFileStaysStuckUntilStopped)
+TEST_F(PrintJobStart, DeliberateStartWithoutAFileStaysStuckUntilStopped)
 {
     EXPECT_EQ(1, service().startPrint());
     EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());

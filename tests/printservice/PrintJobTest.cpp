@@ -63,7 +63,7 @@ TEST_F(PrintJobLines, SaveKeepsTheFileAndMakesItReady)
     EXPECT_EQ("", m_controller.readReceivedBytes());
 }
 
-TEST_F(PrintJobLines, ThreeLinesThenAnEmptyOne)
+TEST_F(PrintJobLines, DeliberateThreeLinesThenAnEmptyOne)
 {
     runJob("G1 X1\nG1 X2\nG1 X3\n");
 
@@ -193,7 +193,7 @@ TEST_F(PrintJobLines, ProgressAtEachStage)
     EXPECT_TRUE(contains(strOutput, "persent 1.000000\n"));
 }
 
-TEST_F(PrintJobLines, ShortSendLeavesTheJobStuckUntilStopped)
+TEST_F(PrintJobLines, DeliberateShortSendLeavesTheJobStuckUntilStopped)
 {
     const LogCapture log;
     saveJob("G1 X1\nG1 X2\n");

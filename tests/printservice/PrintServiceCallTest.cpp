@@ -84,7 +84,7 @@ TEST_F(PrintServiceCall, StatusIsWaitedForTenSeconds)
     EXPECT_EQ((Texts{"poll 10000"}), CallJournal::lines());
 }
 
-TEST_F(PrintServiceCall, LoopWithNothingToDoPausesTwentyMilliseconds)
+TEST_F(PrintServiceCall, DeliberateLoopWithNothingToDoPausesTwentyMilliseconds)
 {
     m_controller.say("status:5\n");
     {

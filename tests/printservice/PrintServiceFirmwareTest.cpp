@@ -63,7 +63,7 @@ protected:
 
 } // namespace
 
-TEST_F(PrintServiceFirmware, ImageInPlaceIsSentAndTheReceivedOneKept)
+TEST_F(PrintServiceFirmware, DeliberateImageInPlaceIsSentAndTheReceivedOneKept)
 {
     const std::string strImage = makeImage(5000); // fits the port whatever the reader does
     m_folder.write("pp.bin", strImage);

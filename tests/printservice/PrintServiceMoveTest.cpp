@@ -28,7 +28,7 @@ protected:
 
 } // namespace
 
-TEST_F(PrintServiceMove, MoveHomesAndGoesToTheNegatedPosition)
+TEST_F(PrintServiceMove, DeliberateMoveHomesAndGoesToTheNegatedPosition)
 {
     const LogCapture log;
 

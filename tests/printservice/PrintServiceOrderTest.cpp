@@ -200,7 +200,7 @@ TEST_F(PrintServiceOrder, IdleStatusFourPausesBeforeItReports)
     EXPECT_EQ("M5\n\nsend length:3\nreported\nget status code:4 \n", output());
 }
 
-TEST_F(PrintServiceOrder, IdleStatusThreeAsksBeforeItReports)
+TEST_F(PrintServiceOrder, DeliberateIdleReportIsEncodedAndGoesNowhere)
 {
     IdleAnswer subscriber;
     EventBus<IdlePrintEvent>::subscribe(&subscriber, &IdleAnswer::onIdlePrint);

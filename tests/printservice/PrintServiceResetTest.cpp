@@ -91,7 +91,7 @@ TEST_F(PrintServiceReset, DeliberateDescriptorsStayOpen)
     EXPECT_TRUE(eventually([this] { return 3 == stores("gpio106/value").size(); }));
 }
 
-TEST_F(PrintServiceReset, MissingPinFilesAreIgnored)
+TEST_F(PrintServiceReset, DeliberateMissingPinFilesAreIgnored)
 {
     ASSERT_EQ(0, rename("/sys/class/gpio", "/sys/class/away"));
 

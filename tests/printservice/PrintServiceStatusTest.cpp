@@ -221,7 +221,7 @@ TEST_F(PrintServiceStatus, ControllerThatHoldsGetsTheLineAgainEveryHalfSecond)
     EXPECT_LE(0.499, vecTime[2] - vecTime[1]);
 }
 
-TEST_F(PrintServiceStatus, LineThatWasTakenIsRepeatedEveryHalfSecondWhilePaused)
+TEST_F(PrintServiceStatus, DeliberateLineThatWasTakenIsRepeatedEveryHalfSecondWhilePaused)
 {
     m_controller.command("line 2 status 3");
     saveJob("G91\nG1 X0.1 F600000\nG1 X1\n");

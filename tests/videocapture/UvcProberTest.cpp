@@ -48,7 +48,7 @@ protected:
 } // namespace
 
 // The board's numbering of input events and video nodes is fixed.
-TEST_F(UvcProberFind, IndexFollowsFromTheEventNumber)
+TEST_F(UvcProberFind, DeliberateIndexFollowsFromTheEventNumber)
 {
     const int anIndex[] = {0, 0, 0, 0, 0, 0, 1, 2, 3};
     for (int i = 0; i <= 8; ++i) {

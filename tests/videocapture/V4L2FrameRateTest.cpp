@@ -91,7 +91,7 @@ TEST_F(V4L2FrameRate, CameraThatRefusesTheRateStreams)
 }
 
 // A camera that grants more than was asked is asked for all it can.
-TEST_F(V4L2FrameRate, FasterCameraIsAskedFor255)
+TEST_F(V4L2FrameRate, DeliberateFasterCameraIsAskedFor255)
 {
     m_camera.command("coerce 30");
 

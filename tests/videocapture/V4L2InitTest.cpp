@@ -293,7 +293,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "mmap length=614400 prot=READ|WRITE flags=SHARED offset=614400 = -1 ENOMEM",
                     "[setFrameRate] [0] set frame rate to 25\n"}));
 
-TEST_F(V4L2Init, PixelFormatIsMotionJpegButForTwoCodes)
+TEST_F(V4L2Init, DeliberatePixelFormatIsMotionJpegButForTwoCodes)
 {
     EXPECT_EQ(0x47504A4DU, V4L2::pixelFormat(28)); // "MJPG"
     EXPECT_EQ(0x47504A4DU, V4L2::pixelFormat(0));

@@ -11,7 +11,7 @@ using V4L2Uninit = V4L2InitFixture;
 
 } // namespace
 
-TEST_F(V4L2Uninit, NodeWithoutCapabilitiesStaysOpenUntilUninit)
+TEST_F(V4L2Uninit, DeliberateNodeWithoutCapabilitiesStaysOpenUntilUninit)
 {
     m_camera.command("fail QUERYCAP EINVAL");
 

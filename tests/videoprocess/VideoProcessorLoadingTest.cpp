@@ -149,8 +149,8 @@ TEST_F(VideoProcessorLoading, PluginThatLacksANameOfItsOwnIsLoaded)
     EXPECT_EQ(0, idle());
 }
 
-// Deliberate: the library stays mapped and in use.
-TEST_F(VideoProcessorLoading, UninitCallsThePluginAndNeverClosesIt)
+// The library stays mapped and in use.
+TEST_F(VideoProcessorLoading, DeliberateUninitCallsThePluginAndNeverClosesIt)
 {
     load("test_plugin");
     plugin().nUndistortResult = 0;

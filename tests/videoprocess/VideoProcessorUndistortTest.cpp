@@ -74,7 +74,7 @@ TEST_F(VideoProcessorUndistort, FailureSharesTheFrame)
     }
 }
 
-TEST_F(VideoProcessorUndistort, EmptyPictureThatCountsAsSuccessLeavesTheOutputAsItIs)
+TEST_F(VideoProcessorUndistort, DeliberateEmptyPictureThatCountsAsSuccessLeavesTheOutputAsItIs)
 {
     const FRAME_PROCESS_UNDISTORT_T aRecord[] = {
         {0, 320, 240, m_au8Corrected}, {-9, 320, 240, m_au8Corrected},

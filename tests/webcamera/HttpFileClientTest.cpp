@@ -111,7 +111,7 @@ TEST_F(HttpFileClientAnswer, QueryIsNotPartOfThePath)
     EXPECT_EQ(header("text/plain", 1) + "x", get("/f.txt?v=2"));
 }
 
-TEST_F(HttpFileClientAnswer, DotDotIsResolvedByTheFileSystem)
+TEST_F(HttpFileClientAnswer, DeliberateDotDotIsResolvedByTheFileSystem)
 {
     m_www.write("../outside.txt", "out");
 

@@ -58,7 +58,7 @@ TEST_F(HttpLiveClientStream, HeaderIsTheGoldenText)
     EXPECT_EQ(strGolden, connection.receive());
 }
 
-TEST_F(HttpLiveClientStream, FrameIsAPartBetweenHeaderAndBoundary)
+TEST_F(HttpLiveClientStream, DeliberateFirstFrameFollowsNoBoundary)
 {
     PVENC_FRAME_T frame = makeFrame(1234);
 

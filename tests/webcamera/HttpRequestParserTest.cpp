@@ -104,20 +104,20 @@ TEST_F(HttpRequestParserChunk, SecondEqualsSignMovesTheKey)
     EXPECT_EQ("b=c;", paramsOf("a=b=c"));
 }
 
-TEST_F(HttpRequestParserChunk, AmpersandAtTheEndStaysInTheValue)
+TEST_F(HttpRequestParserChunk, DeliberateAmpersandAtTheEndStaysInTheValue)
 {
     EXPECT_EQ("a=1&;", paramsOf("a=1&"));
     EXPECT_EQ("a=1;b=2&;", paramsOf("a=1&b=2&"));
 }
 
-TEST_F(HttpRequestParserChunk, EmptyValueEndsTheIteration)
+TEST_F(HttpRequestParserChunk, DeliberateEmptyValueEndsTheIteration)
 {
     EXPECT_EQ("", paramsOf("a=&b=1"));
     EXPECT_EQ("x=1;", paramsOf("x=1&a=&b=1"));
     EXPECT_EQ("", paramsOf("a="));
 }
 
-TEST_F(HttpRequestParserChunk, EmptyKeyEndsTheIteration)
+TEST_F(HttpRequestParserChunk, DeliberateEmptyKeyEndsTheIteration)
 {
     EXPECT_EQ("", paramsOf("=1&b=2"));
 }
@@ -165,7 +165,7 @@ TEST_F(HttpRequestParserChunk, HeadersAreRead)
     EXPECT_EQ("hello", parsed.parser.getBody());
 }
 
-TEST_F(HttpRequestParserChunk, HeaderNameInOtherCaseIsNotRecognised)
+TEST_F(HttpRequestParserChunk, DeliberateHeaderNameInOtherCaseIsNotRecognised)
 {
     Parsed parsed("POST /camera HTTP/1.1\r\ncontent-type: text/plain\r\n"
                   "content-length: 5\r\n\r\nhello");
@@ -175,7 +175,7 @@ TEST_F(HttpRequestParserChunk, HeaderNameInOtherCaseIsNotRecognised)
     EXPECT_EQ("hello", parsed.parser.getBody()) << "the library knows the length";
 }
 
-TEST_F(HttpRequestParserChunk, BeginningOfAHeaderNameCountsAsTheName)
+TEST_F(HttpRequestParserChunk, DeliberateBeginningOfAHeaderNameCountsAsTheName)
 {
     Parsed both("GET / HTTP/1.1\r\nContent-: 7\r\n\r\n");
     EXPECT_EQ("7", both.parser.getContentType());

@@ -42,7 +42,7 @@ TEST_F(HttpSnapClientAnswer, NoFileNameIsPhoto)
     }
 }
 
-TEST_F(HttpSnapClientAnswer, EveryFrameThatFindsTheQueueEmptyIsAnotherAnswer)
+TEST_F(HttpSnapClientAnswer, DeliberateEveryFrameThatFindsTheQueueEmptyIsAnotherAnswer)
 {
     CardFolder card("camera");
     ASSERT_EQ(0, m_connection.request(request("?filename=a.jpg")));

@@ -73,7 +73,7 @@ TEST_F(WebCameraClientConnection, WithoutMemoryForItsBufferItDoesNotStart)
     EXPECT_EQ(0, client.init());
 }
 
-TEST_F(WebCameraClientConnection, AnyStreamIsStream0)
+TEST_F(WebCameraClientConnection, DeliberateAnyStreamIsStream0)
 {
     for (const char* pQuery :
          {"stream=3", "stream=-1", "stream=x", "stream=", "stream=99999999999"}) {
@@ -163,7 +163,7 @@ TEST_F(WebCameraClientConnection, LongestMeasureFits)
               m_connection.receive());
 }
 
-TEST_F(WebCameraClientConnection, CameraWithoutFocusIsAnInvalidRequestAnswered200)
+TEST_F(WebCameraClientConnection, DeliberateCameraWithoutFocusIsAnInvalidRequestAnswered200)
 {
     for (const char* pTarget : {"/camera", "/camera?focus", "/camera?focus=", "/camera?Focus=1"}) {
         Connection connection;
@@ -173,7 +173,7 @@ TEST_F(WebCameraClientConnection, CameraWithoutFocusIsAnInvalidRequestAnswered20
     EXPECT_EQ(0, FakeSystem::measureCount());
 }
 
-TEST_F(WebCameraClientConnection, FurtherBytesRouteTheSamePathAgain)
+TEST_F(WebCameraClientConnection, DeliberateFurtherBytesRouteTheSamePathAgain)
 {
     EXPECT_EQ(0, m_connection.request("GET /camera?focus=1 HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(0, m_connection.request("GET /live HTTP/1.1\r\n\r\n"));
@@ -184,7 +184,7 @@ TEST_F(WebCameraClientConnection, FurtherBytesRouteTheSamePathAgain)
     EXPECT_EQ(3, FakeSystem::measureCount());
 }
 
-TEST_F(WebCameraClientConnection, FurtherBytesAddALiveResponderAndAllEndWithTheConnection)
+TEST_F(WebCameraClientConnection, DeliberateFurtherBytesAddALiveResponderAndAllEndWithTheConnection)
 {
     EXPECT_EQ(0, m_connection.request("GET /live HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(0, m_connection.request("more"));

@@ -175,7 +175,7 @@ TEST_F(WebCameraHttpDataProcessorRequest, BodyOfAnUnrecognisedLengthIsIgnored)
     EXPECT_EQ("", m_processor.getBody());
 }
 
-TEST_F(WebCameraHttpDataProcessorRequest, LaterChunksAreNeverParsed)
+TEST_F(WebCameraHttpDataProcessorRequest, DeliberateLaterChunksAreNeverParsed)
 {
     EXPECT_EQ(0, feed("GET /live HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(0, feed("GET /snap HTTP/1.1\r\n\r\n"));

@@ -105,7 +105,7 @@ TEST(LogClient, WithoutAReceiveBufferReadsAreRefused)
     close(anPair[1]);
 }
 
-TEST(LogClient, ReadThatFindsNothingIsPrintedWithoutBytes)
+TEST(LogClient, DeliberateReadThatFindsNothingIsPrintedWithoutBytes)
 {
     LogClient client;
     ASSERT_EQ(0, client.init());

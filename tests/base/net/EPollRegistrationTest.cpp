@@ -52,7 +52,7 @@ TEST(EPollRegistration, AddFdFailsForWhatTheKernelRefuses)
     close(nFile);
 }
 
-TEST(EPollRegistration, AddFdCountsAnyOtherFailureAsSuccess)
+TEST(EPollRegistration, DeliberateAddFdCountsAnyOtherFailureAsSuccess)
 {
     EPoll epoll(20);
     Recorder recorder(epoll);

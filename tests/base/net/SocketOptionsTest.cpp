@@ -60,7 +60,7 @@ TEST(SocketOptions, LingerReadsBack)
     EXPECT_FALSE(bOnOff);
 }
 
-TEST(SocketOptions, TimeOutsInMillisecondsAreRefused)
+TEST(SocketOptions, DeliberateTimeOutsInMillisecondsAreRefused)
 {
     NetPair pair;
     int32_t nMs = -1;

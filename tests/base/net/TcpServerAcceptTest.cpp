@@ -142,7 +142,7 @@ TEST(TcpServerAccept, SocketThatWaitsForMoreToSendIsServedAllTheSame)
     (void)peer.close();
 }
 
-TEST(TcpServerAccept, SocketThatCantBeTunedIsClosedAndItsClientKept)
+TEST(TcpServerAccept, DeliberateSocketThatCantBeTunedIsClosedAndItsClientKept)
 {
     struct Case
     {
@@ -170,7 +170,7 @@ TEST(TcpServerAccept, SocketThatCantBeTunedIsClosedAndItsClientKept)
 
             EXPECT_EQ(1U, faultHits());
             EXPECT_EQ(Lines({acceptLine(entry.pText)}), takeLines(log, "[error] [TcpServer ]"));
-            // Deliberate: not destroyed, neither initialised.
+            // Not destroyed, neither initialised.
             EXPECT_EQ(Steps({"create 1", "create 2", "init 2", "start 2"}), pSteps->take());
             EXPECT_TRUE(sawEnd(peer));
             (void)peer.close();
@@ -195,7 +195,7 @@ TEST(TcpServerAccept, InterruptedAcceptIsLoggedAndTheLoopGoesOn)
     (void)peer.close();
 }
 
-TEST(TcpServerAccept, WithoutAClientTheConnectionStaysOpenAndUnserved)
+TEST(TcpServerAccept, DeliberateWithoutAClientTheConnectionStaysOpenAndUnserved)
 {
     StepServer server;
     server.listen();

@@ -130,7 +130,7 @@ TEST(TcpSocketOptions, BufferSizesAtTheLimitsAreAppliedInSilence)
     EXPECT_EQ(Lines(), takeLines(log));
 }
 
-TEST(TcpSocketOptions, WithoutReadableLimitsBothSetTheReceiveBuffer)
+TEST(TcpSocketOptions, DeliberateWithoutReadableLimitsBothSetTheReceiveBuffer)
 {
     NetPair pair;
     const int32_t nSendBefore = sendBuffer(pair.m_near);
@@ -139,7 +139,7 @@ TEST(TcpSocketOptions, WithoutReadableLimitsBothSetTheReceiveBuffer)
     FaultScope fault("popen:1-2:EMFILE");
     EXPECT_EQ(0, pair.m_near.setOptRcvBuf(3000)); // below the minimum, taken as it is
     EXPECT_EQ(receiveBufferFor(3000), receiveBuffer(pair.m_near));
-    EXPECT_EQ(0, pair.m_near.setOptSndBuf(5000)); // Deliberate: the receive buffer
+    EXPECT_EQ(0, pair.m_near.setOptSndBuf(5000)); // the receive buffer
     EXPECT_EQ(2U, faultHits());
 
     EXPECT_EQ(receiveBufferFor(5000), receiveBuffer(pair.m_near));

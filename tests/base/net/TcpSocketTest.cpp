@@ -134,7 +134,7 @@ TEST(TcpSocket, AcceptWithoutAConnectionFails)
     EXPECT_EQ(Lines(), takeLines(log));
 }
 
-TEST(TcpSocket, InterruptedAcceptSucceedsWithoutADescriptor)
+TEST(TcpSocket, DeliberateInterruptedAcceptSucceedsWithoutADescriptor)
 {
     Listener listener;
     struct sigaction action

@@ -232,7 +232,7 @@ TEST(CommandRunTimed, WithoutBudgetACommandIsKilledAtOnce)
     EXPECT_TRUE(CallJournal::lines().empty());
 }
 
-TEST(CommandRunTimed, CommandEndedByASignalCountsAsZero)
+TEST(CommandRunTimed, DeliberateCommandEndedByASignalCountsAsZero)
 {
     EXPECT_EQ(0, runCommandTimed("kill -9 $$", Time(30, 0)));
 }

@@ -89,7 +89,7 @@ TEST(Cond, DestructionWakesWhoWaits)
     EXPECT_TRUE(eventually([&] { return waiter.m_bWoken.load(); }));
 }
 
-TEST(Cond, IsWaitingIsFalseWhileSomebodyWaits)
+TEST(Cond, DeliberateIsWaitingIsFalseWhileSomebodyWaits)
 {
     Mutex mutex(MUTEX_TYPE_ERRORCHECK);
     Cond cond;
@@ -126,7 +126,7 @@ TEST(Cond, FailedBroadcastInTheDestructorIsLogged)
     EXPECT_EQ("[debug] [Cond.cpp ] [~Cond] cond Broadcast failed !!!\n", log.text());
 }
 
-TEST(Cond, WaitWithATimeOutAborts)
+TEST(Cond, DeliberateWaitWithATimeOutAborts)
 {
     Mutex mutex(MUTEX_TYPE_ERRORCHECK);
     Cond cond;

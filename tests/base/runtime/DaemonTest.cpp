@@ -62,7 +62,7 @@ TEST(Daemon, FailedSessionExitsWithOne)
     EXPECT_EQ("buffered\nstatuses 0 1\n", result.strOutput);
 }
 
-TEST(Daemon, FailedChangeOfDirectoryExitsWithZero)
+TEST(Daemon, DeliberateFailedChangeOfDirectoryExitsWithZero)
 {
     ScratchFolder folder;
 

@@ -171,7 +171,7 @@ TEST_F(FileOnDisk, ReadLineBehindTheLastLineEndClearsTheBuffer)
     EXPECT_EQ(-1, m_file.readLine(acLine, 0));
 }
 
-TEST_F(FileOnDisk, SeekCountsFromTheCurrentPositionWhateverTheOrigin)
+TEST_F(FileOnDisk, DeliberateSeekCountsFromTheCurrentPositionWhateverTheOrigin)
 {
     m_folder.write("file", std::string(105, '.'));
     ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_READ));

@@ -109,7 +109,7 @@ TEST(Log, EachFieldAlone)
 }
 
 // Padded names, an empty one, and debug above info.
-TEST(Log, LevelNamesAreAsTheyAre)
+TEST(Log, DeliberateLevelNamesArePaddedAndDebugIsAboveInfo)
 {
     EXPECT_EQ("[] ", nameOf(0));
     EXPECT_EQ("[fatal] ", nameOf(1));

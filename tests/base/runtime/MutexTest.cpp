@@ -81,7 +81,7 @@ TEST(Mutex, TryLockOfABusyMutexFailsUnlogged)
     EXPECT_EQ(RET_SUCCESS, mutex.unlock());
 }
 
-TEST(Mutex, IsLockIsFalseWhileLocked)
+TEST(Mutex, DeliberateIsLockIsFalseWhileLocked)
 {
     Mutex mutex(MUTEX_TYPE_NORMAL);
     ASSERT_EQ(RET_SUCCESS, mutex.lock());

@@ -97,7 +97,7 @@ TEST(ThreadFailure, RefusedPriorityIsLogged)
               log.text());
 }
 
-TEST(ThreadFailure, RefusedNiceValueEndsItBeforeTheGate)
+TEST(ThreadFailure, DeliberateRefusedNiceValueIsLoggedByWhatWasReturned)
 {
     LogCapture log(BARE_FUNCTION);
     FaultScope fault("nice:1:EPERM");
@@ -115,7 +115,7 @@ TEST(ThreadFailure, RefusedNiceValueEndsItBeforeTheGate)
 }
 
 // Three waits of the destruction have no limit. The alarm is what ends them here.
-TEST(ThreadFailure, DestructionWaitsForAThreadThatWasNeverCreated)
+TEST(ThreadFailure, DeliberateDestructionWaitsForAThreadThatWasNeverCreated)
 {
     EXPECT_EXIT(
         {
@@ -130,7 +130,7 @@ TEST(ThreadFailure, DestructionWaitsForAThreadThatWasNeverCreated)
         testing::KilledBySignal(SIGALRM), "");
 }
 
-TEST(ThreadFailure, DestructionWaitsForAThreadThatNeverReachedItsGate)
+TEST(ThreadFailure, DeliberateDestructionWaitsForAThreadThatNeverReachedItsGate)
 {
     EXPECT_EXIT(
         {
@@ -145,7 +145,7 @@ TEST(ThreadFailure, DestructionWaitsForAThreadThatNeverReachedItsGate)
         testing::KilledBySignal(SIGALRM), "");
 }
 
-TEST(ThreadFailure, DestructionWaitsForABodyThatNeverReturns)
+TEST(ThreadFailure, DeliberateDestructionWaitsForABodyThatNeverReturns)
 {
     EXPECT_EXIT(
         {
