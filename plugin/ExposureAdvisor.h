@@ -6,9 +6,9 @@
 #include "Parameters.h"
 
 /**
- * Takes it that the camera follows each suggestion and that brightness is proportional to exposure.
- * Where it is not, because the picture is clipped, repeating leads there all the same. A camera
- * whose brightness doesn't follow is led to the shortest or the longest exposure.
+ * Assumes that the camera follows each suggestion and that brightness is proportional to exposure.
+ * Where it is not, because the picture is clipped, repeating gets there as well. A camera whose
+ * brightness doesn't follow ends at the shortest or the longest exposure.
  *
  * Not thread-safe.
  */
@@ -29,7 +29,7 @@ public:
     /** Remember a picture's median and the exposure that it was taken with. */
     void see(int nMedian, TAKEN_E eTaken);
 
-    /** Make the next suggestion, and only that, longer by a factor; below 1 counts as 1. */
+    /** Make only the next suggestion longer by a factor; below 1 counts as 1. */
     void brighten(double dFactor);
 
     /** @return exposure_absolute; without a new picture the same again */

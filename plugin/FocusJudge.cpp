@@ -6,7 +6,7 @@
 
 namespace {
 
-// What a picture's distance may be off, in millimetres and in parts of itself.
+// The error of a picture's distance, in millimetres and relative.
 const double DISTANCE_ERROR = 0.1;
 const double DISTANCE_ERROR_SHARE = 0.2;
 
@@ -14,12 +14,12 @@ const double DISTANCE_ERROR_SHARE = 0.2;
 const double SAME_HEIGHT = 0.1; // millimetres
 const double SAME_HEIGHT_SHARE = 0.1;
 
-// Of what the two sides would have shown, in millimetres.
+// Between what the two sides would have shown, in millimetres.
 const double LEAST_DIFFERENCE = 0.05;
 
-// Within which the first picture, nearly sharp, tells the rest of the way better than the second.
+// Within this the first picture, nearly sharp, gives the remaining way better than the second.
 const double NEARLY_THERE = 0.5; // millimetres
-const double SHARP = 0.06;       // millimetres; what a sharp picture may be off
+const double SHARP = 0.06;       // millimetres; the error of a sharp picture
 
 // A home this far from the focus is worth a second look in better light, in millimetres.
 const double FAR = 1.0;
@@ -81,7 +81,7 @@ double FocusJudge::side(double dDistance) const
     }
     if (!m_bSeenBefore || !fits(dDistance) ||
         std::fabs(misfit(dDistance) - misfit(-dDistance)) < LEAST_DIFFERENCE) {
-        return m_dSide; // it was not where it was sent to, or that makes no difference
+        return m_dSide; // it was not where it was sent, or that makes no difference
     }
     return misfit(dDistance) < misfit(-dDistance) ? 1 : -1;
 }

@@ -11,10 +11,10 @@
  * what it was; until one is known, Parameters.h has it. So a wrong first side is put right by the
  * second measurement.
  *
- * A picture tells a small distance better than a large one. An arm that was sent to the right side
- * is nearly in focus in the next measurement's first picture, which then tells the rest. One that
- * was sent to the wrong side has the two looks from home only: the mean of both is taken, and the
- * second wants more light.
+ * A picture measures a small distance better than a large one. An arm that was sent to the right
+ * side is nearly in focus in the next measurement's first picture, which then gives the rest. One
+ * that was sent to the wrong side has only the two looks from home: their mean is taken, and the
+ * second needs more light.
  *
  * A second picture that shows what the first did, though the arm was moved in between, was taken
  * before the move. When the last measurement's look from home goes together with the first picture,
@@ -39,12 +39,12 @@ public:
      * @param dHomed  how high the homed laser stands over its focus; its Z is to become -dHomed,
      *                where the next measurement's first picture expects it
      * @param dRedness  of the spot: a stronger one is coded more exactly, and has more weight
-     * @return false when the width cannot be that of the laser, or is too large to be told exactly;
+     * @return false when the width cannot be that of the laser, or is too large to be exact;
      *         the arm is then believed to stay at home
      */
     bool judge(double dSigmaMm, double& dHomed, double dRedness = 1);
 
-    /** The homed arm was far from its focus in its last picture: a brighter one would tell more. */
+    /** The homed arm was far from its focus in its last picture: a brighter one would show more. */
     bool wantsLight() const;
 
 private:
@@ -76,9 +76,9 @@ private:
     double side(double dDistance) const;
 
     /**
-     * A sharp spot tells its distance better than a blurred one: when the first picture was nearly
-     * in focus, the way from there is no longer than it tells, and none when it was sharp. When it
-     * was too bright to tell, the arm goes back there unless the second picture speaks against it.
+     * A sharp spot shows its distance better than a blurred one: when the first picture was nearly
+     * in focus, the way from there is no longer than it says, and none when it was sharp. When it
+     * was too bright to say, the arm goes back there unless the second picture contradicts it.
      */
     double refined(double dFocusZ) const;
 

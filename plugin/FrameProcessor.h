@@ -31,14 +31,14 @@ struct JpegPicture
 class FrameProcessor
 {
 public:
-    /** Results of the operations, as the entry points give them on. */
+    /** Results of the operations, which the entry points pass on. */
     enum RESULT_E
     {
         RESULT_OK = 0,
-        RESULT_BAD_PICTURE = 1, // not a whole JPEG picture of the size told
+        RESULT_BAD_PICTURE = 1, // not a whole JPEG picture of the given size
         RESULT_NO_SPOT = 2,
         RESULT_ERROR = 3,      // anything unforeseen
-        RESULT_TOO_BRIGHT = 4, // clipped: the spot cannot be told from what is cut off
+        RESULT_TOO_BRIGHT = 4, // clipped: what is cut off hides the spot
         RESULT_TOO_DARK = 5,
         RESULT_NO_FOCUS = 6, // blurred beyond use, or narrower than the laser's spot can be
         RESULT_NO_LENS = 7,  // by the entry points: the lens's file is unusable
@@ -54,7 +54,7 @@ public:
 
     /**
      * The second picture of a measurement: the arm has been homed since findPosition().
-     * @param dHomed  millimetres of the homed laser over its focus; FocusJudge.h tells more
+     * @param dHomed  millimetres of the homed laser over its focus; see FocusJudge.h
      */
     RESULT_E autoFocus(const JpegPicture& picture, double& dHomed);
 

@@ -1,4 +1,4 @@
-// Everything that the reference plug-in has to be told about camera, lens, workpiece and spot.
+// Everything that the reference plug-in needs to know about camera, lens, workpiece and spot.
 #pragma once
 
 /**
@@ -6,9 +6,9 @@
  * across the picture gives the field's width, pictures of a printed chessboard the lens
  * (kestrel-calibrate-lens), a series of pictures at known heights the spot.
  *
- * Pictures of any size are taken as the same field of view: lengths in the picture are told in
- * parts of its width. Positions on the workpiece are in millimetres from the point in the picture's
- * centre, x to the right, y downwards; heights are in millimetres of the arm's Z axis.
+ * Pictures of any size are taken as the same field of view: lengths in the picture are fractions of
+ * its width. Positions on the workpiece are in millimetres from the point in the picture's centre,
+ * x to the right, y downwards; heights are in millimetres of the arm's Z axis.
  */
 struct Parameters
 {
@@ -40,21 +40,21 @@ struct Parameters
     /** A weaker spot is taken for noise. At 8 it is found up to 7 mm out of focus. */
     double dMinRedness = 8.0;
     /**
-     * Redness that the spot would have in focus; less is too dark to tell its place. Of the virtual
+     * Redness that the spot would have in focus; less is too dark to place it. With the virtual
      * camera it is 215 at the start exposure; at 55 a place was up to 0.4 pixels off.
      */
     double dMinFocusedRedness = 70.0;
-    /** Redness that a spot must have for its width to be told. */
+    /** Redness that a spot must have for its width to be measured. */
     double dMinFocusRedness = 25.0;
     /**
      * Greatest median of a picture's brightness: a spot on a brighter plate is all but cut off. At
      * 239 a place was up to 1.4 pixels off.
      */
     int nMaxMedian = 220;
-    /** Largest part of the spot's light on clipped pixels for telling its place, and its width. */
+    /** Largest share of the spot's light on clipped pixels for placing it, and for its width. */
     double dMaxClipped = 0.93;
     double dMaxClippedForFocus = 0.5;
-    /** The same for judging how far the last measurement has led, which has to be more exact. */
+    /** The same for judging where the last measurement led, which has to be more exact. */
     double dMaxClippedForSide = 0.02;
     /** A spot that is found so close to where it was last counts as not moved, in millimetres. */
     double dStillMm = 0.02;
@@ -66,7 +66,10 @@ struct Parameters
     double dFocusedSigmaMm = 0.3;
     /** Growth of the standard deviation per millimetre of distance. */
     double dBlurPerMm = 0.15;
-    /** Homed so close to its focus the laser stays there, in millimetres; what a width can tell. */
+    /**
+     * Homed this close to its focus the laser stays there, in millimetres; what a width can
+     * resolve.
+     */
     double dFocusToleranceMm = 0.1;
     /**
      * Larger distances are refused, in millimetres. A first measurement that takes the wrong side
@@ -85,14 +88,15 @@ struct Parameters
     int nMinExposure = 1;
     /** 40 ms: longer ones would cost frames at 25 per second. */
     int nMaxExposure = 400;
-    /** Brightness that the picture's median shall have; the middle leaves room for the spot. */
+    /** Target brightness of the picture's median; the middle leaves room for the spot. */
     int nTargetMedian = 128;
-    /** Brightness of a blurred spot's brightest pixel that tells its width best; it is not clipped.
+    /**
+     * Brightness of a blurred spot's brightest pixel that is best for its width; it is not clipped.
      */
     double dSpotBrightness = 225.0;
     /** Largest factor by which a picture is brightened for the spot's sake. */
     double dMaxBrightening = 1.4;
-    /** Largest factor between two suggestions: a clipped picture doesn't tell how far to go. */
+    /** Largest factor between two suggestions: a clipped picture doesn't show how far to go. */
     double dMaxExposureStep = 4.0;
 
     // Pictures.

@@ -319,7 +319,7 @@ void drawCoded(const Profile& profile, const JpegCoding& coding, const LensModel
     std::vector<uint8_t> vecJpeg;
     if (!JpegCodec::encode(rgb, coding, vecJpeg) ||
         !JpegCodec::decode(vecJpeg.data(), vecJpeg.size(), rgb.size(), rgb)) {
-        throw std::bad_alloc(); // a picture of our own has no other way to fail
+        throw std::bad_alloc(); // a picture of our own fails no other way
     }
 }
 

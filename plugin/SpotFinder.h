@@ -31,8 +31,7 @@ public:
 
     /**
      * The reddest patch, its centre to a fraction of a pixel. Pixels at the end of their range,
-     * where a bright spot's top is cut off, tell nothing: centre and width are fitted to the
-     * others.
+     * where a bright spot's top is cut off, say nothing: centre and width are fitted to the others.
      * @param rgb   8 bits per channel, red first, of the lens's picture size
      * @param coding  of the picture
      * @return OVEREXPOSED when more of it than dMaxClipped is cut off; NO_SPOT when nothing is red

@@ -161,7 +161,7 @@ int findPos(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8
 
 void setExposure(int32_t* pExposure)
 {
-    (void)guarded([&] { // the caller keeps its 0
+    (void)guarded([&] { // the caller's 0 stays
         *pExposure = Plugin::getInstance().processor().suggestExposure();
         return FrameProcessor::RESULT_OK;
     });

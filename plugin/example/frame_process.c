@@ -25,7 +25,7 @@ static const int START_EXPOSURE = 157; /* in units of 100 us */
 /* Less is no laser: red less the average of green and blue. */
 static const int MIN_REDNESS = 60;
 
-/* Results above 0 are failures; which ones, is the plug-in's own affair. */
+/* Results above 0 are failures; their meaning is the plug-in's own affair. */
 enum
 {
     FOUND = 0,

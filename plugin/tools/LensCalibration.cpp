@@ -34,7 +34,7 @@ double LensCalibration::solve()
     std::vector<cv::Mat> vecRotation;
     std::vector<cv::Mat> vecTranslation;
     cv::Mat errors;
-    // k3 is told by the outermost corners only, and a wrong one bends the picture beyond them.
+    // Only the outermost corners determine k3, and a wrong one bends the picture beyond them.
     m_dError =
         cv::calibrateCamera(vecBoards, m_vecSeen, m_size, m_camera, m_distortion, vecRotation,
                             vecTranslation, cv::noArray(), cv::noArray(), errors, cv::CALIB_FIX_K3);

@@ -11,8 +11,8 @@
 #include "UvcCamera.h"
 
 /**
- * Understands one line and does it; README.md lists the commands. Each line is noted in the journal
- * save those that only ask. Any thread.
+ * Carries out one line; README.md lists the commands. Each line is noted in the journal, except
+ * those that only ask. Any thread.
  */
 class CameraCommands
 {

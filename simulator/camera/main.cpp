@@ -77,7 +77,7 @@ void serve(DeviceServer& device, ControlServer& control, CameraCommands& command
         std::vector<pollfd> vecPoll{{nSignals, POLLIN, 0}};
         device.watch(vecPoll);
         control.watch(vecPoll);
-        double dWait = 0.5; // a program that ended after an unplug is found by looking
+        double dWait = 0.5; // a program that ended after an unplug is only found by looking
         if (script.getNext() >= 0) {
             dWait = std::min(dWait, std::max(script.getNext() - elapsed.count(), 0.0));
         }

@@ -18,14 +18,15 @@ public:
     /** @param s64AnswerUs  what each line takes to be answered */
     explicit AnswerQueue(int64_t s64AnswerUs) : m_s64AnswerUs(s64AnswerUs) {}
 
-    /** What is no line's answer: due at once. */
+    /** What answers no line: due at once. */
     void tell(const std::string& strText, int64_t s64NowUs);
 
-    /** Answer a line, with what the fault makes of it. While joined it becomes part of an answer.
+    /**
+     * Answer a line, altered by the fault. While joined it becomes part of another answer.
      */
     void answer(const std::string& strText, const Fault& fault, int64_t s64NowUs);
 
-    /** Have a line's answer leave in the same write as what was told last, until endJoin(). */
+    /** Until endJoin(), send a line's answer in the same write as the last tell(). */
     void join();
     void endJoin()
     {
@@ -44,7 +45,7 @@ public:
     /** Forget the answers; ends a join. */
     void drop();
 
-    /** Have what becomes due from now on lost, or no longer. */
+    /** Lose what becomes due from now on, or no longer. */
     void mute(bool bMuted)
     {
         m_bMuted = bMuted;

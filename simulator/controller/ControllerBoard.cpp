@@ -168,7 +168,7 @@ std::string ControllerBoard::answer(const std::string& strCommand)
 {
     readDtr(nowUs());
     endBoot(nowUs());
-    readPort(nowUs()); // what the client wrote to the wire before it asked comes first
+    readPort(nowUs()); // what the client wrote before it asked comes first
     std::string strResult = runCommand(strCommand);
     writeAnswers(nowUs());
     m_journal.flush();
@@ -182,8 +182,8 @@ void ControllerBoard::readPort(int64_t s64NowUs)
         if (strBytes.empty()) {
             return;
         }
-        readDtr(s64NowUs);            // whoever has sent them may have opened the port just now
-        if (!m_port.isSpeedRight()) { // broken frames: nothing that a line could be made of
+        readDtr(s64NowUs);            // their sender may have opened the port just now
+        if (!m_port.isSpeedRight()) { // broken frames: no line can be made of them
             m_journal.record(s64NowUs, "garbled", strBytes);
             continue;
         }
@@ -192,17 +192,17 @@ void ControllerBoard::readPort(int64_t s64NowUs)
             continue;
         }
         m_pController->receive(strBytes, s64NowUs);
-        m_pController->advance(s64NowUs); // whoever hears the answer finds the beam as it says
+        m_pController->advance(s64NowUs); // so that the beam is as the answer says
         writeAnswers(s64NowUs);
     }
 }
 
 void ControllerBoard::writeAnswers(int64_t s64NowUs)
 {
-    updateScene(false); // whoever hears that a move has ended finds the spot there
+    updateScene(false); // the spot is there before the end of a move is heard of
     for (std::string strText; m_pController->takeAnswer(s64NowUs, strText);) {
         if (m_bDeaf) {
-            continue; // what it says once it has booted is another greeting
+            continue; // what it says once booted is another greeting
         }
         if (m_port.isPlugged() && !m_port.isSpeedRight()) {
             m_journal.record(s64NowUs, "garbled", strText);

@@ -79,7 +79,7 @@ bool DtrLine::take(const char* pEvents, ssize_t nSize)
     return bRisen;
 }
 
-/** The kernel tells two closings, or openings, in a row as one. */
+/** The kernel reports two closings, or openings, in a row as one. */
 void DtrLine::countAgain()
 {
     inotify_rm_watch(m_nFd, m_nWatch); // the look opens the port itself

@@ -27,7 +27,7 @@ public:
      */
     bool watch();
 
-    /** Follow it no more. */
+    /** Stop following it. */
     void forget();
 
     /** For poll; -1 while nothing is followed. */

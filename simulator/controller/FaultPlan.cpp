@@ -1,4 +1,4 @@
-// What shall go wrong with the next lines that the virtual controller takes.
+// What goes wrong with the next lines that the virtual controller takes.
 #include "FaultPlan.h"
 
 #include <array>

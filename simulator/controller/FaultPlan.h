@@ -1,4 +1,4 @@
-// What shall go wrong with the next lines that the virtual controller takes.
+// What goes wrong with the next lines that the virtual controller takes.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ enum FAULT_E
     FAULT_GARBAGE, // 64 bytes without a meaning
     FAULT_REFUSE,  // nValue: error code; the line is not carried out
     FAULT_ALARM,   // nValue: alarm code; the same, the arm stops and the controller locks
-    FAULT_STATUS   // nValue: status code, told in front of the ordinary answer
+    FAULT_STATUS   // nValue: status code, sent in front of the ordinary answer
 };
 
 struct Fault

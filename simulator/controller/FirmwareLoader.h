@@ -30,7 +30,7 @@ public:
         return m_bActive;
     }
 
-    /** Take bytes. @return how many belong to the image; the rest is not ours */
+    /** Take bytes. @return how many belong to the image */
     size_t take(const char* pData, size_t uLength, int64_t s64NowUs);
 
     /** End an image whose wire is quiet. @return true when that has just happened */

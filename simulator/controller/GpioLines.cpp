@@ -101,7 +101,7 @@ void GpioLines::noticeOpenings()
                 pipe.bAwaited = true;
                 continue;
             }
-            // Whoever exports finds the pin's files when its write returns.
+            // The pin's files are there when the write that exports it returns.
             if (&pipe == &m_aPipe[FILE_EXPORT] && m_aPipe[FILE_VALUE].nFd < 0) {
                 (void)mkdir((m_strFolder + "/gpio106").c_str(), 0755);
                 (void)(make(FILE_DIRECTION, true) && make(FILE_VALUE, false));

@@ -11,8 +11,8 @@
  *
  * They are FIFOs: a plain file would keep old bytes, while the kernel takes every write as a store
  * of its own. The kernel has done what a store says before the writer goes on; so "export" and
- * "direction" are kept full: a writer waits there until it has been noticed by its opening. One
- * store per opening, therefore, in these two.
+ * "direction" are kept full: a writer waits until its opening has been noticed. These two therefore
+ * take one store per opening.
  */
 class GpioLines
 {

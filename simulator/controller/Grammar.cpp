@@ -41,7 +41,7 @@ std::string squeeze(const std::string& strLine)
     return strResult;
 }
 
-/** Makes the line what a motion word says. @return false when it is something already */
+/** Makes the line what a motion word says. @return false when it already is something */
 bool become(LINE_KIND_E eKind, ParsedLine& line)
 {
     const bool bFirst = LINE_KIND_ACCEPTED == line.eKind;

@@ -1,4 +1,4 @@
-// What the virtual controller board needs of a controller, whatever language it speaks.
+// What the virtual controller board needs from a controller in any language.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ public:
     /** @param trigger  carries out a command when the turn of its line comes */
     virtual void setTrigger(std::function<void(const std::string&)> trigger) = 0;
 
-    /** Tell what the beam goes over while light comes out; nobody at first. */
+    /** Report to the sink what the beam goes over while light comes out; to nobody at first. */
     virtual void onBeam(BeamSink sink) = 0;
 
     /** Bytes from the wire; call advance() next. */

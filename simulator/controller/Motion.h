@@ -28,7 +28,7 @@ struct BeamStroke
     double dEnergy = 0; // power (S word) times seconds, of the job's time where moves are sped up
 };
 
-/** Is told of each stretch as soon as it is over, on the thread that lets the time pass. */
+/** Gets each stretch as soon as it is over, on the thread that lets the time pass. */
 using BeamSink = std::function<void(const BeamStroke&)>;
 
 /**
@@ -61,7 +61,7 @@ public:
     /** Stand still for so long, not sped up. */
     void queueDwell(double dSeconds);
 
-    /** Tell the laser something behind all that is queued; at once when nothing is and not held. */
+    /** Switch the laser behind all that is queued; at once when nothing is queued and not held. */
     void queueLaser(const Laser& laser);
 
     /** Let the time pass up to s64NowUs. @return positioning moves that ended in it */
@@ -95,10 +95,13 @@ public:
         return m_laser;
     }
 
-    /** Tell the laser something at once. */
+    /** Switch the laser at once. */
     void setLaser(const Laser& laser);
 
-    /** Tell what the laser goes over while it is on, also while held; nobody at first. */
+    /**
+     * Report to the sink what the laser goes over while it is on, also while held; to nobody at
+     * first.
+     */
     void onBeam(BeamSink sink)
     {
         m_beamSink = std::move(sink);

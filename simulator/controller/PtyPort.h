@@ -51,7 +51,7 @@ public:
         return m_strSlave;
     }
 
-    /** Whether a client has the port open now. The look closes and opens this end's own. */
+    /** Whether a client has the port open now. To look, this end's own is closed and opened. */
     bool isOpenedByOthers();
 
     /** Whether the line DTR falls when the last client closes the port. */

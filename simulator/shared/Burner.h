@@ -13,7 +13,7 @@
  * surface there, with power 200 45 %. Across the line the energy is a Gaussian of sigma = 0.06 mm
  * in focus, a fifth of the pilot spot's, and ends at 2.5 sigma.
  *
- * Not thread-safe, and the only one that burns.
+ * Not thread-safe; nothing else may burn.
  */
 class Burner
 {

@@ -1,4 +1,4 @@
-// One bound on the memory that all clients of all servers bind together.
+// One bound on the memory that the clients of all servers hold between them.
 #include "ClientMemory.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@ uint32_t ClientMemory::getBytes()
     return m_u32Bytes;
 }
 
-/** Shares that differ by less than a factor of two or so bind as much as each other. */
+/** Shares within about a factor of two of each other count as equal. */
 static int sizeClass(uint32_t u32Bytes)
 {
     int nClass = 0;
@@ -49,7 +49,7 @@ ClientMemory::Share* ClientMemory::choose(const Share& asker)
     return pChosen;
 }
 
-/** What is left of a dropped share until its reactor ends it is soon gone and counts no more. */
+/** What a dropped share still holds goes as soon as its reactor ends it, and no longer counts. */
 void ClientMemory::drop(Share& share)
 {
     m_u32Bytes -= share.m_u32Bytes;

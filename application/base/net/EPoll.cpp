@@ -154,7 +154,7 @@ int EPoll::pollOnce()
     m_bAcceptNext = false;
     m_nReady = epoll_wait(m_nEPollFd, m_pEvents.get(), m_nMaxEvents, bAccept ? 0 : nWaitMs);
     if (m_nReady < 0 && EINTR != errno) {
-        // Deliberate: a lasting failure must not take the whole processor.
+        // Deliberate: a lasting failure must not use up the processor.
         sleepFor(Time(0, 10000));
     }
     for (int i = 0; i < m_nReady; ++i) {

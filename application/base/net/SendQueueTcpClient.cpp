@@ -9,13 +9,13 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-// What an item binds beside its bytes: its block's count, its place in the queue, the allocator's
+// What an item costs besides its bytes: its block's count, its place in the queue, the allocator's
 // part of each.
 static const uint32_t ITEM_BYTES = 192;
 
-// From so many bytes on, what follows begins a segment of its own (MSG_EOR, Linux 4.7): appended to
-// what is not sent yet the kernel would take a whole picture past TCP_NOTSENT_LOWAT. Less is small
-// answers and lines, which had better share segments.
+// From this size on, what follows starts a new segment (MSG_EOR, Linux 4.7): appended to unsent
+// data, the kernel would take a whole picture beyond TCP_NOTSENT_LOWAT. Smaller sends are answers
+// and lines, which are better off sharing segments.
 static const int PICTURE_BYTES = 4096;
 
 static uint32_t boundBytes(const SendQueueTcpClient::Item& item)
@@ -201,7 +201,7 @@ int SendQueueTcpClient::sendRest()
         return 1; // its socket is shut down already: nothing to log
     }
     if (m_bRefused) {
-        gather(); // what has come to wait since then leaves with it
+        gather(); // what has been queued since then goes with it
     }
     int nLength = 0; // of the whole batch, so that its last piece counts as it does
     for (int i = 0; i < m_nSending; ++i) {

@@ -87,7 +87,7 @@ int Socket::getRemoteSockAddr(sockaddr_in& address)
     return getAddress(&getpeername, address, __LINE__, "getRemoteSockAddr");
 }
 
-/** What a call has got as text, empty when it failed. @return the call's result */
+/** The address that a call got, as text; empty when it failed. @return the call's result */
 static int writeAddress(int nResult, const sockaddr_in& raw, SocketAddress& address)
 {
     address = SocketAddress();

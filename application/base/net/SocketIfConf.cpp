@@ -20,7 +20,7 @@ static const int MAX_INTERFACES = 10; // 320 bytes of ifreq on the board
 static std::string addressText(const sockaddr& address)
 {
     sockaddr_in inet{};
-    memcpy(&inet, &address, sizeof(inet)); // an ifreq promises no more alignment than a sockaddr
+    memcpy(&inet, &address, sizeof(inet)); // an ifreq is aligned like a sockaddr only
     SocketAddress text;
     Socket::fromSockAddr(inet, text);
     return text.acIp;
@@ -50,7 +50,7 @@ int Socket::getIfConf(int nFd, std::vector<InterfaceRecord>& vecRecord)
     }
     const size_t uCount = static_cast<size_t>(list.ifc_len) / sizeof(ifreq);
     for (size_t i = 0; i < uCount; ++i) {
-        ifreq& request = aRequest[i]; // each query overwrites what the last one has left
+        ifreq& request = aRequest[i]; // each query overwrites the last one's answer
         InterfaceRecord record;
         record.strName.assign(request.ifr_name, strnlen(request.ifr_name, IFNAMSIZ));
         record.strAddress = addressText(request.ifr_addr);

@@ -79,7 +79,7 @@ int TcpClient::onWrite(EPollEvent&)
 {
     MutexGuard guard(m_mtxSend);
     if (!guard.isHeld()) {
-        return 1; // a log line of this very thread's write: the engine is already running
+        return 1; // a log line of this thread's own write: the engine is running
     }
     for (;;) {
         if (isRestLeft()) {

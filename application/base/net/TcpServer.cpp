@@ -20,9 +20,9 @@ static const int MOST_ACCEPTS = 16; // in a pass
 static const int MOST_READS = 16;   // likewise, of one connection
 static const uint32_t LISTENER_MASK = EPOLLET | EPOLLIN;
 static const uint32_t CLIENT_MASK = EPOLLET | EPOLLHUP | EPOLLERR | EPOLLOUT | EPOLLIN;
-// Bytes that the kernel has not sent yet and with which it takes more: none. What a slow peer
-// cannot have yet had better wait in our queue, where a picture that would come late is left out.
-// With 8192 one picture in ten came more than a second late to viewers that shared a link.
+// The kernel takes more while it holds fewer unsent bytes than this, that is none. What a slow peer
+// cannot get yet is better kept in our queue, where a picture that would be late is dropped. With
+// 8192 one picture in ten came more than a second late to viewers that shared a link.
 static const int MOST_UNSENT = 1;
 static const uint32_t LOOK_MS = 1000;
 static const uint32_t SILENT_MS = 8000;
@@ -106,7 +106,7 @@ void TcpServer::endSilent()
     forEach([this](EPollEvent& event) {
         TcpSocket socket(*event.m_pFd);
         if (socket.isPeerSilent(SILENT_MS)) {
-            // By a reset: what is unacknowledged would else stay with the kernel for minutes.
+            // With a reset: otherwise the kernel would keep what is unacknowledged for minutes.
             (void)socket.setOptLinger(true, 0);
             (void)onPollError(&event);
         }
@@ -122,7 +122,7 @@ int TcpServer::getWaitMs()
         endSilent();
     }
     int nWaitMs = EPoll::getWaitMs();
-    forEach([this, &nWaitMs](EPollEvent& event) { // no larger: it would be allocated
+    forEach([this, &nWaitMs](EPollEvent& event) { // any larger, it would be allocated
         nWaitMs = std::min(nWaitMs, getTimeLeft(event));
     });
     return nWaitMs;
@@ -205,7 +205,7 @@ RET_E TcpServer::onPollAccept(Event*)
     }
 }
 
-/** Make, tune and serve one accepted connection; what throws leaves the socket to the caller. */
+/** Make, tune and serve one accepted connection; an exception leaves the socket to the caller. */
 void TcpServer::welcome(TcpSocket& socket)
 {
     std::unique_ptr<TcpClient> pClient(createClient());
@@ -248,8 +248,8 @@ bool TcpServer::tune(TcpSocket& socket)
         LOG_AS("onPollAccept", 2, "tcp client socket set send buffer error !!\n");
         return false;
     }
-    // What belongs together is handed over together, so that nothing is gained by waiting for
-    // more. Without it things are only slower, as without the next one.
+    // What belongs together is handed over together, so waiting for more gains nothing. Without
+    // this option, or the next one, sending is only slower.
     const int nOn = 1;
     (void)setsockopt(socket.getFd(), IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
     (void)setsockopt(socket.getFd(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &MOST_UNSENT,
@@ -286,7 +286,7 @@ RET_E TcpServer::onPollIn(Event* pEvent)
     const TcpSocket socket(*event.m_pFd);
     bool bMore = true;
     for (int i = 0; bMore && i < MOST_READS; ++i) {
-        // Without an owner (a read may let go of it) nobody would ever read it empty.
+        // Without an owner (a read may give it up) nobody would ever drain it.
         if (!socket.isValid() || nullptr == *event.m_ppClient) {
             return RET_SUCCESS;
         }

@@ -49,7 +49,7 @@ LIMITS_E readLimits(const char* pFile, const char* pCommand, Limits& limits)
     return LIMITS_READ;
 }
 
-/** @return true when the size is within the limits, else it is brought there */
+/** @return true when the size is within the limits, else it is clamped */
 bool correct(int32_t& nSize, const Limits& limits)
 {
     const int64_t s64Size = nSize;
@@ -136,8 +136,8 @@ bool TcpSocket::isPeerSilent(uint32_t u32Ms) const
         info.tcpi_last_ack_recv < u32Ms) {
         return false;
     }
-    // What was sent just now may yet be answered, after however long a pause: so it is with a
-    // window that was closed with data on its way, which the kernel sends again and again.
+    // What was sent just now may still be acknowledged, however long the pause: when a window
+    // closes with data on its way, the kernel sends that data again and again.
     const bool bData = info.tcpi_unacked > 0 && info.tcpi_last_data_sent >= ANSWER_MS &&
                        info.tcpi_last_data_sent < info.tcpi_last_ack_recv;
     // Likewise the latest probe; the one before it has not been answered.

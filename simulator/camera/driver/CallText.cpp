@@ -86,7 +86,7 @@ std::string controlsText(const CameraControls& controls, bool bValues)
     return strText;
 }
 
-/** An argument that a caller has no reason to give: told when it is not 0. */
+/** An argument that a caller has no reason to give: shown when it is not 0. */
 std::string unusual(const char* pName, uint32_t u32Value, const char* pBefore = " ")
 {
     return 0 == u32Value ? "" : text("%s%s=%u", pBefore, pName, u32Value);

@@ -1,4 +1,4 @@
-// What the camera shall do wrong, as told by commands.
+// What the camera does wrong on command.
 #include "CameraFaults.h"
 
 void CameraFaults::failCall(CAMERA_CALL_E eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip)

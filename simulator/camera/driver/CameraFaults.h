@@ -1,4 +1,4 @@
-// What the camera shall do wrong, as told by commands.
+// What the camera does wrong on command.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,7 @@
 
 #include "preload/CameraProtocol.h"
 
-/**
- * The faults in force. Counted ones wear off with use. No locking: the camera's lock covers it.
- */
+/** The faults in force; counted ones run out. No locking: the camera's lock covers it. */
 class CameraFaults
 {
 public:
@@ -17,18 +15,18 @@ public:
 
     /** Answer u32Count calls with an error, after u32Skip that go through. */
     void failCall(CAMERA_CALL_E eCall, int nErrno, uint32_t u32Count, uint32_t u32Skip);
-    /** The error that this call shall get, 0 for none; counts. */
+    /** The error for this call, 0 for none; counts as a use. */
     int failure(CAMERA_CALL_E eCall);
 
-    /** Give u32Count frames this number of bytes; beyond the buffer's length only in name. */
+    /** Give u32Count frames this number of bytes; more than the buffer's length is only claimed. */
     void setBytes(uint32_t u32Bytes, uint32_t u32Count);
     /** Flag u32Count frames as broken. */
     void setBroken(uint32_t u32Count);
-    /** Whether the next frame shall be; counts. */
+    /** Whether the next frame is; counts as a use. */
     bool broken();
     /** As many bytes as the buffer has, and one. */
     void setOverflow(uint32_t u32Count);
-    /** The number of bytes the next frame shall have; counts. */
+    /** The number of bytes of the next frame; counts as a use. */
     std::optional<uint32_t> bytes(uint32_t u32BufferLength);
 
     /** Have u32Count dequeues name this buffer. */
@@ -40,7 +38,7 @@ public:
     std::optional<uint32_t> grant();
 
     std::optional<uint32_t> m_coercedRate;      // frames per second that every S_PARM is granted
-    std::optional<uint32_t> m_capabilities;     // that QUERYCAP tells
+    std::optional<uint32_t> m_capabilities;     // that QUERYCAP returns
     bool m_bNoTimePerFrame = false;             // the capability is not announced
     bool m_bFrozen = false;                     // no frame is filled
     bool m_bRegularNode = false;                // stat finds a regular file

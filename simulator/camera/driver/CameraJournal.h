@@ -1,4 +1,4 @@
-// The record of every device call: one line each, in the order in which they were answered.
+// The record of every device call: one line each, in the order of the answers.
 #pragma once
 
 #include <cstdint>

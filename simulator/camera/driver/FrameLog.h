@@ -13,8 +13,8 @@
  *
  *   NUMBER SEQUENCE BYTES HASH INDEX SECONDS X Y
  *
- * BYTES as the driver told them; HASH is FNV-1a with 64 bits of the bytes that were really put into
- * the buffer, in hexadecimal; INDEX the buffer, or "dropped" (then no BYTES, HASH, X, Y: "-");
+ * BYTES as the driver reported them; HASH is FNV-1a with 64 bits of the bytes that were really put
+ * into the buffer, in hexadecimal; INDEX the buffer, or "dropped" (then no BYTES, HASH, X, Y: "-");
  * SECONDS the buffer's time stamp; X and Y the spot's true pixel position, "-" when it is not in
  * the picture. A frame's file is complete before the frame can be dequeued. No locking: one user.
  */

@@ -125,7 +125,7 @@ int UvcCamera::formatCall(ICameraHandle& handle, CAMERA_CALL_E eCall, CameraForm
             return EBUSY;
         }
         m_choice = choice;
-        m_interval = DEFAULT_INTERVAL; // the driver takes the frame size's over with it
+        m_interval = DEFAULT_INTERVAL; // the frame size brings its own
     }
     format.pix = VideoFormats::describe(choice);
     return 0;
@@ -156,8 +156,8 @@ int UvcCamera::rateCall(ICameraHandle& handle, CAMERA_CALL_E eCall, v4l2_streamp
 }
 
 /**
- * The driver knows the crop rectangles, which are the whole picture, and cannot crop: S_CROP ends
- * in ENOTTY.
+ * The driver reports crop rectangles, which are the whole picture, but cannot crop: S_CROP fails
+ * with ENOTTY.
  */
 int UvcCamera::cropCall(CAMERA_CALL_E eCall, CameraRecord& record) const
 {

@@ -1,4 +1,4 @@
-// The virtual camera's driver: plugging, opens, the way of a call and the frame clock.
+// The virtual camera's driver: plugging, opens, the path of a call and the frame clock.
 #include "UvcCamera.h"
 
 #include <algorithm>
@@ -293,7 +293,7 @@ bool UvcCamera::waitForFrame(PictureRequest& request)
         if (m_queue.isHungry()) {
             return true;
         }
-        m_frameLog.dropped(request); // no buffer to fill: not worth drawing
+        m_frameLog.dropped(request); // no buffer to fill: not drawn
     }
 }
 

@@ -25,9 +25,9 @@ class ICameraHandle
 {
 public:
     virtual ~ICameraHandle() = default;
-    /** From now on select shall (or shall not) find the descriptor readable. */
+    /** From now on select finds the descriptor readable, or no longer does. */
     virtual void setReadable(bool bReadable) = 0;
-    /** Packets that the caller must take off its descriptor to make that so; each is told once. */
+    /** Packets that the caller must read off its descriptor for that; each is reported once. */
     virtual uint32_t takeOff() = 0;
     /** The camera is gone for this open; it does not come back. */
     virtual void unplugged() = 0;
@@ -45,7 +45,7 @@ public:
  *
  * One open at a time has the privilege to set up and stream (EBUSY for the others); it is taken
  * with the first of S_FMT, S_PARM and REQBUFS and given back with REQBUFS of 0 buffers or the
- * close. What differs from the kernel stands in README.md.
+ * close. README.md lists the differences from the kernel.
  */
 class UvcCamera
 {
@@ -61,7 +61,7 @@ public:
     void stat(CameraNode& node);
     /** @return whether the handle is now open: then close() must follow */
     bool open(CameraNode& node, ICameraHandle& handle);
-    /** The program has its descriptor: from now on it is told about readability. */
+    /** The program has its descriptor: from now on readability is reported to it. */
     void opened(ICameraHandle& handle);
 
     struct Answer
@@ -70,7 +70,7 @@ public:
         bool bWait = false;      // a blocking dequeue found nothing: ask again when readable
         uint32_t u32TakeOff = 0; // packets to take off the descriptor
     };
-    /** Answer any other call; the record is asked and answer in one. */
+    /** Answer any other call; one record holds both question and answer. */
     Answer call(ICameraHandle& handle, uint32_t u32Pid, CAMERA_CALL_E eCall, CameraRecord& record,
                 bool bBlocking);
 
@@ -79,8 +79,8 @@ public:
 
     void unplug();
     /**
-     * In the order of the kernel's driver: the transfers end, which hands out every queued buffer
-     * empty and broken; QBUF is refused; after the time the node goes and with it all opens.
+     * In the order of the kernel's driver: the transfers end, which returns every queued buffer
+     * empty and broken; QBUF is refused; after this time the node goes, and all opens with it.
      */
     void unplugSlowly(std::chrono::milliseconds time);
     /** @param u32Node  N of /dev/videoN */
@@ -108,7 +108,7 @@ public:
         VideoFormats::Choice choice;
     };
     Status status();
-    /** Processor time that the programs with an open spent in the library's calls; wraps. */
+    /** Processor time that the programs with an open camera spent in the library's calls; wraps. */
     uint32_t cpuMicroseconds();
 
     /** The latest picture that went into a buffer. */

@@ -234,7 +234,7 @@ int VideoControls::set(CameraControls& controls, bool bTryOnly)
         v4l2_control control{controls.control[i].u32Id, controls.control[i].s32Value};
         const int nError = after.set(control);
         if (0 != nError) {
-            // Like the kernel: only a try tells which one was at fault.
+            // Like the kernel: only a try says which one was at fault.
             controls.u32ErrorIndex = bTryOnly ? i : controls.u32Count;
             return nError;
         }

@@ -5,7 +5,7 @@
 
 /**
  * Values of the controls, answered as the UVC driver answers: integers out of range are clamped, a
- * menu item the camera lacks fails.
+ * menu item that the camera lacks is an error.
  *
  * Brightness lightens the picture. With exposure_auto on 3 (aperture priority, the value at
  * plugging in) exposure_absolute is inactive and the picture has its nominal light; on 1 (manual)

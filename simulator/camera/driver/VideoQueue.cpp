@@ -1,4 +1,4 @@
-// The camera's video buffers: shared memory, and who has each of them.
+// The camera's video buffers: shared memory, and who owns each of them.
 #include "VideoQueue.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The camera's video buffers: shared memory, and who has each of them.
+// The camera's video buffers: shared memory, and who owns each of them.
 #pragma once
 
 #include <deque>
@@ -38,7 +38,7 @@ public:
     /** The oldest filled buffer. EINVAL unless streaming, EAGAIN when none is filled. */
     int dequeue(CameraBuffer& buffer);
 
-    /** EINVAL without buffers; switching on twice succeeds. Off gives all buffers back. */
+    /** EINVAL without buffers; switching on twice succeeds. Switching off returns all buffers. */
     int streamOn();
     void streamOff();
 
@@ -63,12 +63,14 @@ public:
     /** Fill the oldest queued buffer. @return its index, -1 when none is queued */
     int fill(const Fill& frame);
 
-    /** Hand out every queued buffer empty and broken, as the driver does when the camera goes. */
+    /** Return every queued buffer empty and broken, as the driver does when the camera goes. */
     void cancel();
 
     uint32_t getCount() const;
     bool isStreaming() const;
-    /** Whether select would find the descriptor readable: a filled buffer, or an error to tell. */
+    /**
+     * Whether select would find the descriptor readable: a filled buffer, or an error to report.
+     */
     bool isReadable() const;
 
 private:

@@ -17,7 +17,7 @@ struct ErrorManager
     jmp_buf jump;
 };
 
-// The library calls it for what it cannot go on from; its own would end the program.
+// The library calls it when it cannot go on; its own would end the program.
 [[noreturn]] void leave(j_common_ptr pCommon)
 {
     longjmp(reinterpret_cast<ErrorManager*>(pCommon->err)->jump, 1);

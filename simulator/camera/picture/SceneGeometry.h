@@ -1,4 +1,4 @@
-// Where things are in the rendered picture, for whoever compares what was seen with what is true.
+// Where things are in the rendered picture, to compare what was seen with the truth.
 #pragma once
 
 #include <cstdint>

@@ -9,9 +9,9 @@
 #include "SceneGeometry.h"
 
 /**
- * Pictures of the scene that SceneGeometry.h describes, with the spot where the scene file has it
- * at the moment of drawing, and what is burnt there. What does not move is drawn once per size and
- * light, and again when more has been burnt.
+ * Pictures of the scene that SceneGeometry.h describes, with the spot and the burns that the scene
+ * file holds at the moment of drawing. What does not move is drawn once per size and light, and
+ * again when more has been burnt.
  */
 class SceneSource : public IPictureSource
 {

@@ -10,7 +10,7 @@
  * Error numbers are those up to ERANGE (34), which every Linux architecture has in common.
  *
  * An opened camera is a connection to CAMERA_DEVICE_SOCKET. Its descriptor is what the program that
- * opened the camera holds; a packet waits on it exactly while select shall find it readable, and
+ * opened the camera holds; a packet waits on it exactly while select is to find it readable, and
  * kestrel-camera shuts it down when the camera is unplugged. Calls do not travel on it but through
  * CameraPage, a file both sides map: the caller takes u32Lock, fills the page, counts u32Request up
  * and wakes its waiters; the answer is there when u32Reply equals u32Request.

@@ -12,8 +12,8 @@
 #include "Session.h"
 #include "Word.h"
 
-static const long WAIT_STEP_NS = 500000000; // between looks whether kestrel-camera still lives
-static const int WAIT_STEPS = 4; // after an unplug, when the connection cannot tell any more
+static const long WAIT_STEP_NS = 500000000; // between checks that kestrel-camera is still alive
+static const int WAIT_STEPS = 4; // after an unplug, when the connection no longer shows it
 
 // Whether nobody is left to answer.
 static bool deserted(const struct OpenCamera* pSession, int nSteps)

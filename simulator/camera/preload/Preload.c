@@ -1,4 +1,4 @@
-// The names of the C library that kestrel-camera's library stands in front of.
+// The C library's functions that kestrel-camera's library replaces.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -16,9 +16,9 @@
 #include "Session.h"
 
 /*
- * Loaded in front of the C library (and behind a sanitizer's own library). Everything but the
- * camera and the list of input devices is handed on unchanged. Nothing happens at load time: a
- * process that uses neither gets no connection, no thread, no memory.
+ * Loaded before the C library (and after a sanitizer's own library). Everything but the camera and
+ * the list of input devices is passed on unchanged. Nothing happens at load time: a process that
+ * uses neither gets no connection, no thread, no memory.
  */
 
 #define EXPORT __attribute__((visibility("default")))
@@ -89,13 +89,13 @@ static bool isNumbered(const char* pText, const char* pBegin, const char* pEnd, 
            0 == strcmp(pText, acSame);
 }
 
-// Every video node is the virtual camera's, so that a number it has not got is no device.
+// Every video node is the virtual camera's, so any number but its own is no device.
 static bool isNode(const char* pPath, uint32_t* pNumber)
 {
     return NULL != pPath && isNumbered(pPath, CAMERA_NODE, "", pNumber) && cameraWanted();
 }
 
-// The file to open in place of pPath: one that tells of the virtual camera, or pPath itself.
+// The file to open in place of pPath: one that describes the virtual camera, or pPath itself.
 static const char* fileFor(const char* pPath, char* pBuffer, size_t uSize)
 {
     uint32_t u32Number = 0;

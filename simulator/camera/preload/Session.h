@@ -9,8 +9,8 @@
 #include "CameraProtocol.h"
 
 /*
- * Functions of the C library that this library stands in front of, past itself. Any thread; the
- * first use of each looks its symbol up.
+ * The C library's own functions of the names that this library replaces. Any thread; the first use
+ * of each looks its symbol up.
  */
 int realOpen(const char* pPath, int nFlags, mode_t mode);
 int realClose(int nFd);
@@ -33,7 +33,7 @@ struct OpenCamera
     char acDir[CAMERA_MAX_PATH];
 };
 
-/* Whether this process was told of a camera: CAMERA_DIR_VARIABLE is set and not empty. */
+/* Whether this process is to have a camera: CAMERA_DIR_VARIABLE is set and not empty. */
 bool cameraWanted(void);
 
 /* Build the path of a file below the camera's directory; false without one or when it is cut. */
@@ -59,9 +59,9 @@ int cameraOpen(uint32_t u32Number, int nFlags);
 struct OpenCamera* cameraOf(int nFd);
 
 /*
- * Make one call: take pRecord along, have it filled when the call succeeded (or bAlwaysBack).
- * Blocks until kestrel-camera has answered and is no cancellation point, like an ioctl. Any thread.
- * @param pWait  set when the call shall be made again once the descriptor is readable; may be null
+ * Make one call with pRecord, which is filled when the call succeeds (or with bAlwaysBack). Blocks
+ * until kestrel-camera has answered and is no cancellation point, like an ioctl. Any thread.
+ * @param pWait  set when the call is to be made again once the descriptor is readable; may be null
  * @return 0 or an error number; ENODEV when kestrel-camera has ended
  */
 int cameraCall(struct OpenCamera* pSession, enum CAMERA_CALL_E eCall, void* pRecord, size_t uSize,
@@ -74,8 +74,8 @@ int cameraCall(struct OpenCamera* pSession, enum CAMERA_CALL_E eCall, void* pRec
 int cameraIoctl(struct OpenCamera* pSession, int nFd, uint32_t u32Request, void* pArgument);
 
 /*
- * End the session of a descriptor of this process, then close it; a forked child only closes. Like
- * close(2) on Linux it has closed the descriptor also when it fails.
+ * End the session of a descriptor of this process, then close it; a forked child only closes. As
+ * with close(2) on Linux, the descriptor is closed even when it fails.
  */
 int cameraClose(struct OpenCamera* pSession, int nFd);
 
@@ -83,8 +83,8 @@ int cameraClose(struct OpenCamera* pSession, int nFd);
 void* cameraMmap(struct OpenCamera* pSession, void* pAddress, size_t uLength, int nProt, int nFlags,
                  int64_t s64Offset);
 /*
- * Tell of the unmapping when pAddress is where a buffer of the camera is mapped.
- * @return 0, or the error number that munmap(2) shall fail with
+ * Report the unmapping when pAddress is where a buffer of the camera is mapped.
+ * @return 0, or the error number for munmap(2) to fail with
  */
 int cameraMunmap(void* pAddress);
 

@@ -4,8 +4,8 @@
 #include <stdint.h>
 
 /*
- * Lock and unlock a word that starts as 0. Works between processes as it stands, which a mutex of
- * the C library does not.
+ * Lock and unlock a word that starts as 0. Works between processes as it is, which a mutex of the
+ * C library does not.
  */
 void lockWord(uint32_t* pWord);
 void unlockWord(uint32_t* pWord);

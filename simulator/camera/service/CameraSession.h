@@ -16,7 +16,7 @@ class CameraSession : public ICameraHandle
 public:
     /** Takes the connection over. @param camera  borrowed for the object's life */
     CameraSession(UvcCamera& camera, const std::string& strDir, int nSocket);
-    /** Ends the thread; a caller that still waits is told that nobody will answer. */
+    /** Ends the thread; a caller that still waits learns that nobody will answer. */
     ~CameraSession() override;
     CameraSession(const CameraSession&) = delete;
     CameraSession& operator=(const CameraSession&) = delete;
@@ -28,7 +28,7 @@ public:
     bool start(CameraNode& node);
 
     int getSocket() const;
-    /** Whether an unplug ended the connection: hanging up can no longer be seen on it. */
+    /** Whether an unplug ended the connection: a hang-up can no longer be seen on it. */
     bool shutDown() const;
     /** Whether the program closed the camera, hung up or, where that cannot be seen, has ended. */
     bool isOver() const;

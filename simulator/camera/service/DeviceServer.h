@@ -9,7 +9,7 @@
 
 #include "CameraSession.h"
 
-/** The socket to which the preloaded library turns for stat and open. The main thread only. */
+/** The socket that the preloaded library asks for stat and open. The main thread only. */
 class DeviceServer
 {
 public:

@@ -1,4 +1,4 @@
-// The files of /proc and /sys that tell of the camera.
+// The files of /proc and /sys that describe the camera.
 #include "KernelFiles.h"
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// The files of /proc and /sys that tell of the camera.
+// The files of /proc and /sys that describe the camera.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,7 @@ public:
 
     /** @param u32Node  number of the camera's node; 0 means /dev/video0 */
     void setPlugged(bool bPlugged, uint32_t u32Node);
-    /** @param u32Event  number of the camera's event device; by it the service takes the node's */
+    /** @param u32Event  of the camera's event device; the service derives the node's from it */
     void setMode(MODE_E eMode, uint32_t u32Event);
 
 private:

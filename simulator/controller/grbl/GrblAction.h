@@ -1,4 +1,4 @@
-// What a line of Grbl 1.1 has the machine do, one thing after the other.
+// What a line of Grbl 1.1 makes the machine do, step by step.
 #pragma once
 
 #include <string>

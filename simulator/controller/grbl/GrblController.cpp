@@ -16,7 +16,7 @@ static const char* const UNLOCK_HINT = "[MSG:'$H'|'$X' to unlock]\r\n";
 static const int64_t GREET_AT_REST_US = 30000;    // from a reset to the greeting
 static const int64_t GREET_IN_MOTION_US = 560000; // the same, when it cut motion short
 
-static const int64_t TICK_US = 5000; // how often a moving head's position is told
+static const int64_t TICK_US = 5000; // how often a moving head's position is updated
 
 // Real-time bytes.
 static const unsigned char BYTE_SOFT_RESET = 0x18;
@@ -270,7 +270,7 @@ int64_t GrblController::nextEventUs() const
     return (s64Us < 0) ? m_s64GreetUs : std::min(s64Us, m_s64GreetUs);
 }
 
-/** Everything that can be done at this moment. */
+/** Do everything that can be done at this moment. */
 void GrblController::work()
 {
     update();
@@ -348,7 +348,7 @@ int64_t GrblController::nextDueUs(int64_t s64NowUs) const
     if (const int64_t s64DueUs = m_transmitter.getDueUs(); s64DueUs >= 0) {
         s64Us = (s64Us < 0) ? s64DueUs : std::min(s64Us, s64DueUs);
     }
-    if (m_machine.isMoving()) { // the scene wants to be told
+    if (m_machine.isMoving()) { // the scene follows
         s64Us = std::min(s64Us, s64NowUs + TICK_US);
     }
     return s64Us;

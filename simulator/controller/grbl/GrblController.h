@@ -21,8 +21,8 @@
 #include "LineTriggers.h"
 
 /**
- * Takes bytes into a receive buffer, the real-time ones past it, and works lines off one after the
- * other: the next one when the one before is answered. grbl/README.md tells the language.
+ * Takes bytes into a receive buffer, real-time ones past it, and works through the lines: each when
+ * the one before has been answered. grbl/README.md describes the language.
  */
 class GrblController : public IController
 {
@@ -116,6 +116,6 @@ private:
 
     std::deque<GrblAction> m_deqAction; // of the line in work
     Fault m_fault;                      // of the line in work
-    bool m_bLineInWork = false;         // it has not been answered, nor has a reset swept it away
+    bool m_bLineInWork = false;         // neither answered nor swept away by a reset
     int m_nLines = 0;
 };

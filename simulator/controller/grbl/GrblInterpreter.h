@@ -34,7 +34,7 @@ public:
     /** What a reset leaves: offsets other than G92 stay. */
     void reset();
 
-    /** Where the last line ends; to be told when motion was cut short or the machine homed. */
+    /** Where the last line ends; set it when motion was cut short or the machine homed. */
     void setPosition(const Point& position)
     {
         m_position = position;

@@ -7,7 +7,7 @@
 #include "GrblPlanner.h"
 #include "GrblSettings.h"
 
-/** Has no clock; the planner tells what moves. */
+/** Has no clock; the planner knows what moves. */
 class GrblLaser
 {
 public:
@@ -29,7 +29,7 @@ public:
     /** In laser mode take over the block under way: there it stays when the planner runs dry. */
     void follow();
 
-    /** Keep the light off, or no longer, whatever is output. */
+    /** Keep the light off whatever is output, or stop doing so. */
     void stop(bool bStopped)
     {
         m_bStopped = bStopped;
@@ -39,7 +39,7 @@ public:
         return m_bStopped;
     }
 
-    /** Whether there is something that comes on again when it is no longer stopped. */
+    /** Whether light would come on again once no longer stopped. */
     bool isOutput() const
     {
         return SPINDLE_OFF != m_eSpindle;

@@ -39,7 +39,7 @@ public:
     GrblMachine(const ControllerSettings& options, const GrblSettings& settings,
                 GrblInterpreter& interpreter, ControllerJournal& journal);
 
-    /** Tell what the beam goes over while light comes out; nobody at first. */
+    /** Report to the sink what the beam goes over while light comes out; to nobody at first. */
     void onBeam(BeamSink sink)
     {
         m_beamSink = std::move(sink);
@@ -54,7 +54,7 @@ public:
     /** Positions are counted from where the head stands, as at power-up; reset() comes next. */
     void loseOrigin();
 
-    /** A reset is to come: end what moves. @return code of "ALARM:N", 0 when nothing did */
+    /** A reset is coming: end all motion. @return code of "ALARM:N", 0 when nothing did */
     int cutShort();
 
     /** Stop, off, in alarm. @param bNeedsReset  nothing else is taken until a reset */
@@ -65,11 +65,11 @@ public:
     {
         return m_s64NowUs;
     }
-    /** The next moment that something changes at; -1 when nothing will. */
+    /** When something changes next; -1 when nothing will. */
     int64_t nextEventUs() const;
     /** Let the time pass up to s64Us, not past nextEventUs(); update() and tellBeam() come next. */
     void stepTo(int64_t s64Us);
-    /** Change the states as the time wants it. */
+    /** Change the states that are due. */
     void update();
     /** Write the beam to the journal when it has changed. */
     void tellBeam();
@@ -124,7 +124,7 @@ public:
     {
         return m_bCoolant;
     }
-    /** Whether the head moves, be it to its switches. */
+    /** Whether the head moves, homing included. */
     bool isMoving() const
     {
         return m_planner.isMoving() || m_homing.isActive();

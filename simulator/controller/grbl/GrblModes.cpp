@@ -1,4 +1,4 @@
-// What is modal in Grbl 1.1: it holds from the line that says it on.
+// What is modal in Grbl 1.1: it holds from the line that sets it.
 #include "GrblModes.h"
 
 #include <cmath>

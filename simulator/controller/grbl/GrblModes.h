@@ -1,4 +1,4 @@
-// What is modal in Grbl 1.1: it holds from the line that says it on.
+// What is modal in Grbl 1.1: it holds from the line that sets it.
 #pragma once
 
 #include <string>
@@ -22,8 +22,8 @@ struct GrblModes
     int nTool = 0;
 
     /**
-     * Take over the modes of a line; its words stay.
-     * @return 0 or the code of "error:N"; the modes are then of no use
+     * Take the modes from a line, which keeps its words.
+     * @return 0 or the code of "error:N"; the modes are then unusable
      */
     int apply(const GrblWords& words);
 

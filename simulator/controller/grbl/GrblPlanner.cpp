@@ -71,8 +71,10 @@ double GrblPlanner::getNominal(const Entry& entry) const
     return std::min(entry.block.dSpeed * m_dFeedShare, entry.dLimit);
 }
 
-/** From the last block back: each may begin only so fast that it can end as slowly as the next
- * begins. */
+/**
+ * From the last block back: each may begin only as fast as lets it end at the speed at which the
+ * next begins.
+ */
 void GrblPlanner::plan()
 {
     double dExit = 0;

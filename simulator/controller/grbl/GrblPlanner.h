@@ -27,14 +27,14 @@ struct GrblBlock
  * Trapezoids over straight lines: every block begins and ends at a speed that its junctions allow
  * and that leaves room to stop at the end of the last one.
  *
- * Has no clock: advance() is told how much time has passed. Not thread-safe.
+ * Has no clock: advance() gets the time that has passed. Not thread-safe.
  */
 class GrblPlanner
 {
 public:
     static constexpr size_t BLOCKS = 15; // that wait while one is carried out
 
-    /** Per axis, in mm/s and mm/s^2; dDeviation in mm tells how fast corners are taken. */
+    /** Per axis, in mm/s and mm/s^2; dDeviation in mm says how fast corners are taken. */
     void setLimits(const Point& maxSpeed, const Point& acceleration, double dDeviation);
 
     /** Shares of the programmed and of the rapid speed, 1 is the whole. */
@@ -55,7 +55,7 @@ public:
         m_bHeld = false;
     }
 
-    /** Stop at once and forget all. */
+    /** Stop at once and forget everything. */
     void clear();
 
     bool isEmpty() const

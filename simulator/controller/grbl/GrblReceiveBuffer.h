@@ -9,7 +9,7 @@ class GrblReceiveBuffer
 {
 public:
     static constexpr size_t BYTES = 128;
-    static constexpr size_t LINE = 80; // significant characters, of which one too many
+    static constexpr size_t LINE = 80; // significant characters; one more is too many
 
     /** A line without blanks and comments, in upper case. */
     struct Line

@@ -45,6 +45,6 @@ public:
     }
 
 private:
-    int m_nUntilOffset = 0; // reports until WCO is told again
+    int m_nUntilOffset = 0; // reports until WCO comes again
     int m_nUntilOverrides = 0;
 };

@@ -24,13 +24,13 @@ public:
 
     /**
      * @param strLine    begins with "$"; in upper case, without blanks and comments
-     * @param deqAction  what a jog and "$H" have the machine do is appended
+     * @param deqAction  what a jog and "$H" make the machine do is appended
      * @return 0, the code of "error:N" or RESET
      */
     int carryOut(const std::string& strLine, std::deque<GrblAction>& deqAction);
 
     /**
-     * Have the startup lines carried out, and told with their results.
+     * Carry out the startup lines, and send them with their results.
      * @param deqAction  appended to
      */
     void start(std::deque<GrblAction>& deqAction);

@@ -21,7 +21,7 @@ public:
     /** What no line asked for: it does not wait behind a line's late answer. */
     void sayNow(const std::string& strText, int64_t s64NowUs);
 
-    /** Say a line's result with what the fault makes of it. */
+    /** Say a line's result, altered by the fault. */
     void sayWithFault(const std::string& strText, const Fault& fault, int64_t s64NowUs);
 
     /** The next answer that is whole. @return false without one, or while muted: it is lost then */
@@ -40,7 +40,7 @@ public:
         m_s64LateUs = 0;
     }
 
-    /** Have what becomes whole from now on lost, or no longer. */
+    /** Lose what becomes whole from now on, or no longer. */
     void mute(bool bMuted)
     {
         m_bMuted = bMuted;

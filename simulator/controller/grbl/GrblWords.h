@@ -37,7 +37,7 @@ public:
     /**
      * Read a line into an object that is new.
      * @param strLine  in upper case, without blanks and comments
-     * @return 0 or the code of "error:N"; the object is then of no use
+     * @return 0 or the code of "error:N"; the object is then unusable
      */
     int read(const std::string& strLine);
 

@@ -1,4 +1,4 @@
-// One bound on the memory that all clients of all servers bind together.
+// One bound on the memory that the clients of all servers hold between them.
 #pragma once
 
 #include <atomic>
@@ -8,8 +8,8 @@
 
 /**
  * Counts what waits for clients or is kept for them, and closes connections when that would cross
- * the bound: first the one that binds most, and of those that bind about as much (less than twice)
- * the one that has taken nothing for longest; the asker last, that is when it alone binds most.
+ * the bound: first the one that holds most, and of those that hold about as much (less than twice)
+ * the one that has taken nothing for longest; the asker last, that is, when it alone holds most.
  *
  * Process-wide. A block that several connections share counts for each of them, so that the memory
  * in use may be less than what is counted.
@@ -20,7 +20,7 @@ public:
     /** Bytes; the smallest board has 64 MiB. */
     static const uint32_t MOST_BYTES = 32U * 1024 * 1024;
 
-    /** One connection's part. Any thread; nothing of it may be called with a queue's lock held. */
+    /** One connection's part. Any thread, but never with a queue's lock held. */
     class Share
     {
     public:
@@ -32,13 +32,13 @@ public:
         /** Count so many bytes. @return false when the connection has been given up */
         bool take(uint32_t u32Bytes);
 
-        /** Count them no more. */
+        /** Stop counting them. */
         void give(uint32_t u32Bytes);
 
         /** The peer has taken something. */
         void noteTaken();
 
-        /** Its bytes are counted no more, and the reactor is about to end the connection. */
+        /** Its bytes no longer count, and the reactor is about to end the connection. */
         bool isGivenUp() const
         {
             return m_bGivenUp.load();
@@ -52,8 +52,8 @@ public:
         virtual void giveUp() = 0;
 
         /**
-         * First thing in the destructor of the most derived class: giveUp is not called again, and
-         * never on an object that is half gone. Again: nothing.
+         * Call it first in the destructor of the most derived class, so that giveUp is never called
+         * on an object that is half gone. Further calls do nothing.
          */
         void leave();
 

@@ -14,15 +14,15 @@
 #include "Thread.h"
 
 /**
- * Waits for readiness on its own thread and calls one handler per kind of it.
+ * Waits for readiness on its own thread and calls one handler for each kind.
  *
  * All handlers run on the reactor's thread, one at a time; no lock is held or taken. A handler
  * returns non-zero when it has finished the entry (the connection may be gone), zero when the
  * dispatch of the entry is to go on. Descriptors are added and deleted on the reactor's thread, or
  * on any other while it is stopped.
  *
- * Descriptors are borrowed. Their registrations belong to the EPoll, which frees at its end those
- * that deleteFd has not freed, also those whose addition failed.
+ * Descriptors are borrowed. Their registrations belong to the EPoll, whose destructor frees those
+ * that deleteFd has not, including those whose addition failed.
  */
 class EPoll
 {
@@ -34,7 +34,7 @@ public:
     explicit EPoll(const int& nMaxEvents, const char* pName = nullptr);
     EPoll(const EPoll&) = delete;
     EPoll& operator=(const EPoll&) = delete;
-    /** Stops the thread; a class that has handlers must have stopped it before in its own. */
+    /** Stops the thread, as a class with handlers must have done in its own destructor. */
     virtual ~EPoll();
 
     /** Start the thread. @return 0 */
@@ -106,8 +106,8 @@ protected:
     void acceptNext();
 
     /**
-     * From a handler: have what the event's descriptor is still ready for reported in the next
-     * pass, behind what waits there already, although the registration is edge-triggered.
+     * From a handler: report what the event's descriptor is still ready for in the next pass,
+     * behind what is waiting there, although the registration is edge-triggered.
      * @return 0; 1, logged at level 7, when the kernel refused
      */
     int armAgain(const EPollEvent& event, uint32_t u32Mask);

@@ -12,14 +12,14 @@
 #include "Mutex.h"
 #include "Time.h"
 
-/** An IPv4 address as people read it; empty and 0 when it could not be found out. */
+/** An IPv4 address as people read it; empty and 0 when unknown. */
 struct SocketAddress
 {
     char acIp[INET_ADDRSTRLEN] = ""; // dotted
     uint16_t u16Port = 0;            // host order
 };
 
-/** One network interface; a field that the kernel refused to tell is empty or 0. */
+/** One network interface; a field that the kernel would not give is empty or 0. */
 struct InterfaceRecord
 {
     std::string strName;
@@ -32,8 +32,8 @@ struct InterfaceRecord
 /**
  * A descriptor with the socket operations of this system.
  *
- * It does not own the descriptor: copies share it, the destructor leaves it open, and who closes it
- * is said by the class that holds the socket. A copy has locks of its own.
+ * It does not own the descriptor: copies share it, the destructor leaves it open, and the class
+ * that holds the socket says who closes it. A copy has locks of its own.
  *
  * Operations return 0 for success and -1 for failure unless they say otherwise; without a
  * descriptor they return -1 at once, unlogged. A failing call is logged at level 2 under the source

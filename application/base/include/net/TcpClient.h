@@ -41,8 +41,8 @@ public:
 
     /**
      * The socket may be readable; called again while it is, so it must read: data that stays is
-     * reported in each pass. Now and then there is nothing to read after all, since data that came
-     * while the last call was reading is reported once more.
+     * reported in each pass. Sometimes there is nothing to read: data that arrived while the last
+     * call was reading is reported once more.
      */
     virtual int onRead(EPollEvent& event);
 
@@ -110,7 +110,7 @@ protected:
     TcpSocket m_socket;
 
 private:
-    // The engine's steps, for a class that has its buffers otherwise than by getNextBuffer.
+    // The engine's steps, for a class that does not get its buffers from getNextBuffer.
 
     /** There is a current buffer, whether or not it has been written whole. */
     virtual bool hasBuffer() const REQUIRES(m_mtxSend);

@@ -12,12 +12,12 @@
 
 /**
  * Accepts connections, tunes their sockets, wraps each in an object of the subclass's kind and
- * routes readiness to it, all on the reactor's thread. No connection holds it: in one pass a
- * connection reads 16 times at most and 16 are accepted at most, the rest has its turn in the next.
+ * routes readiness to it, all on the reactor's thread. No connection can hold it up: in one pass a
+ * connection reads at most 16 times and at most 16 are accepted; the rest wait for the next pass.
  *
- * Whose peer vanishes without a word ends, too: when nothing has been sent for a while the kernel's
- * keep-alive tells after 7 s, else nothing has been acknowledged for 8 s, which is looked at once a
- * second. A peer that merely reads nothing stays.
+ * A connection whose peer vanishes ends, too: after 7 s by the kernel's keep-alive when nothing is
+ * being sent, otherwise when nothing has been acknowledged for 8 s, which is checked once a second.
+ * A peer that merely reads nothing stays connected.
  *
  * Order of calls: init, start, ..., stop, uninit. Connections outlive stop and uninit; those that
  * are still open end with the server, as an error would end them. Logging is at level 2 for

@@ -3,7 +3,7 @@
 
 #include "Socket.h"
 
-/** Adds no state to Socket; ownership, results and threads as told there. */
+/** Adds no state to Socket; ownership, results and threads as described there. */
 class TcpSocket : public Socket
 {
 public:
@@ -17,7 +17,7 @@ public:
      */
     int create();
 
-    /** A failure is told on standard error, unlogged. */
+    /** A failure is printed on standard error, not logged. */
     int listen(int nBacklog);
 
     /**
@@ -35,17 +35,17 @@ public:
     int checkState() const;
 
     /**
-     * Something that was sent has not been acknowledged, nor has anything else for so long, by
-     * TCP_INFO. A peer that merely reads nothing is not silent: what was sent it has acknowledged,
-     * and it answers the probes of its closed window, which come at ever longer intervals.
-     * Unlogged.
+     * Whether something sent is unacknowledged and nothing has been acknowledged for so long, by
+     * TCP_INFO. A peer that merely reads nothing is not silent: it has acknowledged what was sent,
+     * and it answers the probes of its closed window, which come at ever longer intervals. Not
+     * logged.
      * @param u32Ms  milliseconds, seconds rather than less
-     * @return false also without a descriptor, and where the kernel does not tell
+     * @return false also without a descriptor, and where the kernel does not say
      */
     bool isPeerSilent(uint32_t u32Ms) const;
 
     /**
-     * Set the buffer's size, brought into the limits of the kernel's tcp_rmem and tcp_wmem; runs a
+     * Set the buffer's size, clamped to the limits of the kernel's tcp_rmem and tcp_wmem; runs a
      * shell command to read them. A size beyond them is corrected and logged at level 2.
      */
     int setOptRcvBuf(int32_t nSize) override;
