@@ -137,6 +137,15 @@ class VirtualBoard:
     def pull_cable(self):
         run("ip", "link", "set", self.cable, "down")
 
+    def lose_power(self):
+        """After its last words, which close its connections, not even a refusal comes from it."""
+        self.kill()
+        self._inside_run("ip", "link", "set", "eth0", "down")
+
+    def power(self):
+        self._inside_run("ip", "link", "set", "eth0", "up")
+        self.start()
+
     def frames(self):
         """The kept pictures' bytes."""
         found = set()

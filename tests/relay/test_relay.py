@@ -84,6 +84,9 @@ class RelayOnTwoBoards(unittest.TestCase):
     def test_service_killed_and_started(self):
         self.lose(self.board.kill, self.board.start)
 
+    def test_power_lost_and_back(self):
+        self.lose(self.board.lose_power, self.board.power)
+
     def test_camera_frozen_and_thawed(self):
         self.lose(lambda: self.board.command("freeze"), lambda: self.board.command("thaw"))
 

@@ -22,8 +22,9 @@ PICTURES = "fdsrc name=board blocksize=65536 ! jpegparse ! appsink name=pictures
 class Capture:
     """Keeps one connection to a board, from start() to stop(), and feeds its pictures.
 
-    `changed(live)` is called from the capture's own thread: with True at the first picture after none, with
-    False once the last one is STALE seconds old.
+    `changed(live)` is called from a thread of the capture's: with True at the first picture after none, with
+    False once the last one is STALE seconds old. Looking for that has a thread of its own, since an attempt to
+    connect may take longer than a picture stays live.
     """
 
     def __init__(self, board, feed, changed):
@@ -37,14 +38,17 @@ class Capture:
         self._changed = changed
         self._quit = threading.Event()
         self._said = None  # the last failure, which is logged when it changes
-        self._thread = threading.Thread(target=self._run, name=f"capture-{board.name}", daemon=True)
+        self._threads = [threading.Thread(target=self._run, name=f"capture-{board.name}", daemon=True),
+                         threading.Thread(target=self._watch, name=f"watch-{board.name}", daemon=True)]
 
     def start(self):
-        self._thread.start()
+        for thread in self._threads:
+            thread.start()
 
     def stop(self):
         self._quit.set()
-        self._thread.join()
+        for thread in self._threads:
+            thread.join()
 
     def age(self):
         """Seconds since the last picture came; None before the first."""
@@ -61,9 +65,10 @@ class Capture:
                     wait = self._take(client)
             except OSError as error:
                 self._say(str(error))
-            end = time.monotonic() + wait
-            while (left := end - time.monotonic()) > 0 and not self._quit.wait(min(left, LOOK)):
-                self._look()
+            self._quit.wait(wait)
+
+    def _watch(self):
+        while not self._quit.wait(LOOK):
             self._look()
 
     def _take(self, client):
@@ -84,7 +89,6 @@ class Capture:
                     self._say("it closed the connection" if message.type == Gst.MessageType.EOS
                               else message.parse_error()[0].message)
                     return RETRY
-                self._look()
                 if time.monotonic() - max(begun, self.last or begun) > SILENCE:
                     self._say("no picture comes")
                     return 0
