@@ -147,12 +147,12 @@ class VirtualBoard:
         self.start()
 
     def frames(self):
-        """The kept pictures' bytes."""
-        found = set()
+        """The kept pictures' numbers by their bytes."""
+        found = {}
         for name in os.listdir(f"{self.folder}/frames"):
             with contextlib.suppress(FileNotFoundError):
                 with open(f"{self.folder}/frames/{name}", "rb") as file:
-                    found.add(file.read())
+                    found[file.read()] = int(name.partition(".")[0])
         return found
 
     def processor_seconds(self):

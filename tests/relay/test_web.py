@@ -98,6 +98,10 @@ class InFront(unittest.TestCase):
 
         kept = self.board.frames()
         self.assertEqual([], [len(picture) for picture in pictures if picture not in kept])
+        numbers = [kept[picture] for picture in pictures]
+        self.assertEqual(numbers, sorted(set(numbers)))
+        left_out = max(new - old for old, new in zip(numbers, numbers[1:]))
+        self.assertGreater(left_out, 75)  # of the 125 that came meanwhile
 
     def test_stream_ends_with_the_pictures(self):
         connection, response = self.web.open("/live/board-1")

@@ -3,6 +3,7 @@
 import http.server
 import json
 import os
+import socket
 import socketserver
 import threading
 import urllib.parse
@@ -10,6 +11,7 @@ import urllib.parse
 from .metrics import CONTENT_TYPE, Metrics
 
 BOUNDARY = "boundarydonotcross"
+SEND_BUFFER = 65536  # bytes to nginx; the kernel's own choice may hold seconds of pictures for a slow viewer
 PAGES = 1000  # names of pages that are told apart for one board, at most 64 characters each
 
 
@@ -65,6 +67,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.end_headers()
         self.wfile.flush()
         self.close_connection = True
+        self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, SEND_BUFFER)
         descriptor = self.connection.detach()
         if not board.watch_live(descriptor):
             os.close(descriptor)
