@@ -73,6 +73,25 @@ class Recording(unittest.TestCase):
         count, _ = pictures(f"{folder}/{files(folder)[len(before)]}", "h264")
         self.assertGreater(count, 20)
 
+    def test_rule_is_applied(self):
+        """To what an earlier relay has left."""
+        fleet = Fleet(1)
+        self.addCleanup(fleet.close)
+        folder = f"{fleet.folder}/recordings/board-1"
+        os.makedirs(folder)
+        for name, days in (("2026-01-01T00-00-00Z.mkv", 8), ("2026-01-01T00-10-00Z.2.mkv", 6)):
+            with open(f"{folder}/{name}", "w", encoding="ascii") as file:
+                file.write("x")
+            os.utime(f"{folder}/{name}", (time.time() - days * DAY,) * 2)
+
+        relay = Relay(fleet, f'[recording]\nfolder = "{fleet.folder}/recordings"\nkeep_days = 7\n'
+                             "keep_free_gigabytes = 0.000001\n")
+        self.addCleanup(relay.close)
+
+        wait_until(lambda: relay.metrics()["kestrel_relay_recordings_removed_total"] == 1, "one is removed")
+        self.assertEqual(["2026-01-01T00-10-00Z.2.mkv"], files(folder))
+        wait_until(lambda: relay.metrics()["kestrel_relay_recorded_files"] == 1, "the other is counted")
+
     def test_end_leaves_whole_files(self):
         _, relay, folder = self.record("jpeg")
         wait_until(lambda: files(folder), "a segment begins")
@@ -119,17 +138,18 @@ class Rule(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as other:
             old = time.time() - 8 * DAY
             os.mkdir(f"{folder}/board-1")
-            for path in (f"{folder}/board-1/old.mkv", f"{folder}/board-1/notes.txt", f"{other}/else.mkv"):
+            recording = "2026-01-01T00-00-00Z.mkv"
+            for path in (f"{folder}/board-1/{recording}", f"{folder}/board-1/film.mkv", f"{other}/{recording}"):
                 with open(path, "w", encoding="ascii") as file:
                     file.write("x")
                 os.utime(path, (old, old))
             os.symlink(other, f"{folder}/link")
-            os.symlink(f"{other}/else.mkv", f"{folder}/link.mkv")
+            os.symlink(f"{other}/{recording}", f"{folder}/2026-01-01T00-10-00Z.mkv")
 
             CleanUp(SimpleNamespace(folder=folder, **vars(self.RULE))).once()
 
-            self.assertEqual(["notes.txt"], files(f"{folder}/board-1"))
-            self.assertEqual(["else.mkv"], files(other))
+            self.assertEqual(["film.mkv"], files(f"{folder}/board-1"))
+            self.assertEqual([recording], files(other))
 
 
 if __name__ == "__main__":

@@ -2,6 +2,7 @@
 
 import logging
 import os
+import re
 import shutil
 import threading
 import time
@@ -10,7 +11,9 @@ from .feed import Pipeline
 
 TEXT = {"jpeg": "splitmuxsink name=files muxer=matroskamux async-finalize=false max-size-time={}",
         "h264": "h264parse ! splitmuxsink name=files muxer=matroskamux async-finalize=false max-size-time={}"}
+NAME = "%Y-%m-%dT%H-%M-%SZ"
 SUFFIX = ".mkv"
+OURS = re.compile(r"\d{4}-\d\d-\d\dT\d\d-\d\d-\d\dZ(\.\d+)?\.mkv")
 FINISH = 5.0  # seconds for the last file's end
 GIGABYTE = 10**9
 
@@ -79,7 +82,7 @@ class Recorder:
 
     def _next(self, _sink, _number):
         self.begun += 1
-        return unused(os.path.join(self.folder, time.strftime("%Y-%m-%dT%H-%M-%SZ", time.gmtime())))
+        return unused(os.path.join(self.folder, time.strftime(NAME, time.gmtime())))
 
 
 def unused(path):
@@ -93,12 +96,12 @@ def unused(path):
 
 
 def segments(folder):
-    """(time of the last change, bytes, path) of all files, the oldest first."""
+    """(time of the last change, bytes, path) of all recordings, the oldest first; other files are none of ours."""
     found = []
     for place, _, names in os.walk(folder):
         for name in names:
             path = os.path.join(place, name)
-            if name.endswith(SUFFIX) and not os.path.islink(path):
+            if OURS.fullmatch(name) and not os.path.islink(path):
                 try:
                     state = os.stat(path)
                 except FileNotFoundError:
