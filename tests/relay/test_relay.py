@@ -138,6 +138,7 @@ class CommandLine(unittest.TestCase):
         for text, said in (('[boards]\nNORTH = "a"', "boards.NORTH"), ('[boards]\na = "b:99999"', "boards.a"),
                            ("[bords]", "bords"), ('[recording]\nboards = ["a"]', "the name a"),
                            ('[rtsp]\naddress = "0.0.0.0"', "rtsp.user"), ('[rtsp]\nport = "x"', "rtsp.port"),
+                           ('[boards]\na = "c"\nb = "c:8329"', "boards.b: a has this address"),
                            ('[recording]\nminutes = 0', "recording.minutes"), ('[rtsp]\nuser = "a"', "belong")):
             done = subprocess.run([RELAY, "--config", "/dev/stdin", "check"], input=text, capture_output=True,
                                   text=True, check=False)

@@ -112,6 +112,11 @@ def parse(text):
 
 def _check(config):
     known = {board.name for board in config.boards}
+    places = {}
+    for board in config.boards:
+        other = places.setdefault((board.host, board.port), board.name)
+        if other != board.name:
+            raise ConfigError(f"boards.{board.name}: {other} has this address; a board has one connection")
     if config.recording.boards == ("*",):
         config.recording.boards = tuple(board.name for board in config.boards)
     for name in config.recording.boards:
