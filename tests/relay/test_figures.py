@@ -194,18 +194,19 @@ class Logs(unittest.TestCase):
         self.folder = self.fleet.folder
 
     def rsyslog(self, name, recipe, *replaced):
-        """rsyslog with a recipe in a folder's place of /var/log, and with a socket of its own; the socket."""
+        """rsyslog with a recipe in a folder's place of /var/log, and with a socket of its own: both."""
         with open(f"{EXAMPLES}/{recipe}", encoding="utf-8") as file:
             text = file.read()
         for old, new in replaced:
             self.assertIn(old, text)
             text = text.replace(old, new)
         place = f"{self.folder}/{name}"
-        os.makedirs(f"{place}/work")
+        os.makedirs(f"{place}/work", exist_ok=True)
         path = f"{place}/rsyslog.conf"
         with open(path, "w", encoding="utf-8") as file:
             file.write(f'global(workDirectory="{place}/work")\nmodule(load="imuxsock" SysSock.Use="off")\n'
-                       f'input(type="imuxsock" Socket="{place}/log" RateLimit.Interval="0")\n{text}')
+                       f'input(type="imuxsock" Socket="{place}/log" RateLimit.Interval="0")\n{text}\n'
+                       f'*.* action(type="omfile" file="{place}/passed")\n')
         modules = f"{UNPACKED}/usr/lib/x86_64-linux-gnu/rsyslog"
         run(f"{UNPACKED}/usr/sbin/rsyslogd", "-N1", "-f", path, "-M", modules, stderr=None)
         process = subprocess.Popen([f"{UNPACKED}/usr/sbin/rsyslogd", "-n", "-f", path, "-M", modules,
@@ -213,13 +214,13 @@ class Logs(unittest.TestCase):
                                    stderr=subprocess.DEVNULL)
         self.addCleanup(end, process)
         wait_until(lambda: os.path.exists(f"{place}/log"), "rsyslog listens")
-        return f"{place}/log"
+        return process, f"{place}/log"
 
     def relays_rsyslog(self):
         return self.rsyslog("relay", "rsyslog-relay.conf", ("/var/log/kestrel", f"{self.folder}/kestrel"))
 
-    def lines(self, name):
-        path = f"{self.folder}/kestrel/{name}"
+    def lines(self, name, folder="kestrel"):
+        path = f"{self.folder}/{folder}/{name}"
         if not os.path.exists(path):
             return []
         with open(path, encoding="utf-8") as file:
@@ -235,7 +236,7 @@ class Logs(unittest.TestCase):
 
     def test_log_port_of_a_board_fills_its_file(self):
         """In the board's place stands what sends lines: the service itself logs hardly any."""
-        syslog = self.relays_rsyslog()
+        _, syslog = self.relays_rsyslog()
         listener = socket.create_server(("127.0.0.1", 8001))
         self.addCleanup(listener.close)
         self.follow("127.0.0.1", syslog)
@@ -252,7 +253,7 @@ class Logs(unittest.TestCase):
     def test_boards_service_has_the_connection(self):
         """8001 of a real board, with the connection that it shows."""
         board = self.fleet.boards[0]
-        self.follow(board.address, self.relays_rsyslog())
+        self.follow(board.address, self.relays_rsyslog()[1])
 
         def followed():
             with open(f"/proc/{board.host.pid}/net/tcp", encoding="ascii") as table:
@@ -265,16 +266,28 @@ class Logs(unittest.TestCase):
         wait_until(followed, "it is followed again")
 
     def test_journal_of_a_board_comes_and_waits_for_the_relay(self):
-        here = self.relays_rsyslog()
-        there = self.rsyslog("board", "rsyslog-board.conf", ("RELAY", "127.0.0.1"))
-        for text in ("kestrel-server[7]: one", "cron[8]: not ours", "kestrel-guard[9]: two"):
-            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
-                client.sendto(f"<13>Nov 22 10:00:00 {text}".encode(), there)
+        def boards_rsyslog():
+            return self.rsyslog("board", "rsyslog-board.conf", ("RELAY", "127.0.0.1"))
 
-        wait_until(lambda: len(self.lines("journal-127.0.0.1.log")) == 2, "both lines are there")
-        self.assertTrue(os.path.exists(here))
-        self.assertRegex(self.lines("journal-127.0.0.1.log")[0], r"kestrel-server\[7\]: one$")
-        self.assertRegex(self.lines("journal-127.0.0.1.log")[1], r"kestrel-guard\[9\]: two$")
+        def write(socket_path, *texts):
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
+                for text in texts:
+                    client.sendto(f"<13>Nov 22 10:00:00 {text}".encode(), socket_path)
+
+        process, there = boards_rsyslog()  # and no relay
+        write(there, "kestrel-server[7]: one", "cron[8]: not ours")
+        wait_until(lambda: len(self.lines("passed", "board")) >= 2, "both have come to the queue")
+        end(process)
+        kept = [name for name in os.listdir(f"{self.folder}/board/work") if name.startswith("kestrel-relay.")]
+        self.assertNotEqual([], kept)
+        _, there = boards_rsyslog()
+        self.relays_rsyslog()
+        write(there, "kestrel-guard[9]: two")
+
+        def came():
+            """What waited may come after what did not, and twice."""
+            return {line.split(" ", 2)[2] for line in self.lines("journal-127.0.0.1.log")}
+        wait_until(lambda: came() == {"kestrel-server[7]: one", "kestrel-guard[9]: two"}, "both lines are there")
 
     def test_rotation_is_sound(self):
         path = f"{self.folder}/logrotate"
