@@ -70,12 +70,17 @@ int run(const StationConfiguration& configuration, const std::string& strToken,
 // NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv)
 {
-    CLI::App app("Camera service, and the operator's interface of the laser arm.");
+    CLI::App app("Camera service, and the operator's interface of the laser arm.",
+                 "kestrel-station");
+    app.get_formatter()->label("Usage", "usage");
     std::string strFile = "/etc/kestrel-station.toml";
     bool bCheck = false;
+    bool bStarts = false;
     app.set_version_flag("--version", std::string("kestrel-station ") + KESTREL_VERSION);
     app.add_option("--config", strFile, "configuration file")->capture_default_str();
     app.add_flag("--check", bCheck, "tell whether the configuration is complete, and end");
+    app.add_flag("--starts", bStarts,
+                 "tell by the status whether it starts in place of kestrel-server, and end");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -85,8 +90,13 @@ int main(int argc, char** argv)
     StationConfiguration configuration;
     std::string strToken;
     std::string strError;
-    if (!readStationConfiguration(strFile, configuration, strError) ||
-        !readToken(configuration.strTokenFile, strToken, strError)) {
+    if (!readStationConfiguration(strFile, configuration, strError)) {
+        return fail(strError);
+    }
+    if (bStarts) {
+        return configuration.bStarts ? 0 : 1;
+    }
+    if (!readToken(configuration.strTokenFile, strToken, strError)) {
         return fail(strError);
     }
     if (bCheck) {

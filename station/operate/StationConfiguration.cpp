@@ -52,7 +52,9 @@ bool takeFlag(const toml::node& node, const std::string& strKey)
 
 void take(const std::string& strKey, const toml::node& node, StationConfiguration& configuration)
 {
-    if ("station.folder" == strKey) {
+    if ("station.starts" == strKey) {
+        configuration.bStarts = takeFlag(node, strKey);
+    } else if ("station.folder" == strKey) {
         configuration.strFolder = takeText(node, strKey);
     } else if ("station.guard" == strKey) {
         configuration.strGuard = takeText(node, strKey);

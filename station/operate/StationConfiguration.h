@@ -7,6 +7,7 @@
 /** What the file says; what it leaves out is as here. */
 struct StationConfiguration
 {
+    bool bStarts = false;                             // in place of kestrel-server
     std::string strFolder = ".";                      // of jobs, journal and the vision plug-in
     std::string strGuard = "/etc/kestrel-guard.toml"; // the guard's, for its socket and its limits
     bool bOpenMeasure = false; // whether a measurement may be asked for without a token

@@ -31,6 +31,7 @@ TEST(StationConfiguration, EmptyFileIsTheDefaults)
     EXPECT_EQ(8330, configuration.nPort);
     EXPECT_EQ("/etc/kestrel-guard.toml", configuration.strGuard);
     EXPECT_FALSE(configuration.bOpenMeasure);
+    EXPECT_FALSE(configuration.bStarts);
 }
 
 TEST(StationConfiguration, EveryKeyIsTaken)
@@ -39,12 +40,14 @@ TEST(StationConfiguration, EveryKeyIsTaken)
     std::filesystem::current_path(folder.path());
     StationConfiguration configuration;
 
-    EXPECT_EQ("",
-              readText("[station]\nfolder = \"/a\"\nguard = \"/b\"\nopen_measure = true\n"
-                       "[http]\naddresses = [\"0.0.0.0\", \"::\"]\nport = 9000\ntoken = \"/c\"\n"
-                       "hosts = [\"arm\"]\norigins = [\"https://arm\"]\n",
-                       configuration));
+    EXPECT_EQ(
+        "",
+        readText("[station]\nstarts = true\nfolder = \"/a\"\nguard = \"/b\"\nopen_measure = true\n"
+                 "[http]\naddresses = [\"0.0.0.0\", \"::\"]\nport = 9000\ntoken = \"/c\"\n"
+                 "hosts = [\"arm\"]\norigins = [\"https://arm\"]\n",
+                 configuration));
 
+    EXPECT_TRUE(configuration.bStarts);
     EXPECT_EQ("/a", configuration.strFolder);
     EXPECT_EQ("/b", configuration.strGuard);
     EXPECT_TRUE(configuration.bOpenMeasure);

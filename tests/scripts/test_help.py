@@ -9,7 +9,7 @@ BUILD = os.environ.get("KESTREL_BUILD", "")
 PROGRAMS = ("application/kestrel-server", "simulator/board/kestrel-board-ns",
             "simulator/camera/kestrel-camera", "simulator/controller/kestrel-controller",
             "tools/kestrel-camera-ctl", "tools/kestrel-controller-ctl", "tools/kestrel-transcript",
-            "plugin/kestrel-replay-pictures", "station/kestrel-arm")
+            "plugin/kestrel-replay-pictures", "station/kestrel-arm", "station/kestrel-station")
 WITH_OPENCV = ("plugin/kestrel-calibrate-lens",)  # built where OpenCV is
 
 
