@@ -170,24 +170,24 @@ class VirtualBoard:
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
-def make_pictures(folder, quality):
+def make_pictures(folder, quality, sampling="yuvj420p"):
     """Two seconds of pictures of 640x480."""
     os.makedirs(folder)
     run("ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=640x480:rate=25", "-frames:v", "50",
-        "-vf", "noise=alls=12:allf=t", "-pix_fmt", "yuvj420p", "-q:v", str(quality), f"{folder}/%03d.jpg")
+        "-vf", "noise=alls=12:allf=t", "-pix_fmt", sampling, "-q:v", str(quality), f"{folder}/%03d.jpg")
     return folder
 
 
 class Fleet:
     """Boards, and a folder for all that the relay's servers write."""
 
-    def __init__(self, count, drawn=True, quality=6):
+    def __init__(self, count, drawn=True, quality=6, sampling="yuvj420p"):
         """The cameras draw their pictures and keep them; or, with less work, repeat some pictures of a quality:
         6 gives some 46 KB, more gives less."""
         self.folder = tempfile.mkdtemp(prefix="kestrel-relay.")
         camera = ("--keep", "400")
         if not drawn:
-            camera = ("--pictures", make_pictures(f"{self.folder}/pictures", quality))
+            camera = ("--pictures", make_pictures(f"{self.folder}/pictures", quality, sampling))
         self.boards = [VirtualBoard(number, camera) for number in range(1, count + 1)]
 
     def close(self):

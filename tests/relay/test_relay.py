@@ -4,7 +4,7 @@ import subprocess
 import time
 import unittest
 
-from fleet import RELAY, RTSP, Fleet, Relay, Viewer, run, seconds_until, wait_until
+from fleet import RELAY, RTSP, WEB, Fleet, Relay, Viewer, run, seconds_until, wait_until
 
 NAMES = ("board-1", "board-2")
 # From the moment that a board is gone; the last picture is at most a few hundredths older.
@@ -106,6 +106,24 @@ class RelayOnTwoBoards(unittest.TestCase):
         self.board.plug_cable()
 
         self.assertLess(seconds_until(lambda: self.relay.live("board-1"), "live again"), RETURNS)
+
+
+class Sampling(unittest.TestCase):
+    def test_one_that_rtp_cannot_carry_leaves_the_other_forms(self):
+        fleet = Fleet(1, drawn=False, sampling="yuvj444p")
+        self.addCleanup(fleet.close)
+        relay = Relay(fleet)
+        self.addCleanup(relay.close)
+
+        refused = subprocess.run(["ffprobe", "-v", "error", f"{RTSP}/board-1"], capture_output=True, check=False)
+        shown = run("ffprobe", "-v", "error", "-rtsp_transport", "tcp", "-show_entries", "stream=codec_name", "-of",
+                    "csv=p=0", f"{RTSP}/board-1/h264")
+        live = run("ffprobe", "-v", "error", "-show_entries", "stream=codec_name,pix_fmt", "-of", "csv=p=0",
+                   f"http://{WEB}/live/board-1")
+
+        self.assertIn(b"503", refused.stderr)
+        self.assertEqual("h264\n", shown)
+        self.assertEqual("mjpeg,yuvj444p\n", live)
 
 
 class Password(unittest.TestCase):
