@@ -226,7 +226,8 @@ class Side:
 
 def resident(process):
     with open(f"/proc/{process}/status", encoding="ascii") as file:
-        return int(re.search(r"^VmRSS:\s+(\d+)", file.read(), re.M).group(1))
+        # Without the program's own pages, which come when a line of it runs for the first time.
+        return int(re.search(r"^RssAnon:\s+(\d+)", file.read(), re.M).group(1))
 
 
 def soak(minutes, sides, tally):
