@@ -9,7 +9,8 @@
 #include "SupportFolder.h"
 
 static const int CAMERA_MS = 5000;
-static const char* const LOG_FOLDERS[] = {"/var/log/kestrel-server", "/tmp"};
+static const char* const LOG_FOLDERS[] = {"/var/log/kestrel-station", "/var/log/kestrel-server",
+                                          "/tmp"};
 static const char* const LOG_NAME = "usb-camera.log.";
 
 namespace {
