@@ -17,13 +17,13 @@ REPORTS = ("==7==ERROR: AddressSanitizer: heap-use-after-free on address 0x1",
 
 
 class Alone(unittest.TestCase):
-    def status_and_output(self, *commands):
-        """Of the tests that these commands are, after all of them have run."""
+    def status_and_output(self, *commands, options=()):
+        """Of the tests that these commands are, after they have run with options of ctest."""
         with tempfile.TemporaryDirectory() as build:
             with open(f"{build}/CTestTestfile.cmake", "w", encoding="utf-8") as file:
                 for n, command in enumerate(commands):
                     file.write(f'add_test(test_{n} sh -c [=[{command}]=])\n')
-            subprocess.run(("ctest", "--test-dir", build), stdout=subprocess.DEVNULL,
+            subprocess.run(("ctest", "--test-dir", build, *options), stdout=subprocess.DEVNULL,
                            stderr=subprocess.DEVNULL, check=False)
             done = subprocess.run((ALONE, build), stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                   text=True, check=False)
@@ -38,6 +38,11 @@ class Alone(unittest.TestCase):
         status, output = self.status_and_output(PASSES, FAILS_ONCE, FAILS)
         self.assertNotEqual(0, status)
         self.assertNotIn("passed alone", output)
+
+    def test_the_one_that_failed_runs_although_others_were_left_out(self):
+        status, output = self.status_and_output(PASSES, PASSES, FAILS, PASSES, options=("-E", "test_0"))
+        self.assertNotEqual(0, status)
+        self.assertIn("test_2", output)
 
     def test_report_of_a_sanitizer_counts_at_once(self):
         for report in REPORTS:
