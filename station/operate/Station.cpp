@@ -10,6 +10,7 @@
 #include "ApiProblem.h"
 #include "GuardProblem.h"
 #include "NoticeText.h"
+#include "PrintService.h"
 #include "Time.h"
 #include "VideoProcessor.h"
 #include "WallTime.h"
@@ -130,11 +131,13 @@ void Station::stop()
     if (state.bPresent && "dark" != state.strLevel) {
         (void)m_pGuard->turnOff(); // the guard does it anyway when the terminal is closed in a job
     }
+    if (m_pTerminal->isOpen()) { // closed by the destructor, when nobody asks any more
+        (void)PrintService::getInstance().stopPrint(); // returns 0; its thread reads no more
+    }
     while (ARM_MEASURE == ArmUse::getInstance().get()) {
         sleepFor(STEP); // its moves are refused now; without a camera it does not end
     }
     m_pGuard->stop();
-    m_pTerminal.reset();
     m_journal.add("station", "ended");
     m_board.wake();
 }

@@ -38,7 +38,7 @@ public:
     Station(const Station&) = delete;
     Station& operator=(const Station&) = delete;
 
-    /** As stop(). */
+    /** As stop(); nobody may ask any more, since the terminal is closed. */
     ~Station();
 
     void start();
