@@ -39,7 +39,7 @@ class Alone(unittest.TestCase):
         self.assertNotEqual(0, status)
         self.assertNotIn("passed alone", output)
 
-    def test_the_one_that_failed_runs_although_others_were_left_out(self):
+    def test_failed_one_runs_although_others_were_left_out(self):
         status, output = self.status_and_output(PASSES, PASSES, FAILS, PASSES, options=("-E", "test_0"))
         self.assertNotEqual(0, status)
         self.assertIn("test_2", output)
