@@ -1,6 +1,11 @@
 // Who moves the arm: one at a time.
 #include "ArmUse.h"
 
+#include "Time.h"
+
+static const Time STEP(0, 20000);
+static const int STEPS = 250; // 5 s
+
 ArmUse& ArmUse::getInstance()
 {
     static ArmUse s_instance;
@@ -16,4 +21,16 @@ bool ArmUse::begin(ARM_USE_E eUse)
 void ArmUse::end()
 {
     m_eUse = ARM_FREE;
+}
+
+void ArmUse::change(ARM_USE_E eUse)
+{
+    m_eUse = eUse;
+}
+
+void ArmUse::awaitJobEnd() const
+{
+    for (int i = 0; i < STEPS && ARM_JOB_END == m_eUse; ++i) {
+        sleepFor(STEP);
+    }
 }

@@ -11,7 +11,8 @@ enum ARM_USE_E : int
     ARM_MOVE,
     ARM_JOG,
     ARM_MEASURE,
-    ARM_JOB
+    ARM_JOB,
+    ARM_JOB_END // it is over; its print is being stopped
 };
 
 /**
@@ -28,6 +29,12 @@ public:
     /** @return false when it is in use */
     bool begin(ARM_USE_E eUse);
     void end();
+
+    /** By whoever has it. */
+    void change(ARM_USE_E eUse);
+
+    /** Until a job that is over has left the arm: a moment, and for 5 s at most. */
+    void awaitJobEnd() const;
 
     ARM_USE_E get() const
     {

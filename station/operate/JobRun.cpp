@@ -131,6 +131,7 @@ std::string JobRun::start(const RunnableJob& job, bool bUnattended,
     if (!bUnattended && !m_pictures.isPresent()) {
         throw ApiProblem("no-camera", "No picture came in the last 2 s.");
     }
+    ArmUse::getInstance().awaitJobEnd();
     ArmUser user(ARM_JOB);
     if (!user.hasBegun()) {
         throw ApiProblem("busy", "The arm is in use.");
@@ -311,20 +312,22 @@ void JobRun::finish(const GuardState& state)
     m_journal.add("station", "job " + m_run.strName + " " + pResult + " behind line " +
                                  m_last["line"].dump() + " of " + m_last["lines"].dump() +
                                  (strReason.empty() ? "" : ": " + strReason));
+    const bool bDone = m_run.bDone;
     m_run = {};
     writeRecord(m_last, nullptr);
-    (void)m_end.add([this] { tidyUp(); }); // there is room: one job, one end
+    ArmUse::getInstance().change(ARM_JOB_END);
+    (void)m_end.add([this, bDone] { tidyUp(bDone); }); // there is room: one job, one end
 }
 
 /** The print service would send the line that was refused again and again. */
-void JobRun::tidyUp()
+void JobRun::tidyUp(bool bDone)
 {
     PrintService& service = PrintService::getInstance();
     const auto isBusy = [&service] {
         const PRINT_STATE_E eState = service.getState();
         return PRINT_STATE_PRINTING == eState || PRINT_STATE_PAUSED == eState;
     };
-    for (int i = 0; i < END_STEPS && isBusy(); ++i) {
+    for (int i = 0; bDone && i < END_STEPS && isBusy(); ++i) {
         sleepFor(END_STEP);
     }
     if (isBusy()) {

@@ -113,7 +113,7 @@ private:
     nlohmann::json makeLast(const char* pResult, const std::string& strReason) const
         REQUIRES(m_mtx);
     void finish(const GuardState& state) REQUIRES(m_mtx);
-    void tidyUp();
+    void tidyUp(bool bDone);
     void hold(HELD_E eHeld);
     void demandRun() const;
     static void placeFile(const RunnableJob& job);

@@ -21,7 +21,7 @@ static const uint64_t REFRESH_MS = 2000;   // for the guard to be looked at
 static const uint64_t OFF_REFRESH_MS = 50; // beam off is answered within 100 ms
 static const uint64_t HOME_MS = 60000;
 static const uint64_t MEASURE_MS = 90000; // the print service waits for 68 s at most
-static const uint64_t BUSY_MS = 1000;
+static const uint64_t BUSY_MS = 3000;
 
 static const char* const PLUGIN = "libframe_process.so";
 
@@ -42,6 +42,7 @@ const char* getUseName(ARM_USE_E eUse)
         return "measure";
     case ARM_FREE:
     case ARM_JOB:
+    case ARM_JOB_END:
         break;
     }
     return nullptr;
@@ -408,6 +409,7 @@ void Station::demandTerminal()
 void Station::home()
 {
     demandMotion();
+    ArmUse::getInstance().awaitJobEnd();
     const ArmUser user(ARM_HOME);
     if (!user.hasBegun()) {
         throw ApiProblem("busy", "The arm is in use.");
@@ -460,6 +462,7 @@ void Station::move(const std::string& strWords)
     if (!m_pGuard->getState().bHomed) {
         throw ApiProblem("not-homed", "Nobody knows where the arm is.");
     }
+    ArmUse::getInstance().awaitJobEnd();
     const ArmUser user(ARM_MOVE);
     if (!user.hasBegun()) {
         throw ApiProblem("busy", "The arm is in use.");
@@ -475,6 +478,7 @@ void Station::jog(const std::string& strWords)
     if (!m_pGuard->getState().bHomed) {
         throw ApiProblem("not-homed", "Nobody knows where the arm is.");
     }
+    ArmUse::getInstance().awaitJobEnd();
     const ArmUser user(ARM_JOG);
     if (!user.hasBegun()) {
         throw ApiProblem("busy", "The arm is in use.");
@@ -494,6 +498,7 @@ json Station::measure()
     if (!VideoProcessor::getInstance().canMeasure()) {
         throw ApiProblem("no-vision", std::string("There is no usable ") + PLUGIN + ".");
     }
+    ArmUse::getInstance().awaitJobEnd();
     ArmUser user(ARM_MEASURE);
     if (!user.hasBegun()) {
         throw ApiProblem("busy", "The arm is in use.");

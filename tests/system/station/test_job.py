@@ -97,6 +97,15 @@ class Job(unittest.TestCase):
                          [block.replace(" ", "") for block in blocks][:300])
         self.assertLessEqual(set(blocks[300:]), {"M5"})
 
+    def test_arm_is_free_as_soon_as_the_job_is_told_to_be_over(self):
+        upload("circle.gcode", make_job(3000))
+        for path in ("/off", "/job/stop"):
+            self.own("circle.gcode")
+            self.wait_for_line(20)
+            self.assertEqual(200, request("POST", path, {}).status)
+            self.wait_for_end()
+            self.board.homed()
+
     def test_is_paused_resumed_and_stopped(self):
         upload("circle.gcode", make_job(3000))
         self.own("circle.gcode")
