@@ -30,16 +30,31 @@ class Box:
         @param processor  seconds of a processor that each process may take
         @return (status, None when the time was over; output's end; seconds that it took)
         """
+        order = {"folder": self.folder, "command": command, "environment": environment,
+                 "seconds": seconds, "processor": processor}
+        answer = self.answered(order) or self.answered(order)
+        if not answer:
+            raise RuntimeError("the container ended twice")
+        answer = json.loads(answer)
+        return answer["status"], answer["output"], answer["took"]
+
+    def answered(self, order):
+        """@return "" when the container has ended, which the next order makes anew"""
         if self.process is None or self.process.poll() is not None:
             self.process = subprocess.Popen(
                 [f"{HERE}/contain", self.folder, sys.executable, "-B", os.path.abspath(__file__)],
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True)
-        order = {"folder": self.folder, "command": command, "environment": environment,
-                 "seconds": seconds, "processor": processor}
-        self.process.stdin.write(json.dumps(order) + "\n")
-        self.process.stdin.flush()
-        answer = json.loads(self.process.stdout.readline())
-        return answer["status"], answer["output"], answer["took"]
+        try:
+            self.process.stdin.write(json.dumps(order) + "\n")
+            self.process.stdin.flush()
+            answer = self.process.stdout.readline()
+        except BrokenPipeError:
+            answer = ""
+        if not answer:
+            self.process.kill()
+            self.process.communicate()
+            self.process = None
+        return answer
 
     def close(self):
         if self.process is not None:

@@ -114,16 +114,16 @@ class Guards:
                 former = values.get(place, self.source[mutant.start:mutant.end])
                 values[place] = f"(mutation::chosen == {number} ? {mutant.text} : {former})"
         pieces += [(start, end, text) for (start, end), text in values.items()]
+        heads = {} # of statements with such a value: constant expressions no more
+        for start, _ in values:
+            begin = max(self.code.rfind(mark, 0, start) for mark in ";{}") + 1
+            heads[begin] = min(start, heads.get(begin, start))
+        for begin, end in heads.items():
+            head = re.sub(r"\bstatic const(expr)?\b", "static inline const", self.source[begin:end])
+            pieces.append((begin, end, re.sub(r"(?<!inline )\bconstexpr\b", "const", head)))
         result = self.source
         for start, end, text in sorted(pieces, reverse=True):
-            if (start, end) in values:
-                # A constant expression no more.
-                begin = max(result.rfind(mark, 0, start) for mark in ";{}") + 1
-                head = re.sub(r"\bstatic const(expr)?\b", "static inline const", result[begin:start])
-                head = re.sub(r"(?<!inline )\bconstexpr\b", "const", head)
-                result = result[:begin] + head + text + result[end:]
-            else:
-                result = result[:start] + text + result[end:]
+            result = result[:start] + text + result[end:]
         return f'#include "{self.header}"\n#line 1 "{self.file}"\n{result}'
 
     def declared(self, mutant):

@@ -118,7 +118,7 @@ def attempts(options, parts, results, stored):
     """Try what is wanted of the changes, in an order given by the seed, those to be compiled alone last."""
     end = time.monotonic() + 60 * options.minutes
     texts = {file: read(options.root, file) for file in parts}
-    bench = trial.Bench(options.root, options.folder, parts, texts.get, options.jobs)
+    bench = trial.Bench(options.root, options.folder, parts, texts.get, options.jobs, options.patience)
 
     def keep(mutant, result, who, begin):
         record = {"key": mutant.key, "file": mutant.file, "line": mutant.line, "kind": mutant.kind,

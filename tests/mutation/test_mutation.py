@@ -177,6 +177,11 @@ class Guarding(unittest.TestCase):
         self.assertIn("static inline const int A = (mutation::chosen == 2 ? 6 : "
                       "(mutation::chosen == 1 ? 8 : 7));", text)
 
+    def test_constants_of_one_statement_leave_the_rest_of_it_alone(self):
+        text = self.guarded("struct S\n{\n    static const int A = 3U * 7 * 10;\n};\n").text()
+        self.assertIn("    static inline const int A = 3U * (mutation::chosen == 4 ? 6 : "
+                      "(mutation::chosen == 3 ? 8 : 7)) * (", text)
+
     def test_constant_expressions_are_compiled_alone(self):
         guarded = self.guarded("constexpr int f()\n{\nreturn 7;\n}\n")
         self.assertEqual(set(guarded.numbers), guarded.alone)
@@ -272,6 +277,7 @@ class Patience(unittest.TestCase):
         """
         bench = trial.Bench.__new__(trial.Bench)
         bench.sounds = {}
+        bench.patience = 10
         program = trial.Program("program", [], {}, {"test": 1})
         needs, takes = iter(needs), iter(takes)
 
@@ -327,6 +333,14 @@ class Boxed(unittest.TestCase):
         self.assertEqual((3, "a\nb\n"), (status, output))
         status, output, _ = self.box.run(["sh", "-c", "ls /tmp; echo $NAME"], {"NAME": "value"}, 20, 20)
         self.assertEqual((0, "value\n"), (status, output))
+
+    def test_container_that_has_ended_is_made_anew(self):
+        self.box.run(["true"], {}, 20, 20)
+        process = self.box.process
+        process.kill()
+        process.wait()
+        process.poll = lambda: None # it has ended since it was looked at
+        self.assertEqual((0, "a\n"), self.box.run(["echo", "a"], {}, 20, 20)[:2])
 
     def test_too_long_and_too_busy_ones_are_ended(self):
         status, _, took = self.box.run(["sleep", "60"], {}, 0.2, 20)

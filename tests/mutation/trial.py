@@ -75,10 +75,11 @@ def copied(root, to, instead):
 class Bench:
     """A copy of the sources with all changes in them, its build, and what its tests come by."""
 
-    def __init__(self, root, folder, parts, read, jobs=1):
+    def __init__(self, root, folder, parts, read, jobs=1, patience=10):
         """
-        @param parts  file -> its changes
-        @param read   gives the text of a file
+        @param parts     file -> its changes
+        @param read      gives the text of a file
+        @param patience  seconds that a test has at least, before it counts as one that hangs
         """
         self.read = read
         self.root = root
@@ -87,6 +88,7 @@ class Bench:
         self.build = f"{folder}/build"
         self.scratch = f"{folder}/scratch"
         self.jobs = jobs
+        self.patience = patience
         self.programs = {} # by build target, or the name in ctest
         self.sounds = {}   # (program, test) -> when it last passed without a change
         self.lonely = set() # tests that fail beside others only
@@ -120,6 +122,9 @@ class Bench:
         self.targets = sorted(wanted.difference(SERVICE_TESTS))
         if wanted.intersection(SERVICE_TESTS):
             self.targets += SERVICE_TARGETS
+        needed = set(itertools.chain(*(self.inputs.get(name, ()) for name in wanted)))
+        libraries = [name for name in libraries
+                     if name in needed or wanted.intersection(SERVICE_TESTS)]
         if libraries:
             self.compileAll(libraries) # what doesn't compile shows here, before the tests see it
         self.compileAll(self.targets)
@@ -423,7 +428,7 @@ class Bench:
         environment = {**program.environment, "MUTATION_CHOSEN": str(number)}
         with self.box() as box:
             status, output, _ = box.run(self.narrowed(program, tests), environment,
-                                        10 + 4 * usual, round(5 + 2 * usual))
+                                        self.patience + 4 * usual, round(5 + 2 * usual))
         if status == 0:
             return None, ""
         failed = re.search(r"\[  FAILED  \] (\w[\w/]*\.[\w/]+)", output)
