@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <sys/epoll.h>
+#include <sys/socket.h>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,7 @@
 #include "LogCapture.h"
 #include "NetPair.h"
 #include "QueueClient.h"
+#include "ShortSend.h"
 
 namespace {
 
@@ -125,6 +127,83 @@ TEST(SendQueueTcpClient, BatchThatIsCutAnywhereGoesOnWhereItWas)
     }
     EXPECT_TRUE(strExpected == strGot);
     EXPECT_TRUE(client.isDrained());
+}
+
+TEST(SendQueueTcpClient, RestOfABatchHoldsWhatIsLeftOfItOnly)
+{
+    // Cut within an item, behind one, within and behind two, and one byte before the end.
+    for (const size_t uMost : {1U, 9U, 10U, 11U, 12U, 13U, 15U}) {
+        NetPair pair;
+        QueueClient client(pair);
+        SendQueueTcpClient::Item aItem[3];
+        const char* const aText[] = {"0123456789", "abc", "XYZ"};
+        for (int i = 0; i < 3; ++i) {
+            aItem[i].data = block(aText[i]);
+            aItem[i].nLength = static_cast<int>(strlen(aText[i]));
+        }
+        std::vector<std::vector<size_t>> vecExpected = {{10, 3, 3}};
+        {
+            ShortSend shortSend(uMost);
+            EXPECT_TRUE(client.sendTogether(aItem, 3));
+            for (size_t uDone = uMost; uDone < 16; uDone += uMost) {
+                EXPECT_FALSE(client.isDrained());
+                ASSERT_EQ(0, client.write()); // the out event
+                std::vector<size_t> vecLeft = {3};
+                if (uDone < 10) {
+                    vecLeft = {10 - uDone, 3, 3};
+                } else if (uDone < 13) {
+                    vecLeft = {13 - uDone, 3};
+                } else {
+                    vecLeft = {16 - uDone};
+                }
+                vecExpected.push_back(vecLeft);
+            }
+
+            std::vector<std::vector<size_t>> vecGot;
+            for (const ShortSend::Call& call : shortSend.calls()) {
+                vecGot.push_back(call.vecLength);
+            }
+            EXPECT_EQ(vecExpected, vecGot) << uMost;
+        }
+
+        EXPECT_TRUE(client.isDrained()) << uMost;
+        client.sendText("!");
+        EXPECT_EQ("0123456789abcXYZ!", readBytes(pair.m_far, 17)) << uMost;
+    }
+}
+
+// MSG_EOR has what follows start a segment of its own.
+TEST(SendQueueTcpClient, BatchOfFourKilobytesEndsItsSegment)
+{
+    struct Case
+    {
+        std::vector<size_t> vecLength;
+        int nFlags;
+    };
+    const Case aCase[] = {
+        {{4095}, 0},          {{4096}, MSG_EOR}, {{100, 3995}, 0}, {{100, 3996}, MSG_EOR},
+        {{4096, 1}, MSG_EOR},
+    };
+    for (const Case& entry : aCase) {
+        NetPair pair;
+        QueueClient client(pair);
+        std::vector<SendQueueTcpClient::Item> vecItem;
+        size_t uLength = 0;
+        for (const size_t u : entry.vecLength) {
+            vecItem.push_back({block(std::string(u, 'x')), static_cast<int>(u)});
+            uLength += u;
+        }
+        {
+            const ShortSend shortSend(uLength - 1);
+            EXPECT_TRUE(client.sendTogether(vecItem.data(), vecItem.size()));
+            EXPECT_EQ(0, client.write());
+
+            ASSERT_EQ(2U, shortSend.calls().size());
+            EXPECT_EQ(entry.nFlags, shortSend.calls()[0].nFlags) << uLength;
+            EXPECT_EQ(entry.nFlags, shortSend.calls()[1].nFlags) << uLength << ", its last byte";
+        }
+        EXPECT_EQ(uLength, readBytes(pair.m_far, uLength).size());
+    }
 }
 
 TEST(SendQueueTcpClient, WhatIsBeingSentDoesNotWait)

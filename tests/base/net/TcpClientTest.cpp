@@ -269,6 +269,19 @@ TEST(TcpClient, WhatIsEnqueuedWhileTheQueueIsFoundEmptyIsSent)
     EXPECT_EQ("firstsecond", readBytes(pair.m_far, 11));
 }
 
+TEST(TcpClient, LastLookThatFailsEndsTheEngine)
+{
+    NetPair pair;
+    ScriptedClient client(pair);
+    client.m_queue = {"first"};
+    client.m_onNext = [&](int nCall) { client.m_nResult = (3 == nCall) ? 1 : 0; };
+
+    EXPECT_EQ(1, client.trySend());
+
+    EXPECT_EQ(3, client.m_nCalls);
+    EXPECT_EQ("first", readBytes(pair.m_far, 5));
+}
+
 TEST(TcpClient, FlagIsSetUntilTheQueueWasFoundEmpty)
 {
     NetPair pair;

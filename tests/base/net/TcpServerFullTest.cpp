@@ -173,6 +173,27 @@ TEST(TcpServerFull, FailedAcceptIsTriedAgainWithoutANewConnection)
     }
 }
 
+TEST(TcpServerFull, AcceptThatWorkedTheSecondTimeIsNotTriedOnceMore)
+{
+    StepServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    {
+        FaultScope fault("accept4:1:EMFILE");
+        ASSERT_TRUE(server.poll("start"));
+        ASSERT_EQ(1U, faultHits());
+    }
+
+    FaultScope fault("accept4:1-:EMFILE");
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(1, send(peer.getFd(), "x", 1, 0)); // or the pass would last its second
+        EXPECT_EQ(0, server.pollOnce());
+    }
+
+    EXPECT_EQ(0U, faultHits());
+    (void)peer.close();
+}
+
 TEST(TcpServerFull, AcceptThatKeepsFailingIsTriedInEachPass)
 {
     StepServer server;

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -15,11 +17,15 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
+#include "EventBus.h"
 #include "Eventually.h"
 #include "Fault.h"
 #include "LogCapture.h"
+#include "LogEvent.h"
 #include "NetPair.h"
 #include "ScratchFolder.h"
+#include "TcpInfoAnswer.h"
 
 namespace {
 
@@ -83,6 +89,30 @@ TEST(TcpSocket, FailedCreateIsLoggedAndTold)
 
     EXPECT_EQ(Lines({"[debug] [TcpSocket ] [create] socket(-1)"}), takeLines(log));
     EXPECT_FALSE(socket.isValid());
+}
+
+TEST(TcpSocket, LogSinkChangesNothingInWhatIsToldOfAFailedCreate)
+{
+    struct Sink
+    {
+        int onLog(Event*)
+        {
+            errno = m_nLeft; // as a sink's own calls may
+            return 0;
+        }
+        const int m_nLeft = EPIPE;
+    } sink;
+    TcpSocket socket;
+    const LogCapture quiet;
+    EventBus<LogEvent>::subscribe(&sink, &Sink::onLog);
+    FaultScope fault("socket:1:EMFILE");
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(-1, socket.create());
+    EventBus<LogEvent>::unsubscribe(&sink, &Sink::onLog);
+
+    EXPECT_EQ(std::string("socket error.: ") + strerror(EMFILE) + "\n",
+              testing::internal::GetCapturedStderr());
 }
 
 TEST(TcpSocket, FailedListenIsToldUnlogged)
@@ -178,7 +208,9 @@ TEST(TcpSocket, CheckStateTellsReadiness)
     EXPECT_TRUE(eventually([&] { return 7 == pair.m_near.checkState(); }));
 
     (void)fillUp(pair.m_far);
+    const CallJournal journal("poll");
     EXPECT_EQ(0, pair.m_far.checkState());
+    EXPECT_EQ(Lines{"poll 0"}, CallJournal::lines()) << "looked at once";
 }
 
 TEST(TcpSocket, CheckStateOfAClosedSocketIsAnException)
@@ -237,4 +269,51 @@ TEST(TcpSocket, DeliberateInterruptedCheckStateIsAnException)
     EXPECT_EQ(1U, faultHits());
 
     EXPECT_EQ(2, pair.m_near.checkState());
+}
+
+TEST(TcpSocket, PeerIsSilentOnceWhatItWasSentStaysUnacknowledged)
+{
+    struct Case
+    {
+        uint32_t u32LastAckMs;
+        uint32_t u32LastDataMs;
+        uint32_t u32Unacknowledged;
+        uint8_t u8Probes;
+        bool bSilent;
+    };
+    const Case aCase[] = {
+        {8000, 7999, 1, 0, true},  {7999, 7998, 1, 0, false}, // a millisecond is missing
+        {8000, 7999, 0, 0, false},                            // nothing is on its way
+        {8000, 8000, 1, 0, false}, // nothing was sent since the last answer
+        {8000, 1000, 1, 0, true},  {8000, 999, 1, 0, false}, // it may still be answered
+        {8000, 8001, 0, 1, false},                           // likewise the first probe
+        {8000, 8001, 0, 2, true},  {7999, 8001, 0, 2, false},
+    };
+    NetPair pair;
+    for (const Case& entry : aCase) {
+        const TcpInfoAnswer answer([&entry](tcp_info& info, socklen_t&) {
+            info.tcpi_last_ack_recv = entry.u32LastAckMs;
+            info.tcpi_last_data_sent = entry.u32LastDataMs;
+            info.tcpi_unacked = entry.u32Unacknowledged;
+            info.tcpi_probes = entry.u8Probes;
+        });
+
+        EXPECT_EQ(entry.bSilent, pair.m_near.isPeerSilent(8000)) << (&entry - aCase);
+    }
+}
+
+TEST(TcpSocket, PeerOfWhichTheKernelDoesNotSayIsNotSilent)
+{
+    NetPair pair;
+    const size_t uNeeded = offsetof(tcp_info, tcpi_last_ack_recv) + 4;
+    for (const size_t uTold : {size_t{4}, uNeeded - 1, uNeeded}) {
+        const TcpInfoAnswer answer([uTold](tcp_info& info, socklen_t& uLength) {
+            info.tcpi_last_ack_recv = 8000;
+            info.tcpi_last_data_sent = 7000;
+            info.tcpi_unacked = 1;
+            uLength = static_cast<socklen_t>(uTold);
+        });
+        EXPECT_EQ(uNeeded == uTold, pair.m_near.isPeerSilent(8000)) << uTold;
+    }
+    EXPECT_FALSE(TcpSocket().isPeerSilent(0)) << "without a descriptor";
 }

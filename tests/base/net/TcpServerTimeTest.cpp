@@ -1,0 +1,150 @@
+// TcpServer: connections whose time is over, and those whose peer has gone without a word.
+#include <cerrno>
+#include <climits>
+#include <memory>
+#include <string>
+
+#include <sys/socket.h>
+
+#include <gtest/gtest.h>
+
+#include "Eventually.h"
+#include "NetPair.h"
+#include "ServerFixture.h"
+#include "TcpInfoAnswer.h"
+
+namespace {
+
+/** Its time left and the results of its steps are a test's; it tells of its end. */
+class TimedClient : public TcpClient
+{
+public:
+    TimedClient() = default;
+    ~TimedClient() override
+    {
+        ++s_nDeleted;
+    }
+    int onRead(EPollEvent&) override
+    {
+        ++m_nReads;
+        char cByte = 0;
+        int nDone = 0;
+        return m_socket.read(&cByte, 1, nDone);
+    }
+    int onWrite(EPollEvent&) override
+    {
+        ++m_nWrites;
+        return m_nWriteResult;
+    }
+    int getTimeLeft(uint32_t) override
+    {
+        return m_nLeft;
+    }
+
+    static int s_nDeleted;
+    int m_nLeft = INT_MAX;
+    int m_nWriteResult = 0;
+    int m_nReads = 0;
+    int m_nWrites = 0;
+};
+
+int TimedClient::s_nDeleted;
+
+/** A server with one connection whose first readiness, to write, is over. */
+class TcpServerTime : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(0, m_server.listen());
+        m_peer = connectTo(m_server.getPort());
+        ASSERT_TRUE(eventually([&] {
+            return 0 == m_server.pollOnce() && nullptr != m_server.m_pLast &&
+                   0 != m_server.m_pLast->m_nWrites;
+        }));
+        TimedClient::s_nDeleted = 0;
+    }
+    void TearDown() override
+    {
+        (void)m_peer.close();
+    }
+
+    ServerOf<TimedClient> m_server;
+    TcpSocket m_peer;
+};
+
+} // namespace
+
+TEST_F(TcpServerTime, LastMillisecondIsStillTheConnections)
+{
+    m_server.m_pLast->m_nLeft = 1;
+    EXPECT_EQ(0, m_server.pollOnce());
+    EXPECT_EQ(0, TimedClient::s_nDeleted);
+
+    m_server.m_pLast->m_nLeft = 0;
+    ASSERT_EQ(1, send(m_peer.getFd(), "x", 1, 0)); // or the pass would last its second
+    EXPECT_EQ(0, m_server.pollOnce());
+    EXPECT_EQ(1, TimedClient::s_nDeleted);
+    EXPECT_TRUE(sawEnd(m_peer));
+}
+
+TEST_F(TcpServerTime, LastAttemptThatFailsEndsTheConnectionOnce)
+{
+    m_server.m_pLast->m_nLeft = 0;
+    m_server.m_pLast->m_nWriteResult = 1;
+    TcpSocket next = connectTo(m_server.getPort()); // ends the wait
+
+    EXPECT_EQ(0, m_server.pollOnce());
+
+    EXPECT_EQ(1, TimedClient::s_nDeleted);
+    EXPECT_TRUE(sawEnd(m_peer));
+    (void)next.close();
+}
+
+TEST_F(TcpServerTime, OneArrivalIsReadOnce)
+{
+    ASSERT_EQ(1, send(m_peer.getFd(), "x", 1, 0));
+    ASSERT_TRUE(m_server.m_pLast->getSocket().waitReadable(Time(30, 0)));
+
+    EXPECT_EQ(0, m_server.pollOnce());
+
+    EXPECT_EQ(1, m_server.m_pLast->m_nReads);
+}
+
+TEST_F(TcpServerTime, SilentPeerIsReset)
+{
+    const TcpInfoAnswer silent([](tcp_info& info, socklen_t&) {
+        info.tcpi_unacked = 1;
+        info.tcpi_last_data_sent = 7000;
+        info.tcpi_last_ack_recv = 8000;
+    });
+
+    // Looked at once a second.
+    EXPECT_TRUE(eventually([&] {
+        (void)m_server.pollOnce();
+        return 0 != TimedClient::s_nDeleted;
+    }));
+
+    char cByte = 0;
+    EXPECT_EQ(-1, recv(m_peer.getFd(), &cByte, 1, 0));
+    EXPECT_EQ(ECONNRESET, errno);
+}
+
+TEST_F(TcpServerTime, PeerThatWasHeardOfAMomentAgoStays)
+{
+    int nAsked = 0;
+    const TcpInfoAnswer answer([&nAsked](tcp_info& info, socklen_t&) {
+        info.tcpi_unacked = 1;
+        info.tcpi_last_data_sent = 7000;
+        info.tcpi_last_ack_recv = 7999;
+        ++nAsked;
+    });
+
+    EXPECT_TRUE(eventually([&] {
+        (void)m_server.pollOnce();
+        return nAsked > 0;
+    }));
+
+    EXPECT_EQ(0, TimedClient::s_nDeleted);
+    EXPECT_TRUE(isSilent(m_peer));
+}
