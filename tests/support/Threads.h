@@ -1,9 +1,20 @@
 // The threads that this process has.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <string>
+
+/** Whether the kernel has it wait for something. False for one that has ended, too. */
+inline bool isAsleep(int32_t s32Tid)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(s32Tid) + "/stat");
+    std::string strLine;
+    std::getline(file, strLine);
+    const size_t uName = strLine.rfind(')'); // the name before it may hold anything
+    return std::string::npos != uName && 0 == strLine.compare(uName, 3, ") S");
+}
 
 /** How many of them bear the name. */
 inline int countThreads(const std::string& strName)

@@ -11,6 +11,7 @@
 #include "Mutex.h"
 #include "Scenarios.h"
 #include "Thread.h"
+#include "Threads.h"
 #include "Time.h"
 
 #ifdef __clang__
@@ -89,7 +90,9 @@ int runNiceRefused(int, char**)
     if (!eventually([&] { return log.text().find("nice") != std::string::npos; })) {
         return 100;
     }
-    sleepFor(Time(0, 20000)); // the body would be called by now
+    if (!eventually([] { return 0 == countThreads("greedy"); })) {
+        return 100;
+    }
     printf("%scalls %d\n", log.text().c_str(), counter.m_nCalls.load());
     fflush(stdout);
     _exit(0); // the thread is gone, its object is not

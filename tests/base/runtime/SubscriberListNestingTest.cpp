@@ -216,12 +216,13 @@ TEST(SubscriberListNesting, RemoveWaitsForACallDeepInside)
     ASSERT_TRUE(eventually([&] { return sleeper.m_bInside.load(); }));
 
     std::atomic<bool> bRemoved{false};
+    const CallJournal journal("select"); // with which it waits
     std::thread remover([&] {
         list.remove(CB<Sleeper, int>(&sleeper, &Sleeper::onEvent));
         EXPECT_TRUE(sleeper.m_bLeft);
         bRemoved = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it would be through by now
+    EXPECT_TRUE(eventually([&] { return journalCount() > 0 || bRemoved; }));
     EXPECT_FALSE(bRemoved);
     sleeper.m_bMayLeave = true;
     publisher.join();

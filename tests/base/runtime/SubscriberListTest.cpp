@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "Eventually.h"
 #include "SubscriberListVisitors.h"
 
@@ -182,12 +183,13 @@ TEST(SubscriberList, RemoveWaitsForTheRunningCall)
     remove(list, first); // other handlers: do not wait for the one that runs
     remove(list, other);
     std::atomic<bool> bRemoved{false};
+    const CallJournal journal("select"); // with which it waits
     std::thread remover([&] {
         list.remove(CB<Sleeper, int>(&sleeper, &Sleeper::onEvent));
         EXPECT_TRUE(sleeper.m_bLeft);
         bRemoved = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it would be through by now
+    EXPECT_TRUE(eventually([&] { return journalCount() > 0 || bRemoved; }));
     EXPECT_FALSE(bRemoved);
     sleeper.m_bMayLeave = true;
     publisher.join();

@@ -15,10 +15,12 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "Eventually.h"
 #include "LibraryCall.h"
 #include "LogCapture.h"
 #include "ThreadWorker.h"
+#include "Threads.h"
 
 namespace {
 
@@ -66,7 +68,7 @@ TEST_P(ThreadKinds, BodyIsNotCalledBeforeStart)
     {
         Thread thread(&Worker::run, &worker, "parked", 0, 0, 0, GetParam());
         EXPECT_NE(0, thread.getTid());
-        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it would run by now
+        EXPECT_TRUE(eventually([&] { return isAsleep(thread.getTid()) || 0 != worker.m_nCalls; }));
     }
 
     EXPECT_EQ(0, worker.m_nCalls);
@@ -90,13 +92,15 @@ TEST_P(ThreadKinds, StopReturnsOnlyAfterTheCurrentCall)
     (void)thread.start();
     ASSERT_TRUE(eventually([&] { return worker.m_bInside.load(); }));
     std::atomic<bool> bStopped{false};
+    const CallJournal journal("select");
     std::thread stopper([&] {
         EXPECT_EQ(0, thread.stop());
         EXPECT_FALSE(worker.m_bInside);
         bStopped = true;
     });
 
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it would be through by now
+    // It waits by looking every three milliseconds.
+    EXPECT_TRUE(eventually([&] { return CallJournal::count("select 0.003000") > 0 || bStopped; }));
     EXPECT_FALSE(bStopped);
     worker.m_bHold = false;
     stopper.join();
@@ -120,7 +124,7 @@ TEST_P(ThreadKinds, BodyThatStopsItselfParksUntilTheNextStart)
         return 1 == log.count("[info ] [Thread.cpp ] [stop] " +
                               withTid("stop thread by myself", thread.getTid(), "self"));
     }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(10)); // it would go on by now
+    EXPECT_TRUE(eventually([&] { return isAsleep(thread.getTid()) || worker.m_bResumed; }));
     EXPECT_FALSE(worker.m_bResumed);
 
     // The body's thread parks a moment after its line: a start before that finds it running.
@@ -212,8 +216,7 @@ TEST_P(ThreadKinds, DestructionEndsARunningThread)
     }
     const int nCalls = worker.m_nCalls;
 
-    std::this_thread::sleep_for(std::chrono::milliseconds(10)); // it would be called by now
-
+    EXPECT_TRUE(eventually([] { return 0 == countThreads("running"); }));
     EXPECT_EQ(nCalls, worker.m_nCalls);
 }
 
