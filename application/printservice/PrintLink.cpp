@@ -44,7 +44,8 @@ bool PrintLink::hasPort() const
 
 int PrintLink::sendCommand(const char* pCommand)
 {
-    UART* const pUart = m_pUart;
+    const PortUse use(*this);
+    UART* const pUart = use.get();
     if (nullptr == pUart) {
         return 1;
     }
@@ -63,13 +64,15 @@ int PrintLink::sendCommand(const char* pCommand)
 
 int PrintLink::sendLine(const std::string& strLine)
 {
-    UART* const pUart = m_pUart;
+    const PortUse use(*this);
+    UART* const pUart = use.get();
     return (nullptr == pUart) ? 0 : sendText(*pUart, strLine);
 }
 
 int PrintLink::sendBlock(const char* pBlock, int nSize)
 {
-    UART* const pUart = m_pUart;
+    const PortUse use(*this);
+    UART* const pUart = use.get();
     return (nullptr == pUart) ? 0 : sendBytes(*pUart, pBlock, nSize);
 }
 
@@ -114,7 +117,8 @@ std::string PrintLink::awaitReply()
 void PrintLink::readReply(char* pBuffer, int nSize, const Time& timeout)
 {
     memset(pBuffer, 0, static_cast<size_t>(nSize));
-    UART* const pUart = m_pUart;
+    const PortUse use(*this);
+    UART* const pUart = use.get();
     if (nullptr == pUart || -1 == pUart->getFd()) {
         return;
     }
@@ -126,7 +130,8 @@ void PrintLink::readReply(char* pBuffer, int nSize, const Time& timeout)
 
 void PrintLink::awaitMove()
 {
-    UART* const pUart = m_pUart;
+    const PortUse use(*this);
+    UART* const pUart = use.get();
     if (nullptr != pUart) {
         char acReply[REPLY_SIZE] = {0};
         (void)pUart->read(acReply, sizeof(acReply), MOVE_END_TIMEOUT); // only waited for

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <string>
 
 class Time;
@@ -24,6 +25,15 @@ public:
     void setPort(UART* pUart);
 
     bool hasPort() const;
+
+    /**
+     * Whether somebody still works with a port. Once false behind setPort(nullptr), nobody touches
+     * the former one any more: it can be closed. Never blocks.
+     */
+    bool isPortInUse() const
+    {
+        return 0 != m_nUses;
+    }
 
     /**
      * Send a single command in its wire form, printed on standard output, and read one reply, for 2
@@ -57,9 +67,36 @@ public:
     void awaitMove();
 
 private:
+    /** The port for a scope, if there is one. */
+    class PortUse
+    {
+    public:
+        explicit PortUse(PrintLink& link) : m_link(link)
+        {
+            ++m_link.m_nUses; // first: whoever still gets the port has been counted
+            m_pUart = m_link.m_pUart;
+        }
+        PortUse(const PortUse&) = delete;
+        PortUse& operator=(const PortUse&) = delete;
+        ~PortUse()
+        {
+            --m_link.m_nUses;
+        }
+
+        UART* get() const
+        {
+            return m_pUart;
+        }
+
+    private:
+        PrintLink& m_link;
+        UART* m_pUart;
+    };
+
     int sendText(UART& uart, const std::string& strText);
     bool endCutLine(UART& uart);
 
     std::atomic<UART*> m_pUart{nullptr};
+    std::atomic<int32_t> m_nUses{0};
     std::atomic<bool> m_bCut{false}; // the last line or command did not go out whole
 };

@@ -52,6 +52,11 @@ void PrintService::setUart(UART* pUart)
     m_link.setPort(pUart);
 }
 
+bool PrintService::isPortInUse() const
+{
+    return m_link.isPortInUse();
+}
+
 int PrintService::printSingleCmd(const char* pCommand, int /*nLength*/)
 {
     if (!m_link.hasPort()) {

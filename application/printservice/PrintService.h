@@ -43,6 +43,9 @@ public:
     /** Borrow the port, from now on until another is set; null for none. Any thread. */
     void setUart(UART* pUart);
 
+    /** Whether somebody still reads from a port or writes to it, be it one that was taken back. */
+    bool isPortInUse() const;
+
     /**
      * Send one command in its wire form and read one reply, for 2 seconds at most. A command that
      * begins with '0' uploads "pp.bin" first, as updateFirmware() does.

@@ -14,22 +14,54 @@
 
 static const char* const NOT_TAKEN_YET = "wait"; // the guard's: send it again
 
+static const Time STEP(0, 10000);
 static const uint64_t LINE_MS = 10000;
 static const uint64_t MOVE_MS = 22000; // the guard tells the end within 19 s
+
+namespace {
+
+/** Counts for a scope. */
+class Counted
+{
+public:
+    explicit Counted(std::atomic<int32_t>& nCount) : m_nCount(nCount)
+    {
+        ++m_nCount;
+    }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+    ~Counted()
+    {
+        --m_nCount;
+    }
+
+private:
+    std::atomic<int32_t>& m_nCount;
+};
+
+} // namespace
 
 ArmTerminal::ArmTerminal(std::string strLink) : m_strLink(std::move(strLink)) {}
 
 ArmTerminal::~ArmTerminal()
 {
-    close();
+    takeBack();
+    while (isInUse()) {
+        sleepFor(STEP);
+    }
+    m_uart.close();
 }
 
-void ArmTerminal::close()
+void ArmTerminal::takeBack()
 {
-    if (isOpen()) {
+    if (m_bOpen.exchange(false)) {
         PrintService::getInstance().setUart(nullptr);
-        m_uart.close();
     }
+}
+
+bool ArmTerminal::isInUse() const
+{
+    return m_nAsking > 0 || PrintService::getInstance().isPortInUse();
 }
 
 bool ArmTerminal::isHungUp() const
@@ -41,12 +73,17 @@ bool ArmTerminal::isHungUp() const
 void ArmTerminal::follow(bool bGuard)
 {
     if (isOpen() && (!bGuard || isHungUp())) {
-        close();
+        takeBack();
     }
-    if (!bGuard || isOpen() || m_strLink.empty()) {
+    if (isOpen() || isInUse()) {
+        return;
+    }
+    m_uart.close(); // none as a rule
+    if (!bGuard || m_strLink.empty()) {
         return;
     }
     if (1 == m_uart.open(m_strLink) && 1 == m_uart.setParam(115200, 8, 1, 0)) {
+        m_bOpen = true;
         PrintService::getInstance().setUart(&m_uart);
     } else {
         m_uart.close();
@@ -56,8 +93,8 @@ void ArmTerminal::follow(bool bGuard)
 bool ArmTerminal::write(const std::string& strLine)
 {
     const std::string strText = ReplyCodec::encodeCommand(strLine) + "\n";
-    return isOpen() && static_cast<int>(strText.size()) ==
-                           m_uart.send(strText.data(), static_cast<int>(strText.size()), 0);
+    return static_cast<int>(strText.size()) ==
+           m_uart.send(strText.data(), static_cast<int>(strText.size()), 0);
 }
 
 /** @return ANSWER_OK with a line, ANSWER_LATE or ANSWER_GONE */
@@ -101,6 +138,10 @@ ArmTerminal::ANSWER_E ArmTerminal::awaitAnswer(uint64_t u64EndMs)
 
 ArmTerminal::ANSWER_E ArmTerminal::send(const std::string& strLine)
 {
+    const Counted asking(m_nAsking); // first: whoever still finds it open has been counted
+    if (!isOpen()) {
+        return ANSWER_GONE;
+    }
     (void)m_uart.flushIn(); // what a former user has left
     m_strInput.clear();
     const uint64_t u64EndMs = monotonicMs() + LINE_MS;
@@ -116,6 +157,10 @@ ArmTerminal::ANSWER_E ArmTerminal::send(const std::string& strLine)
 
 ArmTerminal::ANSWER_E ArmTerminal::move(const std::string& strLine)
 {
+    const Counted asking(m_nAsking); // first: whoever still finds it open has been counted
+    if (!isOpen()) {
+        return ANSWER_GONE;
+    }
     (void)m_uart.flushIn();
     m_strInput.clear();
     if (!write(strLine)) {

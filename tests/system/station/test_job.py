@@ -161,6 +161,36 @@ class Job(unittest.TestCase):
         last = self.wait_for_end()
         self.assertEqual(("tripped", "lease"), (last["result"], last["reason"]))
 
+    def test_guard_that_dies_in_mid_job_ends_it_and_comes_back(self):
+        upload("circle.gcode", make_job(3000))
+        for _ in range(4):  # the print service is somewhere else in its line each time
+            owner = self.own("circle.gcode", unattended=True)
+            self.wait_for_line(20)
+            self.board.guard.kill()
+            self.board.guard.wait()
+            last = self.wait_for_end()
+            owner.close()
+            self.assertEqual("tripped", last["result"])
+            self.board.wait_for(lambda state: not state["terminal"], "the terminal is closed")
+            self.board.start_guard()
+            self.board.homed()
+
+    def test_guard_that_dies_under_a_move_ends_it(self):
+        for _ in range(4):
+            answers = []
+            place = self.board.controller_state()["x"]
+            move = threading.Thread(target=lambda answers=answers: answers.append(
+                request("POST", "/move", {"x": 60, "feed": 300})))
+            move.start()
+            wait_until(lambda before=place: self.board.controller_state()["x"] != before, "the arm moves")
+            self.board.guard.kill()
+            self.board.guard.wait()
+            move.join()
+            self.assertEqual("stopped", answers[0].problem)
+            self.board.wait_for(lambda state: not state["terminal"], "the terminal is closed")
+            self.board.start_guard()
+            self.board.homed()
+
     def test_restart_in_mid_job_is_dark_and_tells_the_line(self):
         lines = make_job(3000)
         upload("circle.gcode", lines)
