@@ -32,6 +32,7 @@ public:
 protected:
     void giveUp() override
     {
+        EXPECT_TRUE(isGivenUp()) << "by then";
         ++m_nGivenUp;
     }
 };

@@ -17,6 +17,7 @@
 #include "LogCapture.h"
 #include "NetPair.h"
 #include "TcpClient.h"
+#include "WaitAnswer.h"
 
 TEST(EPoll, ReadinessIsDispatchedInOrder)
 {
@@ -29,6 +30,28 @@ TEST(EPoll, ReadinessIsDispatchedInOrder)
     EXPECT_EQ(0, epoll.pollOnce());
 
     EXPECT_EQ(Names({"in", "out", "err", "hup", "pri"}), recorder.takeNames());
+}
+
+TEST(EPoll, ReadinessReachesItsOwnHandlerOnly)
+{
+    const std::map<uint32_t, std::string> mapName = {{EPOLLIN, "in"},
+                                                     {EPOLLOUT, "out"},
+                                                     {EPOLLERR, "err"},
+                                                     {EPOLLHUP, "hup"},
+                                                     {EPOLLPRI, "pri"}};
+    for (const auto& [u32Mask, strName] : mapName) {
+        EPoll epoll(20);
+        Recorder recorder(epoll);
+        NetPair pair;
+        ASSERT_EQ(0, epoll.addFd(pair.m_near.getFd(), EPOLLOUT, nullptr));
+        const uint32_t u32Reported = u32Mask;
+        const WaitAnswer answer(
+            [u32Reported](epoll_event* pEvents, int) { pEvents[0].events = u32Reported; });
+
+        EXPECT_EQ(0, epoll.pollOnce());
+
+        EXPECT_EQ(Names({strName}), recorder.takeNames());
+    }
 }
 
 TEST(EPoll, NonZeroResultFinishesTheEntry)

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ClientMemory.h"
 #include "Fault.h"
 #include "LogCapture.h"
 #include "NetPair.h"
@@ -127,6 +128,24 @@ TEST(SendQueueTcpClient, BatchThatIsCutAnywhereGoesOnWhereItWas)
     }
     EXPECT_TRUE(strExpected == strGot);
     EXPECT_TRUE(client.isDrained());
+}
+
+TEST(SendQueueTcpClient, ItemsOfNoBytesLeaveNothingCounted)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
+    for (int i = 0; i < 3; ++i) {
+        SendQueueTcpClient::Item aItem[3];
+        aItem[0].nLength = 10; // without a block
+        aItem[1].data = block("x");
+        aItem[1].nLength = i % 2;
+        aItem[2].data = block("");
+        EXPECT_TRUE(client.sendTogether(aItem, 3));
+
+        EXPECT_TRUE(client.isDrained());
+        EXPECT_EQ(u32Before, ClientMemory::getInstance().getBytes());
+    }
 }
 
 TEST(SendQueueTcpClient, RestOfABatchHoldsWhatIsLeftOfItOnly)

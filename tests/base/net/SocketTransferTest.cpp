@@ -317,6 +317,19 @@ TEST(SocketTransfer, TimeOutRunsWhileAnotherOperationHasTheSocket)
     }
 }
 
+TEST(SocketTransfer, WriteOfNothingSucceedsWhateverFailedBefore)
+{
+    NetPair pair;
+    LogCapture log;
+    int nDone = 99;
+    errno = EINVAL;
+
+    EXPECT_EQ(0, pair.m_near.write("", 0, nDone));
+
+    EXPECT_EQ(0, nDone);
+    EXPECT_EQ(std::vector<std::string>(), takeLines(log));
+}
+
 TEST(SocketTransfer, NothingToTransferIsATransferToo)
 {
     NetPair pair;

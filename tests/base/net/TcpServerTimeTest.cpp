@@ -36,6 +36,10 @@ public:
         ++m_nWrites;
         return m_nWriteResult;
     }
+    bool mayRead() override
+    {
+        return m_bMayRead;
+    }
     int getTimeLeft(uint32_t) override
     {
         return m_nLeft;
@@ -44,6 +48,7 @@ public:
     static int s_nDeleted;
     int m_nLeft = INT_MAX;
     int m_nWriteResult = 0;
+    bool m_bMayRead = true;
     int m_nReads = 0;
     int m_nWrites = 0;
 };
@@ -109,6 +114,18 @@ TEST_F(TcpServerTime, OneArrivalIsReadOnce)
     EXPECT_EQ(0, m_server.pollOnce());
 
     EXPECT_EQ(1, m_server.m_pLast->m_nReads);
+}
+
+TEST_F(TcpServerTime, WhatMayNotBeReadStaysWhereItIs)
+{
+    m_server.m_pLast->m_bMayRead = false;
+    ASSERT_EQ(1, send(m_peer.getFd(), "x", 1, 0));
+    ASSERT_TRUE(m_server.m_pLast->getSocket().waitReadable(Time(30, 0)));
+
+    EXPECT_EQ(0, m_server.pollOnce());
+
+    EXPECT_EQ(0, m_server.m_pLast->m_nReads);
+    EXPECT_TRUE(m_server.m_pLast->getSocket().waitReadable(Time()));
 }
 
 TEST_F(TcpServerTime, SilentPeerIsReset)
