@@ -4,6 +4,7 @@ import { mkdirSync, mkdtempSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { createInterface } from "node:readline";
+import { fileURLToPath } from "node:url";
 
 import { chromium } from "playwright-core";
 import puppeteer from "puppeteer-core";
@@ -33,7 +34,7 @@ class Profile {
 export async function startChromium() {
     const profile = new Profile();
     return chromium.launch({
-        executablePath: process.env.KESTREL_CHROMIUM ?? "/usr/bin/chromium",
+        executablePath: process.env.KESTREL_CHROMIUM ?? fileURLToPath(new URL("chromium", import.meta.url)),
         env: profile.env,
         args: [
             "--headless",
