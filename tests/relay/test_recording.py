@@ -1,5 +1,6 @@
 """Recording in segments, and the rule by which they go."""
 
+import contextlib
 import os
 import sys
 import tempfile
@@ -29,6 +30,10 @@ def pictures(path, codec):
     return len(times), times[-1] - times[0]
 
 
+def recording(relay):
+    return relay.metrics()['kestrel_relay_recording{board="board-1"}']
+
+
 class Recording(unittest.TestCase):
     def record(self, form):
         """(fleet, folder of the recordings of a board that is recorded in segments of three seconds)."""
@@ -56,14 +61,14 @@ class Recording(unittest.TestCase):
             for name in os.listdir(place):
                 with open(f"{place}/{name}", "rb") as file:
                     self.assertIn(file.read(), kept, name)
-        self.assertEqual(1, relay.metrics()['kestrel_relay_recording{board="board-1"}'])
+        self.assertEqual(1, recording(relay))
 
     def test_gap_ends_a_file_and_begins_another(self):
         board, relay, folder = self.record("h264")
-        wait_until(lambda: files(folder), "a segment begins")
+        wait_until(lambda: recording(relay), "it is recorded")
 
         board.command("freeze")
-        wait_until(lambda: not relay.metrics()['kestrel_relay_recording{board="board-1"}'], "recording has stopped")
+        wait_until(lambda: not recording(relay), "recording has stopped")
         before = files(folder)
         for name in before:
             pictures(f"{folder}/{name}", "h264")  # whole files
@@ -91,6 +96,34 @@ class Recording(unittest.TestCase):
         wait_until(lambda: relay.metrics()["kestrel_relay_recordings_removed_total"] == 1, "one is removed")
         self.assertEqual(["2026-01-01T00-10-00Z.2.mkv"], files(folder))
         wait_until(lambda: relay.metrics()["kestrel_relay_recorded_files"] == 1, "the other is counted")
+
+    def test_full_disk_is_told_until_there_is_room(self):
+        fleet = Fleet(1)
+        self.addCleanup(fleet.close)
+        folder = f"{fleet.folder}/recordings"
+        os.mkdir(folder)
+        run("mount", "-n", "-t", "tmpfs", "-o", "size=64m", "small-disk", folder)
+        self.addCleanup(run, "umount", folder)
+        relay = Relay(fleet, f'[recording]\nboards = ["*"]\nfolder = "{folder}"\nkeep_free_gigabytes = 0.000001\n')
+        self.addCleanup(relay.close)
+
+        wait_until(lambda: recording(relay), "it is recorded")
+
+        with open(f"{folder}/other", "wb", buffering=0) as other, contextlib.suppress(OSError):
+            while True:
+                other.write(bytes(4096))
+        wait_until(lambda: not recording(relay), "nothing is recorded")
+        until = time.monotonic() + 4  # several attempts
+        while time.monotonic() < until:
+            self.assertEqual(0, recording(relay))
+        self.assertLessEqual(len(files(f"{folder}/board-1")), 2)  # what was there, and an attempt
+        os.unlink(f"{folder}/other")
+        wait_until(lambda: recording(relay), "it is recorded again")
+
+        count, _ = pictures(f"{folder}/board-1/{files(f'{folder}/board-1')[-1]}", "mjpeg")
+        self.assertGreater(count, 0)
+        with open(f"{fleet.folder}/relay.out", encoding="utf-8") as file:
+            self.assertEqual(1, file.read().count("board-1: the recording has failed: "))
 
     def test_end_leaves_whole_files(self):
         _, relay, folder = self.record("jpeg")
@@ -138,18 +171,18 @@ class Rule(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as other:
             old = time.time() - 8 * DAY
             os.mkdir(f"{folder}/board-1")
-            recording = "2026-01-01T00-00-00Z.mkv"
-            for path in (f"{folder}/board-1/{recording}", f"{folder}/board-1/film.mkv", f"{other}/{recording}"):
+            name = "2026-01-01T00-00-00Z.mkv"
+            for path in (f"{folder}/board-1/{name}", f"{folder}/board-1/film.mkv", f"{other}/{name}"):
                 with open(path, "w", encoding="ascii") as file:
                     file.write("x")
                 os.utime(path, (old, old))
             os.symlink(other, f"{folder}/link")
-            os.symlink(f"{other}/{recording}", f"{folder}/2026-01-01T00-10-00Z.mkv")
+            os.symlink(f"{other}/{name}", f"{folder}/2026-01-01T00-10-00Z.mkv")
 
             CleanUp(SimpleNamespace(folder=folder, **vars(self.RULE))).once()
 
             self.assertEqual(["film.mkv"], files(f"{folder}/board-1"))
-            self.assertEqual([recording], files(other))
+            self.assertEqual([name], files(other))
 
 
 if __name__ == "__main__":

@@ -1,5 +1,6 @@
 """Hands each picture of a board to all that want it."""
 
+import logging
 import threading
 
 from .gst import Gst
@@ -70,10 +71,12 @@ class Pipeline:
     def element(self, name):
         return self.pipeline.get_by_name(name)
 
-    def failed(self):
-        """The text of the pipeline's first error, or None."""
-        message = self.pipeline.get_bus().pop_filtered(Gst.MessageType.ERROR)
-        return message.parse_error()[0].message if message else None
+    def over(self):
+        """None while pictures get through; then the text of what has failed, or "" after the feed's end."""
+        message = self.pipeline.get_bus().pop_filtered(Gst.MessageType.EOS | Gst.MessageType.ERROR)
+        if message is None:
+            return None
+        return message.parse_error()[0].message if message.type == Gst.MessageType.ERROR else ""
 
     def finish(self, seconds):
         """Let what was taken reach the end, for instance a file, then close."""
@@ -86,3 +89,27 @@ class Pipeline:
     def close(self):
         self._feed.remove(self._source)
         self.pipeline.set_state(Gst.State.NULL)
+
+
+class Failures:
+    """Logs the failures of somebody's pipelines; one that comes again and again only once."""
+
+    def __init__(self, what):
+        self._what = what
+        self._said = None
+
+    def look(self, pipeline):
+        """Whether it is over; to be called now and then. Never waits."""
+        error = pipeline.over()
+        if error:
+            self.say(error)
+        return error is not None
+
+    def say(self, error):
+        if error != self._said:
+            self._said = error
+            logging.error("%s has failed: %s", self._what, error)
+
+    def forget(self):
+        """It works: the next failure is another."""
+        self._said = None

@@ -36,7 +36,7 @@ class Metrics:
             "connections": CounterMetricFamily("kestrel_relay_connections", "Connections made to the board",
                                                labels=["board"]),
             "encoding": GaugeMetricFamily("kestrel_relay_encoding", "1 while H.264 is made", labels=["board"]),
-            "recording": GaugeMetricFamily("kestrel_relay_recording", "1 while the board is recorded",
+            "recording": GaugeMetricFamily("kestrel_relay_recording", "1 while what is recorded grows on the disk",
                                            labels=["board"]),
             "viewers": GaugeMetricFamily("kestrel_relay_viewers", "Viewers by kind: rtsp, http, webrtc",
                                          labels=["board", "kind"]),
@@ -51,7 +51,7 @@ class Metrics:
             by_board["connections"].add_metric([name], capture.connections)
             by_board["encoding"].add_metric([name], int(each.encoder.running))
             if each.recorder:
-                by_board["recording"].add_metric([name], int(each.recorder.running))
+                by_board["recording"].add_metric([name], int(each.recorder.writing()))
             for kind, number in each.viewers().items():
                 by_board["viewers"].add_metric([name, kind], number)
         yield from by_board.values()

@@ -7,7 +7,7 @@ import shutil
 import threading
 import time
 
-from .feed import Pipeline
+from .feed import Failures, Pipeline
 
 TEXT = {"jpeg": "splitmuxsink name=files muxer=matroskamux async-finalize=false max-size-time={}",
         "h264": "h264parse ! splitmuxsink name=files muxer=matroskamux async-finalize=false max-size-time={}"}
@@ -15,7 +15,28 @@ NAME = "%Y-%m-%dT%H-%M-%SZ"
 SUFFIX = ".mkv"
 OURS = re.compile(r"\d{4}-\d\d-\d\dT\d\d-\d\d-\d\dZ(\.\d+)?\.mkv")
 FINISH = 5.0  # seconds for the last file's end
+STILL = 30.0  # seconds; a file of a picture that stands still may grow as seldom, since it is written in blocks
 GIGABYTE = 10**9
+
+
+class Growth:
+    """Whether what a pipeline writes grows. To be asked now and then, by one at a time."""
+
+    def __init__(self):
+        self.path = None  # of the file, once it has a name
+        self._seen = None  # path and size when last asked
+        self._time = None  # monotonic, when they were seen to change
+
+    def seen(self):
+        """Looks at the file, which a broken disk may make wait."""
+        path = self.path
+        size = size_of(path)
+        now = time.monotonic()
+        # The first file counts from its first byte; the next ones follow one that has grown.
+        if (path, size) != self._seen and (size or self._time is not None):
+            self._time = now
+        self._seen = path, size
+        return self._time is not None and now - self._time < STILL
 
 
 class Recorder:
@@ -27,39 +48,49 @@ class Recorder:
     def __init__(self, name, feed, encoder, rule):
         self.folder = os.path.join(rule.folder, name)
         self.begun = 0  # files
-        self._name = name
+        self._failures = Failures(f"{name}: the recording")
         self._feed = feed
         self._encoder = encoder  # None when the JPEG is recorded as it is
         self._text = TEXT[rule.pictures].format(int(rule.minutes * 60 * 10**9))
-        self._lock = threading.Lock()  # guards the pipeline
+        self._lock = threading.Lock()  # guards the next three
+        self._wanted = False  # from start() to stop()
         self._pipeline = None
+        self._opened = 0  # monotonic time
+        self._growth = Growth()  # of the pipeline
+        self._asking = threading.Lock()  # for writing()
 
-    @property
-    def running(self):
-        return self._pipeline is not None
+    def writing(self):
+        """Whether a file grows. Looks at it, which a broken disk may make wait; any thread but start()'s and
+        look()'s."""
+        with self._asking:
+            return self._growth.seen()
 
     def start(self):
         with self._lock:
+            self._wanted = True
             self._open()
 
     def stop(self):
         """What has come is in a whole file afterwards. Blocks until it is, at most FINISH seconds."""
         with self._lock:
+            self._wanted = False
             if self._pipeline:
                 self._pipeline.finish(FINISH)
                 self._forget()
 
     def look(self):
-        """Begin anew where a pipeline has failed, for instance on a full disk; to be called now and then.
-        Never waits."""
+        """Begin anew where a pipeline has failed, for instance on a full disk, or its encoder; to be called now and
+        then. Never waits."""
         if not self._lock.acquire(blocking=False):
             return
         try:
-            error = self._pipeline.failed() if self._pipeline else None
-            if error:
-                logging.error("%s: the recording has failed: %s", self._name, error)
+            if self._pipeline and self._failures.look(self._pipeline):
                 self._pipeline.close()
+                self._remove_empty()
                 self._forget()
+            elif self._pipeline and time.monotonic() - self._opened > STILL:
+                self._failures.forget()
+            if self._wanted and not self._pipeline:
                 self._open()
         finally:
             self._lock.release()
@@ -68,21 +99,41 @@ class Recorder:
         try:
             os.makedirs(self.folder, exist_ok=True)
         except OSError as error:
-            logging.error("%s: nothing is recorded: %s", self._name, error)
+            self._failures.say(error)
             return
+        self._opened = time.monotonic()
         self._pipeline = Pipeline(self._feed, self._text, 60)
         self._pipeline.element("files").connect("format-location", self._next)
         if self._encoder:
             self._encoder.use(self)
 
+    def _remove_empty(self):
+        """Each attempt on a full disk leaves a file."""
+        path = self._growth.path
+        if path and not size_of(path):
+            try:
+                os.unlink(path)
+            except OSError as error:
+                self._failures.say(error)
+
     def _forget(self):
         self._pipeline = None
+        self._growth = Growth()
         if self._encoder:
             self._encoder.release(self)
 
     def _next(self, _sink, _number):
         self.begun += 1
-        return unused(os.path.join(self.folder, time.strftime(NAME, time.gmtime())))
+        self._growth.path = unused(os.path.join(self.folder, time.strftime(NAME, time.gmtime())))
+        return self._growth.path
+
+
+def size_of(path):
+    """0 also where there is none."""
+    try:
+        return os.path.getsize(path) if path else 0
+    except OSError:
+        return 0
 
 
 def unused(path):
