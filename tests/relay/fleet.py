@@ -7,6 +7,7 @@ installation would start a server: nginx, janus, prometheus, rsyslog.
 
 import base64
 import contextlib
+import functools
 import http.client
 import json
 import os
@@ -168,6 +169,13 @@ class VirtualBoard:
         self.host.stdout.close()
         end(self.host)
         shutil.rmtree(self.folder, ignore_errors=True)
+
+
+@functools.cache
+def make_picture(size):
+    """The bytes of a JPEG of WIDTHxHEIGHT."""
+    return subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", f"testsrc2=size={size}", "-frames:v", "1",
+                           "-pix_fmt", "yuvj420p", "-f", "mjpeg", "-"], capture_output=True, check=True).stdout
 
 
 def make_pictures(folder, quality, sampling="yuvj420p"):

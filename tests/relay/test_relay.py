@@ -1,12 +1,20 @@
 """The relay on two boards: pictures, one connection, what ends and what comes back."""
 
+import contextlib
+import re
+import shutil
+import socket
 import subprocess
+import tempfile
+import threading
 import time
 import unittest
+from types import SimpleNamespace
 
-from fleet import RELAY, RTSP, WEB, Fleet, Relay, Viewer, run, seconds_until, wait_until
+from fleet import RELAY, RTSP, WEB, Fleet, Relay, Viewer, make_picture, run, seconds_until, wait_until
 
 NAMES = ("board-1", "board-2")
+COUNT = 'kestrel_relay_pictures_total{board="board-1"}'
 # From the moment that a board is gone; the last picture is at most a few hundredths older.
 ENDS = 3.0
 RETURNS = 5.0
@@ -106,6 +114,85 @@ class RelayOnTwoBoards(unittest.TestCase):
         self.board.plug_cable()
 
         self.assertLess(seconds_until(lambda: self.relay.live("board-1"), "live again"), RETURNS)
+
+
+class ChangingBoard:
+    """A board that sends one picture over and over, and has one connection."""
+
+    def __init__(self):
+        self.picture = make_picture("640x480")
+        self._listener = socket.create_server(("127.0.0.1", 8329))
+        self._quit = threading.Event()
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def close(self):
+        self._quit.set()
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._thread.join()
+        self._listener.close()
+
+    def _run(self):
+        while not self._quit.is_set():
+            with contextlib.suppress(OSError):  # the listener's end, or the relay's
+                client, _ = self._listener.accept()
+                with client:
+                    client.recv(4096)
+                    client.sendall(b"HTTP/1.0 200 OK\r\n"
+                                   b"Content-Type: multipart/x-mixed-replace;boundary=boundarydonotcross\r\n\r\n")
+                    while not self._quit.wait(1 / 25):
+                        client.sendall(b"Content-Type: image/jpeg\r\nContent-Length: %d\r\n\r\n%b"
+                                       b"\r\n--boundarydonotcross\r\n" % (len(self.picture), self.picture))
+
+
+def stay(path):
+    """A connection that plays and would never leave by itself."""
+    client = socket.create_connection(("127.0.0.1", 8554), 30)
+    with client.makefile("rb") as answers:
+        session = ""
+        for number, (method, url, more) in enumerate((
+                ("DESCRIBE", f"{RTSP}/{path}", "Accept: application/sdp\r\n"),
+                ("SETUP", f"{RTSP}/{path}/stream=0", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"),
+                ("PLAY", f"{RTSP}/{path}/", ""))):
+            client.sendall(f"{method} {url} RTSP/1.0\r\nCSeq: {number}\r\n{session}{more}\r\n".encode())
+            head = "".join(iter(lambda: answers.readline().decode(), "\r\n"))
+            assert head.startswith("RTSP/1.0 200 "), head
+            length = re.search(r"^Content-Length: (\d+)", head, re.M)
+            answers.read(int(length.group(1)) if length else 0)
+            found = re.search(r"^Session: ([^;\r]+)", head, re.M)
+            session = f"Session: {found.group(1)}\r\n" if found else ""
+    return client
+
+
+class EncoderThatFails(unittest.TestCase):
+    def test_its_viewers_are_ended_and_the_next_ones_see_pictures(self):
+        board = ChangingBoard()
+        self.addCleanup(board.close)
+        folder = tempfile.mkdtemp(prefix="kestrel-relay.")
+        self.addCleanup(shutil.rmtree, folder)
+        relay = Relay(SimpleNamespace(folder=folder, boards=[SimpleNamespace(name="board-1", address="127.0.0.1")]))
+        self.addCleanup(relay.close)
+        viewer = Viewer("board-1/h264")
+        self.addCleanup(viewer.close)
+        wait_until(lambda: viewer.pictures() >= 10, "pictures come")
+        staying = stay("board-1/h264")
+        self.addCleanup(staying.close)
+
+        board.picture = make_picture("20000x16")  # too wide for H.264
+        ends = seconds_until(viewer.ended, "its stream has ended")
+        board.picture = make_picture("640x480")
+        come = relay.metrics()[COUNT]
+        wait_until(lambda: relay.metrics()[COUNT] > come + 3, "the wide ones have passed")
+        after = Viewer("board-1/h264")
+        self.addCleanup(after.close)
+
+        self.assertLess(ends, ENDS)
+        while staying.recv(65536):  # until it is closed
+            pass
+        wait_until(lambda: after.pictures() >= 25, "pictures come again")
+        self.assertEqual(1, relay.viewers("board-1", "rtsp"))
+        with open(f"{folder}/relay.out", encoding="utf-8") as file:
+            self.assertEqual(1, file.read().count("board-1: the encoder has failed: "))
 
 
 class Sampling(unittest.TestCase):

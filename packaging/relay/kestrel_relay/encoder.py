@@ -2,7 +2,7 @@
 
 import threading
 
-from .feed import Feed, Pipeline, picture_of
+from .feed import Failures, Feed, Pipeline, picture_of
 from .gst import Gst, GstVideo
 
 # Baseline, which every browser and phone decodes. A viewer that joins waits for a key frame, at most two seconds
@@ -17,8 +17,9 @@ ENCODE = ("jpegdec ! videoconvert ! video/x-raw,format=I420 ! "
 class Encoder:
     """Encodes while it has users; any thread may call."""
 
-    def __init__(self, pictures, kilobits):
+    def __init__(self, name, pictures, kilobits):
         self.feed = Feed()
+        self._failures = Failures(f"{name}: the encoder")
         self._pictures = pictures
         self._text = ENCODE.format(kilobits)
         self._lock = threading.Lock()  # guards the two below
@@ -45,11 +46,19 @@ class Encoder:
         if pipeline:
             pipeline.close()
 
+    def look(self):
+        """Whether it has failed, which ends it; to be called now and then. The next user gets a new one."""
+        with self._lock:
+            failed = self._pipeline is not None and self._failures.look(self._pipeline)
+        if failed:
+            self.end()
+        return failed
+
     def end(self):
         """The pictures have ended, and with them what the pipeline can take: whoever still was a user is none.
         A viewer's session may outlive its connection, and would keep the next one without pictures."""
-        self.feed.end()
         with self._lock:
+            self.feed.end()
             self._users.clear()
             pipeline, self._pipeline = self._pipeline, None
         if pipeline:
@@ -73,5 +82,6 @@ class Encoder:
         sample = sink.emit("pull-sample")
         if sample is None:
             return Gst.FlowReturn.EOS
+        self._failures.forget()
         self.feed.push(picture_of(sample), sample.get_caps())
         return Gst.FlowReturn.OK

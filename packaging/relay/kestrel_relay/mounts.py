@@ -2,6 +2,7 @@
 
 import logging
 import threading
+import time
 
 from .feed import SOURCE
 from .gst import GLib, GstRtsp, GstRtspServer
@@ -48,7 +49,7 @@ class Mounts:
         if self._user:
             self._server.set_auth(self._auth(config))
         self._lock = threading.Lock()  # guards the viewers
-        self._viewers = {}  # path without slash by client
+        self._viewers = {}  # by client: monotonic time of the connection, path without slash
         self._server.connect("client-connected", self._connected)
         if self._server.attach(None) == 0:
             raise OSError(f"RTSP: port {config.rtsp_port} of {config.rtsp_address} cannot be had")
@@ -63,44 +64,53 @@ class Mounts:
 
     def open(self, name, pictures, encoder):
         """The board's pictures come."""
-        points = self._server.get_mount_points()
-        for path, mount in ((f"/{name}", Mount(JPEG, pictures)),
-                            (f"/{name}/h264", Mount(H264, encoder.feed, encoder))):
-            if self._user:
-                permissions = GstRtspServer.RTSPPermissions.new()
-                for right in (GstRtspServer.RTSP_PERM_MEDIA_FACTORY_ACCESS,
-                              GstRtspServer.RTSP_PERM_MEDIA_FACTORY_CONSTRUCT):
-                    permissions.add_permission_for_role(self._user, right, True)
-                mount.set_permissions(permissions)
-            points.add_factory(path, mount)
+        self._add(name, Mount(JPEG, pictures))
+        self._add(f"{name}/h264", Mount(H264, encoder.feed, encoder))
+
+    def renew_h264(self, name, encoder):
+        """The encoder's feed has ended: its viewers are dismissed, and the next ones begin anew."""
+        self._add(f"{name}/h264", Mount(H264, encoder.feed, encoder))
+        GLib.timeout_add(GOODBYE, self._dismiss, f"{name}/h264", time.monotonic())
 
     def close(self, name):
         """They don't any more: nobody gets in, and nobody stays; the feeds have ended already."""
         points = self._server.get_mount_points()
         points.remove_factory(f"/{name}")
         points.remove_factory(f"/{name}/h264")
-        GLib.timeout_add(GOODBYE, self._dismiss, name)
+        GLib.timeout_add(GOODBYE, self._dismiss, name, time.monotonic())
 
     def viewers(self, name):
         with self._lock:
-            return sum(path.split("/")[0] == name for path in self._viewers.values())
+            return sum(path.split("/")[0] == name for _, path in self._viewers.values())
 
-    def _dismiss(self, name):
+    def _add(self, path, mount):
+        """In place of the one that is there."""
+        if self._user:
+            permissions = GstRtspServer.RTSPPermissions.new()
+            for right in (GstRtspServer.RTSP_PERM_MEDIA_FACTORY_ACCESS,
+                          GstRtspServer.RTSP_PERM_MEDIA_FACTORY_CONSTRUCT):
+                permissions.add_permission_for_role(self._user, right, True)
+            mount.set_permissions(permissions)
+        self._server.get_mount_points().add_factory(f"/{path}", mount)
+
+    def _dismiss(self, mount, ended):
+        """Those that connected before."""
         with self._lock:
-            those = [client for client, path in self._viewers.items() if path.split("/")[0] == name]
+            those = [client for client, (since, path) in self._viewers.items()
+                     if since <= ended and f"{path}/".startswith(f"{mount}/")]
         for client in those:
             client.close()
         if those:
-            logging.info("%s: %d RTSP viewers dismissed", name, len(those))
+            logging.info("%s: %d RTSP viewers dismissed", mount, len(those))
         return False
 
     def _connected(self, _server, client):
-        client.connect("setup-request", self._asked)
+        client.connect("setup-request", self._asked, time.monotonic())
         client.connect("closed", self._left)
 
-    def _asked(self, client, context):
+    def _asked(self, client, context, since):
         with self._lock:
-            self._viewers[client] = context.uri.abspath.strip("/")
+            self._viewers[client] = since, context.uri.abspath.strip("/")
 
     def _left(self, client):
         with self._lock:

@@ -19,7 +19,7 @@ class Relayed:
     def __init__(self, board, config, mounts):
         self.board = board
         self.pictures = Feed()
-        self.encoder = Encoder(self.pictures, config.h264_kilobits)
+        self.encoder = Encoder(board.name, self.pictures, config.h264_kilobits)
         self.multipart = Multipart(self.pictures)
         self.for_janus = ForJanus(self.encoder, config.janus_media_from + board.number)
         self.recorder = self._recorder(config.recording)
@@ -64,7 +64,10 @@ class Relayed:
         with self._lock:
             self.multipart.look()
             self.for_janus.look()
-        if self.recorder:
+            if self.encoder.look():
+                self.for_janus.end()
+                self._mounts.renew_h264(self.board.name, self.encoder)
+        if self.recorder and self.live:
             self.recorder.look()
 
     def _changed(self, live):
