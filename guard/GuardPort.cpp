@@ -27,23 +27,30 @@ PORT_E GuardPort::open()
 {
     const int nFd = ::open(m_strPath.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (nFd < 0) {
-        return (EBUSY == errno) ? PORT_TAKEN : PORT_MISSING; // EBUSY: TIOCEXCL
+        return fail(nFd, errno); // EBUSY: TIOCEXCL
     }
     if (0 != flock(nFd, LOCK_EX | LOCK_NB)) {
-        const bool bTaken = EWOULDBLOCK == errno;
-        ::close(nFd);
-        return bTaken ? PORT_TAKEN : PORT_MISSING;
+        return fail(nFd, (EWOULDBLOCK == errno) ? EBUSY : errno);
     }
     if (!setRawLine(nFd)) {
-        ::close(nFd);
-        return PORT_MISSING;
+        return fail(nFd, errno);
     }
     tcflush(nFd, TCIFLUSH);     // what was said to a former guard is no answer to this one
     (void)ioctl(nFd, TIOCEXCL); // keeps others out that are not root; flock keeps guards out
     m_nFd = nFd;
+    m_nError = 0;
     m_uPending = 0;
     m_bBroken = false;
     return PORT_OPEN;
+}
+
+PORT_E GuardPort::fail(int nFd, int nError)
+{
+    if (nFd >= 0) {
+        ::close(nFd);
+    }
+    m_nError = nError;
+    return (EBUSY == nError) ? PORT_TAKEN : PORT_MISSING;
 }
 
 void GuardPort::close()

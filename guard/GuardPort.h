@@ -27,6 +27,12 @@ public:
     PORT_E open();
     void close();
 
+    /** Why open() has failed; 0 behind one that has not. Taken is EBUSY. */
+    int getError() const
+    {
+        return m_nError;
+    }
+
     int getFd() const
     {
         return m_nFd;
@@ -69,8 +75,11 @@ public:
     static bool sendOff(const std::string& strPath);
 
 private:
+    PORT_E fail(int nFd, int nError);
+
     std::string m_strPath;
     int m_nFd = -1;
+    int m_nError = 0;
     std::array<char, 4096> m_acPending{};
     size_t m_uPending = 0;
     bool m_bBroken = false;

@@ -98,6 +98,7 @@ std::optional<WORKER_E> GuardWorker::begin()
     if (!m_resetPin.prepare()) {
         m_journal.write(std::string("NO RESET LINE: ") + strerror(errno));
     }
+    tellPortError();
     if (!m_configuration.bLease) {
         m_journal.write("JOBS RUN WITHOUT A LEASE");
     }
@@ -157,16 +158,22 @@ bool GuardWorker::isEnded() const
 void GuardWorker::openPort()
 {
     m_s64OpenUs = nowUs() + LOOK_AGAIN;
-    const PORT_E ePort = m_port.open();
-    if (PORT_TAKEN == ePort && !m_bTaken) {
-        m_journal.write("somebody else has the controller's port");
-    }
-    m_bTaken = PORT_TAKEN == ePort;
-    if (PORT_OPEN == ePort) {
+    if (PORT_OPEN == m_port.open()) {
         m_interlock.onPortUp(nowUs());
         m_journal.write("controller plugged in");
         keepLastPort();
     }
+    tellPortError();
+}
+
+/** Once for as long as it stays the same. */
+void GuardWorker::tellPortError()
+{
+    const int nError = m_port.getError();
+    if (0 != nError && nError != m_nPortError) {
+        m_journal.write("no controller: " + m_port.getPath() + ": " + strerror(nError));
+    }
+    m_nPortError = nError;
 }
 
 void GuardWorker::losePort()

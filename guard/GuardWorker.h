@@ -70,6 +70,7 @@ private:
     static WORKER_E refuse(WORKER_E eHow, const std::string& strText);
     bool isEnded() const;
     void openPort();
+    void tellPortError();
     void losePort();
     void keepLastPort();
     void renewTerminal();
@@ -114,7 +115,7 @@ private:
     bool m_bOrphan = false; // nobody has asked for the end
     int64_t m_s64EndUs = 0;
     bool m_bAnew = false;
-    bool m_bTaken = false;   // somebody else has the port
+    int m_nPortError = 0;    // the last that was told
     bool m_bUnread = false;  // the service has not taken an answer
     int64_t m_s64BeatUs = 0; // when the next beat is due
     int64_t m_s64OpenUs = 0; // when the port is looked for again

@@ -208,6 +208,7 @@ std::string GuardWorker::describeState() const
     json state{{"ok", true},
                {"level", getLevelName(m_interlock.getLevel())},
                {"controller", m_port.getFd() >= 0},
+               {"controller_error", nullptr},
                {"beam_seen_off", m_interlock.isBeamSeenOff()},
                {"reset_held", m_interlock.isResetHeld()},
                {"homed", m_interlock.isHomed()},
@@ -216,6 +217,9 @@ std::string GuardWorker::describeState() const
                {"line", m_interlock.getJobLine()},
                {"job", m_strJobSum},
                {"firmware", nullptr}};
+    if (0 != m_nPortError) {
+        state["controller_error"] = strerror(m_nPortError);
+    }
     if (m_interlock.isSendingFirmware()) {
         state["firmware"] = m_interlock.getFirmwareTaken();
     }

@@ -83,9 +83,11 @@ TEST(GuardPort, SecondGuardDoesNotGetIt)
     GuardPort other(terminal.path());
 
     EXPECT_EQ(PORT_TAKEN, other.open());
+    EXPECT_EQ(EBUSY, other.getError());
     EXPECT_EQ(-1, other.getFd());
     port.close();
     EXPECT_EQ(PORT_OPEN, other.open());
+    EXPECT_EQ(0, other.getError());
 }
 
 TEST(GuardPort, LockHoldsUnderAnotherNameToo)
@@ -117,8 +119,12 @@ TEST(GuardPort, MissingPortAndWhatIsNoTerminalAreMissing)
     const ScratchFolder folder;
     folder.write("file", "");
 
-    EXPECT_EQ(PORT_MISSING, GuardPort("/nonexistent").open());
-    EXPECT_EQ(PORT_MISSING, GuardPort((folder.path() / "file").string()).open());
+    GuardPort missing("/nonexistent");
+    EXPECT_EQ(PORT_MISSING, missing.open());
+    EXPECT_EQ(ENOENT, missing.getError());
+    GuardPort file((folder.path() / "file").string());
+    EXPECT_EQ(PORT_MISSING, file.open());
+    EXPECT_EQ(ENOTTY, file.getError());
 }
 
 TEST(GuardPort, BytesThatFindNoRoomWaitAndFollowInOrder)

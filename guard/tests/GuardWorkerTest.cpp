@@ -27,8 +27,12 @@ const char* const SEEN_OFF = "\"beam_seen_off\":true";
 class LoneWorker
 {
 public:
-    explicit LoneWorker(const char* pPlan = "")
+    /** @param strPlan  of failing calls; NODE in it is the controller's port */
+    explicit LoneWorker(std::string strPlan = "")
     {
+        if (const size_t uNode = strPlan.find("NODE"); std::string::npos != uNode) {
+            strPlan.replace(uNode, 4, m_controller.getNode());
+        }
         m_folder.write("guard.toml",
                        "[controller]\nport = \"" + m_controller.getNode() +
                            "\"\nlanguage = \"kestrel\"\n[service]\nlink = \"" + path("ttyACM") +
@@ -42,7 +46,9 @@ public:
         if (0 == m_nProcess) {
             signal(SIGPIPE, SIG_IGN);
             close(m_anBeat[0]);
-            (void)faultPlan(pPlan);
+            dup2(open(path("journal").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600),
+                 STDOUT_FILENO);
+            (void)faultPlan(strPlan.c_str());
             _exit(GuardWorker(m_configuration, path("last-port"), m_anBeat[1]).run());
         }
         close(m_anBeat[1]);
@@ -65,6 +71,10 @@ public:
     VirtualController& controller()
     {
         return m_controller;
+    }
+    std::string journal() const
+    {
+        return m_folder.read("journal");
     }
     size_t countCuts()
     {
@@ -141,6 +151,32 @@ TEST(GuardWorker, FailingPollHidesNothingFromIt)
     EXPECT_TRUE(seesState(client, "\"controller\":false"));
     ASSERT_EQ("ok", worker.controller().command("plug"));
     EXPECT_TRUE(seesState(client, SEEN_OFF));
+}
+
+TEST(GuardWorker, PortThatMayNotBeOpenedIsNotTakenForAMissingOne)
+{
+    LoneWorker worker("open=NODE:1-:EACCES");
+    OperatorClient client(worker.path("socket"));
+
+    EXPECT_TRUE(
+        seesState(client, "\"controller\":false,\"controller_error\":\"Permission denied\""));
+}
+
+TEST(GuardWorker, FailureToOpenThePortIsToldOnceAndOverOnceItIsOpen)
+{
+    LoneWorker worker("open=NODE:1-8:EACCES");
+    OperatorClient client(worker.path("socket"));
+    EXPECT_TRUE(seesState(client, "\"controller\":true,\"controller_error\":null"));
+
+    const std::string strLine =
+        "no controller: " + worker.controller().getNode() + ": Permission denied\n";
+    ASSERT_TRUE(eventually(
+        [&] { return std::string::npos != worker.journal().find("controller plugged in"); }));
+    const std::string strJournal = worker.journal();
+    EXPECT_NE(std::string::npos, strJournal.find(strLine));
+    EXPECT_EQ(strJournal.find(strLine), strJournal.rfind(strLine));
+    ASSERT_EQ("ok", worker.controller().command("unplug"));
+    EXPECT_TRUE(seesState(client, "\"controller_error\":\"No such file or directory\""));
 }
 
 TEST(GuardWorker, CallThatFailsAtItsStartIsNoRefusal)
