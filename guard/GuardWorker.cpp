@@ -97,6 +97,9 @@ std::optional<WORKER_E> GuardWorker::begin()
     }
     if (!m_resetPin.prepare()) {
         m_journal.write(std::string("NO RESET LINE: ") + strerror(errno));
+    } else if (m_resetPin.isHeld()) {
+        m_interlock.noteResetHeld();
+        m_journal.write("reset line is held low");
     }
     tellPortError();
     if (!m_configuration.bLease) {
@@ -291,6 +294,10 @@ void GuardWorker::serveSignal()
         m_journal.write("configuration not read anew: only in dark");
     } else if (!readConfiguration(m_configuration.strFile, configuration, strError)) {
         m_journal.write("configuration not read anew: " + strError);
+    } else if (m_interlock.isResetHeld() &&
+               configuration.strResetLine != m_configuration.strResetLine) {
+        // Nobody would let the former one go.
+        m_journal.write("configuration not read anew: the reset line is held low");
     } else {
         m_journal.write("configuration read anew");
         m_bAnew = true;

@@ -98,6 +98,12 @@ public:
      */
     WISH_E sendFirmware(const char* pImage, size_t uSize, int64_t s64NowUs);
 
+    /** The reset line was held low already when this object began. */
+    void noteResetHeld()
+    {
+        m_bResetHeld = true;
+    }
+
     /** Let the reset line go that is held low since the beam was not seen off. */
     void clearReset();
 

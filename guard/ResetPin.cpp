@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static const int STORE_MS = 400;  // the kernel takes a text at once, a busy virtual board later
@@ -46,6 +47,31 @@ bool ResetPin::hold(bool bLow) const
     }
     // An input takes no level: these words are direction and level in one step.
     return prepare() && store(m_strFolder + "/direction", bLow ? "low" : "high");
+}
+
+bool ResetPin::isHeld() const
+{
+    return isThere() && 'o' == readFirst(m_strFolder + "/direction") && // "out"
+           '0' == readFirst(m_strFile);
+}
+
+/** @return a file's first character; 0: none. A virtual board's pin is a FIFO, which tells nothing.
+ */
+char ResetPin::readFirst(const std::string& strPath)
+{
+    struct stat status
+    {
+    };
+    if (0 != stat(strPath.c_str(), &status) || !S_ISREG(status.st_mode)) {
+        return '\0';
+    }
+    const int nFd = ::open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    char cFirst = '\0';
+    const bool bRead = nFd >= 0 && 1 == ::read(nFd, &cFirst, 1);
+    if (nFd >= 0) {
+        ::close(nFd);
+    }
+    return bRead ? cFirst : '\0';
 }
 
 bool ResetPin::store(const std::string& strPath, const std::string& strText)

@@ -28,12 +28,16 @@ public:
      */
     bool prepare() const;
 
+    /** Whether it is an output that is low; false where its files do not tell. */
+    bool isHeld() const;
+
     /** Hold the line low, or drive it high, also where it was an input. @return false with errno */
     bool hold(bool bLow) const;
 
 private:
     bool awaitDirection() const;
     static bool store(const std::string& strPath, const std::string& strText);
+    static char readFirst(const std::string& strPath);
 
     std::string m_strFile;
     std::string m_strFolder; // of the pin

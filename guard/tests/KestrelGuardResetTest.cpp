@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -11,6 +13,7 @@
 #include "Eventually.h"
 #include "GuardBench.h"
 #include "ResetPin.h"
+#include "ScratchFolder.h"
 
 namespace {
 
@@ -139,4 +142,110 @@ TEST(KestrelGuardResetPin, NoneAndAMissingOneAreTold)
     EXPECT_FALSE(ResetPin("/nonexistent/gpio7/value").prepare());
     EXPECT_FALSE(ResetPin("/nonexistent/gpio7/value").hold(true));
     EXPECT_EQ(ENOENT, errno);
+}
+
+namespace {
+
+/** A pin of plain files, as the kernel shows one, that nothing is connected to. */
+class PlainPin
+{
+public:
+    explicit PlainPin(const std::string& strLevel)
+    {
+        std::filesystem::create_directory(m_folder.path() / "gpio7");
+        m_folder.write("gpio7/direction", "out\n");
+        m_folder.write("gpio7/value", strLevel + "\n");
+    }
+    std::string getPath() const
+    {
+        return (m_folder.path() / "gpio7/value").string();
+    }
+    std::string getLine() const
+    {
+        return "reset_line = \"" + getPath() + "\"\n";
+    }
+    std::string getLevel() const
+    {
+        return m_folder.read("gpio7/value");
+    }
+    void setDirection(const std::string& strDirection) const
+    {
+        m_folder.write("gpio7/direction", strDirection + "\n");
+    }
+
+private:
+    ScratchFolder m_folder;
+};
+
+bool sees(const GuardBench& bench, const std::string& strField)
+{
+    return eventually([&] {
+        OperatorClient client(bench.path("socket")); // the former one ends with its worker
+        return std::string::npos != client.ask("{\"do\":\"state\"}").find(strField);
+    });
+}
+
+const char* const HELD = "\"reset_held\":true";
+const char* const LET_GO = "\"reset_held\":false";
+
+} // namespace
+
+TEST(KestrelGuardResetAtStart, LineThatIsHeldAlreadyIsToldAndLetGo)
+{
+    const PlainPin pin("0");
+    GuardBench bench(false, {}, pin.getLine());
+
+    EXPECT_TRUE(bench.guard().waitForOutput("reset line is held low"));
+    EXPECT_TRUE(sees(bench, HELD));
+    EXPECT_EQ("0\n", pin.getLevel());
+    EXPECT_EQ("{\"ok\":true}", bench.op().ask("{\"do\":\"reset\"}"));
+    EXPECT_TRUE(sees(bench, LET_GO));
+    EXPECT_EQ("1\n", pin.getLevel());
+}
+
+TEST(KestrelGuardResetAtStart, ConfigurationReadAnewForgetsNoHeldLine)
+{
+    const PlainPin pin("1");
+    GuardBench bench(false, {}, pin.getLine());
+    ASSERT_TRUE(sees(bench, LET_GO));
+    ASSERT_EQ("ok", bench.controller().command("mute"));
+    ASSERT_EQ("{\"ok\":true}", bench.op().ask("{\"do\":\"off\"}"));
+    ASSERT_TRUE(sees(bench, HELD));
+    ASSERT_EQ("ok", bench.controller().command("unmute")); // nothing else holds it again
+    const pid_t nFormer = bench.worker();
+
+    kill(bench.guard().pid(), SIGHUP);
+
+    ASSERT_TRUE(eventually([&] { return bench.worker() > 0 && nFormer != bench.worker(); }));
+    ASSERT_TRUE(sees(bench, "\"beam_seen_off\":true"));
+    EXPECT_TRUE(sees(bench, HELD));
+    EXPECT_EQ("0\n", pin.getLevel());
+}
+
+TEST(KestrelGuardResetAtStart, HeldLineIsNotExchangedForAnother)
+{
+    const PlainPin pin("0");
+    GuardBench bench(false, {}, pin.getLine());
+    ASSERT_TRUE(sees(bench, HELD));
+    std::ofstream(bench.path("guard.toml")) << bench.configuration(false);
+
+    kill(bench.guard().pid(), SIGHUP);
+
+    EXPECT_TRUE(
+        bench.guard().waitForOutput("configuration not read anew: the reset line is held low"));
+    EXPECT_TRUE(sees(bench, HELD));
+}
+
+TEST(KestrelGuardResetPin, OnlyAnOutputThatIsLowIsHeld)
+{
+    const PlainPin low("0");
+    const PlainPin high("1");
+    const PlainPin input("0");
+    input.setDirection("in");
+
+    EXPECT_TRUE(ResetPin(low.getPath()).isHeld());
+    EXPECT_FALSE(ResetPin(high.getPath()).isHeld());
+    EXPECT_FALSE(ResetPin(input.getPath()).isHeld());
+    EXPECT_FALSE(ResetPin("").isHeld());
+    EXPECT_FALSE(ResetPin("/nonexistent/gpio7/value").isHeld());
 }
