@@ -50,6 +50,9 @@ int main(int argc, char** argv)
     addChange("stop", "End the job, beam off.", "/job/stop", SHORT_MS);
     vecCommand.push_back(std::make_unique<OffCommand>(app));
     addChange("reset", "Reset the controller, beam off.", "/reset", SHORT_MS);
+    addChange("unlock",
+              "Clear the controller's lock behind an alarm; the arm stays dark and not homed.",
+              "/unlock", SHORT_MS);
     vecCommand.push_back(std::make_unique<FirmwareCommand>(app));
     vecCommand.push_back(std::make_unique<JournalCommand>(app));
     vecCommand.push_back(std::make_unique<SupportCommand>(app));

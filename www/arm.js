@@ -100,6 +100,7 @@ export class Arm {
             "arm-resume": () => this.#station.post("/job/resume"),
             "arm-stop": () => this.#station.post("/job/stop"),
             "arm-reset": () => this.#station.post("/reset"),
+            "arm-unlock": () => this.#unlock(),
             "arm-remove": () => this.#jobs.remove(),
             "arm-again": () => this.#again(),
         };
@@ -208,6 +209,7 @@ export class Arm {
             "arm-resume": job?.status === "held",
             "arm-stop": job !== null,
             "arm-reset": guard.present === true,
+            "arm-unlock": guard.level === "dark",
             "arm-remove": job === null && this.#jobs.chosen !== "",
         };
         for (const button of document.querySelectorAll("#arm-body button")) {
@@ -267,6 +269,13 @@ export class Arm {
     async #start() {
         this.#show(await this.#jobs.start());
         element("arm-pause").focus();
+    }
+
+    /** The button goes with the alarm; the focus to one near it that does nothing while all is dark. */
+    async #unlock() {
+        this.#show(await this.#station.post("/unlock"));
+        element("arm-home").focus();
+        return "The lock is cleared. The arm is dark and not homed: raise the level, and home it.";
     }
 
     /** Choose what did not come to its end, with the line to go on at; starting it is left to a person. */

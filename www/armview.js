@@ -97,6 +97,7 @@ export class ArmView {
                 : state.missing.map(({ action }) => action),
         );
         element("arm-reset-held").hidden = !guard.reset_held;
+        element("arm-alarm").hidden = !guard.alarm;
     }
 
     #showJob(job, last, owns) {

@@ -134,6 +134,9 @@ std::string stateToText(const nlohmann::json& state)
         strText += line("arm", choose(fieldOf(guard, "homed"), "homed", "not homed"));
         strText += line("controller", choose(fieldOf(guard, "controller"), "there", "not there"));
     }
+    if (true == fieldOf(guard, "alarm")) {
+        strText += line("alarm", "it stopped the arm: \"kestrel-arm unlock\" clears the lock");
+    }
     if (true == fieldOf(guard, "reset_held")) {
         strText += line("reset line", "held: \"kestrel-arm reset\" lets it go");
     }

@@ -200,11 +200,16 @@ void Station::publish()
 void Station::onGuardEvent(const json& event)
 {
     const std::string strEvent = event.value("event", "");
-    m_u32Homed += ("homed" == strEvent) ? 1 : 0;
+    if ("homed" == strEvent) {
+        m_bAlarm = false; // first: whoever waits for the count may look then
+        ++m_u32Homed;
+    }
     m_u32Refused += ("refused" == strEvent) ? 1 : 0;
     if ("trip" == strEvent) {
+        const std::string strReason = event.value("reason", "");
         ++m_u32Trips;
-        m_trips.add(event.value("reason", ""));
+        m_trips.add(strReason);
+        m_bAlarm = m_bAlarm || "alarm" == strReason;
     }
     m_journal.add("guard", tellEvent(event));
     m_pRun->onGuardEvent(event);
@@ -223,7 +228,7 @@ json Station::describeGuard() const
     const GuardState state = m_pGuard->getState();
     json guard = {{"present", state.bPresent}};
     for (const char* const pKey : {"level", "controller", "beam_seen_off", "reset_held", "homed",
-                                   "paused", "line", "firmware"}) {
+                                   "alarm", "paused", "line", "firmware"}) {
         guard[pKey] = nullptr;
     }
     if (state.bPresent) {
@@ -232,6 +237,7 @@ json Station::describeGuard() const
         guard["beam_seen_off"] = state.bBeamSeenOff;
         guard["reset_held"] = state.bResetHeld;
         guard["homed"] = state.bHomed;
+        guard["alarm"] = m_bAlarm.load();
         guard["paused"] = state.bPaused;
         guard["line"] = state.u64Line;
     }
@@ -534,7 +540,9 @@ json Station::measure()
 void Station::unlock()
 {
     m_journal.add("operator", "unlock");
+    (void)m_pGuard->refresh(REFRESH_MS); // an alarm that was told before has been handled then
     ask("unlock");
+    m_bAlarm = false;
 }
 
 void Station::reset()

@@ -131,6 +131,7 @@ private:
     std::atomic<uint32_t> m_u32Refused{0};
     std::atomic<uint32_t> m_u32Trips{0};
     std::atomic<bool> m_bGuardSeen{false};
+    std::atomic<bool> m_bAlarm{false}; // the controller's, until it is homed or unlocked
     std::atomic<bool> m_bEnd{false};
     bool m_bDarkened = false; // the thread: no job of a former station's runs on
     uint64_t m_u64WakeMs = 0; // of the thread

@@ -68,6 +68,17 @@ TEST(StateText, StateWithoutAGuardIsToldSo)
     EXPECT_EQ("level not known: no guard, arm not known, beam not known", stateToLine(state));
 }
 
+TEST(StateText, AlarmIsToldWithWhatClearsIt)
+{
+    nlohmann::json state = {{"guard", {{"present", true}, {"alarm", true}}}};
+    const std::string strLine =
+        "alarm       it stopped the arm: \"kestrel-arm unlock\" clears the lock\n";
+
+    EXPECT_NE(std::string::npos, stateToText(state).find(strLine)) << stateToText(state);
+    state["guard"]["alarm"] = false;
+    EXPECT_EQ(std::string::npos, stateToText(state).find("alarm"));
+}
+
 TEST(StateText, AnythingElseIsNoReasonToEnd)
 {
     EXPECT_NE("", stateToText(nlohmann::json::parse("[1,2]")));

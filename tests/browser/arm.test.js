@@ -388,6 +388,27 @@ chromiumTest("in the full screen the button is there, and Escape turns the beam 
     await page.textBecomes("arm-level", /^Dark$/);
 });
 
+armTest("an alarm is told, and its lock cleared by a button", async (page) => {
+    await enter(page);
+    assert.ok(!(await page.run(() => document.getElementById("arm-unlock").checkVisibility())));
+    await home(page);
+
+    await board.command("controller alarm-now 1");
+    await page.until(() => document.getElementById("arm-unlock").checkVisibility());
+    await page.textBecomes("arm-level", /^Dark$/);
+    await page.textBecomes("arm-beam", /^Seen off$/);
+    await press(page, "arm-unlock");
+
+    await page.textBecomes("arm-status", /^The lock is cleared\. The arm is dark and not homed: /);
+    await page.until(() => !document.getElementById("arm-unlock").checkVisibility());
+    assert.equal(await page.run(() => document.activeElement.id), "arm-home");
+    assert.equal(await page.text("arm-level"), "Dark");
+    assert.equal(await page.text("arm-homed"), "Not homed");
+    const { entries } = await ask("/journal?limit=20");
+    assert.ok(entries.some(({ source, text }) => source === "operator" && text === "unlock"));
+    await home(page);
+});
+
 chromiumTest("a measurement without a plug-in says so", async (page) => {
     await enter(page);
     await home(page);

@@ -7,6 +7,7 @@ server stop      end the service; "server start" starts another one on the same 
 saved NAME       wait until the SD card has a whole picture of this name
 station COMMAND  "stop" or "kill" it, "start" it, "freeze" or "thaw" it
 guard COMMAND    "stop" or "start" it
+controller LINE  to the virtual controller, e.g. "controller alarm-now 1"
 laser 0          wait until the controller's laser is off; "laser 1": on
 arm X Y Z        wait until the arm stands there, in millimetres
 quit             end all; so does the end of the input
@@ -61,6 +62,8 @@ def obey(board, line):
         board.stop_guard()
     elif line == "guard start":
         board.start_guard()
+    elif target == "controller":
+        board.control.ask(command)
     elif target == "laser":
         wait_until(lambda: board.controller_state()["laser"] == command, line)
     elif target == "arm":

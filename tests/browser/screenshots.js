@@ -123,6 +123,17 @@ async function visitArm(board, scheme) {
         await page.textBecomes("arm-level", /^Motion$/);
         await pressArm(page, "arm-home");
         await page.textBecomes("arm-homed", /^Homed$/);
+        await board.command("controller alarm-now 1");
+        await page.until(() => document.getElementById("arm-unlock").checkVisibility());
+        await page.textBecomes("arm-beam", /^Seen off$/);
+        await take(page, name("alarm"), "arm-alarm");
+        await pressArm(page, "arm-unlock");
+        await page.textBecomes("arm-status", /^The lock is cleared/);
+        await take(page, name("unlocked"), "live");
+        await pressArm(page, "arm-motion");
+        await page.textBecomes("arm-level", /^Motion$/);
+        await pressArm(page, "arm-home");
+        await page.textBecomes("arm-homed", /^Homed$/);
         await page.run((text) => {
             const files = new DataTransfer();
             files.items.add(new File([text], "star.gcode"));

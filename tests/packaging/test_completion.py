@@ -20,7 +20,7 @@ def complete(*words):
 class Completion(unittest.TestCase):
     def test_commands_and_options_are_the_programs(self):
         self.assertEqual({"check", "firmware", "home", "jog", "journal", "level", "measure", "move", "off", "pause",
-                          "reset", "resume", "run", "status", "stop", "support", "watch"}, complete(""))
+                          "reset", "resume", "run", "status", "stop", "support", "unlock", "watch"}, complete(""))
         self.assertEqual({"check"}, complete("ch"))
         self.assertEqual({"dark", "motion"}, complete("level", ""))
         self.assertEqual({"--help", "--version", "--help-all"}, complete("--"))

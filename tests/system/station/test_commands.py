@@ -124,6 +124,25 @@ class Commands(Bench):
         self.assertIn("level motion", [each["text"] for each in
                                        json.loads(self.arm("journal", "--limit", "50", "--json"))["entries"]])
 
+    def test_lock_behind_an_alarm_is_cleared_and_nothing_else(self):
+        self.arm("level", "motion")
+        self.arm("home")
+        self.assertNotIn("alarm", self.arm("status"))
+        self.arm("unlock", status=1)
+        self.assertRegex(self.errors, "^kestrel-arm: .*level")
+        self.board.control.ask("alarm-now 1")
+        self.board.wait_for(lambda state: state["guard"]["alarm"] and state["guard"]["beam_seen_off"], "it is told")
+        self.assertRegex(self.arm("status"), r'(?m)^alarm +it stopped the arm: "kestrel-arm unlock" clears the lock$')
+
+        self.assertEqual("level dark, arm not homed, beam seen off\n", self.arm("unlock"))
+
+        wait_until(lambda: "$X" in self.board.records("rx"), "the controller is told")
+        state = json.loads(self.arm("unlock", "--json"))
+        validate(state, STATE)
+        self.assertIs(False, state["guard"]["alarm"])
+        self.arm("level", "motion")
+        self.assertEqual("level motion, arm homed, beam seen off\n", self.arm("home"))
+
     def test_refusals_are_told_with_what_to_do(self):
         self.arm("home", status=1)
         self.assertRegex(self.errors, "^kestrel-arm: The level is dark\\. ")
