@@ -146,6 +146,17 @@ async function burn(page, name, text) {
     await page.textBecomes("arm-level", /^Job$/);
 }
 
+/** Until the lease of the job that runs has been renewed so often. */
+async function renewals(count) {
+    let last = 0;
+    for (let seen = 0; seen < count; ) {
+        const left = (await ask("/state")).job.lease_left_ms;
+        seen += Number(left > last);
+        last = left;
+        await new Promise((resolve) => setTimeout(resolve, 100));
+    }
+}
+
 armTest("the panel asks for the token once, and keeps it for the tab", async (page) => {
     assert.ok(await page.run(() => document.getElementById("arm-token").checkVisibility()));
     assert.equal(await page.text("arm-level"), "Not known");
@@ -348,15 +359,6 @@ chromiumTest("a page that is loaded again keeps its job, one that is closed does
     await page.goTo(PAGE);
     await page.until(() => /^This page keeps/.test(document.getElementById("arm-owner")?.textContent));
     await page.textBecomes("arm-check", /^Passes: /); // it is chosen again
-    const renewals = async (count) => {
-        let last = 0;
-        for (let seen = 0; seen < count; ) {
-            const left = (await ask("/state")).job.lease_left_ms;
-            seen += Number(left > last);
-            last = left;
-            await new Promise((resolve) => setTimeout(resolve, 100));
-        }
-    };
     await renewals(4);
 
     await page.goTo("about:blank");
@@ -364,6 +366,61 @@ chromiumTest("a page that is loaded again keeps its job, one that is closed does
     await board.command("laser 0");
     assert.ok(Date.now() - begun < LEASE);
     await until(async () => (await ask("/state")).last_job?.result === "tripped", "the guard has ended it");
+});
+
+armTest("the browser asks before the page of a job is left, and only then", async (page) => {
+    const asks = () =>
+        page.run(() => {
+            const event = new Event("beforeunload", { cancelable: true });
+            window.dispatchEvent(event);
+            return event.defaultPrevented;
+        });
+    await enter(page);
+    await page.reach("live");
+    await home(page);
+    assert.equal(await asks(), false);
+
+    await burn(page, "long.gcode", square(20, 200));
+    assert.equal(await asks(), true);
+
+    await press(page, "arm-stop");
+    await page.textBecomes("arm-last", /^long\.gcode: stopped at line /);
+    assert.equal(await asks(), false);
+});
+
+chromiumTest("a page in the background keeps its job", async (page) => {
+    // What a browser does to a tab that is long hidden: its timers come once a minute.
+    await page.page.addInitScript(() => {
+        const { setTimeout: later, setInterval: often } = window;
+        window.setTimeout = (does, ms, ...rest) => later(does, window.isHidden ? 60000 : ms, ...rest);
+        window.setInterval = (does, ms, ...rest) => {
+            let last = performance.now();
+            return often(() => {
+                if (!window.isHidden || performance.now() - last >= 60000) {
+                    last = performance.now();
+                    does(...rest);
+                }
+            }, ms);
+        };
+    });
+    await page.goTo(PAGE);
+    await page.until(() => document.getElementById("arm-bar") !== null);
+    await enter(page);
+    await page.reach("live");
+    await home(page);
+    await burn(page, "long.gcode", square(20, 400));
+
+    await page.run(() => {
+        window.isHidden = true;
+        Object.defineProperty(document, "hidden", { get: () => true });
+        Object.defineProperty(document, "visibilityState", { get: () => "hidden" });
+        document.dispatchEvent(new Event("visibilitychange"));
+    });
+    for (const begun = Date.now(); Date.now() - begun < 2 * LEASE; ) {
+        await renewals(1);
+    }
+
+    assert.equal((await ask("/state")).job.status, "running");
 });
 
 chromiumTest("in the full screen the button is there, and Escape turns the beam off", async (page) => {
@@ -417,6 +474,39 @@ chromiumTest("a measurement without a plug-in says so", async (page) => {
 
     await page.textBecomes("arm-status", /libframe_process\.so/);
 });
+
+if (NAME === "chromium" && process.env.KESTREL_PLUGIN) {
+    armTest("the panel measures the spot, and shows the picture", async (page) => {
+        await board.command("station stop");
+        await board.command(`plugin ${process.env.KESTREL_PLUGIN}`);
+        await board.command("station start");
+        try {
+            await enter(page);
+            await page.reach("live");
+            await home(page);
+            await ask("/move", { x: -5, y: 5, z: 0, feed: 3000 });
+            await board.command("arm -5 5 0");
+            assert.ok(!(await page.run(() => document.getElementById("arm-seen").checkVisibility())));
+
+            await press(page, "arm-measure");
+            await page.textBecomes(
+                "arm-status",
+                /^Spot at 5\.0\d, -(5\.0|4\.9)\d mm\. The homed laser is -?\d+\.\d\d mm over its focus\. Focused\.$/,
+            );
+
+            const shown = await page.run(async () => {
+                const seen = document.getElementById("arm-seen");
+                await seen.decode();
+                return [seen.checkVisibility(), seen.naturalWidth, seen.naturalHeight];
+            });
+            assert.deepEqual(shown, [true, 640, 480]);
+        } finally {
+            await board.command("station stop");
+            await board.command("plugin");
+            await board.command("station start");
+        }
+    });
+}
 
 chromiumTest("the journal is told", async (page) => {
     await enter(page);

@@ -6,6 +6,7 @@ camera COMMAND   to the virtual camera, e.g. "camera freeze"; "camera unplug" le
 server stop      end the service; "server start" starts another one on the same camera
 saved NAME       wait until the SD card has a whole picture of this name
 station COMMAND  "stop" or "kill" it, "start" it, "freeze" or "thaw" it
+plugin PATH      the station's plug-in when it is started anew; without PATH: none
 guard COMMAND    "stop" or "start" it
 controller LINE  to the virtual controller, e.g. "controller alarm-now 1"
 laser 0          wait until the controller's laser is off; "laser 1": on
@@ -56,6 +57,11 @@ def obey(board, line):
         board.stop(signal.SIGKILL)
     elif line == "station start":
         board.start()
+    elif target == "plugin":
+        if os.path.lexists(board.path("libframe_process.so")):
+            os.unlink(board.path("libframe_process.so"))
+        if command:
+            os.symlink(command, board.path("libframe_process.so"))
     elif line in ("station freeze", "station thaw"):
         board.station.send_signal(signal.SIGSTOP if command == "freeze" else signal.SIGCONT)
     elif line == "guard stop":

@@ -229,6 +229,24 @@ class Crowd(unittest.TestCase):
             for client in clients:
                 client.close()
 
+    def test_every_watcher_is_told_where_as_many_watch_as_may(self):
+        with Station(camera=False) as board:
+            board.ready()
+            watchers = [Events() for _ in range(64)]
+            levels = [watcher.until(lambda name, data: name == "state")["guard"]["level"] for watcher in watchers]
+            self.assertEqual(["dark"] * 64, levels)
+
+            self.assertEqual(200, request("POST", "/level", {"level": "motion"}).status)
+            for watcher in watchers:
+                watcher.until(lambda name, data: name == "state" and data["guard"]["level"] == "motion")
+            self.assertEqual(200, request("POST", "/off", {}).status)
+            ids = [watcher.until(lambda name, data: name == "journal" and data["text"] == "beam off")["id"]
+                   for watcher in watchers]
+
+            self.assertEqual(1, len(set(ids)))
+            for watcher in watchers:
+                watcher.close()
+
     def test_more_connections_than_there_is_room_for(self):
         with Station(camera=False, guard=False, controller=False):
             clients = [send("") for _ in range(500)]

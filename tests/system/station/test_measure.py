@@ -3,6 +3,7 @@
 import hashlib
 import os
 import threading
+import time
 import unittest
 
 from harness import request as page_request
@@ -100,8 +101,8 @@ class Measuring(unittest.TestCase):
         self.assertIn("vision", [each["what"] for each in board.state()["missing"]])
         self.assertEqual("no-vision", request("POST", "/measure", {}).problem)
 
-    def test_beam_off_ends_it(self):
-        board = self.start()
+    def begin_without_pictures(self, board):
+        """A measurement that waits for its next picture. @return its thread, and a list that gets its problem"""
         problems = []
         worker = None
         while worker is None or problems:  # on a busy machine it may come too late, or find a last picture
@@ -109,16 +110,37 @@ class Measuring(unittest.TestCase):
             board.camera.ctl("thaw")
             board.wait_for(lambda state: state["camera"]["present"], "pictures come")
             board.camera.ctl("freeze")  # a picture is still taken for new for 2 s: it waits for the next one
-            worker = threading.Thread(target=lambda: problems.append(request("POST", "/measure", {}).problem))
+            worker = threading.Thread(target=lambda: problems.append(
+                request("POST", "/measure", {}, timeout=200).problem))
             worker.start()
             self.addCleanup(worker.join)
             wait_until(lambda: problems or board.state()["activity"] == "measure", "it measures")
+        return worker, problems
+
+    def test_beam_off_ends_it(self):
+        board = self.start()
+        worker, problems = self.begin_without_pictures(board)
         self.assertEqual("busy", request("POST", "/home", {}).problem)
         self.assertEqual(200, request("POST", "/off", {}).status)
         worker.join()
         self.assertEqual(["stopped"], problems)
         board.camera.ctl("thaw")
         board.wait_for(lambda state: state["activity"] is None, "it has ended")
+
+    def test_camera_that_does_not_come_back_is_told_late_and_keeps_the_arm(self):
+        board = self.start()
+        begun = time.monotonic()
+        worker, problems = self.begin_without_pictures(board)
+
+        worker.join()
+
+        self.assertEqual(["late"], problems)
+        self.assertGreaterEqual(time.monotonic() - begun, 90)
+        self.assertEqual("measure", board.state()["activity"])
+        self.assertEqual("busy", request("POST", "/home", {}).problem)
+        board.camera.ctl("thaw")
+        board.wait_for(lambda state: state["activity"] is None, "it has ended")
+        self.assertEqual(200, request("POST", "/home", {}).status)
 
     def test_without_login_nothing_is_measured(self):
         board = self.start()
