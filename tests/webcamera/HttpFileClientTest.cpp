@@ -15,26 +15,10 @@
 #include "Descriptors.h"
 #include "FakeSystem.h"
 #include "Fault.h"
+#include "HttpFileHeader.h"
 #include "SendQueueTcpClient.h"
 
 namespace {
-
-std::string header(const std::string& strType, size_t uSize)
-{
-    return "HTTP/1.0 200 OK\r\n"
-           "Connection: close\r\n"
-           "Cache-Control: no-store, no-cache, must-revalidate, pre-check=0, post-check=0, max-age=0\r\n"
-           "Expires: Mon, 3 Jan 2000 12:34:56 GMT\r\n"
-           "Content-type: " +
-           strType +
-           "\r\n"
-           "Server: MJPG-Streamer\r\n"
-           "Content-Length: " +
-           std::to_string(uSize) +
-           "\r\n"
-           "Cache-Control: no-cachePragma: no-cache\r\n"
-           "\r\n";
-}
 
 class HttpFileClientAnswer : public testing::Test
 {
@@ -141,18 +125,6 @@ TEST_F(HttpFileClientAnswer, BinaryContentIsServedByteForByte)
     EXPECT_EQ(header("image/png", 300000) + strContent, get("/f.png"));
 }
 
-TEST_F(HttpFileClientAnswer, FurtherBytesServeTheFileAgain)
-{
-    m_www.write("f.txt", "x");
-    Connection connection;
-    EXPECT_EQ(0, connection.request("GET /f.txt HTTP/1.1\r\n\r\n"));
-    m_www.write("f.txt", "yy");
-    EXPECT_EQ(0, connection.request("GET /other HTTP/1.1\r\n\r\n"));
-
-    EXPECT_EQ(header("text/plain", 1) + "x" + header("text/plain", 2) + "yy",
-              connection.receiveAll());
-}
-
 TEST_F(HttpFileClientAnswer, FifoIsRefusedWithoutBlocking)
 {
     ASSERT_EQ(0, mkfifo((m_www.path() / "f.txt").c_str(), 0666));
@@ -230,108 +202,6 @@ TEST_F(HttpFileClientAnswer, FileThatGrowsIsSentInItsFirstSize)
     m_www.write("f.png", payload(900000));
 
     EXPECT_TRUE(header("image/png", 300000) + payload(300000) == connection.receiveAll());
-}
-
-TEST_F(HttpFileClientAnswer, RepeatsAreAnsweredInOrderOneAtATime)
-{
-    const std::string strAnswer = header("image/png", 300000) + payload(300000);
-    m_www.write("f.png", payload(300000));
-    Connection connection(4096);
-    EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
-    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
-    for (int i = 0; i < 300; ++i) {
-        EXPECT_EQ(0, connection.request("x"));
-    }
-    EXPECT_EQ(u32Before, ClientMemory::getInstance().getBytes()) << "a repeat binds nothing";
-
-    std::string strGot;
-    while (strGot.size() < 4 * strAnswer.size()) {
-        const std::string strMore = connection.receive();
-        EXPECT_EQ(0, connection.writeOn());
-        EXPECT_GE(u32Before, ClientMemory::getInstance().getBytes()) << "one piece at a time";
-        strGot += strMore;
-    }
-    EXPECT_TRUE(strAnswer + strAnswer + strAnswer + strAnswer ==
-                strGot.substr(0, 4 * strAnswer.size()));
-}
-
-TEST_F(HttpFileClientAnswer, EachRepeatIsAnsweredOnce)
-{
-    const std::string strAnswer = header("image/png", 300000) + payload(300000);
-    m_www.write("f.png", payload(300000));
-    for (const int nRepeats : {1, 2, 3}) {
-        Connection connection(4096);
-        EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
-        for (int i = 0; i < nRepeats; ++i) {
-            EXPECT_EQ(0, connection.request("x"));
-        }
-
-        const std::string strGot = connection.receiveAll();
-
-        std::string strExpected = strAnswer;
-        for (int i = 0; i < nRepeats; ++i) {
-            strExpected += strAnswer;
-        }
-        EXPECT_EQ(strExpected.size(), strGot.size()) << nRepeats;
-        EXPECT_TRUE(strExpected == strGot) << nRepeats;
-    }
-}
-
-TEST_F(HttpFileClientAnswer, AnswersThatAreGoneBindNothing)
-{
-    m_www.write("f.txt", payload(100000));
-    Connection connection(4096);
-    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
-    EXPECT_EQ(0, connection.request("GET /f.txt HTTP/1.1\r\n\r\n"));
-    EXPECT_EQ(0, connection.request("x"));
-
-    (void)connection.receiveAll();
-
-    EXPECT_EQ(u32Before + 6, ClientMemory::getInstance().getBytes()) << "the path stays";
-}
-
-TEST_F(HttpFileClientAnswer, RepeatOfAFileThatHasGoneEndsTheConnection)
-{
-    const std::string strAnswer = header("image/png", 300000) + payload(300000);
-    m_www.write("f.png", payload(300000));
-    Connection connection(4096);
-    EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
-    EXPECT_EQ(0, connection.request("x"));
-    std::filesystem::remove(m_www.path() / "f.png");
-
-    std::string strGot;
-    int nResult = 0;
-    while (0 == nResult && strGot.size() <= strAnswer.size()) {
-        strGot += connection.receive();
-        nResult = connection.writeOn();
-        if (strGot.size() == strAnswer.size()) {
-            break; // all of it, and the turn behind it
-        }
-    }
-
-    EXPECT_EQ(1, nResult);
-    EXPECT_TRUE(strAnswer == strGot + connection.receive());
-}
-
-TEST_F(HttpFileClientAnswer, RepeatWithoutMemoryEndsTheConnectionBehindTheAnswer)
-{
-    const std::string strAnswer = header("image/png", 300000) + payload(300000);
-    m_www.write("f.png", payload(300000));
-    Connection connection(4096);
-    EXPECT_EQ(0, connection.request("GET /f.png HTTP/1.1\r\n\r\n"));
-    EXPECT_EQ(0, connection.request("x"));
-    FaultScope fault(("malloc=" + std::to_string(sizeof(HttpFileClient)) + ":1:ENOMEM").c_str());
-
-    std::string strGot;
-    int nResult = 0;
-    while (0 == nResult && strGot.size() <= strAnswer.size()) {
-        strGot += connection.receive();
-        nResult = connection.writeOn();
-    }
-
-    EXPECT_EQ(1U, faultHits());
-    EXPECT_EQ(1, nResult);
-    EXPECT_TRUE(strAnswer == strGot + connection.receive());
 }
 
 TEST_F(HttpFileClientAnswer, DescriptorIsClosedOnceTheFileHasBeenRead)
