@@ -110,8 +110,15 @@ TEST_F(VideoStreamProducerPace, LostCameraIsTriedOnceASecond)
     start(0);
     ASSERT_TRUE(m_consumer.waitForMore(1));
 
+    // The first frame may be late on a busy machine, and is waited for again then.
+    const Lines vecWait = waits();
+    const auto first = std::find(vecWait.begin(), vecWait.end(), SECOND);
+    ASSERT_LT(vecWait.begin(), first);
+    EXPECT_EQ(WAIT, vecWait.front());
+    EXPECT_EQ(WAIT, *(first - 1));
     // After the close and after each of the two failures, then once it is open.
-    EXPECT_EQ((Lines{WAIT, SECOND, SECOND, SECOND, "select 0.500000", WAIT}), firstWaits(6));
+    ASSERT_LE(5, vecWait.end() - first);
+    EXPECT_EQ((Lines{SECOND, SECOND, SECOND, "select 0.500000", WAIT}), Lines(first, first + 5));
 }
 
 TEST_F(VideoStreamProducerPace, CameraThatDoesNotStreamIsTriedOnceASecond)
