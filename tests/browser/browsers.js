@@ -213,7 +213,11 @@ class WebKitPage extends Page {
             join(settings, "gtk.css"),
             "* { min-width: 0; padding: 0; margin: 0 } image { -gtk-icon-transform: scale(.3) }",
         );
-        const env = { ...profile.env, NO_AT_BRIDGE: "1" };
+        const env = {
+            ...profile.env,
+            NO_AT_BRIDGE: "1",
+            GST_REGISTRY: join(tmpdir(), "kestrel-gstreamer"), // made once, not for each profile
+        };
         if (scheme === "dark") {
             env.GTK_THEME = "Adwaita:dark";
         }
