@@ -270,6 +270,17 @@ TEST(EPoll, DeliberatePauseAfterAFailedWait)
         CallJournal::lines());
 }
 
+TEST(EPoll, NoPauseFollowsAWaitThatFoundNothing)
+{
+    EPoll epoll(20);
+    const CallJournal journal("epoll_wait select");
+    errno = EBADF; // of something else
+
+    EXPECT_EQ(0, epoll.pollOnce());
+
+    EXPECT_EQ(Lines{"epoll_wait 20 1000"}, CallJournal::lines());
+}
+
 TEST(EPoll, InterruptedWaitIsRepeatedAtOnce)
 {
     EPoll epoll(20);

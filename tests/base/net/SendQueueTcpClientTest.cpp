@@ -130,6 +130,51 @@ TEST(SendQueueTcpClient, BatchThatIsCutAnywhereGoesOnWhereItWas)
     EXPECT_TRUE(client.isDrained());
 }
 
+TEST(SendQueueTcpClient, WhatWaitsIsCountedWithWhatItCosts)
+{
+    class CountingClient : public QueueClient
+    {
+    public:
+        using QueueClient::QueueClient;
+        using SendQueueTcpClient::getWaitingBytes;
+    };
+    NetPair pair;
+    CountingClient client(pair);
+    const size_t uFilled = fillUp(pair.m_near);
+    client.sendText("first"); // being sent: it waits for the kernel, not in the queue
+    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
+
+    client.send(block(std::string(1000, 'x')), 1000);
+    client.send(block(std::string(70, 'x')), 70);
+    EXPECT_EQ(1070U, client.getWaitingBytes());
+    EXPECT_EQ(u32Before + 1070 + 2 * 192, ClientMemory::getInstance().getBytes());
+
+    const void* pData = nullptr;
+    int nLength = 0;
+    EXPECT_EQ(0, client.getNextBuffer(pData, nLength));
+    EXPECT_EQ(70U, client.getWaitingBytes());
+    EXPECT_EQ(u32Before + 70 + 192, ClientMemory::getInstance().getBytes());
+
+    EXPECT_EQ(uFilled, readBytes(pair.m_far, uFilled).size());
+    ASSERT_TRUE(pair.m_near.waitWritable(Time(30, 0)));
+    EXPECT_EQ(0, client.write()); // the out event
+    EXPECT_EQ(0U, client.getWaitingBytes());
+    EXPECT_TRUE(client.isDrained());
+}
+
+TEST(SendQueueTcpClient, SendInterruptedByASignalIsRepeated)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    FaultScope fault(faultOnSend(pair, "1", EINTR).c_str());
+
+    client.sendText("data");
+
+    EXPECT_EQ(1U, faultHits());
+    EXPECT_TRUE(client.isDrained());
+    EXPECT_EQ("data", readBytes(pair.m_far, 4));
+}
+
 TEST(SendQueueTcpClient, ItemsOfNoBytesLeaveNothingCounted)
 {
     NetPair pair;

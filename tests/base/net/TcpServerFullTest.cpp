@@ -118,6 +118,24 @@ TEST(TcpServerFull, BeyondItsMostConnectionsOneMayMakeRoom)
     }
 }
 
+TEST(TcpServerFull, WhoHasNoRankMakesNoRoom)
+{
+    StepServer server(1);
+    server.listen();
+    server.m_rank = [](TcpClient&) { return 0; };
+    TcpSocket first = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    TcpSocket second = connectTo(server.getPort());
+
+    ASSERT_TRUE(eventually([&] { return 0 == server.pollOnce() && second.waitReadable(Time()); }));
+
+    EXPECT_TRUE(sawEnd(second));
+    EXPECT_TRUE(isSilent(first));
+    for (TcpSocket* pPeer : {&first, &second}) {
+        (void)pPeer->close();
+    }
+}
+
 TEST(TcpServerFull, WithoutMemoryForAClientTheConnectionIsClosed)
 {
     class ClientWithoutMemory : public TcpClient

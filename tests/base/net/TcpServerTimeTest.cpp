@@ -40,6 +40,11 @@ public:
     {
         return m_bMayRead;
     }
+    int onTurn() override
+    {
+        ++m_nTurns;
+        return m_nTurnResult;
+    }
     int getTimeLeft(uint32_t) override
     {
         return m_nLeft;
@@ -49,6 +54,8 @@ public:
     int m_nLeft = INT_MAX;
     int m_nWriteResult = 0;
     bool m_bMayRead = true;
+    int m_nTurnResult = 0;
+    int m_nTurns = 0;
     int m_nReads = 0;
     int m_nWrites = 0;
 };
@@ -114,6 +121,44 @@ TEST_F(TcpServerTime, OneArrivalIsReadOnce)
     EXPECT_EQ(0, m_server.pollOnce());
 
     EXPECT_EQ(1, m_server.m_pLast->m_nReads);
+}
+
+TEST_F(TcpServerTime, TurnThatIsAskedForComesWithTheNextPass)
+{
+    m_server.m_pLast->m_nTurnResult = 2;
+    ASSERT_EQ(1, send(m_peer.getFd(), "x", 1, 0));
+    ASSERT_TRUE(m_server.m_pLast->getSocket().waitReadable(Time(30, 0)));
+    const int nBefore = m_server.m_pLast->m_nTurns;
+
+    for (int i = 0; i < 3; ++i) { // nothing new comes
+        EXPECT_EQ(0, m_server.pollOnce());
+        EXPECT_LE(nBefore + 1 + i, m_server.m_pLast->m_nTurns);
+    }
+
+    EXPECT_EQ(0, TimedClient::s_nDeleted);
+}
+
+TEST_F(TcpServerTime, TurnThatFailsEndsTheConnection)
+{
+    for (const int nResult : {1, 3, -1}) {
+        TcpSocket peer = connectTo(m_server.getPort());
+        const TimedClient* pFormer = m_server.m_pLast;
+        ASSERT_TRUE(eventually([&] {
+            return 0 == m_server.pollOnce() && pFormer != m_server.m_pLast &&
+                   0 != m_server.m_pLast->m_nWrites;
+        }));
+        TimedClient::s_nDeleted = 0;
+        m_server.m_pLast->m_nTurnResult = nResult;
+        ASSERT_EQ(1, send(peer.getFd(), "x", 1, 0));
+        ASSERT_TRUE(m_server.m_pLast->getSocket().waitReadable(Time(30, 0)));
+
+        EXPECT_EQ(0, m_server.pollOnce());
+
+        EXPECT_EQ(1, TimedClient::s_nDeleted) << nResult;
+        EXPECT_TRUE(sawEnd(peer)) << nResult;
+        (void)peer.close();
+        m_server.m_pLast = nullptr;
+    }
 }
 
 TEST_F(TcpServerTime, WhatMayNotBeReadStaysWhereItIs)
