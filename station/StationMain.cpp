@@ -36,7 +36,7 @@ int run(const StationConfiguration& configuration, const std::string& strToken,
     Station station(configuration); // before anything listens
     ApiServer server(RequestRules(strToken, configuration.vecHost, configuration.vecOrigin));
     const StationApi api(server, station);
-    const JobApi jobs(server, station);
+    const JobApi jobs(server.getRouter(), station);
     for (const std::string& strAddress : configuration.vecAddress) {
         std::string strError;
         if (!server.listen(strAddress, configuration.nPort, strError)) {

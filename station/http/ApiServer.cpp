@@ -1,5 +1,4 @@
-// The HTTP server of the operator's interface: who may ask, and what keeps one client from the
-// others.
+// The HTTP server of the operator's interface: what keeps one client from the others.
 #include "ApiServer.h"
 
 #include <algorithm>
@@ -15,45 +14,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Log.h"
+#include "ApiProblem.h"
 #include "Time.h"
-
-static const char* const SOURCE_NAME = "station/ApiServer";
 
 static const int LOOK_MS = 500; // between two looks for connections whose time is over
 
 ApiServer::ApiServer(RequestRules rules)
-    : m_rules(std::move(rules)), m_nWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    : m_router(std::move(rules)), m_nWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-    m_router.set_payload_max_length(ApiConnection::MAX_FILE);
-    m_router.set_pre_routing_handler(
-        [this](const httplib::Request& request, httplib::Response& response) {
-            return admit(request, response);
-        });
-    m_router.set_post_routing_handler(
-        [this](const httplib::Request& request, httplib::Response& response) {
-            addHeaders(request, response);
-        });
-    m_router.set_exception_handler(
-        [](const httplib::Request&, httplib::Response& response, std::exception_ptr pException) {
-            try {
-                std::rethrow_exception(std::move(pException));
-            } catch (const ApiProblem& problem) {
-                tell(response, problem);
-            } catch (const std::exception& error) {
-                LOG(2, "%s\n", error.what());
-                tell(response, ApiProblem("internal", error.what()));
-            }
-        });
-    const httplib::Server::HandlerWithResponse complete = [](const httplib::Request&,
-                                                             httplib::Response& response) {
-        if (response.body.empty()) { // the library's own
-            tell(response, ApiProblem((413 == response.status) ? "too-large" : "bad-request",
-                                      "The request is not well-formed."));
-        }
-        return httplib::Server::HandlerResponse::Handled;
-    };
-    m_router.set_error_handler(complete);
 }
 
 ApiServer::~ApiServer()
@@ -63,29 +31,6 @@ ApiServer::~ApiServer()
         ::close(nListener);
     }
     ::close(m_nWake);
-}
-
-void ApiServer::get(const std::string& strPattern, Handler handler)
-{
-    m_vecRoute.push_back({"GET", std::regex(strPattern), false});
-    m_router.Get(strPattern, std::move(handler));
-}
-
-void ApiServer::post(const std::string& strPattern, Handler handler)
-{
-    m_vecRoute.push_back({"POST", std::regex(strPattern), false});
-    m_router.Post(strPattern, std::move(handler));
-}
-
-void ApiServer::upload(const std::string& strPattern, FileHandler handler)
-{
-    m_vecRoute.push_back({"POST", std::regex(strPattern), true});
-    m_router.Post(strPattern, std::move(handler));
-}
-
-void ApiServer::open(const std::string& strPath)
-{
-    m_vecOpen.push_back(strPath);
 }
 
 bool ApiServer::listen(const std::string& strAddress, int nPort, std::string& strError)
@@ -286,9 +231,8 @@ void ApiServer::dispatch(const std::shared_ptr<ApiConnection>& pConnection, REQU
 void ApiServer::answer(const std::shared_ptr<ApiConnection>& pConnection, bool bLast)
 {
     pConnection->begin(monotonicMs() + UPLOAD_MS);
-    bool bClosed = false;
-    const bool bAnswered = m_router.process_request(*pConnection, bLast, bClosed, nullptr);
-    if (!pConnection->end() || !bAnswered || bClosed || bLast) {
+    const bool bGoesOn = m_router.serve(*pConnection, bLast);
+    if (!pConnection->end() || !bGoesOn || bLast) {
         return;
     }
     {
@@ -311,92 +255,4 @@ void ApiServer::answerAlone(ApiConnection& connection, const char* pProblem)
     // Never waits: an answer of this size fits, or the peer does not want it.
     (void)!::send(connection.getFd(), strAnswer.data(), strAnswer.size(),
                   MSG_NOSIGNAL | MSG_DONTWAIT);
-}
-
-bool ApiServer::isFriend(const httplib::Request& request) const
-{
-    return m_rules.isOrigin(request.get_header_value("Origin"), request.get_header_value("Host"),
-                            request.local_port);
-}
-
-httplib::Server::HandlerResponse ApiServer::admit(const httplib::Request& request,
-                                                  httplib::Response& response)
-{
-    try {
-        check(request, response);
-        return ("OPTIONS" == request.method) ? httplib::Server::HandlerResponse::Handled
-                                             : httplib::Server::HandlerResponse::Unhandled;
-    } catch (const ApiProblem& problem) {
-        tell(response, problem);
-        return httplib::Server::HandlerResponse::Handled;
-    }
-}
-
-void ApiServer::check(const httplib::Request& request, httplib::Response& response) const
-{
-    if (1 != request.get_header_value_count("Host") ||
-        !m_rules.isHost(request.get_header_value("Host"))) {
-        throw ApiProblem("host",
-                         "The request is for \"" + request.get_header_value("Host") + "\".");
-    }
-    if (request.has_header("Origin") && !isFriend(request)) {
-        throw ApiProblem("origin",
-                         "The page is from \"" + request.get_header_value("Origin") + "\".");
-    }
-    if ("OPTIONS" == request.method) { // a browser asks beforehand, without the token
-        response.status = 204;
-        response.set_header("Access-Control-Allow-Methods", "GET, POST");
-        response.set_header("Access-Control-Allow-Headers",
-                            "Authorization, Content-Type, Last-Event-ID");
-        response.set_header("Access-Control-Max-Age", "600");
-        return;
-    }
-    const bool bOpen =
-        m_vecOpen.end() != std::find(m_vecOpen.begin(), m_vecOpen.end(), request.path);
-    if (!bOpen && !m_rules.isToken(request.get_header_value("Authorization"))) {
-        throw ApiProblem("unauthorized", "The request carries no token that is known.");
-    }
-    std::string strMethods;
-    bool bFile = false;
-    bool bFound = false;
-    for (const Route& route : m_vecRoute) {
-        if (std::regex_match(request.path, route.pattern)) {
-            strMethods += (strMethods.empty() ? "" : ", ") + route.strMethod;
-            bFound = bFound || route.strMethod == request.method;
-            bFile = bFile || (route.bFile && route.strMethod == request.method);
-        }
-    }
-    if (strMethods.empty()) {
-        throw ApiProblem("not-found", "There is no " + request.path + ".");
-    }
-    if (!bFound) {
-        response.set_header("Allow", strMethods);
-        throw ApiProblem("method", "It can be asked for with " + strMethods + ".");
-    }
-    if ("POST" == request.method) {
-        const std::string strType = request.get_header_value("Content-Type");
-        const std::string strWanted = bFile ? "application/octet-stream" : "application/json";
-        if (strType.substr(0, strType.find(';')) != strWanted) {
-            throw ApiProblem("media-type", "This takes " + strWanted + ".");
-        }
-    }
-}
-
-void ApiServer::addHeaders(const httplib::Request& request, httplib::Response& response) const
-{
-    response.set_header("Cache-Control", "no-store");
-    response.set_header("X-Content-Type-Options", "nosniff");
-    response.set_header("Vary", "Origin");
-    if (request.has_header("Origin") && isFriend(request)) {
-        response.set_header("Access-Control-Allow-Origin", request.get_header_value("Origin"));
-    }
-}
-
-void ApiServer::tell(httplib::Response& response, const ApiProblem& problem)
-{
-    response.status = problem.getStatus();
-    if (401 == response.status) {
-        response.set_header("WWW-Authenticate", "Bearer");
-    }
-    response.set_content(problem.getDocument(), "application/problem+json");
 }

@@ -1,19 +1,14 @@
-// The HTTP server of the operator's interface: who may ask, and what keeps one client from the
-// others.
+// The HTTP server of the operator's interface: what keeps one client from the others.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
-#include <httplib.h>
-
 #include "ApiConnection.h"
-#include "ApiProblem.h"
+#include "ApiRouter.h"
 #include "Mutex.h"
 #include "RequestRules.h"
 #include "Thread.h"
@@ -37,9 +32,6 @@ public:
     static const uint64_t PART_MS = 5000;
     static const uint64_t UPLOAD_MS = 300000; // a file of 32 MiB
 
-    using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
-    using FileHandler = httplib::Server::HandlerWithContentReader;
-
     explicit ApiServer(RequestRules rules);
     ApiServer(const ApiServer&) = delete;
     ApiServer& operator=(const ApiServer&) = delete;
@@ -47,14 +39,11 @@ public:
     /** As stop(). */
     ~ApiServer();
 
-    // What there is to ask for; before start(). Handlers run on several threads; what they throw
-    // is answered. The pattern is a regular expression for the whole path.
-    void get(const std::string& strPattern, Handler handler);
-    void post(const std::string& strPattern, Handler handler);
-    void upload(const std::string& strPattern, FileHandler handler);
-
-    /** No token is asked for at this path. */
-    void open(const std::string& strPath);
+    /** What there is to ask for; complete before start(). */
+    ApiRouter& getRouter()
+    {
+        return m_router;
+    }
 
     /** @param strError  one line, when it cannot be listened there */
     bool listen(const std::string& strAddress, int nPort, std::string& strError);
@@ -76,21 +65,6 @@ public:
     }
 
 private:
-    /** The library's server without its sockets and threads. */
-    struct Router : httplib::Server
-    {
-        Router()
-        {
-            svr_sock_ = 0; // it takes a server without one for one that ends, and ends its streams
-        }
-        using httplib::Server::process_request;
-    };
-    struct Route
-    {
-        std::string strMethod;
-        std::regex pattern;
-        bool bFile;
-    };
     /** A connection that waits for a request, or for the rest of one. */
     struct Guest
     {
@@ -108,17 +82,7 @@ private:
     void dispatch(const std::shared_ptr<ApiConnection>& pConnection, REQUEST_E eRequest);
     void answer(const std::shared_ptr<ApiConnection>& pConnection, bool bLast);
     static void answerAlone(ApiConnection& connection, const char* pProblem);
-    httplib::Server::HandlerResponse admit(const httplib::Request& request,
-                                           httplib::Response& response);
-    void check(const httplib::Request& request, httplib::Response& response) const;
-    void addHeaders(const httplib::Request& request, httplib::Response& response) const;
-    bool isFriend(const httplib::Request& request) const;
-    static void tell(httplib::Response& response, const ApiProblem& problem);
-
-    const RequestRules m_rules;
-    Router m_router;
-    std::vector<Route> m_vecRoute;
-    std::vector<std::string> m_vecOpen;
+    ApiRouter m_router;
     std::vector<int> m_vecListener;
     int m_nWake = -1; // eventfd(2): a connection has come back, or the end
     std::atomic<bool> m_bEnd{false};

@@ -2,7 +2,7 @@
 #include "JobApi.h"
 
 #include "ApiProblem.h"
-#include "ApiServer.h"
+#include "ApiRouter.h"
 #include "ApiText.h"
 #include "Station.h"
 
@@ -14,7 +14,7 @@ static std::string makePattern(const std::string& strEnd)
     return "/jobs/([A-Za-z0-9_][A-Za-z0-9._-]{0,63})" + strEnd;
 }
 
-JobApi::JobApi(ApiServer& server, Station& station) : m_server(server), m_station(station)
+JobApi::JobApi(ApiRouter& router, Station& station) : m_router(router), m_station(station)
 {
     addFiles();
     addRun();
@@ -51,34 +51,34 @@ void JobApi::addFiles()
 {
     const auto tell = [this](const std::string& strEnd,
                              json (JobStore::*pTell)(const std::string&) const) {
-        m_server.get(makePattern(strEnd),
+        m_router.get(makePattern(strEnd),
                      [this, pTell](const httplib::Request& request, httplib::Response& response) {
                          answerJson(response, (m_station.getStore().*pTell)(request.matches[1]));
                      });
     };
-    m_server.get("/jobs", [this](const httplib::Request&, httplib::Response& response) {
+    m_router.get("/jobs", [this](const httplib::Request&, httplib::Response& response) {
         answerJson(response, m_station.getStore().list());
     });
-    m_server.upload("/jobs", [this](const httplib::Request& request, httplib::Response& response,
+    m_router.upload("/jobs", [this](const httplib::Request& request, httplib::Response& response,
                                     const httplib::ContentReader& reader) {
         upload(request, response, reader);
     });
     tell("", &JobStore::get);
-    m_server.get(makePattern("/file"),
+    m_router.get(makePattern("/file"),
                  [this](const httplib::Request& request, httplib::Response& response) {
                      response.set_content(m_station.getStore().read(request.matches[1]),
                                           "application/octet-stream");
                  });
-    m_server.get(makePattern("/picture"), [this](const httplib::Request& request,
+    m_router.get(makePattern("/picture"), [this](const httplib::Request& request,
                                                  httplib::Response& response) {
         response.set_content(m_station.getStore().draw(request.matches[1]), "image/svg+xml");
     });
-    m_server.post(makePattern("/check"),
+    m_router.post(makePattern("/check"),
                   [this](const httplib::Request& request, httplib::Response& response) {
                       (void)takeBody(request);
                       answerJson(response, m_station.getStore().check(request.matches[1]));
                   });
-    m_server.post(makePattern("/remove"), [this](const httplib::Request& request,
+    m_router.post(makePattern("/remove"), [this](const httplib::Request& request,
                                                  httplib::Response& response) {
         (void)takeBody(request);
         demandIdle(request.matches[1]);
@@ -105,18 +105,18 @@ void JobApi::start(const httplib::Request& request, httplib::Response& response)
 void JobApi::addRun()
 {
     const auto change = [this](const char* pPath, void (JobRun::*pDo)()) {
-        m_server.post(pPath,
+        m_router.post(pPath,
                       [this, pDo](const httplib::Request& request, httplib::Response& response) {
                           (void)takeBody(request);
                           (m_station.getRun().*pDo)();
                           answerJson(response, m_station.describeAnew());
                       });
     };
-    m_server.post(makePattern("/start"),
+    m_router.post(makePattern("/start"),
                   [this](const httplib::Request& request, httplib::Response& response) {
                       start(request, response);
                   });
-    m_server.post("/job/lease",
+    m_router.post("/job/lease",
                   [this](const httplib::Request& request, httplib::Response& response) {
                       const json body = takeBody(request, {"lease"});
                       const json lease = body.value("lease", json());

@@ -5,16 +5,16 @@
 
 #include <httplib.h>
 
-class ApiServer;
+class ApiRouter;
 class Station;
 
-/** Tells the server its paths; lives as long as that serves. Its handlers run on several threads.
+/** Tells the router its paths; lives as long as that serves. Its handlers run on several threads.
  */
 class JobApi
 {
 public:
     /** Both are borrowed. */
-    JobApi(ApiServer& server, Station& station);
+    JobApi(ApiRouter& router, Station& station);
     JobApi(const JobApi&) = delete;
     JobApi& operator=(const JobApi&) = delete;
 
@@ -26,6 +26,6 @@ private:
     void start(const httplib::Request& request, httplib::Response& response);
     void demandIdle(const std::string& strName) const;
 
-    ApiServer& m_server;
+    ApiRouter& m_router;
     Station& m_station;
 };

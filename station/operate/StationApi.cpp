@@ -47,7 +47,8 @@ std::string makeEvent(const char* pName, const std::string& strId, const std::st
 
 } // namespace
 
-StationApi::StationApi(ApiServer& server, Station& station) : m_server(server), m_station(station)
+StationApi::StationApi(ApiServer& server, Station& station)
+    : m_server(server), m_router(server.getRouter()), m_station(station)
 {
     addState();
     addArm();
@@ -60,20 +61,20 @@ void StationApi::tellState(httplib::Response& response)
 
 void StationApi::addState()
 {
-    m_server.open("/healthz");
-    m_server.get("/healthz", [](const httplib::Request&, httplib::Response& response) {
+    m_router.open("/healthz");
+    m_router.get("/healthz", [](const httplib::Request&, httplib::Response& response) {
         answerJson(response, {{"status", "ok"}});
     });
-    m_server.get("/state", [this](const httplib::Request&, httplib::Response& response) {
+    m_router.get("/state", [this](const httplib::Request&, httplib::Response& response) {
         tellState(response);
     });
-    m_server.get("/events", [this](const httplib::Request& request, httplib::Response& response) {
+    m_router.get("/events", [this](const httplib::Request& request, httplib::Response& response) {
         watch(request, response);
     });
-    m_server.get("/metrics", [this](const httplib::Request&, httplib::Response& response) {
+    m_router.get("/metrics", [this](const httplib::Request&, httplib::Response& response) {
         tellMetrics(response);
     });
-    m_server.get("/journal", [this](const httplib::Request& request, httplib::Response& response) {
+    m_router.get("/journal", [this](const httplib::Request& request, httplib::Response& response) {
         tellJournal(request, response);
     });
 }
@@ -191,26 +192,26 @@ void StationApi::sendFirmware(const httplib::Request& request, httplib::Response
 void StationApi::addArm()
 {
     const auto change = [this](const char* pPath, void (Station::*pDo)()) {
-        m_server.post(pPath,
+        m_router.post(pPath,
                       [this, pDo](const httplib::Request& request, httplib::Response& response) {
                           (void)takeBody(request);
                           (m_station.*pDo)();
                           tellState(response);
                       });
     };
-    m_server.post("/off", [this](const httplib::Request& request, httplib::Response& response) {
+    m_router.post("/off", [this](const httplib::Request& request, httplib::Response& response) {
         (void)takeBody(request);
         m_station.turnOff();
         answerJson(response, m_station.describe()); // without another look
     });
-    m_server.upload(
+    m_router.upload(
         "/firmware",
         [this](const httplib::Request& request, httplib::Response& response,
                const httplib::ContentReader& reader) { sendFirmware(request, response, reader); });
     change("/home", &Station::home);
     change("/unlock", &Station::unlock);
     change("/reset", &Station::reset);
-    m_server.post("/level", [this](const httplib::Request& request, httplib::Response& response) {
+    m_router.post("/level", [this](const httplib::Request& request, httplib::Response& response) {
         const json body = takeBody(request, {"level"});
         const json level = body.value("level", json());
         if ("dark" != level && "motion" != level) {
@@ -219,15 +220,15 @@ void StationApi::addArm()
         m_station.setLevel(level);
         tellState(response);
     });
-    m_server.post("/move", [this](const httplib::Request& request, httplib::Response& response) {
+    m_router.post("/move", [this](const httplib::Request& request, httplib::Response& response) {
         m_station.move(takeMove(request));
         tellState(response);
     });
-    m_server.post("/measure", [this](const httplib::Request& request, httplib::Response& response) {
+    m_router.post("/measure", [this](const httplib::Request& request, httplib::Response& response) {
         (void)takeBody(request);
         answerJson(response, m_station.measure());
     });
-    m_server.get("/measure/pictures/([a-z]+)", [this](const httplib::Request& request,
+    m_router.get("/measure/pictures/([a-z]+)", [this](const httplib::Request& request,
                                                       httplib::Response& response) {
         const std::string strPicture = m_station.getMeasure().getPicture(request.matches[1]);
         if (strPicture.empty()) {
@@ -235,7 +236,7 @@ void StationApi::addArm()
         }
         response.set_content(strPicture, "image/jpeg");
     });
-    m_server.post("/jog", [this](const httplib::Request& request, httplib::Response& response) {
+    m_router.post("/jog", [this](const httplib::Request& request, httplib::Response& response) {
         m_station.jog(takeMove(request));
         tellState(response);
     });

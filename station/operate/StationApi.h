@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+class ApiRouter;
 class ApiServer;
 class Station;
 
@@ -31,5 +32,6 @@ private:
     void tellState(httplib::Response& response);
 
     ApiServer& m_server;
+    ApiRouter& m_router;
     Station& m_station;
 };
