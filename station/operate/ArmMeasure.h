@@ -12,6 +12,9 @@
 #include "VideoFrame.h"
 #include "WorkerPool.h"
 
+/** The vision plug-in, in the working directory. */
+inline constexpr const char* PLUGIN = "libframe_process.so";
+
 /**
  * The sequence runs on a thread of its own, "station-measure", because it waits for the camera
  * without limit; the arm is in use until it ends, whoever still waits for it. The pictures of the

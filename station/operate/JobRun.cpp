@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <utility>
 
 #include <fcntl.h>
@@ -20,8 +19,6 @@
 #include "WallTime.h"
 
 static const char* const PRINT_FILE = "tmp.gcode"; // the print service's name for its job
-static const char* const RECORD = "run.json";
-static const char* const NEW_RECORD = "run.json.new";
 
 static const uint64_t RECORD_MS = 1000;  // between two writings of the line
 static const uint64_t REFRESH_MS = 2000; // for the guard to be looked at
@@ -58,41 +55,14 @@ JobRun::JobRun(GuardLink& guard, const ArmTerminal& terminal, const PictureWatch
                StationJournal& journal)
     : m_guard(guard), m_terminal(terminal), m_pictures(pictures), m_journal(journal)
 {
-    readRecord();
+    const JobRecord record = JobRecord::read();
+    const MutexGuard lock(m_mtx);
+    m_last = record.last;
+    m_bInterrupted = record.bRunning;
+    m_interrupted = record.running;
 }
 
 JobRun::~JobRun() = default;
-
-void JobRun::readRecord()
-{
-    std::ifstream file(RECORD);
-    const std::string strText(std::istreambuf_iterator<char>(file), {});
-    const json record = json::parse(strText, nullptr, false);
-    if (!record.is_object() || !record.contains("last") || !record.contains("running")) {
-        return; // none yet
-    }
-    const MutexGuard guard(m_mtx);
-    m_last = record["last"];
-    if (const json& running = record["running"]; running.is_object()) {
-        m_bInterrupted = true;
-        m_interrupted.strSum = running.value("sha256", "");
-        m_interrupted.u64Skipped = running.value("skipped", uint64_t{0});
-        m_interrupted.u64Added = running.value("added", uint64_t{0});
-    }
-}
-
-/** @param pRunning  null: nothing runs */
-void JobRun::writeRecord(const json& last, const Place* pRunning)
-{
-    json running;
-    if (nullptr != pRunning) {
-        running = {{"sha256", pRunning->strSum},
-                   {"skipped", pRunning->u64Skipped},
-                   {"added", pRunning->u64Added}};
-    }
-    std::ofstream(NEW_RECORD) << json{{"last", last}, {"running", running}}.dump();
-    (void)rename(NEW_RECORD, RECORD); // else the former one stays
-}
 
 json JobRun::makeLast(const char* pResult, const std::string& strReason) const
 {
@@ -169,7 +139,7 @@ std::string JobRun::start(const RunnableJob& job, bool bUnattended,
         const MutexGuard guard(m_mtx);
         m_run = run;
         m_bInterrupted = false;
-        writeRecord(makeLast("interrupted", ""), &m_run.place);
+        JobRecord{makeLast("interrupted", ""), true, m_run.place}.write();
     }
     m_journal.add("operator",
                   "job " + run.strName + (bUnattended ? " started UNATTENDED" : " started") +
@@ -282,7 +252,7 @@ void JobRun::onGuardState(const GuardState& state)
         m_journal.add("station", "job " + m_last.value("name", "") +
                                      " was interrupted behind line " + m_last["line"].dump() +
                                      " of " + m_last["lines"].dump());
-        writeRecord(m_last, nullptr);
+        JobRecord{m_last, false, {}}.write();
     }
     if (!m_run.bThere) {
         return;
@@ -314,7 +284,7 @@ void JobRun::finish(const GuardState& state)
                                  (strReason.empty() ? "" : ": " + strReason));
     const bool bDone = m_run.bDone;
     m_run = {};
-    writeRecord(m_last, nullptr);
+    JobRecord{m_last, false, {}}.write();
     ArmUse::getInstance().change(ARM_JOB_END);
     (void)m_end.add([this, bDone] { tidyUp(bDone); }); // there is room: one job, one end
 }
@@ -352,7 +322,7 @@ void JobRun::look()
         m_run.u64SeenMs = u64NowMs;
         if (u64NowMs - m_u64RecordMs >= RECORD_MS) {
             m_u64RecordMs = u64NowMs;
-            writeRecord(makeLast("interrupted", ""), &m_run.place);
+            JobRecord{makeLast("interrupted", ""), true, m_run.place}.write();
         }
         bLost = m_run.bFollowed && !m_run.bUnattended && !m_pictures.isPresent() &&
                 (HELD_NOT == m_run.eHeld || HELD_BY_CONTROLLER == m_run.eHeld);

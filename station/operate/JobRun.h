@@ -12,6 +12,7 @@
 #include "ArmUse.h"
 #include "GuardLink.h"
 #include "JobProfile.h"
+#include "JobRecord.h"
 #include "JobStore.h"
 #include "Mutex.h"
 #include "PictureWatch.h"
@@ -69,18 +70,6 @@ private:
         HELD_BY_CAMERA,
         HELD_BY_CONTROLLER
     };
-    /** Where the lines of what the guard was given stand in the file. */
-    struct Place
-    {
-        std::string strSum;      // of what the guard was given
-        uint64_t u64Skipped = 0; // lines of the file that it does not have
-        uint64_t u64Added = 0;   // lines that stand before the rest
-
-        uint64_t toFile(uint64_t u64Line) const
-        {
-            return u64Skipped + ((u64Line > u64Added) ? u64Line - u64Added : 0);
-        }
-    };
     struct Run
     {
         bool bThere = false;
@@ -88,7 +77,7 @@ private:
         std::string strName;
         std::string strSum;
         uint64_t u64Size = 0;
-        Place place;
+        JobPlace place;
         bool bUnattended = false;
         std::string strStarted;
         std::string strLease;
@@ -108,8 +97,6 @@ private:
         }
     };
 
-    void readRecord();
-    static void writeRecord(const nlohmann::json& last, const Place* pRunning);
     nlohmann::json makeLast(const char* pResult, const std::string& strReason) const
         REQUIRES(m_mtx);
     void finish(const GuardState& state) REQUIRES(m_mtx);
@@ -127,7 +114,7 @@ private:
     Run m_run GUARDED_BY(m_mtx);
     nlohmann::json m_last GUARDED_BY(m_mtx);
     bool m_bInterrupted GUARDED_BY(m_mtx) = false; // m_last waits for what the guard knows
-    Place m_interrupted GUARDED_BY(m_mtx);         // of what it was given
+    JobPlace m_interrupted GUARDED_BY(m_mtx);      // of what it was given
     uint64_t m_u64RecordMs GUARDED_BY(m_mtx) = 0;  // when it was written
     WorkerPool m_end{"station-end", 1, 1};
 };

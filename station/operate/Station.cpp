@@ -1,19 +1,15 @@
 // The station: what of the arm is there, what goes on, and what the operator wants.
 #include "Station.h"
 
-#include <array>
-#include <cstdio>
 #include <utility>
-
-#include <sys/stat.h>
 
 #include "ApiProblem.h"
 #include "GuardProblem.h"
+#include "JournalText.h"
 #include "NoticeText.h"
 #include "PrintService.h"
 #include "Time.h"
 #include "VideoProcessor.h"
-#include "WallTime.h"
 
 static const Time STEP(0, 50000);          // between two looks of the thread
 static const uint64_t WAKE_MS = 1000;      // watchers are woken so often, to see whether they go on
@@ -23,71 +19,9 @@ static const uint64_t HOME_MS = 60000;
 static const uint64_t MEASURE_MS = 90000; // the print service waits for 68 s at most
 static const uint64_t BUSY_MS = 3000;
 
-static const char* const PLUGIN = "libframe_process.so";
-
 using nlohmann::json;
 
-namespace {
-
-const char* getUseName(ARM_USE_E eUse)
-{
-    switch (eUse) {
-    case ARM_HOME:
-        return "home";
-    case ARM_MOVE:
-        return "move";
-    case ARM_JOG:
-        return "jog";
-    case ARM_MEASURE:
-        return "measure";
-    case ARM_FREE:
-    case ARM_JOB:
-    case ARM_JOB_END:
-        break;
-    }
-    return nullptr;
-}
-
-/** The guard's notice as a line. */
-std::string tellEvent(const json& event)
-{
-    std::string strText = event.value("event", "");
-    for (const char* const pKey : {"level", "reason", "fault", "code", "detail"}) {
-        const auto value = event.find(pKey);
-        if (event.end() != value) {
-            strText += ("reason" == std::string(pKey)) ? ": " : " ";
-            strText += value->is_string() ? value->get<std::string>() : value->dump();
-        }
-    }
-    return strText;
-}
-
-/** What a measurement came to, as a line. */
-std::string tellMeasurement(const json& measurement)
-{
-    std::string strText = "measured: " + measurement["result"].get<std::string>();
-    std::array<char, 96> acText{};
-    if (const json& spot = measurement["spot"]; spot.is_object()) {
-        snprintf(acText.data(), acText.size(), ", spot at %.2f %.2f", spot["x"].get<double>(),
-                 spot["y"].get<double>());
-        strText += acText.data();
-    }
-    if (const json& height = measurement["height"]; height.is_number()) {
-        snprintf(acText.data(), acText.size(), ", height %.4f", height.get<double>());
-        strText += acText.data();
-    }
-    for (const char* const pKey : {"spot_picture", "height_picture"}) {
-        if (const json& picture = measurement[pKey]; picture.is_object()) {
-            strText += ", picture " + picture["sha256"].get<std::string>();
-        }
-    }
-    return strText;
-}
-
-} // namespace
-
-Station::Station(const StationConfiguration& configuration)
-    : m_configuration(configuration), m_strStarted(getWallTime())
+Station::Station(const StationConfiguration& configuration) : m_configuration(configuration)
 {
     readGuardConfiguration();
     m_pTerminal = std::make_unique<ArmTerminal>(m_guardConfiguration.strLink);
@@ -96,6 +30,10 @@ Station::Station(const StationConfiguration& configuration)
         [this](const GuardState& state) { onGuardState(state); });
     m_pStore = std::make_unique<JobStore>(m_strNoLimits.empty() ? &m_guardConfiguration : nullptr);
     m_pRun = std::make_unique<JobRun>(*m_pGuard, *m_pTerminal, m_pictures, m_journal);
+    m_pRestart = std::make_unique<RestartOffer>(*m_pStore, *m_pRun);
+    m_pReport = std::make_unique<StateReport>(
+        StateReport::Sources{m_guardConfiguration, m_strNoLimits, m_pictures, *m_pTerminal,
+                             *m_pGuard, *m_pRun, *m_pRestart, m_bAlarm});
     ArmUse::getInstance().setOpen(m_configuration.bOpenMeasure);
 }
 
@@ -157,7 +95,7 @@ int Station::loop()
     }
     m_pTerminal->follow(state.bPresent);
     m_pRun->look();
-    lookForRestart();
+    m_pRestart->look();
     updateReady();
     publish();
     sleepFor(STEP);
@@ -223,134 +161,15 @@ void Station::onGuardState(const GuardState& state)
     m_pRun->onGuardState(state);
 }
 
-json Station::describeGuard() const
-{
-    const GuardState state = m_pGuard->getState();
-    json guard = {{"present", state.bPresent}};
-    for (const char* const pKey : {"level", "controller", "beam_seen_off", "reset_held", "homed",
-                                   "alarm", "paused", "line", "firmware"}) {
-        guard[pKey] = nullptr;
-    }
-    if (state.bPresent) {
-        guard["level"] = state.strLevel;
-        guard["controller"] = state.bController;
-        guard["beam_seen_off"] = state.bBeamSeenOff;
-        guard["reset_held"] = state.bResetHeld;
-        guard["homed"] = state.bHomed;
-        guard["alarm"] = m_bAlarm.load();
-        guard["paused"] = state.bPaused;
-        guard["line"] = state.u64Line;
-    }
-    if (state.bPresent && state.s64Firmware >= 0) {
-        guard["firmware"] = state.s64Firmware;
-    }
-    return guard;
-}
-
-json Station::describeMissing() const
-{
-    json missing = json::array();
-    const auto add = [&missing](const char* pWhat, const std::string& strAction) {
-        missing.push_back({{"what", pWhat}, {"action", strAction}});
-    };
-    const GuardState state = m_pGuard->getState();
-    if (!m_strNoLimits.empty()) {
-        add("limits", "Complete the guard's configuration: " + m_strNoLimits);
-    }
-    if (!state.bPresent) {
-        add("guard", "Start kestrel-guard, and add the station's user to the group of its socket.");
-    } else {
-        if (!state.bController) {
-            add("controller", "Plug the motion controller in, and switch it on.");
-        }
-        if (!m_pTerminal->isOpen()) {
-            add("terminal", "Let the station's user open " + m_guardConfiguration.strLink + ".");
-        }
-    }
-    if (!m_pictures.isPresent()) {
-        add("camera", "Plug the camera in.");
-    }
-    if (!VideoProcessor::getInstance().canMeasure()) {
-        add("vision",
-            std::string("Put ") + PLUGIN + " into the station's folder, and start it anew.");
-    }
-    return missing;
-}
-
 json Station::describe() const
 {
-    const bool bPictures = m_pictures.getCount() > 0;
-    const char* const pUse = getUseName(ArmUse::getInstance().get());
-    json camera = {{"present", m_pictures.isPresent()},
-                   {"pictures", m_pictures.getCount()},
-                   {"age_ms", nullptr},
-                   {"width", nullptr},
-                   {"height", nullptr}};
-    if (bPictures) {
-        camera["age_ms"] = m_pictures.getAgeMs();
-        camera["width"] = m_pictures.getWidth();
-        camera["height"] = m_pictures.getHeight();
-    }
-    return {{"version", KESTREL_VERSION},
-            {"started", m_strStarted},
-            {"time", getWallTime()},
-            {"camera", camera},
-            {"vision",
-             {{"present", VideoProcessor::getInstance().canMeasure()},
-              {"open_to_all", ArmUse::getInstance().isOpen()}}},
-            {"guard", describeGuard()},
-            {"terminal", m_pTerminal->isOpen()},
-            {"activity", (nullptr == pUse) ? json(nullptr) : json(pUse)},
-            {"job", m_pRun->describe()},
-            {"last_job", describeLastJob()},
-            {"missing", describeMissing()}};
+    return m_pReport->describe();
 }
 
 json Station::describeAnew()
 {
     (void)m_pGuard->refresh(REFRESH_MS);
     return describe();
-}
-
-/** Whether the job that ended last can go on: once, and again when its file has changed. */
-void Station::lookForRestart()
-{
-    const json last = m_pRun->describeLast();
-    if (!last.is_object() || "done" == last["result"]) {
-        return;
-    }
-    const std::string strName = last["name"];
-    struct stat file = {};
-    (void)stat(JobStore::getPath(strName).c_str(), &file); // gone: all zero
-    const std::string strOf = last.dump();
-    const std::string strKey = strOf + std::to_string(file.st_ino) + "." +
-                               std::to_string(file.st_mtim.tv_sec) + "." +
-                               std::to_string(file.st_mtim.tv_nsec);
-    if (strKey == m_strRestartKey) {
-        return;
-    }
-    const std::string strSum = last["sha256"];
-    const size_t uThrough = last["line"];
-    const bool bBegun = m_restarts.add([this, strOf, strName, strSum, uThrough] {
-        const json restart = m_pStore->describeRestart(strName, strSum, uThrough);
-        const MutexGuard guard(m_mtxRestart);
-        m_restart = restart;
-        m_strRestartOf = strOf;
-    });
-    if (bBegun) { // else at the next look
-        m_strRestartKey = strKey;
-    }
-}
-
-/** docs/api.yaml's EndedJob, or null. */
-json Station::describeLastJob() const
-{
-    json last = m_pRun->describeLast();
-    const MutexGuard guard(m_mtxRestart);
-    if (last.is_object() && last.dump() == m_strRestartOf) {
-        last["restart"] = m_restart;
-    }
-    return last;
 }
 
 json Station::startJob(const std::string& strName, bool bUnattended, size_t uLine)

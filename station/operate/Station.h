@@ -16,12 +16,13 @@
 #include "JobRun.h"
 #include "JobStore.h"
 #include "PictureWatch.h"
+#include "RestartOffer.h"
 #include "StateBoard.h"
+#include "StateReport.h"
 #include "StationConfiguration.h"
 #include "StationJournal.h"
 #include "Thread.h"
 #include "TripCount.h"
-#include "WorkerPool.h"
 
 /**
  * Works without guard, plug-in or camera, and tells what is missing. What is asked for and not done
@@ -103,18 +104,13 @@ private:
     void onGuardState(const GuardState& state);
     void readGuardConfiguration();
     void updateReady();
-    void lookForRestart();
-    nlohmann::json describeLastJob() const;
     void publish();
-    nlohmann::json describeGuard() const;
-    nlohmann::json describeMissing() const;
     void ask(const std::string& strDo);
     void demandMotion();
     void demandTerminal();
     void judge(ArmTerminal::ANSWER_E eAnswer);
 
     const StationConfiguration m_configuration;
-    const std::string m_strStarted;
     Configuration m_guardConfiguration;
     std::string m_strNoLimits; // why the guard's configuration is of no use; empty: it is
     StationJournal m_journal;
@@ -125,6 +121,8 @@ private:
     std::unique_ptr<GuardLink> m_pGuard;
     std::unique_ptr<JobStore> m_pStore;
     std::unique_ptr<JobRun> m_pRun;
+    std::unique_ptr<RestartOffer> m_pRestart;
+    std::unique_ptr<StateReport> m_pReport;
     ArmMeasure m_measure;
     // Times that the guard told it.
     std::atomic<uint32_t> m_u32Homed{0};
@@ -136,11 +134,6 @@ private:
     bool m_bDarkened = false; // the thread: no job of a former station's runs on
     uint64_t m_u64WakeMs = 0; // of the thread
     uint64_t m_u64ToldId = 0;
-    Mutex m_mtxReady{MUTEX_TYPE_NORMAL};               // guards ArmUse's flag while it is looked at
-    std::string m_strRestartKey;                       // the thread: what was looked at last
-    mutable Mutex m_mtxRestart{MUTEX_TYPE_NORMAL};     // guards what follows; innermost
-    nlohmann::json m_restart GUARDED_BY(m_mtxRestart); // of the job that ended last
-    std::string m_strRestartOf GUARDED_BY(m_mtxRestart); // its key
-    WorkerPool m_restarts{"station-restart", 1, 1};
+    Mutex m_mtxReady{MUTEX_TYPE_NORMAL}; // guards ArmUse's flag while it is looked at
     std::unique_ptr<Thread> m_pThread;
 };
