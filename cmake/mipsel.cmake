@@ -38,6 +38,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_LIBDIR} "${TOOLCHAIN}/usr/lib/pkgconfig")
 
 # A processor without a floating-point unit; the emulator's usual one has it and would hide a fault.
 find_program(KESTREL_QEMU qemu-mipsel)

@@ -4,12 +4,13 @@ import hashlib
 import json
 import lzma
 import os
+import shlex
 import subprocess
 import tempfile
 import unittest
 import xml.etree.ElementTree as ElementTree
 
-ARM = os.environ["KESTREL_ARM"]
+ARM = shlex.split(os.environ["KESTREL_ARM"])
 
 CONFIGURATION = """
 [controller]
@@ -80,7 +81,7 @@ class Check(unittest.TestCase):
 
     def check(self, job, *options, configuration="guard.toml"):
         """Run the command; @return its status, standard output and standard error"""
-        done = subprocess.run([ARM, "check", job, "--configuration", self.path(configuration), *options],
+        done = subprocess.run([*ARM, "check", job, "--configuration", self.path(configuration), *options],
                               capture_output=True, text=True, timeout=120, check=False)
         return done.returncode, done.stdout, done.stderr
 
@@ -189,7 +190,7 @@ class Check(unittest.TestCase):
         status, _, err = self.check(job, configuration="wrong.toml")
         self.assertEqual(2, status)
         self.assertIn("unknown key limits.jerk", err)
-        done = subprocess.run([ARM, "check"], capture_output=True, timeout=60, check=False)
+        done = subprocess.run([*ARM, "check"], capture_output=True, timeout=60, check=False)
         self.assertEqual(2, done.returncode)
 
 
