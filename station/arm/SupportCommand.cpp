@@ -114,14 +114,16 @@ int SupportCommand::run()
     }
     folder.add("version-arm.txt", std::string("kestrel-arm ") + KESTREL_VERSION + "\n");
     for (const char* const pProgram : {"kestrel-guard", "kestrel-server", "kestrel-station"}) {
-        folder.addOutput(std::string("version-") + (pProgram + 8) + ".txt",
-                         {pProgram, "--version"});
+        (void)folder.addOutput(std::string("version-") + (pProgram + 8) + ".txt",
+                               {pProgram, "--version"});
     }
-    folder.addOutput("uname.txt", {"uname", "-a"});
-    folder.addOutput("dmesg.txt", {"dmesg"});
-    folder.addOutput("journal.txt",
-                     {"journalctl", "--no-pager", "-n", "5000", "-u", "kestrel-guard", "-u",
-                      "kestrel-server", "-u", "kestrel-station"});
+    (void)folder.addOutput("uname.txt", {"uname", "-a"});
+    (void)folder.addOutput("dmesg.txt", {"dmesg"});
+    if (!folder.addOutput("journal.txt",
+                          {"journalctl", "--no-pager", "-n", "5000", "-u", "kestrel-guard", "-u",
+                           "kestrel-server", "-u", "kestrel-station"})) {
+        (void)folder.addOutput("journal.txt", {"logread"}); // of a board; missed otherwise
+    }
     for (const std::string& strPath : m_vecConfiguration) {
         folder.addConfiguration(std::filesystem::path(strPath).filename().string(), strPath);
     }

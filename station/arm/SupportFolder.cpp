@@ -170,7 +170,7 @@ void SupportFolder::addFile(const std::string& strName, const std::string& strPa
     add(strName, {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()});
 }
 
-void SupportFolder::addOutput(const std::string& strName,
+bool SupportFolder::addOutput(const std::string& strName,
                               const std::vector<std::string>& vecCommand)
 {
     std::string strOutput;
@@ -182,12 +182,13 @@ void SupportFolder::addOutput(const std::string& strName,
     }
     if (0 != nError) {
         miss(strCommand, strerror(nError));
-        return;
+        return false;
     }
     add(strName, strOutput);
     if (0 != nStatus) {
         miss(strCommand, -1 == nStatus ? "took too long" : "failed; " + strName + " has its words");
     }
+    return true;
 }
 
 void SupportFolder::miss(const std::string& strWhat, const std::string& strWhy)

@@ -34,8 +34,11 @@ public:
     /** Keep the end of a file, or note that it cannot be read. */
     void addFile(const std::string& strName, const std::string& strPath);
 
-    /** Keep what a program prints within 20 seconds, or note that it cannot be run. */
-    void addOutput(const std::string& strName, const std::vector<std::string>& vecCommand);
+    /**
+     * Keep what a program prints within 20 seconds, or note that it cannot be run.
+     * @return false when it cannot
+     */
+    bool addOutput(const std::string& strName, const std::vector<std::string>& vecCommand);
 
     /** Note what is not there. */
     void miss(const std::string& strWhat, const std::string& strWhy);
