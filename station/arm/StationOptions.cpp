@@ -8,7 +8,8 @@
 
 const char* const StationOptions::DEFAULT_URL = "http://127.0.0.1:8330";
 const char* const StationOptions::DEFAULT_TOKEN = "/etc/kestrel-station.token";
-const char* const StationOptions::DEFAULT_GUARD = "/run/kestrel-guard/operator/socket";
+// A board may have no /run; on Debian /var/run leads there.
+const char* const StationOptions::DEFAULT_GUARD = "/var/run/kestrel-guard/operator/socket";
 
 StationOptions::StationOptions(CLI::App& command)
     : m_strUrl(DEFAULT_URL), m_strTokenFile(DEFAULT_TOKEN), m_strGuard(DEFAULT_GUARD)

@@ -1,8 +1,9 @@
 # The package manager's and procd's part on a board that board-root has made; to be sourced, behind expect.sh.
 # shellcheck shell=sh
 board=/mnt/board
-service=      # the one that procd runs here; it is asked for others in vain
-pid=          # of it, while it runs
+service=      # the one that procd runs here; it is asked for others in vain, save
+others=       # these, whose process numbers are in /mnt/pid.NAME
+pid=          # of the service, while it runs
 supplementary=yes # an older procd sets no such groups
 
 # Run a command in the board's root.
@@ -29,6 +30,9 @@ run_script() { # run_script FOLDER NAME: one of a package's scripts, on the boar
     rm $board/tmp/script
     procd
     return $status
+}
+pid_of() { # pid_of NAME: of a service, while it runs
+    cat "/mnt/pid.$1" 2>/dev/null || true
 }
 put_files() { # a changed configuration file stays, the package's own goes beside it
     mkdir -p /mnt/kept
@@ -76,6 +80,7 @@ remove_package() { # remove_package NAME
     grep -v '/$' "/mnt/installed/$1/list" | while read -r file; do
         rm "$board/$file"
     done
+    [ ! -e "/mnt/installed/$1/postrm" ] || run_script "/mnt/installed/$1" postrm
 }
 
 groups_of() { # the numbers of a user's groups, joined by commas
@@ -86,27 +91,32 @@ groups_of() { # the numbers of a user's groups, joined by commas
 procd() {
     [ -e $board/tmp/procd.asked ] || return 0
     while read -r asked of; do
-        [ "$of" = "$service" ] || continue
-        if [ -n "$pid" ]; then
-            kill "$pid" 2>/dev/null || true
-            wait "$pid" 2>/dev/null || true
-            pid=
+        case " $service $others " in *" $of "*) ;; *) continue ;; esac
+        if [ -n "$(pid_of "$of")" ]; then
+            kill "$(pid_of "$of")" 2>/dev/null || true
+            wait "$(pid_of "$of")" 2>/dev/null || true
+            rm "/mnt/pid.$of"
         fi
         [ "$asked" = start ] || continue
-        declared=$board/tmp/procd/$service
-        user=$(cat "$declared/user")
-        owner=$(sed -n "s/^$user:x:\([0-9]*:[0-9]*\):.*/\1/p" $board/etc/passwd)
+        declared=$board/tmp/procd/$of
+        owner=0:0
         groups=
-        [ -z "$supplementary" ] || groups=$(groups_of "$user")
+        if [ -e "$declared/user" ]; then
+            user=$(cat "$declared/user")
+            owner=$(sed -n "s/^$user:x:\([0-9]*:[0-9]*\):.*/\1/p" $board/etc/passwd)
+            [ -z "$supplementary" ] || groups=$(groups_of "$user")
+        fi
         preload=
         [ "$(cat "$declared/stdout")" != 1 ] || preload=/lib/libsetlbf.so
         # shellcheck disable=SC2046 # its words
         env -i PATH=/bin:/sbin:/usr/bin:/usr/sbin QEMU_CPU="$QEMU_CPU" LD_PRELOAD=$preload \
             "$(command -v chroot)" --userspec="$owner" --groups="$groups" $board \
             $(cat "$declared/command") >>/tmp/output 2>&1 &
-        pid=$!
+        echo $! >"/mnt/pid.$of"
     done <$board/tmp/procd.asked
     rm $board/tmp/procd.asked
+    # shellcheck disable=SC2034 # the test's
+    pid=$(pid_of "$service")
 }
 
 # The board's own files for packages and services. LIBRARIES: the build folder of the library that procd preloads
