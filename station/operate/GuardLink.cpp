@@ -30,6 +30,10 @@ GuardState takeState(const json& answer)
     state.bHeld = answer.value("held", false);
     state.u64Line = answer.value("line", uint64_t{0});
     state.strJob = answer.value("job", "");
+    const auto error = answer.find("controller_error");
+    if (answer.end() != error && error->is_string()) {
+        state.strPortError = error->get<std::string>();
+    }
     const auto firmware = answer.find("firmware");
     if (answer.end() != firmware && firmware->is_number_unsigned()) {
         state.s64Firmware = firmware->get<int64_t>();

@@ -20,6 +20,7 @@ struct GuardState
     bool bPresent = false;
     std::string strLevel;
     bool bController = false;
+    std::string strPortError; // why the controller's port cannot be opened, or nothing
     bool bBeamSeenOff = false;
     bool bResetHeld = false;
     bool bHomed = false;

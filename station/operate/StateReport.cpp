@@ -78,7 +78,10 @@ json StateReport::describeMissing() const
         add("guard", "Start kestrel-guard, and add the station's user to the group of its socket.");
     } else {
         if (!state.bController) {
-            add("controller", "Plug the motion controller in, and switch it on.");
+            add("controller", "Plug the motion controller in, and switch it on." +
+                                  (state.strPortError.empty()
+                                       ? ""
+                                       : " The guard cannot open it: " + state.strPortError + "."));
         }
         if (!m_sources.terminal.isOpen()) {
             add("terminal",

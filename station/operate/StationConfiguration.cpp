@@ -96,8 +96,8 @@ bool readStationConfiguration(const std::string& strPath, StationConfiguration& 
 
 bool readToken(const std::string& strPath, std::string& strToken, std::string& strError)
 {
-    std::ifstream file(strPath);
     errno = 0;
+    std::ifstream file(strPath);
     if (!std::getline(file, strToken)) {
         strError = strPath + ": " + ((0 != errno) ? strerror(errno) : "no token in it");
         return false;

@@ -98,4 +98,5 @@ TEST(StationConfiguration, TokenIsALineOfSixteenCharacters)
         EXPECT_FALSE(readToken("token", strToken, strError)) << pWrong;
     }
     EXPECT_FALSE(readToken("none", strToken, strError));
+    EXPECT_EQ("none: No such file or directory", strError);
 }

@@ -10,7 +10,7 @@ from controller import Controller
 from harness import Camera, LiveStream, Server, request, wait_until
 
 PLUGIN = os.environ["KESTREL_PLUGIN"]
-IN_FOCUS = 0.1  # mm
+IN_FOCUS = 0.1 + 1e-9  # mm, and what decimal steps lack in binary
 
 
 class Focus(unittest.TestCase):

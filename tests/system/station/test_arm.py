@@ -189,8 +189,11 @@ class ComingAndGoing(unittest.TestCase):
     def test_guard_and_controller_come_later_and_again(self):
         with Station(guard=False, controller=False) as board:
             board.start_guard()
-            board.wait_for(lambda state: state["terminal"] and state["guard"]["controller"] is False,
-                           "the guard is there")
+            state = board.wait_for(lambda state: state["terminal"] and state["guard"]["controller"] is False,
+                                   "the guard is there")
+            self.assertIn("Plug the motion controller in, and switch it on. "
+                          "The guard cannot open it: No such file or directory.",
+                          [each["action"] for each in state["missing"]])
             board.start_controller()
             board.ready()
             board.stop_guard()

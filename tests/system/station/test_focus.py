@@ -7,7 +7,7 @@ from harness import wait_until
 from station import Station, request
 
 PLUGIN = os.environ["KESTREL_PLUGIN"]
-IN_FOCUS = 0.1  # mm
+IN_FOCUS = 0.1 + 1e-9  # mm, and what decimal steps lack in binary
 
 
 class Focus(unittest.TestCase):
