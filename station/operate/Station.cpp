@@ -180,14 +180,14 @@ json Station::startJob(const std::string& strName, bool bUnattended, size_t uLin
 }
 
 /** Behind a reset the guard asks the controller for its settings, and is busy for a moment. */
-void Station::ask(const std::string& strDo)
+void Station::ask(const json& request, int nFile)
 {
-    GuardLink::Answer answer = m_pGuard->ask({{"do", strDo}});
+    GuardLink::Answer answer = m_pGuard->ask(request, nFile);
     const uint64_t u64EndMs = monotonicMs() + BUSY_MS;
     while (GuardLink::Answer::REFUSED == answer.eResult &&
            getWishText(WISH_BUSY) == answer.strError && monotonicMs() < u64EndMs && !m_bEnd) {
         sleepFor(STEP);
-        answer = m_pGuard->ask({{"do", strDo}});
+        answer = m_pGuard->ask(request, nFile);
     }
     demandDone(answer);
 }
@@ -208,7 +208,7 @@ void Station::setLevel(const std::string& strLevel)
         return;
     }
     m_journal.add("operator", "level " + strLevel);
-    ask(strLevel);
+    ask({{"do", strLevel}});
     (void)m_pGuard->refresh(REFRESH_MS);
     updateReady();
 }
@@ -241,7 +241,7 @@ void Station::home()
     }
     const uint32_t u32Homed = m_u32Homed;
     m_journal.add("operator", "home");
-    ask("home");
+    ask({{"do", "home"}});
     const uint64_t u64EndMs = monotonicMs() + HOME_MS;
     while (m_u32Homed == u32Homed) {
         const GuardState state = m_pGuard->refresh(REFRESH_MS);
@@ -360,7 +360,7 @@ void Station::unlock()
 {
     m_journal.add("operator", "unlock");
     (void)m_pGuard->refresh(REFRESH_MS); // an alarm that was told before has been handled then
-    ask("unlock");
+    ask({{"do", "unlock"}});
     m_bAlarm = false;
 }
 
@@ -376,5 +376,5 @@ void Station::reset()
 void Station::sendFirmware(int nFile, uint64_t u64Size, const std::string& strSum)
 {
     m_journal.add("operator", "firmware, " + std::to_string(u64Size) + " bytes, SHA-256 " + strSum);
-    demandDone(m_pGuard->ask({{"do", "firmware"}, {"size", u64Size}, {"sha256", strSum}}, nFile));
+    ask({{"do", "firmware"}, {"size", u64Size}, {"sha256", strSum}}, nFile);
 }

@@ -105,7 +105,7 @@ private:
     void readGuardConfiguration();
     void updateReady();
     void publish();
-    void ask(const std::string& strDo);
+    void ask(const nlohmann::json& request, int nFile = -1);
     void demandMotion();
     void demandTerminal();
     void judge(ArmTerminal::ANSWER_E eAnswer);
