@@ -8,12 +8,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,6 +33,11 @@ int64_t GuardParent::nowMs()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+GuardParent::~GuardParent()
+{
+    dropPort();
+}
+
 int GuardParent::run(const std::function<int(int)>& worker)
 {
     sigset_t signals;
@@ -41,7 +48,8 @@ int GuardParent::run(const std::function<int(int)>& worker)
     sigprocmask(SIG_BLOCK, &signals, nullptr); // the worker's, too
     const int nSignalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     int anBeat[2] = {-1, -1};
-    if (nSignalFd < 0 || 0 != pipe2(anBeat, O_CLOEXEC | O_NONBLOCK)) {
+    if (nSignalFd < 0 ||
+        0 != socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, anBeat)) {
         const int nError = errno;
         return turnOff(nError);
     }
@@ -78,7 +86,8 @@ void GuardParent::watch(pid_t nWorker, int nBeatFd, int nSignalFd)
     int64_t s64EndMs = nowMs() + SILENCE_MS;
     for (;;) {
         const int64_t s64LeftMs = s64EndMs - nowMs();
-        std::array<pollfd, 2> aPoll{{{nBeatFd, POLLIN, 0}, {nSignalFd, POLLIN, 0}}};
+        std::array<pollfd, 3> aPoll{
+            {{nBeatFd, POLLIN, 0}, {nSignalFd, POLLIN, 0}, {m_nPortFd, 0, 0}}};
         const int nReady =
             poll(aPoll.data(), aPoll.size(), static_cast<int>((s64LeftMs > 0) ? s64LeftMs : 0));
         if ((nReady < 0 && EINTR != errno) || (nReady <= 0 && s64LeftMs <= 0)) {
@@ -91,16 +100,48 @@ void GuardParent::watch(pid_t nWorker, int nBeatFd, int nSignalFd)
             m_nEndSignal = (SIGHUP == nSignal) ? m_nEndSignal : nSignal;
             kill(nWorker, nSignal);
         }
+        if (nReady > 0 && 0 != aPoll[2].revents) {
+            dropPort(); // pulled: held on to, it would come back under another number
+        }
         if (nReady > 0 && 0 != aPoll[0].revents) {
-            std::array<char, 64> acBeat{};
-            const ssize_t nRead = read(nBeatFd, acBeat.data(), acBeat.size());
-            if (nRead <= 0 && !(nRead < 0 && EINTR == errno)) {
+            if (!takeBeats(nBeatFd)) {
                 return; // the worker has ended
             }
             s64EndMs = nowMs() + SILENCE_MS;
             notify(bReady ? "WATCHDOG=1" : "READY=1");
             bReady = true;
         }
+    }
+}
+
+/** @return false: nothing comes any more */
+bool GuardParent::takeBeats(int nBeatFd)
+{
+    std::array<char, 64> acBeat{};
+    iovec piece{acBeat.data(), acBeat.size()};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> acControl{};
+    msghdr message{};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    message.msg_control = acControl.data();
+    message.msg_controllen = acControl.size();
+    const ssize_t nRead = recvmsg(nBeatFd, &message, MSG_CMSG_CLOEXEC);
+    if (nRead <= 0) {
+        return nRead < 0 && EINTR == errno;
+    }
+    const cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
+    if (nullptr != pHeader && SOL_SOCKET == pHeader->cmsg_level &&
+        SCM_RIGHTS == pHeader->cmsg_type && CMSG_LEN(sizeof(int)) == pHeader->cmsg_len) {
+        dropPort();
+        memcpy(&m_nPortFd, CMSG_DATA(pHeader), sizeof(m_nPortFd));
+    }
+    return true;
+}
+
+void GuardParent::dropPort()
+{
+    if (m_nPortFd >= 0) {
+        close(std::exchange(m_nPortFd, -1));
     }
 }
 
@@ -115,9 +156,11 @@ bool GuardParent::waitForEnd(pid_t nWorker, int nMs, int& nStatus)
     return false;
 }
 
-int GuardParent::turnOff(int nError) const
+int GuardParent::turnOff(int nError)
 {
-    const bool bSent = GuardPort::sendOff(m_strPort);
+    bool bSent = m_nPortFd >= 0 && GuardPort::sendOff(m_nPortFd);
+    dropPort();
+    bSent = bSent || GuardPort::sendOff(m_strPort);
     const int nSendError = errno;
     const bool bHeld = !bSent && m_resetPin.isThere() && m_resetPin.hold(true);
     const int nHoldError = errno;

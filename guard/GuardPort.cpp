@@ -56,7 +56,10 @@ PORT_E GuardPort::fail(int nFd, int nError)
 void GuardPort::close()
 {
     if (m_nFd >= 0) {
-        (void)ioctl(m_nFd, TIOCNXCL); // a pseudo terminal keeps it as long as its other end is open
+        // Both last longer than this descriptor: the parent has one of the same opening, and a
+        // pseudo terminal keeps TIOCEXCL as long as its other end is open.
+        (void)ioctl(m_nFd, TIOCNXCL);
+        (void)flock(m_nFd, LOCK_UN);
         ::close(std::exchange(m_nFd, -1));
     }
     m_uPending = 0;
@@ -114,6 +117,15 @@ bool GuardPort::sendOff(const std::string& strPath)
     if (nFd < 0) {
         return false;
     }
+    const bool bSent = sendOff(nFd);
+    const int nError = errno;
+    ::close(nFd);
+    errno = nError;
+    return bSent;
+}
+
+bool GuardPort::sendOff(int nFd)
+{
     (void)setRawLine(nFd);    // as good as it goes
     (void)tcflow(nFd, TCOON); // somebody may have stopped it
     tcflush(nFd, TCOFLUSH);
@@ -128,7 +140,6 @@ bool GuardPort::sendOff(const std::string& strPath)
     for (int n = 0; n < 200 && nLeft > 0 && 0 == ioctl(nFd, TIOCOUTQ, &nLeft) && nLeft > 0; ++n) {
         poll(nullptr, 0, 1);
     }
-    ::close(nFd);
     errno = nError;
     return bSent;
 }

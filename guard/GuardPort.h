@@ -73,6 +73,8 @@ public:
      * @return false when the port could not be opened or did not take it; errno tells why
      */
     static bool sendOff(const std::string& strPath);
+    /** The same on a port that is open: whoever has no right to open one that is taken can. */
+    static bool sendOff(int nFd);
 
 private:
     PORT_E fail(int nFd, int nError);

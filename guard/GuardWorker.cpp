@@ -13,6 +13,8 @@
 
 #include <fcntl.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "GrblLanguage.h"
@@ -73,6 +75,7 @@ std::optional<WORKER_E> GuardWorker::begin()
         return refuse(WORKER_REFUSED, "another guard has " + m_port.getPath());
     }
     if (PORT_OPEN == ePort) { // first of all
+        showPort();
         m_interlock.onPortUp(nowUs());
         keepLastPort();
     }
@@ -162,6 +165,7 @@ void GuardWorker::openPort()
 {
     m_s64OpenUs = nowUs() + LOOK_AGAIN;
     if (PORT_OPEN == m_port.open()) {
+        showPort();
         m_interlock.onPortUp(nowUs());
         m_journal.write("controller plugged in");
         keepLastPort();
@@ -318,11 +322,43 @@ void GuardWorker::beat()
         return;
     }
     m_s64BeatUs = s64NowUs + BEAT;
-    if (write(m_nBeatFd, "b", 1) < 0 && EPIPE == errno && !m_bEnding) { // full: it is stopped
+    const bool bPort = !m_bShown && m_port.getFd() >= 0;
+    const bool bSent = sendBeat(bPort);
+    m_bShown = m_bShown || (bPort && bSent);
+    if (!bSent && EPIPE == errno && !m_bEnding) { // full: it is stopped
         m_journal.write("the parent is gone");
         m_bOrphan = true;
         end();
     }
+}
+
+/** @param bPort  with the port's descriptor */
+bool GuardWorker::sendBeat(bool bPort) const
+{
+    char cBeat = 'b';
+    iovec piece{&cBeat, 1};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> acControl{};
+    msghdr message{};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    if (bPort) {
+        message.msg_control = acControl.data();
+        message.msg_controllen = acControl.size();
+        cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
+        pHeader->cmsg_level = SOL_SOCKET;
+        pHeader->cmsg_type = SCM_RIGHTS;
+        pHeader->cmsg_len = CMSG_LEN(sizeof(int));
+        const int nPort = m_port.getFd();
+        memcpy(CMSG_DATA(pHeader), &nPort, sizeof(nPort));
+    }
+    return 1 == sendmsg(m_nBeatFd, &message, MSG_NOSIGNAL);
+}
+
+/** With the next beat, which is due now. */
+void GuardWorker::showPort()
+{
+    m_bShown = false;
+    m_s64BeatUs = 0;
 }
 
 void GuardWorker::toController(const char* pBytes, size_t uLength)

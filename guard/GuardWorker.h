@@ -43,7 +43,8 @@ public:
     GuardWorker& operator=(const GuardWorker&) = delete;
     ~GuardWorker() override;
 
-    /** Works until a signal ends it. Writes a byte to the beat's descriptor every 200 ms. */
+    /** Works until a signal ends it. Sends a byte to the beat's socket every 200 ms, and with one
+     * the port that it has opened. */
     WORKER_E run();
 
     void toController(const char* pBytes, size_t uLength) override;
@@ -80,6 +81,8 @@ private:
     void serveSignal();
     void end();
     void beat();
+    bool sendBeat(bool bPort) const;
+    void showPort();
     int64_t getWaitMs() const;
 
     // The operator's requests.
@@ -118,6 +121,7 @@ private:
     int m_nPortError = 0;    // the last that was told
     bool m_bUnread = false;  // the service has not taken an answer
     int64_t m_s64BeatUs = 0; // when the next beat is due
+    bool m_bShown = true;    // the parent has the port
     int64_t m_s64OpenUs = 0; // when the port is looked for again
     int64_t m_s64TerminalUs = 0;
 };

@@ -6,14 +6,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <string>
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "Eventually.h"
 #include "ScratchFolder.h"
 #include "TestTerminal.h"
 
@@ -54,6 +58,39 @@ void beat(int nFd)
     (void)!write(nFd, "b", 1);
 }
 
+/** A beat with a descriptor. */
+void show(int nFd, int nShown)
+{
+    char cBeat = 'b';
+    iovec piece{&cBeat, 1};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> acControl{};
+    msghdr message{};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    message.msg_control = acControl.data();
+    message.msg_controllen = acControl.size();
+    cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
+    pHeader->cmsg_level = SOL_SOCKET;
+    pHeader->cmsg_type = SCM_RIGHTS;
+    pHeader->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(pHeader), &nShown, sizeof(nShown));
+    (void)sendmsg(nFd, &message, 0);
+}
+
+/** Whether the worker's parent has this file open. */
+bool parentHas(const std::string& strPath)
+{
+    const std::string strFolder = "/proc/" + std::to_string(getppid()) + "/fd";
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(strFolder, error)) {
+        // A terminal that was hung up is told as deleted.
+        if (0 == std::filesystem::read_symlink(entry, error).string().find(strPath)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 TEST_F(GuardParentWatch, WorkerThatEndsInOrderKeepsItsStatus)
@@ -85,6 +122,42 @@ TEST_F(GuardParentWatch, WorkerThatIsKilledIsFollowedByBeamOff)
 
     ASSERT_TRUE(m_terminal.wait());
     EXPECT_EQ("\x18", m_terminal.read());
+}
+
+TEST_F(GuardParentWatch, BeamOffTakesThePortThatTheWorkerHasShown)
+{
+    TestTerminal former;
+    const auto worker = [&](int nFd) {
+        show(nFd, open(former.path().c_str(), O_RDWR | O_NOCTTY));
+        show(nFd, open(m_terminal.path().c_str(), O_RDWR | O_NOCTTY));
+        raise(SIGKILL);
+        return 0;
+    };
+
+    EXPECT_EQ(1, GuardParent("/nonexistent", "").run(worker));
+
+    ASSERT_TRUE(m_terminal.wait());
+    EXPECT_EQ("\x18", m_terminal.read());
+    EXPECT_EQ("", former.read());
+}
+
+TEST_F(GuardParentWatch, PulledPortIsLetGo)
+{
+    const int nStatus = run([](int nFd) {
+        TestTerminal pulled;
+        const int nPort = open(pulled.path().c_str(), O_RDWR | O_NOCTTY);
+        show(nFd, nPort);
+        close(nPort);
+        const bool bHeld = eventually([&] { return parentHas(pulled.path()); });
+        pulled.hangUp();
+        const bool bLetGo = eventually([&] {
+            beat(nFd);
+            return !parentHas(pulled.path());
+        });
+        return (bHeld && bLetGo) ? 0 : 2;
+    });
+
+    EXPECT_EQ(0, nStatus);
 }
 
 TEST_F(GuardParentWatch, WorkerThatMissesABeatIsKilledAndFollowedByBeamOff)

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -211,6 +212,7 @@ TEST(GuardPort, OffIsSentWhateverTheLineIsLike)
     ASSERT_EQ(0, tcsetattr(port.getFd(), TCSANOW, &attr));
     ASSERT_EQ(0, tcflow(port.getFd(), TCOOFF));
 
+    (void)ioctl(port.getFd(), (0 == geteuid()) ? TIOCEXCL : TIOCNXCL); // root passes it
     ASSERT_TRUE(GuardPort::sendOff(terminal.path()));
 
     std::string strTaken;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,7 +42,8 @@ public:
                            "power = 1\nacceleration = 1\n");
         std::string strError;
         EXPECT_TRUE(readConfiguration(path("guard.toml"), m_configuration, strError)) << strError;
-        EXPECT_EQ(0, pipe2(m_anBeat.data(), O_CLOEXEC | O_NONBLOCK));
+        EXPECT_EQ(
+            0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, m_anBeat.data()));
         m_nProcess = fork();
         if (0 == m_nProcess) {
             signal(SIGPIPE, SIG_IGN);
