@@ -273,7 +273,7 @@ class Firewall(unittest.TestCase):
         self.assertTrue(self.reaches(8329))
         self.assertTrue(self.reaches(8001))
 
-        run("nft", "-f", f"{RECIPE}/kestrel-server.nft")
+        run("/usr/sbin/nft", "-f", f"{RECIPE}/kestrel-server.nft")
         self.addCleanup(run, "nft", "delete", "table", "inet", "kestrel_server")
 
         self.assertFalse(self.reaches(8329, patience=2))
