@@ -274,7 +274,7 @@ class Firewall(unittest.TestCase):
         self.assertTrue(self.reaches(8001))
 
         run("/usr/sbin/nft", "-f", f"{RECIPE}/kestrel-server.nft")
-        self.addCleanup(run, "nft", "delete", "table", "inet", "kestrel_server")
+        self.addCleanup(run, "/usr/sbin/nft", "delete", "table", "inet", "kestrel_server")
 
         self.assertFalse(self.reaches(8329, patience=2))
         self.assertFalse(self.reaches(8001, patience=2))
