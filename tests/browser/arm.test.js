@@ -140,6 +140,8 @@ const upload = (page, name, text) =>
 async function burn(page, name, text) {
     await upload(page, name, text);
     await page.textBecomes("arm-check", /^Passes: /);
+    // Now the drawing is there, which has moved the buttons.
+    await page.textBecomes("arm-status", / is at the station\.$/);
     await press(page, "arm-start");
     await page.textBecomes("arm-question-text", /^The beam will burn .*\. Is everything clear\?$/);
     await press(page, "arm-burn");
@@ -571,6 +573,7 @@ for (const [scheme, schemeTest] of Object.entries({ light: armTest, dark: chromi
             await home(page);
             await upload(page, "long.gcode", square(20, 200));
             await page.textBecomes("arm-check", /^Passes: /);
+            await page.textBecomes("arm-status", / is at the station\.$/);
             await press(page, "arm-start");
             assert.deepEqual(await faults(page), [], "motion, and a question");
             await press(page, "arm-burn");
