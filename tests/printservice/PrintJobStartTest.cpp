@@ -125,7 +125,7 @@ TEST_F(PrintJobStart, DeliberateStartWithoutAFileStaysStuckUntilStopped)
 
 TEST_F(PrintJobStart, PauseAndGoOnLosesAndRepeatsNothing)
 {
-    const int LINES = 2000;
+    const int LINES = 3000;
     saveJob(makeJob(LINES));
     EXPECT_EQ(0, service().startPrint());
 

@@ -1,9 +1,12 @@
 // A print service of the test's own, and one with an arm.
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -185,7 +188,15 @@ protected:
     /** Wait until the controller has got so many lines, empty ones included. */
     bool waitForLines(size_t uLines)
     {
-        return eventually([this, uLines] { return received().size() >= uLines; });
+        // Each look reads the whole journal: looked at all the time, a long one would leave the
+        // job's thread nothing of a slow processor and of the allocator's lock.
+        std::chrono::milliseconds pause(1);
+        return eventually([this, uLines, &pause] {
+            const bool bThere = received().size() >= uLines;
+            std::this_thread::sleep_for(bThere ? std::chrono::milliseconds(0) : pause);
+            pause = std::min(2 * pause, std::chrono::milliseconds(250));
+            return bThere;
+        });
     }
 
     Texts received()
