@@ -323,7 +323,8 @@ async function faults(page) {
     await page.run(`() => { window.axe ?? (() => { ${AXE} })(); }`);
     return page.run(async () => {
         // Texts fade and states follow: only what stands still can be measured.
-        await Promise.all(document.getAnimations().map((animation) => animation.finished));
+        // A cancelled one is over, too.
+        await Promise.allSettled(document.getAnimations().map((animation) => animation.finished));
         const { violations } = await window.axe.run();
         return violations.flatMap(({ id, nodes }) => nodes.map(({ html }) => `${id}: ${html}`));
     });
