@@ -30,8 +30,8 @@ protected:
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(Calls, GuardParentFault,
-                         testing::Values("fork:1:EAGAIN", "pipe2:1:EMFILE", "signalfd:1:ENOMEM",
-                                         "poll:1:ENOMEM"));
+                         testing::Values("fork:1:EAGAIN", "socketpair:1:EMFILE",
+                                         "signalfd:1:ENOMEM", "poll:1:ENOMEM"));
 
 TEST_P(GuardParentFault, BeamIsOffWhereNoWorkerCanBeStartedOrWatched)
 {

@@ -752,6 +752,8 @@ BY_TEXT(int, chown, (const char* text, uid_t uUser, gid_t uGroup), (text, uUser,
 BY_FD(int, flock, (int fd, int nOperation), (fd, nOperation), -1)
 PLAIN(int, pipe, (int anFd[2]), (anFd), -1)
 PLAIN(int, pipe2, (int anFd[2], int nFlags), (anFd, nFlags), -1)
+PLAIN(int, socketpair, (int nDomain, int nType, int nProtocol, int anFd[2]),
+      (nDomain, nType, nProtocol, anFd), -1)
 BY_FD(void*, mmap,
       (void* pStart, size_t uLength, int nProtection, int nFlags, int fd, off_t nOffset),
       (pStart, uLength, nProtection, nFlags, fd, nOffset), MAP_FAILED)
