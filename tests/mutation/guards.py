@@ -158,7 +158,8 @@ class Guards:
 
     def state(self):
         return {"sign": self.sign(), "refused": sorted(mutant.key for mutant in self.refused),
-                "alone": sorted(mutant.key for mutant in self.alone), "bare": sorted(self.bare)}
+                "alone": sorted(mutant.key for mutant in self.alone), "bare": sorted(self.bare),
+                "bodies": [opening for opening, *_ in self.bodies]}
 
     def restore(self, state):
         if state.get("sign") != self.sign():
@@ -167,6 +168,7 @@ class Guards:
         self.refused = {keys[key] for key in state["refused"]}
         self.alone = {keys[key] for key in state["alone"]}
         self.bare = set(state["bare"])
+        self.bodies = [body for body in self.bodies if body[0] in state["bodies"]]
 
 
 class AllGuards:

@@ -186,6 +186,16 @@ class Guarding(unittest.TestCase):
         guarded = self.guarded("constexpr int f()\n{\nreturn 7;\n}\n")
         self.assertEqual(set(guarded.numbers), guarded.alone)
 
+    def test_next_run_leaves_out_what_this_one_has(self):
+        source = "struct S {\nMutex m_m ACQUIRED_AFTER(m_n){f(7)};\n};\n" + body("f(7);")
+        guarded = self.guarded(source)
+        while guarded.bodyOf(next(iter(guarded.numbers))):
+            self.assertTrue(guarded.blame(2))
+
+        next_one = self.guarded(source)
+        next_one.restore(json.loads(json.dumps(guarded.state())))
+        self.assertEqual(guarded.text(), next_one.text())
+
 
 class Planted(unittest.TestCase):
     """The whole run on a program whose survivor is known."""
@@ -220,6 +230,7 @@ class Planted(unittest.TestCase):
         self.assertEqual(0, self.mutate("--kind", "relational", "--kind", "arithmetic",
                                         "--kind", "negated condition", file), self.output)
         self.assertIn("left out, fails unchanged: Planted.PassesInTheWholeOnly\n", self.output)
+        self.assertNotIn("IsLeftOut", self.output)
         results = self.results()
         self.assertEqual("survived", results[(7, "return (nFirst >= nSecond) ? nFirst : nSecond;")])
         self.assertEqual("killed", results[(13, "while (nValue >= 0) {")])

@@ -36,3 +36,9 @@ TEST(Planted, PassesInTheWholeOnly)
 {
     EXPECT_EQ("*", testing::GTEST_FLAG(filter));
 }
+
+// The build leaves it out, so no change is put to it, and nobody waits for it.
+TEST(Planted, IsLeftOut)
+{
+    FAIL();
+}
