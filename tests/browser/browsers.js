@@ -216,6 +216,7 @@ class WebKitPage extends Page {
         const env = {
             ...profile.env,
             NO_AT_BRIDGE: "1",
+            WEBKIT_DISABLE_COMPOSITING_MODE: "1", // in software it takes twice the processor's time
             GST_REGISTRY: join(tmpdir(), "kestrel-gstreamer"), // made once, not for each profile
         };
         if (scheme === "dark") {

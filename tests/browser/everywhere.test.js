@@ -1,4 +1,5 @@
-// What holds in every browser; KESTREL_BROWSER says in which: chromium, firefox or webkit.
+// What holds in every browser; KESTREL_BROWSER says in which: chromium, firefox or webkit. In the latter two
+// only what their engines do themselves, unless KESTREL_BROWSERS is "whole".
 import assert from "node:assert/strict";
 import { readFileSync } from "node:fs";
 import { createRequire } from "node:module";
@@ -8,6 +9,7 @@ import { Board, Network } from "./board.js";
 import { endBrowser, startPage } from "./browsers.js";
 
 const NAME = process.env.KESTREL_BROWSER;
+const WHOLE = NAME === "chromium" || process.env.KESTREL_BROWSERS === "whole";
 const AXE = readFileSync(createRequire(import.meta.url).resolve("axe-core/axe.min.js"), "utf8");
 const PHONE = [390, 844];
 const PHONE_ACROSS = [844, 390];
@@ -45,6 +47,9 @@ function pageTest(name, body, { scheme = "light", size = DESKTOP } = {}) {
         }
     });
 }
+
+/** What the page's own script decides, and takes long. */
+const longTest = WHOLE ? pageTest : () => {};
 
 /** While the camera is in this state, and again as before. */
 async function whileCamera(state, back, body) {
@@ -127,7 +132,7 @@ pageTest("a camera that stands still is not live", async (page, network) => {
     await drawsAnother(page);
 });
 
-pageTest("a page opened without a camera says so and goes live with it", async (page, network) => {
+longTest("a page opened without a camera says so and goes live with it", async (page, network) => {
     await whileCamera("unplug", "replug", async () => {
         await page.goTo(network.url);
         await page.reach("stopped");
@@ -153,7 +158,7 @@ pageTest("a service that stops and starts is reported and found again", async (p
     await drawsAnother(page);
 });
 
-pageTest("a network that goes and comes back is reported and found again", async (page, network) => {
+longTest("a network that goes and comes back is reported and found again", async (page, network) => {
     await page.open(network.url);
 
     network.gone = true;
@@ -169,7 +174,7 @@ pageTest("a network that goes and comes back is reported and found again", async
 });
 
 if (NAME !== "webkit") {
-    pageTest("pictures that are late from the first on are not live", async (page, network) => {
+    longTest("pictures that are late from the first on are not live", async (page, network) => {
         network.delay = 4000;
         await page.goTo(network.url);
 
@@ -181,7 +186,7 @@ if (NAME !== "webkit") {
     });
 }
 
-pageTest("at most one stream is open, whatever is pressed", async (page, network) => {
+longTest("at most one stream is open, whatever is pressed", async (page, network) => {
     await page.open(network.url);
     const hide = (hidden) =>
         page.run((hidden) => {
@@ -330,7 +335,7 @@ async function faults(page) {
     });
 }
 
-for (const scheme of ["light", "dark"]) {
+for (const scheme of WHOLE ? ["light", "dark"] : ["light"]) {
     pageTest(
         `axe-core finds nothing, ${scheme}`,
         async (page, network) => {
