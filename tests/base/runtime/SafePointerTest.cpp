@@ -51,6 +51,18 @@ TEST(SafePointer, BufferAndBlockAreFreedOnce)
     EXPECT_GT(uBefore + 10000, allocatedBytes()); // a block alone has more than ten bytes
 }
 
+TEST(SafePointer, AssignmentByMoveFreesWhatTheHandleHeld)
+{
+    SafePointer_C<char> handle;
+    const size_t uBefore = allocatedBytes();
+
+    for (int i = 0; i < 1000; ++i) {
+        handle = SafePointer_C<char>(static_cast<char*>(malloc(1000)));
+    }
+
+    EXPECT_GT(uBefore + 10000, allocatedBytes());
+}
+
 TEST(SafePointer, LastHandleFreesTheBuffer)
 {
     SafePointer_C<char> last;
@@ -102,6 +114,36 @@ TEST(SafePointer, CopyOfAHandleMadeFromNullIsReportedToo)
     EXPECT_EQ(nullptr, assigned.get());
 }
 
+TEST(SafePointer, AssignedHandleIsMadeFromNullAsWhatItIsAssigned)
+{
+    testing::internal::CaptureStdout();
+    SafePointer_C<char> moved;
+    moved = SafePointer_C<char>(nullptr);
+    SafePointer_C<char> assigned;
+    assigned = moved;
+    (void)testing::internal::GetCapturedStdout();
+
+    testing::internal::CaptureStdout();
+    const SafePointer_C<char> first(moved);
+    const SafePointer_C<char> second(assigned);
+    EXPECT_EQ(std::string(NULL_LINE) + NULL_LINE, testing::internal::GetCapturedStdout());
+}
+
+TEST(SafePointer, HandleMadeFromNullIsAsAnyOtherOnceItIsAssignedABuffer)
+{
+    testing::internal::CaptureStdout();
+    SafePointer_C<char> handle(nullptr);
+    (void)testing::internal::GetCapturedStdout();
+    const SafePointer_C<char> frame(newText("frame"));
+
+    testing::internal::CaptureStdout();
+    handle = frame;
+    const SafePointer_C<char> copy(handle);
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+
+    EXPECT_STREQ("frame", copy.get());
+}
+
 TEST(SafePointer, HandleMadeEmptyIsSilent)
 {
     testing::internal::CaptureStdout();
@@ -117,16 +159,18 @@ TEST(SafePointer, HandleMadeEmptyIsSilent)
 
 TEST(SafePointer, ControlBlockThatCannotBeAllocatedLeavesItEmpty)
 {
-    char* pText = newText("frame");
+    const size_t uBefore = allocatedBytes();
+    char* pBuffer = static_cast<char*>(malloc(100000));
     const std::string strPlan = "malloc=" + std::to_string(sizeof(SafePointerBlock)) + ":1:ENOMEM";
     testing::internal::CaptureStdout();
     {
         FaultScope fault(strPlan.c_str());
-        const SafePointer_C<char> handle(pText);
+        const SafePointer_C<char> handle(pBuffer);
         EXPECT_EQ(1u, faultHits());
         EXPECT_EQ(nullptr, handle.get());
     }
     EXPECT_EQ(NULL_LINE, testing::internal::GetCapturedStdout());
+    EXPECT_GT(uBefore + 50000, allocatedBytes()); // the buffer is freed all the same
 }
 
 TEST(SafePointer, DataOffsetBelongsToTheBuffer)

@@ -71,7 +71,6 @@ public:
         : m_pBlock(other.m_pBlock), m_bFromNull(other.m_bFromNull)
     {
         other.m_pBlock = nullptr;
-        other.m_bFromNull = false;
     }
 
     SafePointer_C& operator=(const SafePointer_C& other)
@@ -93,7 +92,6 @@ public:
             m_pBlock = other.m_pBlock;
             m_bFromNull = other.m_bFromNull;
             other.m_pBlock = nullptr;
-            other.m_bFromNull = false;
         }
         return *this;
     }
