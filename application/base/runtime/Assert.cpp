@@ -7,6 +7,5 @@
 void assertionFailed(const char* pExpression, const char* pFile, int nLine, const char* pFunction)
 {
     fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", pFile, nLine, pFunction, pExpression);
-    fflush(stderr);
     abort();
 }
