@@ -11,6 +11,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -117,7 +118,7 @@ int runRestart(int argc, char** argv)
                 printf(" %d", nFd);
             }
         }
-        printf("\n");
+        printf(", %s\n", (-1 == waitpid(-1, nullptr, WNOHANG)) ? "no child" : "a child");
         return 0;
     }
     pMark = fopen(argv[2], "w"); // no close-on-exec: open in the restarted program unless closed
@@ -133,7 +134,25 @@ int runRestart(int argc, char** argv)
     }
 }
 
-/** "fork" or "setsid": what fails; prints "returned" when the caller goes on. */
+/** In a process of its own, which is killed. */
+void restartAsNothing()
+{
+    if (0 != fork()) {
+        return;
+    }
+    char acProgram[] = "/no/such/program";
+    char* const apArgument[] = {acProgram, nullptr};
+    const long lCaller = syscall(SYS_getpid);
+    restartProcess(apArgument, Time());
+    if (syscall(SYS_getpid) != lCaller) {
+        _exit(42); // the restart has come back
+    }
+    for (;;) {
+        pause();
+    }
+}
+
+/** "fork", "setsid" or "exec": what fails; prints "returned" when the caller goes on. */
 int runRestartFails(int, char** argv)
 {
     setvbuf(stdout, nullptr, _IONBF, 0);
@@ -144,6 +163,10 @@ int runRestartFails(int, char** argv)
         if (0 == geteuid() && 0 != setuid(65534)) { // nobody: the limit does not bind root
             return 100;
         }
+    } else if (0 == strcmp("exec", argv[2])) {
+        restartAsNothing();
+        printf("statuses%s\n", statusesOfDescendants().c_str());
+        return 0;
     } else {
         (void)faultPlan("setsid:1:EPERM");
     }

@@ -67,6 +67,7 @@ int runTerminationAgain(int, char** argv)
 {
     setvbuf(stdout, nullptr, _IONBF, 0);
     TerminationSignals& signals = TerminationSignals::getInstance();
+    printf("count %d seen %d\n", signals.getCount(), signals.isSeen() ? 1 : 0);
     for (int i = 0; i < 3; ++i) {
         signals.install(false, argv, Time(), 2);
         printf("count %d seen %d\n", signals.getCount(), signals.isSeen() ? 1 : 0);
@@ -175,8 +176,13 @@ int runTerminationRestart(int, char** argv)
     if (nullptr != pMark) {
         sigset_t blocked;
         sigprocmask(SIG_BLOCK, nullptr, &blocked);
-        printf("restarted %s, SIGTERM %s\n", argv[3],
-               sigismember(&blocked, SIGTERM) ? "blocked" : "open");
+        printf("restarted %s, blocked:", argv[3]);
+        for (int nSignal = 1; nSignal <= SIGRTMAX; ++nSignal) {
+            if (1 == sigismember(&blocked, nSignal)) {
+                printf(" %d", nSignal);
+            }
+        }
+        printf("\n");
         return 0;
     }
     pMark = fopen(argv[2], "w");

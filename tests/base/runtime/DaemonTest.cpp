@@ -86,7 +86,7 @@ TEST(DaemonRestart, KillsTheProcessAndStartsTheProgramAgain)
     EXPECT_EQ(SIGKILL, result.nSignal);
     EXPECT_TRUE(hasPattern(result.strOutput,
                            "^kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\nrestarted restart last, "
-                           "open: 256\n$"))
+                           "open: 256, no child\n$"))
         << result.strOutput;
     EXPECT_EQ(std::string::npos, result.strOutput.find("(sub_fd:" + strPid + ")"))
         << "its own number, not its parent's";
@@ -101,7 +101,7 @@ TEST(DaemonRestart, DeliberateProcessThatHasLeftIsKilledAndStartedAllTheSame)
 
     EXPECT_TRUE(hasPattern(result.strOutput,
                            "^kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\nrestarted restart leaves, "
-                           "open: 256\n$"))
+                           "open: 256, no child\n$"))
         << result.strOutput;
 }
 
@@ -110,27 +110,46 @@ TEST(DaemonRestart, PausesForTheDelayAndForThreeSeconds)
     ScratchFolder folder;
     const std::string strJournal = (folder.path() / "journal").string();
 
-    const ChildResult result = runChild({"/usr/bin/env", "KESTREL_FAULT_JOURNAL=" + strJournal,
-                                         "KESTREL_FAULT_JOURNAL_CALLS=setsid select waitpid execvp",
-                                         "KESTREL_FAULT_HURRY=100", BASE_CHILD, "restart",
-                                         (folder.path() / "mark").string(), "last"});
+    const ChildResult result =
+        runChild({"/usr/bin/env", "KESTREL_FAULT_JOURNAL=" + strJournal,
+                  "KESTREL_FAULT_JOURNAL_CALLS=setsid select write waitpid execvp",
+                  "KESTREL_FAULT_HURRY=100", BASE_CHILD, "restart",
+                  (folder.path() / "mark").string(), "last"});
 
     EXPECT_EQ(SIGKILL, result.nSignal);
     EXPECT_EQ("base_child|setsid\n"
               "base_child|select 0.100000\n" // the delay
+              "base_child|write 1 LINE\n"    // of what comes
               "base_child|waitpid\n"         // for the kill
               "base_child|select 3.000000\n"
               "base_child|execvp " BASE_CHILD "\n",
-              folder.read("journal"));
+              replacePattern(folder.read("journal"), "write 1 [0-9]+", "write 1 LINE"));
+}
+
+TEST(DaemonRestart, ProgramThatCannotBeStartedEndsTheRestartWith127)
+{
+    const ChildResult result =
+        runChild({"/usr/bin/env", "KESTREL_FAULT_HURRY=100", BASE_CHILD, "restart-fails", "exec"});
+
+    // The caller is killed; the process between exits with 0.
+    EXPECT_TRUE(
+        hasPattern(result.strOutput, "^kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\nstatuses -1 0 127\n$"))
+        << result.strOutput;
 }
 
 TEST(DaemonRestart, FailedForkExitsWithOne)
 {
-    const ChildResult result = runChild({BASE_CHILD, "restart-fails", "fork"});
+    ScratchFolder folder;
+    const std::string strJournal = (folder.path() / "journal").string();
+
+    const ChildResult result =
+        runChild({"/usr/bin/env", "KESTREL_FAULT_JOURNAL=" + strJournal,
+                  "KESTREL_FAULT_JOURNAL_CALLS=setsid", BASE_CHILD, "restart-fails", "fork"});
 
     EXPECT_EQ("fork() failed\n", result.strError);
     EXPECT_EQ("", result.strOutput);
     EXPECT_EQ(1, result.nStatus);
+    EXPECT_EQ("", folder.read("journal")) << "the caller goes no way of the child's";
 }
 
 TEST(DaemonRestart, FailedSessionEndsTheRestartWithOne)

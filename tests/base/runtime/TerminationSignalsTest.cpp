@@ -59,12 +59,12 @@ TEST(TerminationSignals, LimitEndsTheProcessWithStatusNine)
     EXPECT_EQ(9, result.nStatus);
 }
 
-TEST(TerminationSignals, SecondInstallCountsFromZero)
+TEST(TerminationSignals, EveryInstallCountsFromZero)
 {
     const ChildResult result = runChild({BASE_CHILD, "termination-again"});
 
     const std::string strRound = "count 0 seen 0\n" + report(SIGTERM) + "count 1 seen 1\n";
-    EXPECT_EQ(strRound + strRound + strRound, masked(result.strOutput));
+    EXPECT_EQ("count 0 seen 0\n" + strRound + strRound + strRound, masked(result.strOutput));
     EXPECT_EQ(0, result.nStatus);
 }
 
@@ -144,8 +144,7 @@ TEST(TerminationSignals, RestartFlagEndsAtTheFirstSignalAndStartsTheProgramAgain
     EXPECT_NE(std::string::npos, masked(result.strOutput).find(report(SIGTERM)));
     EXPECT_TRUE(hasPattern(result.strOutput, "kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\n"))
         << result.strOutput;
-    EXPECT_NE(std::string::npos,
-              result.strOutput.find("restarted with its arguments, SIGTERM open\n"))
+    EXPECT_NE(std::string::npos, result.strOutput.find("restarted with its arguments, blocked:\n"))
         << result.strOutput;
 }
 
