@@ -128,6 +128,9 @@ void use(char cWhat, const char* pPath)
     case 'F': // log file by the log
         Log::getInstance().setSinks(LOG_SINK_FILE | LOG_SINK_SERVER).initLogFile(pPath, 1, 2);
         break;
+    case 'n': // no sinks from now on; the log file stays open
+        Log::getInstance().setSinks(0);
+        break;
     case 's': // log server object, never set up
         (void)LogServer::getInstance();
         break;

@@ -3,6 +3,10 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -12,7 +16,9 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "Fault.h"
+#include "StandardInputAside.h"
 #include "Time.h"
 
 namespace {
@@ -109,6 +115,38 @@ TEST(DeviceIo, DescriptorsAbove1023AreWaitedFor)
 
     close(nHigh);
     (void)setrlimit(RLIMIT_NOFILE, &old);
+}
+
+TEST(DeviceIo, DescriptorZeroIsWaitedFor)
+{
+    const Pipe pipe;
+    const StandardInputAside aside;
+    ASSERT_EQ(0, dup2(pipe.reader(), 0));
+
+    EXPECT_FALSE(waitReadable(0, 0, 1000));
+}
+
+TEST(DeviceIo, TimesAreRoundedUpToMilliseconds)
+{
+    const Pipe pipe;
+    const FaultScope fault("poll:1-:ENOMEM"); // none of them is waited for
+    const CallJournal journal("poll");
+
+    for (const auto& [u32Seconds, u32Microseconds] :
+         std::vector<std::pair<uint32_t, uint32_t>>{{0, 0},
+                                                    {0, 1},
+                                                    {0, 1000},
+                                                    {0, 1001},
+                                                    {2, 5000},
+                                                    {0, UINT32_MAX},
+                                                    {2147483, 647001},
+                                                    {UINT32_MAX, 0}}) {
+        EXPECT_TRUE(waitReadable(pipe.reader(), u32Seconds, u32Microseconds));
+    }
+
+    EXPECT_EQ((std::vector<std::string>{"poll 0", "poll 1", "poll 1", "poll 2", "poll 2005",
+                                        "poll 4294968", "poll 2147483647", "poll 2147483647"}),
+              CallJournal::lines());
 }
 
 TEST(DeviceIo, SignalsDoNotEndTheWait)

@@ -73,6 +73,13 @@ TEST(ExitOrder, LogsEndClosesTheLogFile)
     EXPECT_EQ(std::string::npos, strFile.find("too late")) << strFile;
 }
 
+TEST(ExitOrder, LogsEndLeavesALogFileThatItDoesNotHoldOpen)
+{
+    const std::string strFile = expectCleanExit("fxFln");
+
+    EXPECT_NE(std::string::npos, strFile.find("too late\n")) << strFile;
+}
+
 TEST(ExitOrder, ServiceOrderWithAViewerConnectedEndsWithZero)
 {
     expectCleanExit("lFSmvg");

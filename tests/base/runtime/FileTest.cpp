@@ -171,6 +171,18 @@ TEST_F(FileOnDisk, ReadLineBehindTheLastLineEndClearsTheBuffer)
     EXPECT_EQ(-1, m_file.readLine(acLine, 0));
 }
 
+TEST_F(FileOnDisk, ReadLineIntoOneByteHasRoomForNothing)
+{
+    m_folder.write("file", "line\n");
+    ASSERT_EQ(0, m_file.open(at("file").c_str(), FILE_FLAG_READ));
+    char acLine[8] = "old";
+
+    EXPECT_EQ(0, m_file.readLine(acLine, 1));
+    EXPECT_STREQ("", acLine);
+    EXPECT_EQ(0, m_file.readLine(acLine, sizeof(acLine)));
+    EXPECT_STREQ("line\n", acLine);
+}
+
 TEST_F(FileOnDisk, DeliberateSeekCountsFromTheCurrentPositionWhateverTheOrigin)
 {
     m_folder.write("file", std::string(105, '.'));

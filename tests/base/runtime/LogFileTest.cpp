@@ -131,6 +131,8 @@ TEST_F(LogFileLines, AfterCloseLinesAreDropped)
     logLine("dropped\n");
 
     EXPECT_EQ("kept\n", contents());
+    LogEvent event(SafePointer_C<char>(strdup("dropped\n")), 8, 2);
+    EXPECT_EQ(0, LogFile::getInstance().onLog(&event));
 }
 
 TEST_F(LogFileLines, AnotherEventTypeIsABadCast)

@@ -2,6 +2,7 @@
 #include "SubscriberList.h"
 
 #include <atomic>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -138,6 +139,19 @@ TEST(SubscriberList, WithoutPublishersRemovedEntriesAreFreedAtOnce)
     EXPECT_EQ(nBefore, g_nCallbacks);
 }
 
+TEST(SubscriberList, ListIsChangedUnderTheLock)
+{
+    SubscriberList list;
+    Visitor visitor;
+    const CallJournal journal("pthread_mutex_lock");
+
+    add(list, visitor);
+    EXPECT_EQ(1U, CallJournal::lines().size());
+    remove(list, visitor);
+
+    EXPECT_EQ(3U, CallJournal::lines().size()); // for the unlinking, and for the freeing
+}
+
 TEST(SubscriberList, DestructorFreesWhatIsStillSubscribed)
 {
     const int nBefore = g_nCallbacks;
@@ -196,6 +210,8 @@ TEST(SubscriberList, RemoveWaitsForTheRunningCall)
     remover.join();
 
     EXPECT_TRUE(bRemoved);
+    const std::vector<std::string> vecPause = CallJournal::lines();
+    EXPECT_EQ(std::vector<std::string>(vecPause.size(), "select 0.001000"), vecPause);
     EXPECT_EQ(0, other.m_nCalls); // removed before the delivery had come to it
 }
 

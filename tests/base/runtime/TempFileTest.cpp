@@ -11,6 +11,7 @@
 #include "Descriptors.h"
 #include "Fault.h"
 #include "Pattern.h"
+#include "StandardInputAside.h"
 
 namespace {
 
@@ -88,6 +89,17 @@ TEST(TempFile, FailedCreationLeavesNothing)
         (void)testing::internal::GetCapturedStderr();
         EXPECT_FALSE(exists(strPath)) << pPlan;
     }
+}
+
+TEST(TempFile, DescriptorZeroIsADescriptorToo)
+{
+    const StandardInputAside aside;
+    TempFile file;
+
+    EXPECT_EQ(0, file.create(FILE_FLAG_WRITE));
+
+    ASSERT_NE(nullptr, file.getStream());
+    EXPECT_EQ(0, fileno(file.getStream()));
 }
 
 TEST(TempFile, WithoutMemoryForItsNameItIsNotMade)

@@ -18,6 +18,7 @@
 
 // For one thread: a nice value that is rightly -1, after a call that left an error behind.
 static std::atomic<bool> g_bLegalMinusOne{false};
+static std::atomic<bool> g_bNiceHeld{false}; // as on a busy machine
 
 // The linker gives the code's calls to these, and theirs to the C library.
 extern "C" int __wrap_nice(int nIncrement);
@@ -27,6 +28,9 @@ extern "C" int __real_prctl(int nOption, ...);
 
 int __wrap_nice(int nIncrement)
 {
+    while (g_bNiceHeld) {
+        std::this_thread::yield();
+    }
     return g_bLegalMinusOne ? -1 : __real_nice(nIncrement); // errno is left as it is
 }
 
@@ -152,6 +156,22 @@ TEST(ThreadCalls, WaitsForItLookAgainAfterAFewMilliseconds)
     const Lines vecEnd = CallJournal::lines();
     ASSERT_FALSE(vecEnd.empty());
     EXPECT_EQ(Lines(vecEnd.size(), "select 0.003000"), vecEnd);
+}
+
+TEST(ThreadCalls, DestructionLooksForTheGateEveryTenMilliseconds)
+{
+    HeldBody body;
+    g_bNiceHeld = true; // on the way there
+    auto pThread = std::make_unique<Thread>(&HeldBody::run, &body, "late", 0, 0, 0, true);
+    const CallJournal journal("select");
+    std::thread destroyer([&pThread] { pThread.reset(); });
+    EXPECT_TRUE(eventually([] { return onlyOf("select").size() >= 2; }));
+    const Lines vecWait = CallJournal::lines();
+
+    g_bNiceHeld = false;
+    destroyer.join();
+
+    EXPECT_EQ(Lines(vecWait.size(), "select 0.010000"), vecWait);
 }
 
 TEST(ThreadCalls, NiceValueOfMinusOneIsNoFailure)

@@ -18,6 +18,12 @@ void expectTime(uint32_t u32Seconds, uint32_t u32Microseconds, const Time& time)
     EXPECT_EQ(u32Microseconds, time.getMicroseconds());
 }
 
+/** Of a clock. */
+Time timeOf(const timespec& ts)
+{
+    return {static_cast<int32_t>(ts.tv_sec), static_cast<int32_t>(ts.tv_nsec / 1000)};
+}
+
 } // namespace
 
 TEST(Time, NegativePartsBecomeZero)
@@ -32,7 +38,9 @@ TEST(Time, FromANumberOfSeconds)
     expectTime(0, 0, Time(-0.5));
     expectTime(0, 0, Time(0.0));
     expectTime(2, 250000, Time(2.25));
-    expectTime(0, 999999, Time(0.9999999)); // truncated
+    expectTime(0, 999999, Time(0.9999999));         // truncated
+    expectTime(4294967295U, 0, Time(4294967296.0)); // the most there is
+    expectTime(4294967295U, 0, Time(4294967296.5));
 }
 
 TEST(Time, SumCarriesASecond)
@@ -97,11 +105,13 @@ TEST(Time, ClocksAgree)
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     const Time now = monotonicNow();
+    timespec after{};
+    clock_gettime(CLOCK_MONOTONIC, &after);
     const uint64_t u64Ms = monotonicMs();
     const uint32_t u32Ms = monotonicMs32();
 
-    EXPECT_GE(now.getSeconds(), static_cast<uint32_t>(ts.tv_sec));
-    EXPECT_LT(now.getMicroseconds(), 1000000u);
+    EXPECT_GE(now, timeOf(ts));
+    EXPECT_LE(now, timeOf(after));
     EXPECT_GE(u64Ms, now.getSeconds() * uint64_t{1000} + now.getMicroseconds() / 1000);
     EXPECT_LT(u64Ms, now.getSeconds() * uint64_t{1000} + 60000);
     EXPECT_LT(u32Ms - static_cast<uint32_t>(u64Ms), 60000u); // the low half
