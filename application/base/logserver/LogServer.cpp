@@ -3,17 +3,13 @@
 
 #include <new>
 
-#include "Log.h"
 #include "LogClient.h"
 
 static const int SOCKET_BUFFER = 4096; // bytes, for each direction of a viewer's socket
 
 static const int MOST_VIEWERS = 32; // the newest is refused
 
-LogServer::LogServer() : TcpServer("LogServer", MOST_VIEWERS)
-{
-    (void)Log::getInstance(); // outlives this singleton, with the bus and the log file
-}
+LogServer::LogServer() : TcpServer("LogServer", MOST_VIEWERS) {}
 
 LogServer::~LogServer()
 {

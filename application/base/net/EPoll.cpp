@@ -164,7 +164,6 @@ int EPoll::pollOnce()
             dispatch(event.events, *pRecord);
         }
     }
-    m_nReady = 0;
     if (bAccept || m_bAcceptAgain) {
         m_bAcceptAgain = false;
         callAccept();

@@ -26,8 +26,6 @@ static uint32_t boundBytes(const SendQueueTcpClient::Item& item)
 SendQueueTcpClient::~SendQueueTcpClient()
 {
     leave();
-    MutexGuard guard(m_mtxQueue);
-    m_queue.clear();
 }
 
 void SendQueueTcpClient::send(const SafePointer_C<char>& data, int nLength)

@@ -187,7 +187,6 @@ int Socket::receiveAll(void* pBuffer, int nLength, int& nDone, sockaddr_in* pAdd
 {
     const Time start = (nullptr == pTimeout) ? Time() : monotonicNow();
     MutexGuard guard(m_readMutex); // waiting for another reader counts
-    nDone = 0;
     for (;;) {
         const ssize_t nReceived =
             receiveOnce(static_cast<char*>(pBuffer) + nDone, nLength - nDone, pAddr);
@@ -214,7 +213,6 @@ int Socket::sendAll(const void* pData, int nLength, int& nDone, const sockaddr_i
 {
     const Time start = (nullptr == pTimeout) ? Time() : monotonicNow();
     MutexGuard guard(m_writeMutex); // waiting for another writer counts
-    nDone = 0;
     for (;;) {
         const ssize_t nSent =
             sendOnce(static_cast<const char*>(pData) + nDone, nLength - nDone, pAddr);

@@ -96,7 +96,6 @@ int TcpSocket::listen(int nBacklog)
 
 int TcpSocket::accept(TcpSocket& peer)
 {
-    peer = TcpSocket();
     if (!isValid()) {
         errno = EBADF;
         return -1;

@@ -202,7 +202,8 @@ private:
     ssize_t receiveOnce(void* pBuffer, int nLength, sockaddr_in* pAddr);
     ssize_t sendOnce(const void* pData, int nLength, const sockaddr_in* pAddr);
 
-    // Both: 0, REFUSED for what is not logged, or the errno value of the failure.
+    // Both: 0, REFUSED for what is not logged, or the errno value of the failure. They add to
+    // nDone and go on behind what it counts.
     int receiveAll(void* pBuffer, int nLength, int& nDone, sockaddr_in* pAddr, const Time* pTimeout)
         EXCLUDES(m_readMutex);
     int sendAll(const void* pData, int nLength, int& nDone, const sockaddr_in* pAddr,
