@@ -2,9 +2,14 @@
 #include "ClientMemory.h"
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/socket.h>
 
 #include <gtest/gtest.h>
 
@@ -70,16 +75,31 @@ TEST(ClientMemory, WhatIsTakenIsCountedUntilItIsGiven)
 
 TEST(ClientMemory, BoundIs32MiB)
 {
-    TestShare share;
-    EXPECT_TRUE(share.take(32 * MIB - counted()));
+    {
+        TestShare share;
+        EXPECT_TRUE(share.take(32 * MIB - counted()));
 
-    EXPECT_FALSE(share.take(1));
+        EXPECT_FALSE(share.take(1));
 
-    EXPECT_EQ(1, share.m_nGivenUp);
-    EXPECT_TRUE(share.isGivenUp());
-    EXPECT_FALSE(share.take(1)) << "for good";
-    share.give(5);
+        EXPECT_EQ(1, share.m_nGivenUp);
+        EXPECT_TRUE(share.isGivenUp());
+        EXPECT_FALSE(share.take(1)) << "for good";
+        share.give(5);
+        EXPECT_EQ(0U, counted());
+    }
     EXPECT_EQ(0U, counted());
+}
+
+TEST(ClientMemory, BlockAsLargeAsTheBoundTakesThePlaceOfAll)
+{
+    TestShare other;
+    TestShare asker;
+    EXPECT_TRUE(other.take(MIB));
+
+    EXPECT_TRUE(asker.take(32 * MIB));
+
+    EXPECT_EQ(1, other.m_nGivenUp);
+    EXPECT_EQ(0, asker.m_nGivenUp);
 }
 
 TEST(ClientMemory, WhoBindsMostIsClosedFirst)
@@ -109,6 +129,7 @@ TEST(ClientMemory, OfEqualsTheOneThatHasTakenNothingForLongestIsClosedFirst)
     EXPECT_TRUE(reading.take(15 * MIB)); // less than twice as much
     tick();
     reading.noteTaken();
+    tick();
 
     EXPECT_TRUE(asker.take(10 * MIB));
 
@@ -200,14 +221,75 @@ TEST(ClientMemory, WhoHasLeftIsNotClosed)
     EXPECT_TRUE(asker.take(20 * MIB));
 
     EXPECT_EQ(0, gone.m_nGivenUp);
+    EXPECT_TRUE(gone.isGivenUp());
+    EXPECT_FALSE(gone.take(1)) << "nobody would stop counting it";
+    EXPECT_EQ(20 * MIB, counted());
+}
+
+TEST(ClientMemory, OldOnesAreFoundOnceTheNewestHasLeft)
+{
+    TestShare hoarder;
+    EXPECT_TRUE(hoarder.take(30 * MIB));
+    {
+        const TestShare newest;
+    }
+    TestShare asker;
+
+    EXPECT_TRUE(asker.take(20 * MIB));
+
+    EXPECT_EQ(1, hoarder.m_nGivenUp);
+}
+
+TEST(ClientMemory, LeavingTwiceChangesNothingForTheNeighbours)
+{
+    TestShare hoarder;
+    EXPECT_TRUE(hoarder.take(30 * MIB));
+    alignas(TestShare) unsigned char aubPlace[sizeof(TestShare)];
+    auto* pOlder = new (aubPlace) TestShare;
+    TestShare leaving;
+    TestShare asker;
+
+    leaving.leave();
+    leaving.leave();
+
+    pOlder->~TestShare();
+    memset(aubPlace, 0, sizeof(aubPlace)); // who still goes by way of it gets no further
+    EXPECT_TRUE(asker.take(20 * MIB));
+    EXPECT_EQ(1, hoarder.m_nGivenUp);
+}
+
+TEST(ClientMemory, WhoseConstructionFailsIsNotCounted)
+{
+    class FailingShare : public ClientMemory::Share
+    {
+    public:
+        FailingShare()
+        {
+            EXPECT_TRUE(take(MIB));
+            throw std::bad_alloc();
+        }
+
+    protected:
+        void giveUp() override {}
+    };
+    const uint32_t u32Before = counted();
+
+    EXPECT_THROW(FailingShare(), std::bad_alloc);
+
+    EXPECT_EQ(u32Before, counted());
 }
 
 TEST(ClientMemory, ConnectionThatIsGivenUpDropsItsQueueAndItsSocket)
 {
     LogCapture log;
+    class Hoarder : public SendQueueTcpClient
+    {
+    public:
+        using SendQueueTcpClient::getWaitingBytes;
+    };
     NetPair hoarding;
     NetPair asking;
-    SendQueueTcpClient hoarder;
+    Hoarder hoarder;
     EXPECT_EQ(0, hoarding.m_near.setOptBlock(false));
     EXPECT_EQ(0, asking.m_near.setOptBlock(false));
     hoarder.setSocket(hoarding.m_near);
@@ -223,7 +305,10 @@ TEST(ClientMemory, ConnectionThatIsGivenUpDropsItsQueueAndItsSocket)
     asker.send(large, 3 * MIB);
 
     EXPECT_EQ(0, hoarder.getQueueLength());
+    EXPECT_EQ(0U, hoarder.getWaitingBytes());
     EXPECT_TRUE(hoarder.isGivenUp());
+    EXPECT_EQ(-1, send(hoarding.m_near.getFd(), "x", 1, MSG_NOSIGNAL));
+    EXPECT_EQ(EPIPE, errno) << "shut down";
     hoarder.send(large, 1);
     EXPECT_EQ(0, hoarder.getQueueLength()) << "it takes nothing more";
     int nFd = hoarding.m_near.getFd();
