@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "AllocatedBytes.h"
 #include "ClientMemory.h"
 #include "Fault.h"
 #include "LogCapture.h"
@@ -30,6 +31,8 @@ TEST(SendQueueTcpClient, SendWritesAtOnceWhenIdle)
 {
     NetPair pair;
     QueueClient client(pair);
+    EXPECT_EQ(0, client.getQueueLength());
+    EXPECT_TRUE(client.isDrained());
 
     client.sendText("one");
     EXPECT_EQ("one", readBytes(pair.m_far, 3));
@@ -191,6 +194,107 @@ TEST(SendQueueTcpClient, ItemsOfNoBytesLeaveNothingCounted)
         EXPECT_TRUE(client.isDrained());
         EXPECT_EQ(u32Before, ClientMemory::getInstance().getBytes());
     }
+    EXPECT_EQ("x", readBytes(pair.m_far, 1));
+    EXPECT_TRUE(isSilent(pair.m_far)) << "an item that says nothing of its length has none";
+}
+
+TEST(SendQueueTcpClient, EnqueueTellsWhetherTheConnectionGoesOn)
+{
+    class OpenClient : public QueueClient
+    {
+    public:
+        using QueueClient::QueueClient;
+        using SendQueueTcpClient::leave;
+        int put(const SafePointer_C<char>& data)
+        {
+            return enqueue(data, 1);
+        }
+    };
+    const SafePointer_C<char> data = block("x");
+    NetPair pair;
+    OpenClient client(pair);
+    EXPECT_EQ(0, client.put(data));
+    {
+        FaultScope fault("malloc:1:ENOMEM");
+        EXPECT_EQ(1, client.put(data));
+    }
+    client.leave();
+    EXPECT_EQ(1, client.put(data));
+    EXPECT_EQ(1, client.getQueueLength());
+}
+
+TEST(SendQueueTcpClient, BlockIsFreedOnceItIsWritten)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    const size_t uBefore = allocatedBytes();
+
+    client.send(block(std::string(100000, 'x')), 1);
+
+    EXPECT_TRUE(client.isDrained());
+    EXPECT_GT(uBefore + 50000, allocatedBytes());
+}
+
+TEST(SendQueueTcpClient, BlockOfNoBytesIsFreedAtOnce)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    const size_t uBefore = allocatedBytes();
+
+    client.send(block(std::string(100000, 'x')), 0);
+
+    EXPECT_GT(uBefore + 50000, allocatedBytes());
+}
+
+TEST(SendQueueTcpClient, HandedBytesAreThoseThatTheKernelHasTaken)
+{
+    class CountingClient : public QueueClient
+    {
+    public:
+        using QueueClient::QueueClient;
+        using SendQueueTcpClient::getHandedBytes;
+    };
+    NetPair pair;
+    CountingClient client(pair);
+    EXPECT_EQ(0U, client.getHandedBytes());
+    SendQueueTcpClient::Item aItem[3];
+    for (SendQueueTcpClient::Item& item : aItem) {
+        item.data = block("abc");
+        item.nLength = 3;
+    }
+    {
+        const ShortSend shortSend(1);
+        EXPECT_TRUE(client.sendTogether(aItem, 3));
+    }
+
+    EXPECT_EQ(1U, client.getHandedBytes());
+    EXPECT_EQ(0, client.getQueueLength()) << "the batch has begun";
+    EXPECT_EQ(0, client.write()); // the out event
+    EXPECT_EQ(9U, client.getHandedBytes());
+}
+
+TEST(SendQueueTcpClient, BatchThatHasBegunTakesNothingMoreIn)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    SendQueueTcpClient::Item aItem[2];
+    const char* const aText[] = {"0123456789", "abc"};
+    for (int i = 0; i < 2; ++i) {
+        aItem[i].data = block(aText[i]);
+        aItem[i].nLength = static_cast<int>(strlen(aText[i]));
+    }
+    const ShortSend shortSend(10); // the first item whole, nothing of the second
+    EXPECT_TRUE(client.sendTogether(aItem, 2));
+    client.sendText("next");
+
+    EXPECT_EQ(0, client.write()); // the out event
+
+    std::vector<std::vector<size_t>> vecGot;
+    for (const ShortSend::Call& call : shortSend.calls()) {
+        vecGot.push_back(call.vecLength);
+    }
+    EXPECT_EQ((std::vector<std::vector<size_t>>{{10, 3}, {3}, {4}}), vecGot);
+    EXPECT_EQ("0123456789abcnext", readBytes(pair.m_far, 17));
 }
 
 TEST(SendQueueTcpClient, RestOfABatchHoldsWhatIsLeftOfItOnly)
@@ -371,6 +475,23 @@ TEST(SendQueueTcpClient, QueueKeepsTheBlocksAlive)
     EXPECT_EQ(nullptr, pNone);
     EXPECT_EQ(0, nLength);
     EXPECT_EQ(0, memcmp("kept", pData, 4));
+}
+
+TEST(SendQueueTcpClient, NextBufferBeginsAtTheDataOffset)
+{
+    NetPair pair;
+    QueueClient client(pair);
+    client.sendText(LARGE); // so that what follows waits
+    SafePointer_C<char> data = block("headerbody");
+    data.setDataOffset(6);
+    client.send(data, 4);
+    const void* pData = nullptr;
+    int nLength = 0;
+
+    EXPECT_EQ(0, client.getNextBuffer(pData, nLength));
+
+    EXPECT_EQ(data.get() + 6, pData);
+    EXPECT_EQ(4, nLength);
 }
 
 TEST(SendQueueTcpClient, ItemWithoutABlockIsTakenOutAndGivesNothing)
