@@ -73,6 +73,19 @@ NetPair::~NetPair()
     (void)m_far.close();
 }
 
+ZeroIsFree::ZeroIsFree() : m_nInput(fcntl(0, F_DUPFD_CLOEXEC, 3))
+{
+    close(0);
+}
+
+ZeroIsFree::~ZeroIsFree()
+{
+    if (m_nInput >= 0) {
+        dup2(m_nInput, 0);
+        close(m_nInput);
+    }
+}
+
 void shrinkSendBuffer(TcpSocket& sender)
 {
     const int nSize = 4096;

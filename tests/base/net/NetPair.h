@@ -20,6 +20,19 @@ public:
     TcpSocket m_far;
 };
 
+/** For its life descriptor 0 is free, as in a process started without a standard input. */
+class ZeroIsFree
+{
+public:
+    ZeroIsFree();
+    ZeroIsFree(const ZeroIsFree&) = delete;
+    ZeroIsFree& operator=(const ZeroIsFree&) = delete;
+    ~ZeroIsFree();
+
+private:
+    int m_nInput; // the standard input meanwhile
+};
+
 /** The port that a bound socket has. */
 uint16_t portOf(int nFd);
 

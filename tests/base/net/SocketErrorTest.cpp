@@ -25,6 +25,7 @@ struct ErrorLine
 };
 
 const ErrorLine REPORTED[] = {
+    {EPERM, "[error]", "Unknow socket error.\n"},
     {EACCES, "[error]",
      "EACCES: Write permission is denied on the destination socket file,  or  search permission is denied for one of the directories the path prefix.\n"},
     {EBADF, "[error]", "EBADF:An invalid descriptor was specified.\n"},
@@ -75,6 +76,19 @@ TEST(SocketError, EachErrorOfAReadHasItsText)
         EXPECT_EQ(-1, pair.m_near.read(acBuffer, sizeof(acBuffer), nDone));
 
         EXPECT_EQ(lineOf(entry, "read"), takeLines(log)) << entry.nError;
+    }
+}
+
+TEST(SocketError, EachErrorOfAWholeWriteHasItsText)
+{
+    NetPair pair;
+    LogCapture log;
+    for (const ErrorLine& entry : REPORTED) {
+        FaultScope fault(plan("send", pair.m_near.getFd(), "1", entry.nError).c_str());
+
+        EXPECT_EQ(-1, pair.m_near.writeE("abc", 3));
+
+        EXPECT_EQ(lineOf(entry, "writeE"), takeLines(log)) << entry.nError;
     }
 }
 
@@ -145,6 +159,7 @@ TEST(SocketError, EveryOperationRefusesAMissingDescriptor)
     Socket socket;
     LogCapture log;
     char acBuffer[4] = "abc";
+    iovec piece{acBuffer, 4};
     int nDone = 7;
     bool bFlag = false;
     int32_t nValue = 0;
@@ -169,6 +184,9 @@ TEST(SocketError, EveryOperationRefusesAMissingDescriptor)
     EXPECT_EQ(0, nDone);
     nDone = 7;
     EXPECT_EQ(-1, socket.write(acBuffer, 4, nDone));
+    EXPECT_EQ(0, nDone);
+    nDone = 7;
+    EXPECT_EQ(-1, socket.write(&piece, 1, nDone));
     EXPECT_EQ(0, nDone);
     EXPECT_EQ(-1, socket.writeE(acBuffer, 4));
     nDone = 7;

@@ -47,6 +47,18 @@ TEST(SocketIfConf, EachOfManyIsListedTenAtMost)
     EXPECT_EQ(std::string::npos, strTen.find("lo:10 ")) << strTen;
 }
 
+TEST(SocketIfConf, HardwareAddressIsGivenByteForByte)
+{
+    ASSERT_EQ(0, system("ip link set dev lo address 02:1a:3b:5c:7d:9e"));
+    std::vector<InterfaceRecord> vecRecord;
+
+    ASSERT_EQ(0, Socket::getIfConf(vecRecord));
+
+    ASSERT_FALSE(vecRecord.empty());
+    EXPECT_EQ("lo", vecRecord[0].strName);
+    EXPECT_EQ("02:1a:3b:5c:7d:9e", vecRecord[0].strHardwareAddress);
+}
+
 TEST(SocketIfConf, NoDescriptorIsLeftOpen)
 {
     const size_t uBefore = openDescriptors("").size();

@@ -159,6 +159,25 @@ TEST(SocketOptions, BlockingReadsBack)
     EXPECT_TRUE(bBlock);
 }
 
+TEST(SocketOptions, BlockingThatCantBeReadOrSetStaysUnlogged)
+{
+    NetPair pair;
+    LogCapture log;
+    bool bBlock = false;
+    for (const char* pPlan : {"fcntl:1:EBADF", "fcntl:2:EBADF"}) { // read, then set
+        FaultScope fault(pPlan);
+        EXPECT_EQ(-1, pair.m_near.setOptBlock(false)) << pPlan;
+    }
+    {
+        FaultScope fault("fcntl:1:EBADF");
+        EXPECT_EQ(-1, pair.m_near.getOptBlock(bBlock));
+    }
+
+    ASSERT_EQ(0, pair.m_near.getOptBlock(bBlock));
+    EXPECT_TRUE(bBlock);
+    EXPECT_EQ(Lines(), takeLines(log));
+}
+
 TEST(SocketOptions, EachRefusalHasItsText)
 {
     struct Case
@@ -237,6 +256,17 @@ TEST(SocketOptions, InterfacesAreListed)
     EXPECT_EQ("255.0.0.0", pLoopback->strNetmask);
     EXPECT_EQ(s32LoopbackMtu, pLoopback->s32Mtu);
     EXPECT_EQ("00:00:00:00:00:00", pLoopback->strHardwareAddress);
+}
+
+TEST(SocketOptions, InterfacesAreListedByWayOfDescriptorZeroToo)
+{
+    const ZeroIsFree zero;
+    std::vector<InterfaceRecord> vecRecord;
+
+    EXPECT_EQ(0, Socket::getIfConf(vecRecord));
+
+    EXPECT_FALSE(vecRecord.empty());
+    EXPECT_FALSE(isOpen(0));
 }
 
 TEST(SocketOptions, HardwareAddressesAreHexadecimal)

@@ -140,6 +140,7 @@ TEST(Socket, SocketsCompareByDescriptor)
     EXPECT_FALSE(four < three);
     EXPECT_TRUE(four > three);
     EXPECT_FALSE(three > three);
+    EXPECT_FALSE(three < three);
 }
 
 TEST(Socket, ShutdownPassesThrough)

@@ -11,6 +11,7 @@
 #include "Fault.h"
 #include "LogCapture.h"
 #include "NetPair.h"
+#include "ShortSend.h"
 #include "Socket.h"
 #include "SocketFailure.h"
 
@@ -257,6 +258,54 @@ TEST(SocketTransfer, DatagramsCarryAddresses)
     EXPECT_EQ(u16SenderPort, from.sin_port);
     (void)receiver.close();
     (void)sender.close();
+}
+
+// The kernel gives a stream's reader no address.
+TEST(SocketTransfer, StreamIsReadAlsoWhenItsSenderIsAskedFor)
+{
+    NetPair pair;
+    char acBuffer[4] = {0};
+    int nDone = 0;
+    sockaddr_in from{};
+    ASSERT_EQ(3, send(pair.m_far.getFd(), "abc", 3, 0));
+
+    ASSERT_EQ(0, pair.m_near.read(acBuffer, 3, nDone, &from));
+
+    EXPECT_EQ(3, nDone);
+    EXPECT_STREQ("abc", acBuffer);
+}
+
+TEST(SocketTransfer, PiecesLeaveInOneCallWithTheFlagsThatAreGiven)
+{
+    NetPair pair;
+    char acText[] = "abcde";
+    iovec aPiece[] = {{acText, 2}, {acText + 2, 3}};
+    int nDone = 0;
+    const ShortSend all(5);
+
+    ASSERT_EQ(0, pair.m_near.write(aPiece, 2, nDone));
+    EXPECT_EQ(5, nDone);
+    ASSERT_EQ(0, pair.m_near.write(aPiece, 2, nDone, MSG_EOR));
+
+    ASSERT_EQ(2U, all.calls().size());
+    EXPECT_EQ(0, all.calls()[0].nFlags) << "none unless told";
+    EXPECT_EQ(MSG_EOR, all.calls()[1].nFlags);
+    EXPECT_EQ("abcdeabcde", readBytes(pair.m_far, 10));
+}
+
+TEST(SocketTransfer, KernelThatTakesNothingOfItsPiecesHasFailed)
+{
+    NetPair pair;
+    LogCapture log;
+    char acText[] = "abc";
+    iovec piece{acText, 3};
+    int nDone = 99;
+    const ShortSend nothing(0);
+
+    EXPECT_EQ(-1, pair.m_near.write(&piece, 1, nDone));
+
+    EXPECT_EQ(0, nDone);
+    EXPECT_EQ(Lines(), takeLines(log));
 }
 
 TEST(SocketTransfer, WritersTakeTurnsForWholeOperations)
