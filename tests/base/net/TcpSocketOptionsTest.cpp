@@ -61,6 +61,28 @@ int32_t sendBufferFor(int32_t nSize)
     return sendBuffer(pair.m_near);
 }
 
+/** For its life the command that reads the limits prints this. */
+class LimitsAnswer
+{
+public:
+    explicit LimitsAnswer(const std::string& strAnswer) : m_strPath(getenv("PATH"))
+    {
+        m_folder.write("cat", "#!/bin/sh\nprintf '" + strAnswer + "'\n");
+        std::filesystem::permissions(m_folder.path() / "cat", std::filesystem::perms::owner_all);
+        setenv("PATH", (m_folder.path().string() + ":" + m_strPath).c_str(), 1);
+    }
+    LimitsAnswer(const LimitsAnswer&) = delete;
+    LimitsAnswer& operator=(const LimitsAnswer&) = delete;
+    ~LimitsAnswer()
+    {
+        setenv("PATH", m_strPath.c_str(), 1);
+    }
+
+private:
+    const ScratchFolder m_folder;
+    const std::string m_strPath;
+};
+
 } // namespace
 
 TEST(TcpSocketOptions, ReceiveBufferBelowTheMinimumIsCorrected)
@@ -149,24 +171,35 @@ TEST(TcpSocketOptions, DeliberateWithoutReadableLimitsBothSetTheReceiveBuffer)
 
 TEST(TcpSocketOptions, DeliberateLimitsWithoutNumbersCountAsUnreadable)
 {
-    const ScratchFolder folder;
-    folder.write("cat", "#!/bin/sh\nprintf '4096 many'\n"); // the limits' command
-    std::filesystem::permissions(folder.path() / "cat", std::filesystem::perms::owner_all);
     NetPair pair;
     const int32_t nSendBefore = sendBuffer(pair.m_near);
     LogCapture log;
-
-    const std::string strPath = getenv("PATH");
-    setenv("PATH", (folder.path().string() + ":" + strPath).c_str(), 1);
-    EXPECT_EQ(0, pair.m_near.setOptRcvBuf(3000)); // below the minimum, taken as it is
-    const int32_t nReceive = receiveBuffer(pair.m_near);
-    EXPECT_EQ(0, pair.m_near.setOptSndBuf(5000));
-    setenv("PATH", strPath.c_str(), 1);
+    int32_t nReceive = -1;
+    {
+        const LimitsAnswer answer("4096 many");
+        EXPECT_EQ(0, pair.m_near.setOptRcvBuf(3000)); // below the minimum, taken as it is
+        nReceive = receiveBuffer(pair.m_near);
+        EXPECT_EQ(0, pair.m_near.setOptSndBuf(5000));
+    }
 
     EXPECT_EQ(receiveBufferFor(3000), nReceive);
     EXPECT_EQ(receiveBufferFor(5000), receiveBuffer(pair.m_near));
     EXPECT_EQ(nSendBefore, sendBuffer(pair.m_near));
     EXPECT_EQ(Lines(), takeLines(log));
+}
+
+TEST(TcpSocketOptions, LimitsOfTenDigitsAreReadWhole)
+{
+    NetPair pair;
+    LogCapture log;
+    const LimitsAnswer answer("1000000000 1500000000 2000000000");
+
+    EXPECT_EQ(0, pair.m_near.setOptRcvBuf(2000000001));
+    EXPECT_EQ(0, pair.m_near.setOptSndBuf(2000000000));
+
+    EXPECT_EQ(Lines({"[error] [TcpSocket ] [setOptRcvBuf] tcp socket set recv buffer size error, "
+                     "min:1000000000 max:2000000000  invalid:2000000001, correct to 2000000000\n"}),
+              takeLines(log));
 }
 
 TEST(TcpSocketOptions, WithoutLimitsEachSetsItsBuffer)
@@ -216,6 +249,60 @@ TEST(TcpSocketOptions, OptionsAreDumpedInOrder)
 
     TcpSocket().printCurOpts();
     EXPECT_EQ(Lines(), takeLines(log));
+}
+
+// A stream without a network counts what it holds at once.
+TEST(TcpSocketOptions, WhatIsNotYetAcknowledgedIsDumped)
+{
+    int anPair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, anPair));
+    TcpSocket sender(anPair[0]);
+    TcpSocket receiver(anPair[1]);
+    ASSERT_EQ(4, send(sender.getFd(), "abcd", 4, 0));
+    int32_t nQueued = 0;
+    ASSERT_EQ(0, sender.getSndQueue(nQueued));
+    ASSERT_LT(0, nQueued);
+    LogCapture log;
+
+    sender.printCurOpts();
+
+    EXPECT_EQ(
+        Lines({"[debug] [TcpSocket ] [printCurOpts] * nSndBuf:" +
+               std::to_string(sendBuffer(sender)) + " remain:" + std::to_string(nQueued) + "\n"}),
+        takeLines(log, "nSndBuf"));
+    (void)sender.close();
+    (void)receiver.close();
+}
+
+// Also in the order of what is logged by the way.
+TEST(TcpSocketOptions, OptionsOfAListenerAreDumpedAsTheyAre)
+{
+    TcpSocket listener;
+    ASSERT_EQ(0, listener.create());
+    ASSERT_EQ(0, listener.bind("127.0.0.1", 0));
+    ASSERT_EQ(0, listener.listen(5));
+    LogCapture log;
+
+    listener.printCurOpts();
+
+    const std::string strPrefix = "[debug] [TcpSocket ] [printCurOpts] ";
+    const auto number = [](int nValue) { return std::to_string(nValue); };
+    EXPECT_EQ(
+        Lines({"[error] [Socket ] [getRemoteSockAddr] ENOTCONN The socket is not connected, and no "
+               "target has been given.\n",
+               strPrefix + "*****************  socket:" + number(listener.getFd()) +
+                   " option display  ***************** \n",
+               strPrefix + "* getsockname IP:127.0.0.1 port:" + number(portOf(listener.getFd())) +
+                   " \n",
+               strPrefix + "* getpeername IP: port:0 \n", strPrefix + "* bReuse:0 \n",
+               strPrefix + "* bLingerOnOff:0 nLinger:0(s) \n", strPrefix + "* nSndTimeO:0(ms)\n",
+               strPrefix + "* nRcvTimeO:0(ms)\n",
+               strPrefix + "* nSndBuf:" + number(sendBuffer(listener)) + " remain:0\n",
+               strPrefix + "* nRcvBuf:" + number(receiveBuffer(listener)) + " remain:0\n",
+               strPrefix + "* bBlock:1 \n",
+               strPrefix + "************************************************************** \n"}),
+        takeLines(log));
+    (void)listener.close();
 }
 
 TEST(TcpSocketOptions, OptionThatCantBeReadIsAnAssertion)

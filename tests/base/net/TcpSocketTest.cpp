@@ -76,6 +76,19 @@ TEST(TcpSocket, CreateOpensAStreamSocketOnce)
     EXPECT_EQ(0, socket.close());
 }
 
+TEST(TcpSocket, DescriptorZeroIsADescriptor)
+{
+    const ZeroIsFree zero;
+    TcpSocket socket;
+
+    EXPECT_EQ(0, socket.create());
+
+    EXPECT_EQ(0, socket.getFd());
+    EXPECT_TRUE(isOpen(0));
+    EXPECT_EQ(0, socket.close());
+    EXPECT_FALSE(isOpen(0));
+}
+
 TEST(TcpSocket, FailedCreateIsLoggedAndTold)
 {
     TcpSocket socket;
@@ -161,6 +174,7 @@ TEST(TcpSocket, AcceptWithoutAConnectionFails)
 
     TcpSocket none;
     EXPECT_EQ(-1, none.accept(peer));
+    EXPECT_EQ(EBADF, errno);
     EXPECT_EQ(Lines(), takeLines(log));
 }
 
@@ -211,6 +225,16 @@ TEST(TcpSocket, CheckStateTellsReadiness)
     const CallJournal journal("poll");
     EXPECT_EQ(0, pair.m_far.checkState());
     EXPECT_EQ(Lines{"poll 0"}, CallJournal::lines()) << "looked at once";
+}
+
+TEST(TcpSocket, CheckStateTellsUrgentDataFromData)
+{
+    NetPair pair;
+    ASSERT_EQ(1, send(pair.m_far.getFd(), "!", 1, MSG_OOB));
+
+    EXPECT_TRUE(eventually([&] { return 2 != pair.m_near.checkState(); }));
+
+    EXPECT_EQ(6, pair.m_near.checkState()) << "writable, urgent, and nothing else to read";
 }
 
 TEST(TcpSocket, CheckStateOfAClosedSocketIsAnException)
