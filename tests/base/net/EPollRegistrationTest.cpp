@@ -212,3 +212,14 @@ TEST(EPollRegistration, HandlerMayDeleteAnotherDescriptorOfThePass)
 
     EXPECT_EQ(3, deleter.nCalls) << "the deleted one is not called";
 }
+
+// The lowest that it takes, whatever is behind it.
+TEST(EPollRegistration, DeleteFdTakesDescriptorOne)
+{
+    EPoll epoll(20);
+    LogCapture log;
+
+    EXPECT_EQ(0, epoll.deleteFd(1, nullptr));
+
+    EXPECT_EQ("", log.text());
+}

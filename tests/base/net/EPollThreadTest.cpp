@@ -1,6 +1,7 @@
 // EPoll: the reactor's thread and its descriptors.
 #include <atomic>
 #include <cerrno>
+#include <memory>
 #include <thread>
 
 #include <fcntl.h>
@@ -82,6 +83,41 @@ TEST(EPollThread, StopWaitsForTheHandlerUnderWay)
     stopper.join();
 }
 
+TEST(EPollThread, ItsEndWaitsForTheHandlerUnderWay)
+{
+    struct Holder
+    {
+        RET_E onIn(Event*)
+        {
+            bInside = true;
+            EXPECT_TRUE(eventually([this] { return bMayLeave.load(); }));
+            return RET_SUCCESS;
+        }
+        std::atomic<bool> bInside{false};
+        std::atomic<bool> bMayLeave{false};
+    } holder;
+    const auto before = epollFds();
+    auto pEPoll = std::make_unique<EPoll>(20);
+    ASSERT_EQ(RET_SUCCESS, pEPoll->setInHandler(&holder, &Holder::onIn));
+    NetPair pair;
+    ASSERT_EQ(0, pEPoll->addFd(pair.m_near.getFd(), EPOLLIN | EPOLLET, nullptr));
+    ASSERT_EQ(0, pEPoll->start());
+    ASSERT_EQ(1, send(pair.m_far.getFd(), "x", 1, 0));
+    ASSERT_TRUE(eventually([&] { return holder.bInside.load(); }));
+    const CallJournal journal("select");
+    std::thread ending([&] {
+        prctl(PR_SET_NAME, "ending", 0, 0, 0);
+        pEPoll.reset();
+    });
+
+    EXPECT_TRUE(eventually([&] { return CallJournal::lines("ending").size() >= 3; }));
+
+    EXPECT_EQ(before.size() + 1, epollFds().size()) << "the handler may still use it";
+    holder.bMayLeave = true;
+    ending.join();
+    EXPECT_EQ(before, epollFds());
+}
+
 TEST(EPollThread, HandlersGoWithIt)
 {
     const auto live = [] {
@@ -108,6 +144,16 @@ TEST(EPollThread, ThreadBearsTheName)
     EPoll unnamed(20);
     EXPECT_EQ(1, countThreads("reactor"));
     EXPECT_EQ(nBefore + 1, countThreads("epoll"));
+}
+
+TEST(EPollThread, DescriptorZeroIsClosedAtTheEndToo)
+{
+    const ZeroIsFree zero;
+    {
+        const EPoll epoll(20);
+        EXPECT_EQ(1U, epollFds().count(0));
+    }
+    EXPECT_FALSE(isOpen(0));
 }
 
 TEST(EPollThread, DescriptorIsCloseOnExecAndClosedAtTheEnd)

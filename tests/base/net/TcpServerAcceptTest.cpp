@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CallJournal.h"
 #include "Eventually.h"
 #include "Fault.h"
 #include "LogCapture.h"
@@ -95,10 +96,14 @@ TEST(TcpServerAccept, PassAcceptsSixteenConnectionsAndTheNextOneTheRest)
         return 20 == info.tcpi_unacked; // of a listener: what waits
     }));
 
+    const CallJournal journal("epoll_wait");
     EXPECT_EQ(0, server.pollOnce());
     EXPECT_EQ(16, server.m_steps.count("start"));
     EXPECT_EQ(0, server.pollOnce());
     EXPECT_EQ(20, server.m_steps.count("start"));
+    EXPECT_EQ(0, server.pollOnce());
+    EXPECT_EQ(Lines({"epoll_wait 20 1000", "epoll_wait 20 0", "epoll_wait 20 1000"}),
+              CallJournal::lines());
     for (TcpSocket& peer : vecPeer) {
         (void)peer.close();
     }

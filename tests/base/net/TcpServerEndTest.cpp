@@ -144,3 +144,26 @@ TEST(TcpServerEnd, ItsEndDoesNotRaceWithConnectingPeers)
         peers.join();
     }
 }
+
+// Its registration is never freed, and knows of no connection any more.
+TEST(TcpServerEnd, ConnectionOnDescriptorZeroEndsOnce)
+{
+    StepServer server;
+    server.listen();
+    TcpSocket peer = connectTo(server.getPort());
+    const LogCapture quiet;
+    {
+        const ZeroIsFree zero;
+        ASSERT_TRUE(server.poll("start"));
+        ASSERT_EQ(0, server.m_pLast->getSocket().getFd());
+        (void)peer.close();
+        ASSERT_TRUE(server.poll("delete"));
+        EXPECT_FALSE(isOpen(0));
+    }
+    TcpSocket next = connectTo(server.getPort());
+
+    EXPECT_TRUE(server.poll("start", 2));
+
+    EXPECT_EQ(1, server.m_steps.count("delete"));
+    (void)next.close();
+}

@@ -192,6 +192,36 @@ TEST_F(TcpServerTime, SilentPeerIsReset)
     EXPECT_EQ(ECONNRESET, errno);
 }
 
+TEST_F(TcpServerTime, SilentPeersAreLookedForOnceASecond)
+{
+    int nLooks = 0;
+    const TcpInfoAnswer counter([&nLooks](tcp_info&, socklen_t&) { ++nLooks; });
+    m_server.m_pLast->m_nLeft = 1; // short passes
+    const uint32_t u32StartMs = monotonicMs32();
+    uint32_t u32BeforeMs = 0; // the pass that looked last
+    uint32_t u32BehindMs = 0;
+    bool bAgain = false;
+
+    while (!bAgain) {
+        nLooks = 0;
+        const uint32_t u32NowMs = monotonicMs32();
+        EXPECT_EQ(0, m_server.pollOnce());
+        const bool bFirst = 0 == u32BeforeMs;
+        if (!bFirst && u32NowMs - u32BehindMs >= 1000) {
+            EXPECT_EQ(1, nLooks) << "a second has passed";
+        }
+        if (0 != nLooks) {
+            bAgain = !bFirst;
+            if (bAgain) {
+                EXPECT_LE(1000U, monotonicMs32() - u32BeforeMs);
+            }
+            u32BeforeMs = u32NowMs;
+            u32BehindMs = monotonicMs32();
+        }
+        ASSERT_LT(u32NowMs - u32StartMs, 30000U);
+    }
+}
+
 TEST_F(TcpServerTime, PeerThatWasHeardOfAMomentAgoStays)
 {
     int nAsked = 0;
