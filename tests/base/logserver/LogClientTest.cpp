@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -15,9 +16,24 @@
 
 #include <gtest/gtest.h>
 
+#include "ClientMemory.h"
 #include "Fault.h"
 #include "LogCapture.h"
 #include "LogViewer.h"
+
+namespace {
+
+/** Have it send a line of that length. */
+void logTo(LogClient& client, int nLength)
+{
+    const auto uLength = static_cast<size_t>(nLength);
+    char* pText = static_cast<char*>(malloc(uLength));
+    memset(pText, 'x', uLength);
+    LogEvent line(SafePointer_C<char>(pText), nLength, 2);
+    EXPECT_EQ(0, client.onLog(&line));
+}
+
+} // namespace
 
 TEST(LogClient, ViewerThatStopsWithLessThanAMebibyteWaitingStays)
 {
@@ -57,6 +73,71 @@ TEST(LogClient, SlowReaderHasFiveSecondsForEachByte)
     EXPECT_EQ(0, client.getTimeLeft(11000));
     close(anPair[0]);
     close(anPair[1]);
+}
+
+TEST(LogClient, ViewerThatHasTakenNothingYetHasFiveSecondsBeyondAMebibyte)
+{
+    int anPair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, anPair));
+    LogClient client;
+    client.setSocket(TcpSocket(anPair[0]));
+    const FaultScope full("sendmsg:1-:EAGAIN");
+    logTo(client, 1);       // is being sent
+    logTo(client, 1048576); // waits
+
+    EXPECT_EQ(INT_MAX, client.getTimeLeft(500)) << "a mebibyte may wait";
+    logTo(client, 1);
+    EXPECT_EQ(5000, client.getTimeLeft(1000));
+    EXPECT_EQ(1, client.getTimeLeft(5999));
+    EXPECT_EQ(0, client.getTimeLeft(6000));
+    close(anPair[0]);
+    close(anPair[1]);
+}
+
+TEST(LogClient, ViewerThatLagsAnewHasItsFiveSecondsAnew)
+{
+    int anPair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, anPair));
+    LogClient client;
+    client.setSocket(TcpSocket(anPair[0]));
+    const FaultScope full("sendmsg:1-:EAGAIN");
+    logTo(client, 1);       // is being sent
+    logTo(client, 1048577); // waits
+    EXPECT_EQ(5000, client.getTimeLeft(1000));
+    const void* pData = nullptr;
+    int nLength = 0;
+    EXPECT_EQ(0, client.getNextBuffer(pData, nLength)); // no longer
+    EXPECT_EQ(INT_MAX, client.getTimeLeft(3000));
+
+    logTo(client, 1048577);
+
+    EXPECT_EQ(5000, client.getTimeLeft(4000));
+    close(anPair[0]);
+    close(anPair[1]);
+}
+
+TEST(LogClient, CountsAsFourKilobytesBeforeItsFirstLine)
+{
+    const uint32_t u32Before = ClientMemory::getInstance().getBytes();
+    {
+        LogClient client;
+        EXPECT_EQ(0, client.init());
+        EXPECT_EQ(u32Before + 4096, ClientMemory::getInstance().getBytes());
+    }
+    EXPECT_EQ(u32Before, ClientMemory::getInstance().getBytes());
+}
+
+TEST(LogClient, WhoHasBeenGivenUpBeforeItBeganIsNotServed)
+{
+    class LeavingClient : public LogClient
+    {
+    public:
+        using LogClient::leave;
+    };
+    LeavingClient client;
+    client.leave();
+
+    EXPECT_EQ(1, client.init());
 }
 
 TEST(LogClient, AnotherEventTypeIsABadCast)
@@ -121,6 +202,24 @@ TEST(LogClient, DeliberateReadThatFindsNothingIsPrintedWithoutBytes)
     EXPECT_EQ("logserver recv:\n", testing::internal::GetCapturedStdout());
     close(anPair[0]);
     close(anPair[1]);
+}
+
+TEST(LogClient, ReadTellsThatTheViewerHasLeft)
+{
+    LogClient client;
+    ASSERT_EQ(0, client.init());
+    int anPair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, anPair));
+    client.setSocket(TcpSocket(anPair[0]));
+    TcpClient* pClient = &client;
+    EPollEvent event(EPOLLIN, &anPair[0], &pClient);
+    close(anPair[1]);
+    testing::internal::CaptureStdout();
+
+    EXPECT_EQ(1, client.onRead(event));
+
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    close(anPair[0]);
 }
 
 // The line about the failed send comes back to every sink but the one that is failing.

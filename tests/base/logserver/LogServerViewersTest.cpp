@@ -163,9 +163,11 @@ TEST_F(LogServerViewers, ThreadHasItsNameAndViewersHaveSmallBuffers)
     LogServer& server = LogServer::getInstance();
     ASSERT_EQ(0, server.setUp("127.0.0.1", 0));
     const uint16_t u16Port = listeningPort();
+    const LogCapture log;
     {
         const Viewer viewer(u16Port);
         EXPECT_TRUE(eventually([&] { return hasSocketWithBuffers(u16Port, 4096); }));
+        EXPECT_EQ(std::string::npos, log.text().find("size error")) << "within the limits";
         EXPECT_TRUE(eventually([] { return 1 == countThreads("LogServer"); }));
     }
     EXPECT_TRUE(eventually([&] { return !hasSocketWithBuffers(u16Port, 4096); }));

@@ -25,6 +25,10 @@ std::string expectCleanExit(const std::string& strOrder)
     for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
         setFile.insert(entry.path().filename().string());
     }
+    for (const std::string& strFile : setFile) {
+        EXPECT_EQ(std::string::npos, folder.read(strFile).find("mutex lock error"))
+            << strOrder << ": a lock was used after its end";
+    }
     return setFile.empty() ? "" : folder.read(setFile.rbegin()->c_str());
 }
 
