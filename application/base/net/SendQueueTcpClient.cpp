@@ -160,7 +160,6 @@ int SendQueueTcpClient::fetchBuffer()
         item = Item();
     }
     m_nWritten = 0;
-    m_nOffset = 0;
     if (u32Bytes > 0) {
         give(u32Bytes);
     }

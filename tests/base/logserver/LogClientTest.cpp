@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <csignal>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,7 +35,26 @@ void logTo(LogClient& client, int nLength)
     EXPECT_EQ(0, client.onLog(&line));
 }
 
+int g_nHeld = -1; // of a socket, as the kernel says
+
 } // namespace
+
+// The linker gives calls of ioctl to the first, and the second's calls to ioctl.
+extern "C" int __wrap_ioctl(int nFd, unsigned long ulRequest, ...);
+extern "C" int __real_ioctl(int nFd, unsigned long ulRequest, ...);
+
+int __wrap_ioctl(int nFd, unsigned long ulRequest, ...)
+{
+    va_list arguments;
+    va_start(arguments, ulRequest);
+    void* pArgument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (g_nHeld < 0 || TIOCOUTQ != ulRequest) {
+        return __real_ioctl(nFd, ulRequest, pArgument);
+    }
+    *static_cast<int*>(pArgument) = g_nHeld;
+    return 0;
+}
 
 TEST(LogClient, ViewerThatStopsWithLessThanAMebibyteWaitingStays)
 {
@@ -112,6 +133,39 @@ TEST(LogClient, ViewerThatLagsAnewHasItsFiveSecondsAnew)
     logTo(client, 1048577);
 
     EXPECT_EQ(5000, client.getTimeLeft(4000));
+    close(anPair[0]);
+    close(anPair[1]);
+}
+
+// What the kernel has taken and still holds has not been taken by the viewer.
+TEST(LogClient, BytesThatTheKernelHoldsAreNotTaken)
+{
+    class OpenClient : public LogClient
+    {
+    public:
+        using LogClient::getHandedBytes;
+    };
+    int anPair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, anPair));
+    OpenClient client;
+    client.setSocket(TcpSocket(anPair[0]));
+    {
+        const FaultScope full("sendmsg:1-:EAGAIN");
+        logTo(client, 1048577); // is being sent
+        logTo(client, 1048577); // waits
+    }
+    EXPECT_EQ(5000, client.getTimeLeft(1000));
+    TcpClient* pClient = &client;
+    EPollEvent event(EPOLLOUT, &anPair[0], &pClient);
+    ASSERT_EQ(0, client.onWrite(event)); // what there is room for
+    ASSERT_LT(0U, client.getHandedBytes());
+    logTo(client, 1048577); // waits: the others leave together
+
+    g_nHeld = static_cast<int>(client.getHandedBytes());
+    EXPECT_EQ(3000, client.getTimeLeft(3000));
+    --g_nHeld;
+    EXPECT_EQ(5000, client.getTimeLeft(3500)) << "the viewer has taken a byte";
+    g_nHeld = -1;
     close(anPair[0]);
     close(anPair[1]);
 }

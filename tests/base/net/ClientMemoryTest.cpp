@@ -16,7 +16,9 @@
 #include "Eventually.h"
 #include "LogCapture.h"
 #include "NetPair.h"
+#include "QueueClient.h"
 #include "SendQueueTcpClient.h"
+#include "ShortSend.h"
 #include "Time.h"
 
 namespace {
@@ -118,6 +120,22 @@ TEST(ClientMemory, WhoBindsMostIsClosedFirst)
     EXPECT_EQ(0, small.m_nGivenUp);
     EXPECT_EQ(0, asker.m_nGivenUp);
     EXPECT_EQ(16 * MIB, counted());
+}
+
+TEST(ClientMemory, TwiceAsMuchIsMoreEvenWhereItIsTaken)
+{
+    TestShare stalled;
+    TestShare reading;
+    TestShare asker;
+    EXPECT_TRUE(stalled.take(4 * MIB));
+    EXPECT_TRUE(reading.take(8 * MIB));
+    tick();
+    reading.noteTaken();
+
+    EXPECT_TRUE(asker.take(21 * MIB));
+
+    EXPECT_EQ(1, reading.m_nGivenUp);
+    EXPECT_EQ(0, stalled.m_nGivenUp);
 }
 
 TEST(ClientMemory, OfEqualsTheOneThatHasTakenNothingForLongestIsClosedFirst)
@@ -318,6 +336,28 @@ TEST(ClientMemory, ConnectionThatIsGivenUpDropsItsQueueAndItsSocket)
     EXPECT_EQ("", log.text()) << "and nothing is logged for a socket that was shut down";
     EXPECT_FALSE(asker.isGivenUp());
     EXPECT_LE(counted(), 32 * MIB);
+}
+
+TEST(ClientMemory, ConnectionWhoseKernelTakesSomethingIsNotTheIdleOne)
+{
+    NetPair readingPair;
+    NetPair stalledPair;
+    QueueClient reading(readingPair);
+    tick();
+    QueueClient stalled(stalledPair);
+    TestShare asker;
+    const SafePointer_C<char> large(static_cast<char*>(calloc(1, 12 * MIB)));
+    const ShortSend byByte(1);
+    reading.send(large, 12 * MIB);
+    tick();
+    stalled.send(large, 12 * MIB);
+    tick();
+    EXPECT_EQ(0, reading.write()); // the out event
+
+    EXPECT_TRUE(asker.take(10 * MIB));
+
+    EXPECT_TRUE(stalled.isGivenUp());
+    EXPECT_FALSE(reading.isGivenUp());
 }
 
 TEST(ClientMemory, ManyThreadsStayInsideTheBound)

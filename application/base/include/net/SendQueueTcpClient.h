@@ -105,7 +105,7 @@ private:
     Item m_aSending[MOST_GATHERED];
     int m_nSending = 0;      // items
     int m_nWritten = 0;      // of them, whole
-    int m_nOffset = 0;       // bytes written of the next one
+    int m_nOffset = 0;       // bytes written of the next one; 0 behind the last
     bool m_bRefused = false; // the kernel had no room for any of them
 
     std::atomic<uint32_t> m_u32Handed{0};
