@@ -1,16 +1,14 @@
-// Linked to main.cpp beside the service: the same program with its debug console running.
+// Linked to main.cpp with --wrap=main: the service's program with its debug console running.
 #include "ModuleManager.h"
 
-namespace {
+extern "C" {
+int __real_main(int argc, char** argv);
+int __wrap_main(int argc, char** argv);
+}
 
-struct StartConsole
+// Not while the program is initialised: the order between that and the log's constants is open.
+int __wrap_main(int argc, char** argv)
 {
-    StartConsole()
-    {
-        ModuleManager::getInstance().getDebugThread().start();
-    }
-};
-
-const StartConsole START_CONSOLE;
-
-} // namespace
+    ModuleManager::getInstance().getDebugThread().start();
+    return __real_main(argc, argv);
+}
