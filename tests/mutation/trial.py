@@ -22,7 +22,8 @@ from guards import MOST_POINTS, AllGuards, written
 WHOLE_SERVICE = re.compile(r"application/[^/]+\.(cpp|h)$")
 SERVICE_TESTS = ("system.test_main", "system.test_start")
 SERVICE_TARGETS = ("kestrel-server", "kestrel-server-console", "kestrel-server-scripted",
-                   "kestrel_camera_preload", "kestrel-camera", "kestrel-camera-ctl")
+                   "kestrel_camera_preload", "kestrel-camera", "kestrel-camera-ctl",
+                   "kestrel_fault_preload")
 
 BUILD_SECONDS = 1800
 MOST_ROUNDS = 30 # of leaving out what doesn't compile
