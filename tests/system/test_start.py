@@ -65,6 +65,10 @@ class Tracer(unittest.TestCase):
         calls, pid = self.start("-p", "200")
         self.assertEqual([f"-f -p {pid} -s 200"], calls)
 
+    def test_started_with_the_greatest_string_length(self):
+        calls, pid = self.start("-p", "2147483647")
+        self.assertEqual([f"-f -p {pid} -s 2147483647"], calls)
+
     def test_string_length_that_is_no_number_is_zero(self):
         calls, pid = self.start("-p", "x")
         self.assertEqual([f"-f -p {pid} -s 0"], calls)
