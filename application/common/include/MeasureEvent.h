@@ -7,8 +7,7 @@
 class MeasureEvent : public Event
 {
 public:
-    MeasureEvent() = default;
     explicit MeasureEvent(float fValue) : m_fValue(fValue) {}
 
-    float m_fValue = 0;
+    float m_fValue;
 };

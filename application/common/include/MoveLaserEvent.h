@@ -7,9 +7,8 @@
 class MoveLaserEvent : public Event
 {
 public:
-    MoveLaserEvent() = default;
     MoveLaserEvent(float fX, float fY) : m_fX(fX), m_fY(fY) {}
 
-    float m_fX = 0;
-    float m_fY = 0;
+    float m_fX;
+    float m_fY;
 };
