@@ -14,6 +14,7 @@
 #include "AtExitOrder.h"
 #include "ControllerPort.h"
 #include "DebugCmdEvent.h"
+#include "Descriptors.h"
 #include "LogCapture.h"
 #include "SystemModule.h"
 #include "VideoCapturer.h"
@@ -86,6 +87,7 @@ TEST(CommucationModule, ServesItsPortFromStartToStop)
     char acAnswer[16] = {0};
     EXPECT_EQ(15, recv(nFd, acAnswer, 15, MSG_WAITALL));
     EXPECT_STREQ("HTTP/1.1 200 OK", acAnswer);
+    EXPECT_TRUE(hasSocketWithBuffers(8329, 35840));
     ::close(nFd);
     EXPECT_EQ(RET_SUCCESS, module.stop());
     EXPECT_EQ(RET_SUCCESS, module.uninit());
