@@ -82,9 +82,7 @@ ModuleManager::ModuleManager()
 
 ModuleManager::~ModuleManager()
 {
-    m_listModule.clear();
     EventBus<SystemNeedQuitEvent>::unsubscribe(this, &ModuleManager::onSystemNeedQuit);
-    m_pDebugThread.reset();
 }
 
 RET_E ModuleManager::initModule()
