@@ -1,6 +1,7 @@
 // A program with a module manager and modules that do as they are told.
 #pragma once
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -62,7 +63,8 @@ const std::string COMMUCATION_DOWN = down("CommucationModule", "17CommucationMod
 const std::string WHOLE_LIFE = SYSTEM_UP + COMMUCATION_UP + "up 0\nloop 0\n" + COMMUCATION_DOWN +
                                SYSTEM_DOWN + "down 0\nstatus 0\n";
 
-inline bool hasThread(pid_t pid, const char* pName)
+/** @return the id of a process's thread of this name, 0 when it has none */
+inline pid_t threadOf(pid_t pid, const char* pName)
 {
     const std::string strTasks = "/proc/" + std::to_string(pid) + "/task";
     std::error_code ignored;
@@ -70,10 +72,15 @@ inline bool hasThread(pid_t pid, const char* pName)
         std::string strName;
         std::getline(std::ifstream(entry.path() / "comm"), strName);
         if (pName == strName) {
-            return true;
+            return atoi(entry.path().filename().c_str());
         }
     }
-    return false;
+    return 0;
+}
+
+inline bool hasThread(pid_t pid, const char* pName)
+{
+    return 0 != threadOf(pid, pName);
 }
 
 /** What the console does with its input, between the start and the end of the service. */

@@ -1,4 +1,5 @@
 // The debug console of the module manager.
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -46,6 +47,21 @@ TEST(ModuleManagerConsole, WordsOfTheLastLineAreCleared)
 {
     EXPECT_EQ(words(3, {"long", "first", "line"}) + words(2, {"a", "b"}),
               console("long first line\na b\nq\n"));
+}
+
+TEST(ModuleManagerConsole, PassTellsWhetherItsThreadGoesOn)
+{
+    const ScratchFolder folder;
+    folder.write("typed", "\nword\ntwo words\nquit\nq\n");
+    ASSERT_NE(nullptr, freopen((folder.path() / "typed").c_str(), "r", stdin));
+    ModuleManager& manager = ModuleManager::getInstance();
+
+    EXPECT_EQ(0, manager.debugCmdThread());
+    EXPECT_EQ(0, manager.debugCmdThread());
+    EXPECT_EQ(0, manager.debugCmdThread());
+    EXPECT_EQ(1, manager.debugCmdThread());
+    EXPECT_EQ(1, manager.debugCmdThread());
+    EXPECT_EQ(-1, manager.debugCmdThread()) << "the end of the input";
 }
 
 TEST(ModuleManagerConsole, LastLineNeedsALineEndToQuit)

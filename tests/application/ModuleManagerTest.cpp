@@ -5,9 +5,12 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
+
 #include <gtest/gtest.h>
 
 #include "ChildProgram.h"
+#include "DebugCmdEvent.h"
 #include "Eventually.h"
 #include "ManagerChild.h"
 #include "Pattern.h"
@@ -161,6 +164,21 @@ TEST(ModuleManager, ConsolesThreadIsDetached)
     EXPECT_EQ(std::vector<std::string>{"manager_child|pthread_create detached"}, journal.lines());
 }
 
+TEST(ModuleManager, ConsolesThreadIsAsNiceAsTheService)
+{
+    ChildProgram child(program({"CONSOLE=1"}));
+    child.write("a b\n");
+    ASSERT_TRUE(child.waitForOutput("2 words <a> <b>")); // the thread is set up, and runs its body
+    const pid_t tid = threadOf(child.pid(), "tty_debug");
+    ASSERT_LT(0, tid);
+
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(child.pid())),
+              getpriority(PRIO_PROCESS, static_cast<id_t>(tid)));
+
+    child.write("q\n");
+    EXPECT_EQ(0, child.wait().nStatus);
+}
+
 TEST(ModuleManager, ItsEndLeavesTheBus)
 {
     const ChildResult result = run({"LATE=1", "SystemModule_init=2"});
@@ -206,6 +224,15 @@ TEST(ModuleManager, OwnStepsDoNothing)
     EXPECT_EQ(RET_SUCCESS, manager.uninitModule());
     EXPECT_EQ(0, manager.getStatus());
     EXPECT_EQ(&manager, &ModuleManager::getInstance());
+}
+
+TEST(ModuleManager, CommandIsAnsweredByZero)
+{
+    const char* apWords[] = {"SystemManager", "other"};
+    const int nWords = 2;
+    DebugCmdEvent event(&nWords, apWords);
+
+    EXPECT_EQ(0, ModuleManager::getInstance().onDebugCmd(&event));
 }
 
 // Nothing starts the console, though its thread waits from the beginning.
