@@ -146,6 +146,8 @@ class Events:
 class Station:
     """The station and what it works with; each part may be left out, and stopped and started."""
 
+    binary = f"{BUILD}/station/kestrel-station"
+
     def __init__(self, language="grbl", camera=True, guard=True, controller=True, settings="", controller_options=(),
                  camera_options=(), plugin=None, box=((-100, -100, -100), (100, 100, 100))):
         self.stack = contextlib.ExitStack()
@@ -207,9 +209,8 @@ class Station:
         wait_until(lambda: os.path.exists(self.path("socket")), "the guard listens")
 
     def start(self):
-        binary = f"{BUILD}/station/kestrel-station"
         env = dict(os.environ)
-        sanitizer, library = sanitizer_of(binary)
+        sanitizer, library = sanitizer_of(self.binary)
         if self.camera:
             env["KESTREL_CAMERA_DIR"] = self.camera.folder
             preload = f"{BUILD}/simulator/camera/libkestrel-camera.so"
@@ -217,7 +218,7 @@ class Station:
         if sanitizer == "tsan":
             env["TSAN_OPTIONS"] = "exitcode=66:halt_on_error=0:" + env.get("TSAN_OPTIONS", "")
         with open(self.path("station.log"), "ab") as log:
-            self.station = subprocess.Popen([binary, "--config", self.path("station.toml")],
+            self.station = subprocess.Popen([self.binary, "--config", self.path("station.toml")],
                                             stdin=subprocess.DEVNULL, stdout=log, stderr=log, env=env)
 
         def up():
@@ -288,7 +289,8 @@ class Station:
 
     def close(self):
         try:
-            if self.station is not None and self.station.poll() is None:
+            # It takes two seconds to end, and tells what it has leaked then.
+            if self.station is not None and self.station.poll() is None and sanitizer_of(self.binary)[0]:
                 self.stop()
         finally:
             if self.control is not None:
