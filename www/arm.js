@@ -21,6 +21,7 @@ export class Arm {
     #jobs = null;
     #moves;
     #state = null; // as the station told it last; null while it does not answer
+    #heard = 0; // states that came as events
     #last = ""; // the journal's entry that was seen last
     #busy = new Set(); // buttons whose work is under way
     #clicked = -Infinity; // ms
@@ -175,6 +176,7 @@ export class Arm {
 
     #hear(event) {
         if (event?.name === "state") {
+            this.#heard++;
             this.#show(event.data);
             this.#jobs.follow(event.data.job).catch(() => {}); // the list is there by hand, too
         } else if (event?.name === "journal") {
@@ -184,6 +186,17 @@ export class Arm {
             }
         }
         this.#jobs.renew();
+    }
+
+    /**
+     * Take the state that a request has answered with, unless an event came since it began: the event's
+     * may be newer, and if it is not, another event follows.
+     * @param heard  how many had come when it began
+     */
+    #take(answer, heard) {
+        if (answer?.guard && this.#heard === heard) {
+            this.#state = answer;
+        }
     }
 
     #show(state) {
@@ -229,11 +242,10 @@ export class Arm {
         this.#busy.add(button);
         this.#showButtons();
         this.#view.say("…");
+        const heard = this.#heard;
         try {
             const answer = await work();
-            if (answer?.guard) {
-                this.#state = answer;
-            }
+            this.#take(answer, heard);
             this.#view.say(typeof answer === "string" ? answer : "");
         } catch (problem) {
             this.#view.say(problem instanceof Problem ? problem.message : String(problem), true);
@@ -245,8 +257,10 @@ export class Arm {
 
     async #off() {
         set("arm-off-said", "Turning the beam off…");
+        const heard = this.#heard;
         try {
-            this.#show(await this.#station.post("/off"));
+            this.#take(await this.#station.post("/off"), heard);
+            this.#show(this.#state);
             set("arm-off-said", "Beam off was sent.");
             await pause(3000);
             set("arm-off-said", "");
@@ -267,7 +281,9 @@ export class Arm {
     }
 
     async #start() {
-        this.#show(await this.#jobs.start());
+        const heard = this.#heard;
+        this.#take(await this.#jobs.start(), heard);
+        this.#show(this.#state);
         element("arm-pause").focus();
     }
 

@@ -354,6 +354,33 @@ chromiumTest("a job is paused, held by a lost camera, resumed and stopped", asyn
     await page.textBecomes("arm-last", /^long\.gcode: stopped at line /);
 });
 
+chromiumTest("an answer that comes after a newer event takes nothing back", async (page) => {
+    await enter(page);
+    await home(page);
+    await burn(page, "long.gcode", square(20, 200));
+    await page.run(() => {
+        const { fetch } = window;
+        window.fetch = async (...asked) => {
+            const answer = await fetch(...asked);
+            if (String(asked[0]).endsWith("/job/pause")) {
+                const isOff = () => document.getElementById("arm-beam").textContent === "Off, paused";
+                while (!isOff()) {
+                    await new Promise((resolve) => setTimeout(resolve, 20));
+                }
+            }
+            return answer;
+        };
+    });
+
+    await press(page, "arm-pause");
+    await page.textBecomes("arm-beam", /^Off, paused$/);
+    await page.textBecomes("arm-status", /^$/); // the answer has come
+
+    assert.equal(await page.text("arm-beam"), "Off, paused");
+    await press(page, "arm-stop");
+    await page.textBecomes("arm-last", /^long\.gcode: stopped at line /);
+});
+
 chromiumTest("a page that is loaded again keeps its job, one that is closed does not", async (page) => {
     await enter(page);
     await page.reach("live");
