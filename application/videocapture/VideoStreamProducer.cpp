@@ -64,8 +64,7 @@ RET_E VideoStreamProducer::uninit()
 {
     if (m_bInited) {
         m_pThread.reset();
-        (void)m_v4l2->uninit(); // whatever fails there is released with the object
-        m_v4l2.reset();
+        m_v4l2.reset(); // unmaps and closes
         m_bInited = false;
     }
     return RET_SUCCESS;

@@ -1,7 +1,9 @@
 // The capture thread of a stream: what kind of thread it is, and its end.
 #include <atomic>
+#include <thread>
 
 #include <sched.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -69,4 +71,29 @@ TEST_F(VideoStreamProducerThread, UninitEndsTheCaptureThread)
     EXPECT_EQ(RET_SUCCESS, m_producer.uninit());
 
     EXPECT_TRUE(eventually([] { return 0 == countThreads("videocapture0"); }));
+}
+
+TEST_F(VideoStreamProducerThread, UninitWithoutStopEndsTheCaptureThreadFirst)
+{
+    std::atomic<bool> bInside{false};
+    std::atomic<bool> bGoOn{false};
+    m_consumer.m_onFrame = [&](VideoFrameEvent&) {
+        bInside = true;
+        EXPECT_TRUE(eventually([&] { return bGoOn.load(); }));
+    };
+    ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
+    start();
+    ASSERT_TRUE(eventually([&] { return bInside.load(); }));
+    const CallJournal journal("select");
+    std::thread ender([&] {
+        prctl(PR_SET_NAME, "ender", 0, 0, 0);
+        EXPECT_EQ(RET_SUCCESS, m_producer.uninit());
+    });
+
+    EXPECT_TRUE(eventually([] { return CallJournal::lines("ender").size() >= 2; }));
+    EXPECT_EQ(0U, m_camera.count("close")) << "it waits for the thread";
+
+    bGoOn = true;
+    ender.join();
+    EXPECT_EQ(1U, m_camera.count("close"));
 }
