@@ -131,4 +131,5 @@ TEST_F(UvcProberFind, VersionIsNotNeeded)
 {
     EXPECT_EQ(2, find("I: Bus=0003 Vendor=05a3 Product=9230\n" + handlers("event7")));
     EXPECT_EQ(-1, find("I: Bus=0003 Vendor=05a3\n" + handlers("event7")));
+    EXPECT_EQ(-1, UvcProber::getInstance().find(0x05A3, 0)); // what is missing is no zero
 }

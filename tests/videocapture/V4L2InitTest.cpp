@@ -16,12 +16,6 @@ namespace {
 
 using V4L2Init = V4L2InitFixture;
 
-bool endsWith(const std::string& strText, const std::string& strEnd)
-{
-    return strText.size() >= strEnd.size() &&
-           0 == strText.compare(strText.size() - strEnd.size(), strEnd.size(), strEnd);
-}
-
 } // namespace
 
 TEST_F(V4L2Init, AsksTheDriverInOrder)
@@ -102,6 +96,12 @@ TEST_F(V4L2Init, SizeOfAnEarlierStreamIsNotAskedForAgain)
     EXPECT_EQ(RET_SUCCESS, m_v4l2.init(2));
 
     EXPECT_EQ(1U, m_camera.count("S_FMT type=1 width=0 height=0 "));
+}
+
+TEST_F(V4L2Init, SizeIsZeroBefore)
+{
+    EXPECT_EQ(0U, m_v4l2.getWidth());
+    EXPECT_EQ(0U, m_v4l2.getHeight());
 }
 
 TEST_F(V4L2Init, GrantedSizeIsKept)
@@ -258,7 +258,8 @@ TEST_P(V4L2InitFailingStep, ClosesTheDeviceAndLeavesNothingBehind)
     EXPECT_EQ("close = 0", m_camera.readJournal().back());
     EXPECT_EQ(1U, m_camera.count(GetParam().pLastCall))
         << testing::PrintToString(m_camera.readJournal());
-    EXPECT_TRUE(endsWith(m_log.lines().back(), GetParam().pMessage)) << m_log.lines().back();
+    EXPECT_EQ(std::string("[debug] [videocapture/V4L2 ] ") + GetParam().pMessage,
+              m_log.lines().back());
     EXPECT_EQ(uBefore, openDescriptors().size());
     EXPECT_EQ(0U, mappedBuffers());
     EXPECT_EQ(RET_FAILED, m_v4l2.uninit()); // closed already

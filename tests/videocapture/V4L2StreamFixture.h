@@ -83,6 +83,7 @@ protected:
         const std::string strBegin = "[debug] [videocapture/V4L2 ] ";
         Lines vecLine;
         for (const std::string& strLine : m_log.lines()) {
+            EXPECT_EQ(strBegin, strLine.substr(0, strBegin.size()));
             vecLine.push_back(strLine.substr(strBegin.size()));
         }
         return vecLine;

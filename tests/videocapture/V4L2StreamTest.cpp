@@ -58,6 +58,15 @@ TEST_F(V4L2Stream, RefusedStreamOnFails)
     EXPECT_EQ(Lines{}, messages());
 }
 
+TEST_F(V4L2Stream, StreamOffSucceedsInSilence)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.streamOff());
+
+    EXPECT_EQ("", testing::internal::GetCapturedStderr());
+    EXPECT_EQ(Lines{}, messages());
+}
+
 TEST_F(V4L2Stream, RefusedStreamOffTellsTheSystemsError)
 {
     m_camera.command("fail STREAMOFF EINVAL");

@@ -1,6 +1,12 @@
 // Letting one camera go: its mappings and its descriptor, and what is left by a failure.
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
+#include "AllocatedBytes.h"
 #include "Descriptors.h"
 #include "Fault.h"
 #include "V4L2InitFixture.h"
@@ -102,4 +108,65 @@ TEST_F(V4L2Uninit, FailedCloseFailsUninitAndIsNotRepeated)
 
     EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
     EXPECT_EQ(0U, m_camera.count("close"));
+}
+
+// Somebody else's by then.
+TEST_F(V4L2Uninit, DescriptorOfAFailedInitIsNotClosedAgain)
+{
+    m_camera.command("fail S_FMT EINVAL");
+    EXPECT_EQ(RET_FAILED, m_v4l2.init(0));
+    std::vector<int> vecOther; // the camera's number is among them
+    for (int i = 0; i < 8; ++i) {
+        vecOther.push_back(dup(STDERR_FILENO));
+    }
+
+    EXPECT_EQ(RET_FAILED, m_v4l2.uninit());
+
+    for (const int nOther : vecOther) {
+        EXPECT_EQ(0, close(nOther));
+    }
+}
+
+// A service may be started without a standard input.
+TEST_F(V4L2Uninit, DescriptorZeroIsAsGoodAsAnother)
+{
+    PVENC_FRAME_T frame;
+    const int nKept = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
+    EXPECT_NE(-1, fcntl(STDIN_FILENO, F_GETFD)) << "the camera's";
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.streamOn());
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.getVideoStream(frame, 10000));
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.streamOff());
+    EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit());
+    EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD));
+    {
+        V4L2 other;
+        EXPECT_EQ(RET_SUCCESS, other.init(0));
+    }
+    EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD));
+
+    dup2(nKept, STDIN_FILENO);
+    close(nKept);
+}
+
+TEST_F(V4L2Uninit, OpeningAgainAndAgainKeepsNoMemory)
+{
+    const auto openAndClose = [this] {
+        EXPECT_EQ(RET_SUCCESS, m_v4l2.init(0));
+        EXPECT_EQ(RET_SUCCESS, m_v4l2.uninit());
+        m_log.clear();
+    };
+    m_camera.command("grant 32 always");
+    for (int i = 0; i < 5; ++i) {
+        openAndClose(); // what is allocated once
+    }
+
+    const size_t uBefore = allocatedBytes();
+    for (int i = 0; i < 30; ++i) {
+        openAndClose();
+    }
+
+    EXPECT_GT(uBefore + 5000, allocatedBytes()); // thirty tables have 7,680 or more
 }

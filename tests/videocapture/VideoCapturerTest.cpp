@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include <linux/videodev2.h>
@@ -19,14 +20,18 @@
 #include "EventBus.h"
 #include "Eventually.h"
 #include "ExposureTool.h"
+#include "Fault.h"
 #include "FrameConsumer.h"
 #include "LogCapture.h"
+#include "LogEvent.h"
 #include "SetExposureEvent.h"
 #include "UvcProber.h"
 #include "VideoFrameEvent.h"
 #include "VirtualCamera.h"
 
 namespace {
+
+using Lines = std::vector<std::string>;
 
 class VideoCapturerStream : public testing::Test
 {
@@ -108,6 +113,49 @@ TEST_F(VideoCapturerStream, ConsumersAreRefusedBeforeInitAndAfterUninit)
 
     EXPECT_EQ(RET_FAILED, m_capturer.registerConsumer(&m_consumer));
     EXPECT_EQ(RET_FAILED, m_capturer.cancelConsumer(&m_consumer));
+}
+
+// A registration under way must not keep the camera busy for the next init.
+TEST_F(VideoCapturerStream, UninitClosesTheCameraAlsoDuringARegistration)
+{
+    // A log sink that takes its time: the line of the registration is logged inside it.
+    struct Sink
+    {
+        int onLog(Event* pEvent)
+        {
+            (void)pEvent;
+            if (std::exchange(m_bArmed, false)) {
+                EXPECT_EQ(RET_SUCCESS, m_capturer.uninit());
+                m_uClosed = m_camera.count("close");
+            }
+            return 0;
+        }
+        VideoCapturer& m_capturer;
+        const VirtualCamera& m_camera;
+        bool m_bArmed;
+        size_t m_uClosed;
+    } sink{m_capturer, m_camera, false, 0};
+    ASSERT_EQ(RET_SUCCESS, m_capturer.init());
+    EventBus<LogEvent>::subscribe(&sink, &Sink::onLog);
+
+    sink.m_bArmed = true;
+    EXPECT_EQ(RET_SUCCESS, m_capturer.registerConsumer(&m_consumer));
+
+    EventBus<LogEvent>::unsubscribe(&sink, &Sink::onLog);
+    EXPECT_EQ(1U, sink.m_uClosed);
+}
+
+TEST_F(VideoCapturerStream, InitWithoutMemoryFails)
+{
+    {
+        const FaultScope fault(
+            ("malloc>=" + std::to_string(sizeof(VideoStreamProducer)) + ":1:ENOMEM").c_str());
+        EXPECT_EQ(RET_FAILED, m_capturer.init());
+        EXPECT_EQ(1U, faultHits());
+    }
+
+    EXPECT_EQ(Lines{}, m_camera.readJournal());
+    EXPECT_EQ(RET_FAILED, m_capturer.start());
 }
 
 TEST_F(VideoCapturerStream, StartBeforeInitFails)
