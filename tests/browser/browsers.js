@@ -90,6 +90,22 @@ class Page {
         await this.goTo(url);
         await this.reach("live");
     }
+
+    /** Bring an element into view and wait until the page has stopped moving it, so that a click meets it. */
+    async still(selector) {
+        await this.until((selector) => {
+            const element = document.querySelector(selector);
+            element?.scrollIntoView({ block: "center" });
+            return element?.checkVisibility();
+        }, selector);
+        for (let former = null, now = ""; now !== former; await pause(POLL)) {
+            former = now;
+            now = await this.run(
+                (selector) => JSON.stringify(document.querySelector(selector).getBoundingClientRect()),
+                selector,
+            );
+        }
+    }
 }
 
 class ChromiumPage extends Page {
@@ -173,8 +189,9 @@ class FirefoxPage extends Page {
         return this.page.evaluate(`(${script})(...${JSON.stringify(args)})`);
     }
 
-    click(selector) {
-        return this.page.click(selector);
+    async click(selector) {
+        await this.still(selector);
+        await this.page.click(selector);
     }
 
     pressEscape() {
@@ -302,11 +319,8 @@ class WebKitPage extends Page {
     }
 
     async click(selector) {
-        // The driver scrolls no farther than to the window's edge, below what is fixed there.
-        await this.run(
-            (selector) => document.querySelector(selector).scrollIntoView({ block: "center" }),
-            selector,
-        );
+        // The driver itself scrolls no farther than to the window's edge, below what is fixed there.
+        await this.still(selector);
         await this.call("POST", `${await this.find(selector)}/click`, {});
     }
 
