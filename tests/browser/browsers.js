@@ -40,6 +40,7 @@ export async function startChromium() {
             "--headless",
             "--no-sandbox",
             "--disable-gpu",
+            "--disable-software-rasterizer",
             "--disable-quic",
             "--no-first-run",
             "--disable-background-networking",
