@@ -38,12 +38,14 @@ def find_operation(method, path):
     return None
 
 
+with warnings.catch_warnings():
+    # Debian's has no other way to resolve references; a newer one warns of it.
+    warnings.simplefilter("ignore", DeprecationWarning)
+    RESOLVER = jsonschema.RefResolver("", API)
+
+
 def validate(instance, schema):
-    with warnings.catch_warnings():
-        # Debian's has no other way to resolve references; a newer one warns of it.
-        warnings.simplefilter("ignore", DeprecationWarning)
-        resolver = jsonschema.RefResolver("", API)
-    jsonschema.Draft202012Validator(schema, resolver=resolver).validate(instance)
+    jsonschema.Draft202012Validator(schema, resolver=RESOLVER).validate(instance)
 
 
 def check_answer(method, path, status, content_type, body):
