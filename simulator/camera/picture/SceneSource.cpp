@@ -121,6 +121,7 @@ void SceneSource::drawBurnt()
         findCells();
     }
     const float fCells = static_cast<float>(m_u32CellsAcross * m_u32CellsAcross);
+    m_vecBase = m_vecNew;
     for (size_t i = 0; i < m_vecCell.size(); ++i) {
         float fShare = 0;
         for (uint32_t y = 0; NO_CELL != m_vecCell[i] && y < m_u32CellsAcross; ++y) {
@@ -129,9 +130,12 @@ void SceneSource::drawBurnt()
                 fShare += burnt.afShare[uCell].load(std::memory_order_relaxed);
             }
         }
-        const float fNew = m_vecNew[i];
-        const float fBase = fNew + fShare / fCells * (CHAR - fNew);
-        m_vecBase[i] = static_cast<uint8_t>(std::lround(fBase));
+        if (fShare >
+            0) { // of few pixels: the others cost the most time of a job's pictures otherwise
+            const float fNew = m_vecNew[i];
+            const float fBase = fNew + fShare / fCells * (CHAR - fNew);
+            m_vecBase[i] = static_cast<uint8_t>(std::lround(fBase));
+        }
     }
 }
 
