@@ -130,8 +130,7 @@ void SceneSource::drawBurnt()
                 fShare += burnt.afShare[uCell].load(std::memory_order_relaxed);
             }
         }
-        if (fShare >
-            0) { // of few pixels: the others cost the most time of a job's pictures otherwise
+        if (fShare > 0) { // of few pixels, and rounding is what costs most
             const float fNew = m_vecNew[i];
             const float fBase = fNew + fShare / fCells * (CHAR - fNew);
             m_vecBase[i] = static_cast<uint8_t>(std::lround(fBase));
