@@ -170,8 +170,10 @@ RET_E ModuleManager::moduleUnInitialize()
 
 int ModuleManager::debugCmdThread()
 {
-    for (int i = 0; i < WORD_COUNT; ++i) {
-        g_apWords[i] = g_acWords + static_cast<ptrdiff_t>(i) * WORD_SIZE;
+    const char* pBuffer = g_acWords;
+    for (const char*& pWord : g_apWords) {
+        pWord = pBuffer;
+        pBuffer += WORD_SIZE;
     }
     // Nothing is flushed: for an input stream that is undefined, and musl drops the lines that were
     // typed ahead.

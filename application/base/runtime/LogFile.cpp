@@ -125,7 +125,6 @@ RET_E LogFile::openNew()
     if (nullptr != m_file.getStream() && strName == m_file.getPath()) {
         return RET_SUCCESS; // reopened it would lose its lines
     }
-    m_file.close();
     printf("create log file:%s\n", strName.c_str());
     if (0 !=
         m_file.open(strName.c_str(), FILE_FLAG_WRITE | FILE_FLAG_ACCEPTED | FILE_FLAG_CREATE)) {
@@ -139,9 +138,9 @@ void LogFile::removeOld()
 {
     // The kernel stamps files in clock ticks: with the exact time the new file is the newest even
     // when its predecessor was written in the same tick.
-    timespec aTime[2] = {};
-    clock_gettime(CLOCK_REALTIME, &aTime[0]);
-    aTime[1] = aTime[0];
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const timespec aTime[] = {now, now};
     (void)futimens(fileno(m_file.getStream()), aTime); // at worst a tie
 
     const size_t uSlash = m_strBasePath.rfind('/');

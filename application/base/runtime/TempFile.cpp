@@ -9,8 +9,7 @@
 
 TempFile::~TempFile()
 {
-    (void)remove(m_strPath.c_str()); // printed there
-    close();
+    (void)remove(m_strPath.c_str()); // printed there; the stream closes with its object
 }
 
 int TempFile::create(int nFlags)

@@ -39,8 +39,7 @@ TerminationSignals::~TerminationSignals()
     for (const int nSignal : SIGNALS) {
         struct sigaction current = {};
         (void)sigaction(nSignal, nullptr, &current);
-        if (0 != (current.sa_flags & SA_SIGINFO) &&
-            &TerminationSignals::onSignal == current.sa_sigaction) {
+        if (&TerminationSignals::onSignal == current.sa_sigaction) {
             (void)signal(nSignal, SIG_DFL);
         }
     }
