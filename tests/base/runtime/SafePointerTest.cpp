@@ -63,6 +63,19 @@ TEST(SafePointer, AssignmentByMoveFreesWhatTheHandleHeld)
     EXPECT_GT(uBefore + 10000, allocatedBytes());
 }
 
+TEST(SafePointer, AssignmentOfACopyFreesWhatTheHandleHeld)
+{
+    SafePointer_C<char> handle;
+    const size_t uBefore = allocatedBytes();
+
+    for (int i = 0; i < 1000; ++i) {
+        const SafePointer_C<char> other(static_cast<char*>(malloc(1000)));
+        handle = other;
+    }
+
+    EXPECT_GT(uBefore + 10000, allocatedBytes());
+}
+
 TEST(SafePointer, LastHandleFreesTheBuffer)
 {
     SafePointer_C<char> last;

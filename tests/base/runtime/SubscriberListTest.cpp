@@ -104,6 +104,11 @@ TEST(SubscriberList, EntryIsFreedOnceItsVisitorHasLeftAndAnotherHasCome)
     const int nBefore = g_nCallbacks;
     SubscriberList list;
     Resident resident;
+    Visitor early; // so that the place has been visited before
+    add(list, early);
+    NumberEvent earlyEvent;
+    list.publish(earlyEvent, PUBLISH_NESTED);
+    remove(list, early);
     list.add(std::make_unique<CB<Resident, int>>(&resident, &Resident::onEvent));
     std::thread publisher([&list] {
         NumberEvent event;

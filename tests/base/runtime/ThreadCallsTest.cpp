@@ -12,13 +12,16 @@
 
 #include <gtest/gtest.h>
 
+#include "AllocatedBytes.h"
 #include "CallJournal.h"
 #include "Eventually.h"
+#include "LogCapture.h"
 #include "Thread.h"
 
 // For one thread: a nice value that is rightly -1, after a call that left an error behind.
 static std::atomic<bool> g_bLegalMinusOne{false};
 static std::atomic<bool> g_bNiceHeld{false}; // as on a busy machine
+static std::atomic<bool> g_bNameHeld{false}; // likewise
 
 // The linker gives the code's calls to these, and theirs to the C library.
 extern "C" int __wrap_nice(int nIncrement);
@@ -40,6 +43,9 @@ int __wrap_prctl(int nOption, ...)
     va_start(args, nOption);
     const unsigned long ulArgument = va_arg(args, unsigned long);
     va_end(args);
+    while (g_bNameHeld && PR_SET_NAME == nOption) {
+        std::this_thread::yield();
+    }
     const int nRet = __real_prctl(nOption, ulArgument, 0UL, 0UL, 0UL);
     if (g_bLegalMinusOne) {
         errno = EPERM;
@@ -133,6 +139,25 @@ TEST(ThreadCalls, KilledThreadIsJoinedByTheKillWhenJoinable)
     }
 }
 
+TEST(ThreadCalls, EndedThreadsLeaveNothingBehind)
+{
+    HeldBody body;
+    const auto runOne = [&body](bool bJoinable) {
+        Thread thread(&HeldBody::run, &body, "one of many threads", 0, 0, 0, bJoinable);
+        (void)thread.start();
+    };
+    runOne(true);
+    const size_t uBefore = allocatedBytes();
+
+    for (int i = 0; i < 100; ++i) {
+        runOne(0 == i % 2);
+    }
+
+    // A thread's state alone has more than a hundred bytes; a detached one may be leaving still.
+    EXPECT_TRUE(eventually([uBefore] { return allocatedBytes() < uBefore + 5000; }))
+        << allocatedBytes() - uBefore;
+}
+
 TEST(ThreadCalls, WaitsForItLookAgainAfterAFewMilliseconds)
 {
     HeldBody body;
@@ -156,6 +181,59 @@ TEST(ThreadCalls, WaitsForItLookAgainAfterAFewMilliseconds)
     const Lines vecEnd = CallJournal::lines();
     ASSERT_FALSE(vecEnd.empty());
     EXPECT_EQ(Lines(vecEnd.size(), "select 0.003000"), vecEnd);
+}
+
+TEST(ThreadCalls, CreationLooksForTheIdEveryFiveMilliseconds)
+{
+    HeldBody body;
+    const CallJournal journal("select");
+    g_bNameHeld = true; // on the way there
+    std::unique_ptr<Thread> pThread;
+    std::thread creator(
+        [&] { pThread = std::make_unique<Thread>(&HeldBody::run, &body, "slow", 0, 0, 0, true); });
+    EXPECT_TRUE(eventually([] { return onlyOf("select").size() >= 2; }));
+
+    g_bNameHeld = false;
+    creator.join();
+
+    const Lines vecWait = CallJournal::lines();
+    EXPECT_EQ(Lines(vecWait.size(), "select 0.005000"), vecWait);
+}
+
+// The cancellation reaches it while it waits at its gate, where it has the lock again.
+TEST(ThreadCalls, KilledThreadThatParksItselfLeavesNoLock)
+{
+    class ParkingBody
+    {
+    public:
+        int run()
+        {
+            m_bInside = true;
+            while (!m_bMayPark) { // no place for a cancellation
+            }
+            return m_pThread->stop();
+        }
+        Thread* m_pThread = nullptr;
+        std::atomic<bool> m_bInside{false};
+        std::atomic<bool> m_bMayPark{false};
+    };
+    LogCapture log;
+    ParkingBody body;
+    {
+        const CallJournal journal("pthread_join");
+        Thread thread(&ParkingBody::run, &body, "parking", 0, 0, 0, true);
+        body.m_pThread = &thread;
+        (void)thread.start();
+        ASSERT_TRUE(eventually([&] { return body.m_bInside.load(); }));
+        std::thread killer([&thread] { EXPECT_EQ(0, thread.forceKill()); });
+        EXPECT_TRUE(eventually([] { return 0 != journalCount(); })); // it has been cancelled
+
+        body.m_bMayPark = true;
+        killer.join();
+    }
+
+    EXPECT_EQ(std::string::npos, log.text().find("mutex")) << log.text();
+    EXPECT_NE(std::string::npos, log.text().find("stop thread by myself")) << log.text();
 }
 
 TEST(ThreadCalls, DestructionLooksForTheGateEveryTenMilliseconds)
