@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "AllocatedBytes.h"
 #include "DebugCmdEvent.h"
 #include "EventBus.h"
 #include "LogCapture.h"
@@ -175,6 +176,19 @@ TEST(IModule, EveryModuleSeesCommandsFromItsConstructionToItsDestruction)
     publishCommand("two", "words");
 
     EXPECT_EQ("one two ", first.takeCalls());
+}
+
+TEST(IModule, ModulesThatAreGoneHaveLeftTheBus)
+{
+    const auto liveAndDie = [] { const ScriptedModule module; };
+    liveAndDie();
+    const size_t uBefore = allocatedBytes();
+
+    for (int i = 0; i < 100; ++i) {
+        liveAndDie();
+    }
+
+    EXPECT_GT(uBefore + 1000, allocatedBytes()); // a subscription alone has more than ten bytes
 }
 
 TEST(IModule, DefaultHandlerDoesNothing)

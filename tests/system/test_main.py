@@ -3,6 +3,7 @@
 import glob
 import re
 import signal
+import socket
 import subprocess
 import time
 import unittest
@@ -111,6 +112,15 @@ class Logging(Scripted):
             self.assertEqual("", pattern.sub("", heard), "no other line, no other layout")
             self.assertEqual([(names[n], str(n)) for n in (1, 2, 3, 4, 5, 5)], lines[-6:])
         self.assertNotIn("level ", server.output(), "nothing on the console")
+
+    def test_port_of_the_viewers_in_use_is_told_in_the_file(self):
+        blocker = socket.create_server(("0.0.0.0", LOG_PORT))
+        self.addCleanup(blocker.close)
+        server = self.start()
+
+        self.say(server, "1 1\n")
+
+        self.assertIn("] accept socket bind error !!   accept ip:(null) port:8001\n", log_text())
 
     def test_file_is_changed_at_four_megabytes_and_two_are_kept(self):
         server = self.start()
