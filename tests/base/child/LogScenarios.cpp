@@ -23,6 +23,13 @@ int runConsole(int, char** argv)
     return 0;
 }
 
+/** A line with the layout that the log has at first. */
+int runLayout(int, char**)
+{
+    LOG(2, "text\n");
+    return 0;
+}
+
 /** TERM is not set in the beginning. */
 int runConsoleVerdict(int, char**)
 {

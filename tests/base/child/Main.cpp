@@ -21,6 +21,7 @@ int main(int argc, char** argv)
         {"termination-again", &runTerminationAgain},
         {"termination-end", &runTerminationEnd},
         {"termination-errno", &runTerminationErrno},
+        {"termination-late", &runTerminationLate},
         {"termination-restart-fails", &runTerminationRestartFails},
         {"termination-locked", &runTerminationLocked},
         {"termination-restart", &runTerminationRestart},
@@ -31,6 +32,7 @@ int main(int argc, char** argv)
         {"sinks", &runSinks},
         {"console", &runConsole},
         {"console-verdict", &runConsoleVerdict},
+        {"layout", &runLayout},
         {"server", &runServer},
     };
     for (const auto& scenario : SCENARIOS) {

@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "DirtyStack.h"
 #include "EventBus.h"
 #include "Fault.h"
 #include "Scenarios.h"
@@ -97,6 +98,32 @@ int runTerminationErrno(int, char** argv)
     const int nErrno = errno;
     EventBus<SystemNeedQuitEvent>::unsubscribe(&failing, &Failing::onQuit);
     printf("%s\n", (ERANGE == nErrno) ? "kept" : "lost");
+    return 0;
+}
+
+/** A signal during the exit, behind the ends of all that was made after the handler. */
+int runTerminationLate(int, char** argv)
+{
+    class Raiser
+    {
+    public:
+        Raiser() = default;
+        Raiser(const Raiser&) = delete;
+        Raiser& operator=(const Raiser&) = delete;
+        ~Raiser()
+        {
+            raise(SIGTERM);
+        }
+        int onQuit(Event*)
+        {
+            const char acText[] = "quit\n";
+            (void)!write(STDOUT_FILENO, acText, sizeof(acText) - 1);
+            return 0;
+        }
+    };
+    TerminationSignals::getInstance().install(false, argv, Time(), 5);
+    static Raiser s_raiser;
+    EventBus<SystemNeedQuitEvent>::subscribe(&s_raiser, &Raiser::onQuit);
     return 0;
 }
 
@@ -188,6 +215,7 @@ int runTerminationRestart(int, char** argv)
     pMark = fopen(argv[2], "w");
     fclose(pMark);
     TerminationSignals::getInstance().install(true, argv, Time(0, 100000), 50);
+    dirtyStack(); // on which the handler runs
     raise(SIGTERM);
     return 100; // with a restart the first signal ends the process
 }

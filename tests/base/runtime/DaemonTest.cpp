@@ -126,6 +126,20 @@ TEST(DaemonRestart, PausesForTheDelayAndForThreeSeconds)
               replacePattern(folder.read("journal"), "write 1 [0-9]+", "write 1 LINE"));
 }
 
+TEST(DaemonRestart, WithoutAShellTheProgramIsStartedOnceAllTheSame)
+{
+    ScratchFolder folder;
+
+    const ChildResult result =
+        runChild({"/usr/bin/env", "KESTREL_FAULT=execv=/bin/sh:1:ENOENT", "KESTREL_FAULT_HURRY=100",
+                  BASE_CHILD, "restart", (folder.path() / "mark").string(), "leaves"});
+
+    EXPECT_TRUE(hasPattern(result.strOutput,
+                           "^kill -9 [0-9]+   \\(sub_fd:[0-9]+\\)\nrestarted restart leaves, "
+                           "open: 256, no child\n$"))
+        << result.strOutput;
+}
+
 TEST(DaemonRestart, ProgramThatCannotBeStartedEndsTheRestartWith127)
 {
     const ChildResult result =

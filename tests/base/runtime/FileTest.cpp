@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Descriptors.h"
 #include "Fault.h"
 #include "Pattern.h"
 #include "ScratchFolder.h"
@@ -130,6 +131,19 @@ TEST_F(FileOnDisk, SecondOpenClosesTheFirstFile)
     ASSERT_EQ(0, m_file.open(at("two").c_str(), FILE_FLAG_READ));
 
     EXPECT_EQ(nFirst, fileno(m_file.getStream())); // the lowest free number again
+}
+
+TEST_F(FileOnDisk, StreamIsClosedWithItsObject)
+{
+    {
+        File file;
+        ASSERT_EQ(0, file.open(at("file").c_str(), FILE_FLAG_WRITE));
+        EXPECT_EQ(1u, openDescriptors(at("file")).size());
+        EXPECT_EQ(4u, file.write("text", 4));
+    }
+
+    EXPECT_EQ(0u, openDescriptors(at("file")).size());
+    EXPECT_EQ("text", m_folder.read("file"));
 }
 
 TEST_F(FileOnDisk, DescriptorIsCloseOnExec)
@@ -331,6 +345,12 @@ TEST_F(FileOnDisk, FailedDirectoryIsPrintedAndReturned)
     EXPECT_EQ(-1, File::makeDirectoryPath(at("file/x/").c_str(), 1));
 
     EXPECT_EQ("mkdir: Not a directory\n", testing::internal::GetCapturedStderr());
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(-1, File::makeDirectoryPath(at("file/x//").c_str(), 1));
+    EXPECT_EQ("mkdir: Not a directory\nmkdir: Not a directory\n",
+              testing::internal::GetCapturedStderr())
+        << "an empty component is one as well";
 }
 
 TEST_F(FileOnDisk, RemoveReportsItsFailure)

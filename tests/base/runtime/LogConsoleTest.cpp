@@ -9,6 +9,7 @@
 #include "Log.h"
 #include "LogCapture.h"
 #include "LogLine.h"
+#include "Pattern.h"
 
 namespace {
 
@@ -47,6 +48,22 @@ TEST(LogConsole, OtherTerminalsGetTheResetAlone)
     EXPECT_EQ("text\n\033[m", consoleWith("xterm-mono", "2"));
     EXPECT_EQ("text\n\033[m", consoleWith("", "2"));
     EXPECT_EQ("text\n\033[m", consoleWith(nullptr, "2"));
+}
+
+TEST(LogConsole, ConsoleAloneShowsAllFieldsAtFirst)
+{
+    const ChildResult result = runChild({"/usr/bin/env", "-u", "TERM", BASE_CHILD, "layout"});
+
+    EXPECT_TRUE(hasPattern(result.strOutput,
+                           "^\\[error\\] \\[[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\] "
+                           "\\[LogScenarios \\+[0-9]+\\] \\[runLayout\\] \\[[0-9]+\\] text\n"))
+        << result.strOutput;
+}
+
+TEST(LogConsole, LevelsToEightAreShownAtFirst)
+{
+    EXPECT_EQ("text\n\033[m", consoleWith(nullptr, "8"));
+    EXPECT_EQ("", consoleWith(nullptr, "9"));
 }
 
 TEST(LogConsole, VerdictIsKeptOnceTermIsSet)

@@ -17,6 +17,17 @@
 
 namespace fs = std::filesystem;
 
+static int g_nRemovals = 0;
+
+// The linker gives the program's calls to the second.
+extern "C" int __real_unlinkat(int nFolder, const char* pName, int nFlags);
+
+extern "C" int __wrap_unlinkat(int nFolder, const char* pName, int nFlags)
+{
+    ++g_nRemovals;
+    return __real_unlinkat(nFolder, pName, nFlags);
+}
+
 namespace {
 
 using LogFilePruning = LogFileFolder;
@@ -101,6 +112,20 @@ TEST_F(LogFilePruning, PruningGoesByTimeNotByName)
     ASSERT_EQ(3u, names().size());
     EXPECT_EQ("log.a", names()[1]);
     EXPECT_EQ("log.b", names()[2]);
+}
+
+TEST_F(LogFilePruning, EveryFileBeyondTheNewestIsRemovedOnce)
+{
+    for (const char* pName : {"log.a", "log.b", "log.c"}) {
+        m_folder.write(pName, "");
+        setTime(pName, 1000000000);
+    }
+    g_nRemovals = 0;
+
+    ASSERT_EQ(RET_SUCCESS, init(1, 2));
+
+    EXPECT_EQ(2, g_nRemovals) << "and nothing behind the last";
+    EXPECT_EQ(2u, names().size());
 }
 
 TEST_F(LogFilePruning, FilesOfOneTimeArePrunedByName)

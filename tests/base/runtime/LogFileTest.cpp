@@ -157,6 +157,21 @@ TEST_F(LogFileLines, LineIsWrittenUnderTheLock)
               vecLine);
 }
 
+TEST_F(LogFileLines, FileIsOpenedAndClosedUnderTheLock)
+{
+    const CallJournal journal("pthread_mutex_lock fopen");
+    ASSERT_EQ(RET_SUCCESS, init(4096, 2));
+    const std::vector<std::string> vecOpening = CallJournal::lines();
+    const size_t uBefore = CallJournal::count("pthread_mutex_lock");
+
+    LogFile::getInstance().close();
+
+    ASSERT_LE(2u, vecOpening.size());
+    EXPECT_EQ("pthread_mutex_lock", vecOpening[0]);
+    EXPECT_EQ("fopen " + base(), vecOpening[1].substr(0, 6 + base().size()));
+    EXPECT_EQ(uBefore + 1, CallJournal::count("pthread_mutex_lock"));
+}
+
 // No line is lost, torn or written to a closed stream while files change.
 TEST_F(LogFileLines, RotationWhileSeveralThreadsLogLosesNothing)
 {

@@ -2,6 +2,7 @@
 #include "Log.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -18,6 +19,23 @@
 #include "LogEvent.h"
 #include "LogLine.h"
 #include "Pattern.h"
+
+static bool g_bReallocMoves = false;
+
+// The linker gives the program's calls to the second.
+extern "C" void* __real_realloc(void* pBlock, size_t uSize);
+
+extern "C" void* __wrap_realloc(void* pBlock, size_t uSize)
+{
+    if (!g_bReallocMoves) {
+        return __real_realloc(pBlock, uSize);
+    }
+    void* const pMoved = malloc(uSize);
+    memcpy(pMoved, pBlock, uSize); // these become smaller
+    memset(pBlock, '?', uSize);
+    free(pBlock);
+    return pMoved;
+}
 
 namespace {
 
@@ -206,6 +224,17 @@ TEST(Log, EventCarriesTextLengthAndLevelWhateverTheSinks)
     EXPECT_STREQ("3 apples\n", sink.m_text.get());
     EXPECT_EQ(9, sink.m_s32Length);
     EXPECT_EQ(4u, sink.m_u32Level);
+}
+
+TEST(Log, LineMayMoveWhenItsBlockIsMadeSmaller)
+{
+    const std::string strText(100, 'x');
+    g_bReallocMoves = true;
+
+    const std::string strLine = lineWith(0, 2, strText.c_str());
+
+    g_bReallocMoves = false;
+    EXPECT_EQ(strText, strLine);
 }
 
 TEST(Log, LongestWholeLineHas4093Bytes)

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "ChildProgram.h"
+#include "DirtyStack.h"
 #include "Fault.h"
 #include "LogCapture.h"
 
@@ -14,6 +15,15 @@
 #ifdef __clang__
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"
 #endif
+
+TEST(Mutex, NothingOfItsAttributesIsLeftToChance)
+{
+    dirtyStack();
+    Mutex mutex(MUTEX_TYPE_ERRORCHECK);
+
+    EXPECT_EQ(RET_SUCCESS, mutex.lock());
+    EXPECT_EQ(RET_SUCCESS, mutex.unlock());
+}
 
 TEST(Mutex, TypesAreThePlatformsNumbers)
 {

@@ -112,8 +112,8 @@ TEST(RawText, SignalDoesNotCutThePrint)
 
 TEST(RawText, ShortWritesAreGoneOnWith)
 {
-    EXPECT_EQ("two words", printedBy({2, 5, 2}));
-    EXPECT_EQ((std::vector<size_t>{9, 7, 2}), g_shortWrites.vecAsked);
+    EXPECT_EQ("two words", printedBy({1, 6, 2}));
+    EXPECT_EQ((std::vector<size_t>{9, 8, 2}), g_shortWrites.vecAsked);
 }
 
 TEST(RawText, WriteThatTakesNothingEndsThePrint)

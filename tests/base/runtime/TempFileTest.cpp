@@ -88,6 +88,7 @@ TEST(TempFile, FailedCreationLeavesNothing)
         }
         (void)testing::internal::GetCapturedStderr();
         EXPECT_FALSE(exists(strPath)) << pPlan;
+        EXPECT_EQ(0u, openDescriptors("/tmp/temp_file.").size()) << pPlan;
     }
 }
 

@@ -77,6 +77,14 @@ TEST(TerminationSignals, EndPutsBackWhatItHasInstalled)
               result.strOutput);
 }
 
+TEST(TerminationSignals, SignalDuringTheExitIsPublishedToTheEnd)
+{
+    const ChildResult result = runChild({BASE_CHILD, "termination-late"});
+
+    EXPECT_EQ(report(SIGTERM) + "quit\n", masked(result.strOutput));
+    EXPECT_EQ(0, result.nStatus);
+}
+
 TEST(TerminationSignals, ErrnoOfWhatASignalInterruptsIsKept)
 {
     const ChildResult result = runChild({BASE_CHILD, "termination-errno"});
@@ -137,8 +145,10 @@ TEST(TerminationSignals, RestartFlagEndsAtTheFirstSignalAndStartsTheProgramAgain
 {
     ScratchFolder folder;
 
-    const ChildResult result = runChild({BASE_CHILD, "termination-restart",
-                                         (folder.path() / "mark").string(), "with its arguments"});
+    const ChildResult result =
+        runChild({"/usr/bin/env", "KESTREL_FAULT_JOURNAL=" + (folder.path() / "journal").string(),
+                  "KESTREL_FAULT_JOURNAL_CALLS=select", BASE_CHILD, "termination-restart",
+                  (folder.path() / "mark").string(), "with its arguments"});
 
     EXPECT_EQ(9, result.nStatus);
     EXPECT_NE(std::string::npos, masked(result.strOutput).find(report(SIGTERM)));
@@ -146,6 +156,9 @@ TEST(TerminationSignals, RestartFlagEndsAtTheFirstSignalAndStartsTheProgramAgain
         << result.strOutput;
     EXPECT_NE(std::string::npos, result.strOutput.find("restarted with its arguments, blocked:\n"))
         << result.strOutput;
+    EXPECT_TRUE(
+        hasPattern(folder.read("journal"), "^.*\\|select 0\\.100000\n.*\\|select 3\\.000000\n$"))
+        << folder.read("journal");
 }
 
 TEST(TerminationSignals, StackIsPrintedAsReturnAddresses)
