@@ -143,6 +143,23 @@ TEST_F(VideoStreamProducerLoss, CameraThatIsLostTwiceIsClosedTwice)
     EXPECT_EQ(2U, m_camera.count("close"));
 }
 
+TEST_F(VideoStreamProducerLoss, CameraThatIsLostInTheNextLifeIsClosedLikeTheFirst)
+{
+    const CallJournal journal("select");
+    m_camera.command("unplug");
+    start();
+    ASSERT_TRUE(eventually([] { return CallJournal::count("select 1.000000") >= 1; }));
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop()); // it counts as closed by now
+    ASSERT_EQ(RET_SUCCESS, m_producer.uninit());
+
+    m_camera.command("replug");
+    m_camera.command("fail DQBUF ENODEV");
+    start();
+    ASSERT_TRUE(m_camera.waitForCalls("close", 1));
+
+    EXPECT_EQ(1U, m_camera.count("STREAMOFF type=1 = 0"));
+}
+
 TEST_F(VideoStreamProducerLoss, NodeThatAnswersNothingIsOpenedAnewEachTime)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));

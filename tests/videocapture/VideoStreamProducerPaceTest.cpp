@@ -68,6 +68,18 @@ TEST_F(VideoStreamProducerPace, FrameOfStreamZeroIsFollowedByTenMilliseconds)
     EXPECT_EQ((Lines{WAIT, pPause, WAIT, pPause, WAIT}), firstWaits(5));
 }
 
+TEST_F(VideoStreamProducerPace, FrameIsDeliveredBeforeThePause)
+{
+    Lines vecLast; // capture thread, then this one
+    m_consumer.m_onFrame = [&](VideoFrameEvent&) { vecLast.push_back(waits().back()); };
+
+    start(0);
+    ASSERT_TRUE(m_consumer.waitForMore(3));
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
+
+    EXPECT_EQ(Lines(vecLast.size(), WAIT), vecLast);
+}
+
 TEST_F(VideoStreamProducerPace, FrameOfOtherStreamsIsFollowedByTwentyMilliseconds)
 {
     start(1);
