@@ -162,7 +162,8 @@ class Station:
             os.symlink(plugin, f"{self.folder}/libframe_process.so")
         os.makedirs(f"{CARD}/www", exist_ok=True)
         os.makedirs(f"{CARD}/camera", exist_ok=True)
-        self.camera = Camera(*camera_options) if camera else None
+        # The station looks at a picture now and then; drawing and showing more of them takes a browser's time.
+        self.camera = Camera("--fps", "10", *camera_options) if camera else None
         if self.camera:
             self.stack.callback(self.camera.close)
         try:
