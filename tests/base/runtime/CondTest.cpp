@@ -17,6 +17,17 @@
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"
 #endif
 
+static std::atomic<int> g_nDestroyed{0};
+
+// The linker gives the program's calls to the second.
+extern "C" int __real_pthread_cond_destroy(pthread_cond_t* pCond);
+
+extern "C" int __wrap_pthread_cond_destroy(pthread_cond_t* pCond)
+{
+    ++g_nDestroyed;
+    return __real_pthread_cond_destroy(pCond);
+}
+
 namespace {
 
 /** A thread that waits once, without a predicate; what wakes it, and how often, is the test. */
@@ -87,6 +98,17 @@ TEST(Cond, DestructionWakesWhoWaits)
     pCond.reset();
 
     EXPECT_TRUE(eventually([&] { return waiter.m_bWoken.load(); }));
+}
+
+// The platform's call returns once whoever was woken no longer looks at the condition.
+TEST(Cond, DestructionDestroysThePlatformsCondition)
+{
+    auto pCond = std::make_unique<Cond>();
+    const int nBefore = g_nDestroyed;
+
+    pCond.reset();
+
+    EXPECT_EQ(nBefore + 1, g_nDestroyed);
 }
 
 TEST(Cond, DeliberateIsWaitingIsFalseWhileSomebodyWaits)
