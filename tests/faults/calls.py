@@ -108,6 +108,7 @@ GUARDING = (
     guarding("chown", PATH, "chown(2)"),
     guarding("mmap", "EACCES EAGAIN EBADF EINVAL ENFILE ENODEV ENOMEM EPERM", "mmap(2)"),
     guarding("pipe2", "EFAULT EINVAL EMFILE ENFILE", "pipe(2)"),
+    guarding("socketpair", "EAFNOSUPPORT EFAULT EMFILE ENFILE EOPNOTSUPP EPROTONOSUPPORT", "socketpair(2)"),
     guarding("fork", "EAGAIN ENOMEM ENOSYS", "fork(2)"),
     guarding("signalfd", "EBADF EINVAL EMFILE ENFILE ENODEV ENOMEM", "signalfd(2)"),
     guarding("socket", SOCKET, "socket(2)"),
@@ -118,12 +119,13 @@ GUARDING = (
     guarding("getsockopt", "EBADF EFAULT EINVAL ENOPROTOOPT", "getsockopt(2)"),
     guarding("recvmsg", "EAGAIN EBADF ECONNREFUSED EFAULT EINTR EINVAL ENOMEM ENOTCONN", "recv(2)", 300),
     guarding("send", "EACCES EAGAIN EBADF ECONNRESET EINTR EMSGSIZE ENOBUFS ENOMEM ENOTCONN EPIPE", "send(2)", 300),
+    guarding("sendmsg", "EACCES EAGAIN EBADF ECONNRESET EINTR EMSGSIZE ENOBUFS ENOMEM ENOTCONN EPIPE", "send(2)", 300),
     guarding("malloc", "ENOMEM", "malloc(3)", 300),
     guarding("new", "ENOMEM", "malloc(3), which is inside", 1000),
 )
 
 # Those that come again and again while the guard works; the others only where it begins anew.
 AT_WORK = ("open", "read", "write", "poll", "pread", "flock", "tcsetattr", "posix_openpt", "symlink", "mmap", "accept4",
-           "recvmsg", "send", "malloc", "new")
+           "recvmsg", "send", "sendmsg", "malloc", "new")
 
 ALLOCATIONS = ("malloc", "calloc", "realloc", "new")  # rules
