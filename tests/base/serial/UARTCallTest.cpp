@@ -2,6 +2,7 @@
 // ones.
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -207,6 +208,25 @@ TEST_F(UARTCall, ShortSendTellsTheWritesErrorAndNotTheSynchronisations)
     const int nError = errno;
     EXPECT_EQ("nWriteLength:-1\n", testing::internal::GetCapturedStdout());
     EXPECT_EQ(EIO, nError);
+}
+
+TEST_F(UARTCall, ShortSendTellsTheWritesErrorAndNotThatOfItsText)
+{
+    close(m_nMaster);
+    m_nMaster = -1;
+    const pid_t nPid = fork();
+    if (0 == nPid) { // its standard output takes nothing, and says so at once
+        const int nFull = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        const bool bReady = dup2(nFull, STDOUT_FILENO) >= 0 &&
+                            0 == setvbuf(stdout, nullptr, _IONBF, 0) && putchar('x') < 0 &&
+                            ENOSPC == errno;
+        _exit((bReady && 0 == m_uart.send("M5\n", 3, 0)) ? errno : 0);
+    }
+
+    int nStatus = -1;
+    ASSERT_EQ(nPid, waitpid(nPid, &nStatus, 0));
+    ASSERT_TRUE(WIFEXITED(nStatus));
+    EXPECT_EQ(EIO, WEXITSTATUS(nStatus));
 }
 
 TEST_F(UARTCall, CloseOfAClosedPortCallsNothing)
