@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstring>
 
 #include "Time.h"
 
@@ -25,20 +24,18 @@ RET_E ControllerPort::open()
 /** The first serial node of a USB controller; empty without one. */
 std::string ControllerPort::findNode()
 {
-    std::array<char, 80> acName{};
+    std::string strNode;
     FILE* const pPipe = popen("ls /dev/ttyACM*", "r");
     if (nullptr != pPipe) {
-        if (nullptr == fgets(acName.data(), static_cast<int>(acName.size()), pPipe)) {
-            acName[0] = '\0';
-        }
-        const size_t uLength = strlen(acName.data());
-        if (uLength > 0) {
-            acName[uLength - 1] = '\0'; // the line end
+        std::array<char, 80> acLine{};
+        if (nullptr != fgets(acLine.data(), static_cast<int>(acLine.size()), pPipe)) {
+            strNode = acLine.data();
+            strNode.pop_back(); // the line end
         }
     }
-    printf("[%s]", acName.data());
+    printf("[%s]", strNode.c_str());
     if (nullptr != pPipe) {
         pclose(pPipe);
     }
-    return acName.data();
+    return strNode;
 }
