@@ -81,8 +81,9 @@ void PrintJob::stop()
     m_thread.stop();
     m_nState = PRINT_STATE_STOPPED;
     m_jobFile.restart();
-    switchLaserOff();
+    // Before the wait for an answer: what a start opens from now on is the next job.
     m_jobFile.close();
+    switchLaserOff();
 }
 
 void PrintJob::switchLaserOff()

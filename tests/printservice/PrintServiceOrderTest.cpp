@@ -106,6 +106,31 @@ TEST_F(PrintServiceOrder, StopActsBehindTheLineUnderWayAndIsStoppedBeforeTheLase
     EXPECT_TRUE(std::filesystem::exists("tmp.gcode"));
 }
 
+TEST_F(PrintServiceOrder, StartWhileAStopWaitsForItsAnswerIsKept)
+{
+    m_controller.answerWith({"", ""});
+    std::thread stopper([this] { EXPECT_EQ(0, service().stopPrint()); });
+    EXPECT_TRUE(m_controller.waitForBytes("M5\n"));
+
+    std::string strJob = "G1 X1\n";
+    for (int i = 0; i < 20; ++i) {
+        strJob += "G1 X2\n";
+    }
+    startJob(strJob);
+    EXPECT_TRUE(m_controller.waitForBytes("M5\nG1 X1\n\n"));
+    int nSaid = 0;
+    EXPECT_TRUE(eventually([this, &nSaid] {
+        if (nSaid < 100) { // an answer goes to the first reader, and there are two
+            m_controller.say("ok\n");
+            ++nSaid;
+        }
+        return PRINT_STATE_STOPPED == service().getState();
+    }));
+
+    stopper.join();
+    EXPECT_FALSE(std::filesystem::exists("tmp.gcode"));
+}
+
 TEST_F(PrintServiceOrder, PauseActsBehindTheLineUnderWayAndIsPausedOnceTheLaserIsOff)
 {
     m_controller.answerWith({"", ""});
