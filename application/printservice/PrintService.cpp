@@ -36,7 +36,6 @@ PrintService::PrintService()
     // Used by the thread, so they have to outlive this object.
     EventBus<StatusReportEvent>::getInstance();
     EventBus<IdlePrintEvent>::getInstance();
-    m_thread->stop();
 }
 
 PrintService::~PrintService()
@@ -44,7 +43,6 @@ PrintService::~PrintService()
     m_thread->stop();
     EventBus<MoveLaserEvent>::unsubscribe(this, &PrintService::onMoveLaserEvent);
     EventBus<MeasureEvent>::unsubscribe(this, &PrintService::onMeasureEvent);
-    m_thread.reset();
 }
 
 void PrintService::setUart(UART* pUart)

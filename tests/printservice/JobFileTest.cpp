@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Descriptors.h"
 #include "FileSizeLimit.h"
 #include "ScratchFolder.h"
 
@@ -69,6 +70,31 @@ TEST(JobFile, OpenJobReadsOnInItsOwnFile)
     }
     EXPECT_EQ(10000, nLines);
     EXPECT_EQ(JOB_LINE_END, job.m_eLast);
+}
+
+TEST(JobFile, JobOfOneByteIsKeptAndItsEndIsAProgressOfOne)
+{
+    JobFileInFolder job;
+    job.saveText("\n");
+    ASSERT_TRUE(job.open());
+
+    EXPECT_EQ("\n", job.nextText());
+    EXPECT_EQ(0.0F, job.getProgress());
+    EXPECT_EQ("", job.nextText());
+
+    EXPECT_EQ(JOB_LINE_END, job.m_eLast);
+    EXPECT_EQ(1.0F, job.getProgress());
+}
+
+TEST(JobFile, OpenClosesTheJobThatWasStillOpen)
+{
+    JobFileInFolder job;
+    job.saveText("G1 X1\n");
+    ASSERT_TRUE(job.open());
+
+    ASSERT_TRUE(job.open());
+
+    EXPECT_EQ(1U, openDescriptors("tmp.gcode").size());
 }
 
 TEST(JobFile, EndRemovesTheFileThatWasRead)
@@ -220,7 +246,7 @@ TEST(JobFile, ProgressOfNothingIsZero)
     JobFileInFolder job;
     job.saveText("");
 
-    EXPECT_TRUE(job.measure());
+    EXPECT_TRUE(job.restartUnlessOpen());
     EXPECT_EQ(0.0F, job.getProgress());
     ASSERT_TRUE(job.open());
     (void)job.nextText();
@@ -241,7 +267,7 @@ TEST(JobFile, ProgressOfAFileThatGrowsEndsAtOne)
     EXPECT_EQ(1.0F, job.getProgress());
 }
 
-TEST(JobFile, MeasuringLeavesAnOpenJobAlone)
+TEST(JobFile, RestartUnlessOpenLeavesAnOpenJobAlone)
 {
     JobFileInFolder job;
     job.saveText("G1 X1\nG1 X2\n");
@@ -249,10 +275,10 @@ TEST(JobFile, MeasuringLeavesAnOpenJobAlone)
     (void)job.nextText();
     (void)job.nextText();
 
-    EXPECT_FALSE(job.measure());
+    EXPECT_FALSE(job.restartUnlessOpen());
     EXPECT_EQ(0.5F, job.getProgress());
     job.close();
-    EXPECT_TRUE(job.measure());
+    EXPECT_TRUE(job.restartUnlessOpen());
     EXPECT_EQ(0.0F, job.getProgress());
 }
 
