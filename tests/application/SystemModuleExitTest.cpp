@@ -10,6 +10,9 @@
 #include "EventBus.h"
 #include "Eventually.h"
 #include "IdlePrintEvent.h"
+#include "Log.h"
+#include "MeasureEvent.h"
+#include "MoveLaserEvent.h"
 #include "PrintService.h"
 #include "StatusReportEvent.h"
 #include "SystemModule.h"
@@ -72,6 +75,18 @@ TEST(SystemModuleExit, PortOutlivesPrintServiceThatWasUsedBeforeTheModule)
 
     EXPECT_LT(placeAtExit(pService), placeAtExit(pModule)); // the module goes first
     EXPECT_LT(placeAtExit(pPort), placeAtExit(pService));   // the port last
+}
+
+// The first to use any of them is the service: its thread does until it is gone.
+TEST(SystemModuleExit, EventsOutliveThePrintServiceThatPublishesThem)
+{
+    const void* const pService = &PrintService::getInstance();
+
+    EXPECT_TRUE(
+        outlive({&Log::getInstance(), &EventBus<StatusReportEvent>::getInstance(),
+                 &EventBus<IdlePrintEvent>::getInstance(), &EventBus<MoveLaserEvent>::getInstance(),
+                 &EventBus<MeasureEvent>::getInstance()},
+                pService));
 }
 
 TEST(SystemModuleExit, PortOutlivesModuleThatWasUsedBeforeThePrintService)

@@ -1,4 +1,6 @@
 // Which waits, pauses, reads and writes the service asks for.
+#include <cstdio>
+#include <limits>
 #include <string>
 #include <thread>
 
@@ -6,6 +8,7 @@
 #include "EventBus.h"
 #include "Eventually.h"
 #include "Fault.h"
+#include "LogCapture.h"
 #include "MeasureEvent.h"
 #include "MoveLaserEvent.h"
 #include "PrintServiceCallFixture.h"
@@ -72,6 +75,24 @@ TEST_F(PrintServiceCall, LockIsClearedBehindThePauseOfALineThatWasRefused)
                      "poll 10000", write(1), "poll 10000"}),
               CallJournal::lines("printservice"));
     EXPECT_TRUE(m_controller.waitForBytes("G1 X1\n\n$X\nG1 X1\n\n\n"));
+    m_pService.reset(); // the job's thread prints, too
+    const std::string strOutput = output();
+    EXPECT_NE(std::string::npos, strOutput.find("get error code:9 \n$X\n\nsend length:3\n"))
+        << strOutput;
+}
+
+TEST_F(PrintServiceCall, SmallestErrorAndAlarmArePrinted)
+{
+    m_controller.answerWith({"ok error:1 alarm:1\n"});
+
+    startJob("G1 X1\n");
+
+    EXPECT_TRUE(eventually([this] { return PRINT_STATE_STOPPED == service().getState(); }));
+    m_pService.reset(); // the job's thread prints, too
+    const std::string strOutput = output();
+    EXPECT_NE(std::string::npos,
+              strOutput.find("get error code:1 \nget alarm code:1 \nprint job finish!\n"))
+        << strOutput;
 }
 
 TEST_F(PrintServiceCall, StatusIsWaitedForTenSeconds)
@@ -102,6 +123,7 @@ TEST_F(PrintServiceCall, DeliberateLoopWithNothingToDoPausesTwentyMilliseconds)
 
 TEST_F(PrintServiceCall, MoveWaitsTwentySecondsForEachArrival)
 {
+    const LogCapture log;
     const CallJournal journal("poll select");
     std::thread publisher([] {
         MoveLaserEvent event(1, 2);
@@ -114,6 +136,7 @@ TEST_F(PrintServiceCall, MoveWaitsTwentySecondsForEachArrival)
     m_controller.say("done\n");
     EXPECT_TRUE(eventually([] { return 4 == journalCount(); }));
     EXPECT_EQ("$H\n\nG05 X-1.00 Y-2.00 F2000 \nM18 S1\n\n", m_controller.bytes());
+    EXPECT_EQ("", log.text()) << "it is not there yet";
     m_controller.say("done\n");
     publisher.join();
 
@@ -122,6 +145,7 @@ TEST_F(PrintServiceCall, MoveWaitsTwentySecondsForEachArrival)
 
 TEST_F(PrintServiceCall, HeightWaitsTwentySecondsForItsArrival)
 {
+    const LogCapture log;
     const CallJournal journal("poll select");
     std::thread publisher([] {
         MeasureEvent event(1);
@@ -129,10 +153,30 @@ TEST_F(PrintServiceCall, HeightWaitsTwentySecondsForItsArrival)
     });
 
     EXPECT_TRUE(eventually([] { return 2 == journalCount(); }));
+    EXPECT_EQ("", log.text()) << "it is not there yet";
     m_controller.say("done\n");
     publisher.join();
 
     EXPECT_EQ((Texts{"poll 2000", "poll 20000"}), CallJournal::lines());
+    EXPECT_EQ("[debug] [printservice/PrintService ] [onMeasureEvent] move Z to (1.000000)\n",
+              log.text());
+}
+
+TEST_F(PrintServiceCall, AnyHeightFitsTheCommand)
+{
+    const float LARGE = std::numeric_limits<float>::max();
+    char acExpected[128] = {0};
+    snprintf(acExpected, sizeof(acExpected), "G05 Z%.2f F1000 \n\n", static_cast<double>(LARGE));
+    const CallJournal journal("poll");
+    std::thread publisher([LARGE] {
+        MeasureEvent event(-LARGE);
+        EventBus<MeasureEvent>::publish(event);
+    });
+
+    EXPECT_TRUE(eventually([] { return 2 == journalCount(); }));
+    EXPECT_EQ(acExpected, m_controller.bytes());
+    m_controller.say("done\n");
+    publisher.join();
 }
 
 TEST_F(PrintServiceCall, AnswerToALoneLineEndIsWaitedForHalfASecond)

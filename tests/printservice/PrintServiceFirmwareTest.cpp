@@ -106,6 +106,18 @@ TEST_F(PrintServiceFirmware, ImageOfOneByteIsKept)
     EXPECT_EQ("x", m_folder.read("firmware.bin"));
 }
 
+TEST_F(PrintServiceFirmware, ImageOfNoLengthIsKeptEmpty)
+{
+    for (const int nLength : {0, -1}) {
+        m_folder.write("firmware.bin", "former");
+
+        EXPECT_EQ(0, service().updateFirmware("x", nLength));
+
+        EXPECT_TRUE(fileExists("firmware.bin"));
+        EXPECT_EQ("", m_folder.read("firmware.bin"));
+    }
+}
+
 TEST_F(PrintServiceFirmware, LastBlockMayHaveOneByte)
 {
     const std::string strImage = makeImage(2 * 2048 + 1);

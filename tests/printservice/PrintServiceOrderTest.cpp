@@ -9,11 +9,15 @@
 #include <thread>
 #include <utility>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "CallJournal.h"
 #include "Descriptors.h"
 #include "EventBus.h"
 #include "Eventually.h"
 #include "IdlePrintEvent.h"
+#include "LogCapture.h"
 #include "PrintServiceCallFixture.h"
 #include "StatusReportEvent.h"
 
@@ -60,6 +64,23 @@ struct IdleAnswer
 using PrintServiceOrder = PrintServiceCallFixture;
 
 } // namespace
+
+TEST_F(PrintServiceOrder, UploadIsToldBeforeItsHalfSecond)
+{
+    const CallJournal journal("select");
+    std::thread saver([this] { EXPECT_EQ(0, service().saveGcode("G1 X1\n", 6)); });
+    EXPECT_TRUE(eventually([] { return wasCalled("select 0.500000"); }));
+
+    fflush(stdout);
+    struct stat told
+    {
+    };
+    EXPECT_EQ(0, fstat(STDOUT_FILENO, &told));
+    EXPECT_EQ(24, told.st_size); // all of the line that follows
+    saver.join();
+
+    EXPECT_EQ("receive file successed!\n", output());
+}
 
 TEST_F(PrintServiceOrder, UploadIsReadyOnlyBehindItsHalfSecond)
 {
@@ -149,6 +170,29 @@ TEST_F(PrintServiceOrder, PauseActsBehindTheLineUnderWayAndIsPausedOnceTheLaserI
 
     EXPECT_EQ(PRINT_STATE_PAUSED, service().getState());
     EXPECT_EQ(1U, openDescriptors("tmp.gcode").size());
+    EXPECT_EQ(0, service().startPrint());
+    EXPECT_TRUE(m_controller.waitForBytes("G1 X1\n\nM5\nG1 X2\n\n\n"));
+}
+
+TEST_F(PrintServiceOrder, GoingOnDoesNotWaitForTheThread)
+{
+    // The second time the thread has parked before.
+    for (int nJob = 1; nJob <= 2; ++nJob) {
+        const LogCapture log;
+        m_controller.answerWith({"ok status:1\n"});
+        startJob("G1 X1\n");
+        EXPECT_TRUE(eventually([this] { return PRINT_STATE_PAUSED == service().getState(); }));
+
+        const CallJournal journal("select");
+        EXPECT_EQ(0, service().startPrint());
+
+        EXPECT_FALSE(wasCalled("select 0.003000")) << "is at its line, or in the pause behind it";
+        EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
+        EXPECT_TRUE(eventually(
+            [&log] { return std::string::npos != log.text().find("stop thread by myself"); }));
+        EXPECT_EQ(PRINT_STATE_STOPPED, service().getState());
+    }
+    EXPECT_EQ("G1 X1\n\nG1 X1\n\n\nG1 X1\n\nG1 X1\n\n\n", m_controller.bytes());
 }
 
 TEST_F(PrintServiceOrder, EndOfTheServiceClosesTheJob)
