@@ -28,11 +28,17 @@ void JobFile::save(const void* pData, int nLength)
     }
 }
 
-bool JobFile::restartUnlessOpen()
+bool JobFile::measure()
 {
     MutexGuard guard(m_mtx);
     if (nullptr != m_pFile) {
         return false;
+    }
+    struct stat status
+    {
+    };
+    if (0 == stat(JOB_FILE, &status)) {
+        m_nFileSize = static_cast<int32_t>(status.st_size);
     }
     m_nFilePos = 0;
     return true;

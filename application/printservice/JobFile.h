@@ -34,8 +34,11 @@ public:
      */
     void save(const void* pData, int nLength);
 
-    /** Set the progress to 0. @return false when a job is open: its progress stays */
-    bool restartUnlessOpen();
+    /**
+     * Take the size of the file that waits, for a progress of 0.
+     * @return false when a job is open: its progress stays
+     */
+    bool measure();
 
     /** Whether there is a file. */
     bool exists() const;
@@ -75,5 +78,5 @@ private:
     mutable Mutex m_mtx{MUTEX_TYPE_NORMAL};    // guards all below, and making and removing the file
     FILE* m_pFile GUARDED_BY(m_mtx) = nullptr; // null when closed
     int32_t m_nFilePos GUARDED_BY(m_mtx) = 0;  // of the line under way, in bytes
-    int32_t m_nFileSize GUARDED_BY(m_mtx) = 0; // bytes; 0 before any job
+    int32_t m_nFileSize GUARDED_BY(m_mtx) = 1; // bytes; 1 so that progress is 0 before any job
 };

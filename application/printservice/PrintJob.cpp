@@ -26,7 +26,7 @@ void PrintJob::save(const void* pData, int nLength)
     puts("receive file successed!"); // sic
     sleepFor(HALF_A_SECOND);
     MutexGuard guard(m_mtxStart);
-    if (m_jobFile.restartUnlessOpen()) { // else it has been started in the meantime
+    if (m_jobFile.measure()) { // else it has been started in the meantime
         m_nState = PRINT_STATE_FILE_READY;
     }
 }

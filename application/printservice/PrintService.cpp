@@ -36,6 +36,7 @@ PrintService::PrintService()
     // Used by the thread, so they have to outlive this object.
     EventBus<StatusReportEvent>::getInstance();
     EventBus<IdlePrintEvent>::getInstance();
+    m_thread->stop();
 }
 
 PrintService::~PrintService()
@@ -43,6 +44,7 @@ PrintService::~PrintService()
     m_thread->stop();
     EventBus<MoveLaserEvent>::unsubscribe(this, &PrintService::onMoveLaserEvent);
     EventBus<MeasureEvent>::unsubscribe(this, &PrintService::onMeasureEvent);
+    m_thread.reset();
 }
 
 void PrintService::setUart(UART* pUart)

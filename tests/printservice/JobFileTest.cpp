@@ -246,7 +246,7 @@ TEST(JobFile, ProgressOfNothingIsZero)
     JobFileInFolder job;
     job.saveText("");
 
-    EXPECT_TRUE(job.restartUnlessOpen());
+    EXPECT_TRUE(job.measure());
     EXPECT_EQ(0.0F, job.getProgress());
     ASSERT_TRUE(job.open());
     (void)job.nextText();
@@ -267,7 +267,7 @@ TEST(JobFile, ProgressOfAFileThatGrowsEndsAtOne)
     EXPECT_EQ(1.0F, job.getProgress());
 }
 
-TEST(JobFile, RestartUnlessOpenLeavesAnOpenJobAlone)
+TEST(JobFile, MeasuringLeavesAnOpenJobAlone)
 {
     JobFileInFolder job;
     job.saveText("G1 X1\nG1 X2\n");
@@ -275,10 +275,10 @@ TEST(JobFile, RestartUnlessOpenLeavesAnOpenJobAlone)
     (void)job.nextText();
     (void)job.nextText();
 
-    EXPECT_FALSE(job.restartUnlessOpen());
+    EXPECT_FALSE(job.measure());
     EXPECT_EQ(0.5F, job.getProgress());
     job.close();
-    EXPECT_TRUE(job.restartUnlessOpen());
+    EXPECT_TRUE(job.measure());
     EXPECT_EQ(0.0F, job.getProgress());
 }
 
