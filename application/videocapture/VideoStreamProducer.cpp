@@ -64,7 +64,8 @@ RET_E VideoStreamProducer::uninit()
 {
     if (m_bInited) {
         m_pThread.reset();
-        m_v4l2.reset(); // unmaps and closes
+        (void)m_v4l2->uninit(); // whatever fails there is released with the object
+        m_v4l2.reset();
         m_bInited = false;
     }
     return RET_SUCCESS;
