@@ -31,7 +31,7 @@ static const int32_t KEEP_ALIVE[] = {5, 1, 2}; // seconds idle, seconds between 
 TcpServer::TcpServer(const char* pName, int nMostClients)
     : EPoll(MAX_EVENTS, pName), m_nMostClients(nMostClients)
 {
-    (void)Log::getInstance(); // outlives a server that is a singleton, as does the next one
+    // Outlives a server that is a singleton, as does the log, which EPoll's thread has used.
     (void)ClientMemory::getInstance();
 }
 
@@ -306,7 +306,7 @@ RET_E TcpServer::endTurn(EPollEvent& event, bool bMore)
 {
     TcpClient* pClient = *event.m_ppClient;
     if (nullptr == pClient) {
-        return RET_SUCCESS;
+        return RET_FAILED; // nobody's any more, and not to be touched
     }
     const int nTurn = pClient->onTurn();
     if (0 != nTurn && TcpClient::TURN_AGAIN != nTurn) {

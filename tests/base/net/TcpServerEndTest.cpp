@@ -1,5 +1,6 @@
 // TcpServer: its end with connections open.
 #include <atomic>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <thread>
@@ -9,8 +10,11 @@
 
 #include <gtest/gtest.h>
 
+#include "AtExitOrder.h"
+#include "ClientMemory.h"
 #include "Eventually.h"
 #include "Fault.h"
+#include "Log.h"
 #include "LogCapture.h"
 #include "NetPair.h"
 #include "ServerFixture.h"
@@ -22,6 +26,13 @@ using Steps = std::vector<std::string>;
 
 const char* const CONNECTION_LINE = "[info ] [TcpServer ] [onPollError] tcp client error, delete "
                                     "from epoll and close !!\n";
+
+/** The first to use any of them is the server. */
+void exitInOrder()
+{
+    static ServerOf<TcpClient> s_server;
+    exit(outlive({&Log::getInstance(), &ClientMemory::getInstance()}, &s_server) ? 0 : 1);
+}
 
 } // namespace
 
@@ -166,4 +177,10 @@ TEST(TcpServerEnd, ConnectionOnDescriptorZeroEndsOnce)
 
     EXPECT_EQ(1, server.m_steps.count("delete"));
     (void)next.close();
+}
+
+TEST(TcpServerEnd, StaticServerDiesBeforeWhatItsConnectionsUse)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process that has used none of them yet
+    EXPECT_EXIT(exitInOrder(), testing::ExitedWithCode(0), "");
 }

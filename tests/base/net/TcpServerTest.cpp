@@ -286,3 +286,46 @@ TEST(TcpServer, ReadMayLetGoOfTheConnection)
     (void)server.uninit();
     (void)peer.close();
 }
+
+TEST(TcpServer, LastAttemptMayLetGoOfTheConnection)
+{
+    class LeavingClient : public TcpClient
+    {
+    public:
+        int onWrite(EPollEvent& event) override
+        {
+            ++m_nWrites;
+            if (m_nLeft <= 0) {
+                *event.m_ppClient = nullptr;
+            }
+            return 0;
+        }
+        int getTimeLeft(uint32_t) override
+        {
+            ++m_nAsked;
+            return m_nLeft;
+        }
+        int m_nLeft = 1;
+        int m_nAsked = 0;
+        int m_nWrites = 0;
+    };
+    ServerOf<LeavingClient> server;
+    ASSERT_EQ(0, server.listen());
+    TcpSocket peer = connectTo(server.getPort());
+    ASSERT_TRUE(eventually([&] {
+        return 0 == server.pollOnce() && nullptr != server.m_pLast &&
+               0 != server.m_pLast->m_nWrites;
+    }));
+    const std::unique_ptr<LeavingClient> pLeaving(server.m_pLast);
+    pLeaving->m_nLeft = 0;
+    pLeaving->m_nAsked = 0;
+    TcpSocket next = connectTo(server.getPort()); // ends the wait
+
+    EXPECT_EQ(0, server.pollOnce());
+
+    EXPECT_EQ(1, pLeaving->m_nAsked) << "who let go may be gone";
+    EXPECT_TRUE(isSilent(peer)) << "left open";
+    (void)pLeaving->getSocket().close();
+    (void)next.close();
+    (void)peer.close();
+}
