@@ -94,12 +94,17 @@ TEST(ClientMemory, BoundIs32MiB)
 
 TEST(ClientMemory, BlockAsLargeAsTheBoundTakesThePlaceOfAll)
 {
+    TestShare none;
+    TestShare smallest;
     TestShare other;
     TestShare asker;
+    EXPECT_TRUE(smallest.take(1));
     EXPECT_TRUE(other.take(MIB));
 
     EXPECT_TRUE(asker.take(32 * MIB));
 
+    EXPECT_EQ(0, none.m_nGivenUp) << "its end would free nothing";
+    EXPECT_EQ(1, smallest.m_nGivenUp);
     EXPECT_EQ(1, other.m_nGivenUp);
     EXPECT_EQ(0, asker.m_nGivenUp);
 }

@@ -200,7 +200,7 @@ TEST(EPollRegistration, HandlerMayDeleteAnotherDescriptorOfThePass)
         std::map<int, TcpClient**> mapRecord{};
     };
     NetPair pair;
-    EPoll epoll(20);
+    EPoll epoll(2); // full, so that AddressSanitizer sees a look beyond what the pass has
     Deleter deleter{&epoll, pair.m_near.getFd(), pair.m_far.getFd()};
     ASSERT_EQ(RET_SUCCESS, epoll.setOutHandler(&deleter, &Deleter::onOut));
     ASSERT_EQ(0, epoll.addFd(deleter.nFirst, EPOLLOUT, nullptr));
@@ -211,6 +211,31 @@ TEST(EPollRegistration, HandlerMayDeleteAnotherDescriptorOfThePass)
     EXPECT_EQ(0, epoll.pollOnce());
 
     EXPECT_EQ(3, deleter.nCalls) << "the deleted one is not called";
+}
+
+TEST(EPollRegistration, EachOwnersEventReportsNothing)
+{
+    class Reactor : public EPoll
+    {
+    public:
+        using EPoll::EPoll;
+        using EPoll::forEach;
+    };
+    Reactor reactor(20);
+    NetPair pair;
+    TcpClient owner;
+    ASSERT_EQ(0, reactor.addFd(pair.m_near.getFd(), ALL, &owner));
+    ASSERT_EQ(0, reactor.addFd(pair.m_far.getFd(), ALL, nullptr));
+    int nCalls = 0;
+
+    reactor.forEach([&](EPollEvent& event) {
+        ++nCalls;
+        EXPECT_EQ(0U, event.m_u32Mask);
+        EXPECT_EQ(pair.m_near.getFd(), *event.m_pFd);
+        EXPECT_EQ(&owner, *event.m_ppClient);
+    });
+
+    EXPECT_EQ(1, nCalls);
 }
 
 // The lowest that it takes, whatever is behind it.

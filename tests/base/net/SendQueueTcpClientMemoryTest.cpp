@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -135,4 +136,26 @@ TEST(SendQueueTcpClientMemory, QueueKeepsTheBlocksAlive)
     EXPECT_EQ(nullptr, pNone);
     EXPECT_EQ(0, nLength);
     EXPECT_EQ(0, memcmp("kept", pData, 4));
+}
+
+TEST(SendQueueTcpClientMemory, WhatIsSentWhileItIsGivenUpIsNotKept)
+{
+    const SafePointer_C<char> data = block("x");
+    for (int i = 0; i < 200; ++i) {
+        SendQueueTcpClient client; // without a socket: what is sent stays in the queue
+        SendQueueTcpClient other;
+        std::thread sender([&] {
+            while (!client.isGivenUp()) {
+                client.send(data, 1);
+            }
+        });
+        while (client.getQueueLength() < 10) {
+            std::this_thread::yield();
+        }
+
+        EXPECT_TRUE(other.take(ClientMemory::MOST_BYTES));
+
+        sender.join();
+        ASSERT_EQ(0, client.getQueueLength()) << "in round " << i;
+    }
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <climits>
 #include <functional>
 #include <mutex>
 #include <set>
@@ -90,6 +91,7 @@ protected:
 template <typename ClientT> class ServerOf : public TcpServer
 {
 public:
+    explicit ServerOf(int nMostClients = INT_MAX) : TcpServer(nullptr, nMostClients) {}
     ~ServerOf() override
     {
         endService();

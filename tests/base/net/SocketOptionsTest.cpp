@@ -3,13 +3,17 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <string>
 
+#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <gtest/gtest.h>
 
+#include "Descriptors.h"
+#include "EventBus.h"
 #include "Fault.h"
 #include "LogCapture.h"
 #include "NetPair.h"
@@ -280,6 +284,36 @@ TEST(SocketOptions, HardwareAddressesAreHexadecimal)
             EXPECT_EQ(strAddress, record.strHardwareAddress) << record.strName;
         }
     }
+}
+
+TEST(SocketOptions, ChildrenGetNoDescriptorOfTheInterfacesQuery)
+{
+    struct Sink
+    {
+        int onLog(Event*)
+        {
+            for (const auto& [nFd, strTarget] : openDescriptors("socket:")) {
+                if (0 == before.count(nFd)) {
+                    ++nSeen;
+                    EXPECT_EQ(FD_CLOEXEC, fcntl(nFd, F_GETFD));
+                }
+            }
+            return 0;
+        }
+        std::map<int, std::string> before;
+        int nSeen;
+    };
+    LogCapture log;
+    Sink sink{openDescriptors("socket:"), 0};
+    EventBus<LogEvent>::subscribe(&sink, &Sink::onLog);
+    std::vector<InterfaceRecord> vecRecord;
+    {
+        FaultScope fault("ioctl:1:EIO"); // its line comes while the query is under way
+        EXPECT_EQ(-1, Socket::getIfConf(vecRecord));
+    }
+    EventBus<LogEvent>::unsubscribe(&sink, &Sink::onLog);
+
+    EXPECT_EQ(1, sink.nSeen);
 }
 
 TEST(SocketOptions, InterfaceFailuresAreLogged)

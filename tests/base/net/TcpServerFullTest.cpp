@@ -98,6 +98,27 @@ TEST(TcpServerFull, BeyondItsMostConnectionsTheNewestIsRefused)
     }
 }
 
+TEST(TcpServerFull, WhoDoesNotSayHowMakesNoRoom)
+{
+    ServerOf<TcpClient> server(1);
+    ASSERT_EQ(0, server.listen());
+    TcpSocket first = connectTo(server.getPort());
+    ASSERT_TRUE(eventually([&] { return 0 == server.pollOnce() && nullptr != server.m_pLast; }));
+    const TcpClient* pFirst = server.m_pLast;
+    TcpSocket second = connectTo(server.getPort());
+
+    ASSERT_TRUE(eventually([&] {
+        (void)server.pollOnce();
+        return second.waitReadable(Time()) || pFirst != server.m_pLast;
+    }));
+
+    EXPECT_EQ(pFirst, server.m_pLast);
+    EXPECT_TRUE(sawEnd(second));
+    EXPECT_TRUE(isSilent(first));
+    (void)first.close();
+    (void)second.close();
+}
+
 TEST(TcpServerFull, BeyondItsMostConnectionsOneMayMakeRoom)
 {
     StepServer server(2);

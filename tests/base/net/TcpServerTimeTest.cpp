@@ -117,10 +117,12 @@ TEST_F(TcpServerTime, OneArrivalIsReadOnce)
 {
     ASSERT_EQ(1, send(m_peer.getFd(), "x", 1, 0));
     ASSERT_TRUE(m_server.m_pLast->getSocket().waitReadable(Time(30, 0)));
+    const int nBefore = m_server.m_pLast->m_nWrites;
 
     EXPECT_EQ(0, m_server.pollOnce());
 
     EXPECT_EQ(1, m_server.m_pLast->m_nReads);
+    EXPECT_EQ(nBefore + 1, m_server.m_pLast->m_nWrites) << "the kernel tells of room, too";
 }
 
 TEST_F(TcpServerTime, TurnThatIsAskedForComesWithTheNextPass)
