@@ -146,7 +146,7 @@ int Socket::setOptKeepAlive(bool bOn, const int32_t* pValues)
 
 int Socket::setOptBlock(bool bBlock)
 {
-    const int nFlags = isValid() ? fcntl(m_fd, F_GETFL) : -1;
+    const int nFlags = fcntl(m_fd, F_GETFL); // without a descriptor, too
     if (-1 == nFlags) {
         return -1;
     }
@@ -156,7 +156,7 @@ int Socket::setOptBlock(bool bBlock)
 
 int Socket::getOptBlock(bool& bBlock)
 {
-    const int nFlags = isValid() ? fcntl(m_fd, F_GETFL) : -1;
+    const int nFlags = fcntl(m_fd, F_GETFL); // without a descriptor, too
     if (-1 == nFlags) {
         return -1;
     }

@@ -90,7 +90,6 @@ int TcpClient::onWrite(EPollEvent&)
                 return 1;
             }
             if (isRestLeft()) {
-                m_bSending = true;
                 return 0;
             }
         }
