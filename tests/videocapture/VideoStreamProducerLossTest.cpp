@@ -128,6 +128,19 @@ TEST_F(VideoStreamProducerLoss, CameraThatDoesNotStreamIsClosedAndTriedAgain)
               vecCall);
 }
 
+// One that comes back meanwhile gets its old number only when nobody holds it open.
+TEST_F(VideoStreamProducerLoss, CameraIsClosedBeforeEachPause)
+{
+    const CallJournal journal("select");
+    m_camera.command("fail STREAMON EIO 2"); // at the start, and at the first recovery
+    start();
+
+    ASSERT_TRUE(eventually([] { return CallJournal::count("select 1.000000") >= 1; }));
+    EXPECT_LE(1U, m_camera.count("close"));
+    ASSERT_TRUE(eventually([] { return CallJournal::count("select 1.000000") >= 2; }));
+    EXPECT_EQ(2U, m_camera.count("close"));
+}
+
 TEST_F(VideoStreamProducerLoss, CameraThatIsLostTwiceIsClosedTwice)
 {
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
