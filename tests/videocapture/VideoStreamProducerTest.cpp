@@ -247,6 +247,7 @@ TEST_F(VideoStreamProducerStream, SecondInitTakesTheStreamsNumber)
     ASSERT_EQ(RET_SUCCESS, m_producer.start());
 
     ASSERT_TRUE(m_consumer.waitForMore(1));
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
     EXPECT_EQ(1, s32Stream);
 }
 
@@ -277,6 +278,7 @@ TEST_F(VideoStreamProducerStream, ConsumerMayNotComeOrGoDuringDelivery)
 
     start();
     ASSERT_TRUE(m_consumer.waitForMore(2));
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
 
     EXPECT_EQ(RET_FAILED, nRegister);
     EXPECT_EQ(RET_FAILED, nCancel);

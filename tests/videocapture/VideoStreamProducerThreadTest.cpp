@@ -57,6 +57,7 @@ TEST_F(VideoStreamProducerThread, CaptureThreadIsAnOrdinaryOne)
     ASSERT_EQ(RET_SUCCESS, m_producer.registerConsumer(&m_consumer));
     start();
     ASSERT_TRUE(m_consumer.waitForMore(1));
+    ASSERT_EQ(RET_SUCCESS, m_producer.stop());
 
     EXPECT_EQ(0, g_nNice);
     EXPECT_EQ(SCHED_OTHER, nPolicy);
