@@ -1,8 +1,14 @@
 // Which waits, pauses, reads and writes the service asks for.
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <limits>
+#include <memory>
 #include <string>
 #include <thread>
+
+#include <sys/resource.h>
 
 #include "CallJournal.h"
 #include "EventBus.h"
@@ -18,6 +24,26 @@ namespace {
 using PrintServiceCall = PrintServiceCallFixture;
 
 } // namespace
+
+TEST_F(PrintServiceCall, ItsThreadIsWaitedForAndAsNiceAsItsMaker)
+{
+    m_pService.reset();
+    const CallJournal journal("pthread_create");
+    m_pService = std::make_unique<FreshPrintService>();
+
+    EXPECT_EQ(Texts{"pthread_create joinable"}, CallJournal::lines());
+    int nFound = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string strName;
+        std::getline(std::ifstream(entry.path() / "comm"), strName);
+        if ("printservice" == strName) {
+            const auto uTid = static_cast<id_t>(atoi(entry.path().filename().c_str()));
+            EXPECT_EQ(getpriority(PRIO_PROCESS, 0), getpriority(PRIO_PROCESS, uTid));
+            ++nFound;
+        }
+    }
+    EXPECT_EQ(1, nFound);
+}
 
 TEST_F(PrintServiceCall, CommandWaitsTwoSecondsForItsReply)
 {
