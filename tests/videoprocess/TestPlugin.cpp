@@ -105,6 +105,8 @@ int findPos(uint32_t u32Size, uint32_t u32Width, uint32_t u32Height, const uint8
             float* pX, float* pY)
 {
     record(makeCall("findPos", u32Size, u32Width, u32Height, pData));
+    g_plugin.fXBefore = *pX;
+    g_plugin.fYBefore = *pY;
     if (g_plugin.nFindPosResult <= 0) {
         *pX = g_plugin.fX;
         *pY = g_plugin.fY;

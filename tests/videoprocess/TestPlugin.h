@@ -33,6 +33,8 @@ struct TestPlugin
     int nFindPosResult;
     float fX = 0;
     float fY = 0;
+    float fXBefore = -1; // what findPos found
+    float fYBefore = -1;
     int nAutoFocusResult;
     float fMeasure = 0;
     int32_t s32Exposure = 0;

@@ -1,5 +1,8 @@
 // What the vision host leaves behind when the process ends: it dies before everything that it uses.
 #include <cstdlib>
+#include <vector>
+
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +15,29 @@
 #include "SetExposureEvent.h"
 #include "VideoFrameEvent.h"
 #include "VideoProcessor.h"
+#include "VisionHost.h"
+
+namespace {
+
+class VideoProcessorExitStarted : public VisionHost
+{
+protected:
+    void publishBehindItsEnd()
+    {
+        alarm(30); // ends a run in which the handler waits for a frame
+        EXPECT_EQ(RET_SUCCESS, m_host.start());
+        m_host.~VideoProcessor();
+
+        std::vector<int32_t> vecValue;
+        int32_t s32First = 0;
+        int32_t s32Second = 0;
+        IdlePrintEvent event(&vecValue, &s32First, &s32Second);
+        EventBus<IdlePrintEvent>::publish(event);
+        _exit(HasFailure() ? 1 : 0);
+    }
+};
+
+} // namespace
 
 // The first to use any of them is the vision host.
 static void exitInOrder()
@@ -29,4 +55,11 @@ static void exitInOrder()
 TEST(VideoProcessorExit, LogAndEventsThatItUsesOutliveIt)
 {
     EXPECT_EXIT(exitInOrder(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(VideoProcessorExitStarted, EventBehindItsEndDoesNotReachIt)
+{
+    load("test_plugin");
+
+    EXPECT_EXIT(publishBehindItsEnd(), testing::ExitedWithCode(0), "");
 }

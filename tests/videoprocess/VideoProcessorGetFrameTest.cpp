@@ -159,6 +159,16 @@ TEST_F(VideoProcessorGetFrame, OtherStreamsAreNotTaken)
     EXPECT_EQ(0U, +m_frame.get()->u32Width);
 }
 
+TEST_F(VideoProcessorGetFrame, FrameOfAnyStreamIsHandledWithSuccess)
+{
+    for (const int32_t s32Stream : {0, 1}) {
+        PVENC_FRAME_T frame = makeFrame(1, s32Stream);
+        VideoFrameEvent event(s32Stream, frame);
+
+        EXPECT_EQ(0, m_host.onVideoFrame(&event)) << s32Stream;
+    }
+}
+
 TEST_F(VideoProcessorGetFrame, WithoutMemoryAFrameIsDropped)
 {
     PVENC_FRAME_T frame = makeFrame(1, 0);

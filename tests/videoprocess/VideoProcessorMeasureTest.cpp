@@ -56,6 +56,7 @@ protected:
     int onExposure(Event* pEvent)
     {
         const auto& event = dynamic_cast<SetExposureEvent&>(*pEvent);
+        m_fResultAtExposure = m_fResult;
         note("exposure " + std::to_string(event.m_nStream) + " " +
              std::to_string(event.m_nExposure));
         return 0;
@@ -81,6 +82,7 @@ protected:
     }
 
     const int32_t m_s32Thread = thisThread();
+    float m_fResultAtExposure = 9;
     float m_fResult = 9;
     Lines m_vecEvent;
     uint32_t m_u32LatestAtMove = 0;
@@ -96,7 +98,16 @@ TEST_F(VideoProcessorMeasure, PublishesExposureMoveAndMeasureInThisOrder)
     EXPECT_EQ(0.125F, m_fResult);
     EXPECT_EQ((Lines{"setExposure", "findPos", "autoFocus"}), plugin().names());
     EXPECT_EQ(0, plugin().s32ExposureBefore);
+    EXPECT_EQ(0.0F, plugin().fXBefore);
+    EXPECT_EQ(0.0F, plugin().fYBefore);
     EXPECT_EQ("--set-ctrl=exposure_auto=1\n--set-ctrl=exposure_absolute=77\n", m_tool.calls());
+}
+
+TEST_F(VideoProcessorMeasure, ResultIsZeroUntilItIsMeasured)
+{
+    EXPECT_EQ(RET_SUCCESS, measure());
+
+    EXPECT_EQ(0.0F, m_fResultAtExposure);
 }
 
 TEST_F(VideoProcessorMeasure, PluginGetsWholeFramesOnTheCallersThread)

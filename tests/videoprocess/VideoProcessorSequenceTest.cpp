@@ -2,6 +2,7 @@
 #include <atomic>
 #include <thread>
 
+#include "AllocatedBytes.h"
 #include "CallJournal.h"
 #include "EventBus.h"
 #include "Eventually.h"
@@ -143,6 +144,63 @@ TEST_F(VideoProcessorSequence, EachEventFollowsTheCallThatItTellsOf)
     EXPECT_EQ((Lines{"setExposure", "findPos"}), m_vecAtMove);
     EXPECT_EQ((Lines{"setExposure", "findPos", "autoFocus"}), m_vecAtMeasure);
     m_pFrames.reset();
+}
+
+TEST_F(VideoProcessorSequence, PluginIsAskedForNothingBeforeTheFirstFrame)
+{
+    float fResult = 0;
+    const CallJournal journal("select");
+    std::thread measurer([this, &fResult] { EXPECT_EQ(RET_SUCCESS, m_host.measure(&fResult)); });
+    EXPECT_TRUE(eventually([] { return 0 < journalCount(); })); // it waits for the frame
+
+    EXPECT_EQ(Lines{}, plugin().names());
+
+    m_pFrames = std::make_unique<NumberedFrames>();
+    measurer.join();
+    m_pFrames.reset();
+}
+
+TEST_F(VideoProcessorSequence, FrameFromBeforeTheCallIsNotTaken)
+{
+    VENC_FRAME_T header{};
+    header.u64TimeStamp = 1;
+    PVENC_FRAME_T early = makeFrame(header, "");
+    VideoFrameEvent event(0, early);
+    EXPECT_EQ(0, m_host.onVideoFrame(&event));
+    PVENC_FRAME_T frame;
+    const CallJournal journal("select");
+    std::thread waiter([this, &frame] { m_host.getFrame(frame); });
+    const bool bWaits = eventually([] { return 0 < journalCount(); });
+
+    publishFrame(2);
+
+    waiter.join();
+    EXPECT_TRUE(bWaits);
+    EXPECT_EQ(2U, +frame.get()->u64TimeStamp);
+}
+
+TEST_F(VideoProcessorSequence, FramesThatCameDuringTheWaitAreFreed)
+{
+    const uint32_t u32Large = 1 << 20;
+    const std::string strData(u32Large, 'x');
+    VENC_FRAME_T header{};
+    header.u32Size = u32Large;
+    PVENC_FRAME_T frame;
+    const CallJournal journal("select");
+    std::thread waiter([this, &frame] { m_host.getFrame(frame); });
+    EXPECT_TRUE(eventually([] { return 0 < journalCount(); }));
+    const size_t uBefore = allocatedBytes();
+    for (int i = 0; i < 3; ++i) {
+        PVENC_FRAME_T large = makeFrame(header, strData.data());
+        VideoFrameEvent event(0, large);
+        EventBus<VideoFrameEvent>::publish(event);
+    }
+    waiter.join();
+    EXPECT_EQ(u32Large, +frame.get()->u32Size);
+
+    frame = PVENC_FRAME_T();
+
+    EXPECT_LT(allocatedBytes(), uBefore + u32Large);
 }
 
 TEST_F(VideoProcessorSequence, OfSeveralFramesTheFirstIsTaken)

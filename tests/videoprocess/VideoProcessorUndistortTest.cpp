@@ -93,6 +93,20 @@ TEST_F(VideoProcessorUndistort, DeliberateEmptyPictureThatCountsAsSuccessLeavesT
     EXPECT_EQ(pBefore, kept.get());
 }
 
+TEST_F(VideoProcessorUndistort, PictureOfOnePixelIsAPicture)
+{
+    plugin().undistorted = {1, 1, 1, m_au8Corrected};
+
+    m_host.undistort(m_in, m_out);
+
+    const VENC_FRAME_T* pOut = m_out.get();
+    ASSERT_NE(nullptr, pOut);
+    EXPECT_EQ(1U, +pOut->u32Size);
+    EXPECT_EQ(1U, +pOut->u32Width);
+    EXPECT_EQ(1U, +pOut->u32Height);
+    EXPECT_EQ('c', pOut->au8Data[0]);
+}
+
 TEST_F(VideoProcessorUndistort, PictureWithoutDataOrMemorySharesTheFrame)
 {
     plugin().undistorted = {9, 320, 240, nullptr};
