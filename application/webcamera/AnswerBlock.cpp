@@ -10,7 +10,6 @@ namespace {
 __attribute__((format(printf, 2, 0))) char* formatBlock(size_t uSize, const char* pFormat,
                                                         va_list args, size_t& uNeeded)
 {
-    uNeeded = 0;
     char* pBlock = static_cast<char*>(calloc(1, uSize));
     if (nullptr != pBlock) {
         const int nLength = vsnprintf(pBlock, uSize, pFormat, args);

@@ -119,7 +119,6 @@ int WebCameraHttpDataProcessor::feedHeader(const char* pData, int nLength)
         return 1;
     }
     m_strPath = path;
-    m_mapParam.clear();
     std::string_view key;
     std::string_view value;
     uint32_t u32Bytes = static_cast<uint32_t>(m_strPath.size());
@@ -132,7 +131,6 @@ int WebCameraHttpDataProcessor::feedHeader(const char* pData, int nLength)
     }
     m_pending = m_parser.getBody();
     m_u32Expected = static_cast<uint32_t>(m_parser.getContentLength());
-    m_u32Received = 0;
     m_bHeader = false; // Deliberate: for the rest of the connection
     return 0;
 }
