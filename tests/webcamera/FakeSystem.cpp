@@ -6,6 +6,8 @@
 #include <mutex>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "SystemModule.h"
 #include "VideoConsumer.h"
 #include "VideoFrameEvent.h"
@@ -61,7 +63,7 @@ void FakeSystem::deliver(PVENC_FRAME_T& frame)
     const std::lock_guard<std::mutex> guard(state().mtx);
     for (IConsumer* pConsumer : state().vecConsumer) {
         VideoFrameEvent event(0, frame);
-        (void)pConsumer->consume(event, frame);
+        EXPECT_EQ(0, pConsumer->consume(event, frame));
     }
 }
 

@@ -149,6 +149,35 @@ TEST_F(HttpFileClientAnswer, FileLargerThanAnIntIsRefused)
     EXPECT_EQ("closed ", get("/f.txt"));
 }
 
+TEST_F(HttpFileClientAnswer, LargestFileIsAsLargeAsAnInt)
+{
+    m_www.write("f.txt", "");
+    std::filesystem::resize_file(m_www.path() / "f.txt", INT_MAX);
+    const std::string strHeader = header("text/plain", INT_MAX);
+    Connection connection;
+
+    EXPECT_EQ(0, connection.request("GET /f.txt HTTP/1.1\r\n\r\n"));
+
+    EXPECT_EQ(strHeader, connection.receive(strHeader.size()));
+}
+
+TEST_F(HttpFileClientAnswer, PieceHas32KiB)
+{
+    m_www.write("f.txt", payload(100000));
+    FaultScope fault("malloc=32768:1:ENOMEM");
+
+    EXPECT_EQ("closed " + header("text/plain", 100000), get("/f.txt"));
+
+    EXPECT_EQ(1U, faultHits());
+}
+
+TEST_F(HttpFileClientAnswer, FileOfAByteMoreThanAPieceIsWhole)
+{
+    m_www.write("f.txt", payload(32769));
+
+    EXPECT_EQ(header("text/plain", 32769) + payload(32769), get("/f.txt"));
+}
+
 TEST_F(HttpFileClientAnswer, FileThatCannotBeReadWholeIsAHeaderThatLeavesBeforeTheClose)
 {
     // A kernel's file tells a page as its size and has fewer bytes.
@@ -213,6 +242,17 @@ TEST_F(HttpFileClientAnswer, DescriptorIsClosedOnceTheFileHasBeenRead)
 
     (void)connection.receiveAll();
 
+    EXPECT_EQ(0u, openDescriptors("/f.txt").size());
+}
+
+TEST_F(HttpFileClientAnswer, DescriptorIsClosedBeforeTheLastPieceHasLeft)
+{
+    m_www.write("f.txt", payload(20000));
+    Connection connection(4096);
+
+    EXPECT_EQ(0, connection.request("GET /f.txt HTTP/1.1\r\n\r\n"));
+
+    EXPECT_FALSE(connection.client().isDrained());
     EXPECT_EQ(0u, openDescriptors("/f.txt").size());
 }
 

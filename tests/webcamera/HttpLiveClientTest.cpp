@@ -247,6 +247,17 @@ TEST_F(HttpLiveClientStream, StoppedResponderIsNotReached)
     EXPECT_EQ(0, m_connection.client().getQueueLength());
 }
 
+TEST_F(HttpLiveClientStream, StreamIsAsTheCallerSays)
+{
+    FakeSystem::reset();
+    HttpLiveClient responder(m_connection.client(), 1);
+
+    EXPECT_EQ(0, responder.start());
+
+    EXPECT_EQ("1 ", FakeSystem::streams());
+    EXPECT_EQ(0, responder.stop());
+}
+
 TEST_F(HttpLiveClientStream, StopReturnsSuccess)
 {
     HttpLiveClient responder(m_connection.client(), 0);

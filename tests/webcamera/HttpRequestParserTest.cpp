@@ -165,6 +165,16 @@ TEST_F(HttpRequestParserChunk, HeadersAreRead)
     EXPECT_EQ("hello", parsed.parser.getBody());
 }
 
+TEST_F(HttpRequestParserChunk, OtherHeadersBehindThemDoNotChangeThem)
+{
+    Parsed parsed("POST /camera HTTP/1.1\r\nContent-Length: 5\r\nContent-Type: text/plain\r\n"
+                  "Host: board\r\nX-Count: 7\r\n\r\nhello");
+
+    EXPECT_EQ(0, parsed.nResult);
+    EXPECT_EQ("text/plain", parsed.parser.getContentType());
+    EXPECT_EQ(5, parsed.parser.getContentLength());
+}
+
 TEST_F(HttpRequestParserChunk, DeliberateHeaderNameInOtherCaseIsNotRecognised)
 {
     Parsed parsed("POST /camera HTTP/1.1\r\ncontent-type: text/plain\r\n"
@@ -234,6 +244,7 @@ TEST_F(HttpRequestParserChunk, ContentLengthIsReadAsANumberIsInC)
         {"- 12", 0},
         {"-", 0},
         {"\v", 0},
+        {"\v12", 12},
         {"0x12", 0},
         {"0012", 12},
         {"1e3", 1},
@@ -353,6 +364,16 @@ TEST_F(HttpRequestParserChunk, UrlCutByTheChunkCountsAsItIs)
         const bool bWholePair = uCut >= strlen("GET /live?stream=1");
         EXPECT_EQ(bWholePair ? "stream=1;" : "", parsed.params()) << uCut;
     }
+}
+
+TEST_F(HttpRequestParserChunk, DigitsBehindTheChunkAreNotRead)
+{
+    const std::string strRequest = "POST /x HTTP/1.1\r\nContent-Length: 123\r\n\r\n";
+    HttpRequestParser parser;
+
+    EXPECT_EQ(0, parser.parse(strRequest.data(), static_cast<int>(strRequest.find("23"))));
+
+    EXPECT_EQ(1, parser.getContentLength());
 }
 
 TEST_F(HttpRequestParserChunk, HeadersCutByTheChunkAreNotReadBeyondIt)

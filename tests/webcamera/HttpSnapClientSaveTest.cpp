@@ -151,6 +151,29 @@ TEST_F(HttpSnapClientSave, SmallerPictureReplacesALargerOne)
     EXPECT_EQ(payload(300), card.read("a.jpg"));
 }
 
+TEST_F(HttpSnapClientSave, EmptyPictureLeavesAnEmptyFile)
+{
+    CardFolder card("camera");
+    card.write("a.jpg", "old");
+
+    expectAnswered("a.jpg", 0);
+
+    EXPECT_EQ("", card.read("a.jpg"));
+}
+
+TEST_F(HttpSnapClientSave, FolderThatIsNotThereOrNotWritableIsNotSavedTo)
+{
+    CardFolder card("camera");
+    for (const char* pPlan : {"access:1:ENOENT", "access:2:EROFS"}) {
+        const FaultScope fault(pPlan);
+
+        expectAnswered("a.jpg");
+
+        EXPECT_EQ(1u, faultHits()) << pPlan;
+        EXPECT_TRUE(card.isEmpty()) << pPlan;
+    }
+}
+
 TEST_F(HttpSnapClientSave, WithoutMemoryForAStreamTheFormerPictureStays)
 {
     CardFolder card("camera");

@@ -156,6 +156,20 @@ TEST_F(HttpSnapClientAnswer, EmptyCorrectedPictureIsAnsweredWithoutABody)
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
 }
 
+TEST_F(HttpSnapClientAnswer, AnswerWithoutAPictureWaitsAsOneItem)
+{
+    FakeSystem::setCorrection([](PVENC_FRAME_T&, PVENC_FRAME_T&) {});
+    Connection slow(2048);
+    ASSERT_EQ(0, slow.request(request("?mode=correction")));
+    const SafePointer_C<char> block(static_cast<char*>(calloc(1, 200000)));
+    slow.client().send(block, 200000); // more than the socket takes: this one is being sent
+    ASSERT_EQ(0, slow.client().getQueueLength());
+
+    deliver();
+
+    EXPECT_EQ(1, slow.client().getQueueLength());
+}
+
 TEST_F(HttpSnapClientAnswer, FileNameLongerThanTheHeadersBlockIsWhole)
 {
     expectAnswered(std::string(1800, 'n'));
@@ -170,6 +184,17 @@ TEST_F(HttpSnapClientAnswer, StoppedResponderIsNotReached)
 
     EXPECT_EQ("", m_connection.receive());
     EXPECT_TRUE(card.isEmpty());
+}
+
+TEST_F(HttpSnapClientAnswer, StreamIsAsTheCallerSays)
+{
+    FakeSystem::reset();
+    HttpSnapClient responder(m_connection.client(), 1, "a.jpg", false);
+
+    EXPECT_EQ(0, responder.start());
+
+    EXPECT_EQ("1 ", FakeSystem::streams());
+    EXPECT_EQ(0, responder.stop());
 }
 
 TEST_F(HttpSnapClientAnswer, StopReturnsSuccess)

@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -24,18 +26,34 @@
 
 namespace fs = std::filesystem;
 
-static bool g_bTooEarly = false; // for fstatat, which finds nothing then
+static bool g_bTooEarly = false;  // for fstatat, which finds nothing then
+static bool g_bLooks = false;     // fstatat, for descriptors that a program would inherit
+static size_t g_uInheritable = 0; // that it saw
+
+/** Descriptors that a program started now would get. */
+static size_t inheritable()
+{
+    size_t uCount = 0;
+    for (int nFd = 0; nFd < 256; ++nFd) {
+        const int nFlags = fcntl(nFd, F_GETFD);
+        uCount += (nFlags >= 0 && 0 == (nFlags & FD_CLOEXEC)) ? 1 : 0;
+    }
+    return uCount;
+}
 
 extern "C" [[gnu::weak]] int __real_fstatat(int nFolder, const char* pName, struct stat* pInfo,
                                             int nFlags);
 
-extern "C" int __wrap_fstatat(int nFolder, const char* pName, struct stat* pInfo, int nFlags)
+extern "C" int __wrap_fstatat(int nFolder, const char* pName, struct stat* pInfo, int nHow)
 {
+    if (g_bLooks) {
+        g_uInheritable = inheritable();
+    }
     if (g_bTooEarly) {
         errno = ENOENT;
         return -1;
     }
-    return __real_fstatat(nFolder, pName, pInfo, nFlags);
+    return __real_fstatat(nFolder, pName, pInfo, nHow);
 }
 
 namespace {
@@ -58,6 +76,7 @@ protected:
     {
         const int nFd = openBelow((m_folder.path() / "folder").c_str(), strName.c_str());
         if (nFd < 0) {
+            EXPECT_EQ(-1, nFd);
             return false;
         }
         EXPECT_NE(0, fcntl(nFd, F_GETFD) & FD_CLOEXEC);
@@ -225,16 +244,70 @@ TEST_F(OpenBelow, WhatIsPutThereMeanwhileIsRefused)
     m_folder.write("outside", "old");
     fs::create_symlink(m_folder.path() / "outside", inside("link"));
     ASSERT_EQ(0, mkfifo(inside("lonely").c_str(), 0666));
-    alarm(30); // ends a run that waits for a reader
+    ASSERT_EQ(0, mkfifo(inside("pipe").c_str(), 0666));
+    const int nReader = open(inside("pipe").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(nReader, 0); // this one can be opened
+    alarm(30);             // ends a run that waits for a reader
 
     g_bTooEarly = true;
     EXPECT_FALSE(opened("link"));
     EXPECT_FALSE(opened("lonely"));
+    EXPECT_FALSE(opened("pipe"));
     EXPECT_FALSE(opened("sub"));
     g_bTooEarly = false;
 
     alarm(0);
+    close(nReader);
     EXPECT_EQ("old", m_folder.read("outside"));
+}
+
+// It comes too early for a terminal, which has no folder but its own to be put into.
+TEST_F(OpenBelow, TerminalThatIsPutThereMeanwhileDoesNotBecomeTheProcesss)
+{
+    if (nullptr == &__real_fstatat) {
+        GTEST_SKIP() << "the call has another name here";
+    }
+    const int nMaster = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(nMaster, 0);
+    ASSERT_EQ(0, unlockpt(nMaster));
+    const std::string strSlave = ptsname(nMaster);
+    const fs::path folder = fs::path(strSlave).parent_path();
+    const std::string strName = fs::path(strSlave).filename();
+    const auto openInSession = [&] {
+        (void)setsid(); // its first terminal would become its own
+        g_bTooEarly = true;
+        const int nFd = openBelow(folder.c_str(), strName.c_str());
+        const int nOwn = open("/dev/tty", O_RDWR | O_CLOEXEC);
+        _exit((-1 == nFd && -1 == nOwn && ENXIO == errno) ? 0 : 1);
+    };
+
+    EXPECT_EXIT(openInSession(), testing::ExitedWithCode(0), "");
+
+    close(nMaster);
+}
+
+TEST_F(OpenBelow, NoProgramInheritsAFolderOnTheWay)
+{
+    if (nullptr == &__real_fstatat) {
+        GTEST_SKIP() << "the call has another name here";
+    }
+    g_uInheritable = SIZE_MAX;
+    g_bLooks = true;
+
+    EXPECT_TRUE(opened("sub/deep/a"));
+
+    g_bLooks = false;
+    EXPECT_EQ(inheritable(), g_uInheritable);
+}
+
+TEST_F(OpenBelow, FolderThatIsAFifoIsRefusedAtOnce)
+{
+    ASSERT_EQ(0, mkfifo(inside("pipe").c_str(), 0666));
+    alarm(30); // ends a run that waits for a writer
+
+    EXPECT_EQ(-1, openBelow(inside("pipe").c_str(), "a"));
+
+    alarm(0);
 }
 
 TEST_F(OpenBelow, MissingFolderOrBadNameIsRefused)

@@ -74,6 +74,14 @@ TEST_F(WebCameraClientConnection, WithoutMemoryForItsBufferItDoesNotStart)
     EXPECT_EQ(0, client.init());
 }
 
+TEST_F(WebCameraClientConnection, ThatWasGivenUpDoesNotStart)
+{
+    WebCameraClient client;
+    EXPECT_FALSE(client.take(UINT32_MAX)); // more than all clients may have
+
+    EXPECT_EQ(1, client.init());
+}
+
 TEST_F(WebCameraClientConnection, DeliberateAnyStreamIsStream0)
 {
     for (const char* pQuery :

@@ -261,6 +261,11 @@ TEST_F(WebCameraHttpDataProcessorRequest, WithoutMemoryForTheBodyItThrows)
     EXPECT_THROW((void)m_processor.feed(std::string(1500, 'b').c_str(), 1500), std::bad_alloc);
 }
 
+TEST_F(WebCameraHttpDataProcessorRequest, MalformedRequestFails)
+{
+    EXPECT_EQ(1, feed("garbage\r\n\r\n"));
+}
+
 TEST_F(WebCameraHttpDataProcessorRequest, UrlWithoutPathFails)
 {
     EXPECT_EQ(1, feed("GET http://board HTTP/1.1\r\n\r\n"));
