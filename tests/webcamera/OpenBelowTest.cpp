@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -259,31 +258,6 @@ TEST_F(OpenBelow, WhatIsPutThereMeanwhileIsRefused)
     alarm(0);
     close(nReader);
     EXPECT_EQ("old", m_folder.read("outside"));
-}
-
-// It comes too early for a terminal, which has no folder but its own to be put into.
-TEST_F(OpenBelow, TerminalThatIsPutThereMeanwhileDoesNotBecomeTheProcesss)
-{
-    if (nullptr == &__real_fstatat) {
-        GTEST_SKIP() << "the call has another name here";
-    }
-    const int nMaster = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(nMaster, 0);
-    ASSERT_EQ(0, unlockpt(nMaster));
-    const std::string strSlave = ptsname(nMaster);
-    const fs::path folder = fs::path(strSlave).parent_path();
-    const std::string strName = fs::path(strSlave).filename();
-    const auto openInSession = [&] {
-        (void)setsid(); // its first terminal would become its own
-        g_bTooEarly = true;
-        const int nFd = openBelow(folder.c_str(), strName.c_str());
-        const int nOwn = open("/dev/tty", O_RDWR | O_CLOEXEC);
-        _exit((-1 == nFd && -1 == nOwn && ENXIO == errno) ? 0 : 1);
-    };
-
-    EXPECT_EXIT(openInSession(), testing::ExitedWithCode(0), "");
-
-    close(nMaster);
 }
 
 TEST_F(OpenBelow, NoProgramInheritsAFolderOnTheWay)
