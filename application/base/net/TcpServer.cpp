@@ -31,7 +31,7 @@ static const int32_t KEEP_ALIVE[] = {5, 1, 2}; // seconds idle, seconds between 
 TcpServer::TcpServer(const char* pName, int nMostClients)
     : EPoll(MAX_EVENTS, pName), m_nMostClients(nMostClients)
 {
-    // Outlives a server that is a singleton, as does the log, which EPoll's thread has used.
+    (void)Log::getInstance(); // outlives a server that is a singleton, as does the next one
     (void)ClientMemory::getInstance();
 }
 
