@@ -165,6 +165,7 @@ TEST_F(PrintServiceLock, StartWaitsForAThreadThatIsAboutToPark)
     bGoOn = true;
 
     EXPECT_TRUE(m_controller.waitForBytes("G1 X1\n\n\nG1 X2\n\n\n")) << "the start was lost";
+    EXPECT_TRUE(eventually([&starter] { return starter.isDone(); }));
     m_pService.reset();
 }
 

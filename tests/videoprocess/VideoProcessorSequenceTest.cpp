@@ -90,13 +90,13 @@ protected:
     int onExposure(Event* /*pEvent*/)
     {
         m_vecAtExposure = plugin().names();
-        m_u32AtExposure = m_pFrames->pass();
+        m_u32AtExposure = (nullptr == m_pFrames) ? 0 : m_pFrames->pass();
         return 0;
     }
     int onMove(Event* /*pEvent*/)
     {
         m_vecAtMove = plugin().names();
-        m_u32AtMove = m_pFrames->pass();
+        m_u32AtMove = (nullptr == m_pFrames) ? 0 : m_pFrames->pass();
         return 0;
     }
     int onMeasure(Event* /*pEvent*/)
@@ -149,15 +149,22 @@ TEST_F(VideoProcessorSequence, EachEventFollowsTheCallThatItTellsOf)
 TEST_F(VideoProcessorSequence, PluginIsAskedForNothingBeforeTheFirstFrame)
 {
     float fResult = 0;
+    std::atomic<bool> bDone{false};
     const CallJournal journal("select");
-    std::thread measurer([this, &fResult] { EXPECT_EQ(RET_SUCCESS, m_host.measure(&fResult)); });
+    std::thread measurer([this, &fResult, &bDone] {
+        EXPECT_EQ(RET_SUCCESS, m_host.measure(&fResult));
+        bDone = true;
+    });
     EXPECT_TRUE(eventually([] { return 0 < journalCount(); })); // it waits for the frame
 
     EXPECT_EQ(Lines{}, plugin().names());
 
-    m_pFrames = std::make_unique<NumberedFrames>();
+    uint32_t u32Frame = 0;
+    EXPECT_TRUE(eventually([&bDone, &u32Frame] {
+        publishFrame(++u32Frame);
+        return bDone.load();
+    }));
     measurer.join();
-    m_pFrames.reset();
 }
 
 TEST_F(VideoProcessorSequence, FrameFromBeforeTheCallIsNotTaken)
