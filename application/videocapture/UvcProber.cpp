@@ -1,7 +1,6 @@
 // Finds the video node of a USB camera.
 #include "UvcProber.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -23,7 +22,8 @@ enum STATE_E
 
 int32_t videoIndex(int32_t s32Event)
 {
-    return std::max(s32Event, 5) - 5;
+    const int32_t s32Index = (s32Event >= 3) ? s32Event - 3 : s32Event;
+    return (s32Index < 2) ? 0 : s32Index - 2;
 }
 
 } // namespace
