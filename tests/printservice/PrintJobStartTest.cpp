@@ -129,8 +129,9 @@ TEST_F(PrintJobStart, PauseAndGoOnLosesAndRepeatsNothing)
     saveJob(makeJob(LINES));
     EXPECT_EQ(0, service().startPrint());
 
-    for (size_t uPause = 1; uPause <= 3; ++uPause) {
-        EXPECT_TRUE(waitForLines(uPause * 400));
+    for (int nPause = 1; nPause <= 3; ++nPause) {
+        // Not by the journal, whose reading may take longer than the rest of the job.
+        ASSERT_TRUE(eventually([this, nPause] { return progress() >= 0.1F * nPause; }));
         EXPECT_EQ(0, service().pausePrint());
         EXPECT_EQ(PRINT_STATE_PAUSED, service().getState());
         const size_t uLines = received().size();

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iostream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -124,7 +125,10 @@ protected:
     void TearDown() override
     {
         m_pService.reset();
-        (void)output();
+        const std::string strOutput = output();
+        if (HasFailure()) {
+            std::cout << strOutput; // what was expected stands in it
+        }
         EXPECT_EQ(0, chdir("/"));
     }
 
