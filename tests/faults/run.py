@@ -271,7 +271,8 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("form", choices=("full", "quick"))
     parser.add_argument("--table")
-    parser.add_argument("--workers", type=int, default=2, help="services at once")
+    parser.add_argument("--workers", type=int, default=3 * (os.cpu_count() or 1),
+                        help="services at once, which mostly wait; three a processor by default")
     parser.add_argument("--call", action="append", help="only this one, e.g. send")
     arguments = parser.parse_args()
     quick = "quick" == arguments.form
