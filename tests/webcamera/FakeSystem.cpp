@@ -4,9 +4,8 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <stdexcept>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "SystemModule.h"
 #include "VideoConsumer.h"
@@ -63,7 +62,9 @@ void FakeSystem::deliver(PVENC_FRAME_T& frame)
     const std::lock_guard<std::mutex> guard(state().mtx);
     for (IConsumer* pConsumer : state().vecConsumer) {
         VideoFrameEvent event(0, frame);
-        EXPECT_EQ(0, pConsumer->consume(event, frame));
+        if (0 != pConsumer->consume(event, frame)) {
+            throw std::runtime_error("a consumer has failed");
+        }
     }
 }
 
