@@ -54,7 +54,7 @@ def is_running(process):
     try:
         with open(f"/proc/{process}/stat", encoding="ascii") as file:
             return file.read().rsplit(")", 1)[1].split()[0] != "Z"
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):  # the latter when it goes while it is read
         return False
 
 
