@@ -14,9 +14,9 @@
 #include <fcntl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
+#include "DescriptorMessage.h"
 #include "GrblLanguage.h"
 #include "KestrelLanguage.h"
 #include "NoticeLine.h"
@@ -335,23 +335,7 @@ void GuardWorker::beat()
 /** @param bPort  with the port's descriptor */
 bool GuardWorker::sendBeat(bool bPort) const
 {
-    char cBeat = 'b';
-    iovec piece{&cBeat, 1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> acControl{};
-    msghdr message{};
-    message.msg_iov = &piece;
-    message.msg_iovlen = 1;
-    if (bPort) {
-        message.msg_control = acControl.data();
-        message.msg_controllen = acControl.size();
-        cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
-        pHeader->cmsg_level = SOL_SOCKET;
-        pHeader->cmsg_type = SCM_RIGHTS;
-        pHeader->cmsg_len = CMSG_LEN(sizeof(int));
-        const int nPort = m_port.getFd();
-        memcpy(CMSG_DATA(pHeader), &nPort, sizeof(nPort));
-    }
-    return 1 == sendmsg(m_nBeatFd, &message, MSG_NOSIGNAL);
+    return 1 == sendWithDescriptor(m_nBeatFd, "b", 1, bPort ? m_port.getFd() : -1, MSG_NOSIGNAL);
 }
 
 /** With the next beat, which is due now. */

@@ -11,12 +11,12 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "DescriptorMessage.h"
 #include "Eventually.h"
 #include "ScratchFolder.h"
 #include "TestTerminal.h"
@@ -61,20 +61,7 @@ void beat(int nFd)
 /** A beat with a descriptor. */
 void show(int nFd, int nShown)
 {
-    char cBeat = 'b';
-    iovec piece{&cBeat, 1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> acControl{};
-    msghdr message{};
-    message.msg_iov = &piece;
-    message.msg_iovlen = 1;
-    message.msg_control = acControl.data();
-    message.msg_controllen = acControl.size();
-    cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
-    pHeader->cmsg_level = SOL_SOCKET;
-    pHeader->cmsg_type = SCM_RIGHTS;
-    pHeader->cmsg_len = CMSG_LEN(sizeof(int));
-    memcpy(CMSG_DATA(pHeader), &nShown, sizeof(nShown));
-    (void)sendmsg(nFd, &message, 0);
+    (void)sendWithDescriptor(nFd, "b", 1, nShown, 0);
 }
 
 /** Whether the worker's parent has this file open. */

@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "DescriptorMessage.h"
 #include "Eventually.h"
 
 static const int DEADLINE_MS = 30000;
@@ -31,22 +32,8 @@ OperatorClient::~OperatorClient()
 
 std::string OperatorClient::ask(const std::string& strLine, int nPassed)
 {
-    std::string strText = strLine + "\n";
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> acControl{};
-    iovec data{strText.data(), strText.size()};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    if (nPassed >= 0) {
-        message.msg_control = acControl.data();
-        message.msg_controllen = acControl.size();
-        cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
-        pHeader->cmsg_level = SOL_SOCKET;
-        pHeader->cmsg_type = SCM_RIGHTS;
-        pHeader->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(pHeader), &nPassed, sizeof(int));
-    }
-    if (sendmsg(m_nFd, &message, MSG_NOSIGNAL) < 0) {
+    const std::string strText = strLine + "\n";
+    if (sendWithDescriptor(m_nFd, strText.data(), strText.size(), nPassed, MSG_NOSIGNAL) < 0) {
         return "";
     }
     return readLine();

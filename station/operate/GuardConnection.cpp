@@ -11,6 +11,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "DescriptorMessage.h"
 #include "Time.h"
 
 GuardConnection::~GuardConnection()
@@ -55,23 +56,10 @@ bool GuardConnection::open(const std::string& strPath)
 bool GuardConnection::send(const std::string& strLine, int nPassed)
 {
     const std::string strText = strLine + "\n";
-    iovec data{const_cast<char*>(strText.data()), strText.size()};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> acControl{};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    if (nPassed >= 0) {
-        message.msg_control = acControl.data();
-        message.msg_controllen = acControl.size();
-        cmsghdr* const pHeader = CMSG_FIRSTHDR(&message);
-        pHeader->cmsg_level = SOL_SOCKET;
-        pHeader->cmsg_type = SCM_RIGHTS;
-        pHeader->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(pHeader), &nPassed, sizeof(nPassed));
-    }
     // A line fits the socket's buffer, unless the guard does not read.
     if (m_nFd < 0 || static_cast<ssize_t>(strText.size()) !=
-                         sendmsg(m_nFd, &message, MSG_NOSIGNAL | MSG_DONTWAIT)) {
+                         sendWithDescriptor(m_nFd, strText.data(), strText.size(), nPassed,
+                                            MSG_NOSIGNAL | MSG_DONTWAIT)) {
         close();
         return false;
     }
