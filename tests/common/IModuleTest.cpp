@@ -75,6 +75,15 @@ void publishCommand(const char* pFirst, const char* pSecond)
 
 } // namespace
 
+TEST(IModule, StatusesHaveTheirNumbers)
+{
+    EXPECT_EQ(0, MODULE_STATUS_NONE);
+    EXPECT_EQ(1, MODULE_STATUS_INITED);
+    EXPECT_EQ(2, MODULE_STATUS_RUNNING);
+    EXPECT_EQ(4, MODULE_STATUS_STOPPED);
+    EXPECT_EQ(8, MODULE_STATUS_UNINITED);
+}
+
 TEST(IModule, WholeLifeWithRestartAndReinitialisation)
 {
     ScriptedModule module;

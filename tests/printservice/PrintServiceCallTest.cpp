@@ -25,6 +25,15 @@ using PrintServiceCall = PrintServiceCallFixture;
 
 } // namespace
 
+TEST_F(PrintServiceCall, StatesHaveTheirNumbers)
+{
+    EXPECT_EQ(0, PRINT_STATE_IDLE);
+    EXPECT_EQ(1, PRINT_STATE_STOPPED);
+    EXPECT_EQ(3, PRINT_STATE_FILE_READY);
+    EXPECT_EQ(5, PRINT_STATE_PRINTING);
+    EXPECT_EQ(6, PRINT_STATE_PAUSED);
+}
+
 TEST_F(PrintServiceCall, ItsThreadIsWaitedForAndAsNiceAsItsMaker)
 {
     m_pService.reset();

@@ -41,6 +41,17 @@ protected:
         return vecLine;
     }
 
+    /** The first of them from the one that a frame ended: on a busy machine it may be late. */
+    static Lines waitsFromFrame(size_t uMost)
+    {
+        Lines vecLine = waits();
+        while (vecLine.size() >= 2 && WAIT == vecLine[0] && "select 0.020000" == vecLine[1]) {
+            vecLine.erase(vecLine.begin(), vecLine.begin() + 2);
+        }
+        vecLine.resize(std::min(uMost, vecLine.size()));
+        return vecLine;
+    }
+
     /** The first of them. */
     static Lines firstWaits(size_t uMost, const char* pThread = "videocapture0")
     {
@@ -65,7 +76,7 @@ TEST_F(VideoStreamProducerPace, FrameOfStreamZeroIsFollowedByTenMilliseconds)
     ASSERT_TRUE(m_consumer.waitForMore(3));
 
     const char* const pPause = "select 0.010000";
-    EXPECT_EQ((Lines{WAIT, pPause, WAIT, pPause, WAIT}), firstWaits(5));
+    EXPECT_EQ((Lines{WAIT, pPause, WAIT, pPause, WAIT}), waitsFromFrame(5));
 }
 
 TEST_F(VideoStreamProducerPace, FrameIsDeliveredBeforeThePause)
@@ -96,7 +107,7 @@ TEST_F(VideoStreamProducerPace, DroppedFrameIsFollowedByTheNextWaitAtOnce)
     start(0);
     ASSERT_TRUE(m_consumer.waitForMore(2));
 
-    EXPECT_EQ((Lines{WAIT, WAIT, WAIT, WAIT, "select 0.010000", WAIT}), firstWaits(6));
+    EXPECT_EQ((Lines{WAIT, WAIT, WAIT, WAIT, "select 0.010000", WAIT}), waitsFromFrame(6));
 }
 
 TEST_F(VideoStreamProducerPace, FrozenCameraIsLostAtTheFourthWait)

@@ -40,6 +40,16 @@ protected:
     File m_file;
 };
 
+TEST_F(FileOnDisk, FlagsHaveTheirNumbers)
+{
+    EXPECT_EQ(1, FILE_FLAG_READ);
+    EXPECT_EQ(2, FILE_FLAG_WRITE);
+    EXPECT_EQ(4, FILE_FLAG_ACCEPTED);
+    EXPECT_EQ(8, FILE_FLAG_BINARY);
+    EXPECT_EQ(16, FILE_FLAG_APPEND);
+    EXPECT_EQ(64, FILE_FLAG_CREATE);
+}
+
 TEST_F(FileOnDisk, ModeFollowsTheFlags)
 {
     EXPECT_EQ("wt", File::mode(70));
