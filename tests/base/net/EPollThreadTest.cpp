@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -46,6 +47,24 @@ TEST(EPollThread, ThreadDispatchesBetweenStartAndStop)
     EXPECT_TRUE(eventually([&] { return 2 == recorder.m_nCalls; }));
     EXPECT_EQ(0, epoll.stop());
     EXPECT_EQ(0, other.stop());
+}
+
+TEST(EPollThread, ReactorIsWaitedForAndAsNiceAsItsMaker)
+{
+    const CallJournal journal("pthread_create");
+    EPoll epoll(20, "nice reactor");
+    EXPECT_EQ(std::vector<std::string>{"pthread_create joinable"}, CallJournal::lines());
+    Recorder recorder(epoll);
+    NetPair pair;
+    ASSERT_EQ(0, epoll.addFd(pair.m_near.getFd(), EPOLLIN | EPOLLET, nullptr));
+
+    EXPECT_EQ(0, epoll.start());
+    ASSERT_EQ(1, send(pair.m_far.getFd(), "x", 1, 0));
+    ASSERT_TRUE(eventually([&] { return 1 == recorder.m_nCalls; }));
+    const int nNice = getpriority(PRIO_PROCESS, static_cast<id_t>(recorder.m_nTid.load()));
+    EXPECT_EQ(0, epoll.stop());
+
+    EXPECT_EQ(getpriority(PRIO_PROCESS, 0), nNice);
 }
 
 TEST(EPollThread, StopWaitsForTheHandlerUnderWay)

@@ -33,6 +33,24 @@ TEST(SendQueueTcpClientBatch, WhatWaitsLeavesInOneCall)
     EXPECT_TRUE(client.isDrained());
 }
 
+TEST(SendQueueTcpClientBatch, SixteenPiecesLeaveInACall)
+{
+    const int SENT = 17;
+    NetPair pair;
+    QueueClient client(pair);
+    SendQueueTcpClient::Item aItem[SENT];
+    for (SendQueueTcpClient::Item& item : aItem) {
+        item.data = block("x");
+        item.nLength = 1;
+    }
+    FaultScope fault("sendmsg:2:EAGAIN");
+
+    EXPECT_TRUE(client.sendTogether(aItem, SENT));
+
+    EXPECT_EQ(1U, faultHits()) << "a second call, for the last piece";
+    EXPECT_EQ(std::string(16, 'x'), readPending(pair.m_far));
+}
+
 TEST(SendQueueTcpClientBatch, ItemsThatCannotAllEnterTheQueueDoNotBegin)
 {
     for (const char* pPlan : {"malloc:1:ENOMEM", "malloc:2:ENOMEM", "malloc:3:ENOMEM"}) {

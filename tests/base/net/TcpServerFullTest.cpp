@@ -139,6 +139,47 @@ TEST(TcpServerFull, BeyondItsMostConnectionsOneMayMakeRoom)
     }
 }
 
+TEST(TcpServerFull, HighestRankMakesRoomWhateverItsAge)
+{
+    StepServer server(3);
+    server.listen();
+    TcpSocket first = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    TcpSocket second = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start", 2));
+    TcpClient* pSecond = server.m_pLast;
+    TcpSocket third = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start", 3));
+    server.m_rank = [pSecond](TcpClient& client) { return (&client == pSecond) ? 2 : 1; };
+    TcpSocket fourth = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start", 4));
+
+    EXPECT_TRUE(isSilent(first));
+    EXPECT_TRUE(sawEnd(second));
+    EXPECT_TRUE(isSilent(third));
+    for (TcpSocket* pPeer : {&first, &second, &third, &fourth}) {
+        (void)pPeer->close();
+    }
+}
+
+TEST(TcpServerFull, LowestRankMakesRoomWhenItIsTheOnlyOne)
+{
+    StepServer server(1);
+    server.listen();
+    server.m_rank = [](TcpClient&) { return 1; };
+    TcpSocket first = connectTo(server.getPort());
+    ASSERT_TRUE(server.poll("start"));
+    TcpSocket second = connectTo(server.getPort());
+
+    ASSERT_TRUE(eventually([&] { return 0 == server.pollOnce() && first.waitReadable(Time()); }));
+
+    EXPECT_TRUE(sawEnd(first));
+    EXPECT_TRUE(isSilent(second));
+    for (TcpSocket* pPeer : {&first, &second}) {
+        (void)pPeer->close();
+    }
+}
+
 TEST(TcpServerFull, WhoHasNoRankMakesNoRoom)
 {
     StepServer server(1);

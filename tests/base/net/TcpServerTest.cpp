@@ -198,7 +198,7 @@ TEST(TcpServer, ConnectionWhoseTimeIsOverMayWriteOnceMore)
         }
         int getTimeLeft(uint32_t) override
         {
-            return (m_nWrites < m_nWanted || m_nTurns < m_nWanted) ? 0 : 60000;
+            return (m_nWrites < m_nWanted || m_nTurns < m_nWanted) ? 0 : 1;
         }
         int m_nWanted = 0;
         int m_nWrites = 0;

@@ -89,9 +89,11 @@ protected:
 
 TEST_F(TcpServerTime, LastMillisecondIsStillTheConnections)
 {
+    const int nWrites = m_server.m_pLast->m_nWrites;
     m_server.m_pLast->m_nLeft = 1;
     EXPECT_EQ(0, m_server.pollOnce());
     EXPECT_EQ(0, TimedClient::s_nDeleted);
+    EXPECT_EQ(nWrites, m_server.m_pLast->m_nWrites) << "no last attempt yet";
 
     m_server.m_pLast->m_nLeft = 0;
     ASSERT_EQ(1, send(m_peer.getFd(), "x", 1, 0)); // or the pass would last its second
