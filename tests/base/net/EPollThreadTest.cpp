@@ -2,7 +2,9 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
