@@ -24,7 +24,7 @@ static std::vector<std::string> controllerOptions(bool bGrbl,
     }
     std::vector<std::string> vecAll{"--language", "grbl"};
     for (const char* const pSetting :
-         {"32=1", "22=1", "24=500", "25=3000", "27=1", "110=6000", "111=6000", "112=6000",
+         {"32=1", "22=1", "24=500", "25=3000", "26=10", "27=1", "110=6000", "111=6000", "112=6000",
           "120=500", "121=500", "122=500", "130=60", "131=20", "132=10"}) {
         vecAll.emplace_back("--setting");
         vecAll.emplace_back(pSetting);

@@ -25,7 +25,7 @@ OPTIONS = {
     # The laser stays on in an alarm: it is the guard that has to turn it off.
     "arm": ["--alarm-keeps-laser"],
     "grbl": ["--language", "grbl"] + [word for setting in (
-        "32=1", "22=1", "24=3000", "25=6000", "27=1", "110=6000", "111=6000", "112=6000", "120=500", "121=500",
+        "32=1", "22=1", "24=3000", "25=6000", "26=10", "27=1", "110=6000", "111=6000", "112=6000", "120=500", "121=500",
         "122=500", "130=60", "131=20", "132=10") for word in ("--setting", setting)],
 }
 LANGUAGES = {"arm": "kestrel", "grbl": "grbl"}  # as the guard's configuration names them

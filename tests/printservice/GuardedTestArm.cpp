@@ -46,8 +46,9 @@ std::vector<std::string> addLanguage(std::vector<std::string> vecOption)
     if (isGrbl()) {
         vecOption.insert(vecOption.end(), {"--language", "grbl"});
         for (const char* const pSetting :
-             {"32=1", "22=1", "24=500", "25=3000", "27=1", "110=600000", "111=600000", "112=600000",
-              "120=50000", "121=50000", "122=50000", "130=200", "131=200", "132=200"}) {
+             {"32=1", "22=1", "24=500", "25=3000", "26=10", "27=1", "110=600000", "111=600000",
+              "112=600000", "120=50000", "121=50000", "122=50000", "130=200", "131=200",
+              "132=200"}) {
             vecOption.emplace_back("--setting");
             vecOption.emplace_back(pSetting);
         }

@@ -309,6 +309,17 @@ TEST_F(HttpFileClientAnswer, EmptyFileHasABlockOfOneByte)
     EXPECT_EQ(1U, faultHits());
 }
 
+TEST_F(HttpFileClientAnswer, EmptyFileWhoseBlockGetsNoHandleIsNoSuccess)
+{
+    m_www.write("f.txt", "");
+    const std::string strSize = std::to_string(sizeof(SafePointerBlock));
+    // The handles before it are the request's and the header's.
+    FaultScope fault(("malloc=" + strSize + ":3:ENOMEM").c_str());
+
+    EXPECT_EQ("closed " + header("text/plain", 0), get("/f.txt"));
+    EXPECT_EQ(1U, faultHits());
+}
+
 TEST_F(HttpFileClientAnswer, StopReturnsSuccess)
 {
     Connection connection;

@@ -22,6 +22,8 @@ inline SafePointer_C<char> block(const std::string& strData)
 class QueueClient : public SendQueueTcpClient
 {
 public:
+    using SendQueueTcpClient::getWaitingBytes;
+
     explicit QueueClient(NetPair& pair)
     {
         EXPECT_EQ(0, pair.m_near.setOptBlock(false));

@@ -209,6 +209,7 @@ TEST(SendQueueTcpClient, ManyProducersLoseNothing)
 {
     const int nThreads = 4;
     const int nItems = 3000;
+    const uint32_t u32Most = 100 * nThreads * nItems; // bytes that all of them cost, and some more
     NetPair pair;
     QueueClient client(pair);
     std::atomic<bool> bQuit{false};
@@ -223,6 +224,7 @@ TEST(SendQueueTcpClient, ManyProducersLoseNothing)
             if (1 == epoll_wait(nEPoll, &ready, 1, 10)) {
                 EXPECT_EQ(0, client.write());
             }
+            EXPECT_LE(client.getWaitingBytes(), u32Most);
         }
     });
     std::vector<std::thread> vecProducer;
@@ -244,6 +246,7 @@ TEST(SendQueueTcpClient, ManyProducersLoseNothing)
     bQuit = true;
     reactor.join();
     ::close(nEPoll);
+    EXPECT_EQ(0U, client.getWaitingBytes());
     std::vector<int> vecNext(nThreads, 0);
     ASSERT_EQ(size_t{8} * nThreads * nItems, strGot.size());
     for (size_t i = 0; i < strGot.size(); i += 8) {

@@ -16,7 +16,7 @@ GUARDED = os.environ.get("KESTREL_GUARD_LANGUAGE", "")
 PORT = "/dev/ttyACM" if GUARDED else "/dev/ttyACM0"  # that the service finds
 # Without a pull-off: the service measures heights from where homing leaves the arm, which is its zero.
 GRBL = ["--language", "grbl"] + [word for setting in (
-    "32=1", "22=1", "24=3000", "25=6000", "27=0", "110=6000", "111=6000", "112=6000", "120=500", "121=500",
+    "32=1", "22=1", "24=3000", "25=6000", "26=10", "27=0", "110=6000", "111=6000", "112=6000", "120=500", "121=500",
     "122=500", "130=60", "131=20", "132=10") for word in ("--setting", setting)]
 
 

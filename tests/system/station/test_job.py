@@ -11,7 +11,7 @@ import unittest
 from harness import wait_until
 from station import Station, request
 
-LONG = int(os.environ.get("KESTREL_JOB_LINES", "2000"))  # of the long job
+LONG = int(os.environ.get("KESTREL_JOB_LINES", "1000"))  # of the long job
 HEAD = ["G21", "G90", "G54", "M3 S100"]
 END = ["M5"]
 
@@ -143,7 +143,7 @@ class Job(unittest.TestCase):
         self.assertEqual("stopped", self.wait_for_end()["result"])
 
     def test_unattended_goes_on_without_pictures(self):
-        upload("circle.gcode", make_job(600))
+        upload("circle.gcode", make_job(300))
         self.board.camera.ctl("freeze")
         self.board.wait_for(lambda state: not state["camera"]["present"], "pictures end")
         self.assertEqual("no-camera", request("POST", "/jobs/circle.gcode/start", {}).problem)
