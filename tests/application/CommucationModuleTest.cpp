@@ -1,8 +1,10 @@
 // The module of the HTTP service: a port that is taken, and the console's commands.
 #include "CommucationModule.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -47,6 +49,31 @@ void exitInOrder()
                                    &ControllerPort::getInstance()},
                                   pModule);
     exit(bDevices && outlive({pModule}, pServer) ? 0 : 1);
+}
+
+/** Ends the process in the middle of service, under a crowd that comes and goes. */
+void exitWhilePeersCome()
+{
+    if (RET_SUCCESS != CommucationModule::getInstance().init() ||
+        RET_SUCCESS != CommucationModule::getInstance().start()) {
+        exit(1);
+    }
+    static std::atomic<int> s_nCame{0}; // outlives the crowd
+    for (int i = 0; i < 4; ++i) {
+        std::thread([] {
+            for (;;) {
+                const int nFd = connected();
+                if (nFd >= 0) {
+                    ++s_nCame;
+                    ::close(nFd);
+                }
+            }
+        }).detach();
+    }
+    while (s_nCame < 10) {
+        std::this_thread::yield();
+    }
+    exit(0);
 }
 
 } // namespace
@@ -98,6 +125,12 @@ TEST(CommucationModule, ServerDiesBeforeTheModuleAndThatBeforeItsDevices)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process that has used none of them yet
     EXPECT_EXIT(exitInOrder(), testing::ExitedWithCode(0), "");
+}
+
+TEST(CommucationModule, PeersMayComeWhileTheServerGoes)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(exitWhilePeersCome(), testing::ExitedWithCode(0), "");
 }
 
 TEST(CommucationModule, DebugCommandDoesNothing)
