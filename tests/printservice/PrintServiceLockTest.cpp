@@ -2,6 +2,7 @@
 #include <atomic>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -145,6 +146,34 @@ TEST_F(PrintServiceLock, StartWaitsForAnUploadUnderWay)
     close(nReader);
     EXPECT_TRUE(eventually([&starter] { return starter.isDone(); }));
     EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
+}
+
+TEST_F(PrintServiceLock, StartWaitsForAnUploadThatIsBeingMeasured)
+{
+    service().setUart(nullptr); // a start goes no further than the port
+    auto pHold = std::make_unique<FaultScope>("stat=tmp.gcode:1:HOLD");
+    const Worker saver([this] { EXPECT_EQ(0, service().saveGcode("G1 X1\n", 6)); });
+    EXPECT_TRUE(eventually([] { return 1 == faultHits(); }));
+    const CallJournal journal("pthread_mutex_lock");
+    const Worker starter([this] { EXPECT_EQ(1, service().startPrint()); });
+
+    EXPECT_TRUE(starter.waitsForALock());
+    EXPECT_EQ(PRINT_STATE_IDLE, service().getState()) << "else the upload would take it back";
+
+    pHold.reset();
+    EXPECT_TRUE(eventually([&starter] { return starter.isDone(); }));
+    EXPECT_EQ(PRINT_STATE_PRINTING, service().getState());
+}
+
+TEST_F(PrintServiceLock, JobIsStoppedBeforeItsEndIsToldOnStandardOutput)
+{
+    const FaultScope hold("puts=print job finish!:1:HOLD");
+    m_controller.say("ok\n"); // keeps the read behind the line from waiting
+    startJob("G1 X1\n");
+
+    EXPECT_TRUE(eventually([] { return 1 == faultHits(); }));
+
+    EXPECT_EQ(PRINT_STATE_STOPPED, service().getState());
 }
 
 TEST_F(PrintServiceLock, StartWaitsForAThreadThatIsAboutToPark)

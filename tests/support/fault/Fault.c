@@ -8,10 +8,12 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <link.h>
 #include <malloc.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdarg.h>
@@ -85,6 +87,11 @@ static unsigned g_uRules;     // 0 while the table is being filled
 static unsigned g_uHits;
 static __thread unsigned long t_ulAllocations __attribute__((tls_model("initial-exec")));
 
+enum
+{
+    HOLD = INT_MAX // no error: the call waits
+};
+
 struct ErrorName
 {
     const char* pName;
@@ -152,6 +159,7 @@ static const struct ErrorName ERROR_NAMES[] = {
     {"ETIMEDOUT", ETIMEDOUT},
     {"ETXTBSY", ETXTBSY},
     {"EUSERS", EUSERS},
+    {"HOLD", HOLD},
 };
 
 static int parseError(const char* pText)
@@ -399,7 +407,12 @@ static int faultAt(const void* pCaller, const char* pCall, enum FILTER_E eFilter
             0 == (uCount - pRule->uFirst) % pRule->uStep) {
             __atomic_add_fetch(&g_uHits, 1, __ATOMIC_SEQ_CST);
             __atomic_add_fetch(&g_pCount[i].uHits, 1, __ATOMIC_SEQ_CST);
-            return pRule->anError[(uCount - pRule->uFirst) / pRule->uStep % pRule->uErrors];
+            const int nError =
+                pRule->anError[(uCount - pRule->uFirst) / pRule->uStep % pRule->uErrors];
+            while (HOLD == nError && 0 != __atomic_load_n(&g_uRules, __ATOMIC_SEQ_CST)) {
+                sched_yield();
+            }
+            return (HOLD == nError) ? 0 : nError;
         }
     }
     return 0;
@@ -882,6 +895,7 @@ PLAIN(pid_t, waitpid, (pid_t nPid, int* pStatus, int nOptions), (nPid, pStatus, 
 BY_TEXT(FILE*, popen, (const char* text, const char* pMode), (text, pMode), NULL)
 PLAIN(int, pclose, (FILE * pFile), (pFile), -1)
 BY_TEXT(int, system, (const char* text), (text), -1)
+BY_TEXT(int, puts, (const char* text), (text), EOF)
 PLAIN_NOTED(int, nice, (int nIncrement), (nIncrement), -1, "%d", nIncrement)
 typedef void (*HANDLER_T)(int);
 PLAIN_NOTED(HANDLER_T, signal, (int nSignal, HANDLER_T pHandler), (nSignal, pHandler), SIG_ERR,

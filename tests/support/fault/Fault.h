@@ -15,6 +15,7 @@ extern "C" {
  *   fork:1:11                 the first fork, with the error number 11
  *   malloc>=1024:1:ENOMEM     the first allocation of 1024 bytes or more
  *   send:3/10-200:EPIPE,EIO   the sends 3, 13, 23 and so on to 193, with these errors in turn
+ *   stat=/tmp/x:1:HOLD        the first such stat is made, but waits until the plan ends
  *
  * CALL is one of the names in Fault.c. The filter is a size for the allocations, a prefix for calls
  * that take a path or a command, the descriptor for the others. A failing call does nothing, sets

@@ -1,10 +1,12 @@
 // The failing calls themselves: what fails, which time, and what is left alone.
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <thread>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -15,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "ChildProgram.h"
+#include "Eventually.h"
 #include "Fault.h"
 
 namespace {
@@ -41,6 +44,24 @@ TEST(FaultLibrary, OnlyTheChosenCallFails)
     EXPECT_EQ(EAGAIN, errno);
     EXPECT_EQ(1u, faultHits());
     EXPECT_EQ(first, waitpid(first, nullptr, 0));
+}
+
+TEST(FaultLibrary, CallIsHeldUntilThePlanEnds)
+{
+    std::atomic<bool> bDone{false};
+    std::thread held;
+    {
+        FaultScope fault("access=/:1:HOLD");
+        held = std::thread([&bDone] {
+            EXPECT_EQ(0, access("/", F_OK));
+            bDone = true;
+        });
+        EXPECT_TRUE(eventually([] { return 1 == faultHits(); }));
+
+        EXPECT_EQ(0, access("/", F_OK)) << "the second one is not";
+        EXPECT_FALSE(bDone);
+    }
+    held.join();
 }
 
 TEST(FaultLibrary, AllocationOfThatSizeFails)
