@@ -24,7 +24,7 @@ TEST_F(PrintJobStart, JobRunsOnItsThreadAndItsFileIsNotInherited)
     m_controller.command("line 1 hold");
     saveJob("G1 X1\n");
     EXPECT_EQ(0, service().startPrint());
-    EXPECT_TRUE(waitForLines(1));
+    EXPECT_TRUE(waitForState(PRINT_STATE_PAUSED)); // so that "go" comes behind the hold
 
     EXPECT_EQ(1, countThreads("printservice"));
     const auto mapOpen = openDescriptors("/tmp.gcode");
