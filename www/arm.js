@@ -24,6 +24,7 @@ export class Arm {
     #heard = 0; // states that came as events
     #last = ""; // the journal's entry that was seen last
     #busy = new Set(); // buttons whose work is under way
+    #asked = 0; // works, ever
     #clicked = -Infinity; // ms
     #entered = () => {}; // a token
 
@@ -234,7 +235,10 @@ export class Arm {
         }
     }
 
-    /** Run what a button is for, once at a time, and tell what came of it. */
+    /**
+     * Run what a button is for, once at a time, and tell what came of it. What went well is not told
+     * any more once something else was asked for.
+     */
     async #do(button, work) {
         if (this.#busy.has(button) || button.getAttribute("aria-disabled") === "true") {
             return;
@@ -242,11 +246,14 @@ export class Arm {
         this.#busy.add(button);
         this.#showButtons();
         this.#view.say("…");
+        const asked = ++this.#asked;
         const heard = this.#heard;
         try {
             const answer = await work();
             this.#take(answer, heard);
-            this.#view.say(typeof answer === "string" ? answer : "");
+            if (asked === this.#asked) {
+                this.#view.say(typeof answer === "string" ? answer : "");
+            }
         } catch (problem) {
             this.#view.say(problem instanceof Problem ? problem.message : String(problem), true);
         } finally {

@@ -381,6 +381,33 @@ chromiumTest("an answer that comes after a newer event takes nothing back", asyn
     await page.textBecomes("arm-last", /^long\.gcode: stopped at line /);
 });
 
+chromiumTest("an answer that comes late does not wipe out what a newer one tells", async (page) => {
+    await enter(page);
+    await press(page, "arm-motion");
+    await page.textBecomes("arm-level", /^Motion$/);
+    await page.run(() => {
+        const { fetch } = window;
+        window.fetch = async (...asked) => {
+            const answer = await fetch(...asked);
+            if (String(asked[0]).endsWith("/home")) {
+                const status = document.getElementById("arm-status");
+                while (!status.textContent.endsWith(" is at the station.")) {
+                    await new Promise((resolve) => setTimeout(resolve, 20));
+                }
+            }
+            return answer;
+        };
+    });
+
+    await press(page, "arm-home");
+    await page.textBecomes("arm-homed", /^Homed$/);
+    await upload(page, "a square.gcode", square(10, 3));
+    // Home's answer has come when its button can be pressed again.
+    await page.until(() => document.getElementById("arm-home").getAttribute("aria-disabled") !== "true");
+
+    assert.equal(await page.text("arm-status"), "a_square.gcode is at the station.");
+});
+
 chromiumTest("a page that is loaded again keeps its job, one that is closed does not", async (page) => {
     await enter(page);
     await page.reach("live");
