@@ -154,7 +154,7 @@ class Server:
         self._output = os.fdopen(handle, "wb")
         self.process = subprocess.Popen(command + list(arguments), stdin=stdin, env=env, cwd=cwd,
                                         stdout=self._output, stderr=subprocess.STDOUT,
-                                        start_new_session=True, preexec_fn=limits)
+                                        process_group=0, preexec_fn=limits)
         if wait:
             wait_until(self._is_up, "the service listens")
 
