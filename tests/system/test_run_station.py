@@ -6,6 +6,7 @@ import re
 import shutil
 import signal
 import unittest
+import urllib.error
 import urllib.request
 
 import test_run
@@ -72,7 +73,10 @@ class RunStation(unittest.TestCase):
 
         def ended(now):
             if now["job"]:
-                self.ask("/job/lease", {"lease": started["lease"]})
+                try:
+                    self.ask("/job/lease", {"lease": started["lease"]})
+                except urllib.error.HTTPError as error:
+                    self.assertEqual("urn:problem:kestrel:no-job", json.load(error)["type"])  # ended since
             return now["job"] is None
         last = self.until(ended, "the job is over")["last_job"]
         self.assertEqual(("done", last["lines"]), (last["result"], last["line"]))
