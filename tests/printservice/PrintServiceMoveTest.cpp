@@ -99,11 +99,13 @@ TEST_F(PrintServiceMove, AnyFloatFitsTheCommand)
     ASSERT_LT(80U, std::string(acExpected).size());
     m_controller.command("say done\\n"); // a refused move has no second answer to wait for
     m_controller.command("line 2 say done\\n");
+    m_controller.command("line 2 late 300"); // so that it is not read together with that
 
     publishMove(LARGE, -std::numeric_limits<float>::max());
     EXPECT_EQ(acExpected, received().at(1));
 
     m_controller.command("say done\\n");
+    m_controller.command("line 4 late 300");
     publishMeasure(std::copysign(NOTHING, 1.0F));
     EXPECT_EQ("G05 Z-nan F1000 ", received().back());
 }
