@@ -83,8 +83,8 @@ def obey(board, line):
 def main():
     shutil.rmtree(CARD, ignore_errors=True)
     shutil.copytree(os.path.join(FOLDER, "..", "..", "www"), f"{CARD}/www")
-    slow = ("--keep", "2000", "--fps", "10")  # each picture costs the browser processor time
-    with Station() if "station" in sys.argv else Board(slow) as board:
+    slow = ("--fps", "5")  # each picture costs the browser processor time
+    with Station(camera_options=slow) if "station" in sys.argv else Board(("--keep", "2000", *slow)) as board:
         answer("ok")
         for line in sys.stdin:
             if line.strip() == "quit":
