@@ -141,7 +141,7 @@ TEST_F(PrintServiceHazardLine, DeliberateMoveGoesOutAlthoughHomingWasRefused)
 
 TEST_F(PrintServiceHazardLine, DeliberateNumbersOutsideTheFieldGoOut)
 {
-    m_controller.command("say done\\n"); // a refused move has no second answer to wait for
+    m_controller.command("say done\\n");     // a refused move has no second answer to wait for
     m_controller.command("line 1 late 300"); // so that it is not read together with that
     MeasureEvent event(1e38F);
 

@@ -168,7 +168,8 @@ TEST_F(V4l2Ctl, ScriptUnplugsTheCamera)
 
     const std::string strOutput = streamed(100000);
 
-    // A loaded machine may open it after the unplug only; at the requeueing that program names no error.
+    // A loaded machine may open it after the unplug only; at the requeueing that program names no
+    // error.
     EXPECT_TRUE(holds(strOutput, "No such device") || holds(strOutput, "Cannot open device") ||
                 holds(strOutput, "qbuf error"))
         << strOutput;
